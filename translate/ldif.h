@@ -1,0 +1,24 @@
+// Agent objects as LDIF text (RFC 2849) that slapd's str2entry reads.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "vex/vex.h"
+
+// What of an object is written, and how.
+struct LdifRequest {
+    std::string objectType;              // the LDAP object class that the search asked for; may be empty
+    bool includeCn = false;              // the client asked for cn by name
+    std::vector<std::string> requested;  // agent attribute names; empty means all
+    bool omitDn = false;                 // an empty DN line
+};
+
+// The object's text: the DN line, the attributes that gTranslationMap names, then
+// the others. Never fails: what cannot be read is logged and left out.
+std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request);
+
+// Appends the lines of one attribute. A value that is not printable goes base64;
+// a value without data leaves the bare name, with no separator and no line end.
+void attr_values_to_ldif(std::string* ldif, std::string_view name, const vexBlob* values, int count);
