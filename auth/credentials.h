@@ -23,7 +23,7 @@ Shredder HashPassword(const Shredder& password, const Shredder& salt);
 // Safe for use by several threads; one instance a process.
 class CredManager {
   public:
-    explicit CredManager(vorn::Clock clock = vorn::systemTime) : m_clock(clock) {}
+    explicit CredManager(vorn::Clock clock = vorn::systemTime);
     ~CredManager();
     CredManager(const CredManager&) = delete;
     CredManager& operator=(const CredManager&) = delete;

@@ -1,0 +1,1 @@
+#include "cache/search_cache.h"

@@ -1,0 +1,1 @@
+#include "translate/map.h"

@@ -1,0 +1,1 @@
+#include "vex/vex.h"
