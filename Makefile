@@ -1,0 +1,63 @@
+# The front door. CMake and its presets do the building; see CMakePresets.json.
+
+PYTHON := /usr/bin/python3
+CXX_FILES = $(shell git ls-files '*.cpp' '*.h')
+export PORT RUN_DIR ONESHOT
+
+.PHONY: help run test build lint asan tsan sanitize fuzz bench clean
+
+help:
+	@echo 'make run       build all, start the gateway with the example directory, look something up'
+	@echo '               PORT=, RUN_DIR=, and ONESHOT=1 to end after the look-ups'
+	@echo 'make test      unit tests and end-to-end tests'
+	@echo 'make build     build/release: the module, libvex, vexagent'
+	@echo 'make lint      the format, and what clang-tidy finds'
+	@echo 'make sanitize  the unit tests under the sanitizers (asan and tsan)'
+	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
+	@echo 'make bench     the benchmarks'
+	@echo 'make clean     removes build/'
+
+# A lone command, which make starts without a shell: its interruptions arrive.
+run: build
+	@tools/run-gateway
+
+test: build
+	@tools/run-tests release
+
+build: build-release
+
+# Packages and slapd's headers first; each is done in no time when nothing is missing.
+.PHONY: setup
+setup:
+	@tools/setup
+	@tools/slapd-headers build/slapd
+
+build-%: setup
+	@test -f build/$*/build.ninja || cmake --preset $* > build/$*.log || { cat build/$*.log; exit 1; }
+	@ninja -C build/$*
+
+lint: build
+	clang-format --dry-run -Werror $(CXX_FILES)
+	printf '%s\n' $(filter %.cpp,$(CXX_FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/release
+
+asan tsan: %: build-%
+	@tools/run-tests $* --unit
+
+sanitize: asan tsan
+
+FUZZ_SECONDS ?= 30
+fuzz: build-fuzz
+	@set -e; for corpus in fuzz/corpus/*; do \
+	    target=$$(basename "$$corpus"); echo "== $$target"; mkdir -p "build/fuzz/found/$$target"; \
+	    program=$$(find build/fuzz -name "$$target" -type f -perm -100); \
+	    "$$program" -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=1024 -verbosity=0 -print_final_stats=1 \
+	        -artifact_prefix="build/fuzz/found/$$target/" "build/fuzz/found/$$target" "$$corpus"; \
+	done
+
+bench: setup
+	@cmake --preset release -B build/bench -DZX_BENCH=ON > build/bench.log || { cat build/bench.log; exit 1; }
+	@ninja -C build/bench
+	@set -e; for program in build/bench/bench/*_bench; do "$$program"; done
+
+clean:
+	rm -rf build
