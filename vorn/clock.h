@@ -8,6 +8,8 @@ namespace vorn {
 // Gives the current calendar time in seconds; the default is time(NULL).
 using Clock = std::time_t (*)();
 
-inline std::time_t systemTime() { return std::time(nullptr); }
+inline std::time_t systemTime() {
+    return std::time(nullptr);
+}
 
 }  // namespace vorn

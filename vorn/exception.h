@@ -10,8 +10,7 @@ namespace vorn {
 // A failure with the code of whoever raised it (0 where there is none).
 class VORNException : public std::runtime_error {
   public:
-    VORNException(const std::string& message, int code)
-        : VORNException(message, "VORNException", code) {}
+    VORNException(const std::string& message, int code) : VORNException(message, "VORNException", code) {}
     VORNException(const std::string& message, std::string className, int code)
         : std::runtime_error(message), m_className(std::move(className)), m_code(code) {}
 

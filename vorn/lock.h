@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <list>
@@ -30,8 +31,10 @@ using Lock = std::mutex;
 // had read. The lock is then released with releaseWriteLock.
 //
 // Misuse ends the process with the assertion's text on standard error:
-// destroying a lock that is not idle, or releasing a lock that the thread does
-// not hold.
+// destroying a lock that is not idle, releasing or upgrading a lock that the
+// thread does not hold, and asking for what the thread's own locks would keep it
+// from for ever (the write lock while it reads, any lock while it writes, an
+// upgrade with a second read lock).
 class ReaderWriterLock {
   public:
     ReaderWriterLock() = default;
@@ -59,8 +62,16 @@ class ReaderWriterLock {
   private:
     enum State { UNLOCKED, READING, WRITING };
 
-    bool readerMayEnter() const;
-    bool writerMayEnter() const;
+    bool readerMayEnter() const { return m_state != WRITING && !anyoneGoesBeforeReaders(); }
+    bool writerMayEnter() const { return m_state == UNLOCKED; }
+    bool upgraderMayEnter() const;
+    bool anyoneGoesBeforeReaders() const;
+    std::size_t readLocksOfThisThread() const;
+    void waitToRead(std::unique_lock<Mutex>& guard);
+    void waitToWrite(std::unique_lock<Mutex>& guard);
+    void waitToUpgrade(std::unique_lock<Mutex>& guard);
+    void beginWriting();
+    void wakeWhoMayEnter();
 
     Mutex m_mutex;
     State m_state = UNLOCKED;
@@ -68,9 +79,12 @@ class ReaderWriterLock {
     std::size_t m_numWritersWaiting = 0;
     std::size_t m_numReadersWaitingForUpgrade = 0;
     std::size_t m_numReadersWaiting = 0;
-    std::list<pthread_t> m_readers;  // one element per read lock held
-    pthread_t m_writer{};
-    std::condition_variable m_changed;
+    std::list<pthread_t> m_readers;     // one element per read lock held, the newest first
+    std::atomic<pthread_t> m_writer{};  // changed with m_mutex held; 0 when nobody writes
+    std::list<pthread_t> m_spare;       // elements to use again, so that a read lock costs no allocation
+    std::condition_variable m_readersMayEnter;
+    std::condition_variable m_writerMayEnter;
+    std::condition_variable m_upgraderMayEnter;
 };
 
 // Holds the read side for a scope; releases the write side instead when the

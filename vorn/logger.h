@@ -49,13 +49,13 @@ class Logger {
     bool admits(int level) { return fileThreshold() <= level || syslogThreshold() <= level; }
 
     // Writes one record to each place whose threshold admits it.
-    void log(int level, const char* sourceLabel, int sourceLine, const char* function, const char* format, ...)
-        __attribute__((format(printf, 6, 7)));
+    void log(int level, const char* sourceLabel, int sourceLine, const char* function, const char* format,
+             ...) __attribute__((format(printf, 6, 7)));
 
     const std::string& channel() const { return m_channel; }
 
   private:
-    int resolve(int Logger::* threshold);
+    int resolve(int Logger::*threshold);
 
     const std::string m_channel;
     int m_fileThreshold;

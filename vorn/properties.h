@@ -13,7 +13,9 @@
 //   - the value is the rest of the line, trailing blanks included;
 //   - a key given twice keeps its last value.
 // Unlike java.util.Properties, which guesses, a malformed line is an error: a
-// line without a key, a broken "\u" escape, a NUL byte, text that is not UTF-8.
+// line without a key, a broken "\u" escape or an unpaired surrogate, a NUL byte
+// (escaped or not), text that is not UTF-8. A byte order mark at the beginning is
+// skipped. Files above 16 MiB are refused.
 #pragma once
 
 #include <cstddef>
@@ -50,6 +52,9 @@ class Properties {
     // Adds the entries of a text; origin names it in complaints.
     void parse(std::string_view text, const std::string& origin);
 
+    // Takes over another table's entries in place of its own.
+    void assign(Properties&& other);
+
     // The key's value, if the table holds the key.
     std::optional<std::string> find(std::string_view key) const;
     // The key's value, or the fallback.
@@ -70,8 +75,8 @@ class Properties {
 
   private:
     mutable Lock m_lock;
-    Map m_entries;                                           // guarded by m_lock
-    std::map<std::string, std::string, StringCaseLessThan> m_origins;  // guarded by m_lock
+    Map m_entries;  // guarded by m_lock
+    Map m_origins;  // guarded by m_lock; the same keys, each with its "FILE:LINE"
 };
 
 }  // namespace vorn

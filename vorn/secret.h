@@ -1,6 +1,7 @@
 // Overwriting secrets.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace vorn {
@@ -9,7 +10,8 @@ namespace vorn {
 void wipe(void* memory, std::size_t size);
 
 // Overwrites a string's characters and everything else in its buffer, up to its
-// capacity (the short-string buffer included), and empties it.
+// capacity (the short-string buffer included), and empties it. The buffer itself
+// is kept.
 void wipe(std::string& text);
 
 }  // namespace vorn

@@ -14,14 +14,14 @@ namespace vorn {
 enum class FileRefusal {
     None = 0,
     DoesNotExist = 1,
-    NotRootOwned = 2,      // the folder: neither root's nor this process's user's
-    WorldWritable = 3,     // the folder, without the sticky bit or with it
+    NotRootOwned = 2,   // the folder: neither root's nor this process's user's
+    WorldWritable = 3,  // the folder, without the sticky bit or with it
     NoPermission = 4,
     Symlink = 5,
     Hardlinks = 6,
     AlreadyExists = 8,
     NotRegular = 9,
-    Blocked = 10,          // EBUSY, ETXTBSY, EROFS and kin
+    Blocked = 10,  // EBUSY, ETXTBSY, EROFS and kin
 };
 
 // " already exists." and so on, beginning with a blank; any other number gives

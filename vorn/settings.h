@@ -13,43 +13,41 @@
 namespace vorn {
 
 struct Setting {
-    const char* name;          // one ending in ".*" stands for a family
+    const char* name;  // one ending in ".*" stands for a family
     const char* defaultValue;
-    const char* meaning;       // one line, for --help and the manual
+    const char* meaning;  // one line, for --help and the manual
 };
 
-inline constexpr Setting SETTING_AGENT_SOCKET = {
-    "agent.socket", "/run/zanthe/vexagent.sock", "the agent's Unix socket"};
-inline constexpr Setting SETTING_AGENT_SOCKET_MODE = {
-    "agent.socket.mode", "0660", "the socket's mode, octal: who may ask the agent"};
-inline constexpr Setting SETTING_AGENT_SOCKET_GROUP = {
-    "agent.socket.group", "", "the socket's group (empty: the agent's own)"};
-inline constexpr Setting SETTING_AGENT_TIMEOUT = {
-    "agent.timeout", "10", "seconds after which a call to the agent counts as failed"};
-inline constexpr Setting SETTING_AGENT_THREADS = {
-    "agent.threads", "4", "how many requests the agent works on at once"};
-inline constexpr Setting SETTING_AGENT_CLIENTS = {
-    "agent.clients.max", "1024", "how many connections the agent accepts at once"};
-inline constexpr Setting SETTING_DIRECTORY = {
-    "directory", "embedded", "which directory the agent serves: embedded"};
-inline constexpr Setting SETTING_EMBEDDED_DATABASE = {
-    "embedded.database", "/var/lib/zanthe/directory.ldb", "the embedded directory's LDB file"};
+inline constexpr Setting SETTING_AGENT_SOCKET = {"agent.socket", "/run/zanthe/vexagent.sock",
+                                                 "the agent's Unix socket"};
+inline constexpr Setting SETTING_AGENT_SOCKET_MODE = {"agent.socket.mode", "0660",
+                                                      "the socket's mode, octal: who may ask the agent"};
+inline constexpr Setting SETTING_AGENT_SOCKET_GROUP = {"agent.socket.group", "",
+                                                       "the socket's group (empty: the agent's own)"};
+inline constexpr Setting SETTING_AGENT_TIMEOUT = {"agent.timeout", "10",
+                                                  "seconds after which a call to the agent counts as failed"};
+inline constexpr Setting SETTING_AGENT_THREADS = {"agent.threads", "4",
+                                                  "how many requests the agent works on at once"};
+inline constexpr Setting SETTING_AGENT_CLIENTS = {"agent.clients.max", "1024",
+                                                  "how many connections the agent accepts at once"};
+inline constexpr Setting SETTING_DIRECTORY = {"directory", "embedded",
+                                              "which directory the agent serves: embedded"};
+inline constexpr Setting SETTING_EMBEDDED_DATABASE = {"embedded.database", "/var/lib/zanthe/directory.ldb",
+                                                      "the embedded directory's LDB file"};
 inline constexpr Setting SETTING_EMBEDDED_LDIF = {
     "embedded.ldif", "", "an LDIF file; the database is built from it when it does not exist"};
-inline constexpr Setting SETTING_DOMAIN_NAME = {
-    "domain.name", "", "the joined domain's DNS name"};
-inline constexpr Setting SETTING_ZONE_REALNAME = {
-    "zone.dn", "", "the DN of the zone that the host is joined to"};
-inline constexpr Setting SETTING_LOG_FILE = {
-    "log.file", "", "the log file (empty: none)"};
+inline constexpr Setting SETTING_DOMAIN_NAME = {"domain.name", "", "the joined domain's DNS name"};
+inline constexpr Setting SETTING_ZONE_REALNAME = {"zone.dn", "",
+                                                  "the DN of the zone that the host is joined to"};
+inline constexpr Setting SETTING_LOG_FILE = {"log.file", "", "the log file (empty: none)"};
 inline constexpr Setting SETTING_LOG_LEVEL = {
-    "log.level", "2", "least severe level written to the log file: 0 trace, 1 info, 2 warning, 3 error, 4 none"};
-inline constexpr Setting SETTING_LOG_SYSLOG_LEVEL = {
-    "log.syslog.level", "4", "the same for syslog"};
-inline constexpr Setting SETTING_LOG_LEVELS = {
-    "log.level.*", "", "log.level for one channel, such as log.level.dirgate"};
-inline constexpr Setting SETTING_LOG_SYSLOG_LEVELS = {
-    "log.syslog.level.*", "", "log.syslog.level for one channel"};
+    "log.level", "2",
+    "least severe level written to the log file: 0 trace, 1 info, 2 warning, 3 error, 4 none"};
+inline constexpr Setting SETTING_LOG_SYSLOG_LEVEL = {"log.syslog.level", "4", "the same for syslog"};
+inline constexpr Setting SETTING_LOG_LEVELS = {"log.level.*", "",
+                                               "log.level for one channel, such as log.level.dirgate"};
+inline constexpr Setting SETTING_LOG_SYSLOG_LEVELS = {"log.syslog.level.*", "",
+                                                      "log.syslog.level for one channel"};
 
 // All of the above.
 std::span<const Setting> knownSettings();

@@ -1,1 +1,93 @@
 #include "vorn/strings.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <stdexcept>
+
+namespace vorn {
+namespace {
+
+constexpr char foldLower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+constexpr char foldUpper(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+constexpr bool sameIgnoringCase(char a, char b) {
+    return foldLower(a) == foldLower(b);
+}
+
+constexpr bool isPrintableAscii(char c) {
+    return c >= ' ' && c <= '~';
+}
+
+}  // namespace
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(), foldLower);
+    return result;
+}
+
+std::string upper(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(), foldUpper);
+    return result;
+}
+
+bool equalsIgnoreCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), sameIgnoringCase);
+}
+
+bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() && equalsIgnoreCase(text.substr(0, prefix.size()), prefix);
+}
+
+bool StringCaseLessThan::operator()(std::string_view a, std::string_view b) const {
+    const std::size_t common = std::min(a.size(), b.size());
+    for (std::size_t i = 0; i < common; ++i) {
+        const auto left = static_cast<unsigned char>(foldLower(a[i]));
+        const auto right = static_cast<unsigned char>(foldLower(b[i]));
+        if (left != right) return left < right;
+    }
+    return a.size() < b.size();
+}
+
+std::string itoa(long value, int base) {
+    if (base < 2 || base > 36) throw std::invalid_argument("itoa: base " + std::to_string(base));
+    char digits[std::numeric_limits<unsigned long>::digits + 1];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
+    return std::string(digits, end);
+}
+
+bool stringInList(const std::vector<std::string>& list, std::string_view text, bool caseSensitive) {
+    return std::any_of(list.begin(), list.end(), [&](const std::string& item) {
+        return caseSensitive ? item == text : equalsIgnoreCase(item, text);
+    });
+}
+
+bool isprintable(std::string_view value) {
+    if (value.empty()) return true;
+    const char first = value.front();
+    if (first == ' ' || first == ':' || first == '<' || value.back() == ' ') return false;
+    return std::all_of(value.begin(), value.end(), isPrintableAscii);
+}
+
+std::string printable(std::string_view value) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string result;
+    result.reserve(value.size());
+    for (const char c : value) {
+        if (isPrintableAscii(c) && c != '\\') {
+            result += c;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        result += {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    return result;
+}
+
+}  // namespace vorn

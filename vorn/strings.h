@@ -20,7 +20,8 @@ struct StringCaseLessThan {
     bool operator()(std::string_view a, std::string_view b) const;
 };
 
-// A number in the given base, 2 to 36, with lower-case digits.
+// A number in the given base, 2 to 36, with lower-case digits. Throws
+// std::invalid_argument for another base.
 std::string itoa(long value, int base);
 
 // Whether list holds text; a false caseSensitive compares without regard to case.
@@ -28,11 +29,11 @@ bool stringInList(const std::vector<std::string>& list, std::string_view text, b
 
 // Whether a value can stand in an LDIF line as it is: the SAFE-STRING of
 // RFC 2849, where a trailing blank counts as unsafe too (its note 8 advises
-// base64 for it). Empty text is safe.
+// base64 for it), and so do all control bytes. Empty text is safe.
 bool isprintable(std::string_view value);
 
 // The value with every byte that is not printable ASCII, and every backslash,
-// written as a backslash and two hexadecimal digits.
+// written as a backslash and two lower-case hexadecimal digits.
 std::string printable(std::string_view value);
 
 }  // namespace vorn
