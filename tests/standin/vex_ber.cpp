@@ -1,0 +1,92 @@
+// The BER functions of vex/vex.h, done by liblber.
+#include <cstdarg>
+
+#include "tests/standin/state.h"
+
+namespace {
+
+void note(const std::string& line) {
+    std::lock_guard guard(standin::state().mutex);
+    standin::state().note(line);
+}
+
+// liblber has no va_list form: one letter of the format at a time. The element
+// keeps the tag that "t" sets and the open sequences between the calls.
+int printOne(BerElement* ber, char letter, va_list* arguments) {
+    const char format[] = {letter, '\0'};
+    switch (letter) {
+        case 'i':
+        case 'e':
+            return ber_printf(ber, format, va_arg(*arguments, ber_int_t));
+        case 'b':
+            return ber_printf(ber, format, va_arg(*arguments, int));
+        case 't':
+            return ber_printf(ber, format, va_arg(*arguments, ber_tag_t));
+        case 's':
+            return ber_printf(ber, format, va_arg(*arguments, char*));
+        case 'O':
+            return ber_printf(ber, format, va_arg(*arguments, struct berval*));
+        case 'o': {
+            char* bytes = va_arg(*arguments, char*);
+            return ber_printf(ber, format, bytes, va_arg(*arguments, ber_len_t));
+        }
+        case '{':
+        case '}':
+        case '[':
+        case ']':
+        case 'n':
+        case 'N':
+            return ber_printf(ber, format);
+        default:
+            return -1;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+void vex_ber_init2(BerElement* ber, struct berval* value, int options) {
+    note("vex_ber_init2(ber, " + std::string(value ? "value" : "null") + ", " + std::to_string(options) +
+         ")");
+    ber_init2(ber, value, options);
+}
+
+int vex_ber_printf(BerElement* ber, const char* format, ...) {
+    note("vex_ber_printf(ber, \"" + std::string(format) + "\")");
+    va_list arguments;
+    va_start(arguments, format);
+    int written = 0;
+    for (; *format && written >= 0; ++format) {
+        int more = printOne(ber, *format, &arguments);
+        written = more < 0 ? -1 : written + more;
+    }
+    va_end(arguments);
+    return written;
+}
+
+int vex_ber_flatten2(BerElement* ber, struct berval* value, int alloc) {
+    note("vex_ber_flatten2(ber, value, " + std::to_string(alloc) + ")");
+    {
+        std::lock_guard guard(standin::state().mutex);
+        if (int code = standin::state().nextAnswer("vex_ber_flatten2")) return code;
+    }
+    return ber_flatten2(ber, value, alloc);
+}
+
+void vex_ber_free_buf(BerElement* ber) {
+    note("vex_ber_free_buf(ber)");
+    ber_free_buf(ber);
+}
+
+void* vex_ber_memcalloc(ber_len_t count, ber_len_t size) {
+    note("vex_ber_memcalloc(" + std::to_string(count) + ", " + std::to_string(size) + ")");
+    return ber_memcalloc(count, size);
+}
+
+void vex_ber_memfree(void* memory) {
+    note(memory ? "vex_ber_memfree(memory)" : "vex_ber_memfree(null)");
+    ber_memfree(memory);
+}
+
+}  // extern "C"
