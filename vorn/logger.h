@@ -8,10 +8,18 @@
 // 0 trace, 1 information, 2 warning, 3 error, 4 nothing at all.
 //
 // Levels and the file come from the process-wide settings (log.file, log.level,
-// log.level.CHANNEL and their syslog twins). Neither a thread nor a connection is
-// made: a process may fork after it has logged.
+// log.level.CHANNEL and their syslog twins); a value that is not a level is
+// reported on standard error and passed over. No thread is made, and no place is
+// opened before the first record that goes there: a process may fork after it has
+// logged. A log file that cannot be opened is reported on standard error, once,
+// and logging goes on without it. In syslog, records stand under the name and the
+// facility of the process.
+//
+// A record of the log file is one line: local time with milliseconds, level,
+// channel, process id, thread id, source label and line, function, text.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -35,32 +43,43 @@ class Logger {
     static std::shared_ptr<Logger> GetThreadPrivateLogger(std::string_view channel);
 
     // Reads log.file and the levels anew; loggers that threads hold follow at
-    // their next use.
+    // their next use. The log file is opened again at the next record, so that
+    // one that was renamed is let go of.
     static void ReconfigureLevels(const Properties& settings);
 
+    // A logger with thresholds of its own, which ReconfigureLevels leaves alone.
+    // Without a parent and a threshold it admits nothing.
     Logger(std::string channel, int fileThreshold, int syslogThreshold, std::shared_ptr<Logger> parent);
 
     // The threshold, taken from the nearest ancestor that sets it; the answer
     // is stored here, so that the walk is done once.
-    int fileThreshold() { return resolve(&Logger::m_fileThreshold); }
-    int syslogThreshold() { return resolve(&Logger::m_syslogThreshold); }
+    int fileThreshold();
+    int syslogThreshold();
 
     // Whether a record of this level goes anywhere.
     bool admits(int level) { return fileThreshold() <= level || syslogThreshold() <= level; }
 
-    // Writes one record to each place whose threshold admits it.
+    // Writes one record to each place whose threshold admits it. The text is
+    // never cut. Leaves errno alone and throws nothing.
     void log(int level, const char* sourceLabel, int sourceLine, const char* function, const char* format,
              ...) __attribute__((format(printf, 6, 7)));
 
     const std::string& channel() const { return m_channel; }
 
   private:
-    int resolve(int Logger::*threshold);
+    using Threshold = std::atomic<int>;
+
+    static std::shared_ptr<Logger> makeForThread(std::string_view channel);
+    int resolve(Threshold Logger::*threshold);
+    void followSettings();
 
     const std::string m_channel;
-    int m_fileThreshold;
-    int m_syslogThreshold;
+    // Atomic so that a handle that strays into another thread does no harm.
+    Threshold m_fileThreshold;
+    Threshold m_syslogThreshold;
     const std::shared_ptr<Logger> m_parent;
+    bool m_followsSettings = false;
+    std::atomic<unsigned> m_generation = 0;  // of the levels that the thresholds are from
 };
 
 }  // namespace vorn

@@ -1,0 +1,126 @@
+#include "vorn/logger.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <new>
+
+#include "vorn/log_registry.h"
+
+namespace vorn {
+namespace {
+
+// Whether the thread's table of loggers is gone already: another thread-local
+// object may log from its destructor.
+thread_local bool tableIsGone = false;
+
+struct ThreadLoggers {
+    std::map<std::string, std::shared_ptr<Logger>, std::less<>> byChannel;
+    ~ThreadLoggers() { tableIsGone = true; }
+};
+
+thread_local ThreadLoggers threadLoggers;
+
+std::string formatted(const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length <= 0) return {};
+    std::string text(static_cast<std::size_t>(length), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+const char* orEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+Logger::Logger(std::string channel, int fileThreshold, int syslogThreshold, std::shared_ptr<Logger> parent)
+    : m_channel(std::move(channel)),
+      m_fileThreshold(fileThreshold),
+      m_syslogThreshold(syslogThreshold),
+      m_parent(std::move(parent)) {}
+
+std::shared_ptr<Logger> Logger::GetThreadPrivateLogger(std::string_view channel) {
+    try {
+        if (tableIsGone) return makeForThread(channel);
+        const auto known = threadLoggers.byChannel.find(channel);
+        if (known != threadLoggers.byChannel.end()) return known->second;
+        auto logger = makeForThread(channel);
+        threadLoggers.byChannel.emplace(channel, logger);
+        return logger;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+std::shared_ptr<Logger> Logger::makeForThread(std::string_view channel) {
+    std::shared_ptr<Logger> parent;
+    if (!channel.empty()) {
+        const std::size_t stop = channel.rfind('.');
+        parent = GetThreadPrivateLogger(stop == std::string_view::npos ? "" : channel.substr(0, stop));
+    }
+    auto logger = std::make_shared<Logger>(std::string(channel), kUnset, kUnset, std::move(parent));
+    logger->m_followsSettings = true;
+    return logger;
+}
+
+void Logger::ReconfigureLevels(const Properties& settings) {
+    LogRegistry::instance().configure(settings);
+}
+
+int Logger::fileThreshold() {
+    return resolve(&Logger::m_fileThreshold);
+}
+
+int Logger::syslogThreshold() {
+    return resolve(&Logger::m_syslogThreshold);
+}
+
+int Logger::resolve(Threshold Logger::*threshold) {
+    if (m_followsSettings) followSettings();
+    const int own = (this->*threshold).load(std::memory_order_relaxed);
+    if (own != kUnset) return own;
+    const int inherited = m_parent == nullptr ? kNothing : m_parent->resolve(threshold);
+    (this->*threshold).store(inherited, std::memory_order_relaxed);
+    return inherited;
+}
+
+// Forgets what was taken from ancestors as well, since theirs may have changed.
+void Logger::followSettings() {
+    LogRegistry& registry = LogRegistry::instance();
+    const unsigned generation = registry.generation();
+    if (m_generation.load(std::memory_order_relaxed) == generation) return;
+    const LogLevels levels = registry.levels(m_channel);
+    m_fileThreshold.store(levels.file, std::memory_order_relaxed);
+    m_syslogThreshold.store(levels.syslog, std::memory_order_relaxed);
+    m_generation.store(generation, std::memory_order_relaxed);
+}
+
+void Logger::log(int level, const char* sourceLabel, int sourceLine, const char* function, const char* format,
+                 ...) {
+    const int savedErrno = errno;
+    std::va_list arguments;
+    va_start(arguments, format);
+    try {
+        const bool toFile = fileThreshold() <= level;
+        const bool toSyslog = syslogThreshold() <= level;
+        if (toFile || toSyslog) {
+            const std::string text = formatted(format, arguments);
+            const LogRecord record = {level,      m_channel,         orEmpty(sourceLabel),
+                                      sourceLine, orEmpty(function), text};
+            if (toFile) LogRegistry::instance().writeToFile(record);
+            if (toSyslog) LogRegistry::instance().writeToSyslog(record);
+        }
+    } catch (const std::exception&) {
+        // Out of memory: the record is lost, the caller's work is not.
+    }
+    va_end(arguments);
+    errno = savedErrno;
+}
+
+}  // namespace vorn
