@@ -1,0 +1,235 @@
+"""The servers under test: vexagent and slapd, as child processes in a folder of
+their own, on loopback and Unix sockets only.
+
+Whatever is started is registered with the test's Servers and stopped at its end by
+its process id. Nothing waits for a fixed time: wait_until polls with a deadline.
+"""
+import ctypes
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import time
+
+import ldap
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("ZX_BUILD") or ROOT / "build/release").absolute()
+EXAMPLES = ROOT / "examples"
+SUFFIX = "DC=example,DC=com"
+SLAPD = next((path for path in ("/usr/sbin/slapd", "/usr/local/sbin/slapd") if os.path.exists(path)), "slapd")
+SECONDS = 20  # the deadline of everything that is waited for
+
+
+def wait_until(condition, what, seconds=SECONDS):
+    """Polls until the condition gives something true, and returns that."""
+    deadline = time.monotonic() + seconds
+    while True:
+        result = condition()
+        if result:
+            return result
+        assert time.monotonic() < deadline, f"not within {seconds} seconds: {what}"
+        time.sleep(0.01)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def accepts(family, address):
+    with socket.socket(family) as probe:
+        probe.settimeout(1)
+        try:
+            probe.connect(address)
+        except OSError:
+            return False
+        return True
+
+
+class Server:
+    """A child process and its log."""
+
+    def __init__(self, name, folder, servers):
+        self.name, self.folder, self.process = name, folder, None
+        self.log_file = folder / f"{name}.log"
+        servers.append(self)
+
+    def spawn(self, command, env=None):
+        environment = dict(os.environ, **(env or {}))
+        with open(self.log_file, "ab") as output:
+            self.process = subprocess.Popen(
+                [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                env=environment, preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
+
+    def log(self):
+        return self.log_file.read_text(errors="replace") if self.log_file.exists() else ""
+
+    def running(self):
+        return self.process is not None and self.process.poll() is None
+
+    def wait_ready(self, condition):
+        def ready():
+            assert self.running(), f"{self.name} ended with status {self.process.returncode}:\n{self.log()}"
+            return condition()
+        wait_until(ready, f"{self.name} is ready")
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def stop(self):
+        """Stops it in order. Returns its exit status."""
+        if self.running():
+            self.signal(signal.SIGCONT)
+            self.process.terminate()
+            try:
+                self.process.wait(SECONDS)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+                raise AssertionError(f"{self.name} did not end when it was asked to") from None
+        return self.process.returncode if self.process else None
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+
+class Agent(Server):
+    """vexagent with a settings file of its own; further settings as a dictionary."""
+
+    def __init__(self, folder, servers, **settings):
+        super().__init__("vexagent", folder, servers)
+        self.socket = folder / "agent.sock"
+        self.settings_file = folder / "zanthe.conf"
+        self.settings = {
+            "agent.socket": self.socket,
+            "directory": "embedded",
+            "embedded.database": folder / "directory.ldb",
+            "embedded.ldif": EXAMPLES / "example.ldif",
+            "domain.name": "example.com",
+            "zone.dn": f"CN=Global,CN=Zones,{SUFFIX}",
+        }
+        self.settings.update({name.replace("__", "."): value for name, value in settings.items()})
+        self.env = {"ZANTHE_CONF": str(self.settings_file)}
+        self.write_settings()
+
+    def write_settings(self):
+        self.settings_file.write_text("".join(f"{name} = {value}\n" for name, value in self.settings.items()),
+                                      encoding="utf-8")
+
+    def launch(self):
+        self.spawn([BUILD / "agent/vexagent"], self.env)
+
+    def start(self):
+        self.launch()
+        self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket)))
+        return self
+
+    def refused(self):
+        """Starts it where it must not start: returns its exit status and its words."""
+        self.launch()
+        status = self.process.wait(SECONDS)
+        return status, self.log()
+
+    def modify(self, ldif):
+        """Changes the embedded directory under the running agent."""
+        subprocess.run(["ldbmodify", "-H", str(self.settings["embedded.database"])], input=ldif.encode(), check=True,
+                       stdout=subprocess.DEVNULL)
+
+
+class Slapd(Server):
+    """slapd with the module. The configuration is made of lines that a test chooses;
+    what is left out is as in the example."""
+
+    SCHEMAS = [f"/etc/ldap/schema/{name}.schema" for name in ("core", "cosine", "nis", "inetorgperson")]
+    DIRECTIVES = (
+        f'vextranslation "{EXAMPLES}/rfc2307.map"',
+        "dirgate.netgroup.use.rfc2307nisnetgroup true",
+        "dirgate.search.report.errors true",
+        "dirgate.paged.critical true",
+    )
+
+    def __init__(self, folder, servers, **parts):
+        super().__init__("slapd", folder, servers)
+        self.parts = parts
+        self.port = free_port()
+        self.uri = f"ldap://127.0.0.1:{self.port}"
+        self.config_file = folder / "slapd.conf"
+        self.env = dict(parts.get("env", {}))
+        self.connections = []
+        self.write_config()
+
+    def write_config(self):
+        part = self.parts.get
+        lines = [f'include "{schema}"' for schema in [*self.SCHEMAS, EXAMPLES / "zanthedx.schema"]]
+        lines += [f'pidfile "{self.folder}/slapd.pid"', f'modulepath "{part("modulepath", BUILD / "backend")}:/usr/lib/ldap"']
+        lines += [f"moduleload {name}" for name in (part("module", "libback_zanthedx.so.0"), *part("modules", ()))]
+        lines += part("globals", ("sizelimit unlimited", "timelimit unlimited"))
+        if part("backend"):
+            lines += ["backend zanthedx", *part("backend")]
+        if part("database", True):
+            lines += ["database zanthedx", f'suffix "{SUFFIX}"', "access to * by * read"]
+            lines += part("directives", self.DIRECTIVES)
+            lines += part("overlays", ())
+        self.config_file.write_text("\n".join(lines) + "\n", encoding="utf-8")
+
+    def launch(self):
+        self.spawn([SLAPD, "-d", self.parts.get("debug", "0"), "-h", self.uri, "-f", self.config_file], self.env)
+
+    def start(self):
+        self.launch()
+        self.wait_ready(lambda: accepts(socket.AF_INET, ("127.0.0.1", self.port)))
+        return self
+
+    def refused(self):
+        self.launch()
+        status = self.process.wait(SECONDS)
+        return status, self.log()
+
+    def line_of(self, text):
+        """The number of the configuration's first line that begins with the text."""
+        lines = self.config_file.read_text(encoding="utf-8").splitlines()
+        return next(number for number, line in enumerate(lines, 1) if line.startswith(text))
+
+    def connect(self, who=None, password=None):
+        """A connection, anonymous or bound."""
+        connection = ldap.initialize(self.uri)
+        connection.set_option(ldap.OPT_REFERRALS, 0)
+        connection.set_option(ldap.OPT_TIMEOUT, SECONDS + 10)
+        connection.set_option(ldap.OPT_NETWORK_TIMEOUT, SECONDS)
+        self.connections.append(connection)
+        if who is not None:
+            connection.simple_bind_s(who, password)
+        return connection
+
+    def stop(self):
+        for connection in self.connections:
+            try:
+                connection.unbind_ext()
+            except ldap.LDAPError:
+                pass
+        self.connections.clear()
+        return super().stop()
+
+
+def search(connection, filter, attributes=None, base=SUFFIX, scope=ldap.SCOPE_SUBTREE, **limits):
+    """The entries found, as {DN: {attribute: [bytes]}}; none when the answer is 32."""
+    try:
+        found = connection.search_ext_s(base, scope, filter, attributes, **limits)
+    except ldap.NO_SUCH_OBJECT:
+        return {}
+    return {dn: values for dn, values in found if dn is not None}
+
+
+def values(entry, name):
+    """An attribute's values as text, whatever the spelling of its name."""
+    return [value.decode() for key, some in entry.items() if key.lower() == name.lower() for value in some]
+
+
+def failure(exception):
+    """The result code and the text of an LDAPError, as they came over the wire."""
+    detail = exception.args[0]
+    return detail["result"], detail.get("info", "")

@@ -1,0 +1,140 @@
+"""vexagent by itself: what it refuses, in one line that names the thing, leaving nothing behind."""
+import os
+import socket
+
+import pytest
+
+from gateway import SECONDS, accepts
+
+
+def one_line(log):
+    lines = log.strip().splitlines()
+    assert len(lines) == 1, log
+    return lines[0]
+
+
+def refused(agent):
+    status, log = agent.refused()
+    assert status not in (0, None) and status > 0, f"status {status}: {log}"
+    assert not agent.socket.exists()
+    return one_line(log)
+
+
+def test_a_setting_that_nobody_knows(world):
+    agent = world.agent(agent__sokket="/tmp/x")
+    assert f"{agent.settings_file}:7: unknown setting agent.sokket" in refused(agent)
+
+
+@pytest.mark.parametrize("content, line", [(b"agent.socket = /tmp/x\n= what\n", 2), (b"a = \\u12\n", 1), (b"a = \xff\n", 1)])
+def test_malformed_settings(world, content, line):
+    agent = world.agent()
+    agent.settings_file.write_bytes(content)
+    assert f"{agent.settings_file}:{line}: " in refused(agent)
+
+
+def test_settings_that_are_not_there(world):
+    agent = world.agent()
+    agent.settings_file.unlink()
+    assert f"{agent.settings_file}: No such file or directory" in refused(agent)
+
+
+@pytest.mark.parametrize("name, value", [
+    ("directory", "elsewhere"),
+    ("agent.threads", "0"),
+    ("agent.threads", "many"),
+    ("agent.clients.max", "-1"),
+    ("agent.timeout", "soon"),
+    ("agent.socket.mode", "rw"),
+    ("agent.socket.group", "no-such-group-here"),
+])
+def test_a_value_that_makes_no_sense(world, name, value):
+    agent = world.agent(**{name.replace(".", "__"): value})
+    line = refused(agent)
+    assert name in line and value in line
+
+
+@pytest.mark.parametrize("ldif", [
+    "dn: CN=x,DC=example,DC=com\nthis is no attribute\n",
+    "cn: no dn comes first\n",
+    "dn: not a dn\ncn: x\n",
+])
+def test_an_ldif_that_is_none(world, ldif):
+    file = world.folder / "bad.ldif"
+    file.write_text(ldif)
+    agent = world.agent(embedded__ldif=file)
+    assert str(file) in refused(agent)
+    # A half-made database would be taken for the directory at the next start.
+    assert not (world.folder / "directory.ldb").exists()
+
+
+def test_an_ldif_that_is_not_there(world):
+    agent = world.agent(embedded__ldif=world.folder / "missing.ldif")
+    assert f"{world.folder}/missing.ldif" in refused(agent)
+
+
+def test_a_database_that_is_none(world):
+    (world.folder / "directory.ldb").write_bytes(b"no database" * 1000)
+    agent = world.agent()
+    assert f"{world.folder}/directory.ldb" in refused(agent)
+
+
+def test_a_socket_that_is_in_use(world):
+    agent = world.agent().start()
+    second = world.agent(embedded__database=world.folder / "second.ldb")
+    second.log_file = world.folder / "second.log"
+    status, log = second.refused()
+    assert status > 0 and str(agent.socket) in one_line(log)
+    assert accepts(socket.AF_UNIX, str(agent.socket))
+
+
+def test_a_stale_socket_is_replaced(world):
+    agent = world.agent().start()
+    agent.kill()
+    assert agent.socket.exists()
+    agent.start()
+
+
+def test_a_file_in_the_socket_s_place_is_left_alone(world):
+    agent = world.agent()
+    agent.socket.write_text("precious")
+    status, log = agent.refused()
+    assert status > 0 and str(agent.socket) in one_line(log)
+    assert agent.socket.read_text() == "precious"
+
+
+@pytest.mark.parametrize("path", ["no/such/folder/agent.sock", "x" * 120])
+def test_a_socket_that_cannot_be_made(world, path):
+    agent = world.agent(agent__socket=world.folder / path)
+    status, log = agent.refused()
+    assert status > 0 and str(world.folder / path) in one_line(log)
+
+
+def test_the_socket_s_mode_and_its_end(world):
+    agent = world.agent(agent__socket__mode="0600").start()
+    assert os.stat(agent.socket).st_mode & 0o7777 == 0o600
+    assert agent.stop() == 0
+    assert not agent.socket.exists()
+
+
+def test_garbage_on_the_socket_ends_that_connection_only(world):
+    agent = world.agent().start()
+    for garbage in (b"GET / HTTP/1.0\r\n\r\n" * 10, b"\xff" * 64, b"\0" * 64):
+        with socket.socket(socket.AF_UNIX) as client:
+            client.settimeout(SECONDS)
+            client.connect(str(agent.socket))
+            try:
+                client.sendall(garbage)
+                while client.recv(4096):
+                    pass
+            except ConnectionError:
+                pass
+    assert agent.running() and accepts(socket.AF_UNIX, str(agent.socket))
+
+
+def test_the_database_counts_once_it_is_there(world):
+    """Not the LDIF file, which may change or go."""
+    agent = world.agent().start()
+    agent.stop()
+    agent.settings["embedded.ldif"] = world.folder / "gone.ldif"
+    agent.write_settings()
+    agent.start()

@@ -1,0 +1,83 @@
+"""Simple binds: which names and passwords are right, and what is said when they are not."""
+import crypt
+
+import ldap
+import pytest
+
+from gateway import SUFFIX, Slapd, failure, search
+
+PEOPLE = f"OU=People,{SUFFIX}"
+ANN = f"cn=ann,OU=Engineering,{PEOPLE}"
+WRONG = (49, "vexAuth : cannot bind to server due to invalid user or password.")
+
+
+def refusal(gateway, who, password):
+    with pytest.raises(ldap.LDAPError) as caught:
+        gateway.connect(who, password)
+    return failure(caught.value)
+
+
+@pytest.mark.parametrize("who, password", [
+    (ANN, "welcome"),
+    (ANN.upper(), "welcome"),
+    (f"CN=Ann Lee,OU=Engineering,{PEOPLE}", "welcome"),
+    (f"cn=rosa,OU=Operations,{PEOPLE}", "Tea, at 4 o'clock"),
+    (f"cn=zoe,OU=Finance,{PEOPLE}", "mot de passe é"),
+    (f"CN=Zoë Martin,OU=Finance,{PEOPLE}", "mot de passe é"),
+    (f"cn=grace,OU=Engineering,{PEOPLE}", "welcome"),
+    (f"CN=Lovelace\\, Grace,OU=Engineering,{PEOPLE}", "welcome"),
+    (f"CN=Katherine \\\"Kit\\\" O'Neil,OU=Engineering,{PEOPLE}", "welcome"),
+    (f"cn=taro,OU=Research,{PEOPLE}", "welcome"),
+    (f"CN=Backup Service,OU=Service Accounts,{SUFFIX}", "welcome"),
+])
+def test_a_right_password(gateway, who, password):
+    connection = gateway.connect(who, password)
+    assert ldap.dn.str2dn(connection.whoami_s().removeprefix("dn:").lower()) == ldap.dn.str2dn(who.lower())
+
+
+def test_one_binds_with_the_dn_that_a_search_showed(gateway, anonymous):
+    found = search(anonymous, "(&(objectClass=posixAccount)(uid=hugo))", ["1.1"])
+    gateway.connect(next(iter(found)), "welcome")
+
+
+@pytest.mark.parametrize("who, password", [
+    (ANN, "Welcome"),
+    (ANN, "welcome "),
+    (ANN, "welcom"),
+    (f"cn=nils,OU=Operations,{PEOPLE}", "welcome"),
+    (f"cn=nobody,OU=Operations,{PEOPLE}", "welcome"),
+    (f"cn=ann,OU=Finance,{PEOPLE}", "welcome"),
+    (f"OU=Groups,{SUFFIX}", "welcome"),
+    (f"cn=kernel,OU=Groups,{SUFFIX}", "welcome"),
+])
+def test_a_wrong_name_or_password(gateway, who, password):
+    assert refusal(gateway, who, password) == WRONG
+
+
+def test_the_right_password_again_after_a_wrong_one(gateway):
+    assert refusal(gateway, ANN, "wrong") == WRONG
+    gateway.connect(ANN, "welcome")
+    assert refusal(gateway, ANN, "wrong") == WRONG
+
+
+def test_a_disabled_account_is_refused(gateway):
+    code, text = refusal(gateway, f"cn=iris,OU=Former,{PEOPLE}", "welcome")
+    assert code != 0 and text.startswith("vexAuth :")
+
+
+def test_a_password_without_a_name_is_anonymous_or_refused(gateway):
+    # slapd's own rule: a name without a password is refused (unauthenticated bind).
+    with pytest.raises(ldap.LDAPError) as caught:
+        gateway.connect(ANN, "")
+    assert caught.value.args[0]["result"] in (48, 53)
+
+
+def test_a_changed_password(world):
+    """The old one keeps working no longer than its credential lives; the new one works at once."""
+    agent = world.agent().start()
+    slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, "dirgate.cache.credential.expires 3600")).start()
+    slapd.connect(ANN, "welcome")
+    agent.modify(f"dn: CN=Ann Lee,OU=Engineering,{PEOPLE}\nchangetype: modify\nreplace: userPassword\n"
+                 f"userPassword: {{CRYPT}}{crypt.crypt('new', crypt.METHOD_SHA512)}\n")
+    slapd.connect(ANN, "new")
+    assert refusal(slapd, ANN, "welcome") == WRONG
