@@ -36,6 +36,9 @@ extern "C" {
 #include "slap.h"
 
 #include "lutil.h"
+
+// libldap's own log, which it exports without a public declaration.
+int ldap_log_printf(LDAP* ld, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 }
 
 // Macros that would rewrite C++ code of the files that include this header.

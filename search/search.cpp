@@ -1,1 +1,32 @@
+#include "search/search.h"
+
+#include <cstdio>
+#include <exception>
+
+#include "search/operation.h"
+
 #include "backend/slapd.h"
+
+namespace {
+
+int reportException(Operation* op, SlapReply* rs, const char* what) {
+    static thread_local char text[512];
+    std::snprintf(text, sizeof text, "%s", what);
+    rs->sr_err = LDAP_OTHER;
+    rs->sr_text = text;
+    send_ldap_result(op, rs);
+    return 1;
+}
+
+}  // namespace
+
+int vex_back_search(Operation* op, SlapReply* rs) try {
+    SearchOperation search(op, rs);
+    const bool delivered =
+        search.prepare() && search.resumeOrOpen() && search.replayOrAsk() && search.deliver();
+    const bool staysOpen = delivered && search.endPage();
+    if (!staysOpen) search.finish();
+    return 0;
+} catch (const std::exception& error) {
+    return reportException(op, rs, error.what());
+}

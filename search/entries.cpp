@@ -1,0 +1,75 @@
+#include "search/entries.h"
+
+#include <utility>
+
+#include "backend/log.h"
+#include "vorn/dn.h"
+#include "vorn/strings.h"
+
+#include "backend/slapd.h"
+
+namespace {
+
+// The mark's presence alone disqualifies an object, whatever its value.
+bool isMarkedInvalid(vexSession* session, const vexObject* object) {
+    int value = 0;
+    return vexGetAttributeBool(session, object, VORN_NSSENTRY_INVALID, &value) == VEX_OK;
+}
+
+}  // namespace
+
+EntryMaker::EntryMaker(const SearchRequest& request, int scope, bool omitDn)
+    : m_request(request),
+      m_baseScope(scope == LDAP_SCOPE_BASE),
+      m_ldifRequest{request.objectType, request.includeCn, request.attributes, omitDn} {}
+
+EntryMaker::Result EntryMaker::make(vexSession* session, vex::UniqueObject* object, UniqueEntry* entry,
+                                    vexCode* code) const {
+    if (isMarkedInvalid(session, object->get())) return Result::Skipped;
+    std::string ldif = toLdif(session, object->get());
+    if (ldif.empty()) return Result::Skipped;
+    if (m_request.fetchByDn) {
+        const Result fetched = fetchByDn(session, object, code);
+        if (fetched != Result::Made) return fetched;
+        ldif = toLdif(session, object->get());
+    }
+    *entry = parse(ldif);
+    if (*entry == nullptr) {
+        JPrintf("Skipping object, invalid ldif %s", ldif.c_str());
+        return Result::Skipped;
+    }
+    return isOtherThanBase(entry->get()) ? Result::Skipped : Result::Made;
+}
+
+EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject* object,
+                                         vexCode* code) const {
+    vex::UniqueString dn;
+    *code = vex::readAttribute(session, object->get(), AD_OBJECT_DN_TEXT, &dn);
+    if (*code != VEX_OK) return Result::Unreadable;
+    const std::string domain = vorn::DN::domainFromDN(dn.get());
+    object->reset();
+    JPrintf("Calling vexLdapFetch with domain = %s, dn = %s", domain.c_str(), dn.get());
+    vexObject* whole = nullptr;
+    *code =
+        vexLdapFetch(session, domain.c_str(), dn.get(), namesForAgent(m_request.attributes).data(), &whole);
+    if (*code != VEX_OK) return Result::NotFetched;
+    object->reset(whole);
+    return Result::Made;
+}
+
+std::string EntryMaker::toLdif(vexSession* session, const vexObject* object) const {
+    std::string ldif = object_to_ldif(session, object, m_ldifRequest);
+    JPrintf("After translation: out_ldif = \n%s", ldif.c_str());
+    return ldif;
+}
+
+UniqueEntry EntryMaker::parse(std::string ldif) {
+    return UniqueEntry(str2entry(ldif.data()));
+}
+
+// A base search answers with the base itself, or with nothing; the rewritten
+// filter of a uid base finds an object under another name on purpose.
+bool EntryMaker::isOtherThanBase(const Entry* entry) const {
+    if (!m_baseScope || m_request.fetchByUidDone || entry->e_name.bv_len == 0) return false;
+    return !vorn::equalsIgnoreCase({entry->e_name.bv_val, entry->e_name.bv_len}, m_request.base);
+}

@@ -1,0 +1,34 @@
+// The objects of one open search, one after the other.
+#pragma once
+
+#include <string>
+
+#include "cache/search_cache.h"
+#include "search/handles.h"
+#include "vex/handles.h"
+
+// Reads from the agent's search, or replays a list from the cache, where missing
+// objects are looked up at the agent. Objects from the agent fill the cache when
+// the handle's search may be stored.
+class ObjectSource {
+  public:
+    ObjectSource(LdapSearchHandle* handle, SearchCacheManager* cache) : m_handle(handle), m_cache(cache) {}
+
+    // VEX_OK with an object, VEX_END_OF_RESULTS after the last one, or why there
+    // are no more objects to be had.
+    vexCode next(vex::UniqueObject* object);
+
+    // Whether a code that ended the results means that objects are missing from
+    // them which the directory may have.
+    bool isFailure(vexCode end) const;
+
+  private:
+    bool replays() const { return m_handle->search == nullptr; }
+    vexCode nextFromAgent(vex::UniqueObject* object);
+    vexCode nextFromList(vex::UniqueObject* object);
+    vexCode lookUp(const std::string& guid, vex::UniqueObject* object);
+    void store(const vexObject* object);
+
+    LdapSearchHandle* const m_handle;
+    SearchCacheManager* const m_cache;
+};

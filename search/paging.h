@@ -1,0 +1,56 @@
+// The simple paged results control (RFC 2696), answered by the module itself.
+//
+// The cookie is 24 bytes: three unsigned 64-bit numbers in the host's byte order,
+// namely how many entries the client has received, and the addresses of the open
+// search and of the entry that did not fit in the page before. It is a claim, not
+// a pointer: the addresses only name what the registry of open searches holds for
+// this connection.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "search/handles.h"
+#include "search/request.h"
+
+#include "backend/slapd.h"
+
+// The control of one request.
+class PagedResults {
+  public:
+    explicit PagedResults(Operation* op);
+
+    // Whether the request carries the control, and slapd did not mark it ignored.
+    bool requested() const { return m_state != nullptr; }
+
+    int pageSize() const { return m_state->ps_size; }
+    // Entries that the client has received in earlier pages; 0 without the control.
+    int earlier() const { return requested() ? m_state->ps_count : 0; }
+
+    // Checks page size and cookie. Takes the open search that the cookie names
+    // out of the registry; without a cookie *page stays empty and a new search
+    // begins.
+    std::optional<Rejection> resume(OpenPage* page);
+
+    // Attaches the control for a page after which entries are left: the page
+    // becomes the registry's, and the client gets the cookie that claims it. False
+    // when the control cannot be made; *page is then as it was.
+    bool answerOpen(SlapReply* rs, OpenPage* page);
+
+    // Attaches the control for the last page: an empty cookie. False when the
+    // control cannot be made.
+    bool answerLast(SlapReply* rs);
+
+  private:
+    struct Cookie {
+        std::uint64_t received;
+        std::uint64_t handle;
+        std::uint64_t pending;
+    };
+
+    bool attach(SlapReply* rs, struct berval* cookie);
+    void remember(unsigned long cookie, int received);
+
+    Operation* const m_op;
+    PagedResultsState* const m_state;  // null without the control
+};

@@ -1,0 +1,205 @@
+#include "search/request.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "backend/log.h"
+#include "backend/settings.h"
+#include "translate/filter.h"
+#include "translate/map.h"
+#include "vorn/dn.h"
+#include "vorn/exception.h"
+#include "vorn/settings.h"
+#include "vorn/strings.h"
+
+#include "backend/slapd.h"
+
+namespace {
+
+// Names beyond this many are not asked for.
+constexpr std::size_t kMaxAttributes = 127;
+// With more names than this there is no room for those that the module adds.
+constexpr std::size_t kMaxBeforeOwn = 124;
+
+constexpr char kNetgroupType[] = "nisNetgroup";
+constexpr char kNetgroupPath[] = "CN=netgroup,CN=Rfc2307NisMaps,";
+constexpr char kFetchByDnMarker[] = "cn=$";
+constexpr char kPosixAccount[] = "posixAccount";
+
+void findObjectType(const Filter* filter, SearchRequest* request) {
+    if (!find_object_type(filter, &request->typeAttribute, &request->objectType)) return;
+    request->agentType = translate_name(gTranslationMap, request->objectType, "");
+}
+
+void takeNetgroupPath(const Filter* filter, SearchRequest* request) {
+    request->netgroups = true;
+    request->agentType.clear();
+    JPrintf("vex search: nisNetgroup use Rfc2307 NisNetgroup");
+    request->filter = filter_as_string("", filter, nullptr);
+}
+
+// Whether a netgroup search's base names a place of its own, which is kept.
+bool isOwnPlace(const std::string& base) {
+    if (base.empty()) return false;
+    const std::string upper = vorn::upper(base);
+    const bool onlyDomainComponents = vorn::DN::isDN(base) && upper.find("OU=") == std::string::npos &&
+                                      upper.find("CN=") == std::string::npos;
+    return !onlyDomainComponents;
+}
+
+std::optional<Rejection> prepareNetgroupBase(SearchRequest* request) {
+    const std::string zone = vorn::loadSetting(vorn::SETTING_ZONE_REALNAME);
+    if (zone.empty()) return Rejection{LDAP_OTHER, "vex dirgate: can not get currently joined zone dn"};
+    request->zoneDomain = vorn::DN::domainFromDN(zone);
+    if (isOwnPlace(request->base)) return std::nullopt;
+
+    const std::string domain = vorn::loadSetting(vorn::SETTING_DOMAIN_NAME);
+    if (domain.empty()) return Rejection{LDAP_OTHER, "vex dirgate: can not get currently joined domain name"};
+    const std::string base = vorn::upper(request->base);
+    if (base.empty() || base == vorn::upper(vorn::DN::dnFromDomain(domain))) {
+        JPrintf("vex search: uses currently joined zone dn and rfc2307 nisnetgroup path as the search base");
+        request->base = kNetgroupPath + zone;
+        return std::nullopt;
+    }
+    if (base == vorn::upper(vorn::DN::dnFromDomain(request->zoneDomain))) {
+        JPrintf("vex search: uses currently joined zone domain dn as the search base");
+        return std::nullopt;
+    }
+    return Rejection{
+        LDAP_OTHER,
+        "vex dirgate: the specified search base is different from the currently joined domain dn "
+        "or the currently joined zone domain dn"};
+}
+
+// The agent's name of an attribute that the client asked for; empty for one that
+// is not asked for by name.
+std::string agentName(const SearchRequest& request, std::string_view name) {
+    if (name == "*") return "";
+    if (name == LDAP_NO_ATTRS) return AD_OBJECT_DN_TEXT;
+    if (request.agentType.empty()) return std::string(name);
+    std::string mapped = translate_name(gTranslationMap, translation_key(request.objectType, name), "");
+    return mapped.empty() ? std::string(name) : mapped;
+}
+
+// What a translated object cannot be made without: its DN's "cn", and the marks
+// that say what it is.
+void addOwnAttributes(SearchRequest* request) {
+    if (!request->includeCn) {
+        std::string cn = translate_name(gTranslationMap, translation_key(request->objectType, AD_CN), "");
+        if (!cn.empty()) request->attributes.push_back(std::move(cn));
+    }
+    request->attributes.emplace_back(VORN_OBJECT_CATEGORY);
+    request->attributes.emplace_back(VORN_NSSENTRY_INVALID);
+}
+
+bool contains(const vexStringSet& set, const std::string& name) {
+    return std::any_of(set.strings, set.strings + set.count,
+                       [&](const char* one) { return vorn::equalsIgnoreCase(one, name); });
+}
+
+// An object is cached with all its attributes, so a name that no object carries
+// can never be answered from the cache. Until the first bind has brought the list
+// of names, nothing is cached.
+bool attributesAreCacheable(const std::vector<std::string>& names) {
+    const vexStringSet* supported = gSupportedObjectAttrList.load(std::memory_order_acquire);
+    if (supported == nullptr || supported->count == 0) return false;
+    return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+        return name.starts_with('_') || contains(*supported, name);
+    });
+}
+
+}  // namespace
+
+std::optional<Rejection> prepareFilter(const Filter* filter, SearchRequest* request) try {
+    const vorn::Properties* map = translation_active(gTranslationMap) ? gTranslationMap : nullptr;
+    if (map != nullptr) {
+        findObjectType(filter, request);
+        if (gNetgroupUseRfc2307 && request->agentType == kNetgroupType) {
+            takeNetgroupPath(filter, request);
+            return std::nullopt;
+        }
+        JPrintf("vex search: objectType = %s (%s is mapped to %s)", request->typeAttribute.c_str(),
+                request->objectType.c_str(), request->agentType.c_str());
+    }
+    request->filter = filter_as_string(request->objectType, filter, map);
+    return std::nullopt;
+} catch (const vorn::VORNException& error) {
+    JPrintf("filter parsing (%s)...", error.what());
+    return Rejection{LDAP_INVALID_SYNTAX, "vex dirgate: invalid search filter"};
+}
+
+std::optional<Rejection> prepareBase(std::string_view dn, SearchRequest* request) {
+    request->base = dn;
+    request->firstRdn = dn.substr(0, dn.find(','));
+    return request->netgroups ? prepareNetgroupBase(request) : std::nullopt;
+}
+
+void prepareFetchByDn(SearchRequest* request) {
+    if (!vorn::startsWithIgnoreCase(request->base, kFetchByDnMarker)) return;
+    // One character more than the marker: the comma after it goes too.
+    request->base.erase(0, sizeof kFetchByDnMarker);
+    request->fetchByDn = true;
+}
+
+void prepareAttributes(const AttributeName* names, SearchRequest* request) {
+    std::size_t seen = 0;
+    for (const AttributeName* name = names; name != nullptr && seen < kMaxAttributes; ++name, ++seen) {
+        const std::string_view text(name->an_name.bv_val == nullptr ? "" : name->an_name.bv_val);
+        if (text.empty()) break;
+        if (vorn::equalsIgnoreCase(text, AD_CN)) request->includeCn = true;
+        request->oldAttributes.append(text).append(" ");
+        std::string translated = agentName(*request, text);
+        if (!translated.empty()) request->attributes.push_back(std::move(translated));
+    }
+    const std::size_t count = request->attributes.size();
+    if (!request->agentType.empty() && count >= 1 && count <= kMaxBeforeOwn) addOwnAttributes(request);
+    for (const std::string& name : request->attributes) request->newAttributes.append(name).append(" ");
+}
+
+void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
+    request->cacheable = cacheEnabled && attributesAreCacheable(request->attributes);
+    if (cacheEnabled && !request->cacheable) {
+        JPrintf("Requested attribute(s) is not supported by vexagent.");
+    }
+    // A search for DNs in the forest has the key of the plain search with the
+    // same base, but other results: it stays out of the cache.
+    if (request->fetchByDn) request->cacheable = false;
+    request->key = vorn::lower(request->filter) + vorn::lower(request->base) + vorn::itoa(scope, 10);
+}
+
+void prepareFetchByUid(int scope, SearchRequest* request) {
+    if (!gFetchByDnUID || request->filter != "(objectClass=*)" || scope != LDAP_SCOPE_BASE ||
+        !request->base.starts_with("uid=")) {
+        return;
+    }
+    JPrintf("vex search Do fetchbydnuid.");
+    request->objectType = kPosixAccount;
+    const std::size_t start = request->base.find('=') + 1;
+    const std::size_t comma = request->base.find(',', start);
+    const std::string uid = comma == std::string::npos ? "" : request->base.substr(start, comma - start);
+    request->agentType = translate_name(gTranslationMap, kPosixAccount, "");
+    const std::string attribute = translate_name(gTranslationMap, translation_key(kPosixAccount, "uid"), "");
+    if (!uid.empty() && !request->agentType.empty() && !attribute.empty()) {
+        // Escaped: a uid such as "*" names nobody and must not match everybody.
+        request->filter =
+            "(&(objectClass=" + request->agentType + ")(" + attribute + "=" + escape_filter_value(uid) + "))";
+    }
+    JPrintf("vex search after fetchbydnuid transformation, filter = %s", request->filter.c_str());
+    request->fetchByUidDone = true;
+}
+
+std::string domainEntryLdif(std::string_view suffix, std::string_view firstRdn) {
+    const std::size_t equals = firstRdn.find('=');
+    const std::string_view value = equals == std::string_view::npos ? firstRdn : firstRdn.substr(equals + 1);
+    std::string ldif = "dn: ";
+    ldif.append(suffix).append("\nobjectclass: domain\ndc: ").append(value).append("\n");
+    return ldif;
+}
+
+std::vector<const char*> namesForAgent(const std::vector<std::string>& names) {
+    std::vector<const char*> array;
+    array.reserve(names.size() + 1);
+    for (const std::string& name : names) array.push_back(name.c_str());
+    array.push_back(nullptr);
+    return array;
+}

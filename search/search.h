@@ -1,0 +1,8 @@
+// The search operation.
+#pragma once
+
+#include "backend/slapd.h"
+
+// slapd's search hook. Answers the whole request itself; 0, save when an
+// unexpected exception was reported to the client: then 1.
+int vex_back_search(Operation* op, SlapReply* rs);
