@@ -9,6 +9,8 @@
 #include <mutex>
 #include <system_error>
 
+#include "vorn/descriptor.h"
+
 namespace vorn {
 namespace {
 
@@ -21,9 +23,8 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
   public:
     explicit FileSink(const std::string& fileName)
         : m_fd(::open(fileName.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640)) {
-        if (m_fd < 0) throw std::system_error(errno, std::generic_category());
+        if (m_fd.get() < 0) throw std::system_error(errno, std::generic_category());
     }
-    ~FileSink() override { ::close(m_fd); }
 
   protected:
     void sink_it_(const spdlog::details::log_msg& record) override {
@@ -32,7 +33,7 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
         const char* next = line.data();
         std::size_t left = line.size();
         while (left > 0) {
-            const ssize_t written = ::write(m_fd, next, left);
+            const ssize_t written = ::write(m_fd.get(), next, left);
             if (written < 0 && errno == EINTR) continue;
             if (written <= 0) return;  // a full disk must not stop the service
             next += written;
@@ -42,7 +43,7 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
     void flush_() override {}
 
   private:
-    const int m_fd;
+    const Descriptor m_fd;
 };
 
 // Not spdlog's own syslog sink: that one calls openlog, which would give another

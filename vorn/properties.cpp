@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <system_error>
 
+#include "vorn/descriptor.h"
 #include "vorn/properties_parser.h"
 
 namespace vorn {
@@ -16,20 +17,6 @@ namespace {
 // Far above any file that a person writes; keeps a wrong path, such as a device
 // that never ends, from filling the memory.
 constexpr std::size_t kMostBytes = std::size_t{16} << 20;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    const int m_fd;
-};
 
 [[noreturn]] void fail(const std::string& fileName, int error) {
     throw PropertiesException(fileName + ": " + std::generic_category().message(error), error);

@@ -19,6 +19,7 @@ enum class FileRefusal {
     NoPermission = 4,
     Symlink = 5,
     Hardlinks = 6,
+    Other = 7,
     AlreadyExists = 8,
     NotRegular = 9,
     Blocked = 10,  // EBUSY, ETXTBSY, EROFS and kin
@@ -29,14 +30,14 @@ enum class FileRefusal {
 const char* fileRefusalText(int reason);
 
 // Creates a file for writing, with exactly this mode (the umask does not count),
-// in a folder that only root or this process's user can write to. Refused, in
-// the order of the checks: the folder (missing, owner, world-writable, not
-// accessible, itself a symbolic link), then at the path a symbolic link,
-// something that is not a regular file, a file with more than one hard link, and
-// any file at all. Every check is made on the open folder and the file is created
-// in that same folder, so nothing can be swapped between check and open. flags
-// are further open(2) flags, 0 for none. On refusal the answer is null and
-// *reason holds a FileRefusal.
+// in a folder that is root's or this process's user's and that not everybody can
+// write to. Refused, in the order of the checks: the folder (missing, itself a
+// symbolic link, owner, world-writable, not accessible), then at the path a
+// symbolic link, something that is not a regular file, a file with more than one
+// hard link, and any file at all. Every check is made on the open folder and the
+// file is created in that same folder, so nothing can be swapped between check
+// and open. flags are further open(2) flags, 0 for none. On refusal the answer is
+// null and *reason holds a FileRefusal, otherwise None; reason may be null.
 std::FILE* SecureFOpenForWriting(const char* path, int mode, int flags, int* reason);
 
 // A refused file. what() is the path and the reason's text, or the text alone
@@ -49,7 +50,9 @@ class FileSecurityException : public VORNException {
     static FileSecurityException refused(const char* path, int reason);
 };
 
-// An output stream over an open FILE, which stays the caller's. close() flushes.
+// An output stream over an open FILE, which stays the caller's and must live until
+// the stream is closed or gone, whichever is first; both flush. close() fails the
+// stream when the file could not take everything; after it, writing fails.
 class secure_ofstream : public std::ostream {
   public:
     explicit secure_ofstream(std::FILE* file);
