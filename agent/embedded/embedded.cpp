@@ -1,0 +1,276 @@
+#include "agent/embedded/embedded.h"
+
+#include <ldap.h>
+
+#include <charconv>
+#include <limits>
+#include <set>
+
+#include "agent/embedded/categories.h"
+#include "agent/embedded/filter.h"
+#include "agent/embedded/objects.h"
+#include "agent/embedded/passwords.h"
+#include "agent/embedded/search.h"
+#include "agent/embedded/zone.h"
+#include "agent/identifiers.h"
+#include "agent/secrets.h"
+#include "vorn/dn.h"
+#include "vorn/secret.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr std::uint32_t kAccountDisabled = 0x2;  // of userAccountControl
+
+// accountExpires counts 100 ns since 1601.
+constexpr std::int64_t kTicksPerSecond = 10'000'000;
+constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
+
+// What objects can carry even when none in the database does.
+constexpr const char* kAlwaysSupported[] = {"cn",
+                                            "name",
+                                            "displayName",
+                                            "description",
+                                            "mail",
+                                            "givenName",
+                                            "sn",
+                                            "telephoneNumber",
+                                            "objectClass",
+                                            "objectCategory",
+                                            "objectGUID",
+                                            "objectSid",
+                                            "distinguishedName",
+                                            "sAMAccountName",
+                                            "userPrincipalName",
+                                            "primaryGroupID",
+                                            "userAccountControl",
+                                            "member",
+                                            "memberOf",
+                                            "uid",
+                                            "uidNumber",
+                                            "gidNumber",
+                                            "gecos",
+                                            "unixHomeDirectory",
+                                            "loginShell",
+                                            "memberUid",
+                                            "shadowLastChange",
+                                            "shadowMin",
+                                            "shadowMax",
+                                            "shadowWarning",
+                                            "shadowInactive",
+                                            "shadowExpire",
+                                            "shadowFlag",
+                                            "nisNetgroupTriple",
+                                            "memberNisNetgroup",
+                                            "nisMapName",
+                                            "nisMapEntry",
+                                            "ipServicePort",
+                                            "ipServiceProtocol",
+                                            "ipProtocolNumber",
+                                            "oncRpcNumber",
+                                            "ipHostNumber",
+                                            "ipNetworkNumber",
+                                            "ipNetmaskNumber",
+                                            "macAddress",
+                                            "bootFile",
+                                            "bootParameter",
+                                            "msSFU30Name",
+                                            "msSFU30NisDomain"};
+
+std::int64_t number(std::string_view text, std::int64_t fallback) {
+    std::int64_t value = fallback;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() && end == text.data() + text.size() ? value : fallback;
+}
+
+Result noSuchUser() {
+    return Result::ldap(VEX_NO_SUCH_USER, LDAP_INVALID_CREDENTIALS, "no such user");
+}
+Result wrongPassword() {
+    return Result::ldap(VEX_WRONG_PASSWORD, LDAP_INVALID_CREDENTIALS, "wrong password");
+}
+Result accountRefused(const char* why) {
+    return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
+}
+
+Result unavailable(const std::string& text) {
+    return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE, text);
+}
+
+// The stored hashes, wiped when done with.
+class StoredHashes {
+  public:
+    explicit StoredHashes(const ldb_message* user) {
+        const ldb_message_element* element =
+            user == nullptr ? nullptr : ldb_msg_find_element(user, "userPassword");
+        for (unsigned i = 0; element != nullptr && i < element->num_values; ++i)
+            m_values.emplace_back(bytesOf(element->values[i]));
+    }
+    ~StoredHashes() {
+        for (std::string& value : m_values) vorn::wipe(value);
+    }
+    StoredHashes(const StoredHashes&) = delete;
+    StoredHashes& operator=(const StoredHashes&) = delete;
+
+    const std::vector<std::string>& values() const { return m_values; }
+
+  private:
+    std::vector<std::string> m_values;
+};
+
+}  // namespace
+
+EmbeddedDirectory::EmbeddedDirectory(const EmbeddedOptions& options)
+    : m_rules{options.domain, options.loginAttributes},
+      m_domainDn(vorn::DN::dnFromDomain(options.domain)),
+      m_clock(options.clock),
+      m_database(options.database) {}
+
+Result EmbeddedDirectory::checkDomain(const std::string& domain) const {
+    if (domain.empty() || domain == "$" || vorn::equalsIgnoreCase(domain, m_rules.domain)) return {};
+    return unavailable("no directory of the domain \"" + vorn::printable(domain) +
+                       "\": the embedded directory holds \"" + m_rules.domain + "\" only");
+}
+
+bool EmbeddedDirectory::isQuick(const Query& query) const {
+    if (query.scope == 0) return true;
+    const Pool pool = newPool();
+    ParseTree* tree = nullptr;
+    return !parseFilter(pool.get(), query.filter, tree).ok() || isQuickFilter(tree);
+}
+
+Result EmbeddedDirectory::findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base) {
+    const Result missing =
+        Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "the search base does not exist");
+    const bool atRoot = query.base.empty() || vorn::equalsIgnoreCase(query.base, m_domainDn);
+    if (atRoot) {
+        // The root is there to be searched even when it has no entry.
+        base = ldb_dn_new(pool, handle.ldb(), m_domainDn.c_str());
+        return base != nullptr ? Result() : missing;
+    }
+    const ldb_message* object = nullptr;
+    if (vorn::startsWithIgnoreCase(query.base, "<GUID=") && query.base.back() == '>') {
+        const auto guid = guidBytes(std::string_view(query.base).substr(6, query.base.size() - 7));
+        if (guid) object = handle.readByGuid(pool, *guid);
+    } else {
+        const Named named = findByDn(handle, pool, query.base, m_rules);
+        object = named.real != nullptr || query.scope != 0 ? named.real : named.only();
+    }
+    if (object == nullptr) return missing;
+    base = object->dn;
+    return {};
+}
+
+Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) {
+    rest.reset();
+    if (const Result domain = checkDomain(query.domain); !domain.ok()) return domain;
+    const Pool pool = newPool();
+    Plan plan;
+    if (const Result parsed = parseFilter(pool.get(), query.filter, plan.tree); !parsed.ok()) return parsed;
+    Database::Lease handle = m_database.lease();
+    if (const Result found = findBase(*handle, pool.get(), query, plan.base); !found.ok()) return found;
+
+    FilterContext context{handle->ldb(), m_domainDn, {}};
+    if (query.view.zone) context.groupsOf = [&](std::string_view uid) { return groupsOf(*handle, uid); };
+    const Selection selection = rewriteFilter(pool.get(), plan.tree, context);
+    if (selection == Selection::Nothing) return {};
+    if (selection == Selection::All) plan.tree = matchAll(pool.get());
+    return runSearch(m_database, handle, plan, query, {first, rest});
+}
+
+Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,
+                                Object& object) {
+    if (const Result checked = checkDomain(domain); !checked.ok()) return checked;
+    const Pool pool = newPool();
+    Database::Lease handle = m_database.lease();
+    const Named named = findByDn(*handle, pool.get(), dn, m_rules);
+    const ldb_message* message = named.real != nullptr ? named.real : named.only();
+    if (message == nullptr)
+        return Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
+    object = makeObject(*handle, message, view);
+    return {};
+}
+
+Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Object& object) {
+    const Pool pool = newPool();
+    const auto bytes = guidBytes(guid);
+    Database::Lease handle = m_database.lease();
+    const ldb_message* message = bytes ? handle->readByGuid(pool.get(), *bytes) : nullptr;
+    if (message == nullptr)
+        return Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
+    object = makeObject(*handle, message, view);
+    return {};
+}
+
+Result EmbeddedDirectory::checkAccount(const ldb_message* user) const {
+    const std::int64_t control = number(firstValue(user, "userAccountControl"), 0);
+    if ((control & kAccountDisabled) != 0) return accountRefused("the account is disabled");
+    const std::int64_t expires = number(firstValue(user, "accountExpires"), 0);
+    const bool never = expires <= 0 || expires == std::numeric_limits<std::int64_t>::max();
+    if (!never && expires / kTicksPerSecond - kSecondsTo1970 <= m_clock())
+        return accountRefused("the account has expired");
+    return {};
+}
+
+Result EmbeddedDirectory::authenticate(const std::string& user, const std::string& password) {
+    if (user.empty()) return noSuchUser();
+    if (password.empty()) return wrongPassword();
+    const Pool pool = newPool();
+    Named named;
+    {
+        // The handle is not held while the hash is computed.
+        Database::Lease handle = m_database.lease();
+        named = findByLoginName(*handle, pool.get(), user, m_rules);
+    }
+    if (named.count() > 1) return accountRefused("the name means more than one object");
+    const ldb_message* object = named.only();
+    const StoredHashes hashes(object);
+    const bool fitting = fitsAnyHash(password, hashes.values());
+    if (object == nullptr) return noSuchUser();
+    return fitting ? checkAccount(object) : wrongPassword();
+}
+
+Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
+    Database::Lease handle = m_database.lease();
+    const std::optional<std::uint64_t> sequence = handle->sequence();
+    {
+        const std::lock_guard lock(m_namesMutex);
+        if (sequence && sequence == m_namesSequence) {
+            names = m_names;
+            return {};
+        }
+    }
+    std::set<std::string, vorn::StringCaseLessThan> found(std::begin(kAlwaysSupported),
+                                                          std::end(kAlwaysSupported));
+    const Pool pool = newPool();
+    ldb_dn* root = ldb_dn_new(pool.get(), handle->ldb(), nullptr);
+    const ReadResult read =
+        handle->search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr, [&](ldb_message* message) {
+            for (unsigned i = 0; i < message->num_elements; ++i) {
+                const std::string_view name = message->elements[i].name;
+                if (!isSecretAttribute(name) && !found.contains(name)) found.emplace(name);
+            }
+            return true;
+        });
+    if (!read.ok()) return Result::ldap(VEX_DIRECTORY_ERROR, read.code, read.text);
+    names.assign(found.begin(), found.end());
+    const std::lock_guard lock(m_namesMutex);
+    m_names = names;
+    m_namesSequence = sequence;
+    return {};
+}
+
+Result EmbeddedDirectory::health() {
+    try {
+        Database::Lease handle = m_database.lease();
+        if (handle->sequence()) return {};
+        const char* text = ldb_errstring(handle->ldb());
+        return unavailable(m_database.path() +
+                           ": cannot be read: " + (text != nullptr ? text : "unknown error"));
+    } catch (const DatabaseError& error) {
+        return unavailable(error.what());
+    }
+}
+
+}  // namespace vexagent

@@ -1,0 +1,52 @@
+// The embedded directory: Active Directory's shape on a file of this host.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "agent/directory.h"
+#include "agent/embedded/database.h"
+#include "agent/embedded/names.h"
+#include "vorn/clock.h"
+
+namespace vexagent {
+
+struct EmbeddedOptions {
+    std::string database;                      // the LDB file
+    std::string domain;                        // the joined domain's DNS name
+    std::vector<std::string> loginAttributes;  // see NameRules
+    vorn::Clock clock = vorn::systemTime;
+};
+
+class EmbeddedDirectory : public Directory {
+  public:
+    // Throws DatabaseError.
+    explicit EmbeddedDirectory(const EmbeddedOptions& options);
+
+    bool isQuick(const Query& query) const override;
+    Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
+    Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
+    Result lookup(const std::string& guid, const View& view, Object& object) override;
+    Result authenticate(const std::string& user, const std::string& password) override;
+    Result supportedAttributes(std::vector<std::string>& names) override;
+    Result health() override;
+
+  private:
+    Result checkDomain(const std::string& domain) const;
+    Result findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base);
+    Result checkAccount(const ldb_message* user) const;
+
+    const NameRules m_rules;
+    const std::string m_domainDn;
+    const vorn::Clock m_clock;
+    Database m_database;
+
+    std::mutex m_namesMutex;
+    std::optional<std::uint64_t> m_namesSequence;  // guarded by m_namesMutex
+    std::vector<std::string> m_names;              // guarded by m_namesMutex
+};
+
+}  // namespace vexagent

@@ -1,0 +1,258 @@
+#include "agent/embedded/filter.h"
+
+#include <ldap.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "agent/embedded/categories.h"
+#include "agent/embedded/database.h"
+#include "agent/identifiers.h"
+#include "agent/secrets.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+bool is(std::string_view name, std::string_view other) {
+    return vorn::equalsIgnoreCase(name, other);
+}
+
+// The attribute that an assertion is about; null for AND, OR and NOT, and for an
+// extensible match without one.
+const char* assertedAttribute(const ParseTree* tree) {
+    switch (tree->operation) {
+        case LDB_OP_EQUALITY:
+            return tree->u.equality.attr;
+        case LDB_OP_SUBSTRING:
+            return tree->u.substring.attr;
+        case LDB_OP_GREATER:
+        case LDB_OP_LESS:
+        case LDB_OP_APPROX:
+            return tree->u.comparison.attr;
+        case LDB_OP_PRESENT:
+            return tree->u.present.attr;
+        case LDB_OP_EXTENDED:
+            return tree->u.extended.attr;
+        default:
+            return nullptr;
+    }
+}
+
+bool isNumber(std::string_view text) {
+    long long number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+void setAttribute(ParseTree* tree, const char* name) {
+    switch (tree->operation) {
+        case LDB_OP_EQUALITY:
+            tree->u.equality.attr = name;
+            break;
+        case LDB_OP_SUBSTRING:
+            tree->u.substring.attr = name;
+            break;
+        case LDB_OP_PRESENT:
+            tree->u.present.attr = name;
+            break;
+        case LDB_OP_EXTENDED:
+            tree->u.extended.attr = name;
+            break;
+        default:
+            tree->u.comparison.attr = name;
+            break;
+    }
+}
+
+// One rewriting of one filter.
+class Rewriting {
+  public:
+    Rewriting(void* pool, const FilterContext& context) : m_pool(pool), m_context(context) {}
+
+    // negated: whether an odd number of NOTs stands above.
+    Selection rewrite(ParseTree*& tree, bool negated) {
+        switch (tree->operation) {
+            case LDB_OP_AND:
+                return rewriteList(tree, negated, Selection::Nothing, Selection::All);
+            case LDB_OP_OR:
+                return rewriteList(tree, negated, Selection::All, Selection::Nothing);
+            case LDB_OP_NOT:
+                return rewriteNot(tree, negated);
+            default:
+                return rewriteAssertion(tree, negated);
+        }
+    }
+
+  private:
+    // decisive is the element that decides the whole, neutral the one that adds
+    // nothing.
+    Selection rewriteList(ParseTree*& tree, bool negated, Selection decisive, Selection neutral) {
+        auto& list = tree->u.list;
+        unsigned kept = 0;
+        for (unsigned i = 0; i < list.num_elements; ++i) {
+            const Selection element = rewrite(list.elements[i], negated);
+            if (element == decisive) return decisive;
+            if (element != neutral) list.elements[kept++] = list.elements[i];
+        }
+        if (kept == 0) return neutral;
+        list.num_elements = kept;
+        if (kept == 1)
+            tree = list.elements[0];
+        else if (tree->operation == LDB_OP_AND)
+            std::stable_sort(list.elements, list.elements + kept,
+                             [](const ParseTree* a, const ParseTree* b) { return cost(a) < cost(b); });
+        return Selection::Some;
+    }
+
+    Selection rewriteNot(ParseTree*& tree, bool negated) {
+        const Selection child = rewrite(tree->u.isnot.child, !negated);
+        if (child == Selection::All) return Selection::Nothing;
+        if (child == Selection::Nothing) return Selection::All;
+        return Selection::Some;
+    }
+
+    Selection rewriteAssertion(ParseTree*& tree, bool negated) {
+        const char* name = assertedAttribute(tree);
+        // Undefined: counts as true below a NOT, so that the NOT is false.
+        if (name == nullptr || isSecretAttribute(name)) return negated ? Selection::All : Selection::Nothing;
+        if (is(name, "_GUID")) setAttribute(tree, "objectGUID");
+        if (is(name, "_dn")) setAttribute(tree, "distinguishedName");
+        if (is(name, "_objectCategory")) setAttribute(tree, "objectCategory");
+        if (m_context.groupsOf && is(name, "memberUid")) return rewriteMemberUid(tree);
+        if (tree->operation == LDB_OP_EQUALITY) return rewriteEquality(tree);
+        if (tree->operation == LDB_OP_GREATER || tree->operation == LDB_OP_LESS) return rewriteOrdering(tree);
+        return Selection::Some;
+    }
+
+    Selection rewriteEquality(ParseTree* tree) {
+        const std::string_view name = tree->u.equality.attr;
+        const std::string_view value = bytesOf(tree->u.equality.value);
+        if (isIntegerAttribute(name)) return isNumber(value) ? Selection::Some : Selection::Nothing;
+        if (is(name, "objectGUID")) return rewriteGuid(tree, value);
+        if (is(name, "objectSid") && vorn::startsWithIgnoreCase(value, "S-1-")) {
+            const auto bytes = sidBytes(value);
+            if (!bytes) return Selection::Nothing;
+            tree->u.equality.value = newValue(m_pool, *bytes);
+        }
+        if (is(name, "objectCategory") && value.find('=') == std::string_view::npos)
+            tree->u.equality.value = newValue(m_pool, categoryDn(categoryOfClass(value), m_context.domainDn));
+        if (is(name, "distinguishedName") || is(name, "dn") || is(name, "member")) return rewriteDn(tree);
+        return Selection::Some;
+    }
+
+    Selection rewriteGuid(ParseTree* tree, std::string_view value) {
+        if (value.size() == kGuidBytes) return Selection::Some;
+        const auto bytes = guidBytes(value);
+        if (!bytes) return Selection::Nothing;
+        tree->u.equality.value = newValue(m_pool, *bytes);
+        return Selection::Some;
+    }
+
+    // DNs are stored in LDB's own spelling, so one with other spacing finds them.
+    Selection rewriteDn(ParseTree* tree) {
+        const std::string text(bytesOf(tree->u.equality.value));
+        ldb_dn* dn = ldb_dn_new(m_pool, m_context.ldb, text.c_str());
+        if (dn == nullptr || !ldb_dn_validate(dn) || ldb_dn_is_null(dn) || ldb_dn_is_special(dn))
+            return Selection::Nothing;
+        ldb_dn_remove_extended_components(dn);
+        tree->u.equality.value = newValue(m_pool, ldb_dn_get_linearized(dn));
+        return Selection::Some;
+    }
+
+    Selection rewriteOrdering(ParseTree* tree) {
+        if (!isIntegerAttribute(tree->u.comparison.attr)) return Selection::Some;
+        return isNumber(bytesOf(tree->u.comparison.value)) ? Selection::Some : Selection::Nothing;
+    }
+
+    ParseTree* newNode(ldb_parse_op operation) {
+        auto* node = talloc_zero(m_pool, ParseTree);
+        if (node == nullptr) throw std::bad_alloc();
+        node->operation = operation;
+        return node;
+    }
+
+    ParseTree* newOr(unsigned size) {
+        ParseTree* node = newNode(LDB_OP_OR);
+        node->u.list.elements = talloc_zero_array(node, ParseTree*, size);
+        if (node->u.list.elements == nullptr) throw std::bad_alloc();
+        node->u.list.num_elements = size;
+        return node;
+    }
+
+    // A group shows the memberUid that it holds itself and those of its members.
+    // Presence asks for either; the other matches see only what is stored.
+    Selection rewriteMemberUid(ParseTree*& tree) {
+        if (tree->operation == LDB_OP_PRESENT) {
+            ParseTree* either = newOr(2);
+            either->u.list.elements[0] = tree;
+            either->u.list.elements[1] = newNode(LDB_OP_PRESENT);
+            either->u.list.elements[1]->u.present.attr = "member";
+            tree = either;
+        }
+        if (tree->operation != LDB_OP_EQUALITY) return Selection::Some;
+        const std::vector<std::string> groups = m_context.groupsOf(bytesOf(tree->u.equality.value));
+        ParseTree* any = newOr(static_cast<unsigned>(groups.size() + 1));
+        any->u.list.elements[0] = tree;
+        for (std::size_t i = 0; i < groups.size(); ++i) {
+            ParseTree* node = newNode(LDB_OP_EQUALITY);
+            node->u.equality.attr = "objectGUID";
+            node->u.equality.value = newValue(node, groups[i]);
+            any->u.list.elements[i + 1] = node;
+        }
+        tree = any;
+        return Selection::Some;
+    }
+
+    // LDB reads an AND's index lists in order and stops once a list is short, so
+    // a list of everybody must not come first.
+    static int cost(const ParseTree* tree) {
+        if (isQuickFilter(tree)) return 0;
+        if (tree->operation != LDB_OP_EQUALITY) return 4;
+        const std::string_view name = tree->u.equality.attr;
+        if (is(name, "gidNumber") || is(name, "primaryGroupID")) return 2;
+        const std::string_view value = bytesOf(tree->u.equality.value);
+        const bool everybody = is(value, "user") || is(value, "person") || is(value, "top") ||
+                               is(value, "organizationalPerson") ||
+                               vorn::startsWithIgnoreCase(value, "CN=Person,");
+        return everybody ? 3 : 1;
+    }
+
+    void* const m_pool;
+    const FilterContext& m_context;
+};
+
+}  // namespace
+
+Result parseFilter(void* pool, const std::string& text, ParseTree*& tree) {
+    tree = nullptr;
+    if (text.empty()) return {};
+    // A NUL would end the text early for LDB.
+    if (text.find('\0') == std::string::npos) tree = ldb_parse_tree(pool, text.c_str());
+    if (tree != nullptr) return {};
+    return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
+}
+
+Selection rewriteFilter(void* pool, ParseTree*& tree, const FilterContext& context) {
+    if (tree == nullptr) return Selection::All;
+    return Rewriting(pool, context).rewrite(tree, false);
+}
+
+bool isQuickFilter(const ParseTree* tree) {
+    if (tree == nullptr) return false;
+    const auto quick = [](const ParseTree* element) { return isQuickFilter(element); };
+    const auto& list = tree->u.list;
+    switch (tree->operation) {
+        case LDB_OP_AND:
+            return std::any_of(list.elements, list.elements + list.num_elements, quick);
+        case LDB_OP_OR:
+            return std::all_of(list.elements, list.elements + list.num_elements, quick);
+        case LDB_OP_EQUALITY:
+            return isSelective(tree->u.equality.attr) || is(tree->u.equality.attr, "gidNumber") ||
+                   is(tree->u.equality.attr, "_GUID") || is(tree->u.equality.attr, "_dn");
+        default:
+            return false;
+    }
+}
+
+}  // namespace vexagent

@@ -1,0 +1,219 @@
+#include "agent/embedded/ldif.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <optional>
+
+#include "agent/embedded/categories.h"
+#include "agent/identifiers.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr const char* kDnAttributes[] = {"member", "memberOf", "manager", "owner", "seeAlso"};
+
+// One record's text and the line it begins at.
+struct Chunk {
+    std::string text;
+    std::size_t line = 0;
+};
+
+// Splits LDIF into its records: comments and the version line left out.
+class Chunks {
+  public:
+    explicit Chunks(std::istream& file) : m_file(file) {}
+
+    bool next(Chunk& chunk) {
+        chunk = {};
+        std::string line;
+        bool inComment = false;
+        while (std::getline(m_file, line)) {
+            ++m_line;
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            if (line.empty()) {
+                if (!chunk.text.empty()) return true;
+                continue;
+            }
+            const bool continues = line[0] == ' ';
+            if (!continues) inComment = line[0] == '#';
+            if (inComment) continue;
+            if (chunk.text.empty() && isVersion(line)) continue;
+            if (chunk.text.empty()) chunk.line = m_line;
+            chunk.text += line + "\n";
+        }
+        return !chunk.text.empty();
+    }
+
+  private:
+    static bool isVersion(const std::string& line) { return vorn::startsWithIgnoreCase(line, "version:"); }
+
+    std::istream& m_file;
+    std::size_t m_line = 0;
+};
+
+void setValue(ldb_message* message, const char* name, std::string_view bytes) {
+    ldb_msg_remove_attr(message, name);
+    const ldb_val value = newValue(message, bytes);
+    if (ldb_msg_add_value(message, name, &value, nullptr) != LDB_SUCCESS) throw std::bad_alloc();
+}
+
+void completeGuid(ldb_message* message) {
+    const std::string_view given = firstValue(message, "objectGUID");
+    if (given.size() == kGuidBytes) return;
+    if (given.empty()) {
+        setValue(message, "objectGUID", guidFromName(ldb_dn_get_casefold(message->dn)));
+        return;
+    }
+    const auto bytes = guidBytes(given);
+    if (!bytes) throw DatabaseError("objectGUID is not a GUID");
+    setValue(message, "objectGUID", *bytes);
+}
+
+void completeSid(ldb_message* message) {
+    const std::string_view given = firstValue(message, "objectSid");
+    if (!vorn::startsWithIgnoreCase(given, "S-1-")) return;
+    const auto bytes = sidBytes(given);
+    if (!bytes) throw DatabaseError("objectSid is not a SID");
+    setValue(message, "objectSid", *bytes);
+}
+
+void completeCategory(ldb_message* message, const std::string& domainDn) {
+    if (!firstValue(message, "objectCategory").empty()) return;
+    const std::string_view objectClass = specificClass(message);
+    if (objectClass.empty()) throw DatabaseError("the entry has no objectClass");
+    setValue(message, "objectCategory", categoryDn(categoryOfClass(objectClass), domainDn));
+}
+
+void completeRdn(ldb_message* message) {
+    const char* name = ldb_dn_get_rdn_name(message->dn);
+    const ldb_val* value = ldb_dn_get_rdn_val(message->dn);
+    if (name == nullptr || value == nullptr || ldb_msg_find_element(message, name) != nullptr) return;
+    const std::string bytes(bytesOf(*value));
+    setValue(message, vorn::lower(name).c_str(), bytes);
+}
+
+// Gives DNs the spelling that LDB itself writes, so that the index on member
+// finds them by the DN of the member's own record.
+void spellDns(ldb_context* ldb, ldb_message* message) {
+    for (const char* name : kDnAttributes) {
+        ldb_message_element* element = ldb_msg_find_element(message, name);
+        for (unsigned i = 0; element != nullptr && i < element->num_values; ++i) {
+            ldb_dn* dn = ldb_dn_from_ldb_val(message, ldb, &element->values[i]);
+            if (dn == nullptr || !ldb_dn_validate(dn) || ldb_dn_is_null(dn))
+                throw DatabaseError(std::string(name) + " is not a DN");
+            element->values[i] = newValue(message, ldb_dn_get_linearized(dn));
+        }
+    }
+}
+
+void completeEntry(ldb_context* ldb, ldb_message* message, const std::string& domainDn) {
+    if (message->dn == nullptr || !ldb_dn_validate(message->dn) || ldb_dn_is_null(message->dn))
+        throw DatabaseError("the dn is not a DN");
+    if (ldb_dn_is_special(message->dn)) throw DatabaseError("the dn is reserved to the database");
+    completeRdn(message);
+    completeCategory(message, domainDn);
+    completeGuid(message);
+    completeSid(message);
+    spellDns(ldb, message);
+}
+
+std::string whyNotAdded(ldb_context* ldb, int code, const ldb_message* message) {
+    const std::string dn = ldb_dn_get_linearized(message->dn);
+    if (code == LDB_ERR_ENTRY_ALREADY_EXISTS)
+        return dn + ": there is an entry with this DN or objectGUID already";
+    const char* text = ldb_errstring(ldb);
+    return dn + ": " + (text != nullptr ? text : ldb_strerror(code));
+}
+
+void addRecord(ldb_context* ldb, const Chunk& chunk, const std::function<void(ldb_message*)>& complete) {
+    const char* text = chunk.text.c_str();
+    ldb_ldif* record = ldb_ldif_read_string(ldb, &text);
+    if (record == nullptr) throw DatabaseError("malformed LDIF");
+    const Talloc<ldb_ldif> owner(record);
+    if (record->changetype != LDB_CHANGETYPE_NONE && record->changetype != LDB_CHANGETYPE_ADD)
+        throw DatabaseError("only entries can be loaded, not changes");
+    complete(record->msg);
+    const int code = ldb_add(ldb, record->msg);
+    if (code != LDB_SUCCESS) throw DatabaseError(whyNotAdded(ldb, code, record->msg));
+}
+
+void inTransaction(ldb_context* ldb, const std::function<void()>& work) {
+    if (ldb_transaction_start(ldb) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+    try {
+        work();
+    } catch (...) {
+        ldb_transaction_cancel(ldb);
+        throw;
+    }
+    if (ldb_transaction_commit(ldb) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+}
+
+void addSchema(ldb_context* ldb) {
+    const std::string ldif = schemaLdif();
+    const char* rest = ldif.c_str();
+    while (ldb_ldif* record = ldb_ldif_read_string(ldb, &rest)) {
+        const Talloc<ldb_ldif> owner(record);
+        if (ldb_add(ldb, record->msg) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+    }
+}
+
+void addEntries(ldb_context* ldb, const std::string& ldifPath, const std::string& domainDn) {
+    errno = 0;
+    std::ifstream file(ldifPath);
+    if (!file) throw DatabaseError(ldifPath + ": " + std::strerror(errno != 0 ? errno : EIO));
+    Chunks chunks(file);
+    Chunk chunk;
+    while (chunks.next(chunk)) {
+        try {
+            addRecord(ldb, chunk, [&](ldb_message* message) { completeEntry(ldb, message, domainDn); });
+        } catch (const DatabaseError& error) {
+            throw DatabaseError(ldifPath + ":" + std::to_string(chunk.line) + ": " + error.what());
+        }
+    }
+    if (file.bad()) throw DatabaseError(ldifPath + ": cannot be read");
+}
+
+// The file being built, removed unless it was moved to its place.
+class Unfinished {
+  public:
+    explicit Unfinished(const std::string& path) : m_path(path + ".new") { remove(); }
+    ~Unfinished() { remove(); }
+
+    const std::string& path() const { return m_path; }
+
+    void moveTo(const std::string& path) {
+        const int file = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (file < 0 || ::fsync(file) != 0) throw DatabaseError(m_path + ": " + std::strerror(errno));
+        ::close(file);
+        if (::link(m_path.c_str(), path.c_str()) != 0)
+            throw DatabaseError(path + ": " + std::strerror(errno));
+    }
+
+  private:
+    void remove() {
+        ::unlink(m_path.c_str());
+        ::unlink((m_path + "-lock").c_str());
+    }
+
+    const std::string m_path;
+};
+
+}  // namespace
+
+void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn) {
+    Unfinished file(path);
+    {
+        const LdbContext ldb = openLdb(file.path(), true);
+        inTransaction(ldb.get(), [&] { addSchema(ldb.get()); });
+        inTransaction(ldb.get(), [&] { addEntries(ldb.get(), ldifPath, domainDn); });
+    }
+    file.moveTo(path);
+}
+
+}  // namespace vexagent

@@ -1,0 +1,22 @@
+// Building the embedded directory's database from LDIF (RFC 2849).
+#pragma once
+
+#include <string>
+
+#include "agent/embedded/database.h"
+
+namespace vexagent {
+
+// Builds the database at path from the LDIF file, for a domain with this root.
+// It is built beside its place and moved there when it is whole, so a failure
+// leaves nothing behind. Throws DatabaseError with "FILE:LINE: reason", LINE being
+// that of the record's first line.
+//
+// What an entry lacks is added: objectGUID, derived from the DN so that the same
+// file always gives the same GUIDs; objectCategory, from the most specific class;
+// the attribute of the RDN. objectGUID and objectSid may be given as text. DNs in
+// member, manager and memberOf are stored in one spelling. The order of
+// entries does not matter, and an entry's parent need not be there.
+void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn);
+
+}  // namespace vexagent

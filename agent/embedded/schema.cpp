@@ -1,0 +1,77 @@
+// Which attributes are indexed, and how values are compared.
+
+#include <algorithm>
+#include <array>
+
+#include "agent/embedded/database.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+// Values that name one object or few.
+constexpr std::array<std::string_view, 15> kSelective = {
+    "sAMAccountName", "uid",       "uidNumber", "cn",        "name",       "displayName", "userPrincipalName",
+    "mail",           "objectSid", "member",    "memberUid", "objectGUID", "dn",          "distinguishedName",
+    "ipHostNumber"};
+
+// Values that many objects share: their index helps only a search for few of
+// them.
+constexpr std::array<std::string_view, 4> kBroad = {"gidNumber", "primaryGroupID", "objectClass",
+                                                    "objectCategory"};
+
+// LDB reaches objects by these without an index record.
+constexpr std::array<std::string_view, 3> kBuiltIn = {"objectGUID", "dn", "distinguishedName"};
+
+constexpr std::array<std::string_view, 20> kIntegers = {
+    "uidNumber",      "gidNumber",        "primaryGroupID", "userAccountControl", "groupType",
+    "sAMAccountType", "accountExpires",   "pwdLastSet",     "shadowLastChange",   "shadowMin",
+    "shadowMax",      "shadowWarning",    "shadowInactive", "shadowExpire",       "shadowFlag",
+    "ipServicePort",  "ipProtocolNumber", "oncRpcNumber",   "lockoutTime",        "instanceType"};
+
+// Compared byte by byte: binary values, and paths and names of UNIX, where case
+// counts. Everything else ignores case, as Active Directory does.
+constexpr std::array<std::string_view, 18> kExact = {
+    "objectGUID",        "objectSid",         "sIDHistory",
+    "unixHomeDirectory", "loginShell",        "memberUid",
+    "userPassword",      "unicodePwd",        "unixUserPassword",
+    "jpegPhoto",         "thumbnailPhoto",    "userCertificate",
+    "nisNetgroupTriple", "memberNisNetgroup", "nisMapEntry",
+    "ipServiceProtocol", "bootFile",          "supplementalCredentials"};
+
+template <std::size_t size>
+bool holds(const std::array<std::string_view, size>& list, std::string_view name) {
+    return std::any_of(list.begin(), list.end(),
+                       [name](std::string_view other) { return vorn::equalsIgnoreCase(other, name); });
+}
+
+void addRules(std::string& text, std::string_view name, std::string_view rule) {
+    text.append(name).append(": ").append(rule).append("\n");
+}
+
+}  // namespace
+
+bool isSelective(std::string_view attribute) {
+    return holds(kSelective, attribute);
+}
+bool isIndexed(std::string_view attribute) {
+    return isSelective(attribute) || holds(kBroad, attribute);
+}
+bool isIntegerAttribute(std::string_view attribute) {
+    return holds(kIntegers, attribute);
+}
+
+std::string schemaLdif() {
+    std::string indexes = "dn: @INDEXLIST\n";
+    for (std::string_view name : kSelective)
+        if (!holds(kBuiltIn, name)) addRules(indexes, "@IDXATTR", name);
+    for (std::string_view name : kBroad) addRules(indexes, "@IDXATTR", name);
+    indexes += "@IDXONE: 1\n@IDXGUID: objectGUID\n@IDX_DN_GUID: GUID\n";
+
+    std::string rules = "dn: @ATTRIBUTES\n*: CASE_INSENSITIVE\n";
+    for (std::string_view name : kIntegers) addRules(rules, name, "INTEGER");
+    for (std::string_view name : kExact) addRules(rules, name, "NONE");
+    return indexes + "\n" + rules + "\n";
+}
+
+}  // namespace vexagent

@@ -1,0 +1,36 @@
+// Running a prepared search on the embedded directory.
+//
+// A search visits the database once. Up to the first batch the objects are kept
+// as they are found; of all others only the 16 bytes of the GUID are kept, and
+// later batches are read by GUID: an object that has gone meanwhile is left out,
+// one that has changed is shown as it is now. So an open search costs little, and
+// holds neither a read transaction nor a database handle between two batches.
+#pragma once
+
+#include <memory>
+
+#include "agent/directory.h"
+#include "agent/embedded/database.h"
+
+namespace vexagent {
+
+struct Plan {
+    ldb_dn* base = nullptr;
+    ParseTree* tree = nullptr;
+};
+
+// Where a search's outcome goes.
+struct Outcome {
+    Batch& first;
+    std::unique_ptr<Cursor>& rest;
+};
+
+// A tree that every object matches, in the pool.
+ParseTree* matchAll(void* pool);
+
+// The handle is a lease of the same database. rest may outlive both, but not the
+// database.
+Result runSearch(Database& database, Database::Lease& handle, const Plan& plan, const Query& query,
+                 const Outcome& outcome);
+
+}  // namespace vexagent
