@@ -5,6 +5,7 @@ Whatever is started is registered with the test's Servers and stopped at its end
 its process id. Nothing waits for a fixed time: wait_until polls with a deadline.
 """
 import ctypes
+import json
 import os
 import pathlib
 import signal
@@ -233,3 +234,45 @@ def failure(exception):
     """The result code and the text of an LDAPError, as they came over the wire."""
     detail = exception.args[0]
     return detail["result"], detail.get("info", "")
+
+
+class ScriptedAgent:
+    """libvex's stand-in in slapd's process: answers from a script, records every call
+    (tests/standin/README.md). Pass env to a Slapd."""
+
+    REQUESTS = ("vexSession", "vexSetOption", "vexLdap", "vexLookup", "vexAuth", "vexGetObjectSupported",
+                "vexSystemHealth", "vexGetLastProtocol")
+
+    def __init__(self, folder, settings_file):
+        self.script_file, self.log_file = folder / "script.json", folder / "calls"
+        self.seen = 0
+        self.script()
+        self.env = {
+            "LD_LIBRARY_PATH": str(BUILD / "tests/standin/lib"),
+            "VEX_STANDIN_SCRIPT": str(self.script_file),
+            "VEX_STANDIN_LOG": str(self.log_file),
+            "ZANTHE_CONF": str(settings_file),
+        }
+
+    def script(self, **sections):
+        """Replaces the script as a whole."""
+        new = self.script_file.with_suffix(".new")
+        new.write_text(json.dumps(sections), encoding="utf-8")
+        new.rename(self.script_file)
+
+    def lines(self):
+        return self.log_file.read_text(encoding="utf-8").splitlines() if self.log_file.exists() else []
+
+    def calls(self):
+        """The calls since this was asked last."""
+        lines = self.lines()
+        new, self.seen = lines[self.seen:], len(lines)
+        return new
+
+    def requests(self):
+        """Of these the ones that ask the agent or change a session."""
+        return [line for line in self.calls() if line.startswith(self.REQUESTS)]
+
+    def complaints(self):
+        """What was used after its release, freed twice, or never freed."""
+        return [line for line in self.lines() if line.startswith(("failure: ", "leak: "))]
