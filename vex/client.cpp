@@ -1,1 +1,0 @@
-#include "vex/vex.h"

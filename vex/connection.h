@@ -1,0 +1,76 @@
+// One connection to the agent: frames out, frames in, each within a deadline.
+//
+// Signals do not disturb it: an interrupted wait goes on, and a connection whose
+// other side has gone raises no SIGPIPE. A connection on which anything went
+// wrong is of no further use and is dropped by its owner.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "vex/deadline.h"
+#include "vex/socket.h"
+
+namespace vex {
+
+// Where the agent is, and how long a call to it may take.
+struct Endpoint {
+    std::string path;
+    Milliseconds timeout;
+};
+
+enum class Sent {
+    Whole,
+    Nothing,  // the agent got no byte of it
+    Partly,   // the agent may have got it
+};
+
+class Connection {
+  public:
+    // Connects and reads the agent's greeting. Null when no agent of this
+    // protocol answers within the deadline.
+    static std::unique_ptr<Connection> open(const Endpoint& endpoint, const Deadline& deadline);
+
+    // Whether the agent is still there and has sent nothing unasked. One system call.
+    bool isQuiet() const;
+
+    // Sends the bytes as one frame.
+    Sent send(std::span<const std::uint8_t> bytes, const Deadline& deadline);
+
+    // Receives one frame; empty when none came that can be used, whatever the
+    // reason. The bytes are aligned for reading and valid until the next call.
+    std::span<const std::uint8_t> receive(const Deadline& deadline);
+
+    // Gives back the memory of an unusually large answer.
+    void shrink();
+
+    const std::string& path() const { return m_path; }
+    bool inherited() const { return m_socket.inherited(); }
+
+    // The process that listens on the socket.
+    pid_t agent() const { return m_agent; }
+
+  private:
+    explicit Connection(const Endpoint& endpoint) : m_path(endpoint.path), m_timeout(endpoint.timeout) {}
+
+    bool connect(const Deadline& deadline);
+    bool readGreeting(const Deadline& deadline);
+    bool wait(short events, const Deadline& deadline) const;
+    std::size_t receiveSome(std::span<std::uint8_t> place, const Deadline& deadline) const;
+    ssize_t blockingReceive(std::span<std::uint8_t> place, const Deadline& deadline) const;
+    void reserve(std::size_t bytes);
+
+    const std::string m_path;
+    const Milliseconds m_timeout;
+    Socket m_socket;
+    pid_t m_agent = 0;
+    std::unique_ptr<std::uint8_t[]> m_buffer;
+    std::size_t m_capacity = 0;
+    std::size_t m_filled = 0;
+};
+
+}  // namespace vex

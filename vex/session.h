@@ -1,0 +1,99 @@
+// Sessions and searches: records of this process, which the agent knows nothing of.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vex/exchange.h"
+#include "vex/object.h"
+#include "vex/vex.h"
+
+namespace vex {
+
+// The error behind a failed call, as the agent told it.
+struct ProtocolError {
+    int system = 0;
+    int code = 0;
+    std::optional<std::string> text;
+};
+
+// Where the settings say that the agent is. Throws what reading settings throws.
+Endpoint configuredEndpoint();
+
+}  // namespace vex
+
+// A session lives until it is closed and its last search is closed too.
+struct vexSession {
+  public:
+    explicit vexSession(vex::Endpoint place) : endpoint(std::move(place)) {}
+    vexSession(const vexSession&) = delete;
+    vexSession& operator=(const vexSession&) = delete;
+
+    bool isOpen() const { return m_open.load(std::memory_order_acquire); }
+    // False when it was closed before.
+    bool close() { return m_open.exchange(false, std::memory_order_acq_rel); }
+
+    bool setOption(int option, std::int32_t value);
+    vex::Options options() const;
+
+    // What a call came to. Each returns the code.
+    vexCode succeeded(vexCode code = VEX_OK);
+    vexCode notAnswered(vexCode code = VEX_BROKEN_SESSION);
+    vexCode answered(const vex::wire::Response& response);
+
+    // The error behind the last call: VEX_OK, or why there is none to tell.
+    vexCode lastError(vex::ProtocolError& error) const;
+
+    const vex::Endpoint endpoint;
+
+    // What keeps it alive until it is closed.
+    std::shared_ptr<vexSession> self;
+
+  private:
+    std::atomic<bool> m_open{true};
+
+    // A search may work in one thread while its session is used in another.
+    mutable std::mutex m_lock;
+    vex::Options m_options;                        // guarded by m_lock
+    vexCode m_errorState = VEX_NO_SUCH_ATTRIBUTE;  // guarded by m_lock; what lastError returns
+    vex::ProtocolError m_error;                    // guarded by m_lock
+};
+
+namespace vex {
+
+// An open search. The caller sees its public part.
+class Search : public vexSearchHandle {
+  public:
+    explicit Search(std::shared_ptr<vexSession> owner);
+
+    // Each answers as its namesake in vex/vex.h.
+    vexCode open(const Request& request);
+    vexCode next(vexObject** object);
+
+    // Tells the agent, if it still holds a part of the search.
+    void close();
+
+  private:
+    vexCode fetchBatch(const Deadline& deadline);
+    vexCode ask(const Request& request, const Deadline& deadline);
+    vexCode takeBatch(Exchange& exchange, const wire::Response& response);
+    bool isHeldByAgent() const { return m_id != 0 && m_generation == generation(); }
+
+    const std::shared_ptr<vexSession> m_owner;
+    std::vector<ObjectRef> m_batch;
+    std::size_t m_next = 0;
+    std::int64_t m_received = 0;
+    std::uint64_t m_id = 0;  // the agent's name for what follows; 0 when nothing does
+    pid_t m_agent = 0;       // the agent that gave it
+    unsigned m_generation;   // the process that it was given to
+    vexCode m_end = VEX_OK;  // how the search failed, if it did
+};
+
+}  // namespace vex

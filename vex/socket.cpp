@@ -1,0 +1,79 @@
+#include "vex/socket.h"
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+namespace vex {
+namespace {
+
+std::atomic<unsigned> forks{0};
+
+// Lives as long as the process: a thread may still close its socket while
+// static objects are destroyed.
+struct Table {
+    std::mutex lock;
+    std::vector<int> descriptors;  // guarded by lock
+};
+
+Table& table() {
+    static Table* const one = new Table;
+    return *one;
+}
+
+void beforeFork() {
+    table().lock.lock();
+}
+void afterForkInParent() {
+    table().lock.unlock();
+}
+
+void afterForkInChild() {
+    for (const int descriptor : table().descriptors) ::close(descriptor);
+    table().descriptors.clear();
+    forks.fetch_add(1, std::memory_order_relaxed);
+    table().lock.unlock();
+}
+
+void watchForks() {
+    static const int registered = ::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+    (void)registered;
+}
+
+}  // namespace
+
+std::mutex& forkLock() {
+    return table().lock;
+}
+
+unsigned generation() {
+    return forks.load(std::memory_order_relaxed);
+}
+
+std::size_t openSockets() {
+    std::lock_guard guard(table().lock);
+    return table().descriptors.size();
+}
+
+Socket::Socket() {
+    watchForks();
+    std::lock_guard guard(table().lock);
+    table().descriptors.reserve(table().descriptors.size() + 1);
+    m_generation = generation();
+    m_descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (m_descriptor >= 0) table().descriptors.push_back(m_descriptor);
+}
+
+Socket::~Socket() {
+    if (m_descriptor < 0) return;
+    std::lock_guard guard(table().lock);
+    if (inherited()) return;  // closed already, and the number may be another file's by now
+    std::erase(table().descriptors, m_descriptor);
+    ::close(m_descriptor);
+}
+
+}  // namespace vex
