@@ -1,4 +1,8 @@
 // slapd's parsed filters as the agent's filter text.
+//
+// Names and values are text that ends at its first NUL byte, as the agent's
+// interface takes text: of a value with a NUL inside only what stands before it
+// is translated, and nothing behind it is ever looked at.
 #pragma once
 
 #include <string>
@@ -9,19 +13,25 @@
 #include "backend/slapd.h"
 
 // The filter in the agent's vocabulary; possibly empty. objectType may be empty;
-// a null map renames nothing. Throws vorn::VORNException (no message, code 0) for
-// a choice that the agent does not know, after logging it.
+// a null map renames nothing. Greater-or-equal and less-or-equal become equality.
+// A filter that slapd has computed to be true or false in advance, as an AND or OR
+// without elements is, gives no text. Throws vorn::VORNException (no message,
+// code 0) for a choice that the agent does not know, after logging it.
 std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map);
 
 // The elements of an AND, OR or NOT, one after the other; *count becomes the
-// number of those that gave any text.
+// number of those that gave any text. Throws as filter_as_string.
 std::string filter_list_as_string(std::string_view objectType, const Filter* node,
                                   const vorn::Properties* map, int* count);
 
-// One value, escaped for a filter. A value that holds "DC", optional blanks and
-// "=" is a distinguished name and stays as it is.
+// One value, escaped for a filter: backslash, parentheses, asterisk, control bytes
+// and every byte that is not ASCII become a backslash and two upper-case
+// hexadecimal digits. A value that holds "DC" (in any case), optional blanks or
+// tabs and "=" is a distinguished name and stays as it is.
 std::string escape_filter_value(std::string_view text);
 
 // The first assertion on objectClass or objectCategory, depth first: its
-// attribute's name as the client wrote it, and its value. False when there is none.
+// attribute's name as the filter has it, and its value. False when there is none;
+// the outputs are then left as they were. A node without one value of its own
+// (presence, substrings) names no type.
 bool find_object_type(const Filter* filter, std::string* attrName, std::string* value);

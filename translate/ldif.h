@@ -16,9 +16,13 @@ struct LdifRequest {
 };
 
 // The object's text: the DN line, the attributes that gTranslationMap names, then
-// the others. Never fails: what cannot be read is logged and left out.
+// the others. Lines end in "\n". Never fails: what cannot be read is logged and
+// left out; a text without a DN line is none that str2entry takes. The DN is
+// written as it is, not as base64, unless it holds a line break. Safe for several
+// threads, each with its own session.
 std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request);
 
 // Appends the lines of one attribute. A value that is not printable goes base64;
-// a value without data leaves the bare name, with no separator and no line end.
+// a value whose data pointer is null leaves the bare name, with no separator and
+// no line end.
 void attr_values_to_ldif(std::string* ldif, std::string_view name, const vexBlob* values, int count);

@@ -1,0 +1,283 @@
+#include "translate/filter.h"
+
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "backend/log.h"
+#include "translate/map.h"
+#include "vex/vex.h"
+#include "vorn/exception.h"
+#include "vorn/strings.h"
+
+#include "backend/slapd.h"
+
+namespace {
+
+// slapd marks a node whose attribute its schema does not know with a further bit.
+ber_tag_t choiceOf(const Filter* node) {
+    return node->f_choice & SLAPD_FILTER_MASK;
+}
+
+// A text of slapd up to its first NUL byte; null without one.
+std::optional<std::string_view> textOf(const berval& text) {
+    if (text.bv_val == nullptr) return std::nullopt;
+    return std::string_view(text.bv_val, strnlen(text.bv_val, text.bv_len));
+}
+
+// The name alone is safe to read: slapd fills little else of the description of
+// an attribute that its schema does not know.
+std::optional<std::string_view> nameOf(const AttributeDescription* description) {
+    if (description == nullptr) return std::nullopt;
+    return textOf(description->ad_cname);
+}
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+bool isDomainComponent(std::string_view text, std::size_t at) {
+    if (!vorn::startsWithIgnoreCase(text.substr(at), "DC")) return false;
+    at += 2;
+    while (at < text.size() && isBlank(text[at])) ++at;
+    return at < text.size() && text[at] == '=';
+}
+
+bool isDistinguishedName(std::string_view text) {
+    for (std::size_t at = text.find_first_of("Dd"); at != std::string_view::npos;
+         at = text.find_first_of("Dd", at + 1)) {
+        if (isDomainComponent(text, at)) return true;
+    }
+    return false;
+}
+
+// The value as a signed char: what is not ASCII is below zero.
+bool needsEscape(char c) {
+    return c == '\\' || c == '(' || c == ')' || c == '*' || c == 0x7F || static_cast<signed char>(c) <= 0x1F;
+}
+
+void appendEscaped(std::string* out, std::string_view text) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    if (isDistinguishedName(text)) {
+        out->append(text);
+        return;
+    }
+    for (const char c : text) {
+        if (needsEscape(c)) {
+            const auto byte = static_cast<unsigned char>(c);
+            *out += {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
+        } else {
+            *out += c;
+        }
+    }
+}
+
+// One translation: writes a tree into one text, from left to right.
+class Writer {
+  public:
+    Writer(std::string_view objectType, const vorn::Properties* map) : m_objectType(objectType), m_map(map) {}
+
+    void write(const Filter* node);
+    int writeElements(const Filter* node);
+    std::string take() { return std::move(m_out); }
+
+  private:
+    void writeBoolean(const Filter* node, char sign, int fewest);
+    void writePresent(const Filter* node);
+    void writeAssertion(const Filter* node);
+    void writeSubstrings(const Filter* node);
+    bool openItem(std::optional<std::string_view> name);
+    void writePiece(const berval& piece);
+    [[noreturn]] static void refuse(const Filter* node);
+
+    const std::string_view m_objectType;
+    const vorn::Properties* const m_map;
+    std::string m_out;
+};
+
+// slapd's form of an AND or OR that has no elements left.
+bool isComputed(const Filter* node) {
+    return choiceOf(node) == SLAPD_FILTER_COMPUTED &&
+           (node->f_result == LDAP_COMPARE_TRUE || node->f_result == LDAP_COMPARE_FALSE);
+}
+
+void Writer::write(const Filter* node) {
+    if (node == nullptr || isComputed(node)) return;
+    switch (choiceOf(node)) {
+        case LDAP_FILTER_PRESENT:
+            return writePresent(node);
+        case LDAP_FILTER_AND:
+            return writeBoolean(node, '&', 2);
+        case LDAP_FILTER_OR:
+            return writeBoolean(node, '|', 2);
+        case LDAP_FILTER_NOT:
+            return writeBoolean(node, '!', 1);
+        case LDAP_FILTER_EQUALITY:
+        case LDAP_FILTER_GE:
+        case LDAP_FILTER_LE:
+            return writeAssertion(node);
+        case LDAP_FILTER_SUBSTRINGS:
+            return writeSubstrings(node);
+        default:
+            refuse(node);
+    }
+}
+
+// With fewer elements than the operator needs there is nothing to combine: the
+// elements stand alone.
+void Writer::writeBoolean(const Filter* node, char sign, int fewest) {
+    const std::size_t start = m_out.size();
+    m_out += {'(', sign};
+    if (writeElements(node) < fewest) {
+        m_out.erase(start, 2);
+    } else {
+        m_out += ')';
+    }
+}
+
+// The operators keep their elements in the same place.
+int Writer::writeElements(const Filter* node) {
+    if (isComputed(node)) return 0;
+    int count = 0;
+    for (const Filter* element = node->f_and; element != nullptr; element = element->f_next) {
+        const std::size_t before = m_out.size();
+        write(element);
+        if (m_out.size() > before) ++count;
+    }
+    return count;
+}
+
+// "(NAME=", unless the item is dropped: it has no name, or its name translates to
+// nothing.
+bool Writer::openItem(std::optional<std::string_view> name) {
+    if (!name || name->empty()) return false;
+    const std::size_t start = m_out.size();
+    m_out += '(';
+    if (m_map == nullptr) {
+        m_out.append(*name);
+    } else {
+        m_out.append(translate_name(m_map, translation_key(m_objectType, *name), *name));
+    }
+    if (m_out.size() == start + 1) {
+        m_out.erase(start);
+        return false;
+    }
+    m_out += '=';
+    return true;
+}
+
+void Writer::writePresent(const Filter* node) {
+    if (openItem(nameOf(node->f_desc))) m_out.append("*)");
+}
+
+void Writer::writeAssertion(const Filter* node) {
+    if (node->f_ava == nullptr) return;
+    const std::optional<std::string_view> value = textOf(node->f_av_value);
+    if (!value || !openItem(nameOf(node->f_av_desc))) return;
+    const std::size_t start = m_out.size();
+    appendEscaped(&m_out, *value);
+    if (m_map != nullptr) {
+        // The map is asked for the value as it stands in the filter; what it
+        // gives is filter text already.
+        if (const auto mapped = m_map->find(std::string_view(m_out).substr(start))) {
+            m_out.replace(start, std::string::npos, *mapped);
+        }
+    }
+    m_out += ')';
+}
+
+void Writer::writePiece(const berval& piece) {
+    if (const auto text = textOf(piece)) appendEscaped(&m_out, *text);
+}
+
+void Writer::writeSubstrings(const Filter* node) {
+    const SubstringsAssertion* pieces = node->f_sub;
+    if (pieces == nullptr || !openItem(nameOf(pieces->sa_desc))) return;
+    writePiece(pieces->sa_initial);
+    m_out += '*';
+    for (const berval* any = pieces->sa_any; any != nullptr && any->bv_val != nullptr; ++any) {
+        writePiece(*any);
+        m_out += '*';
+    }
+    writePiece(pieces->sa_final);
+    m_out += ')';
+}
+
+void Writer::refuse(const Filter* node) {
+    JError("Unknown choice in filter: %d", static_cast<int>(choiceOf(node)));
+    throw vorn::VORNException("", 0);
+}
+
+// What a node with one value asserts. Of the union's members only the one that
+// the choice names exists.
+struct Assertion {
+    const AttributeDescription* description;
+    const berval* value;
+};
+
+std::optional<Assertion> assertionOf(const Filter* node) {
+    switch (choiceOf(node)) {
+        case LDAP_FILTER_EQUALITY:
+        case LDAP_FILTER_GE:
+        case LDAP_FILTER_LE:
+        case LDAP_FILTER_APPROX:
+            if (node->f_ava == nullptr) return std::nullopt;
+            return Assertion{node->f_av_desc, &node->f_av_value};
+        case LDAP_FILTER_EXT:
+            if (node->f_mra == nullptr) return std::nullopt;
+            return Assertion{node->f_mr_desc, &node->f_mr_value};
+        default:
+            return std::nullopt;
+    }
+}
+
+bool readObjectType(const Filter* node, std::string* attrName, std::string* value) {
+    const std::optional<Assertion> assertion = assertionOf(node);
+    if (!assertion) return false;
+    const auto name = nameOf(assertion->description);
+    const auto text = textOf(*assertion->value);
+    if (!name || !text) return false;
+    if (!vorn::equalsIgnoreCase(*name, AD_OBJECT_CLASS) &&
+        !vorn::equalsIgnoreCase(*name, AD_OBJECT_CATEGORY)) {
+        return false;
+    }
+    attrName->assign(*name);
+    value->assign(*text);
+    return true;
+}
+
+bool hasElements(const Filter* node) {
+    const ber_tag_t choice = choiceOf(node);
+    return choice == LDAP_FILTER_AND || choice == LDAP_FILTER_OR || choice == LDAP_FILTER_NOT;
+}
+
+}  // namespace
+
+std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map) {
+    Writer writer(objectType, map);
+    writer.write(filter);
+    return writer.take();
+}
+
+std::string filter_list_as_string(std::string_view objectType, const Filter* node,
+                                  const vorn::Properties* map, int* count) {
+    Writer writer(objectType, map);
+    *count = writer.writeElements(node);
+    return writer.take();
+}
+
+std::string escape_filter_value(std::string_view text) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    appendEscaped(&escaped, text);
+    return escaped;
+}
+
+bool find_object_type(const Filter* filter, std::string* attrName, std::string* value) {
+    if (filter == nullptr) return false;
+    if (!hasElements(filter)) return readObjectType(filter, attrName, value);
+    for (const Filter* element = filter->f_and; element != nullptr; element = element->f_next) {
+        if (find_object_type(element, attrName, value)) return true;
+    }
+    return false;
+}

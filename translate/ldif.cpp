@@ -1,0 +1,285 @@
+#include "translate/ldif.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "backend/log.h"
+#include "backend/settings.h"
+#include "translate/map.h"
+#include "vex/handles.h"
+#include "vorn/dn.h"
+#include "vorn/strings.h"
+
+#include "backend/slapd.h"
+
+namespace {
+
+// Room for the text of a common object.
+constexpr std::size_t kUsualLength = 4096;
+
+constexpr char kNoText[] = "<binary data>";
+
+// The agent's category of objects that people log in with; the map may name it
+// either way.
+constexpr char kUserType[] = "User";
+
+const char* codeText(vexCode code) {
+    const char* text = "";
+    vexGetVexCodeStr(code, &text);
+    return text;
+}
+
+// Written into the text's own buffer. The encoder adds a NUL, which is cut off.
+void appendBase64(std::string* ldif, std::string_view bytes) {
+    const std::size_t start = ldif->size();
+    const std::size_t length = (bytes.size() + 2) / 3 * 4;
+    ldif->resize(start + length + 1);
+    lutil_b64_ntop(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), ldif->data() + start,
+                   length + 1);
+    ldif->resize(start + length);
+}
+
+std::string_view bytesOf(const vexBlob& value) {
+    return {reinterpret_cast<const char*>(value.data), value.length};
+}
+
+vexBlob blobOf(std::string_view text) {
+    return {static_cast<std::uint32_t>(text.size()), reinterpret_cast<const unsigned char*>(text.data())};
+}
+
+bool hasBinarySyntax(const char* name) {
+    AttributeDescription* description = nullptr;
+    const char* reason = nullptr;
+    return slap_str2ad(name, &description, &reason) == LDAP_SUCCESS &&
+           (description->ad_type->sat_syntax->ssyn_flags & SLAP_SYNTAX_BINARY) != 0;
+}
+
+// A graphic character of ASCII.
+bool isGraphic(unsigned char c) {
+    return c > ' ' && c < 0x7F;
+}
+
+// What the log shows of an attribute. The bytes of a value are followed by a NUL.
+const char* shownValue(const vex::BlobList& list, bool binary) {
+    if (list.count() == 0) return kNoText;
+    const unsigned char* data = list.values()[0].data;
+    if (data == nullptr || (!binary && !isGraphic(data[0]))) return kNoText;
+    return reinterpret_cast<const char*>(data);
+}
+
+// One conversion.
+class Conversion {
+  public:
+    Conversion(vexSession* session, const vexObject* object, const LdifRequest& request)
+        : m_session(session), m_object(object), m_request(request), m_logs(JPrintfEnabled()) {
+        m_ldif.reserve(kUsualLength);
+    }
+
+    std::string run();
+
+  private:
+    void chooseMapping();
+    bool categoryFits(std::string_view category) const;
+
+    void writeDn();
+    void writeCnAndParent(const std::string& dn);
+    void protectDn(std::size_t start);
+
+    void writeMapped();
+    void writeMappedAttribute(const std::string& key, const std::string& agentAttribute);
+
+    void writeRemaining();
+    void writeRemainingAttribute(const char* name);
+    bool replaceWhileMapping(const char* name);
+    void writeAsItIs(const char* name);
+
+    bool isRequested(std::string_view name) const {
+        return m_request.requested.empty() || vorn::stringInList(m_request.requested, name, false);
+    }
+
+    vexSession* const m_session;
+    const vexObject* const m_object;
+    const LdifRequest& m_request;
+    const bool m_logs;  // whether anybody reads what is logged
+
+    std::string m_prefix;                              // "OBJECTTYPE."
+    std::unique_ptr<vorn::Properties::Map> m_mapping;  // the entries below the prefix; null: no mapping
+    std::vector<std::string_view> m_written;           // LDAP names, views of m_mapping's keys
+    std::string m_ldif;
+};
+
+std::string Conversion::run() {
+    chooseMapping();
+    writeDn();
+    if (m_mapping != nullptr) writeMapped();
+    writeRemaining();
+    return std::move(m_ldif);
+}
+
+void Conversion::chooseMapping() {
+    if (m_request.objectType.empty()) return;
+    vex::UniqueString category;
+    const vexCode code = vex::readAttribute(m_session, m_object, VORN_OBJECT_CATEGORY, &category);
+    if (code != VEX_OK) {
+        JError("Failed to retrieve %s from object: %s", VORN_OBJECT_CATEGORY, codeText(code));
+        return;
+    }
+    if (gTranslationMap == nullptr || !categoryFits(category.get())) return;
+    m_prefix = translation_key(m_request.objectType, "");
+    m_mapping = gTranslationMap->getMap(m_prefix);
+}
+
+bool Conversion::categoryFits(std::string_view category) const {
+    const std::string type = translate_name(gTranslationMap, m_request.objectType, m_request.objectType);
+    return vorn::equalsIgnoreCase(type, category) || (category == AD_USER_CATEGORY && type == kUserType);
+}
+
+void Conversion::writeDn() {
+    if (m_request.omitDn) {
+        m_ldif.append("dn: \n");
+        return;
+    }
+    vex::UniqueString dn;
+    const vexCode code = vex::readAttribute(m_session, m_object, AD_OBJECT_DN_TEXT, &dn);
+    if (code != VEX_OK) {
+        JError("object_to_ldif: Error rc = %s (%d) from vexGetAttributeStr getting dn", codeText(code), code);
+        return;
+    }
+    m_ldif.append("dn: ");
+    const std::size_t start = m_ldif.size();
+    writeCnAndParent(dn.get());
+    protectDn(start);
+    m_ldif.append("\n");
+}
+
+// The DN with another first RDN when the map asks for one and the object has it.
+void Conversion::writeCnAndParent(const std::string& dn) {
+    std::string parent;
+    const std::string attribute =
+        m_mapping == nullptr ? "" : translate_name(gTranslationMap, m_prefix + "CN", "");
+    if (!attribute.empty()) {
+        vex::UniqueString cn;
+        const vexCode code = vex::readAttribute(m_session, m_object, attribute.c_str(), &cn);
+        if (code == VEX_OK) {
+            parent = vorn::DN::parent(dn);
+            m_ldif.append("cn=").append(cn.get()).append(",").append(parent);
+        } else {
+            JError("Failed to retrieve %s from object: %s", attribute.c_str(), codeText(code));
+        }
+    }
+    // A DN without a parent thus stays whole behind its new "cn=".
+    if (parent.empty()) m_ldif.append(dn);
+}
+
+// A line break in the value that became the "cn=" would let that value write lines
+// of its own into the entry, such as somebody else's uidNumber. Such a DN, the one
+// case that cannot stand in a line, goes base64.
+void Conversion::protectDn(std::size_t start) {
+    if (m_ldif.find('\n', start) == std::string::npos) return;
+    const std::string dn = m_ldif.substr(start);
+    m_ldif.resize(start - 2);
+    m_ldif.append(":: ");
+    appendBase64(&m_ldif, dn);
+}
+
+void Conversion::writeMapped() {
+    for (const auto& [key, agentAttribute] : *m_mapping) {
+        if (!isRequested(agentAttribute)) continue;
+        if (vorn::equalsIgnoreCase(agentAttribute, m_request.objectType)) continue;
+        writeMappedAttribute(key, agentAttribute);
+    }
+}
+
+void Conversion::writeMappedAttribute(const std::string& key, const std::string& agentAttribute) {
+    vex::BlobList values;
+    const vexCode code = values.read(m_session, m_object, agentAttribute.c_str());
+    if (code != VEX_OK) {
+        JPrintf("object_to_ldif: %s (%d):%s from vexGetAttributeBlobList", codeText(code), code,
+                agentAttribute.c_str());
+        return;
+    }
+    const char* ldapName = key.c_str() + m_prefix.size();
+    // The "cn" entry is there for the DN's sake; as an attribute it is for those
+    // who ask for it by name.
+    if (!m_request.includeCn && vorn::equalsIgnoreCase(ldapName, AD_CN)) return;
+    if (vorn::equalsIgnoreCase(ldapName, "dn")) return;
+    if (m_logs) JPrintf("object_to_ldif: mapping %s to %s", agentAttribute.c_str(), ldapName);
+    attr_values_to_ldif(&m_ldif, ldapName, values.values(), values.count());
+    m_written.emplace_back(ldapName);
+}
+
+void Conversion::writeRemaining() {
+    unsigned cursor = 0;
+    char* next = nullptr;
+    vexCode code = vexGetFirstAttribute(m_session, m_object, &cursor, &next);
+    while (code == VEX_OK) {
+        const vex::UniqueString name(next);
+        if (name != nullptr) writeRemainingAttribute(name.get());
+        next = nullptr;
+        code = vexGetNextAttribute(m_session, m_object, &cursor, &next);
+    }
+}
+
+void Conversion::writeRemainingAttribute(const char* name) {
+    if (name[0] == '_') return;
+    if (std::find(m_written.begin(), m_written.end(), std::string_view(name)) != m_written.end()) return;
+    if (!isRequested(name)) return;
+    if (m_mapping != nullptr && replaceWhileMapping(name)) return;
+    writeAsItIs(name);
+}
+
+// A translated object shows the class that was asked for and no category.
+bool Conversion::replaceWhileMapping(const char* name) {
+    if (vorn::equalsIgnoreCase(name, AD_OBJECT_CATEGORY)) {
+        if (m_logs) JPrintf("object_to_ldif: skipping %s", name);
+        return true;
+    }
+    if (vorn::equalsIgnoreCase(name, AD_OBJECT_CLASS)) {
+        const vexBlob classes[] = {blobOf("top"), blobOf(m_request.objectType)};
+        attr_values_to_ldif(&m_ldif, name, classes, 2);
+        return true;
+    }
+    return false;
+}
+
+void Conversion::writeAsItIs(const char* name) {
+    vex::BlobList values;
+    const vexCode code = values.read(m_session, m_object, name);
+    if (code != VEX_OK) {
+        // Log readers know this line by the name of the list's reader.
+        JPrintf("object_to_ldif: Error rc = %s (%d) from vexGetAttributeList", codeText(code), code);
+        return;
+    }
+    const bool binary = hasBinarySyntax(name);
+    if (m_logs) {
+        JPrintf("object_to_ldif: attrName = %s, value[0] = %s", name, shownValue(values, binary));
+    }
+    if (binary) {
+        attr_values_to_ldif(&m_ldif, std::string(name) + ";binary", values.values(), values.count());
+    } else {
+        attr_values_to_ldif(&m_ldif, name, values.values(), values.count());
+    }
+}
+
+}  // namespace
+
+std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request) {
+    return Conversion(session, object, request).run();
+}
+
+void attr_values_to_ldif(std::string* ldif, std::string_view name, const vexBlob* values, int count) {
+    for (const vexBlob* value = values; value != values + count; ++value) {
+        ldif->append(name);
+        if (value->data == nullptr) continue;
+        const std::string_view bytes = bytesOf(*value);
+        if (vorn::isprintable(bytes)) {
+            ldif->append(": ").append(bytes);
+        } else {
+            ldif->append(":: ");
+            appendBase64(ldif, bytes);
+        }
+        ldif->append("\n");
+    }
+}
