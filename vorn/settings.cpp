@@ -10,10 +10,12 @@ constexpr const char* kStandardFile = "/etc/zanthe/zanthe.conf";
 constexpr const char* kFileVariable = "ZANTHE_CONF";
 
 constexpr Setting kSettings[] = {
-    SETTING_AGENT_SOCKET,  SETTING_AGENT_SOCKET_MODE, SETTING_AGENT_SOCKET_GROUP, SETTING_AGENT_TIMEOUT,
-    SETTING_AGENT_THREADS, SETTING_AGENT_CLIENTS,     SETTING_DIRECTORY,          SETTING_EMBEDDED_DATABASE,
-    SETTING_EMBEDDED_LDIF, SETTING_DOMAIN_NAME,       SETTING_ZONE_REALNAME,      SETTING_LOG_FILE,
-    SETTING_LOG_LEVEL,     SETTING_LOG_SYSLOG_LEVEL,  SETTING_LOG_LEVELS,         SETTING_LOG_SYSLOG_LEVELS,
+    SETTING_AGENT_SOCKET,  SETTING_AGENT_SOCKET_MODE, SETTING_AGENT_SOCKET_GROUP,
+    SETTING_AGENT_TIMEOUT, SETTING_AGENT_THREADS,     SETTING_AGENT_CLIENTS,
+    SETTING_DIRECTORY,     SETTING_EMBEDDED_DATABASE, SETTING_EMBEDDED_LDIF,
+    SETTING_DOMAIN_NAME,   SETTING_ZONE_REALNAME,     SETTING_LOGIN_ATTRIBUTES,
+    SETTING_LOG_FILE,      SETTING_LOG_LEVEL,         SETTING_LOG_SYSLOG_LEVEL,
+    SETTING_LOG_LEVELS,    SETTING_LOG_SYSLOG_LEVELS,
 };
 
 const char* fileFromEnvironment() {
@@ -99,7 +101,8 @@ std::string loadSetting(const Setting& setting, const Properties& settings) {
 }
 
 std::string unknownSetting(const Properties& settings) {
-    for (const auto& [name, value] : *settings.getMap("")) {
+    const auto entries = settings.getMap("");
+    for (const auto& [name, value] : *entries) {
         if (!isKnown(name)) return settings.origin(name) + ": unknown setting " + name;
     }
     return {};

@@ -39,6 +39,9 @@ inline constexpr Setting SETTING_EMBEDDED_LDIF = {
 inline constexpr Setting SETTING_DOMAIN_NAME = {"domain.name", "", "the joined domain's DNS name"};
 inline constexpr Setting SETTING_ZONE_REALNAME = {"zone.dn", "",
                                                   "the DN of the zone that the host is joined to"};
+inline constexpr Setting SETTING_LOGIN_ATTRIBUTES = {
+    "login.attributes", "sAMAccountName uid displayName",
+    "attributes whose value may stand in a rewritten leading cn= of a DN"};
 inline constexpr Setting SETTING_LOG_FILE = {"log.file", "", "the log file (empty: none)"};
 inline constexpr Setting SETTING_LOG_LEVEL = {
     "log.level", "2",
