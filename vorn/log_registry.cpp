@@ -33,7 +33,8 @@ void report(const std::string& line) {
 std::map<std::string, int, StringCaseLessThan> readLevels(const Properties& settings, const Setting& root) {
     std::map<std::string, int, StringCaseLessThan> result = {{"", *parseLevel(root.defaultValue)}};
     const std::string_view name = root.name;
-    for (const auto& [key, value] : *settings.getMap(name)) {
+    const auto entries = settings.getMap(name);
+    for (const auto& [key, value] : *entries) {
         const std::string_view rest = std::string_view(key).substr(name.size());
         if (!rest.empty() && (rest.front() != '.' || rest.size() == 1)) continue;
         const std::optional<int> level = parseLevel(value);

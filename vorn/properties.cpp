@@ -113,7 +113,8 @@ std::size_t Properties::size() const {
 }
 
 void Properties::dump() const {
-    for (const auto& [key, value] : *getMap("")) {
+    const auto entries = getMap("");
+    for (const auto& [key, value] : *entries) {
         std::fprintf(stderr, "%s = %s\n", key.c_str(), value.c_str());
     }
 }
