@@ -98,7 +98,6 @@ LdbContext openLdb(const std::string& path, bool create) {
     LdbContext ldb(ldb_init(nullptr, nullptr));
     if (!ldb) throw std::bad_alloc();
     ldb_set_debug(ldb.get(), quiet, nullptr);
-    ldb_set_create_perms(ldb.get(), S_IRUSR | S_IWUSR);
     const char* reading[] = {kMapSize, nullptr};
     const char* loading[] = {kMapSize, "batch_mode:1", "transaction_index_cache_size:200000", nullptr};
     const unsigned flags = create ? LDB_FLG_NOSYNC : LDB_FLG_RDONLY | LDB_FLG_DONT_CREATE_DB;

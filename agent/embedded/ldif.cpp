@@ -1,6 +1,7 @@
 #include "agent/embedded/ldif.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -189,7 +190,8 @@ class Unfinished {
 
     void moveTo(const std::string& path) {
         const int file = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (file < 0 || ::fsync(file) != 0) throw DatabaseError(m_path + ": " + std::strerror(errno));
+        if (file < 0 || ::fchmod(file, S_IRUSR | S_IWUSR) != 0 || ::fsync(file) != 0)
+            throw DatabaseError(m_path + ": " + std::strerror(errno));
         ::close(file);
         if (::link(m_path.c_str(), path.c_str()) != 0)
             throw DatabaseError(path + ": " + std::strerror(errno));

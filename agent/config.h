@@ -1,0 +1,36 @@
+// The agent's settings, checked.
+#pragma once
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "agent/server.h"
+#include "agent/socket_file.h"
+#include "vorn/properties.h"
+
+namespace vexagent {
+
+// A setting that cannot be; what() is "FILE:LINE: reason", or "FILE: reason" for
+// one that is missing.
+class SettingsError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Config {
+    SocketOptions socket;
+    ServerOptions server;
+    int threads = 4;
+    std::string database;
+    std::string ldif;  // empty: the database must exist
+    std::string domain;
+    std::vector<std::string> loginAttributes;
+};
+
+// Reads the settings; file names them in complaints about what is missing.
+// Throws SettingsError.
+Config readConfig(const vorn::Properties& settings, const std::string& file);
+
+}  // namespace vexagent

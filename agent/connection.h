@@ -1,0 +1,74 @@
+// One client's connection.
+//
+// It greets, then reads one request at a time, has it worked on, and writes the
+// answer before it reads on: a client that sends faster than it reads waits in
+// its own socket. All its members are used by the thread of the I/O context;
+// while a request is worked on, its frame belongs to the worker.
+#pragma once
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "agent/frames.h"
+#include "agent/pool.h"
+#include "agent/service.h"
+#include "vex/wire.h"
+
+namespace vexagent {
+
+class Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    using Socket = boost::asio::local::stream_protocol::socket;
+    using Closed = std::function<void(const std::shared_ptr<Connection>&)>;
+
+    // What connections share. All of it outlives them.
+    struct Shared {
+        boost::asio::io_context& io;
+        Service& service;
+        WorkerPool& pool;
+        std::chrono::milliseconds timeout;  // for a frame to arrive, or to be taken
+        std::chrono::milliseconds idle;     // between two requests
+        Closed closed;                      // told once
+    };
+
+    Connection(Socket socket, const Client& client, const Shared& shared);
+
+    void start();
+
+    // Ends the connection, now or when the answer at hand is written.
+    void finish();
+
+    void close();
+
+  private:
+    void waitForRequest();
+    void readLength();
+    void readBody();
+    bool grow();
+    void process();
+    void work();
+    void write();
+    void onWritten(std::size_t bytes);
+    void setDeadline(std::chrono::milliseconds time);
+
+    Socket m_socket;
+    boost::asio::steady_timer m_timer;
+    const Client m_client;
+    const Shared& m_shared;
+
+    std::array<std::uint8_t, vex::wire::kLengthBytes> m_length{};
+    std::size_t m_expected = 0;  // bytes of the frame being read
+    Bytes m_request;
+    Bytes m_output;
+    std::size_t m_written = 0;
+    bool m_busy = false;     // a request is being worked on or answered
+    bool m_lastOne = false;  // close after the answer
+    bool m_closed = false;
+};
+
+}  // namespace vexagent

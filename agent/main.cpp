@@ -1,0 +1,232 @@
+// vexagent: the directory agent of this host.
+
+#include <getopt.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "agent/config.h"
+#include "agent/embedded/embedded.h"
+#include "agent/embedded/ldif.h"
+#include "agent/log.h"
+#include "agent/notify.h"
+#include "agent/server.h"
+#include "vorn/dn.h"
+#include "vorn/settings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr int kStartFailed = 1;
+constexpr int kBadUsage = 2;
+constexpr std::chrono::seconds kStopTime{2};  // for requests at work, when the agent stops
+
+constexpr char kUsage[] =
+    "Usage: vexagent [--config FILE] [--check]\n"
+    "Serves the directory to programs of this host.\n"
+    "\n"
+    "  --config FILE  read the settings from FILE\n"
+    "  --check        check the settings and the database, and serve nothing\n"
+    "  --help         show this text\n"
+    "  --version      show the version\n"
+    "\n"
+    "The settings:\n";
+
+struct Options {
+    std::string config;
+    bool check = false;
+};
+
+void complain(const std::string& text) {
+    std::fprintf(stderr, "vexagent: %s\n", text.c_str());
+    AGENT_LOG(vorn::Logger::kError, "%s", text.c_str());
+}
+
+void printUsage() {
+    std::fputs(kUsage, stdout);
+    for (const vorn::Setting& setting : vorn::knownSettings())
+        std::printf("  %-22s %s%s%s%s\n", setting.name, setting.meaning,
+                    *setting.defaultValue != '\0' ? " (" : "", setting.defaultValue,
+                    *setting.defaultValue != '\0' ? ")" : "");
+}
+
+// Ends the process for --help, --version and mistakes.
+Options parseOptions(int count, char** words) {
+    static const option kOptions[] = {{"config", required_argument, nullptr, 'c'},
+                                      {"check", no_argument, nullptr, 'k'},
+                                      {"help", no_argument, nullptr, 'h'},
+                                      {"version", no_argument, nullptr, 'v'},
+                                      {nullptr, 0, nullptr, 0}};
+    Options options;
+    opterr = 0;
+    for (int letter = 0; (letter = getopt_long(count, words, ":", kOptions, nullptr)) != -1;) {
+        switch (letter) {
+            case 'c':
+                options.config = optarg;
+                break;
+            case 'k':
+                options.check = true;
+                break;
+            case 'h':
+                printUsage();
+                std::exit(0);
+            case 'v':
+                std::puts("vexagent " VEXAGENT_VERSION);
+                std::exit(0);
+            case ':':
+                std::fprintf(stderr, "vexagent: %s needs a value; try --help\n", words[optind - 1]);
+                std::exit(kBadUsage);
+            default:
+                std::fprintf(stderr, "vexagent: unknown option %s; try --help\n", words[optind - 1]);
+                std::exit(kBadUsage);
+        }
+    }
+    if (optind < count) {
+        std::fprintf(stderr, "vexagent: unexpected word \"%s\"; try --help\n", words[optind]);
+        std::exit(kBadUsage);
+    }
+    return options;
+}
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0;
+}
+
+void buildIfMissing(const Config& config) {
+    if (exists(config.database)) return;
+    if (config.ldif.empty())
+        throw DatabaseError(config.database + ": " + std::strerror(ENOENT) +
+                            "; embedded.ldif names the LDIF file to build it from");
+    AGENT_LOG(vorn::Logger::kInfo, "building %s from %s", config.database.c_str(), config.ldif.c_str());
+    buildDatabase(config.database, config.ldif, vorn::DN::dnFromDomain(config.domain));
+}
+
+EmbeddedOptions embeddedOptions(const Config& config) {
+    return {config.database, config.domain, config.loginAttributes, vorn::systemTime};
+}
+
+// Every client is a descriptor.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// The running agent, from the moment that its socket is there.
+class Agent {
+  public:
+    explicit Agent(const Config& config)
+        : m_directory(embeddedOptions(config)),
+          m_service(m_directory, vorn::systemTime),
+          m_pool(config.threads),
+          m_server(m_io, m_service, m_pool, config.server),
+          m_socket(config.socket),
+          m_signals(m_io, SIGTERM, SIGINT),
+          m_requests(m_io, SIGUSR1, SIGHUP),
+          m_stopTimer(m_io) {}
+
+    int run() {
+        m_server.listen(m_socket.release());
+        m_signals.async_wait([this](const boost::system::error_code& error, int) {
+            if (!error) stop();
+        });
+        waitForRequests();
+        notifyManager("READY=1");
+        AGENT_LOG(vorn::Logger::kInfo, "ready");
+        m_io.run();
+        // Work that does not end by itself in time is not waited for.
+        if (m_pool.waitIdle(std::chrono::milliseconds(0))) return 0;
+        m_socket.remove();
+        std::fflush(nullptr);
+        ::_exit(0);
+    }
+
+  private:
+    void stop() {
+        notifyManager("STOPPING=1");
+        m_socket.remove();
+        m_requests.cancel();
+        m_stopTimer.expires_after(kStopTime);
+        m_stopTimer.async_wait([this](const boost::system::error_code& error) {
+            if (!error) m_io.stop();
+        });
+        m_server.stop([this] { m_stopTimer.cancel(); });
+    }
+
+    // SIGUSR1 asks for a statistics line, SIGHUP has the log levels read anew.
+    void waitForRequests() {
+        m_requests.async_wait([this](const boost::system::error_code& error, int signal) {
+            if (error) return;
+            if (signal == SIGUSR1) {
+                const std::string line = m_service.statistics();
+                std::fprintf(stderr, "vexagent: %s\n", line.c_str());
+                AGENT_LOG(vorn::Logger::kInfo, "%s", line.c_str());
+            } else {
+                reloadLevels();
+            }
+            waitForRequests();
+        });
+    }
+
+    static void reloadLevels() {
+        try {
+            vorn::Logger::ReconfigureLevels(vorn::Props(true, false));
+        } catch (const std::exception& error) {
+            complain(error.what());
+        }
+    }
+
+    boost::asio::io_context m_io{1};
+    EmbeddedDirectory m_directory;
+    Service m_service;
+    WorkerPool m_pool;
+    Server m_server;
+    SocketFile m_socket;
+    boost::asio::signal_set m_signals;
+    boost::asio::signal_set m_requests;
+    boost::asio::steady_timer m_stopTimer;
+};
+
+int start(const Options& options) {
+    if (!options.config.empty()) ::setenv("ZANTHE_CONF", options.config.c_str(), 1);
+    Config config;
+    try {
+        config = readConfig(vorn::Props(false, true), vorn::settingsFile());
+    } catch (const std::exception& error) {
+        complain(error.what());
+        return kBadUsage;
+    }
+    try {
+        ::signal(SIGPIPE, SIG_IGN);
+        ::umask(077);  // the database holds password hashes
+        raiseDescriptorLimit();
+        if (options.check) {
+            if (exists(config.database)) EmbeddedDirectory(embeddedOptions(config));
+            return 0;
+        }
+        buildIfMissing(config);
+        Agent agent(config);
+        return agent.run();
+    } catch (const std::exception& error) {
+        complain(error.what());
+        return kStartFailed;
+    }
+}
+
+}  // namespace
+}  // namespace vexagent
+
+int main(int count, char** words) {
+    return vexagent::start(vexagent::parseOptions(count, words));
+}

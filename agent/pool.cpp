@@ -1,0 +1,87 @@
+#include "agent/pool.h"
+
+#include <signal.h>
+
+#include <algorithm>
+
+namespace vexagent {
+namespace {
+
+// Signals go to the main thread, which expects them.
+class SignalsBlocked {
+  public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_before);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+  private:
+    sigset_t m_before;
+};
+
+}  // namespace
+
+WorkerPool::WorkerPool(int threads) : m_slowLimit(std::max(1, threads - 1)) {
+    const SignalsBlocked blocked;  // the new threads inherit it
+    for (int i = 0; i < threads; ++i) m_threads.emplace_back([this] { run(); });
+}
+
+WorkerPool::~WorkerPool() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopping = true;
+        m_quick.clear();
+        m_slow.clear();
+    }
+    m_changed.notify_all();
+    for (std::thread& thread : m_threads) thread.join();
+}
+
+void WorkerPool::post(Lane lane, Work work) {
+    {
+        const std::lock_guard lock(m_mutex);
+        (lane == Lane::Quick ? m_quick : m_slow).push_back(std::move(work));
+    }
+    // All, since waitIdle waits on the same condition.
+    m_changed.notify_all();
+}
+
+bool WorkerPool::waitIdle(std::chrono::milliseconds time) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, time, [this] { return isIdle(); });
+}
+
+bool WorkerPool::take(Lane& lane, Work& work) {
+    std::unique_lock lock(m_mutex);
+    const auto slowMayRun = [this] { return !m_slow.empty() && m_busySlow < m_slowLimit; };
+    m_changed.wait(lock, [&] { return m_stopping || !m_quick.empty() || slowMayRun(); });
+    if (m_stopping) return false;
+    lane = m_quick.empty() ? Lane::Slow : Lane::Quick;
+    std::deque<Work>& queue = lane == Lane::Quick ? m_quick : m_slow;
+    work = std::move(queue.front());
+    queue.pop_front();
+    ++m_busy;
+    if (lane == Lane::Slow) ++m_busySlow;
+    return true;
+}
+
+void WorkerPool::run() {
+    Lane lane = Lane::Quick;
+    Work work;
+    while (take(lane, work)) {
+        work();
+        work = nullptr;
+        {
+            const std::lock_guard lock(m_mutex);
+            --m_busy;
+            if (lane == Lane::Slow) --m_busySlow;
+        }
+        m_changed.notify_all();
+    }
+}
+
+}  // namespace vexagent

@@ -1,0 +1,109 @@
+// From a request to its answer.
+//
+// The service knows the clients by the process that the socket's peer
+// credentials name, and keeps their open searches. It does no I/O of its own.
+// Safe for several threads.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "agent/directory.h"
+#include "agent/frames.h"
+#include "agent/pool.h"
+#include "vorn/clock.h"
+
+namespace vexagent {
+
+// A client process.
+struct Client {
+    pid_t pid = 0;
+    uid_t uid = 0;
+    auto operator<=>(const Client&) const = default;
+};
+
+// A random number that is not 0: a search's name, which a client cannot guess.
+std::uint64_t randomId();
+
+class Service {
+  public:
+    using IdSource = std::function<std::uint64_t()>;
+
+    // The directory outlives the service.
+    Service(Directory& directory, vorn::Clock clock, IdSource newId = randomId);
+
+    // A connection of the process was accepted or has ended. With the last one its
+    // searches end.
+    void connected(const Client& client);
+    void disconnected(const Client& client);
+
+    // Whether a request is worked on at once or behind others like it.
+    Lane lane(const vex::wire::Request& request) const;
+
+    // The response's frame; nothing for a request that is not answered.
+    std::optional<Bytes> handle(const Client& client, const vex::wire::Request& request);
+
+    // Whether the request is of a kind that this agent knows.
+    static bool isKnown(const vex::wire::Request& request);
+
+    // Ends the searches that nobody has asked for in a long time.
+    void expireSearches();
+
+    std::size_t openSearches() const;
+
+    // One line: requests served by kind, failures, open searches, clients.
+    std::string statistics() const;
+
+  private:
+    struct OpenSearch {
+        Client client;
+        std::unique_ptr<Cursor> cursor;  // null while a thread works on it
+        std::time_t lastUsed = 0;
+    };
+    struct ClientState {
+        int connections = 0;
+        int searches = 0;
+    };
+
+    Answer dispatch(const Client& client, const vex::wire::Request& request);
+    Answer openSearch(const Client& client, const vex::wire::Request& request);
+    Answer continueSearch(const Client& client, std::uint64_t id);
+    void closeSearch(const Client& client, std::uint64_t id);
+    Answer fetch(const vex::wire::Request& request);
+    Answer lookup(const vex::wire::Request& request);
+    Answer authenticate(const Client& client, const vex::wire::Request& request);
+    Answer listNames();
+    Answer health();
+
+    std::uint64_t keep(const Client& client, std::unique_ptr<Cursor> cursor);
+    std::unique_ptr<Cursor> take(const Client& client, std::uint64_t id);
+    void putBack(std::uint64_t id, std::unique_ptr<Cursor> cursor);
+    void erase(std::map<std::uint64_t, OpenSearch>::iterator search);
+    void logRequest(const Client& client, const vex::wire::Request& request, const Answer& answer,
+                    long micros);
+
+    static constexpr std::size_t kKinds = 9;
+
+    Directory& m_directory;
+    const vorn::Clock m_clock;
+    const IdSource m_newId;
+
+    mutable std::mutex m_mutex;
+    std::map<std::uint64_t, OpenSearch> m_searches;  // guarded by m_mutex
+    std::map<Client, ClientState> m_clients;         // guarded by m_mutex
+
+    std::array<std::atomic<std::uint64_t>, kKinds> m_served{};
+    std::atomic<std::uint64_t> m_failed{0};
+};
+
+}  // namespace vexagent
