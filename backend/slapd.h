@@ -44,6 +44,9 @@ int ldap_log_printf(LDAP* ld, int level, const char* format, ...) __attribute__(
 // Macros that would rewrite C++ code of the files that include this header.
 #undef min
 #undef max
+#undef Debug
+#undef Log
+#undef LogTest
 
 static_assert(sizeof(Operation) == 384);
 static_assert(sizeof(SlapReply) == 112);

@@ -1,0 +1,281 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "backend/backend.h"
+#include "tests/standin/captured.h"
+
+#include "tests/standin/slapd_standin.h"
+
+// No overlay is loaded here; the end-to-end tests load real ones.
+extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) { return nullptr; }
+
+namespace {
+
+using testing::HasSubstr;
+
+struct Settings {
+    bool cacheEnabled = gCacheEnabled, fetchByDnUid = gFetchByDnUID, netgroups = gNetgroupUseRfc2307;
+    bool preferCache = gPreferCacheAuth, pagedCritical = gPagedCritical, reportErrors = gSearchReportErrors;
+    std::int64_t maxLists = gCacheMaxLists, maxObjects = gCacheMaxObjects, ttl = gCacheTTL;
+    std::int64_t negTtl = gCacheNegTTL, credExpire = gCredExpire, logInterval = gLogInterval;
+    float loadFactor = gCacheHashLoadFactor;
+    vorn::Properties* map = gTranslationMap;
+
+    void restore() const {
+        gCacheEnabled = cacheEnabled, gFetchByDnUID = fetchByDnUid, gNetgroupUseRfc2307 = netgroups;
+        gPreferCacheAuth = preferCache, gPagedCritical = pagedCritical, gSearchReportErrors = reportErrors;
+        gCacheMaxLists = maxLists, gCacheMaxObjects = maxObjects, gCacheTTL = ttl;
+        gCacheNegTTL = negTtl, gCredExpire = credExpire, gLogInterval = logInterval;
+        gCacheHashLoadFactor = loadFactor;
+        gTranslationMap = map;
+    }
+};
+
+class DirectivesTest : public testing::Test {
+  protected:
+    DirectivesTest() { standin::resetSlapd(); }
+    ~DirectivesTest() override { m_settings.restore(); }
+
+    int configure(std::vector<std::string> words) {
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        return vex_back_config(&m_info, "slapd.conf", 7, static_cast<int>(words.size()), argv.data());
+    }
+    int configureDatabase(std::vector<std::string> words) {
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        return vex_back_db_config(&m_database, "slapd.conf", 7, static_cast<int>(words.size()), argv.data());
+    }
+    // What a directive says on standard error.
+    std::string complaint(std::vector<std::string> words, int expected = 1) {
+        standin::CapturedStderr captured;
+        EXPECT_EQ(configure(std::move(words)), expected);
+        return captured.text();
+    }
+
+    BackendInfo m_info{};
+    BackendDB m_database = [this] {
+        BackendDB database{};
+        database.bd_info = &m_info;
+        return database;
+    }();
+    const Settings m_settings;
+};
+
+TEST(SettingsTest, HaveTheirDefaultsBeforeAnyDirective) {
+    EXPECT_FALSE(gCacheEnabled);
+    EXPECT_EQ(gCacheMaxLists, 100);
+    EXPECT_EQ(gCacheMaxObjects, 3000);
+    EXPECT_EQ(gCacheTTL, 3600);
+    EXPECT_EQ(gCacheNegTTL, 300);
+    EXPECT_EQ(gCredExpire, 300);
+    EXPECT_EQ(gLogInterval, 0);
+    EXPECT_TRUE(gPreferCacheAuth);
+    EXPECT_FALSE(gFetchByDnUID);
+    EXPECT_FALSE(gNetgroupUseRfc2307);
+    EXPECT_FALSE(gPagedCritical);
+    EXPECT_FALSE(gSearchReportErrors);
+    EXPECT_EQ(gTranslationMap, nullptr);
+    EXPECT_EQ(gSupportedObjectAttrList.load(), nullptr);
+
+    std::uint32_t bits = 0;
+    static_assert(sizeof bits == sizeof gCacheHashLoadFactor);
+    std::memcpy(&bits, &gCacheHashLoadFactor, sizeof bits);
+    EXPECT_EQ(bits, 0x3FA66666U);
+}
+
+struct BooleanDirective {
+    const char* name;
+    bool* setting;
+};
+class BooleanDirectiveTest : public DirectivesTest, public testing::WithParamInterface<BooleanDirective> {};
+
+TEST_P(BooleanDirectiveTest, TakesTrueAndFalseInAnyCaseAndNothingElse) {
+    const auto [name, setting] = GetParam();
+    EXPECT_EQ(configure({name, "TRUE"}), 0);
+    EXPECT_TRUE(*setting);
+    EXPECT_EQ(configure({name, "False"}), 0);
+    EXPECT_FALSE(*setting);
+    EXPECT_EQ(configure({name, "true"}), 0);
+    EXPECT_EQ(complaint({name, "yes"}), std::string("dirgate ERROR: slapd.conf: line 7: ") + name +
+                                            "'s value 'yes' is invalid.\n");
+    EXPECT_TRUE(*setting) << "a refused value leaves the setting unchanged";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, BooleanDirectiveTest,
+    testing::Values(BooleanDirective{"vex-auth-prefer-cache", &gPreferCacheAuth},
+                    BooleanDirective{"dirgate.vextranslate.fetchbydnuid", &gFetchByDnUID},
+                    BooleanDirective{"dirgate.cache.enabled", &gCacheEnabled},
+                    BooleanDirective{"dirgate.netgroup.use.rfc2307nisnetgroup", &gNetgroupUseRfc2307},
+                    BooleanDirective{"dirgate.paged.critical", &gPagedCritical},
+                    BooleanDirective{"dirgate.search.report.errors", &gSearchReportErrors}));
+
+struct IntegerDirective {
+    const char* name;
+    std::int64_t* setting;
+    bool takesZero;
+};
+class IntegerDirectiveTest : public DirectivesTest, public testing::WithParamInterface<IntegerDirective> {};
+
+TEST_P(IntegerDirectiveTest, TakesThirtyTwoBitsOfWhatTheWordBeginsWith) {
+    const auto [name, setting, takesZero] = GetParam();
+    const struct {
+        const char* word;
+        bool accepted;
+        std::int64_t value;
+    } cases[] = {
+        {"60", true, 60},
+        {"60s", true, 60},                    // what follows the digits does not count
+        {"4294967396", true, 100},            // 2^32 + 100 wraps to 100
+        {"2147483648", false, 0},             // 2^31 wraps negative
+        {"2147483647", true, 2147483647},
+        {"99999999999999999999", false, 0},
+        {"-1", false, 0},
+        {"0", takesZero, 0},
+        {"4294967296", takesZero, 0},         // 2^32 wraps to 0
+        {"many", takesZero, 0},               // no leading digits read as 0
+    };
+    for (const auto& one : cases) {
+        *setting = 77;
+        if (one.accepted) {
+            EXPECT_EQ(configure({name, one.word}), 0) << one.word;
+            EXPECT_EQ(*setting, one.value) << one.word;
+        } else {
+            EXPECT_EQ(complaint({name, one.word}), std::string("dirgate ERROR: slapd.conf: line 7: ") + name +
+                                                       "'s value '" + one.word + "' is invalid.\n");
+            EXPECT_EQ(*setting, 77) << one.word;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, IntegerDirectiveTest,
+    testing::Values(IntegerDirective{"dirgate.cache.max.lists", &gCacheMaxLists, false},
+                    IntegerDirective{"dirgate.cache.max.objects", &gCacheMaxObjects, false},
+                    IntegerDirective{"dirgate.cache.ttl", &gCacheTTL, false},
+                    IntegerDirective{"dirgate.cache.negative.ttl", &gCacheNegTTL, false},
+                    IntegerDirective{"dirgate.cache.credential.expires", &gCredExpire, false},
+                    IntegerDirective{"dirgate.performance.log.interval", &gLogInterval, true}));
+
+TEST_F(DirectivesTest, TheLoadFactorIsAPositiveSinglePrecisionNumber) {
+    EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.75"}), 0);
+    EXPECT_EQ(gCacheHashLoadFactor, 0.75F);
+    for (const char* word : {"1e-50", "0", "-1", "much", "nan"}) {
+        EXPECT_EQ(complaint({"dirgate.cache.hash.loadfactor", word}),
+                  std::string("dirgate ERROR: slapd.conf: line 7: dirgate.cache.hash.loadfactor's value '") +
+                      word + "' is invalid.\n");
+        EXPECT_EQ(gCacheHashLoadFactor, 0.75F);
+    }
+}
+
+TEST_F(DirectivesTest, AWrongNumberOfWordsHasNoEffectAndNoMessage) {
+    EXPECT_EQ(complaint({"dirgate.cache.ttl"}, 0), "");
+    EXPECT_EQ(complaint({"dirgate.cache.ttl", "60", "70"}, 0), "");
+    EXPECT_EQ(complaint({"dirgate.cache.enabled", "nonsense", "more"}, 0), "");
+    EXPECT_EQ(gCacheTTL, 3600);
+}
+
+TEST_F(DirectivesTest, AnUnknownDirectiveIsAcceptedWithoutAMessage) {
+    EXPECT_EQ(complaint({"dirgate.cache.enabeld", "true"}, 0), "");
+    EXPECT_EQ(complaint({"suffixes"}, 0), "");
+}
+
+TEST_F(DirectivesTest, NamesIgnoreCase) {
+    EXPECT_EQ(configure({"DirGate.Cache.TTL", "5"}), 0);
+    EXPECT_EQ(gCacheTTL, 5);
+}
+
+TEST_F(DirectivesTest, ComplaintsGoToSlapdsDebugLogWhenItIsShown) {
+    slap_debug = -1;
+    ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
+    EXPECT_EQ(complaint({"dirgate.cache.ttl", "0"}),
+              "slapd.conf: line 7: dirgate.cache.ttl's value '0' is invalid.\n");
+    slap_debug = 0;
+    ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
+}
+
+// ------------------------------------------------------------ vextranslation
+
+class TranslationDirectiveTest : public DirectivesTest {
+  protected:
+    std::string file(const std::string& text) {
+        const std::string path = testing::TempDir() + "/map" + std::to_string(m_files++);
+        std::ofstream(path) << text;
+        return path;
+    }
+    int m_files = 0;
+};
+
+TEST_F(TranslationDirectiveTest, LoadsTheMapAndIgnoresFurtherWords) {
+    EXPECT_EQ(configure({"VexTranslation", file("posixAccount = User\n"), "and", "more"}), 0);
+    ASSERT_NE(gTranslationMap, nullptr);
+    EXPECT_EQ(gTranslationMap->get("POSIXACCOUNT", ""), "User");
+}
+
+TEST_F(TranslationDirectiveTest, ALaterLineReplacesTheMapAndTheOldOneStays) {
+    EXPECT_EQ(configure({"vextranslation", file("a = 1\n")}), 0);
+    const vorn::Properties* first = gTranslationMap;
+    EXPECT_EQ(configure({"vextranslation", file("a = 2\n")}), 0);
+    EXPECT_NE(gTranslationMap, first);
+    EXPECT_EQ(first->get("a", ""), "1");
+    EXPECT_EQ(gTranslationMap->get("a", ""), "2");
+}
+
+TEST_F(TranslationDirectiveTest, AMissingFileNameIsRefusedWithTheDirectiveAsWritten) {
+    EXPECT_EQ(complaint({"VexTranslation"}),
+              "dirgate ERROR: slapd.conf: line 7: missing filenamein vextranslation line: VexTranslation.\n");
+}
+
+TEST_F(TranslationDirectiveTest, AFileThatCannotBeLoadedIsRefusedAndTheMapStays) {
+    EXPECT_EQ(configure({"vextranslation", file("a = 1\n")}), 0);
+    const std::string malformed = file("good = 1\nbad = \\u12\n");
+    EXPECT_THAT(complaint({"vextranslation", malformed}),
+                HasSubstr("dirgate ERROR: slapd.conf: line 7: " + malformed + ":2: "));
+    EXPECT_THAT(complaint({"vextranslation", "/nonexistent/map"}),
+                HasSubstr("dirgate ERROR: slapd.conf: line 7: /nonexistent/map: "));
+    EXPECT_EQ(gTranslationMap->get("a", ""), "1");
+}
+
+TEST_F(TranslationDirectiveTest, TheMapIsShownInDebugMode) {
+    const std::string path = file("posixAccount.uid = sAMAccountName\n");
+    EXPECT_EQ(complaint({"vextranslation", path}, 0), "");
+    slap_debug = 1;
+    EXPECT_THAT(complaint({"vextranslation", path}, 0), HasSubstr("posixAccount.uid = sAMAccountName\n"));
+}
+
+// ---------------------------------------------------------- paged.critical
+
+TEST_F(DirectivesTest, PagedCriticalListsTheControl) {
+    slap_cids.sc_pagedResults = 5;
+    EXPECT_EQ(configure({"dirgate.cache.enabled", "false"}), 0);
+    EXPECT_EQ(m_info.bi_controls, nullptr);
+    EXPECT_EQ(configure({"dirgate.paged.critical", "true"}), 0);
+    ASSERT_NE(m_info.bi_controls, nullptr);
+    EXPECT_STREQ(m_info.bi_controls[0], "1.2.840.113556.1.4.319");
+    EXPECT_EQ(m_info.bi_controls[1], nullptr);
+    EXPECT_EQ(m_info.bi_ctrls[5], 1);
+    EXPECT_EQ(configure({"dirgate.paged.critical", "false"}), 0);
+    EXPECT_EQ(m_info.bi_controls, nullptr);
+    EXPECT_EQ(m_info.bi_ctrls[5], 0);
+}
+
+// -------------------------------------------------------- database sections
+
+TEST_F(DirectivesTest, ADatabaseSectionTakesTheSameDirectives) {
+    EXPECT_EQ(configureDatabase({"dirgate.cache.ttl", "60"}), 0);
+    EXPECT_EQ(gCacheTTL, 60);
+    standin::CapturedStderr captured;
+    EXPECT_EQ(configureDatabase({"dirgate.cache.ttl", "0"}), 1);
+    EXPECT_EQ(configureDatabase({"nobody.knows.this", "x"}), 0);
+}
+
+}  // namespace

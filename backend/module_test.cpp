@@ -1,0 +1,129 @@
+// The module's life as slapd sees it. One test: registration and destroy happen
+// once in a process.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "auth/bind.h"
+#include "auth/credentials.h"
+#include "backend/backend.h"
+#include "search/handles.h"
+#include "search/search.h"
+#include "tests/standin/captured.h"
+#include "tests/standin/vex_standin.h"
+
+#include "tests/standin/slapd_standin.h"
+
+extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) { return nullptr; }
+
+namespace {
+
+using testing::IsEmpty;
+
+BackendInfo* registered() {
+    static BackendInfo* const info = [] {
+        standin::reset();
+        standin::resetSlapd();
+        EXPECT_EQ(init_module(0, nullptr), 0);
+        BackendInfo* given = standin::registeredBackend();
+        EXPECT_EQ(given->bi_init(given), 0);
+        return given;
+    }();
+    return info;
+}
+
+TEST(ModuleTest, RegistersUnderItsTypeName) {
+    EXPECT_STREQ(registered()->bi_type, "zanthedx");
+    EXPECT_EQ(registered()->bi_init, vex_back_initialize);
+}
+
+TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
+    BackendInfo expected{};
+    expected.bi_type = registered()->bi_type;
+    expected.bi_init = vex_back_initialize;
+    expected.bi_config = vex_back_config;
+    expected.bi_db_config = vex_back_db_config;
+    expected.bi_db_init = vex_back_db_init;
+    expected.bi_db_destroy = vex_back_destroy;
+    expected.bi_op_bind = vex_back_bind;
+    expected.bi_op_search = vex_back_search;
+    expected.bi_connection_destroy = vex_conn_destroy;
+    EXPECT_EQ(std::memcmp(registered(), &expected, sizeof expected), 0)
+        << "the back-end is read-only: every other hook is null";
+}
+
+TEST(ModuleTest, TheOpenHookThatIsNotInstalledWouldListAllControls) {
+    static char* known[] = {nullptr};
+    slap_known_controls = known;
+    BackendInfo info{};
+    EXPECT_EQ(vex_back_open(&info), 0);
+    EXPECT_EQ(info.bi_controls, known);
+    EXPECT_EQ(registered()->bi_open, nullptr);
+}
+
+TEST(ModuleTest, MakesTheTwoManagers) {
+    registered();
+    EXPECT_NE(back_vex_creds, nullptr);
+    EXPECT_NE(back_vex_search_handle, nullptr);
+    EXPECT_EQ(vex_back_db_init(nullptr, nullptr), 0);
+}
+
+TEST(ModuleTest, ClosingAConnectionThatNeverBoundOrSearchedLogsTheLine) {
+    registered();
+    const standin::CapturedLog log;
+    standin::FakeConnection connection(4711);
+    standin::forgetCalls();
+    EXPECT_EQ(vex_conn_destroy(nullptr, connection.connection()), 0);
+    EXPECT_EQ(log.records().size(), 1U);
+    EXPECT_TRUE(log.has("vex connection id 4711 being destroyed"));
+    EXPECT_THAT(standin::calls(), IsEmpty());
+}
+
+TEST(ModuleTest, ClosingAConnectionDropsItsCredentialAndItsSearch) {
+    registered();
+    back_vex_creds->addCreds(9, "cn=ann", "secret");
+    back_vex_search_handle->setSearchHandle(9, std::make_shared<LdapSearchHandle>());
+    standin::FakeConnection connection(9);
+    EXPECT_EQ(vex_conn_destroy(nullptr, connection.connection()), 0);
+    EXPECT_EQ(back_vex_creds->doCacheAuth("cn=ann", "secret"), 0);
+    EXPECT_EQ(back_vex_search_handle->getSearchHandle(9), nullptr);
+}
+
+// In a process of its own: nothing can follow it.
+TEST(ModuleDeathTest, DestroyFreesEverythingAndASecondDatabaseNothingTwice) {
+    EXPECT_EXIT(
+        {
+            registered();
+            standin::forgetCalls();
+            standin::supported({"cn"});
+            vexSession* session = nullptr;
+            vexStringSet* names = nullptr;
+            vexSessionOpen(1, 21, &session);
+            vexGetObjectSupportedAttributes(session, &names);
+            vexSessionClose(session);
+            gSupportedObjectAttrList = names;
+            vex_back_destroy(nullptr, nullptr);
+            vex_back_destroy(nullptr, nullptr);
+            for (const auto& leak : standin::leaks()) std::fprintf(stderr, "leak: %s\n", leak.c_str());
+            for (const auto& failure : standin::failures()) std::fprintf(stderr, "%s\n", failure.c_str());
+            std::_Exit(standin::leaks().empty() && standin::failures().empty() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(ModuleDeathTest, DestroyWithNoSearchAndNoBindEverSucceeds) {
+    EXPECT_EXIT(
+        {
+            registered();
+            standin::forgetCalls();
+            vex_back_destroy(nullptr, nullptr);
+            std::_Exit(standin::calls().empty() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

@@ -1,0 +1,338 @@
+// The search handler against a scripted agent: which calls it makes, and what the
+// client gets.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <stdexcept>
+
+#include "backend/settings.h"
+#include "search/fixture.h"
+#include "search/testing.h"
+#include "tests/standin/captured.h"
+
+#include "tests/standin/slapd_standin.h"
+
+namespace {
+
+using searchtest::person;
+using searchtest::Request;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class SearchTest : public searchtest::Fixture {};
+
+// ------------------------------------------------------------- the plain way
+
+TEST_F(SearchTest, APlainSearchOpensAsksSendsAndCloses) {
+    standin::search({person("ann")});
+    Request request;
+    request.attributes = {"mail"};
+    const auto sent = m_client.search(request);
+    EXPECT_THAT(standin::requests(),
+                ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
+                            R"(vexLdapSearchOpen(session1, "", "(uid=ann)", "dc=example,dc=com", ["mail"], 2, -1, 0))",
+                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
+                            "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_THAT(sent[0].text, HasSubstr("CN=ann,DC=example,DC=com"));
+    EXPECT_THAT(sent[0].attributes, ElementsAre("mail"));
+    EXPECT_EQ(sent[1].code, LDAP_SUCCESS);
+}
+
+TEST_F(SearchTest, WithAMapTheZonesViewIsAskedForOnTheNullSessionAndOnTheOpenOne) {
+    useMap("posixAccount = User\nposixAccount.uid = sAMAccountName\n");
+    standin::search({person("ann")});
+    Request request;
+    request.attribute = "objectClass";
+    request.value = "posixAccount";
+    request.attributes = {"uid"};
+    EXPECT_EQ(m_client.search(request).back().code, LDAP_SUCCESS);
+    EXPECT_THAT(
+        standin::requests(),
+        ElementsAre("vexSetOption(null, 4, 1)", "vexSessionOpen(1, 21)", "vexSetOption(session1, 4, 1)",
+                    "vexSetOption(session1, 64, 1)",
+                    R"(vexLdapSearchOpen(session1, "", "(objectClass=User)", "dc=example,dc=com", )"
+                    R"(["sAMAccountName","_objectCategory","_nssEntryInvalid"], 2, -1, 0))",
+                    "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)",
+                    "vexSessionClose(session1)"));
+}
+
+TEST_F(SearchTest, AMapWithoutEntriesIsLikeNoMap) {
+    useMap("");
+    standin::search({person("ann")});
+    m_client.search(Request{});
+    EXPECT_EQ(standin::requests().at(0), "vexSessionOpen(1, 21)");
+    EXPECT_EQ(standin::requests().at(1), "vexSetOption(session1, 64, 0)");
+}
+
+TEST_F(SearchTest, WithoutAttributesAllOfTheEntryAreSent) {
+    standin::search({person("ann")});
+    const auto sent = m_client.search(Request{});
+    EXPECT_THAT(sent[0].attributes, IsEmpty());
+    EXPECT_THAT(standin::requests().at(2), HasSubstr(R"("dc=example,dc=com", [], 2, -1, 0)"));
+}
+
+TEST_F(SearchTest, ASearchThatMatchesNothingEndsWithNoSuchObject) {
+    const auto sent = m_client.search(Request{});
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
+    EXPECT_FALSE(sent[0].hasText);
+}
+
+TEST_F(SearchTest, AnObjectThatCarriesTheInvalidMarkIsNeverReturnedWhateverTheValue) {
+    auto marked = person("ann");
+    marked.push_back({"_nssEntryInvalid", {"FALSE"}});
+    standin::search({marked, person("bob")});
+    const auto sent = m_client.search(Request{});
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_THAT(sent[0].text, HasSubstr("CN=bob"));
+}
+
+TEST_F(SearchTest, AnObjectWhoseLdifIsNoEntryIsSkipped) {
+    const standin::CapturedLog log;
+    standin::rejectEntriesWith("CN=ann");
+    standin::search({person("ann"), person("bob")});
+    const auto sent = m_client.search(Request{});
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_THAT(sent[0].text, HasSubstr("CN=bob"));
+    EXPECT_EQ(sent[1].code, LDAP_SUCCESS);
+    EXPECT_THAT(log.records(), testing::Contains(HasSubstr("Skipping object, invalid ldif dn: CN=ann")));
+}
+
+TEST_F(SearchTest, TheLinesOfASearchAreLogged) {
+    const standin::CapturedLog log;
+    standin::search({person("ann")});
+    Request request;
+    request.attributes = {"mail", "1.1"};
+    m_client.search(request);
+    EXPECT_TRUE(log.has("vex search start with filterstr: (uid=ann)"));
+    EXPECT_TRUE(log.has("vex search after translation filter = (uid=ann)"));
+    EXPECT_TRUE(log.has("vex search using base: dc=example,dc=com"));
+    EXPECT_TRUE(log.has("vex search scope = 2"));
+    EXPECT_TRUE(log.has("new attrs = mail _dn "));
+    EXPECT_THAT(log.records(),
+                testing::Contains(HasSubstr(
+                    "vex search num attrs = 2, req_dn = 'dc=example,dc=com', filter = (uid=ann),")));
+    EXPECT_TRUE(log.has("old attrs = mail 1.1 ,"));
+    EXPECT_TRUE(log.has("vex search complete on connection: 1"));
+    EXPECT_THAT(log.records(), testing::Contains(HasSubstr("After translation: out_ldif = ")));
+}
+
+// -------------------------------------------------------------------- limits
+
+TEST_F(SearchTest, ASizeLimitOfNGivesNEntriesAndThenTheResultTwice) {
+    standin::search({person("a"), person("b"), person("c")});
+    Request request;
+    request.sizeLimit = 2;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 4U);
+    EXPECT_TRUE(sent[1].isEntry);
+    EXPECT_EQ(sent[2].code, LDAP_SIZELIMIT_EXCEEDED);
+    EXPECT_EQ(sent[3].code, LDAP_SIZELIMIT_EXCEEDED);
+    EXPECT_FALSE(sent[2].hasText);
+}
+
+TEST_F(SearchTest, ExactlyAsManyObjectsAsTheLimitAreNoExcess) {
+    standin::search({person("a"), person("b")});
+    Request request;
+    request.sizeLimit = 2;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(sent[2].code, LDAP_SUCCESS);
+}
+
+TEST_F(SearchTest, APassedDeadlineEndsWithTimeLimitExceeded) {
+    standin::search({person("a")});
+    Request request;
+    request.start = std::time(nullptr) - 10;
+    request.timeLimit = 5;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].code, LDAP_TIMELIMIT_EXCEEDED);
+    EXPECT_FALSE(sent[0].hasText);
+    EXPECT_EQ(sent[1].code, LDAP_NO_SUCH_OBJECT) << "nothing was sent, and the ending says so again";
+}
+
+TEST_F(SearchTest, AnAbandonedOperationEndsWithoutEntries) {
+    standin::search({person("a")});
+    Request request;
+    request.abandoned = true;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
+}
+
+TEST_F(SearchTest, AFailedSendEndsTheSearchWithInsufficientAccessTwice) {
+    standin::search({person("a"), person("b")});
+    m_client.connection().entriesAnswer(4);
+    const auto sent = m_client.search(Request{});
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(sent[1].code, LDAP_INSUFFICIENT_ACCESS);
+    EXPECT_EQ(sent[1].text, "send_search_entry Failed, lrc = 4");
+    EXPECT_EQ(sent[2].text, "send_search_entry Failed, lrc = 4");
+}
+
+// -------------------------------------------------------- the back-end's suffix
+
+TEST_F(SearchTest, TheSuffixItselfIsAnsweredWithTheDomainEntryWhenItPassesTheFilter) {
+    Request request;
+    request.base = "DC=Example,dc=com";
+    request.scope = LDAP_SCOPE_BASE;
+    request.attributes = {"dc"};
+    const auto sent = m_client.search(request);
+    EXPECT_THAT(standin::requests(), ElementsAre("vexSessionOpen(1, 21)", "vexSessionClose(session1)"));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].text, "dn: dc=example,dc=com\nobjectclass: domain\ndc: Example\n");
+    EXPECT_THAT(sent[0].attributes, ElementsAre("dc"));
+    EXPECT_EQ(sent[1].code, LDAP_SUCCESS);
+}
+
+TEST_F(SearchTest, TheSuffixItselfIsNoSuchObjectWhenTheFilterDoesNotMatch) {
+    standin::filterAnswers(LDAP_COMPARE_FALSE);
+    Request request;
+    request.scope = LDAP_SCOPE_BASE;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
+}
+
+TEST_F(SearchTest, ADomainEntryThatIsNoEntryIsReportedWithItsText) {
+    standin::rejectEntriesWith("objectclass: domain");
+    Request request;
+    request.scope = LDAP_SCOPE_BASE;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_INVALID_SYNTAX);
+    EXPECT_EQ(sent[0].text,
+              "str2entry Failed, bad ldif: dn: dc=example,dc=com\nobjectclass: domain\ndc: example\n");
+}
+
+TEST_F(SearchTest, ABaseSearchDropsAnEntryWithAnotherDn) {
+    standin::search({person("ann"), person("bob")});
+    Request request;
+    request.base = "cn=ANN,dc=example,dc=com";
+    request.scope = LDAP_SCOPE_BASE;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_THAT(sent[0].text, HasSubstr("CN=ann"));
+}
+
+// ------------------------------------------------------------- fetch by DN
+
+TEST_F(SearchTest, CnDollarSearchesTheForestForDnsAndFetchesEachObject) {
+    standin::search({{{"_dn", {"CN=ann,DC=sub,DC=example,DC=com"}}, {"_GUID", {"g"}}, {"_objectCategory", {"Person"}}}});
+    standin::fetch("CN=ann,DC=sub,DC=example,DC=com",
+                   {{"_dn", {"CN=ann,DC=sub,DC=example,DC=com"}}, {"mail", {"ann@example.com"}}});
+    Request request;
+    request.base = "CN=$,dc=example,dc=com";
+    request.attributes = {"mail"};
+    const auto sent = m_client.search(request);
+    EXPECT_THAT(
+        standin::requests(),
+        ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
+                    R"(vexLdapSearchOpen(session1, "$", "(uid=ann)", "dc=example,dc=com", ["1.1"], 2, -1, 0))",
+                    "vexLdapSearchNext(search1)",
+                    R"(vexLdapFetch(session1, "sub.example.com", "CN=ann,DC=sub,DC=example,DC=com", ["mail"]))",
+                    "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_THAT(sent[0].text, HasSubstr("mail: ann@example.com"));
+}
+
+TEST_F(SearchTest, AFetchThatFailsIsReported) {
+    standin::search({person("ann")});
+    standin::fetchFails("CN=ann,DC=example,DC=com", 6);
+    Request request;
+    request.base = "cn=$,dc=example,dc=com";
+    const auto sent = m_client.search(request);
+    EXPECT_EQ(sent[0].code, LDAP_UNAVAILABLE);
+    EXPECT_EQ(sent[0].text,
+              "vexLdapFetch : Failed to communicate with vexagent due to broken session handle");
+}
+
+TEST_F(SearchTest, ADnThatCannotBeReadIsReported) {
+    standin::search({{standin::unreadable("_dn", 6), {"_objectCategory", {"Person"}}, {"mail", {"x"}}}});
+    Request request;
+    request.base = "cn=$";
+    const auto sent = m_client.search(request);
+    EXPECT_EQ(sent[0].text,
+              "vexGetAttributeStr(DN): Failed to communicate with vexagent due to broken session handle");
+}
+
+// ---------------------------------------------------------------- failures
+
+TEST_F(SearchTest, ASessionThatCannotBeOpenedIsReported) {
+    standin::answer("vexSessionOpen", 6);
+    const auto sent = m_client.search(Request{});
+    EXPECT_EQ(sent[0].code, LDAP_UNAVAILABLE);
+    EXPECT_EQ(sent[0].text,
+              "vexSessionOpen: Failed to communicate with vexagent due to broken session handle");
+    EXPECT_EQ(sent.size(), 2U) << "the ending sends the result once more";
+    EXPECT_EQ(sent[1].code, LDAP_UNAVAILABLE);
+}
+
+TEST_F(SearchTest, ASearchThatCannotBeOpenedIsReportedAndItsSessionClosed) {
+    standin::answer("vexLdapSearchOpen", 6);
+    const auto sent = m_client.search(Request{});
+    EXPECT_EQ(sent[0].code, LDAP_UNAVAILABLE);
+    EXPECT_EQ(sent[0].text,
+              "vexLdapSearch : Failed to communicate with vexagent due to broken session handle");
+    EXPECT_EQ(standin::requests().back(), "vexSessionClose(session1)");
+}
+
+TEST_F(SearchTest, AnIncompleteSearchEndsAsIfWholeUnlessErrorsAreReported) {
+    standin::search({person("ann")}, 6);
+    EXPECT_EQ(m_client.search(Request{}).back().code, LDAP_SUCCESS);
+
+    gSearchReportErrors = true;
+    standin::search({person("ann")}, 6);
+    const auto sent = m_client.search(Request{});
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(sent[1].code, LDAP_UNAVAILABLE);
+    EXPECT_EQ(sent[1].text,
+              "vexLdapSearch : Failed to communicate with vexagent due to broken session handle");
+    EXPECT_EQ(sent[2].code, LDAP_UNAVAILABLE);
+}
+
+TEST_F(SearchTest, AFilterThatTheAgentCannotExpressIsRejected) {
+    Request request;
+    request.attribute = "~approximate";
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_INVALID_SYNTAX);
+    EXPECT_EQ(sent[0].text, "vex dirgate: invalid search filter");
+    EXPECT_THAT(standin::requests(), IsEmpty());
+}
+
+TEST_F(SearchTest, AnUnexpectedExceptionIsReportedAndTheHookAnswersOne) {
+    standin::onCall("vexLdapSearchOpen", [] { throw std::runtime_error("out of cheese"); });
+    int answer = 0;
+    const auto sent = m_client.search(Request{}, &answer);
+    EXPECT_EQ(answer, 1);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_OTHER);
+    EXPECT_EQ(sent[0].text, "out of cheese");
+}
+
+// -------------------------------------------------------------- fetch by uid
+
+TEST_F(SearchTest, ABaseOfAUidBecomesAFilterAndSkipsTheBaseTest) {
+    gFetchByDnUID = true;
+    useMap("posixAccount = User\nposixAccount.uid = sAMAccountName\n");
+    standin::search({person("jdoe")});
+    Request request;
+    request.base = "uid=jdoe,ou=people,dc=a";
+    request.scope = LDAP_SCOPE_BASE;
+    request.attribute = "objectClass";
+    request.value = nullptr;
+    const auto sent = m_client.search(request);
+    EXPECT_THAT(standin::requests(),
+                testing::Contains(HasSubstr(
+                    R"("(&(objectClass=User)(sAMAccountName=jdoe))", "uid=jdoe,ou=people,dc=a", [], 0, -1, 0)")));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_TRUE(sent[0].isEntry);
+}
+
+}  // namespace
