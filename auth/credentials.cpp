@@ -1,1 +1,156 @@
 #include "auth/credentials.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "backend/log.h"
+#include "backend/settings.h"
+
+#include "backend/slapd.h"
+
+CredManager* back_vex_creds = nullptr;
+
+struct CredManager::Credential {
+    std::string dn;
+    Shredder hash;
+    Shredder salt;
+    std::time_t created;
+};
+
+namespace {
+
+constexpr std::size_t kSaltBytes = 16;
+
+// slapd's hashing leaves its working copy of the secret on the stack below its
+// caller; this overwrites where that was.
+__attribute__((noinline)) void wipeStackBelow() {
+    char below[4096];
+    vorn::wipe(below, sizeof below);
+}
+
+// Gives the hash that the library made, empty when it made none.
+Shredder takeHash(berval* hash) {
+    const auto release = [](char* text) { ber_memfree(text); };
+    const std::unique_ptr<char, decltype(release)> owner(hash->bv_val, release);
+    if (!owner) return Shredder();
+    Shredder result(std::string_view(hash->bv_val, hash->bv_len));
+    vorn::wipe(hash->bv_val, hash->bv_len);
+    return result;
+}
+
+// Random bytes up to the first zero one, for a salt is kept as text; so it may be
+// shorter than it was asked for, even empty. False when there is no randomness.
+bool makeSalt(Shredder* salt) {
+    unsigned char bytes[kSaltBytes];
+    if (lutil_entropy(bytes, sizeof bytes) < 0) return false;
+    const char* text = reinterpret_cast<const char*>(bytes);
+    *salt = Shredder(std::string_view(text, strnlen(text, sizeof bytes)));
+    vorn::wipe(bytes, sizeof bytes);
+    return true;
+}
+
+// How long it takes depends on the lengths alone, so that it tells nothing of how
+// much of a guess was right.
+bool equalInConstantTime(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    unsigned difference = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return difference == 0;
+}
+
+}  // namespace
+
+Shredder HashPassword(const Shredder& password, const Shredder& salt) {
+    std::string whole;
+    whole.reserve(password.text().size() + salt.text().size());  // growing would leave a copy behind
+    whole.append(password.text()).append(salt.text());
+
+    berval secret = {whole.size(), whole.data()};
+    berval hash = {0, nullptr};
+    const char* reason = nullptr;
+    lutil_passwd_hash(&secret, "{SHA}", &hash, &reason);
+    wipeStackBelow();
+    vorn::wipe(whole);
+    if (hash.bv_val == nullptr) JError("Password hash generation failed");
+    return takeHash(&hash);
+}
+
+CredManager::CredManager(vorn::Clock clock) : m_clock(clock) {}
+CredManager::~CredManager() = default;
+
+// Whether the credential is the DN's, still lives, and is for this password.
+bool CredManager::vouches(const Credential& credential, const char* dn, const char* password) const {
+    const std::time_t now = m_clock();
+    if (credential.dn != dn) return false;
+    if (now - credential.created >= gCredExpire) {
+        JPrintf("vex bind : Cached credential(DN: %s) expires, skip this one", dn);
+        return false;
+    }
+    if (credential.hash.text().empty()) return false;
+    const Shredder hash = HashPassword(Shredder(password), credential.salt);
+    return equalInConstantTime(hash.text(), credential.hash.text());
+}
+
+std::time_t CredManager::doCacheAuth(const char* dn, const char* password) {
+    const vorn::ReaderLock guard(m_lock);
+    const auto bind = m_binds.find(std::string_view(dn));
+    if (bind == m_binds.end()) return 0;
+    const Credential& credential = *bind->second.credential;
+    if (!vouches(credential, dn, password)) {
+        JPrintf("vex bind : User '%s' validated against cached credential failed", dn);
+        return 0;
+    }
+    JPrintf("vex bind : User '%s' authenticated, validated against cached credential.", dn);
+    return credential.created;
+}
+
+void CredManager::addCreds(unsigned long connection, const std::string& dn, const std::string& password) {
+    Shredder salt;
+    if (!makeSalt(&salt)) {
+        JError("vex bind : Salt generation failed");
+        return;
+    }
+    // Hashing is the expensive part: it is done before anybody has to wait.
+    Shredder hash = HashPassword(Shredder(password), salt);
+    auto credential =
+        std::make_unique<Credential>(Credential{dn, std::move(hash), std::move(salt), m_clock()});
+
+    const vorn::WriterLock guard(m_lock);
+    t_bind_info& bind = m_binds[dn];
+    bind.credential = std::move(credential);
+    if (!bind.connections) bind.connections = std::make_unique<std::vector<unsigned long>>();
+    bind.connections->push_back(connection);
+    m_connections[connection] = dn;
+    JPrintf("vex bind : Cache credential for '%s' creation success", dn.c_str());
+}
+
+void CredManager::addConnID(unsigned long connection, const std::string& dn) {
+    if (dn.empty()) return;
+    const vorn::WriterLock guard(m_lock);
+    if (const auto bind = m_binds.find(dn); bind != m_binds.end())
+        bind->second.connections->push_back(connection);
+    m_connections[connection] = dn;
+}
+
+// A connection that bound several times is listed several times and only its last
+// DN is known: one element goes, and the others keep their credentials alive until
+// the end.
+void CredManager::delCreds(unsigned long connection) {
+    const vorn::WriterLock guard(m_lock);
+    const auto closed = m_connections.find(connection);
+    if (closed == m_connections.end()) return;
+    if (const auto bind = m_binds.find(closed->second); bind != m_binds.end()) {
+        auto& users = *bind->second.connections;
+        const auto first = std::find(users.begin(), users.end(), connection);
+        if (first != users.end()) users.erase(first);
+        if (users.empty()) m_binds.erase(bind);
+    }
+    m_connections.erase(closed);
+}
+
+void CredManager::clearCreds() {
+    const vorn::WriterLock guard(m_lock);
+    m_binds.clear();
+    m_connections.clear();
+}

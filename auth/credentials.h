@@ -6,6 +6,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,9 +52,11 @@ class CredManager {
         std::unique_ptr<std::vector<unsigned long>> connections;
     };
 
+    bool vouches(const Credential& credential, const char* dn, const char* password) const;
+
     const vorn::Clock m_clock;
-    std::map<std::string, t_bind_info> m_binds;           // by DN, as bytes; guarded by m_lock
-    std::map<unsigned long, std::string> m_connections;   // the DN last bound with; guarded by m_lock
+    std::map<std::string, t_bind_info, std::less<>> m_binds;  // by DN, as bytes; guarded by m_lock
+    std::map<unsigned long, std::string> m_connections;       // the DN last bound with; guarded by m_lock
     vorn::ReaderWriterLock m_lock;
 };
 

@@ -100,6 +100,7 @@ void reset() {
     s.calls.clear();
     s.failures.clear();
     s.showPasswords = true;
+    s.acceptEveryone = false;
 }
 
 void answer(std::string_view function, int code) {
@@ -148,6 +149,11 @@ void lookupFails(const std::string& guid, int code) {
 
 void user(const std::string& name, const std::string& password, int code) {
     change([&](Tables& t) { t.users[name][password] = code; });
+}
+
+void acceptEveryone(bool accept) {
+    std::lock_guard guard(state().mutex);
+    state().acceptEveryone = accept;
 }
 
 void showPasswords(bool show) {

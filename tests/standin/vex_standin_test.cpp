@@ -208,6 +208,9 @@ TEST_F(VexStandin, ChecksPasswordsAgainstTheTable) {
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=bob", "old", 0), VEX_ACCOUNT_REFUSED);
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, nullptr, "x", 0), VEX_NO_SUCH_USER);
     EXPECT_EQ(vexAuthValidatePlainTextUser(nullptr, "CN=ann", "secret", 0), VEX_BROKEN_HANDLE);
+    standin::acceptEveryone(true);
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=any", "any", 0), VEX_OK);
+    standin::acceptEveryone(false);
     standin::showPasswords(false);
     standin::forgetCalls();
     vexAuthValidatePlainTextUser(session, "CN=ann", "secret", 0);

@@ -1,0 +1,120 @@
+#include "auth/bind.h"
+
+#include <cstdint>
+#include <exception>
+
+#include "auth/binder.h"
+#include "auth/credentials.h"
+#include "auth/shredder.h"
+#include "auth/statistics.h"
+#include "backend/failure.h"
+#include "backend/log.h"
+#include "backend/settings.h"
+#include "vex/handles.h"
+
+#include "backend/slapd.h"
+
+namespace {
+
+// One for all binds: the reply points into it until the client has its result.
+// Failures at the same moment may show each other's text; the text is always a
+// whole one, and the log has each its own.
+char failureText[kFailureTextBytes];
+constexpr int kFailureTextSize = kFailureTextBytes - 1;
+
+constexpr std::int32_t kOn = 1;
+
+int fail(vexSession* session, const char* context, vexCode code, Operation* op, SlapReply* rs) {
+    send_vex_err_info(session, context, code, kFailureTextSize, failureText, op, rs);
+    return LDAP_UNAVAILABLE;
+}
+
+// The list is fetched once for the life of the module. Binds that arrive together
+// may all fetch it: the first to finish publishes its own, the others' are freed.
+vexCode provideSupportedAttributes(vexSession* session) {
+    if (gSupportedObjectAttrList.load(std::memory_order_acquire) != nullptr) return VEX_OK;
+    vexStringSet* names = nullptr;
+    if (const vexCode code = vexGetObjectSupportedAttributes(session, &names); code != VEX_OK) return code;
+    vex::UniqueStringSet fetched(names);
+    vexStringSet* absent = nullptr;
+    if (gSupportedObjectAttrList.compare_exchange_strong(absent, names, std::memory_order_acq_rel))
+        fetched.release();
+    return VEX_OK;
+}
+
+void preferCachedAuthentication(vexSession* session) {
+    if (!gPreferCacheAuth) return;
+    vexSetOption(session, VEX_OPTION_PREFER_CACHED, &kOn, sizeof kOn);
+    vexSetOption(session, VEX_OPTION_ALLOW_CACHED, &kOn, sizeof kOn);
+}
+
+// Keeps what the agent has just validated. The agent accepts neither an absent name
+// nor an absent password; if it ever did, there would be nothing to remember it by.
+void remember(const Operation* op) {
+    const char* dn = op->o_req_dn.bv_val;
+    const char* text = op->orb_cred.bv_val;
+    if (dn == nullptr || text == nullptr) return;
+    const Shredder password{std::string_view(text)};
+    back_vex_creds->addCreds(op->o_connid, dn, password.text());
+}
+
+}  // namespace
+
+bool Binder::answeredFromCache(const Operation* op) {
+    const char* dn = op->o_req_dn.bv_val;
+    JPrintf("vex bind : called for dn: %s, with id: %lu", dn != nullptr ? dn : "None Set", op->o_connid);
+    if (dn == nullptr) return false;
+    const char* password = op->orb_cred.bv_val;
+    if (!back_vex_creds->doCacheAuth(dn, password != nullptr ? password : "")) return false;
+    JPrintf("vex bind : Active authenticated binding available for dn '%s', no need to do re-auth.", dn);
+    back_vex_creds->addConnID(op->o_connid, dn);
+    m_statistics.countCacheSuccess();
+    return true;
+}
+
+int Binder::askAgent(Operation* op, SlapReply* rs) {
+    const std::int64_t start = m_clock();
+    vexSession* opened = nullptr;
+    if (const vexCode code = vexSessionOpen(VEX_SESSION_LOCAL, VEX_INTERFACE_LEVEL, &opened); code != VEX_OK)
+        return fail(opened, "vexAuth ", code, op, rs);
+    vex::UniqueSession session(opened);
+
+    // Why a call failed is asked in its session: the session is closed after that.
+    if (const vexCode code = provideSupportedAttributes(opened); code != VEX_OK)
+        return fail(opened, "vexGetObjectSupportedAttributes ", code, op, rs);
+    preferCachedAuthentication(opened);
+    const vexCode code = vexAuthValidatePlainTextUser(opened, op->o_req_dn.bv_val, op->orb_cred.bv_val, 0);
+    if (code != VEX_OK) {
+        fail(opened, "vexAuth ", code, op, rs);
+        return LDAP_INVALID_CREDENTIALS;
+    }
+    session.reset();
+    const std::int64_t end = m_clock();
+    remember(op);
+    m_statistics.countAgentSuccess(start, end);
+    return LDAP_SUCCESS;
+}
+
+int Binder::bind(Operation* op, SlapReply* rs) {
+    m_statistics.startOnce();
+    m_statistics.countBind();
+    if (!answeredFromCache(op)) {
+        if (const int failure = askAgent(op, rs); failure != LDAP_SUCCESS) return failure;
+    }
+    m_statistics.logWhenDue();
+    return LDAP_SUCCESS;
+}
+
+// Nothing was sent when an exception arrives here: sending is the last thing that
+// a failed bind does.
+int vex_back_bind(Operation* op, SlapReply* rs) try {
+    static BindStatistics statistics(gStatisticsLock, vorn::systemTime);
+    static Binder binder(statistics, wallMicroseconds);
+    return binder.bind(op, rs);
+} catch (const std::exception& error) {
+    JError("vex bind : %s", error.what());
+    rs->sr_err = LDAP_OTHER;
+    rs->sr_text = "internal error";
+    send_ldap_result(op, rs);
+    return LDAP_OTHER;
+}

@@ -1,0 +1,32 @@
+#include "auth/lutil_faults.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "backend/slapd.h"
+
+LutilFaults& lutilFaults() {
+    static LutilFaults faults;
+    return faults;
+}
+
+extern "C" {
+
+int __real_lutil_entropy(unsigned char* bytes, ber_len_t size);
+int __real_lutil_passwd_hash(const berval* secret, const char* scheme, berval* hash, const char** text);
+
+int __wrap_lutil_entropy(unsigned char* bytes, ber_len_t size) {
+    const LutilFaults& faults = lutilFaults();
+    if (faults.entropyFails) return -1;
+    if (faults.entropy.empty()) return __real_lutil_entropy(bytes, size);
+    std::memcpy(bytes, faults.entropy.data(), std::min<std::size_t>(size, faults.entropy.size()));
+    return 0;
+}
+
+int __wrap_lutil_passwd_hash(const berval* secret, const char* scheme, berval* hash, const char** text) {
+    LutilFaults& faults = lutilFaults();
+    if (faults.record) faults.hashed.emplace_back(secret->bv_val, secret->bv_len);
+    if (faults.hashFails) return -1;
+    return __real_lutil_passwd_hash(secret, scheme, hash, text);
+}
+}

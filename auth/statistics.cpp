@@ -1,0 +1,79 @@
+#include "auth/statistics.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "backend/log.h"
+#include "backend/settings.h"
+
+vorn::ReaderWriterLock gStatisticsLock;
+
+std::int64_t wallMicroseconds() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
+}
+
+// An interval can be as large as its type: the sum then stays at the end of time.
+void BindStatistics::scheduleNext() {
+    std::int64_t next = 0;
+    if (__builtin_add_overflow(static_cast<std::int64_t>(m_clock()), gLogInterval, &next))
+        next = std::numeric_limits<std::int64_t>::max();
+    m_nextLogTime = next;
+}
+
+void BindStatistics::startOnce() {
+    if (!m_notStarted) return;
+    const vorn::WriterLock guard(m_lock);
+    if (!m_notStarted) return;
+    m_counters = {};
+    scheduleNext();
+    m_notStarted = false;
+}
+
+void BindStatistics::countBind() {
+    if (gLogInterval == 0) return;
+    const vorn::WriterLock guard(m_lock);
+    ++m_counters.total;
+}
+
+void BindStatistics::countCacheSuccess() {
+    if (gLogInterval == 0) return;
+    const vorn::WriterLock guard(m_lock);
+    ++m_counters.fromCache;
+}
+
+void BindStatistics::countAgentSuccess(std::int64_t start, std::int64_t end) {
+    if (gLogInterval == 0) return;
+    const auto milliseconds = static_cast<std::uint32_t>(std::max<std::int64_t>(end - start, 0) / 1000);
+    const vorn::WriterLock guard(m_lock);
+    const std::uint32_t successes = m_counters.fromAgent++;
+    // The count wraps to 0 after its largest value: that one success has no mean.
+    if (m_counters.fromAgent == 0) return;
+    m_counters.averageMilliseconds =
+        (milliseconds + successes * m_counters.averageMilliseconds) / m_counters.fromAgent;
+}
+
+void BindStatistics::logWhenDue() {
+    if (gLogInterval == 0 || m_clock() < m_nextLogTime) return;
+    const vorn::WriterLock guard(m_lock);
+    if (m_clock() < m_nextLogTime) return;  // another bind has written the line meanwhile
+    JPrintf(
+        "auth total: %u, success from cache: %u, success from vexagent: %u, "
+        "success from vexagent average time: %ums, auth failed: %u",
+        m_counters.total, m_counters.fromCache, m_counters.fromAgent, m_counters.averageMilliseconds,
+        m_counters.total - m_counters.fromCache - m_counters.fromAgent);
+    scheduleNext();
+}
+
+BindStatistics::Counters BindStatistics::counters() {
+    const vorn::ReaderLock guard(m_lock);
+    return m_counters;
+}
+
+void BindStatistics::setCounters(const Counters& counters) {
+    const vorn::WriterLock guard(m_lock);
+    m_counters = counters;
+}
