@@ -1,10 +1,11 @@
 """vexagent by itself: what it refuses, in one line that names the thing, leaving nothing behind."""
 import os
 import socket
+import subprocess
 
 import pytest
 
-from gateway import SECONDS, accepts
+from gateway import BUILD, ROOT, SECONDS, accepts
 
 
 def one_line(log):
@@ -45,12 +46,24 @@ def test_settings_that_are_not_there(world):
     ("agent.clients.max", "-1"),
     ("agent.timeout", "soon"),
     ("agent.socket.mode", "rw"),
-    ("agent.socket.group", "no-such-group-here"),
 ])
 def test_a_value_that_makes_no_sense(world, name, value):
     agent = world.agent(**{name.replace(".", "__"): value})
     line = refused(agent)
     assert name in line and value in line
+
+
+def test_a_group_that_nobody_knows(world):
+    assert 'there is no group "no-such-group-here"' in refused(world.agent(agent__socket__group="no-such-group-here"))
+
+
+def test_every_setting_is_documented(world):
+    text = subprocess.run([BUILD / "agent/vexagent", "--help"], check=True, capture_output=True, text=True).stdout
+    names = [line.split()[0].removesuffix(".*") for line in text.split("The settings:\n")[1].splitlines()]
+    assert len(names) > 10
+    for document in ("examples/zanthe.conf", "docs/configuration.md"):
+        content = (ROOT / document).read_text()
+        assert [name for name in names if name not in content] == []
 
 
 @pytest.mark.parametrize("ldif", [
