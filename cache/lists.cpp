@@ -1,0 +1,101 @@
+// The list cache: GUID lists by search key.
+#include <utility>
+
+#include "backend/log.h"
+#include "cache/search_cache.h"
+#include "vorn/strings.h"
+
+// Here and below: what an operation removes is destroyed after its lock is
+// released, so the trash is declared before the lock's guard. An object's last
+// share may take a while to free, and an attachment's deleter may take locks of
+// its own.
+
+std::string SearchCacheManager::listKey(const std::string& filter, const std::string& baseDn, int scope) {
+    return vorn::lower(filter) + vorn::lower(baseDn) + vorn::itoa(scope, 10);
+}
+
+int SearchCacheManager::getList(const std::string& key, std::shared_ptr<GuidList>& out) {
+    ListTable::Trash lists;
+    ObjTable::Trash objects;
+    const vorn::ReaderLock guard(m_lock);
+    m_lock.upgradeToWriterLock();  // every lookup counts, and some remove
+    if (!m_enabled) return kMiss;
+    return lookUpList(key, out, &lists, &objects);
+}
+
+int SearchCacheManager::getList(const std::string& filter, const std::string& baseDn, int scope,
+                                std::shared_ptr<GuidList>& out) {
+    return getList(listKey(filter, baseDn, scope), out);
+}
+
+int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidList>& out,
+                                   ListTable::Trash* lists, ObjTable::Trash* objects) {
+    const ListTable::Node* node = m_listCache.find(key);
+    if (node == nullptr) {
+        ++m_misses;
+        return kMiss;
+    }
+    // Before any look at its age: a negative entry is reported as long as it is
+    // there, and who needs to know asks negativeExpired.
+    if (node->value.guidList->empty()) {
+        ++m_negHits;
+        return kNegativeHit;
+    }
+    if (m_environment.clock() <= node->value.expiryTime) {
+        out = node->value.guidList;
+        ++m_hits;
+        return kHit;
+    }
+    expireList(*node, lists, objects);
+    ++m_expires;
+    return kMiss;
+}
+
+// Takes along those of the list's own objects that have expired too: nobody else
+// is as likely to look for them.
+void SearchCacheManager::expireList(const ListTable::Node& list, ListTable::Trash* lists,
+                                    ObjTable::Trash* objects) {
+    const std::time_t now = m_environment.clock();
+    for (const std::string& guid : *list.value.guidList) {
+        const ObjTable::Node* object = m_objCache.find(guid);
+        if (object != nullptr && now > object->value.expiryTime) m_objCache.erase(guid, objects);
+    }
+    m_listCache.erase(list.key, lists);
+}
+
+bool SearchCacheManager::negativeExpired(const std::string& key) {
+    const vorn::ReaderLock guard(m_lock);
+    if (!m_enabled) return false;
+    const ListTable::Node* node = m_listCache.find(key);
+    return node != nullptr && node->value.guidList->empty() && m_environment.clock() > node->value.expiryTime;
+}
+
+void SearchCacheManager::putList(const std::string& key, std::shared_ptr<GuidList> guids) {
+    {
+        ListTable::Trash trash;
+        const vorn::WriterLock guard(m_lock);
+        if (!m_enabled) return;
+        // Before any look at the key: storing a known key again in a full table
+        // makes room too.
+        if (m_listCache.size() >= m_maxLists) overFlowListCache(&trash);
+        const unsigned long lifetime = guids->empty() ? m_negTtl : m_ttl;
+        m_listCache.insert(key, {std::move(guids), expiryAfter(lifetime)});
+    }
+    JPrintf("Put GUID list to cache successfully.");
+}
+
+void SearchCacheManager::putList(const std::string& filter, const std::string& baseDn, int scope,
+                                 std::shared_ptr<GuidList> guids) {
+    putList(listKey(filter, baseDn, scope), std::move(guids));
+}
+
+void SearchCacheManager::eraseList(const std::string& key) {
+    ListTable::Trash trash;
+    const vorn::WriterLock guard(m_lock);
+    m_listCache.erase(key, &trash);
+}
+
+void SearchCacheManager::overFlowListCache(ListTable::Trash* trash) {
+    ++m_overflows;
+    m_listCache.evict(trash);
+}

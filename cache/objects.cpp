@@ -1,0 +1,70 @@
+// The object cache: clones of the agent's objects by GUID.
+#include <utility>
+
+#include "cache/search_cache.h"
+
+int SearchCacheManager::getObj(const std::string& guid, vexObject** out) {
+    CachedObject cached;
+    const int code = getObj(guid, &cached);
+    if (code == kHit) *out = cached.object.release();
+    return code;
+}
+
+int SearchCacheManager::getObj(const std::string& guid, CachedObject* out) {
+    ObjTable::Trash trash;
+    const vorn::ReaderLock guard(m_lock);
+    if (!m_enabled) return kMiss;
+    m_lock.upgradeToWriterLock();  // every lookup counts, and some remove
+    const ObjTable::Node* node = m_objCache.find(guid);
+    if (node == nullptr) {
+        ++m_misses;
+        return kMiss;
+    }
+    if (node->value.expiryTime < m_environment.clock()) {
+        m_objCache.erase(guid, &trash);
+        ++m_expires;
+        return kMiss;
+    }
+    vex::UniqueObject clone(ChmCloneObject(node->value.object.get()));
+    if (clone == nullptr) {
+        ++m_cloneErrs;
+        return kMiss;
+    }
+    *out = {std::move(clone), node->value.attachment, node->serial};
+    ++m_hits;
+    return kHit;
+}
+
+void SearchCacheManager::putObj(const char* guid, const vexObject* object) {
+    ObjTable::Trash trash;
+    const vorn::WriterLock guard(m_lock);
+    if (!m_enabled || !makeRoomForObj(guid, &trash)) return;
+    vex::UniqueObject clone(ChmCloneObject(object));
+    if (clone == nullptr) return;
+    m_objCache.insert(guid, {std::move(clone), expiryAfter(m_ttl), nullptr});
+}
+
+// Whether the GUID is without an entry now; a live one is never replaced. A full
+// table loses an entry first, even when nothing is stored then.
+bool SearchCacheManager::makeRoomForObj(const char* guid, ObjTable::Trash* trash) {
+    if (m_objCache.size() >= m_maxObjects) overFlowObjCache(trash);
+    const ObjTable::Node* present = m_objCache.find(guid);
+    if (present == nullptr) return true;
+    if (present->value.expiryTime >= m_environment.clock()) return false;
+    m_objCache.erase(guid, trash);
+    return true;
+}
+
+void SearchCacheManager::setAttachment(const std::string& guid, std::uint64_t serial,
+                                       CacheAttachment attachment) {
+    // The attachment that makes way goes out through the argument, which outlives
+    // the lock's guard.
+    const vorn::WriterLock guard(m_lock);
+    ObjTable::Node* node = m_objCache.find(guid);
+    if (node != nullptr && node->serial == serial) node->value.attachment.swap(attachment);
+}
+
+void SearchCacheManager::overFlowObjCache(ObjTable::Trash* trash) {
+    ++m_overflows;
+    m_objCache.evict(trash);
+}
