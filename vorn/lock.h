@@ -60,6 +60,7 @@ class ReaderWriterLock {
     virtual ~ReaderWriterLock();
 
   private:
+    friend struct ReaderWriterLockInspector;  // lets tests see who waits
     enum State { UNLOCKED, READING, WRITING };
 
     bool readerMayEnter() const { return m_state != WRITING && !anyoneGoesBeforeReaders(); }
