@@ -9,5 +9,5 @@
     do {                                                                           \
         const auto agentLogger = vorn::Logger::GetThreadPrivateLogger("vexagent"); \
         if (agentLogger && agentLogger->admits(level))                             \
-            agentLogger->log(level, __FILE__, __LINE__, __func__, __VA_ARGS__);    \
+            agentLogger->log(level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__);    \
     } while (false)

@@ -176,7 +176,7 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     const Selection selection = rewriteFilter(pool.get(), plan.tree, context);
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) plan.tree = matchAll(pool.get());
-    return runSearch(m_database, handle, plan, query, {first, rest});
+    return runSearch({m_database, m_memberships}, handle, plan, query, {first, rest});
 }
 
 Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,
@@ -188,7 +188,7 @@ Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn
     const ldb_message* message = named.real != nullptr ? named.real : named.only();
     if (message == nullptr)
         return Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
-    object = makeObject(*handle, message, view);
+    object = makeObject(*handle, m_memberships, message, view);
     return {};
 }
 
@@ -199,7 +199,7 @@ Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Obje
     const ldb_message* message = bytes ? handle->readByGuid(pool.get(), *bytes) : nullptr;
     if (message == nullptr)
         return Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
-    object = makeObject(*handle, message, view);
+    object = makeObject(*handle, m_memberships, message, view);
     return {};
 }
 

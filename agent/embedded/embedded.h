@@ -9,6 +9,7 @@
 
 #include "agent/directory.h"
 #include "agent/embedded/database.h"
+#include "agent/embedded/memberships.h"
 #include "agent/embedded/names.h"
 #include "vorn/clock.h"
 
@@ -43,6 +44,7 @@ class EmbeddedDirectory : public Directory {
     const std::string m_domainDn;
     const vorn::Clock m_clock;
     Database m_database;
+    Memberships m_memberships;
 
     std::mutex m_namesMutex;
     std::optional<std::uint64_t> m_namesSequence;  // guarded by m_namesMutex

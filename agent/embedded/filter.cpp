@@ -45,26 +45,6 @@ bool isNumber(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
-void setAttribute(ParseTree* tree, const char* name) {
-    switch (tree->operation) {
-        case LDB_OP_EQUALITY:
-            tree->u.equality.attr = name;
-            break;
-        case LDB_OP_SUBSTRING:
-            tree->u.substring.attr = name;
-            break;
-        case LDB_OP_PRESENT:
-            tree->u.present.attr = name;
-            break;
-        case LDB_OP_EXTENDED:
-            tree->u.extended.attr = name;
-            break;
-        default:
-            tree->u.comparison.attr = name;
-            break;
-    }
-}
-
 // One rewriting of one filter.
 class Rewriting {
   public:
@@ -116,9 +96,6 @@ class Rewriting {
         const char* name = assertedAttribute(tree);
         // Undefined: counts as true below a NOT, so that the NOT is false.
         if (name == nullptr || isSecretAttribute(name)) return negated ? Selection::All : Selection::Nothing;
-        if (is(name, "_GUID")) setAttribute(tree, "objectGUID");
-        if (is(name, "_dn")) setAttribute(tree, "distinguishedName");
-        if (is(name, "_objectCategory")) setAttribute(tree, "objectCategory");
         if (m_context.groupsOf && is(name, "memberUid")) return rewriteMemberUid(tree);
         if (tree->operation == LDB_OP_EQUALITY) return rewriteEquality(tree);
         if (tree->operation == LDB_OP_GREATER || tree->operation == LDB_OP_LESS) return rewriteOrdering(tree);
@@ -222,13 +199,38 @@ class Rewriting {
     const FilterContext& m_context;
 };
 
+// LDB takes no attribute name that begins with "_", so the agent's own names are
+// replaced in the text; "(" stands unescaped only where an assertion begins. A
+// name that the filter cannot ask for becomes one that nothing has.
+std::string withoutOwnNames(const std::string& text) {
+    static constexpr std::pair<std::string_view, std::string_view> kNames[] = {
+        {"_GUID", "objectGUID"}, {"_dn", "distinguishedName"}, {"_objectCategory", "objectCategory"}};
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t at = 0; at < text.size();) {
+        const bool begins = text[at] == '_' && (at == 0 || text[at - 1] == '(');
+        if (!begins) {
+            result.push_back(text[at++]);
+            continue;
+        }
+        const std::size_t end = std::min(text.find_first_of("=~<>:()", at), text.size());
+        const std::string_view name = std::string_view(text).substr(at, end - at);
+        const auto* known = std::find_if(std::begin(kNames), std::end(kNames),
+                                         [name](const auto& pair) { return is(pair.first, name); });
+        result +=
+            known != std::end(kNames) ? std::string(known->second) : "own-" + std::string(name.substr(1));
+        at = end;
+    }
+    return result;
+}
+
 }  // namespace
 
 Result parseFilter(void* pool, const std::string& text, ParseTree*& tree) {
     tree = nullptr;
     if (text.empty()) return {};
     // A NUL would end the text early for LDB.
-    if (text.find('\0') == std::string::npos) tree = ldb_parse_tree(pool, text.c_str());
+    if (text.find('\0') == std::string::npos) tree = ldb_parse_tree(pool, withoutOwnNames(text).c_str());
     if (tree != nullptr) return {};
     return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
 }
@@ -248,8 +250,7 @@ bool isQuickFilter(const ParseTree* tree) {
         case LDB_OP_OR:
             return std::all_of(list.elements, list.elements + list.num_elements, quick);
         case LDB_OP_EQUALITY:
-            return isSelective(tree->u.equality.attr) || is(tree->u.equality.attr, "gidNumber") ||
-                   is(tree->u.equality.attr, "_GUID") || is(tree->u.equality.attr, "_dn");
+            return isSelective(tree->u.equality.attr) || is(tree->u.equality.attr, "gidNumber");
         default:
             return false;
     }

@@ -27,15 +27,17 @@ enum class Selection {
     Some      // those that the tree matches
 };
 
-// Parses RFC 4515 text into the pool; empty text is null. VEX_BAD_FILTER with
-// the LDAP client library's LDAP_FILTER_ERROR for text that is no filter.
+// Parses RFC 4515 text into the pool; empty text is null. _GUID, _dn and
+// _objectCategory become the attributes that the database holds instead.
+// VEX_BAD_FILTER with the LDAP client library's LDAP_FILTER_ERROR for text that is
+// no filter.
 Result parseFilter(void* pool, const std::string& text, ParseTree*& tree);
 
 // Rewrites the tree in place:
 //   - an assertion on a secret is undefined (RFC 4511, 4.5.1.7): neither it nor
 //     its negation matches anything;
-//   - _GUID, _dn and _objectCategory, the text forms of objectGUID and objectSid,
-//     and objectCategory's short names become what the database holds;
+//   - the text forms of objectGUID and objectSid, other spellings of a DN, and
+//     objectCategory's short names become what the database holds;
 //   - memberUid becomes the person's own groups (see FilterContext);
 //   - what no stored value can match, such as uidNumber=abc, is dropped;
 //   - in an AND the most selective assertions go first, where LDB uses them.

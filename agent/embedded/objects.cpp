@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "agent/embedded/categories.h"
-#include "agent/embedded/zone.h"
 #include "agent/identifiers.h"
 #include "agent/secrets.h"
 #include "vorn/strings.h"
@@ -28,7 +27,7 @@ void addStored(Object& object, const ldb_message_element& element) {
 
 }  // namespace
 
-Object makeObject(Handle& handle, const ldb_message* message, const View& view) {
+Object makeObject(Handle& handle, Memberships& memberships, const ldb_message* message, const View& view) {
     Object object;
     object.reserve(message->num_elements + 4);
     const std::string category = shortCategory(message);
@@ -46,8 +45,8 @@ Object makeObject(Handle& handle, const ldb_message* message, const View& view) 
         addStored(object, element);
     }
     if (computed && isWanted(view, "memberUid")) {
-        Attribute members{"memberUid", memberUids(handle, message)};
-        if (!members.values.empty()) object.push_back(std::move(members));
+        const Memberships::Names names = memberships.of(handle, message);
+        if (!names->empty()) object.push_back({"memberUid", *names});
     }
     return object;
 }

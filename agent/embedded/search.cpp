@@ -35,11 +35,11 @@ class Guids {
 
 class GuidCursor : public Cursor {
   public:
-    GuidCursor(Database& database, Guids guids, View view, std::uint64_t total)
-        : m_database(database), m_guids(std::move(guids)), m_view(std::move(view)), m_total(total) {}
+    GuidCursor(const Source& source, Guids guids, View view, std::uint64_t total)
+        : m_source(source), m_guids(std::move(guids)), m_view(std::move(view)), m_total(total) {}
 
     Result next(Batch& batch) override {
-        Database::Lease handle = m_database.lease();
+        Database::Lease handle = m_source.database.lease();
         batch.total = m_total;
         std::size_t bytes = 0;
         while (!m_guids.empty() && batch.objects.size() < vex::wire::kBatchObjects &&
@@ -47,7 +47,7 @@ class GuidCursor : public Cursor {
             const Pool pool = newPool();
             const ldb_message* message = handle->readByGuid(pool.get(), m_guids.take());
             if (message == nullptr) continue;
-            batch.objects.push_back(makeObject(*handle, message, m_view));
+            batch.objects.push_back(makeObject(*handle, m_source.memberships, message, m_view));
             bytes += objectBytes(batch.objects.back());
         }
         return {};
@@ -56,7 +56,7 @@ class GuidCursor : public Cursor {
     bool atEnd() const override { return m_guids.empty(); }
 
   private:
-    Database& m_database;
+    const Source m_source;
     Guids m_guids;
     const View m_view;
     const std::uint64_t m_total;
@@ -110,7 +110,7 @@ ParseTree* matchAll(void* pool) {
     return tree;
 }
 
-Result runSearch(Database& database, Database::Lease& handle, const Plan& plan, const Query& query,
+Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome) {
     Collector found(plan, query);
     const ReadResult read =
@@ -121,10 +121,10 @@ Result runSearch(Database& database, Database::Lease& handle, const Plan& plan, 
     if (!read.ok()) return Result::ldap(VEX_DIRECTORY_ERROR, read.code, read.text);
     outcome.first.total = found.total();
     for (const ldb_message* message : found.messages())
-        outcome.first.objects.push_back(makeObject(*handle, message, query.view));
+        outcome.first.objects.push_back(makeObject(*handle, source.memberships, message, query.view));
     Guids guids = found.takeGuids();
     if (!guids.empty())
-        outcome.rest = std::make_unique<GuidCursor>(database, std::move(guids), query.view, found.total());
+        outcome.rest = std::make_unique<GuidCursor>(source, std::move(guids), query.view, found.total());
     return {};
 }
 

@@ -11,12 +11,19 @@
 
 #include "agent/directory.h"
 #include "agent/embedded/database.h"
+#include "agent/embedded/memberships.h"
 
 namespace vexagent {
 
 struct Plan {
     ldb_dn* base = nullptr;
     ParseTree* tree = nullptr;
+};
+
+// What objects are made from. Both outlive every cursor.
+struct Source {
+    Database& database;
+    Memberships& memberships;
 };
 
 // Where a search's outcome goes.
@@ -28,9 +35,8 @@ struct Outcome {
 // A tree that every object matches, in the pool.
 ParseTree* matchAll(void* pool);
 
-// The handle is a lease of the same database. rest may outlive both, but not the
-// database.
-Result runSearch(Database& database, Database::Lease& handle, const Plan& plan, const Query& query,
+// The handle is a lease of the source's database.
+Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome);
 
 }  // namespace vexagent

@@ -1,0 +1,38 @@
+// What groups show as memberUid, remembered until the database changes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/embedded/database.h"
+
+namespace vexagent {
+
+// A group of ten thousand costs ten thousand reads, so it is computed once. The
+// database's sequence number tells whether anything has changed since. Safe for
+// several threads.
+class Memberships {
+  public:
+    using Names = std::shared_ptr<const std::vector<std::string>>;
+
+    // The group's memberUid values, as memberUids() gives them. Never null.
+    Names of(Handle& handle, const ldb_message* group);
+
+  private:
+    static constexpr std::size_t kMaxNames = 1'000'000;
+
+    Names find(std::optional<std::uint64_t> sequence, const std::string& guid);
+    void keep(std::optional<std::uint64_t> sequence, const std::string& guid, const Names& names);
+
+    std::mutex m_mutex;
+    std::optional<std::uint64_t> m_sequence;          // guarded by m_mutex, as all below
+    std::unordered_map<std::string, Names> m_groups;  // by GUID bytes
+    std::size_t m_count = 0;                          // names in m_groups
+};
+
+}  // namespace vexagent
