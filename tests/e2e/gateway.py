@@ -4,6 +4,7 @@ their own, on loopback and Unix sockets only.
 Whatever is started is registered with the test's Servers and stopped at its end by
 its process id. Nothing waits for a fixed time: wait_until polls with a deadline.
 """
+import contextlib
 import ctypes
 import json
 import os
@@ -18,7 +19,7 @@ import ldap
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("ZX_BUILD") or ROOT / "build/release").absolute()
 EXAMPLES = ROOT / "examples"
-SUFFIX = "DC=example,DC=com"
+SUFFIX = "dc=example,dc=com"  # as slapd shows it
 SLAPD = next((path for path in ("/usr/sbin/slapd", "/usr/local/sbin/slapd") if os.path.exists(path)), "slapd")
 SECONDS = 20  # the deadline of everything that is waited for
 
@@ -111,7 +112,7 @@ class Agent(Server):
             "embedded.database": folder / "directory.ldb",
             "embedded.ldif": EXAMPLES / "example.ldif",
             "domain.name": "example.com",
-            "zone.dn": f"CN=Global,CN=Zones,{SUFFIX}",
+            "zone.dn": "CN=Global,CN=Zones,DC=example,DC=com",
         }
         self.settings.update({name.replace("__", "."): value for name, value in settings.items()})
         self.env = {"ZANTHE_CONF": str(self.settings_file)}
@@ -136,8 +137,9 @@ class Agent(Server):
         return status, self.log()
 
     def modify(self, ldif):
-        """Changes the embedded directory under the running agent."""
-        subprocess.run(["ldbmodify", "-H", str(self.settings["embedded.database"])], input=ldif.encode(), check=True,
+        """Changes the embedded directory under the running agent. Without mdb:// the
+        tool would take the file for a database of another kind, and overwrite it."""
+        subprocess.run(["ldbmodify", "-H", f"mdb://{self.settings['embedded.database']}"], input=ldif.encode(), check=True,
                        stdout=subprocess.DEVNULL)
 
 
@@ -208,10 +210,8 @@ class Slapd(Server):
 
     def stop(self):
         for connection in self.connections:
-            try:
+            with contextlib.suppress(ldap.LDAPError, AttributeError):  # closed already
                 connection.unbind_ext()
-            except ldap.LDAPError:
-                pass
         self.connections.clear()
         return super().stop()
 

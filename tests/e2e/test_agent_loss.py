@@ -8,7 +8,7 @@ import pytest
 
 from gateway import SUFFIX, failure, search, wait_until
 
-ANN = f"cn=ann,OU=Engineering,OU=People,{SUFFIX}"
+ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
 FILTER = "(&(objectClass=posixAccount)(uid=ann))"
 AT_ONCE = 2.0  # seconds; far below any deadline of a call
 
@@ -32,13 +32,13 @@ def test_an_agent_that_is_killed_and_comes_back(world):
     code, text, seconds = timed(lambda: connection.search_s(SUFFIX, ldap.SCOPE_SUBTREE, FILTER))
     assert (code, text) == (52, "vexSessionOpen: Failed to communicate with vexagent due to broken session handle")
     assert seconds < AT_ONCE
-    code, text, seconds = timed(lambda: slapd.connect(f"cn=ben,OU=Engineering,OU=People,{SUFFIX}", "welcome"))
+    code, text, seconds = timed(lambda: slapd.connect(f"cn=ben,ou=Engineering,ou=People,{SUFFIX}", "welcome"))
     assert (code, text) == (52, "vexAuth : Failed to communicate with vexagent due to broken session handle")
     assert seconds < AT_ONCE
 
     agent.start()
     assert len(search(connection, FILTER, ["uid"])) == 1
-    slapd.connect(f"cn=ben,OU=Engineering,OU=People,{SUFFIX}", "welcome")
+    slapd.connect(f"cn=ben,ou=Engineering,ou=People,{SUFFIX}", "welcome")
 
 
 def test_slapd_starts_before_the_agent(world):

@@ -5,8 +5,8 @@ import pytest
 
 from gateway import SUFFIX, ScriptedAgent, Slapd, failure, search, values, wait_until
 
-ANN = f"CN=Ann Lee,OU=Staff,{SUFFIX}"
-SHOWN = f"cn=ann,OU=Staff,{SUFFIX}"
+ANN = f"cn=Ann Lee,ou=Staff,{SUFFIX}"
+SHOWN = f"cn=ann,ou=Staff,{SUFFIX}"
 GUID = "6f1c2b7e-0d54-4a39-9c1b-2e5f8a7d1001"
 OBJECT = [["_dn", ANN], ["_GUID", GUID], ["_objectCategory", "Person"], ["sAMAccountName", "ann"], ["cn", "Ann Lee"],
           ["uidNumber", "20001"], ["objectClass", "top", "user"]]
@@ -95,11 +95,11 @@ def test_scopes_and_limits_are_handed_on(start, standin, scope):
 
 def test_a_netgroup_search(start, standin):
     slapd = start()
-    zone = f"CN=netgroup,CN=Rfc2307NisMaps,CN=Global,CN=Zones,{SUFFIX}"
+    zone = "CN=netgroup,CN=Rfc2307NisMaps,CN=Global,CN=Zones,DC=example,DC=com"
     standin.script(searches=[{"objects": [[
         ["_dn", f"CN=hosts,{zone}"], ["_objectCategory", "nisNetgroup"], ["cn", "hosts"], ["nisNetgroupTriple", "(a,b,c)"]]]}])
     found = search(slapd.connect(), "(&(objectClass=nisNetgroup)(cn=hosts))", ["nisNetgroupTriple"])
-    assert list(found) == [f"CN=hosts,{zone}"]
+    assert list(found) == [f"cn=hosts,cn=netgroup,cn=Rfc2307NisMaps,cn=Global,cn=Zones,{SUFFIX}"]
     assert standin.requests()[:5] == [
         *OPENED, "vexSetOption(session1, 64, 0)",
         opened("(&(objectClass=nisNetgroup)(cn=hosts))", zone, '["nisNetgroupTriple"]', domain="example.com")]
@@ -108,12 +108,12 @@ def test_a_netgroup_search(start, standin):
 def test_the_whole_forest_by_cn_dollar(start, standin):
     """Found anywhere by its name alone, then fetched from its own domain."""
     slapd = start()
-    far = "CN=Ann Lee,OU=Staff,DC=far,DC=example,DC=com"
+    far = "cn=Ann Lee,ou=Staff,dc=far,dc=example,dc=com"
     standin.script(searches=[{"objects": [[["_dn", far], ["_GUID", GUID], ["_objectCategory", "Person"]]]}],
                    fetch={far: [["_dn", far], *OBJECT[1:]]})
     found = search(slapd.connect(), FILTER, ["uid"], f"cn=$,{SUFFIX}")
     assert {dn: values(entry, "uid") for dn, entry in found.items()} == {
-        "cn=ann,OU=Staff,DC=far,DC=example,DC=com": ["ann"]}
+        "cn=ann,ou=Staff,dc=far,dc=example,dc=com": ["ann"]}
     asked = '["sAMAccountName","sAMAccountName","_objectCategory","_nssEntryInvalid"]'
     assert standin.requests() == [
         *OPENED, "vexSetOption(session1, 64, 1)", opened(attributes='["1.1"]', domain="$"),
@@ -154,8 +154,11 @@ def test_an_entry_that_slapd_cannot_read_is_passed_over(start, standin):
 def test_a_time_limit_that_passes_while_the_agent_answers(start, standin):
     slapd = start()
     standin.script(searches=[{"objects": [OBJECT] * 5}], delays={"vexLdapSearchNext": 1100})
-    with pytest.raises(ldap.TIMELIMIT_EXCEEDED):
-        slapd.connect().search_ext_s(SUFFIX, ldap.SCOPE_SUBTREE, FILTER, ["uid"], timeout=1)
+    connection = slapd.connect()
+    request = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, FILTER, ["uid"], timeout=1)
+    with pytest.raises(ldap.TIMELIMIT_EXCEEDED) as caught:
+        connection.result3(request, timeout=30)
+    assert failure(caught.value) == (3, "")
 
 
 def test_a_client_that_goes_away_in_the_middle(start, standin):
@@ -198,7 +201,7 @@ def test_an_open_paged_search_when_slapd_stops(start, standin):
 
 def test_a_cached_search_asks_for_all_attributes_and_then_not_at_all(start, standin):
     slapd = start("dirgate.cache.enabled true")
-    standin.script(users={SHOWN.replace("OU", "ou").replace("DC", "dc"): {"secret": 0}, SHOWN: {"secret": 0}},
+    standin.script(users={SHOWN: {"secret": 0}, SHOWN: {"secret": 0}},
                    supported=["sAMAccountName", "uidNumber", "cn"],
                    searches=[{"filter": AGENT_FILTER, "objects": [OBJECT]}])
     slapd.connect(SHOWN, "secret")
@@ -311,22 +314,35 @@ def script_failing(function, code, sections):
 @pytest.mark.parametrize("code, sections, result, text", CASES)
 def test_the_texts_of_a_failed_search(start, standin, code, sections, result, text):
     slapd = start()
-    for function, name in (("vexLdapSearchOpen", "vexLdapSearch "), ("vexSessionOpen", "vexSessionOpen")):
-        standin.script(**script_failing(function, code, sections))
-        with pytest.raises(ldap.LDAPError) as caught:
-            slapd.connect().search_s(SUFFIX, ldap.SCOPE_SUBTREE, FILTER)
-        assert failure(caught.value) == (result, name + text)
+    standin.script(**script_failing("vexLdapSearchOpen", code, sections))
+    with pytest.raises(ldap.LDAPError) as caught:
+        slapd.connect().search_s(SUFFIX, ldap.SCOPE_SUBTREE, FILTER)
+    assert failure(caught.value) == (result, "vexLdapSearch " + text)
 
 
 @pytest.mark.parametrize("code, sections, result, text", CASES)
 def test_the_texts_of_a_failed_bind(start, standin, code, sections, result, text):
     slapd = start()
     for function, name in (("vexGetObjectSupportedAttributes", "vexGetObjectSupportedAttributes "),
-                           ("vexAuthValidatePlainTextUser", "vexAuth "), ("vexSessionOpen", "vexAuth ")):
+                           ("vexAuthValidatePlainTextUser", "vexAuth ")):
         standin.script(**script_failing(function, code, sections))
         with pytest.raises(ldap.LDAPError) as caught:
             slapd.connect(SHOWN, "secret")
         assert failure(caught.value) == (result, name + text)
+
+
+@pytest.mark.parametrize("code, text", [
+    (6, BROKEN), (32, BROKEN), (3, "Failed to retrieve last system error, due to broken session handle.")])
+def test_the_texts_when_no_session_could_be_opened(start, standin, code, text):
+    """Nothing can be asked about the reason, either."""
+    slapd = start()
+    standin.script(always={"vexSessionOpen": code})
+    with pytest.raises(ldap.LDAPError) as caught:
+        slapd.connect().search_s(SUFFIX, ldap.SCOPE_SUBTREE, FILTER)
+    assert failure(caught.value) == (52, f"vexSessionOpen: {text}")
+    with pytest.raises(ldap.LDAPError) as caught:
+        slapd.connect(SHOWN, "secret")
+    assert failure(caught.value) == (52, f"vexAuth : {text}")
 
 
 @pytest.mark.parametrize("code", [6, 8, 12])
@@ -358,7 +374,7 @@ def test_a_fetch_that_fails(start, standin):
 
 def test_an_object_without_a_dn_to_fetch_by(start, standin):
     slapd = start()
-    standin.script(searches=[{"objects": [[["_objectCategory", "Person"], {"unreadable": "_dn", "code": 8}]]}],
+    standin.script(searches=[{"objects": [[["_objectCategory", "Person"], ["sAMAccountName", "ann"], {"unreadable": "_dn", "code": 8}]]}],
                    error={"system": 1, "code": 8})
     with pytest.raises(ldap.LDAPError) as caught:
         slapd.connect().search_s(f"cn=$,{SUFFIX}", ldap.SCOPE_SUBTREE, FILTER, ["uid"])

@@ -2,7 +2,7 @@
 import ldap
 import pytest
 
-from gateway import EXAMPLES, SUFFIX, failure, search, values
+from gateway import EXAMPLES, SUFFIX, failure, search, values, wait_until
 
 FILTER = "(&(objectClass=posixAccount)(uid=ann))"
 BOOLEANS = ("vex-auth-prefer-cache", "dirgate.vextranslate.fetchbydnuid", "dirgate.cache.enabled",
@@ -35,7 +35,7 @@ def test_without_directives_nothing_is_translated(world):
     slapd = world.slapd(world.agent().start(), directives=[]).start()
     assert search(slapd.connect(), FILTER) == {}
     found = search(slapd.connect(), "(sAMAccountName=ann)", ["unixHomeDirectory"])
-    assert list(found) == [f"CN=Ann Lee,OU=Engineering,OU=People,{SUFFIX}"]
+    assert list(found) == [f"cn=Ann Lee,ou=Engineering,ou=People,{SUFFIX}"]
 
 
 def test_a_configuration_without_a_database_starts(world):
@@ -146,12 +146,12 @@ def test_a_bad_line_of_an_overlay_is_still_refused(world):
 def test_lines_show_in_slapd_s_debug_mode(world):
     slapd = world.slapd(world.agent().start(), debug="1").start()
     search(slapd.connect(), FILTER)
+    wait_until(lambda: "vex search complete on connection: " in slapd.log(), "the search's last line is there")
     log = slapd.log()
     assert "vex search start with filterstr: (&(objectClass=posixAccount)(uid=ann))" in log
     assert "vex search: objectType = objectClass (posixAccount is mapped to User)" in log
     assert "vex search after translation filter = (&(objectClass=User)(sAMAccountName=ann))" in log
     assert f"vex search using base: {SUFFIX}" in log
-    assert "vex search complete on connection: " in log
 
 
 def test_without_debug_mode_only_errors_show(world):
@@ -169,23 +169,26 @@ def test_the_log_file_of_the_settings(world):
     slapd = world.slapd(agent).start()
     search(slapd.connect(), FILTER)
     slapd.stop()
-    assert "vex search start with filterstr: (&(objectClass=posixAccount)(uid=ann))" in log.read_text()
+    assert "vex search start with filterstr: (&(objectClass=posixAccount)(uid=ann))" in log.read_text(errors="replace")
 
 
 # ---- what slapd answers by itself
 
-@pytest.mark.parametrize("action", [
-    lambda connection, dn: connection.compare_s(dn, "uid", b"ann"),
-    lambda connection, dn: connection.modify_s(dn, [(ldap.MOD_REPLACE, "gecos", b"x")]),
-    lambda connection, dn: connection.add_s(f"cn=new,{SUFFIX}", [("objectClass", b"device"), ("cn", b"new")]),
-    lambda connection, dn: connection.delete_s(dn),
-    lambda connection, dn: connection.rename_s(dn, "cn=other"),
+READ_ONLY = "operation not supported within namingContext"
+
+
+@pytest.mark.parametrize("action, text", [
+    (lambda connection, dn: connection.compare_s(dn, "uid", b"ann"), ""),
+    (lambda connection, dn: connection.modify_s(dn, [(ldap.MOD_REPLACE, "gecos", b"x")]), READ_ONLY),
+    (lambda connection, dn: connection.add_s(f"cn=new,{SUFFIX}", [("objectClass", b"device"), ("cn", b"new")]), READ_ONLY),
+    (lambda connection, dn: connection.delete_s(dn), READ_ONLY),
+    (lambda connection, dn: connection.rename_s(dn, "cn=other"), READ_ONLY),
 ])
-def test_the_directory_is_read_only(world, action):
+def test_the_directory_is_read_only(world, action, text):
     slapd = world.slapd(world.agent().start()).start()
-    dn = f"cn=ann,OU=Engineering,OU=People,{SUFFIX}"
+    dn = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
     connection = slapd.connect(dn, "welcome")
     with pytest.raises(ldap.LDAPError) as caught:
         action(connection, dn)
-    assert failure(caught.value) == (53, "operation not supported within namingContext")
+    assert failure(caught.value) == (53, text)
     assert len(search(connection, FILTER)) == 1

@@ -40,7 +40,7 @@ def page(connection, size, cookie="", critical=True):
     return [dn for dn, _ in entries], cookies[0] if cookies else None
 
 
-@pytest.mark.parametrize("size", [1, 3, 7, 37])
+@pytest.mark.parametrize("size", [2, 3, 7, 37])
 @pytest.mark.parametrize("critical", [True, False])
 def test_pages_hold_everybody_once(gateway, size, critical):
     connection = gateway.connect()
@@ -53,6 +53,23 @@ def test_pages_hold_everybody_once(gateway, size, critical):
             break
     assert len(everybody) == len(set(everybody)) == COUNT
     assert all(count == size for count in sizes[:-1]) and 0 < sizes[-1] <= size
+
+
+def test_pages_of_one_entry_end_with_no_such_object(gateway):
+    """The last page holds nothing but the entry that the page before had no room for,
+    and is full with it: the search itself finds nothing in it."""
+    connection = gateway.connect()
+    everybody, cookie = [], ""
+    for _ in range(COUNT - 1):
+        dns, cookie = page(connection, 1, cookie)
+        everybody += dns
+    control = SimplePagedResultsControl(True, size=1, cookie=cookie)
+    request = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, EVERYBODY, ["uid"], serverctrls=[control])
+    kind, last = connection.result(request, all=0)
+    assert kind == ldap.RES_SEARCH_ENTRY
+    with pytest.raises(ldap.NO_SUCH_OBJECT):
+        connection.result(request, all=0)
+    assert len({*everybody, *(dn for dn, _ in last)}) == COUNT
 
 
 def test_the_last_page_has_an_empty_cookie_when_it_is_not_full(gateway):

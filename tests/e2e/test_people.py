@@ -4,7 +4,7 @@ import pytest
 
 from gateway import SUFFIX, failure, search, values
 
-PEOPLE = f"OU=People,{SUFFIX}"
+PEOPLE = f"ou=People,{SUFFIX}"
 
 
 def person(connection, name, attributes=None, object_class="posixAccount"):
@@ -28,7 +28,7 @@ def groups_of(connection, name):
 
 def test_an_account_has_its_rfc2307_attributes(anonymous):
     dn, entry = person(anonymous, "ann", ["uid", "uidNumber", "gidNumber", "homeDirectory", "loginShell", "gecos"])
-    assert dn == f"cn=ann,OU=Engineering,{PEOPLE}"
+    assert dn == f"cn=ann,ou=Engineering,{PEOPLE}"
     assert values(entry, "uid") == ["ann"]
     assert values(entry, "uidNumber") == ["20001"]
     assert values(entry, "gidNumber") == ["10000"]
@@ -39,7 +39,7 @@ def test_an_account_has_its_rfc2307_attributes(anonymous):
 
 def test_an_account_is_found_by_uid_number(anonymous):
     found = search(anonymous, "(&(objectClass=posixAccount)(uidNumber=20002))", ["uid"])
-    assert list(found) == [f"cn=ben,OU=Engineering,{PEOPLE}"]
+    assert list(found) == [f"cn=ben,ou=Engineering,{PEOPLE}"]
 
 
 def test_every_unix_account_is_enumerated_and_no_other(anonymous):
@@ -57,7 +57,7 @@ def test_an_account_without_a_uid_number_does_not_exist(anonymous):
 
 def test_a_disabled_account_is_still_found(anonymous):
     dn, _ = person(anonymous, "iris")
-    assert dn == f"cn=iris,OU=Former,{PEOPLE}"
+    assert dn == f"cn=iris,ou=Former,{PEOPLE}"
 
 
 def test_a_search_that_names_no_class_does_not_show_it_either(anonymous):
@@ -67,7 +67,7 @@ def test_a_search_that_names_no_class_does_not_show_it_either(anonymous):
 
 def test_shadow_attributes(anonymous):
     dn, entry = person(anonymous, "ann", ["uid", "shadowMax", "shadowWarning", "shadowLastChange"], "shadowAccount")
-    assert dn == f"cn=ann,OU=Engineering,{PEOPLE}"
+    assert dn == f"cn=ann,ou=Engineering,{PEOPLE}"
     assert values(entry, "shadowMax") == ["180"]
     assert values(entry, "shadowWarning") == ["14"]
     assert values(entry, "shadowLastChange") == ["20500"]
@@ -97,12 +97,12 @@ def test_values_outside_ascii_are_found(anonymous, text, name):
 
 
 @pytest.mark.parametrize("name, rdn", [
-    ("grace", "CN=Lovelace\\2C Grace"),
-    ("kit", "CN=Katherine \\22Kit\\22 O'Neil"),
-    ("sven", "CN=Sven \\2B Partner"),
-    ("tim", "CN=Tim Tester \\3Ctim\\3E"),
-    ("bob", "CN=Back\\5Cslash Bob"),
-    ("adam2", "CN=Smith\\2C Adam (2)"),
+    ("grace", "cn=Lovelace\\2C Grace"),
+    ("kit", "cn=Katherine \\22Kit\\22 O'Neil"),
+    ("sven", "cn=Sven \\2B Partner"),
+    ("tim", "cn=Tim Tester \\3Ctim\\3E"),
+    ("bob", "cn=Back\\5Cslash Bob"),
+    ("adam2", "cn=Smith\\2C Adam (2)"),
 ])
 def test_real_names_with_special_characters_are_good_dns(anonymous, name, rdn):
     dn, _ = person(anonymous, name, ["uid"], "inetOrgPerson")
@@ -112,21 +112,21 @@ def test_real_names_with_special_characters_are_good_dns(anonymous, name, rdn):
 
 def test_address_books_find_people_by_their_full_name(anonymous):
     found = search(anonymous, "(&(objectClass=inetOrgPerson)(cn=Ann*))", ["cn", "mail"])
-    assert list(found) == [f"CN=Ann Lee,OU=Engineering,{PEOPLE}"]
-    entry = found[f"CN=Ann Lee,OU=Engineering,{PEOPLE}"]
+    assert list(found) == [f"cn=Ann Lee,ou=Engineering,{PEOPLE}"]
+    entry = found[f"cn=Ann Lee,ou=Engineering,{PEOPLE}"]
     assert values(entry, "cn") == ["Ann Lee"]
     assert sorted(values(entry, "mail")) == ["ann.lee@example.com", "ann@example.com"]
 
 
 def test_a_base_search_reads_one_entry(anonymous):
-    dn = f"CN=Ann Lee,OU=Engineering,{PEOPLE}"
+    dn = f"cn=Ann Lee,ou=Engineering,{PEOPLE}"
     assert list(search(anonymous, "(objectClass=*)", ["displayName"], dn, ldap.SCOPE_BASE)) == [dn]
     # As an account her DN is the rewritten one, which is not the base that was asked for.
     assert search(anonymous, "(objectClass=posixAccount)", ["uid"], dn, ldap.SCOPE_BASE) == {}
 
 
 def test_the_scopes(anonymous):
-    one_level = search(anonymous, "(objectClass=posixAccount)", ["uid"], f"OU=Finance,{PEOPLE}", ldap.SCOPE_ONELEVEL)
+    one_level = search(anonymous, "(objectClass=posixAccount)", ["uid"], f"ou=Finance,{PEOPLE}", ldap.SCOPE_ONELEVEL)
     assert len(one_level) == 6
     assert search(anonymous, "(objectClass=posixAccount)", ["uid"], PEOPLE, ldap.SCOPE_ONELEVEL) == {}
     assert len(search(anonymous, "(objectClass=posixAccount)", ["uid"], PEOPLE)) == 37
@@ -135,7 +135,7 @@ def test_the_scopes(anonymous):
 def test_a_base_that_does_not_exist(anonymous):
     # The directory's own answer, not the one for "nothing found".
     with pytest.raises(ldap.LDAPError) as caught:
-        anonymous.search_s(f"OU=Nowhere,{SUFFIX}", ldap.SCOPE_SUBTREE, "(objectClass=posixAccount)")
+        anonymous.search_s(f"ou=Nowhere,{SUFFIX}", ldap.SCOPE_SUBTREE, "(objectClass=posixAccount)")
     code, text = failure(caught.value)
     assert code in (ldap.NO_SUCH_OBJECT.errnum, ldap.OTHER.errnum)
     assert text.startswith("vexLdapSearch :") or code == ldap.NO_SUCH_OBJECT.errnum
@@ -241,8 +241,8 @@ def test_a_group_without_a_gid_number_is_no_unix_group(anonymous):
 
 def test_a_group_by_number_and_one_with_a_blank(anonymous):
     found = search(anonymous, "(&(objectClass=posixGroup)(gidNumber=10010))", ["cn", "memberUid"])
-    assert list(found) == [f"cn=reading room,OU=Groups,{SUFFIX}"]
-    assert set(values(found[f"cn=reading room,OU=Groups,{SUFFIX}"], "memberUid")) == {"wanda", "taro"}
+    assert list(found) == [f"cn=reading room,ou=Groups,{SUFFIX}"]
+    assert set(values(found[f"cn=reading room,ou=Groups,{SUFFIX}"], "memberUid")) == {"wanda", "taro"}
 
 
 @pytest.mark.parametrize("name, groups", [
@@ -265,11 +265,11 @@ def test_groups_and_members_agree(anonymous):
 
 # ---- netgroups
 
-@pytest.mark.parametrize("base", [SUFFIX, SUFFIX.lower(), f"CN=netgroup,CN=Rfc2307NisMaps,CN=Global,CN=Zones,{SUFFIX}"])
+@pytest.mark.parametrize("base", [SUFFIX, SUFFIX.lower(), f"cn=netgroup,cn=Rfc2307NisMaps,cn=Global,cn=Zones,{SUFFIX}"])
 def test_a_netgroup_from_the_zone(anonymous, base):
     found = search(anonymous, "(&(objectClass=nisNetgroup)(cn=all-hosts))",
                    ["cn", "nisNetgroupTriple", "memberNisNetgroup"], base)
-    dn = f"CN=all-hosts,CN=netgroup,CN=Rfc2307NisMaps,CN=Global,CN=Zones,{SUFFIX}"
+    dn = f"cn=all-hosts,cn=netgroup,cn=Rfc2307NisMaps,cn=Global,cn=Zones,{SUFFIX}"
     assert list(found) == [dn]
     assert values(found[dn], "nisNetgroupTriple") == ["(console.example.com,-,example.com)"]
     assert set(values(found[dn], "memberNisNetgroup")) == {"build-hosts", "file-servers"}
@@ -282,7 +282,7 @@ def test_all_netgroups(anonymous):
 
 
 def test_netgroups_below_another_place(anonymous):
-    assert search(anonymous, "(objectClass=nisNetgroup)", ["cn"], f"OU=Groups,{SUFFIX}") == {}
+    assert search(anonymous, "(objectClass=nisNetgroup)", ["cn"], f"ou=Groups,{SUFFIX}") == {}
 
 
 # ---- the whole
