@@ -1,0 +1,336 @@
+#include "translate/ldif.h"
+
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "backend/settings.h"
+#include "tests/standin/captured.h"
+#include "tests/standin/vex_standin.h"
+#include "translate/ldif_reader.h"
+#include "vex/handles.h"
+
+#include "tests/standin/slapd_standin.h"
+
+namespace {
+
+using standin::Object;
+using testing::IsEmpty;
+
+constexpr char kMap[] =
+    "posixAccount = User\n"
+    "posixAccount.uid = sAMAccountName\n"
+    "posixAccount.CN = sAMAccountName\n"
+    "posixAccount.homeDirectory = unixHomeDirectory\n"
+    "posixAccount.dn = mail\n"
+    "posixAccount.gecos = displayName\n"
+    "posixGroup = Group\n"
+    "posixGroup.mail = posixgroup\n"
+    "nisMap = nisMap\n"
+    "nisMap.cn =\n";
+
+Object person(Object more = {}) {
+    Object object = {{"_dn", {"CN=Ann Lee,OU=Staff,DC=example,DC=com"}},
+                     {"_GUID", {"0a"}},
+                     {"_objectCategory", {"Person"}},
+                     {"sAMAccountName", {"ann"}}};
+    for (auto& attribute : more) object.push_back(attribute);
+    return object;
+}
+
+class Ldif : public testing::Test {
+  protected:
+    Ldif() {
+        standin::reset();
+        standin::resetSlapd();
+        m_map.parse(kMap, "test");
+        gTranslationMap = &m_map;
+    }
+    ~Ldif() override {
+        gTranslationMap = nullptr;
+        EXPECT_THAT(standin::leaks(), IsEmpty());
+        EXPECT_THAT(standin::failures(), IsEmpty());
+    }
+
+    static std::string convert(Object content, const LdifRequest& request) {
+        const vex::UniqueObject object(standin::makeObject(std::move(content)));
+        return object_to_ldif(nullptr, object.get(), request);
+    }
+    static LdifRequest posixAccount() { return {"posixAccount", false, {}, false}; }
+
+    vorn::Properties m_map;
+};
+
+std::string lines(std::string_view name, const std::vector<vexBlob>& values) {
+    std::string ldif;
+    attr_values_to_ldif(&ldif, name, values.data(), static_cast<int>(values.size()));
+    return ldif;
+}
+
+vexBlob blob(std::string_view bytes) {
+    return {static_cast<std::uint32_t>(bytes.size()), reinterpret_cast<const unsigned char*>(bytes.data())};
+}
+
+TEST(AttrValuesToLdif, OneLineAValue) {
+    EXPECT_EQ(lines("cn", {}), "");
+    EXPECT_EQ(lines("cn", {blob("Ann")}), "cn: Ann\n");
+    EXPECT_EQ(lines("cn", {blob("Ann"), blob("Bo b")}), "cn: Ann\ncn: Bo b\n");
+    EXPECT_EQ(lines("cn", {blob("")}), "cn: \n");
+    EXPECT_EQ(lines("cn", {blob("J\xC3\xBCrgen")}), "cn:: SsO8cmdlbg==\n");
+    EXPECT_EQ(lines("cn", {blob(" a")}), "cn:: IGE=\n");
+    EXPECT_EQ(lines("cn", {blob("a ")}), "cn:: YSA=\n");
+    EXPECT_EQ(lines("cn", {blob(":a")}), "cn:: OmE=\n");
+    EXPECT_EQ(lines("cn", {blob("<file:///etc/passwd")}), "cn:: PGZpbGU6Ly8vZXRjL3Bhc3N3ZA==\n");
+    EXPECT_EQ(lines("cn", {blob("a\nb: c")}), "cn:: YQpiOiBj\n");
+    EXPECT_EQ(lines("cn", {blob(std::string_view("\0", 1))}), "cn:: AA==\n");
+    EXPECT_EQ(lines("cn", {blob("a:<#b")}), "cn: a:<#b\n");
+}
+
+TEST(AttrValuesToLdif, AValueWithoutDataLeavesTheBareName) {
+    EXPECT_EQ(lines("cn", {{0, nullptr}}), "cn");
+    EXPECT_EQ(lines("cn", {{7, nullptr}, blob("a")}), "cncn: a\n");
+    EXPECT_EQ(lines("cn", {blob("a"), {0, nullptr}}), "cn: a\ncn");
+}
+
+TEST_F(Ldif, WithoutATypeTheAgentsNamesStay) {
+    const Object object = person({{"objectClass", {"top", "user"}},
+                                  {"objectCategory", {"CN=Person,CN=Schema"}},
+                                  {"mail", {"a@x", "b@x"}}});
+    const std::string expected =
+        "dn: CN=Ann Lee,OU=Staff,DC=example,DC=com\n"
+        "sAMAccountName: ann\n"
+        "objectClass: top\n"
+        "objectClass: user\n"
+        "objectCategory: CN=Person,CN=Schema\n"
+        "mail: a@x\n"
+        "mail: b@x\n";
+    EXPECT_EQ(convert(object, {}), expected);
+    // An object of another category than the type's is written the same way.
+    EXPECT_EQ(convert(object, {"posixGroup", false, {}, false}), expected);
+    EXPECT_EQ(convert(object, {"unknownType", false, {}, false}), expected);
+    gTranslationMap = nullptr;
+    EXPECT_EQ(convert(object, posixAccount()), expected);
+}
+
+TEST_F(Ldif, MappedAttributesComeFirstInTheMapsOrder) {
+    EXPECT_EQ(convert(person({{"unixHomeDirectory", {"/home/ann"}},
+                              {"displayName", {"Ann Lee"}},
+                              {"objectClass", {"top", "person", "user"}},
+                              {"objectCategory", {"CN=Person"}},
+                              {"uid", {"other"}},
+                              {"cn", {"Ann Lee"}},
+                              {"mail", {"a@x"}}}),
+                      posixAccount()),
+              "dn: cn=ann,OU=Staff,DC=example,DC=com\n"
+              "gecos: Ann Lee\n"
+              "homeDirectory: /home/ann\n"
+              "uid: ann\n"
+              "sAMAccountName: ann\n"
+              "unixHomeDirectory: /home/ann\n"
+              "displayName: Ann Lee\n"
+              "objectClass: top\n"
+              "objectClass: posixAccount\n"
+              "cn: Ann Lee\n"
+              "mail: a@x\n");
+}
+
+TEST_F(Ldif, MappedCnForThoseWhoAskForIt) {
+    LdifRequest request = posixAccount();
+    request.includeCn = true;
+    // The map's spelling of the name is not the agent's: both are written.
+    EXPECT_EQ(convert(person({{"cn", {"Ann Lee"}}, {"CN", {"x"}}}), request),
+              "dn: cn=ann,OU=Staff,DC=example,DC=com\n"
+              "CN: ann\n"
+              "uid: ann\n"
+              "sAMAccountName: ann\n"
+              "cn: Ann Lee\n");
+}
+
+TEST_F(Ldif, OnlyWhatIsRequested) {
+    LdifRequest request = posixAccount();
+    request.requested = {"SAMACCOUNTNAME", "objectclass", "_objectCategory"};
+    const Object object = person({{"mail", {"a@x"}}, {"OBJECTCLASS", {"user"}}, {"displayName", {"Ann"}}});
+    EXPECT_EQ(convert(object, request),
+              "dn: cn=ann,OU=Staff,DC=example,DC=com\n"
+              "uid: ann\n"
+              "sAMAccountName: ann\n"
+              "OBJECTCLASS: top\n"
+              "OBJECTCLASS: posixAccount\n");
+    request.requested = {"_dn"};
+    EXPECT_EQ(convert(object, request), "dn: cn=ann,OU=Staff,DC=example,DC=com\n");
+}
+
+TEST_F(Ldif, CategoriesThatFitTheType) {
+    const auto isMapped = [](const char* category, const char* type) {
+        const Object object = {
+            {"_dn", {"CN=a,DC=x"}}, {"_objectCategory", {category}}, {"objectClass", {"own"}}};
+        return convert(object, {type, false, {}, false}).find("objectClass: top") != std::string::npos;
+    };
+    EXPECT_TRUE(isMapped("User", "posixAccount"));
+    EXPECT_TRUE(isMapped("uSER", "POSIXACCOUNT"));
+    EXPECT_TRUE(isMapped("Person", "posixAccount"));
+    EXPECT_FALSE(isMapped("person", "posixAccount"));
+    EXPECT_FALSE(isMapped("Computer", "posixAccount"));
+    EXPECT_TRUE(isMapped("Group", "posixGroup"));
+    EXPECT_FALSE(isMapped("Person", "posixGroup"));
+    // A type that the map does not name stands for itself.
+    EXPECT_TRUE(isMapped("SITE", "site"));
+    m_map.parse("lowerCase = user\n", "test");
+    EXPECT_FALSE(isMapped("Person", "lowerCase"));
+}
+
+TEST_F(Ldif, AnEntryThatNamesTheTypeItselfIsNoAttribute) {
+    EXPECT_EQ(convert({{"_dn", {"CN=g"}}, {"_objectCategory", {"Group"}}, {"posixgroup", {"x"}}},
+                      {"posixGroup", false, {}, false}),
+              "dn: CN=g\nposixgroup: x\n");
+}
+
+TEST_F(Ldif, DnLine) {
+    const LdifRequest request = posixAccount();
+    const auto firstLine = [&](Object object) {
+        const std::string ldif = convert(std::move(object), request);
+        return ldif.substr(0, ldif.find('\n'));
+    };
+    EXPECT_EQ(
+        firstLine(
+            {{"_dn", {"CN=A\\,B, OU=x,DC=y"}}, {"_objectCategory", {"Person"}}, {"sAMAccountName", {"ann"}}}),
+        "dn: cn=ann,OU=x,DC=y");
+    // Without a parent the whole DN follows the new name.
+    EXPECT_EQ(firstLine({{"_dn", {"CN=Ann"}}, {"_objectCategory", {"Person"}}, {"sAMAccountName", {"a"}}}),
+              "dn: cn=a,CN=Ann");
+    // Without the attribute the DN stays as it is.
+    const standin::CapturedStderr captured;
+    EXPECT_EQ(firstLine({{"_dn", {"CN=Ann,DC=x"}}, {"_objectCategory", {"Person"}}}), "dn: CN=Ann,DC=x");
+    EXPECT_EQ(captured.text(),
+              "dirgate ERROR: Failed to retrieve sAMAccountName from object: no such attribute\n");
+    // An entry of the map without a value rewrites nothing.
+    EXPECT_EQ(convert({{"_dn", {"CN=m,DC=x"}}, {"_objectCategory", {"nisMap"}}}, {"nisMap", true, {}, false}),
+              "dn: CN=m,DC=x\n");
+}
+
+TEST_F(Ldif, ALineBreakInTheNameWritesNoLines) {
+    const Object object = {{"_dn", {"CN=Ann,DC=x"}},
+                           {"_objectCategory", {"Person"}},
+                           {"sAMAccountName", {"ann,DC=x\nuidNumber: 0"}}};
+    const auto read = readLdif(convert(object, posixAccount()));
+    EXPECT_EQ(read.at(0), (LdifLine{"dn", "cn=ann,DC=x\nuidNumber: 0,DC=x", true}));
+    for (const LdifLine& line : read) EXPECT_NE(line.name, "uidNumber");
+}
+
+TEST_F(Ldif, AnEmptyDnLine) {
+    LdifRequest request = posixAccount();
+    request.omitDn = true;
+    EXPECT_EQ(convert(person(), request), "dn: \nuid: ann\nsAMAccountName: ann\n");
+}
+
+TEST_F(Ldif, UnreadableParts) {
+    const standin::CapturedStderr errors;
+    const standin::CapturedLog log;
+    Object object = {{"_dn", {"CN=a,DC=x"}}, standin::unreadable("_objectCategory", 6), {"cn", {"a"}}};
+    EXPECT_EQ(convert(object, posixAccount()), "dn: CN=a,DC=x\ncn: a\n");
+    object = {standin::unreadable("_dn", 8), {"_objectCategory", {"Person"}}, {"sAMAccountName", {"a"}}};
+    EXPECT_EQ(convert(object, posixAccount()), "uid: a\nsAMAccountName: a\n");
+    EXPECT_EQ(convert({{"_dn", {"CN=a"}}, standin::unreadable("mail", 6), {"cn", {"a"}}}, {}),
+              "dn: CN=a\ncn: a\n");
+    EXPECT_EQ(convert({{"_dn", {"CN=a"}}, standin::nameless(), {"cn", {"a"}}}, {}), "dn: CN=a\ncn: a\n");
+
+    const char* text = nullptr;
+    vexGetVexCodeStr(6, &text);
+    const std::string broken = text;
+    vexGetVexCodeStr(8, &text);
+    const std::string directory = text;
+    vexGetVexCodeStr(10, &text);
+    const std::string missing = text;
+    EXPECT_EQ(errors.text(), "dirgate ERROR: Failed to retrieve _objectCategory from object: " + broken +
+                                 "\ndirgate ERROR: object_to_ldif: Error rc = " + directory +
+                                 " (8) from vexGetAttributeStr getting dn\n");
+    EXPECT_TRUE(
+        log.has("object_to_ldif: " + missing + " (10):unixHomeDirectory from vexGetAttributeBlobList"));
+    EXPECT_TRUE(log.has("object_to_ldif: Error rc = " + broken + " (6) from vexGetAttributeList"));
+}
+
+TEST_F(Ldif, WhatTheLogShows) {
+    standin::knowAttribute("userCertificate", true);
+    const standin::CapturedLog log;
+    convert(person({{"objectCategory", {"x"}},
+                    {"mail", {"a@x"}},
+                    {"blank", {" x"}},
+                    {"high", {"\xC3\xBC"}},
+                    {"empty", {""}},
+                    {"none", {}},
+                    {"null", {standin::noData()}},
+                    {"userCertificate", {"\x01z"}},
+                    {"USERCERTIFICATE", {}}}),
+            posixAccount());
+    for (const char* line : {
+             "object_to_ldif: mapping sAMAccountName to uid",
+             "object_to_ldif: skipping objectCategory",
+             "object_to_ldif: attrName = sAMAccountName, value[0] = ann",
+             "object_to_ldif: attrName = mail, value[0] = a@x",
+             "object_to_ldif: attrName = blank, value[0] = <binary data>",
+             "object_to_ldif: attrName = high, value[0] = <binary data>",
+             "object_to_ldif: attrName = empty, value[0] = <binary data>",
+             "object_to_ldif: attrName = none, value[0] = <binary data>",
+             "object_to_ldif: attrName = null, value[0] = <binary data>",
+             "object_to_ldif: attrName = USERCERTIFICATE, value[0] = <binary data>",
+         }) {
+        EXPECT_EQ(log.count(line), 1) << line;
+    }
+}
+
+TEST_F(Ldif, BinarySyntaxIsMarked) {
+    standin::knowAttribute("userCertificate", true);
+    standin::knowAttribute("mail");
+    EXPECT_EQ(convert({{"_dn", {"CN=a"}}, {"UserCertificate", {"\x01"}}, {"mail", {"m"}}}, {}),
+              "dn: CN=a\nUserCertificate;binary:: AQ==\nmail: m\n");
+    // Mapped attributes never are.
+    m_map.parse("posixAccount.userCertificate = cert\n", "test");
+    const std::string ldif = convert(person({{"cert", {"\x01"}}}), posixAccount());
+    EXPECT_NE(ldif.find("userCertificate:: AQ==\n"), std::string::npos);
+}
+
+TEST_F(Ldif, GeneratedObjectsComeBackWhole) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 300; ++round) {
+        Object object = {{"_dn", {"CN=a,DC=x"}}};
+        std::vector<LdifLine> expected;
+        for (unsigned i = 0; i < random() % 12; ++i) {
+            standin::Attribute attribute{(random() % 2 ? "ATTR" : "attr") + std::to_string(i), {}};
+            for (unsigned v = random() % 4; v > 0; --v) {
+                std::string value(random() % 70, '\0');
+                const bool text = random() % 2;
+                for (char& c : value) c = static_cast<char>(text ? ' ' + random() % 95 : random());
+                expected.push_back({attribute.name, value, false});
+                attribute.values.emplace_back(value);
+            }
+            object.push_back(attribute);
+        }
+        auto read = readLdif(convert(object, {}));
+        ASSERT_EQ(read.size(), expected.size() + 1);
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(read[i + 1].name, expected[i].name);
+            EXPECT_EQ(read[i + 1].value, expected[i].value);
+        }
+    }
+}
+
+TEST_F(Ldif, LargeObjects) {
+    Object object = {{"_dn", {"CN=a,DC=x"}}};
+    standin::Attribute members{"member", {}};
+    for (int i = 0; i < 5000; ++i) members.values.emplace_back("CN=user" + std::to_string(i) + ",DC=x");
+    std::string photo(1 << 20, '\0');
+    for (std::size_t i = 0; i < photo.size(); ++i) photo[i] = static_cast<char>(i * 7 + i / 251);
+    const std::string note(1 << 20, 'n');
+    object.push_back(members);
+    object.push_back({"thumbnailPhoto", {photo}});
+    object.push_back({"info", {note}});
+    const auto read = readLdif(convert(object, {}));
+    ASSERT_EQ(read.size(), 5003U);
+    EXPECT_EQ(read[5000].value, "CN=user4999,DC=x");
+    EXPECT_TRUE(read[5001].value == photo);
+    EXPECT_TRUE(read[5001].base64);
+    EXPECT_TRUE(read[5002].value == note);
+    EXPECT_FALSE(read[5002].base64);
+}
+
+}  // namespace
