@@ -1,0 +1,116 @@
+// What the search cache costs a search: hits and stores, a small and a large
+// table, one and two threads. A hit must cost about the same in either table, but
+// for what the processor's caches cannot hold. The objects are libvex's own, so a
+// clone costs what it costs in slapd.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cache/search_cache.h"
+#include "vex/object.h"
+
+namespace {
+
+// An object with the attributes that every object has.
+vex::UniqueObject makeObject() {
+    flatbuffers::FlatBufferBuilder builder;
+    std::vector<flatbuffers::Offset<vex::wire::Attribute>> attributes;
+    for (const char* name : {AD_OBJECT_DN_TEXT, AD_OBJECT_GUID_TEXT, VORN_OBJECT_CATEGORY}) {
+        const auto value = builder.CreateString("CN=ann,DC=example,DC=com");
+        const auto values = builder.CreateVector(std::vector{value});
+        const auto text = builder.CreateString(name);
+        attributes.push_back(vex::wire::CreateAttribute(builder, text, values));
+    }
+    const auto list = builder.CreateVector(attributes);
+    builder.Finish(vex::wire::CreateObject(builder, list));
+    const auto bytes = vex::ObjectRef::copyOf({builder.GetBufferPointer(), builder.GetSize()});
+    return vex::UniqueObject(new vexObject{bytes});
+}
+
+const std::vector<std::string>& guids() {
+    static const std::vector<std::string> list = [] {
+        std::vector<std::string> made;
+        std::mt19937 random(1);
+        for (int i = 0; i < 600'000; ++i) {
+            char text[40];
+            std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%08x%04x", static_cast<unsigned>(random()),
+                          static_cast<unsigned>(random() & 0xffff), static_cast<unsigned>(random() & 0xffff),
+                          static_cast<unsigned>(random() & 0xffff), static_cast<unsigned>(random()),
+                          static_cast<unsigned>(random() & 0xffff));
+            made.emplace_back(text);
+        }
+        return made;
+    }();
+    return list;
+}
+
+// A full cache of that many objects and lists, made once.
+SearchCacheManager& filled(std::size_t entries) {
+    static std::mutex mutex;
+    static std::map<std::size_t, std::unique_ptr<SearchCacheManager>> caches;
+    const std::lock_guard guard(mutex);
+    auto& cache = caches[entries];
+    if (cache != nullptr) return *cache;
+    vorn::Thread::SetThreadsActive(true);
+    cache = std::make_unique<SearchCacheManager>();
+    cache->init(true, entries, entries, 1'000'000, 300, 0, 1.3F);
+    for (std::size_t i = 0; i < entries; ++i) {
+        const std::string& guid = guids()[i];
+        cache->putObj(guid.c_str(), makeObject().get());
+        cache->putList(guid, std::make_shared<GuidList>(GuidList{guid}));
+    }
+    return *cache;
+}
+
+// Each thread walks the keys in an order of its own that memory cannot foresee.
+std::size_t nextKey(std::size_t key, std::size_t keys) {
+    return (key + 7'919) % keys;
+}
+
+void listHit(benchmark::State& state) {
+    const auto entries = static_cast<std::size_t>(state.range(0));
+    SearchCacheManager& cache = filled(entries);
+    auto key = static_cast<std::size_t>(state.thread_index()) * entries / 2;
+    for (auto _ : state) {
+        std::shared_ptr<GuidList> list;
+        if (cache.getList(guids()[key], list) != SearchCacheManager::kHit) state.SkipWithError("no hit");
+        key = nextKey(key, entries);
+    }
+}
+
+void objHit(benchmark::State& state) {
+    const auto entries = static_cast<std::size_t>(state.range(0));
+    SearchCacheManager& cache = filled(entries);
+    auto key = static_cast<std::size_t>(state.thread_index()) * entries / 2;
+    for (auto _ : state) {
+        CachedObject cached;
+        if (cache.getObj(guids()[key], &cached) != SearchCacheManager::kHit) state.SkipWithError("no hit");
+        key = nextKey(key, entries);
+    }
+}
+
+// Walks twice as many GUIDs as the table holds, so most stores find theirs absent
+// and every one evicts.
+void objStoreWithEviction(benchmark::State& state) {
+    const auto entries = static_cast<std::size_t>(state.range(0));
+    SearchCacheManager& cache = filled(entries);
+    const vex::UniqueObject object = makeObject();
+    auto key = static_cast<std::size_t>(state.thread_index()) * entries;
+    for (auto _ : state) {
+        cache.putObj(guids()[key].c_str(), object.get());
+        key = nextKey(key, 2 * entries);
+    }
+}
+
+BENCHMARK(listHit)->Arg(3'000)->Arg(300'000)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(objHit)->Arg(3'000)->Arg(300'000)->Threads(1)->Threads(2)->UseRealTime();
+// Last: it changes what the caches hold.
+BENCHMARK(objStoreWithEviction)->Arg(3'000)->Arg(300'000)->Threads(1)->Threads(2)->UseRealTime();
+
+}  // namespace
