@@ -56,13 +56,11 @@ void vex_ber_init2(BerElement* ber, struct berval* value, int options) {
 int vex_ber_printf(BerElement* ber, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    int written = 0;
-    for (; *format && written >= 0; ++format) {
-        const int more = printOne(ber, *format, &arguments);
-        written = more < 0 ? -1 : written + more;
-    }
+    // As there, the answer is that for the last letter.
+    int result = 0;
+    for (; *format && result >= 0; ++format) result = printOne(ber, *format, &arguments);
     va_end(arguments);
-    return written;
+    return result;
 }
 
 int vex_ber_flatten2(BerElement* ber, struct berval* value, int alloc) {

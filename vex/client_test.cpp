@@ -63,7 +63,8 @@ struct Client : testing::Test {
     ScriptedAgent agent;
 
     void answerAll(const Reply& reply) {
-        agent.onRequest([reply](const Peer& peer, const wire::Request& request) { peer.answer(request, reply); });
+        agent.onRequest(
+            [reply](const Peer& peer, const wire::Request& request) { peer.answer(request, reply); });
     }
 };
 
@@ -198,7 +199,8 @@ TEST_F(Client, ASearchsArgumentsArriveAsGiven) {
     const UniqueSession session = openSession();
     vexSearchHandle* search = nullptr;
     const char* const names[] = {"cn", "uidNumber", nullptr};
-    ASSERT_EQ(vexLdapSearchOpen(session.get(), "$", "(cn=a)", "DC=example", names, 1, 20, 10, &search), VEX_OK);
+    ASSERT_EQ(vexLdapSearchOpen(session.get(), "$", "(cn=a)", "DC=example", names, 1, 20, 10, &search),
+              VEX_OK);
     vexLdapSearchClose(search);
     EXPECT_EQ(domain + " " + filter + " " + base + " " + attributes, "$ (cn=a) DC=example cn,uidNumber,");
     EXPECT_THAT((std::vector{scope, sizeLimit, pageSize}), ElementsAre(1, 20, 10));
@@ -242,7 +244,8 @@ ScriptedAgent::Handler batches(std::vector<int> sizes) {
     return [sizes = std::move(sizes), state](const Peer& peer, const wire::Request& request) {
         auto& [batch, total] = *state;
         Reply reply;
-        for (int i = 0; i < sizes[batch]; ++i) reply.objects.push_back(packed(person("p" + std::to_string(total++))));
+        for (int i = 0; i < sizes[batch]; ++i)
+            reply.objects.push_back(packed(person("p" + std::to_string(total++))));
         ++batch;
         reply.total = total;
         reply.search = batch < sizes.size() ? 42 : 0;
@@ -332,7 +335,8 @@ TEST_F(Client, TheAgentsTotalNeverFallsBehindWhatWasSeen) {
 TEST_F(Client, FetchAndLookUpGiveOneObject) {
     std::string seen;
     agent.onRequest([&](const Peer& peer, const wire::Request& request) {
-        if (const auto* fetch = request.body_as_Fetch()) seen = fetch->domain()->str() + " " + fetch->dn()->str();
+        if (const auto* fetch = request.body_as_Fetch())
+            seen = fetch->domain()->str() + " " + fetch->dn()->str();
         if (const auto* lookup = request.body_as_Lookup()) seen = lookup->guid()->str();
         peer.answer(request, {.objects = {packed(person("ann"))}});
     });
@@ -418,7 +422,8 @@ TEST_F(Client, HealthTellsTheConditionAndTheErrorBehindIt) {
     ASSERT_EQ(vexSystemHealthInfo(session.get(), 0, &condition, &errSystem, &errCode, &text), VEX_OK);
     EXPECT_THAT((std::vector{condition, errSystem, errCode}), ElementsAre(0, 0, 0));
     EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(vexSystemHealthInfo(session.get(), 1, &condition, nullptr, nullptr, nullptr), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexSystemHealthInfo(session.get(), 1, &condition, nullptr, nullptr, nullptr),
+              VEX_INVALID_ARGUMENT);
 }
 
 TEST_F(Client, AskingForHealthKeepsTheErrorThatItIsToExplain) {

@@ -35,6 +35,10 @@ class Connection {
     // protocol answers within the deadline.
     static std::unique_ptr<Connection> open(const Endpoint& endpoint, const Deadline& deadline);
 
+    // Over a connected socket that it takes, after the greeting.
+    Connection(const Endpoint& endpoint, int descriptor)
+        : m_path(endpoint.path), m_timeout(endpoint.timeout), m_socket(descriptor) {}
+
     // Whether the agent is still there and has sent nothing unasked. One system call.
     bool isQuiet() const;
 

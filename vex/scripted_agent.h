@@ -52,8 +52,8 @@ class Peer {
     void answer(const vex::wire::Request& request, const Reply& reply) const {
         send(frame(response(request.id(), reply)));
     }
-    void hangUp() const;              // both ways
-    void stopReading() const;         // what the client sends is refused, without its seeing it before
+    void hangUp() const;       // both ways
+    void stopReading() const;  // what the client sends is refused, without its seeing it before
     void waitUntilClientGone() const;
 
   private:
@@ -84,8 +84,8 @@ class ScriptedAgent {
 
     int connections() const { return m_accepted; }  // accepted so far
     int openConnections() const { return m_open; }
-    int requests() const { return m_requests; }     // received so far
-    std::vector<std::string> bodies() const;        // the kinds of the requests received
+    int requests() const { return m_requests; }  // received so far
+    std::vector<std::string> bodies() const;     // the kinds of the requests received
     const std::string& socketPath() const { return m_path; }
 
     // Waits until the condition holds, at most some seconds; whether it did.
@@ -106,11 +106,11 @@ class ScriptedAgent {
     std::atomic<int> m_requests{0};
 
     mutable std::mutex m_lock;
-    Handler m_handler;                 // guarded by m_lock
-    std::string m_greeting;            // guarded by m_lock
-    std::vector<std::string> m_bodies; // guarded by m_lock
-    std::list<int> m_descriptors;      // guarded by m_lock
-    std::condition_variable m_ended;   // a connection has
+    Handler m_handler;                  // guarded by m_lock
+    std::string m_greeting;             // guarded by m_lock
+    std::vector<std::string> m_bodies;  // guarded by m_lock
+    std::list<int> m_descriptors;       // guarded by m_lock
+    std::condition_variable m_ended;    // a connection has
 };
 
 }  // namespace vextest

@@ -62,10 +62,19 @@ std::size_t openSockets() {
 Socket::Socket() {
     watchForks();
     std::lock_guard guard(table().lock);
-    table().descriptors.reserve(table().descriptors.size() + 1);
+    enter(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+}
+
+Socket::Socket(int descriptor) {
+    watchForks();
+    std::lock_guard guard(table().lock);
+    enter(descriptor);
+}
+
+void Socket::enter(int descriptor) {
     m_generation = generation();
-    m_descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_descriptor >= 0) table().descriptors.push_back(m_descriptor);
+    m_descriptor = descriptor;
+    if (descriptor >= 0) table().descriptors.push_back(descriptor);
 }
 
 Socket::~Socket() {

@@ -25,6 +25,8 @@ std::size_t openSockets();
 class Socket {
   public:
     Socket();  // descriptor() is -1 when none can be had
+    // Takes over one that is open.
+    explicit Socket(int descriptor);
     ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
@@ -33,6 +35,8 @@ class Socket {
     bool inherited() const { return m_generation != generation(); }
 
   private:
+    void enter(int descriptor);
+
     int m_descriptor = -1;
     unsigned m_generation = 0;
 };
