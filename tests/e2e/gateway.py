@@ -9,6 +9,7 @@ import ctypes
 import json
 import os
 import pathlib
+import random
 import signal
 import socket
 import subprocess
@@ -36,9 +37,13 @@ def wait_until(condition, what, seconds=SECONDS):
 
 
 def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """Below the range that the kernel takes clients' ports from: one from there could
+    be anybody's a moment later."""
+    while True:
+        port = random.randrange(10000, 32000)
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", port))
+            return port
 
 
 def accepts(family, address):
@@ -184,8 +189,20 @@ class Slapd(Server):
 
     def start(self):
         self.launch()
-        self.wait_ready(lambda: accepts(socket.AF_INET, ("127.0.0.1", self.port)))
+        self.wait_ready(lambda: accepts(socket.AF_INET, ("127.0.0.1", self.port)) and self.settled())
         return self
+
+    def settled(self):
+        """Whether the main thread waits for the listener thread's end. slapd answers a
+        little earlier, but ends badly when it is told to stop then."""
+        process = pathlib.Path(f"/proc/{self.process.pid}")
+        try:
+            call = (process / "syscall").read_text().split()
+            threads = {int(thread.name) for thread in (process / "task").iterdir()} - {self.process.pid}
+        except OSError:  # not allowed to look
+            return True
+        # A join is a futex wait for the other thread's id: the third argument.
+        return len(call) > 3 and int(call[3], 16) in threads
 
     def refused(self):
         self.launch()
