@@ -286,8 +286,13 @@ class ScriptedAgent:
         new, self.seen = lines[self.seen:], len(lines)
         return new
 
-    def requests(self):
-        """Of these the ones that ask the agent or change a session."""
+    def requests(self, still_open=0):
+        """Of these the ones that ask the agent or change a session. The last of them
+        come after the client's answer: waits until no more sessions are open than said."""
+        def open_sessions():
+            names = [line.split("(")[0] for line in self.lines()]
+            return names.count("vexSessionOpen") - names.count("vexSessionClose")
+        wait_until(lambda: open_sessions() == still_open, f"{still_open} sessions are open")
         return [line for line in self.calls() if line.startswith(self.REQUESTS)]
 
     def complaints(self):

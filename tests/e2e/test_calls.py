@@ -180,7 +180,7 @@ def test_a_paged_search_that_is_never_read_to_its_end(start, standin):
     request = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, FILTER, ["uid"], serverctrls=[control])
     assert len(connection.result3(request)[1]) == 2
     assert opened(attributes='["sAMAccountName","sAMAccountName","_objectCategory","_nssEntryInvalid"]',
-                  page=2) in standin.requests()
+                  page=2) in standin.requests(still_open=1)
     connection.unbind_ext()
     wait_until(lambda: "vexSessionClose(session1)" in standin.lines(), "the connection's search is released")
     assert standin.requests() == CLOSED
