@@ -29,6 +29,10 @@ def refusal(gateway, who, password):
     (f"cn=Lovelace\\, Grace,ou=Engineering,{PEOPLE}", "welcome"),
     (f"cn=Katherine \\\"Kit\\\" O'Neil,ou=Engineering,{PEOPLE}", "welcome"),
     (f"cn=taro,ou=Research,{PEOPLE}", "welcome"),
+    (f"cn=Łukasz Żak,ou=Engineering,{PEOPLE}", "welcome"),
+    (f"cn=Βασίλης Παππάς,ou=Research,{PEOPLE}", "welcome"),
+    (f"cn=Sven \\+ Partner,ou=Operations,{PEOPLE}", "welcome"),
+    (f"cn=Back\\\\slash Bob,ou=Research,{PEOPLE}", "welcome"),
     (f"cn=Backup Service,ou=Service Accounts,{SUFFIX}", "welcome"),
 ])
 def test_a_right_password(gateway, who, password):
