@@ -26,8 +26,6 @@ namespace {
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path)
-        fail(path, "is not a possible path of a socket");
     path.copy(address.sun_path, path.size());
     return address;
 }
@@ -72,10 +70,12 @@ gid_t groupId(const std::string& path, const std::string& name) {
 }  // namespace
 
 SocketFile::SocketFile(const SocketOptions& options) : m_path(options.path) {
+    const std::string beside = m_path + ".n";
+    if (m_path.empty() || beside.size() >= sizeof sockaddr_un::sun_path)
+        fail(m_path, "is not a possible path of a socket");
     checkPlace(m_path);
     // Made under another name and moved, mode and group set, so that the path
     // never shows a socket that is not ready.
-    const std::string beside = m_path + ".n";
     try {
         create(options, beside);
         if (std::rename(beside.c_str(), m_path.c_str()) != 0) failSystem(m_path);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 #include "agent/embedded/categories.h"
 #include "agent/embedded/database.h"
@@ -39,10 +40,11 @@ const char* assertedAttribute(const ParseTree* tree) {
     }
 }
 
-bool isNumber(std::string_view text) {
+std::optional<long long> toNumber(std::string_view text) {
     long long number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
 }
 
 // One rewriting of one filter.
@@ -105,7 +107,7 @@ class Rewriting {
     Selection rewriteEquality(ParseTree* tree) {
         const std::string_view name = tree->u.equality.attr;
         const std::string_view value = bytesOf(tree->u.equality.value);
-        if (isIntegerAttribute(name)) return isNumber(value) ? Selection::Some : Selection::Nothing;
+        if (isIntegerAttribute(name)) return rewriteNumber(tree->u.equality.value);
         if (is(name, "objectGUID")) return rewriteGuid(tree, value);
         if (is(name, "objectSid") && vorn::startsWithIgnoreCase(value, "S-1-")) {
             const auto bytes = sidBytes(value);
@@ -132,14 +134,21 @@ class Rewriting {
         ldb_dn* dn = ldb_dn_new(m_pool, m_context.ldb, text.c_str());
         if (dn == nullptr || !ldb_dn_validate(dn) || ldb_dn_is_null(dn) || ldb_dn_is_special(dn))
             return Selection::Nothing;
-        ldb_dn_remove_extended_components(dn);
-        tree->u.equality.value = newValue(m_pool, ldb_dn_get_linearized(dn));
+        tree->u.equality.value = newValue(m_pool, spelledDn(dn));
         return Selection::Some;
     }
 
     Selection rewriteOrdering(ParseTree* tree) {
         if (!isIntegerAttribute(tree->u.comparison.attr)) return Selection::Some;
-        return isNumber(bytesOf(tree->u.comparison.value)) ? Selection::Some : Selection::Nothing;
+        return rewriteNumber(tree->u.comparison.value);
+    }
+
+    // In plain decimal: LDB would take a leading zero for octal.
+    Selection rewriteNumber(ldb_val& value) {
+        const std::optional<long long> number = toNumber(bytesOf(value));
+        if (!number) return Selection::Nothing;
+        value = newValue(m_pool, std::to_string(*number));
+        return Selection::Some;
     }
 
     ParseTree* newNode(ldb_parse_op operation) {

@@ -46,6 +46,21 @@ inline ldb_val newValue(void* pool, std::string_view bytes) {
     return {data, bytes.size()};
 }
 
+// A DN in one spelling, without blanks around separators. LDB keeps the text that a
+// DN was given as, but indexes values as text. The DN is valid.
+inline std::string spelledDn(ldb_dn* dn) {
+    const Pool pool = newPool();
+    std::string text;
+    for (int i = 0; i < ldb_dn_get_comp_num(dn); ++i) {
+        const auto component = static_cast<unsigned>(i);
+        const char* value = ldb_dn_escape_value(pool.get(), *ldb_dn_get_component_val(dn, component));
+        if (value == nullptr) throw std::bad_alloc();
+        if (i != 0) text += ",";
+        text.append(ldb_dn_get_component_name(dn, component)).append("=").append(value);
+    }
+    return text;
+}
+
 // The attribute's first value; empty when there is none.
 inline std::string_view firstValue(const ldb_message* message, const char* name) {
     const ldb_val* value = ldb_msg_find_ldb_val(message, name);

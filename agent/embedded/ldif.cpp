@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 
 #include "agent/embedded/categories.h"
 #include "agent/identifiers.h"
@@ -108,7 +109,7 @@ void spellDns(ldb_context* ldb, ldb_message* message) {
             ldb_dn* dn = ldb_dn_from_ldb_val(message, ldb, &element->values[i]);
             if (dn == nullptr || !ldb_dn_validate(dn) || ldb_dn_is_null(dn))
                 throw DatabaseError(std::string(name) + " is not a DN");
-            element->values[i] = newValue(message, ldb_dn_get_linearized(dn));
+            element->values[i] = newValue(message, spelledDn(dn));
         }
     }
 }
@@ -117,6 +118,7 @@ void completeEntry(ldb_context* ldb, ldb_message* message, const std::string& do
     if (message->dn == nullptr || !ldb_dn_validate(message->dn) || ldb_dn_is_null(message->dn))
         throw DatabaseError("the dn is not a DN");
     if (ldb_dn_is_special(message->dn)) throw DatabaseError("the dn is reserved to the database");
+    message->dn = ldb_dn_new(message, ldb, spelledDn(message->dn).c_str());
     completeRdn(message);
     completeCategory(message, domainDn);
     completeGuid(message);
@@ -132,6 +134,26 @@ std::string whyNotAdded(ldb_context* ldb, int code, const ldb_message* message) 
     return dn + ": " + (text != nullptr ? text : ldb_strerror(code));
 }
 
+// How many values the text gives. LDB ends a record silently at a line that it
+// does not understand, so what it read is compared with this.
+std::size_t countValues(const std::string& text) {
+    std::istringstream lines(text);
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (line[0] == ' ') continue;
+        const std::size_t colon = line.find(':');
+        if (colon == std::string::npos || colon == 0) throw DatabaseError("malformed LDIF");
+        ++count;
+    }
+    return count;
+}
+
+void checkWhole(const Chunk& chunk, const ldb_message* message) {
+    std::size_t read = 1;  // the dn
+    for (unsigned i = 0; i < message->num_elements; ++i) read += message->elements[i].num_values;
+    if (countValues(chunk.text) != read) throw DatabaseError("malformed LDIF");
+}
+
 void addRecord(ldb_context* ldb, const Chunk& chunk, const std::function<void(ldb_message*)>& complete) {
     const char* text = chunk.text.c_str();
     ldb_ldif* record = ldb_ldif_read_string(ldb, &text);
@@ -139,6 +161,7 @@ void addRecord(ldb_context* ldb, const Chunk& chunk, const std::function<void(ld
     const Talloc<ldb_ldif> owner(record);
     if (record->changetype != LDB_CHANGETYPE_NONE && record->changetype != LDB_CHANGETYPE_ADD)
         throw DatabaseError("only entries can be loaded, not changes");
+    if (record->changetype == LDB_CHANGETYPE_NONE) checkWhole(chunk, record->msg);
     complete(record->msg);
     const int code = ldb_add(ldb, record->msg);
     if (code != LDB_SUCCESS) throw DatabaseError(whyNotAdded(ldb, code, record->msg));

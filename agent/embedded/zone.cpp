@@ -98,7 +98,7 @@ class Groups {
     explicit Groups(Handle& handle) : m_handle(handle) {}
 
     void addPerson(const ldb_message* person) {
-        m_pending.emplace_back(ldb_dn_get_linearized(person->dn));
+        m_pending.push_back(spelledDn(person->dn));
         std::uint32_t rid = 0;
         const std::string_view primary = firstValue(person, "primaryGroupID");
         std::from_chars(primary.data(), primary.data() + primary.size(), rid);
@@ -121,7 +121,7 @@ class Groups {
         m_handle.find(attribute, value, kAttributes, [&](ldb_message* group) {
             if (!isGroup(group)) return true;
             if (m_guids.emplace(firstValue(group, "objectGUID")).second)
-                m_pending.emplace_back(ldb_dn_get_linearized(group->dn));
+                m_pending.push_back(spelledDn(group->dn));
             return true;
         });
     }
@@ -141,7 +141,7 @@ std::string memberName(const ldb_message* message) {
 
 std::vector<std::string> memberUids(Handle& handle, const ldb_message* group) {
     Members members(handle);
-    members.markSeen(ldb_dn_get_linearized(group->dn));
+    members.markSeen(spelledDn(group->dn));
     members.addGroup(group);
     members.walk();
     return members.names();

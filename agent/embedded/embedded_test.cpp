@@ -1,0 +1,439 @@
+#include "agent/embedded/embedded.h"
+
+#include <crypt.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
+
+#include <atomic>
+#include <thread>
+
+#include "agent/embedded/passwords.h"
+#include "agent/embedded/test_directory.h"
+
+namespace vexagent {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+// A cheap hash: the tests need many.
+std::string hashOf(const std::string& password) {
+    crypt_data data{};
+    return crypt_r(password.c_str(), "$5$rounds=1000$salt", &data);
+}
+
+std::string company() {
+    return units() +
+           person("Ann Lee", "ann", 1001,
+                  "displayName: Ann\nprimaryGroupID: 513\nuserPassword: {CRYPT}" + hashOf("pass") + "\n") +
+           person("Ben", "ben", 1002,
+                  "uid: benjamin\nprimaryGroupID: 2001\nuserAccountControl: 514\nuserPassword: " +
+                      hashOf("pass") + "\n") +
+           person("Cleo", "cleo", 1003, "userPrincipalName: c.leo@corp.example\n") +
+           "dn: CN=Plain,OU=People,DC=example,DC=com\nobjectClass: user\nsAMAccountName: plain\n\n" +
+           "dn: CN=pc1,OU=People,DC=example,DC=com\nobjectClass: user\nobjectClass: computer\n\n" +
+           "dn: CN=net,OU=Groups,DC=example,DC=com\nobjectClass: nisNetgroup\nnisNetgroupTriple: "
+           "(a,b,c)\n\n" +
+           group("outer", 2001, {"CN=inner,OU=Groups", "CN=Ann Lee,OU=People", "CN=nobody,OU=People"}) +
+           group("inner", 2002, {"CN=outer,OU=Groups", "CN=Cleo,OU=People", "CN=Plain,OU=People"}) +
+           group("Domain Users", 513, {}) + group("stored", 2003, {}, "memberUid: zed\nmemberUid: ann\n");
+}
+
+// The DNs' first values that a search finds, in any order; "code N" on failure.
+std::vector<std::string> names(Directory& directory, Query query) {
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    const Result result = directory.search(query, batch, rest);
+    if (!result.ok()) return {"code " + std::to_string(result.code)};
+    std::vector<Object> objects = std::move(batch.objects);
+    while (rest && !rest->atEnd()) {
+        Batch more;
+        if (!rest->next(more).ok()) return {"failed"};
+        for (Object& object : more.objects) objects.push_back(std::move(object));
+    }
+    std::vector<std::string> found;
+    for (const Object& object : objects) {
+        const std::string dn = value(object, "_dn");
+        found.push_back(dn.substr(3, dn.find(',') - 3));
+    }
+    return found;
+}
+
+Query query(const std::string& filter, bool zone = false, bool typed = false) {
+    Query result;
+    result.filter = filter;
+    result.view.zone = zone;
+    result.typed = typed;
+    return result;
+}
+
+Query below(const std::string& base, int scope, const std::string& filter = "") {
+    Query result = query(filter);
+    result.base = base;
+    result.scope = scope;
+    return result;
+}
+
+class EmbeddedTest : public ::testing::Test {
+  protected:
+    std::vector<std::string> found(const std::string& filter, bool zone = false, bool typed = false) {
+        return names(*m_directory, query(filter, zone, typed));
+    }
+    Object fetch(const std::string& dn, bool zone = false) {
+        Object object;
+        View view;
+        view.zone = zone;
+        m_directory->fetch("", dn, view, object);
+        return object;
+    }
+    int login(const std::string& user, const std::string& password) {
+        return m_directory->authenticate(user, password).code;
+    }
+
+    TestDirectory m_directory{company()};
+};
+
+TEST_F(EmbeddedTest, ClassesAndCategoriesMatchAsInActiveDirectory) {
+    EXPECT_THAT(found("(objectClass=Group)"),
+                UnorderedElementsAre("outer", "inner", "Domain Users", "stored"));
+    EXPECT_THAT(found("(objectClass=USER)"), UnorderedElementsAre("Ann Lee", "Ben", "Cleo", "Plain", "pc1"));
+    EXPECT_THAT(found("(objectClass=NisNetGroup)"), ElementsAre("net"));
+    EXPECT_THAT(found("(objectCategory=person)"), UnorderedElementsAre("Ann Lee", "Ben", "Cleo", "Plain"));
+    EXPECT_THAT(found("(_objectCategory=Computer)"), ElementsAre("pc1"));
+}
+
+TEST_F(EmbeddedTest, MatchingRules) {
+    EXPECT_THAT(found("(sAMAccountName=ANN)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(cn=ann lee)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(cn=ann*)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(uidNumber=01001)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(unixHomeDirectory=/HOME/ann)"), IsEmpty());
+    EXPECT_THAT(found("(unixHomeDirectory=/home/ann)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(member=cn=cleo, ou=people,dc=example,dc=com)"), ElementsAre("inner"));
+    EXPECT_THAT(found("(objectSid=S-1-5-21-1-2-3-1001)"), ElementsAre("Ann Lee"));
+    EXPECT_THAT(found("(_dn=CN=Ben,OU=People,DC=example,DC=com)"), ElementsAre("Ben"));
+    EXPECT_THAT(found("(uidNumber>=1002)"), UnorderedElementsAre("Ben", "Cleo"));
+    EXPECT_THAT(found("((("), ElementsAre("code 11"));
+}
+
+TEST_F(EmbeddedTest, TypedSelectsUnixKinds) {
+    EXPECT_THAT(found("(name=nothing)", false, true), IsEmpty());
+    EXPECT_THAT(found("(ou=*)", false, false), UnorderedElementsAre("People", "Groups"));
+    EXPECT_THAT(found("(ou=*)", false, true), IsEmpty());
+    EXPECT_EQ(found("", false, true).size(), 10u);
+    EXPECT_EQ(found("", false, false).size(), 12u);
+}
+
+TEST_F(EmbeddedTest, Scopes) {
+    const std::string people = "OU=People,DC=example,DC=com";
+    EXPECT_THAT(names(*m_directory, below(people, 0)), ElementsAre("People"));
+    EXPECT_EQ(names(*m_directory, below(people, 1)).size(), 5u);
+    EXPECT_EQ(names(*m_directory, below(people, 2)).size(), 6u);
+    EXPECT_EQ(names(*m_directory, below(people, 3)).size(), 5u);
+    EXPECT_THAT(names(*m_directory, below("DC=example,DC=com", 1)), UnorderedElementsAre("People", "Groups"));
+    EXPECT_THAT(names(*m_directory, below("DC=example,DC=com", 0)), IsEmpty());
+    EXPECT_THAT(names(*m_directory, below("OU=None,DC=example,DC=com", 2)), ElementsAre("code 9"));
+    EXPECT_THAT(names(*m_directory, below("nonsense", 2)), ElementsAre("code 9"));
+    EXPECT_THAT(names(*m_directory, below("<GUID=" + value(fetch("CN=Ben," + people), "_GUID") + ">", 0)),
+                ElementsAre("Ben"));
+    EXPECT_THAT(names(*m_directory, below("<GUID=x>", 0)), ElementsAre("code 9"));
+}
+
+TEST_F(EmbeddedTest, AMissingBaseIsNoSuchObjectOfLdap) {
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    const Result result = m_directory->search(below("OU=None,DC=example,DC=com", 2), batch, rest);
+    EXPECT_EQ(result.code, VEX_NO_SUCH_OBJECT);
+    EXPECT_EQ(result.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(result.errCode, LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(result.errText, "the search base does not exist");
+}
+
+TEST_F(EmbeddedTest, BaseScopeTakesARewrittenDn) {
+    EXPECT_THAT(names(*m_directory, below("cn=ann,OU=People,DC=example,DC=com", 0)), ElementsAre("Ann Lee"));
+    EXPECT_THAT(names(*m_directory, below("cn=ann,OU=People,DC=example,DC=com", 2)), ElementsAre("code 9"));
+    EXPECT_THAT(names(*m_directory, below("cn=ann,OU=Groups,DC=example,DC=com", 0)), ElementsAre("code 9"));
+}
+
+TEST_F(EmbeddedTest, Domains) {
+    for (const char* domain : {"", "$", "example.com", "EXAMPLE.com"}) {
+        Query wanted = query("(cn=ben)");
+        wanted.domain = domain;
+        EXPECT_THAT(names(*m_directory, wanted), ElementsAre("Ben")) << domain;
+    }
+    Query other = query("(cn=ben)");
+    other.domain = "other.org";
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    const Result result = m_directory->search(other, batch, rest);
+    EXPECT_EQ(result.code, VEX_UNAVAILABLE);
+    EXPECT_EQ(result.errText,
+              "no directory of the domain \"other.org\": the embedded directory holds \"example.com\" only");
+}
+
+TEST_F(EmbeddedTest, SecretsNeverLeave) {
+    EXPECT_THAT(found("(userPassword=*)"), IsEmpty());
+    EXPECT_THAT(found("(!(userPassword=*))"), IsEmpty());
+    EXPECT_THAT(found("(|(cn=ben)(userPassword=*))"), ElementsAre("Ben"));
+    EXPECT_THAT(values(fetch("CN=Ann Lee,OU=People,DC=example,DC=com"), "userPassword"), IsEmpty());
+    Object asked;
+    View view;
+    view.attributes = {"userPassword", "cn"};
+    ASSERT_TRUE(m_directory->fetch("", "CN=Ann Lee,OU=People,DC=example,DC=com", view, asked).ok());
+    EXPECT_EQ(asked.size(), 4u);  // _dn, _GUID, _objectCategory, cn
+    std::vector<std::string> supported;
+    ASSERT_TRUE(m_directory->supportedAttributes(supported).ok());
+    EXPECT_THAT(supported,
+                ::testing::IsSupersetOf({"cn", "memberUid", "nisNetgroupTriple", "sAMAccountName"}));
+    EXPECT_THAT(supported, ::testing::Not(::testing::Contains("userPassword")));
+}
+
+TEST_F(EmbeddedTest, EveryObjectCarriesItsOwnAttributes) {
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    Query wanted = query("(cn=ben)");
+    wanted.view.attributes = {"1.1"};
+    ASSERT_TRUE(m_directory->search(wanted, batch, rest).ok());
+    ASSERT_EQ(batch.objects.size(), 1u);
+    std::vector<std::string> carried;
+    for (const Attribute& attribute : batch.objects[0]) carried.push_back(attribute.name);
+    EXPECT_THAT(carried, ElementsAre("_dn", "_GUID", "_objectCategory"));
+    EXPECT_EQ(value(batch.objects[0], "_objectCategory"), "Person");
+}
+
+TEST_F(EmbeddedTest, EntriesThatUnixCannotUseAreMarked) {
+    const std::pair<const char*, bool> cases[] = {
+        {"CN=Ann Lee,OU=People", false}, {"CN=Plain,OU=People", true},  {"CN=pc1,OU=People", true},
+        {"CN=net,OU=Groups", false},     {"CN=outer,OU=Groups", false}, {"OU=People", false}};
+    for (const auto& [dn, invalid] : cases) {
+        const Object object = fetch(std::string(dn) + ",DC=example,DC=com");
+        ASSERT_FALSE(object.empty()) << dn;
+        EXPECT_EQ(value(object, "_nssEntryInvalid"), invalid ? "TRUE" : "") << dn;
+        Object byGuid;
+        ASSERT_TRUE(m_directory->lookup(value(object, "_GUID"), {}, byGuid).ok());
+        EXPECT_EQ(value(byGuid, "_nssEntryInvalid"), value(object, "_nssEntryInvalid")) << dn;
+    }
+}
+
+TEST_F(EmbeddedTest, MemberUidIsComputedInTheZonesView) {
+    const auto members = [this](const std::string& cn, bool zone) {
+        return values(fetch("CN=" + cn + ",OU=Groups,DC=example,DC=com", zone), "memberUid");
+    };
+    // Nested both ways round, a member that does not exist, one without a
+    // uidNumber, a disabled one whose primary group it is, uid before sAMAccountName.
+    EXPECT_THAT(members("outer", true), ElementsAre("ann", "benjamin", "cleo"));
+    EXPECT_THAT(members("inner", true), ElementsAre("ann", "benjamin", "cleo"));
+    EXPECT_THAT(members("Domain Users", true), ElementsAre("ann"));
+    EXPECT_THAT(members("stored", true), ElementsAre("ann", "zed"));
+    EXPECT_THAT(members("outer", false), IsEmpty());
+    EXPECT_THAT(members("stored", false), ElementsAre("zed", "ann"));
+}
+
+TEST_F(EmbeddedTest, AFilterOnMemberUidFindsThePersonsGroups) {
+    EXPECT_THAT(found("(memberUid=ann)", true),
+                UnorderedElementsAre("outer", "inner", "Domain Users", "stored"));
+    EXPECT_THAT(found("(&(objectClass=Group)(memberUid=cleo))", true),
+                UnorderedElementsAre("inner", "outer"));
+    EXPECT_THAT(found("(memberUid=benjamin)", true), UnorderedElementsAre("outer", "inner"));
+    EXPECT_THAT(found("(memberUid=ben)", true), IsEmpty());  // the uid counts
+    EXPECT_THAT(found("(memberUid=plain)", true), IsEmpty());
+    EXPECT_THAT(found("(memberUid=zed)", true), ElementsAre("stored"));
+    EXPECT_THAT(found("(memberUid=ann)", false), ElementsAre("stored"));
+}
+
+TEST_F(EmbeddedTest, ChangesShowAtOnce) {
+    EXPECT_THAT(values(fetch("CN=outer,OU=Groups,DC=example,DC=com", true), "memberUid"),
+                ::testing::Contains("cleo"));
+    ASSERT_TRUE(
+        m_directory.change("dn: CN=inner,OU=Groups,DC=example,DC=com\nchangetype: modify\ndelete: member\n"
+                           "member: CN=Cleo,OU=People,DC=example,DC=com\n"));
+    EXPECT_THAT(values(fetch("CN=outer,OU=Groups,DC=example,DC=com", true), "memberUid"),
+                ElementsAre("ann", "benjamin"));
+    EXPECT_THAT(found("(memberUid=cleo)", true), IsEmpty());
+    ASSERT_TRUE(
+        m_directory.change("dn: CN=Ann Lee,OU=People,DC=example,DC=com\nchangetype: modify\n"
+                           "replace: userPassword\nuserPassword: " +
+                           hashOf("other") + "\n"));
+    EXPECT_EQ(login("ann@example.com", "pass"), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(login("ann@example.com", "other"), VEX_OK);
+    ASSERT_TRUE(
+        m_directory.change("dn: CN=Ben,OU=People,DC=example,DC=com\nchangetype: modify\nadd: carLicense\n"
+                           "carLicense: X\n"));
+    std::vector<std::string> supported;
+    ASSERT_TRUE(m_directory->supportedAttributes(supported).ok());
+    EXPECT_THAT(supported, ::testing::Contains("carLicense"));
+}
+
+TEST_F(EmbeddedTest, LookupOfWhatIsNotThere) {
+    Object object;
+    for (const char* guid : {"01020304-0506-0708-090a-0b0c0d0e0f10", "nonsense", ""}) {
+        const Result result = m_directory->lookup(guid, {}, object);
+        EXPECT_EQ(result.code, VEX_OBJECT_GONE) << guid;
+        EXPECT_EQ(result.errText, "no object has this GUID");
+    }
+    for (const char* dn : {"CN=x,DC=example,DC=com", "nonsense", "", "@INDEXLIST"}) {
+        const Result result = m_directory->fetch("", dn, {}, object);
+        EXPECT_EQ(result.code, VEX_NO_SUCH_OBJECT) << dn;
+        EXPECT_EQ(result.errText, "no object has this DN");
+    }
+}
+
+TEST_F(EmbeddedTest, NamesThatALoginTakes) {
+    for (const char* name : {"CN=Ann Lee,OU=People,DC=example,DC=com", "cn=ann,OU=People,DC=example,DC=com",
+                             "CN=Ann, OU=people, dc=EXAMPLE,DC=com", "ann@example.com", "ANN@EXAMPLE.COM",
+                             "EXAMPLE\\ann", "example.com\\ann"}) {
+        EXPECT_EQ(login(name, "pass"), VEX_OK) << name;
+        EXPECT_EQ(login(name, "wrong"), VEX_WRONG_PASSWORD) << name;
+        EXPECT_EQ(login(name, ""), VEX_WRONG_PASSWORD) << name;
+    }
+    for (const char* name : {"", "ann", "ann@other.org", "OTHER\\ann", "cn=ann,OU=Groups,DC=example,DC=com",
+                             "CN=x,DC=example,DC=com", "uid=ann,OU=People,DC=example,DC=com", "\\ann",
+                             "@example.com", "cleo@example.org", "*@example.com", "EXAMPLE\\*"})
+        EXPECT_EQ(login(name, "pass"), VEX_NO_SUCH_USER) << name;
+}
+
+TEST_F(EmbeddedTest, AccountsThatMayNotLogIn) {
+    EXPECT_EQ(login("c.leo@corp.example", "pass"), VEX_WRONG_PASSWORD);  // no hash
+    EXPECT_EQ(login("ben@example.com", "wrong"), VEX_WRONG_PASSWORD);
+    const Result disabled = m_directory->authenticate("ben@example.com", "pass");
+    EXPECT_EQ(disabled.code, VEX_ACCOUNT_REFUSED);
+    EXPECT_EQ(disabled.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(disabled.errCode, LDAP_INVALID_CREDENTIALS);
+    EXPECT_EQ(disabled.errText, "the account is disabled");
+
+    // 1,700,000,000 in units of 100 ns since 1601
+    const std::string change =
+        "dn: CN=Ann Lee,OU=People,DC=example,DC=com\nchangetype: modify\nreplace: "
+        "accountExpires\naccountExpires: ";
+    ASSERT_TRUE(m_directory.change(change + "133444736000000000\n"));
+    EXPECT_EQ(m_directory->authenticate("ann@example.com", "pass").errText, "the account has expired");
+    ASSERT_TRUE(m_directory.change(change + "133444736010000000\n"));
+    EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
+    ASSERT_TRUE(m_directory.change(change + "9223372036854775807\n"));
+    EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
+    ASSERT_TRUE(m_directory.change(change + "0\n"));
+    EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
+}
+
+TEST(EmbeddedNames, OneThatMeansTwoObjectsIsRefused) {
+    const std::string hash = "userPassword: " + hashOf("pass") + "\n";
+    const TestDirectory directory(
+        person("ann", "one", 1, hash) + person("Two", "ann", 2, hash) + person("Three", "both", 3, hash) +
+        person("Four", "four", 4, "displayName: both\n" + hash) + person("five", "five", 5, hash));
+    for (const char* name : {"cn=ann,OU=People,DC=example,DC=com", "cn=both,OU=People,DC=example,DC=com"}) {
+        const Result result = directory->authenticate(name, "pass");
+        EXPECT_EQ(result.code, VEX_ACCOUNT_REFUSED) << name;
+        EXPECT_EQ(result.errText, "the name means more than one object");
+    }
+    EXPECT_EQ(directory->authenticate("cn=five,OU=People,DC=example,DC=com", "pass").code, VEX_OK);
+}
+
+TEST(Passwords, Schemes) {
+    const std::string hash = hashOf("pass");
+    EXPECT_TRUE(fitsAnyHash("pass", {hash}));
+    EXPECT_TRUE(fitsAnyHash("pass", {"{CRYPT}" + hash}));
+    EXPECT_TRUE(fitsAnyHash("pass", {"{crypt}" + hash}));
+    EXPECT_TRUE(fitsAnyHash("pass", {hashOf("other"), hash}));
+    EXPECT_FALSE(fitsAnyHash("Pass", {hash}));
+    EXPECT_FALSE(fitsAnyHash("pass", {"pass"}));
+    EXPECT_FALSE(fitsAnyHash("pass", {"{CLEARTEXT}pass"}));
+    EXPECT_FALSE(fitsAnyHash("pass", {"{SSHA}" + hash}));
+    EXPECT_FALSE(fitsAnyHash("pass", {"!" + hash}));
+    EXPECT_FALSE(fitsAnyHash("pass", {"*", "", "{CRYPT}", "{CRYPT}*0"}));
+    EXPECT_FALSE(fitsAnyHash("pass", {}));
+    EXPECT_FALSE(fitsAnyHash(std::string("pass\0more", 9), {hash}));
+    EXPECT_TRUE(equalSecrets("abc", "abc"));
+    EXPECT_FALSE(equalSecrets("abc", "abd"));
+    EXPECT_FALSE(equalSecrets("abc", "ab"));
+}
+
+std::string crowd(int size) {
+    std::string text = units();
+    std::vector<std::string> members;
+    for (int i = 0; i < size; ++i) {
+        text += person("User " + std::to_string(i), "u" + std::to_string(i), 10'000 + i);
+        members.push_back("CN=User " + std::to_string(i) + ",OU=People");
+    }
+    return text + group("big", 9000, members);
+}
+
+TEST(LargeDirectory, BatchesGoOnWithWhatIsLeft) {
+    constexpr int kPeople = 700;
+    TestDirectory directory(crowd(kPeople));
+    Batch first;
+    std::unique_ptr<Cursor> rest;
+    Query wanted = query("(objectClass=user)");
+    wanted.firstBatch = 10;
+    ASSERT_TRUE(directory->search(wanted, first, rest).ok());
+    EXPECT_EQ(first.objects.size(), 10u);
+    EXPECT_EQ(first.total, 700u);
+    ASSERT_TRUE(rest);
+
+    std::set<std::string> seen;
+    for (const Object& object : first.objects) seen.insert(value(object, "sAMAccountName"));
+    // Of those not yet read one goes.
+    int gone = 0;
+    while (seen.contains("u" + std::to_string(gone))) ++gone;
+    ASSERT_TRUE(directory.change("dn: CN=User " + std::to_string(gone) +
+                                 ",OU=People,DC=example,DC=com\nchangetype: delete\n"));
+    while (!rest->atEnd()) {
+        Batch batch;
+        ASSERT_TRUE(rest->next(batch).ok());
+        EXPECT_LE(batch.objects.size(), 256u);
+        for (const Object& object : batch.objects)
+            EXPECT_TRUE(seen.insert(value(object, "sAMAccountName")).second);
+    }
+    EXPECT_EQ(seen.size(), kPeople - 1u);
+    EXPECT_FALSE(seen.contains("u" + std::to_string(gone)));
+}
+
+TEST(LargeDirectory, ALargeGroupIsReadWhole) {
+    constexpr int kPeople = 2000;
+    const TestDirectory directory(crowd(kPeople));
+    Object object;
+    View view;
+    view.zone = true;
+    ASSERT_TRUE(directory->fetch("", "CN=big,OU=Groups,DC=example,DC=com", view, object).ok());
+    const std::vector<std::string> members = values(object, "memberUid");
+    EXPECT_EQ(members.size(), 2000u);
+    EXPECT_TRUE(std::is_sorted(members.begin(), members.end()));
+}
+
+TEST(LargeDirectory, ThreadsReadWhileOneWrites) {
+    TestDirectory directory(crowd(200));
+    std::atomic<int> failures{0};
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < 3; ++reader)
+        readers.emplace_back([&, reader] {
+            for (int i = 0; i < 200; ++i) {
+                const std::string login = "u" + std::to_string((i * 7 + reader) % 200);
+                if (names(*directory, query("(sAMAccountName=" + login + ")")).size() != 1) ++failures;
+                if (i % 40 == 0 && names(*directory, query("(objectClass=user)", true)).size() != 200)
+                    ++failures;
+            }
+        });
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(directory.change(
+            "dn: CN=User 1,OU=People,DC=example,DC=com\nchangetype: modify\nreplace: title\ntitle: " +
+            std::to_string(i) + "\n"));
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(failures, 0);
+}
+
+TEST(Health, FollowsTheDatabase) {
+    const TestDirectory directory(units());
+    EXPECT_TRUE(directory->health().ok());
+}
+
+TEST(Quick, IsWhatIndexesAnswer) {
+    const TestDirectory directory(units());
+    EXPECT_TRUE(directory->isQuick(query("(sAMAccountName=a)")));
+    EXPECT_TRUE(directory->isQuick(below("DC=example,DC=com", 0)));
+    EXPECT_TRUE(directory->isQuick(query("(((")));  // refused at once
+    EXPECT_FALSE(directory->isQuick(query("")));
+}
+
+}  // namespace
+}  // namespace vexagent

@@ -1,0 +1,81 @@
+// A directory in memory for tests: a search's filter says what it finds.
+#pragma once
+
+#include <charconv>
+#include <stdexcept>
+#include <string>
+
+#include "agent/directory.h"
+
+namespace vexagent {
+
+// "N" finds N objects, one to a batch; "quick" nothing; "large" an object of 16
+// MiB; "fail", "throw" and "huge" do what they say. The password "right" is everybody's.
+class FakeDirectory : public Directory {
+  public:
+    bool healthy = true;
+    int logins = 0;
+
+    bool isQuick(const Query& query) const override { return query.filter == "quick"; }
+
+    Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override {
+        if (query.filter == "fail") return Result::ldap(VEX_BAD_FILTER, -7, "bad search filter");
+        if (query.filter == "throw") throw std::runtime_error("thrown");
+        if (query.filter == "huge") {
+            first.objects.push_back({{"data", {std::string(std::size_t{65} << 20, 'x')}}});
+            return {};
+        }
+        if (query.filter == "large") {
+            first.objects.push_back({{"data", {std::string(std::size_t{16} << 20, 'x')}}});
+            return {};
+        }
+        int count = 0;
+        std::from_chars(query.filter.data(), query.filter.data() + query.filter.size(), count);
+        if (count <= 0) return {};
+        auto cursor = std::make_unique<Counter>(count);
+        cursor->next(first);
+        if (!cursor->atEnd()) rest = std::move(cursor);
+        return {};
+    }
+
+    Result fetch(const std::string&, const std::string& dn, const View&, Object& object) override {
+        if (dn != "there") return Result::ldap(VEX_NO_SUCH_OBJECT, 32, "no object has this DN");
+        object = {{"_dn", {dn}}};
+        return {};
+    }
+
+    Result lookup(const std::string& guid, const View& view, Object& object) override {
+        return fetch("", guid, view, object);
+    }
+
+    Result authenticate(const std::string&, const std::string& password) override {
+        ++logins;
+        if (password == "right") return {};
+        return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
+    }
+
+    Result supportedAttributes(std::vector<std::string>& names) override {
+        names = {"cn", "member"};
+        return {};
+    }
+
+    Result health() override { return healthy ? Result() : Result::agent(VEX_UNAVAILABLE, "away"); }
+
+  private:
+    class Counter : public Cursor {
+      public:
+        explicit Counter(int count) : m_count(count) {}
+        Result next(Batch& batch) override {
+            batch.objects.push_back({{"_dn", {"object " + std::to_string(++m_at)}}});
+            batch.total = static_cast<std::uint64_t>(m_count);
+            return {};
+        }
+        bool atEnd() const override { return m_at >= m_count; }
+
+      private:
+        const int m_count;
+        int m_at = 0;
+    };
+};
+
+}  // namespace vexagent

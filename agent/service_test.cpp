@@ -1,0 +1,164 @@
+#include "agent/service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/fake_directory.h"
+#include "agent/test_frames.h"
+
+namespace vexagent {
+namespace {
+
+std::time_t serviceNow = 1000;
+std::time_t serviceClock() {
+    return serviceNow;
+}
+
+class ServiceTest : public ::testing::Test {
+  protected:
+    ServiceTest() {
+        serviceNow = 1000;
+        m_service.connected(m_ann);
+        m_service.connected(m_ben);
+    }
+
+    Reply ask(const Client& client, const Bytes& frame) {
+        const wire::Request* request = readRequest(frame);
+        EXPECT_NE(request, nullptr);
+        const std::optional<Bytes> answer = m_service.handle(client, *request);
+        return answer ? readReply(*answer) : Reply{};
+    }
+
+    const Client m_ann{10, 1};
+    const Client m_ben{11, 1};
+    FakeDirectory m_directory;
+    std::uint64_t m_nextId = 1;
+    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }};
+};
+
+TEST_F(ServiceTest, ASearchGoesOnUntilItsLastBatch) {
+    Reply reply = ask(m_ann, searchFrame(7, "3"));
+    EXPECT_EQ(reply.id, 7u);
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.total, 3);
+    ASSERT_NE(reply.search, 0u);
+    const std::uint64_t search = reply.search;
+    EXPECT_EQ(ask(m_ann, nextFrame(8, search)).search, search);
+    reply = ask(m_ann, nextFrame(9, search));
+    EXPECT_EQ(reply.search, 0u);
+    EXPECT_EQ(reply.dns, (std::vector<std::string>{"object 3"}));
+    EXPECT_EQ(m_service.openSearches(), 0u);
+    EXPECT_EQ(ask(m_ann, nextFrame(10, search)).code, VEX_BROKEN_HANDLE);
+}
+
+TEST_F(ServiceTest, ASearchBelongsToItsProcess) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "3")).search;
+    EXPECT_EQ(ask(m_ben, nextFrame(2, search)).code, VEX_BROKEN_HANDLE);
+    ask(m_ben, closeFrame(3, search));
+    EXPECT_EQ(m_service.openSearches(), 1u);
+    m_service.connected(m_ann);
+    m_service.disconnected(m_ann);
+    EXPECT_EQ(ask(m_ann, nextFrame(4, search)).code, VEX_OK);
+    m_service.disconnected(m_ann);
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, ACloseIsNotAnswered) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "3")).search;
+    const Bytes frame = closeFrame(2, search);
+    EXPECT_EQ(m_service.handle(m_ann, *readRequest(frame)), std::nullopt);
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, AnIdleSearchEndsAfterItsTime) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "5")).search;
+    serviceNow += wire::kSearchIdleSeconds;
+    m_service.expireSearches();
+    EXPECT_EQ(ask(m_ann, nextFrame(2, search)).code, VEX_OK);  // and counts anew
+    serviceNow += wire::kSearchIdleSeconds;
+    m_service.expireSearches();
+    EXPECT_EQ(m_service.openSearches(), 1u);
+    ++serviceNow;
+    m_service.expireSearches();
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, OpenSearchesAreLimitedForEachProcess) {
+    const Bytes frame = searchFrame(1, "3");
+    for (int i = 0; i < wire::kMaxSearchesPerClient; ++i)
+        ASSERT_NE(m_service.handle(m_ann, *readRequest(frame)), std::nullopt);
+    const Reply reply = ask(m_ann, frame);
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many open searches");
+    EXPECT_EQ(ask(m_ben, frame).code, VEX_OK);
+}
+
+TEST_F(ServiceTest, RefusesWhatIsOutOfRange) {
+    EXPECT_EQ(ask(m_ann, searchFrame(1, "1", 4)).code, VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(ask(m_ann, searchFrame(1, "1", -1)).code, VEX_INVALID_ARGUMENT);
+    const std::vector<std::string> names(wire::kMaxRequestedAttributes + 1, "cn");
+    const Reply reply = ask(m_ann, searchFrame(1, "1", 2, names));
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many attributes asked for");
+}
+
+TEST_F(ServiceTest, AFailureOfTheDirectoryReachesTheClient) {
+    const Reply reply = ask(m_ann, searchFrame(1, "fail"));
+    EXPECT_EQ(reply.code, VEX_BAD_FILTER);
+    EXPECT_EQ(reply.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(reply.errCode, -7);
+    EXPECT_EQ(reply.errText, "bad search filter");
+    EXPECT_EQ(ask(m_ann, searchFrame(1, "throw")).code, VEX_DIRECTORY_ERROR);
+}
+
+TEST_F(ServiceTest, AnAnswerLargerThanAFrameIsAFailure) {
+    const Reply reply = ask(m_ann, searchFrame(1, "huge"));
+    EXPECT_EQ(reply.code, VEX_DIRECTORY_ERROR);
+    EXPECT_EQ(reply.errText, "the answer is larger than a response may be");
+    EXPECT_TRUE(reply.dns.empty());
+}
+
+TEST_F(ServiceTest, HealthIsAConditionOfASucceedingRequest) {
+    Reply reply = ask(m_ann, healthFrame(5));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.condition, VEX_OK);
+    m_directory.healthy = false;
+    reply = ask(m_ann, healthFrame(6));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.condition, VEX_UNAVAILABLE);
+    EXPECT_EQ(reply.errSystem, VEX_ERR_AGENT);
+    EXPECT_EQ(reply.errText, "away");
+}
+
+TEST_F(ServiceTest, LoginsArePassedOnOnce) {
+    EXPECT_EQ(ask(m_ann, loginFrame(1, "ann", "right")).code, VEX_OK);
+    EXPECT_EQ(ask(m_ann, loginFrame(2, "ann", "wrong")).code, VEX_WRONG_PASSWORD);
+    EXPECT_EQ(m_directory.logins, 2);
+}
+
+TEST_F(ServiceTest, StatisticsCountByKind) {
+    ask(m_ann, searchFrame(1, "3"));
+    ask(m_ann, loginFrame(2, "ann", "wrong"));
+    EXPECT_EQ(m_service.statistics(),
+              "requests served: search 1, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
+              "health 0, "
+              "failed 1; open searches: 1; client processes: 2");
+}
+
+TEST_F(ServiceTest, LanesFollowTheCost) {
+    const auto lane = [this](const Bytes& frame) { return m_service.lane(*readRequest(frame)); };
+    EXPECT_EQ(lane(searchFrame(1, "quick")), Lane::Quick);
+    EXPECT_EQ(lane(searchFrame(1, "3")), Lane::Slow);
+    EXPECT_EQ(lane(nextFrame(1, 1)), Lane::Slow);
+    EXPECT_EQ(lane(loginFrame(1, "a", "b")), Lane::Slow);
+    EXPECT_EQ(lane(healthFrame(1)), Lane::Quick);
+}
+
+TEST(RandomId, IsNeverZeroNorTwiceTheSame) {
+    const std::uint64_t first = randomId();
+    EXPECT_NE(first, 0u);
+    EXPECT_NE(randomId(), first);
+}
+
+}  // namespace
+}  // namespace vexagent
