@@ -1,6 +1,5 @@
 #include "vorn/thread.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <exception>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -75,18 +75,17 @@ void reportException(const std::string& name, const char* what) {
 }
 
 // Nothing may leave a thread's first function. pthread_exit unwinds with an
-// exception of the runtime's own, which must go on.
+// exception of the runtime's own, which must go on; it is no C++ object.
 void run(const Task& task) {
     pthread_setname_np(pthread_self(), task.name.c_str());
     applyPriority(task.priority);
     try {
         task.body(task.argument);
     } catch (const Killed&) {
-    } catch (const abi::__forced_unwind&) {
-        throw;
     } catch (const std::exception& failure) {
         reportException(task.name, failure.what());
     } catch (...) {
+        if (std::current_exception() == nullptr) throw;
         reportException(task.name, "not a std::exception");
     }
 }
