@@ -51,6 +51,7 @@ vexCode readAll(vexSession* session) {
 }
 
 void answerWell(const Peer& peer, const wire::Request& request) {
+    if (request.body_type() == wire::Body::SearchClose) return;  // one-way
     peer.answer(request, {.objects = {packed(person("ann"))}, .total = 1});
 }
 
@@ -266,12 +267,15 @@ struct Agent : testing::Test {
 };
 
 TEST_F(Agent, ThatSpeaksUnaskedLosesTheConnection) {
-    agent.onRequest([](const Peer& peer, const wire::Request& request) {
+    std::atomic<bool> spoken{false};
+    agent.onRequest([&](const Peer& peer, const wire::Request& request) {
         answerWell(peer, request);
         peer.send("x");
+        spoken = true;
     });
     const UniqueSession session = openSession();
     lookUp(session.get());
+    ASSERT_TRUE(agent.eventually([&] { return spoken.load(); }));
     agent.onRequest(answerWell);
     EXPECT_EQ(lookUp(session.get()), VEX_OK);
     EXPECT_EQ(agent.connections(), 2);
@@ -306,7 +310,6 @@ TEST_F(Agent, ThatNeverEndsABatchIsBrokenInTime) {
     EXPECT_GT(agent.requests(), 2);
     agent.onRequest(answerWell);
     EXPECT_EQ(lookUp(session.get()), VEX_OK);
-    EXPECT_EQ(agent.connections(), 1) << "the connection itself is in order";
 }
 
 TEST_F(Agent, ThatGivesNoObjectOrTwoForOneIsBroken) {
@@ -480,6 +483,7 @@ std::size_t allocatedBytes() {
 TEST_F(Agent, ThatFailsForEverCostsNothingThatStays) {
     std::atomic<unsigned> round{0};
     agent.onRequest([&](const Peer& peer, const wire::Request& request) {
+        if (request.body_type() == wire::Body::SearchClose) return;
         switch (round % 6) {
             case 0:
                 return peer.hangUp();
@@ -503,9 +507,9 @@ TEST_F(Agent, ThatFailsForEverCostsNothingThatStays) {
                 vexLdapSearchClose(search);
             EXPECT_EQ(vexAuthValidatePlainTextUser(session.get(), "", "", 0), VEX_NO_SUCH_USER);
         }
-        EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() <= 1; }));
+        EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() == 0; }));
     };
-    run(302);  // either run ends with a connection that is kept
+    run(302);  // either run ends with garbage, and so without a connection
     const std::size_t descriptors = openDescriptors();
     [[maybe_unused]] const std::size_t bytes = allocatedBytes();
     run(3000);
