@@ -16,10 +16,9 @@
 
 namespace {
 
-// One for all binds: the reply points into it until the client has its result.
-// Failures at the same moment may show each other's text; the text is always a
-// whole one, and the log has each its own.
-char failureText[kFailureTextBytes];
+// The reply points into it until the client has its result. A thread works on one
+// request at a time, so each has its own, and no client sees another's text.
+thread_local char failureText[kFailureTextBytes];
 constexpr int kFailureTextSize = kFailureTextBytes - 1;
 
 constexpr std::int32_t kOn = 1;

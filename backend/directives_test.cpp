@@ -13,7 +13,9 @@
 #include "tests/standin/slapd_standin.h"
 
 // No overlay is loaded here; the end-to-end tests load real ones.
-extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) { return nullptr; }
+extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) {
+    return nullptr;
+}
 
 namespace {
 
@@ -105,8 +107,8 @@ TEST_P(BooleanDirectiveTest, TakesTrueAndFalseInAnyCaseAndNothingElse) {
     EXPECT_EQ(configure({name, "False"}), 0);
     EXPECT_FALSE(*setting);
     EXPECT_EQ(configure({name, "true"}), 0);
-    EXPECT_EQ(complaint({name, "yes"}), std::string("dirgate ERROR: slapd.conf: line 7: ") + name +
-                                            "'s value 'yes' is invalid.\n");
+    EXPECT_EQ(complaint({name, "yes"}),
+              std::string("dirgate ERROR: slapd.conf: line 7: ") + name + "'s value 'yes' is invalid.\n");
     EXPECT_TRUE(*setting) << "a refused value leaves the setting unchanged";
 }
 
@@ -134,15 +136,15 @@ TEST_P(IntegerDirectiveTest, TakesThirtyTwoBitsOfWhatTheWordBeginsWith) {
         std::int64_t value;
     } cases[] = {
         {"60", true, 60},
-        {"60s", true, 60},                    // what follows the digits does not count
-        {"4294967396", true, 100},            // 2^32 + 100 wraps to 100
-        {"2147483648", false, 0},             // 2^31 wraps negative
+        {"60s", true, 60},          // what follows the digits does not count
+        {"4294967396", true, 100},  // 2^32 + 100 wraps to 100
+        {"2147483648", false, 0},   // 2^31 wraps negative
         {"2147483647", true, 2147483647},
         {"99999999999999999999", false, 0},
         {"-1", false, 0},
         {"0", takesZero, 0},
-        {"4294967296", takesZero, 0},         // 2^32 wraps to 0
-        {"many", takesZero, 0},               // no leading digits read as 0
+        {"4294967296", takesZero, 0},  // 2^32 wraps to 0
+        {"many", takesZero, 0},        // no leading digits read as 0
     };
     for (const auto& one : cases) {
         *setting = 77;

@@ -14,7 +14,6 @@ inline constexpr int kFailureTextBytes = 512;
 //
 // context begins the text: the failing call's name and a blank. code is what it
 // answered. text and size name the caller's buffer; the reply's text points into
-// it, so it must live until the result is sent, and may be shared by operations:
-// the text is made elsewhere, logged from there and then copied to it.
+// it, so it must live until the result is sent.
 void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
                        Operation* op, SlapReply* rs);

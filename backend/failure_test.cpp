@@ -68,7 +68,8 @@ TEST_F(FailureTest, AnUnhealthyAgentTurnsAWrongPasswordIntoUnavailable) {
     vexGetVexCodeStr(12, &reason);
     vexGetErrSystemStr(3, &system);
     EXPECT_EQ(sent.text, std::string("vexAuth :System is unhealthy(cc=12), reason:") + reason +
-                             ", errSystem=" + system + ", errCode=-1765328228, errString=no controller answers");
+                             ", errSystem=" + system +
+                             ", errCode=-1765328228, errString=no controller answers");
 }
 
 TEST_F(FailureTest, WrongUserAndWrongPasswordLookAlikeWhenTheAgentIsHealthy) {
@@ -106,8 +107,8 @@ TEST_P(ProtocolErrorTest, MapsToAResult) {
     const char* system = nullptr;
     vexGetVexCodeStr(8, &name);
     vexGetErrSystemStr(one.system, &system);
-    EXPECT_EQ(sent.text, std::string("vexAuth :") + name + " (vexRC=8), errSystem=" + system + ", errCode=" +
-                             std::to_string(one.code) + ", errString=as the directory says");
+    EXPECT_EQ(sent.text, std::string("vexAuth :") + name + " (vexRC=8), errSystem=" + system +
+                             ", errCode=" + std::to_string(one.code) + ", errString=as the directory says");
 }
 
 INSTANTIATE_TEST_SUITE_P(ErrorSystems, ProtocolErrorTest,
@@ -145,7 +146,8 @@ TEST_F(FailureTest, ATextLongerThanTheBufferIsCut) {
 TEST_F(FailureTest, ANullSessionIsReportedToo) {
     vexSessionClose(m_session);
     m_session = nullptr;
-    EXPECT_EQ(report(12).text, "vexAuth : Failed to retrieve last system error, due to broken session handle.");
+    EXPECT_EQ(report(12).text,
+              "vexAuth : Failed to retrieve last system error, due to broken session handle.");
 }
 
 }  // namespace

@@ -18,7 +18,9 @@
 
 #include "tests/standin/slapd_standin.h"
 
-extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) { return nullptr; }
+extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) {
+    return nullptr;
+}
 
 namespace {
 
@@ -57,11 +59,9 @@ TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
 }
 
 TEST(ModuleTest, TheOpenHookThatIsNotInstalledWouldListAllControls) {
-    static char* known[] = {nullptr};
-    slap_known_controls = known;
     BackendInfo info{};
     EXPECT_EQ(vex_back_open(&info), 0);
-    EXPECT_EQ(info.bi_controls, known);
+    EXPECT_EQ(info.bi_controls, &slap_known_controls[0]);
     EXPECT_EQ(registered()->bi_open, nullptr);
 }
 

@@ -23,6 +23,7 @@ class Fixture : public testing::Test {
     Fixture() {
         standin::reset();
         standin::resetSlapd();
+        for (const char* name : {"objectclass", "dc", "mail", "sAMAccountName"}) standin::knowAttribute(name);
         back_vex_search_handle = &m_handles;
     }
     ~Fixture() override {

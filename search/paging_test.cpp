@@ -53,8 +53,9 @@ class PagingTest : public searchtest::Fixture {
         std::string text;
         for (const auto& one : sent) {
             if (!text.empty()) text += one.isEntry ? " " : " | ";
-            text += one.isEntry ? one.text.substr(7, 2)
-                                : std::to_string(one.code) + " controls=" + std::to_string(one.controls.size());
+            text += one.isEntry
+                        ? one.text.substr(7, 2)
+                        : std::to_string(one.code) + " controls=" + std::to_string(one.controls.size());
         }
         return text;
     }
@@ -110,12 +111,12 @@ TEST_F(PagingTest, TheThreePagesShareOneSessionAndOneSearch) {
     const auto first = page(2);
     const auto second = page(2, cookieOf(first.back()));
     page(2, cookieOf(second.back()));
-    EXPECT_THAT(standin::requests(),
-                ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
-                            R"(vexLdapSearchOpen(session1, "", "(uid=ann)", "dc=example,dc=com", [], 2, -1, 2))",
-                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
-                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
-                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)"))
+    EXPECT_THAT(
+        standin::requests(),
+        ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
+                    R"~(vexLdapSearchOpen(session1, "", "(uid=ann)", "dc=example,dc=com", [], 2, -1, 2))~",
+                    "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
+                    "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)"))
         << "a registered search is released when its connection closes";
     m_handles.delSearchHandle(1);
     EXPECT_EQ(standin::requests().at(standin::requests().size() - 2), "vexLdapSearchClose(search1)");
@@ -145,8 +146,9 @@ TEST_F(PagingTest, LinesOfThePagesAreLogged) {
     page(2, cookieOf(first.back()));
     EXPECT_TRUE(log.has("vex search: already received entries count:0, pagesize:2, size limit:-1"));
     EXPECT_TRUE(log.has("vex search: already received entries count:2, pagesize:2, size limit:-1"));
-    EXPECT_TRUE(log.has("send_paged_response: rs->sr_nentries:2, total entries:2, handle->total:3, "
-                        "handle->isLastPage:1"));
+    EXPECT_TRUE(
+        log.has("send_paged_response: rs->sr_nentries:2, total entries:2, handle->total:3, "
+                "handle->isLastPage:1"));
     EXPECT_THAT(log.records(), Contains(HasSubstr("setSearchHandle: connection_id:1, handle:0x")));
     m_handles.delSearchHandle(1);
     EXPECT_TRUE(log.has("delSearchHandle: connection_id:1"));
@@ -195,16 +197,16 @@ TEST_F(PagingTest, CookiesThatThisConnectionDoesNotHaveAreInvalid) {
     std::uint64_t parts[3];
     std::memcpy(parts, issued.data(), sizeof parts);
     const std::string cases[] = {
-        issued.substr(0, 23),                        // truncated
-        longer,                                      // too long
-        "x",                                         //
-        cookie(3, parts[1], parts[2]),               // ahead of the stored one
-        cookie(~0ULL, parts[1], parts[2]),           //
-        cookie(2, 0, parts[2]),                      // no search
-        cookie(2, parts[1], 0),                      // no entry
-        cookie(2, parts[1] + 16, parts[2]),          // not issued
-        cookie(2, parts[2], parts[1]),               //
-        cookie(2, 0x4141414141414141, 0x42424242),   // somebody else's memory
+        issued.substr(0, 23),                       // truncated
+        longer,                                     // too long
+        "x",                                        //
+        cookie(3, parts[1], parts[2]),              // ahead of the stored one
+        cookie(~0ULL, parts[1], parts[2]),          //
+        cookie(2, 0, parts[2]),                     // no search
+        cookie(2, parts[1], 0),                     // no entry
+        cookie(2, parts[1] + 16, parts[2]),         // not issued
+        cookie(2, parts[2], parts[1]),              //
+        cookie(2, 0x4141414141414141, 0x42424242),  // somebody else's memory
     };
     for (const std::string& one : cases) {
         const auto sent = page(2, one);

@@ -82,9 +82,10 @@ TEST_P(NetgroupBaseTest, IsTheZonesOrTheClientsOwn) {
     if (GetParam().result == nullptr) {
         ASSERT_TRUE(rejection);
         EXPECT_EQ(rejection->result, LDAP_OTHER);
-        EXPECT_STREQ(rejection->text,
-                     "vex dirgate: the specified search base is different from the currently joined domain dn or "
-                     "the currently joined zone domain dn");
+        EXPECT_STREQ(
+            rejection->text,
+            "vex dirgate: the specified search base is different from the currently joined domain dn or "
+            "the currently joined zone domain dn");
         return;
     }
     EXPECT_FALSE(rejection);
@@ -124,8 +125,8 @@ TEST_F(RequestTest, TheBaseOfANetgroupSearchIsLogged) {
     m_request.netgroups = true;
     prepareBase("", &m_request);
     prepareBase("dc=c,dc=b", &m_request);
-    EXPECT_TRUE(log.has(
-        "vex search: uses currently joined zone dn and rfc2307 nisnetgroup path as the search base"));
+    EXPECT_TRUE(
+        log.has("vex search: uses currently joined zone dn and rfc2307 nisnetgroup path as the search base"));
     EXPECT_TRUE(log.has("vex search: uses currently joined zone domain dn as the search base"));
 }
 
@@ -141,8 +142,11 @@ TEST_F(RequestTest, CnDollarGoesWithTheCommaAfterIt) {
         const char* base;
         const char* result;
         bool fetches;
-    } cases[] = {{"cn=$,dc=a", "dc=a", true}, {"CN=$,dc=a", "dc=a", true}, {"cn=$", "", true},
-                 {"cn=a,dc=a", "cn=a,dc=a", false}, {"", "", false}};
+    } cases[] = {{"cn=$,dc=a", "dc=a", true},
+                 {"CN=$,dc=a", "dc=a", true},
+                 {"cn=$", "", true},
+                 {"cn=a,dc=a", "cn=a,dc=a", false},
+                 {"", "", false}};
     for (const auto& one : cases) {
         SearchRequest request;
         request.base = one.base;
@@ -169,8 +173,9 @@ class Names {
 };
 
 TEST_F(RequestTest, AttributesAreTranslatedAndTheModulesOwnAreAdded) {
-    useMap("posixAccount = User\nposixAccount.uid = sAMAccountName\nposixAccount.cn = displayName\n"
-           "posixAccount.gone =\n");
+    useMap(
+        "posixAccount = User\nposixAccount.uid = sAMAccountName\nposixAccount.cn = displayName\n"
+        "posixAccount.gone =\n");
     m_request.objectType = "posixAccount";
     m_request.agentType = "User";
     prepareAttributes(Names({"uid", "*", "1.1", "mail", "gone"}).get(), &m_request);
@@ -238,10 +243,8 @@ TEST_F(RequestTest, OnlyWhatEveryObjectCouldCarryIsCacheable) {
     const struct {
         std::vector<std::string> names;
         bool cacheable;
-    } cases[] = {{{}, true},
-                 {{"MAIL"}, true},
-                 {{"mail", "_dn", "_anything"}, true},
-                 {{"mail", "unknown"}, false}};
+    } cases[] = {
+        {{}, true}, {{"MAIL"}, true}, {{"mail", "_dn", "_anything"}, true}, {{"mail", "unknown"}, false}};
     for (const auto& one : cases) {
         m_request.attributes = one.names;
         prepareCaching(true, 2, &m_request);
@@ -276,8 +279,8 @@ TEST_F(RequestTest, FetchByUidRewritesTheFilterOnlyWhereItCan) {
     } cases[] = {
         {"uid=jdoe,ou=people,dc=a", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
          "(&(objectClass=User)(name=jdoe))", true},
-        {"uid=jdoe", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n", "(objectClass=*)",
-         true},
+        {"uid=jdoe", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
+         "(objectClass=*)", true},
         {"uid=jdoe,dc=a", "(objectClass=*)", 0, "posixAccount = User\n", "(objectClass=*)", true},
         {"uid=jdoe,dc=a", "(objectClass=*)", 0, "posixAccount.uid = name\n", "(objectClass=*)", true},
         {"UID=jdoe,dc=a", "(objectClass=*)", 0, "posixAccount = User\n", "(objectClass=*)", false},

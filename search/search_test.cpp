@@ -31,11 +31,13 @@ TEST_F(SearchTest, APlainSearchOpensAsksSendsAndCloses) {
     Request request;
     request.attributes = {"mail"};
     const auto sent = m_client.search(request);
-    EXPECT_THAT(standin::requests(),
-                ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
-                            R"(vexLdapSearchOpen(session1, "", "(uid=ann)", "dc=example,dc=com", ["mail"], 2, -1, 0))",
-                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
-                            "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
+    EXPECT_THAT(
+        standin::requests(),
+        ElementsAre(
+            "vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
+            R"~(vexLdapSearchOpen(session1, "", "(uid=ann)", "dc=example,dc=com", ["mail"], 2, -1, 0))~",
+            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)",
+            "vexSessionClose(session1)"));
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_THAT(sent[0].text, HasSubstr("CN=ann,DC=example,DC=com"));
     EXPECT_THAT(sent[0].attributes, ElementsAre("mail"));
@@ -50,14 +52,13 @@ TEST_F(SearchTest, WithAMapTheZonesViewIsAskedForOnTheNullSessionAndOnTheOpenOne
     request.value = "posixAccount";
     request.attributes = {"uid"};
     EXPECT_EQ(m_client.search(request).back().code, LDAP_SUCCESS);
-    EXPECT_THAT(
-        standin::requests(),
-        ElementsAre("vexSetOption(null, 4, 1)", "vexSessionOpen(1, 21)", "vexSetOption(session1, 4, 1)",
-                    "vexSetOption(session1, 64, 1)",
-                    R"(vexLdapSearchOpen(session1, "", "(objectClass=User)", "dc=example,dc=com", )"
-                    R"(["sAMAccountName","_objectCategory","_nssEntryInvalid"], 2, -1, 0))",
-                    "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)",
-                    "vexSessionClose(session1)"));
+    EXPECT_THAT(standin::requests(),
+                ElementsAre("vexSetOption(null, 4, 1)", "vexSessionOpen(1, 21)",
+                            "vexSetOption(session1, 4, 1)", "vexSetOption(session1, 64, 1)",
+                            R"~(vexLdapSearchOpen(session1, "", "(objectClass=User)", "dc=example,dc=com", )~"
+                            R"~(["sAMAccountName","_objectCategory","_nssEntryInvalid"], 2, -1, 0))~",
+                            "vexLdapSearchNext(search1)", "vexLdapSearchNext(search1)",
+                            "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
 }
 
 TEST_F(SearchTest, AMapWithoutEntriesIsLikeNoMap) {
@@ -72,7 +73,7 @@ TEST_F(SearchTest, WithoutAttributesAllOfTheEntryAreSent) {
     standin::search({person("ann")});
     const auto sent = m_client.search(Request{});
     EXPECT_THAT(sent[0].attributes, IsEmpty());
-    EXPECT_THAT(standin::requests().at(2), HasSubstr(R"("dc=example,dc=com", [], 2, -1, 0)"));
+    EXPECT_THAT(standin::requests().at(2), HasSubstr(R"~("dc=example,dc=com", [], 2, -1, 0)~"));
 }
 
 TEST_F(SearchTest, ASearchThatMatchesNothingEndsWithNoSuchObject) {
@@ -169,10 +170,11 @@ TEST_F(SearchTest, AFailedSendEndsTheSearchWithInsufficientAccessTwice) {
     standin::search({person("a"), person("b")});
     m_client.connection().entriesAnswer(4);
     const auto sent = m_client.search(Request{});
-    ASSERT_EQ(sent.size(), 3U);
-    EXPECT_EQ(sent[1].code, LDAP_INSUFFICIENT_ACCESS);
-    EXPECT_EQ(sent[1].text, "send_search_entry Failed, lrc = 4");
-    EXPECT_EQ(sent[2].text, "send_search_entry Failed, lrc = 4");
+    ASSERT_EQ(sent.size(), 2U);
+    for (const auto& result : sent) {
+        EXPECT_EQ(result.code, LDAP_INSUFFICIENT_ACCESS);
+        EXPECT_EQ(result.text, "send_search_entry Failed, lrc = 4");
+    }
 }
 
 // -------------------------------------------------------- the back-end's suffix
@@ -223,7 +225,8 @@ TEST_F(SearchTest, ABaseSearchDropsAnEntryWithAnotherDn) {
 // ------------------------------------------------------------- fetch by DN
 
 TEST_F(SearchTest, CnDollarSearchesTheForestForDnsAndFetchesEachObject) {
-    standin::search({{{"_dn", {"CN=ann,DC=sub,DC=example,DC=com"}}, {"_GUID", {"g"}}, {"_objectCategory", {"Person"}}}});
+    standin::search(
+        {{{"_dn", {"CN=ann,DC=sub,DC=example,DC=com"}}, {"_GUID", {"g"}}, {"_objectCategory", {"Person"}}}});
     standin::fetch("CN=ann,DC=sub,DC=example,DC=com",
                    {{"_dn", {"CN=ann,DC=sub,DC=example,DC=com"}}, {"mail", {"ann@example.com"}}});
     Request request;
@@ -232,11 +235,12 @@ TEST_F(SearchTest, CnDollarSearchesTheForestForDnsAndFetchesEachObject) {
     const auto sent = m_client.search(request);
     EXPECT_THAT(
         standin::requests(),
-        ElementsAre("vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
-                    R"(vexLdapSearchOpen(session1, "$", "(uid=ann)", "dc=example,dc=com", ["1.1"], 2, -1, 0))",
-                    "vexLdapSearchNext(search1)",
-                    R"(vexLdapFetch(session1, "sub.example.com", "CN=ann,DC=sub,DC=example,DC=com", ["mail"]))",
-                    "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
+        ElementsAre(
+            "vexSessionOpen(1, 21)", "vexSetOption(session1, 64, 0)",
+            R"~(vexLdapSearchOpen(session1, "$", "(uid=ann)", "dc=example,dc=com", ["1.1"], 2, -1, 0))~",
+            "vexLdapSearchNext(search1)",
+            R"~(vexLdapFetch(session1, "sub.example.com", "CN=ann,DC=sub,DC=example,DC=com", ["mail"]))~",
+            "vexLdapSearchNext(search1)", "vexLdapSearchClose(search1)", "vexSessionClose(session1)"));
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_THAT(sent[0].text, HasSubstr("mail: ann@example.com"));
 }
@@ -328,9 +332,10 @@ TEST_F(SearchTest, ABaseOfAUidBecomesAFilterAndSkipsTheBaseTest) {
     request.attribute = "objectClass";
     request.value = nullptr;
     const auto sent = m_client.search(request);
-    EXPECT_THAT(standin::requests(),
-                testing::Contains(HasSubstr(
-                    R"("(&(objectClass=User)(sAMAccountName=jdoe))", "uid=jdoe,ou=people,dc=a", [], 0, -1, 0)")));
+    EXPECT_THAT(
+        standin::requests(),
+        testing::Contains(HasSubstr(
+            R"~("(&(objectClass=User)(sAMAccountName=jdoe))", "uid=jdoe,ou=people,dc=a", [], 0, -1, 0)~")));
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_TRUE(sent[0].isEntry);
 }

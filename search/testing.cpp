@@ -11,10 +11,16 @@ namespace searchtest {
 
 namespace {
 
-struct berval bv(std::string& text) { return {text.size(), text.data()}; }
+struct berval bv(std::string& text) {
+    return {text.size(), text.data()};
+}
 
-void* allocate(ber_len_t size, void* /*context*/) { return ch_malloc(size); }
-void release(void* memory, void* /*context*/) { ch_free(memory); }
+void* allocate(ber_len_t size, void* /*context*/) {
+    return ber_memalloc(size);
+}
+void release(void* memory, void* /*context*/) {
+    ber_memfree(memory);
+}
 
 }  // namespace
 
@@ -55,6 +61,8 @@ std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     PagedResultsState state = m_connection.connection()->c_pagedresults_state;
     std::string cookie;
     slap_cids.sc_pagedResults = 3;
+    void* controls[SLAP_MAX_CIDS] = {};
+    op->o_controls = controls;
     if (request.paged != nullptr) {
         cookie = request.paged->cookie;
         state.ps_size = request.paged->size;
