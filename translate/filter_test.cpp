@@ -2,9 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <ldap.h>
+#include <regex.h>
 
+#include <algorithm>
 #include <random>
-#include <regex>
 
 #include "tests/standin/captured.h"
 #include "translate/filter_builder.h"
@@ -318,8 +319,12 @@ bool libldapTakes(const std::string& text) {
 // A distinguished name, and a piece that is empty as text, may give text that is
 // no filter.
 bool isException(const std::string& value) {
-    static const std::regex kDn("[dD][cC][ \t]*=");
-    return value.starts_with('\0') || std::regex_search(value, kDn);
+    static const regex_t dn = [] {
+        regex_t compiled;
+        EXPECT_EQ(regcomp(&compiled, "[dD][cC][ \t]*=", REG_NOSUB), 0);
+        return compiled;
+    }();
+    return value.starts_with('\0') || regexec(&dn, value.c_str(), 0, nullptr, 0) == 0;
 }
 
 TEST(GeneratedFilters, AreFiltersToLibldap) {
