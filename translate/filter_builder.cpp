@@ -182,7 +182,8 @@ class Source {
 
     // Never empty: slapd refuses substrings with an empty piece.
     std::string text() {
-        const std::size_t length = std::min<std::size_t>(next() % 24 + 1, m_bytes.size());
+        const std::size_t wanted = next() % 24 + 1;
+        const std::size_t length = std::min(wanted, m_bytes.size());
         std::string result(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(length));
         m_bytes = m_bytes.subspan(length);
         return result.empty() ? "x" : result;
