@@ -251,6 +251,7 @@ TEST_F(Ldif, UnreadableParts) {
 
 TEST_F(Ldif, WhatTheLogShows) {
     standin::knowAttribute("userCertificate", true);
+    standin::knowAttribute("cACertificate", true);
     const standin::CapturedLog log;
     convert(person({{"objectCategory", {"x"}},
                     {"mail", {"a@x"}},
@@ -259,8 +260,8 @@ TEST_F(Ldif, WhatTheLogShows) {
                     {"empty", {""}},
                     {"none", {}},
                     {"null", {standin::noData()}},
-                    {"userCertificate", {"\x01z"}},
-                    {"USERCERTIFICATE", {}}}),
+                    {"userCertificate", {" z"}},
+                    {"cACertificate", {}}}),
             posixAccount());
     for (const char* line : {
              "object_to_ldif: mapping sAMAccountName to uid",
@@ -272,7 +273,8 @@ TEST_F(Ldif, WhatTheLogShows) {
              "object_to_ldif: attrName = empty, value[0] = <binary data>",
              "object_to_ldif: attrName = none, value[0] = <binary data>",
              "object_to_ldif: attrName = null, value[0] = <binary data>",
-             "object_to_ldif: attrName = USERCERTIFICATE, value[0] = <binary data>",
+             "object_to_ldif: attrName = userCertificate, value[0] =  z",
+             "object_to_ldif: attrName = cACertificate, value[0] = <binary data>",
          }) {
         EXPECT_EQ(log.count(line), 1) << line;
     }
