@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <ostream>
 #include <thread>
 
 #include "vorn/temporary_folder.h"
@@ -51,6 +52,10 @@ struct SyntaxCase {
     std::string text;
     Entries entries;
 };
+
+void PrintTo(const SyntaxCase& entry, std::ostream* out) {
+    *out << entry.name;
+}
 
 class PropertiesSyntax : public testing::TestWithParam<SyntaxCase> {};
 
@@ -107,6 +112,10 @@ struct ErrorCase {
     std::string text;
     const char* complaint;
 };
+
+void PrintTo(const ErrorCase& entry, std::ostream* out) {
+    *out << entry.name;
+}
 
 class PropertiesErrors : public testing::TestWithParam<ErrorCase> {};
 

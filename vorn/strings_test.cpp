@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <locale>
+#include <ostream>
 #include <set>
 #include <stdexcept>
 
@@ -79,6 +80,10 @@ struct PrintableCase {
     std::string value;
     bool safe;
 };
+
+void PrintTo(const PrintableCase& entry, std::ostream* out) {
+    *out << entry.name;
+}
 
 class IsPrintable : public testing::TestWithParam<PrintableCase> {};
 
