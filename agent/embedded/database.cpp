@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -18,6 +19,12 @@ std::mutex& openMutex() {
     static std::mutex mutex;
     return mutex;
 }
+
+#ifdef ZX_SANITIZED
+// LDB loads its modules with RTLD_DEEPBIND, which sanitizers cannot run under;
+// this is its own switch.
+[[maybe_unused]] const int kNoDeepBind = ::setenv("LDB_MODULES_DISABLE_DEEPBIND", "1", 1);
+#endif
 
 // LDB explains failures through this hook; they reach the caller as the
 // context's error text, so nothing is printed.
