@@ -25,7 +25,8 @@ struct ServerOptions {
 class Server {
   public:
     Server(boost::asio::io_context& io, Service& service, WorkerPool& pool, const ServerOptions& options);
-    // Connections refer to their server.
+    // Connections refer to their server, and so does the work that they have
+    // given to the pool: a server is destroyed once the pool is idle.
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 

@@ -102,6 +102,7 @@ class ServerTest : public ::testing::Test {
         if (!m_thread.joinable()) return;
         boost::asio::post(m_io, [this] { m_server->stop([] {}); });
         m_thread.join();
+        ASSERT_TRUE(m_pool.waitIdle(std::chrono::milliseconds(kSoonMs)));
     }
     ~ServerTest() override { stop(); }
 
