@@ -3,12 +3,12 @@
 
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "backend/backend.h"
 #include "tests/standin/captured.h"
+#include "vorn/temporary_folder.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -98,6 +98,9 @@ struct BooleanDirective {
     const char* name;
     bool* setting;
 };
+void PrintTo(const BooleanDirective& one, std::ostream* out) {
+    *out << one.name;
+}
 class BooleanDirectiveTest : public DirectivesTest, public testing::WithParamInterface<BooleanDirective> {};
 
 TEST_P(BooleanDirectiveTest, TakesTrueAndFalseInAnyCaseAndNothingElse) {
@@ -126,6 +129,9 @@ struct IntegerDirective {
     std::int64_t* setting;
     bool takesZero;
 };
+void PrintTo(const IntegerDirective& one, std::ostream* out) {
+    *out << one.name;
+}
 class IntegerDirectiveTest : public DirectivesTest, public testing::WithParamInterface<IntegerDirective> {};
 
 TEST_P(IntegerDirectiveTest, TakesThirtyTwoBitsOfWhatTheWordBeginsWith) {
@@ -210,10 +216,9 @@ TEST_F(DirectivesTest, ComplaintsGoToSlapdsDebugLogWhenItIsShown) {
 class TranslationDirectiveTest : public DirectivesTest {
   protected:
     std::string file(const std::string& text) {
-        const std::string path = testing::TempDir() + "/map" + std::to_string(m_files++);
-        std::ofstream(path) << text;
-        return path;
+        return m_folder.write("map" + std::to_string(m_files++), text);
     }
+    const vorn::test::TemporaryFolder m_folder;
     int m_files = 0;
 };
 

@@ -95,6 +95,9 @@ struct ProtocolErrorCase {
     int code;
     int result;
 };
+void PrintTo(const ProtocolErrorCase& one, std::ostream* out) {
+    *out << "system " << one.system << " code " << one.code;
+}
 class ProtocolErrorTest : public FailureTest, public testing::WithParamInterface<ProtocolErrorCase> {};
 
 // Only the LDAP client library's codes have an LDAP result of their own.

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 
 #include "backend/settings.h"
 #include "search/fixture.h"
 #include "tests/standin/captured.h"
 #include "vorn/settings.h"
+#include "vorn/temporary_folder.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -22,13 +22,12 @@ using testing::IsEmpty;
 class RequestTest : public searchtest::Fixture {
   protected:
     // Makes the host's settings hold this text.
-    static void useSettings(const std::string& text) {
-        const std::string path = testing::TempDir() + "/zanthe.conf";
-        std::ofstream(path) << text;
-        setenv("ZANTHE_CONF", path.c_str(), 1);
+    void useSettings(const std::string& text) {
+        setenv("ZANTHE_CONF", m_folder.write("zanthe.conf", text).c_str(), 1);
         vorn::Props(true, true);
     }
 
+    const vorn::test::TemporaryFolder m_folder;
     SearchRequest m_request;
 };
 
@@ -73,6 +72,9 @@ struct BaseCase {
     const char* base;
     const char* result;  // null: rejected
 };
+void PrintTo(const BaseCase& one, std::ostream* out) {
+    *out << '"' << one.base << '"';
+}
 class NetgroupBaseTest : public RequestTest, public testing::WithParamInterface<BaseCase> {};
 
 TEST_P(NetgroupBaseTest, IsTheZonesOrTheClientsOwn) {
