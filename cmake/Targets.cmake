@@ -43,6 +43,13 @@ function(zx_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;USES")
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_USES} zx_options GTest::gmock_main)
+  # Only what is tested is worth optimising; the matchers' templates take the
+  # compiler twice as long with it.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:RelWithDebInfo>:-O0 -g1>)
+  list(LENGTH arg_SOURCES sources)
+  if(sources GREATER 2)
+    target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+  endif()
   include(GoogleTest)
   gtest_discover_tests(${name} WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}"
                        TEST_PREFIX "${name}: " PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
