@@ -126,4 +126,8 @@ std::string schemaLdif();
 // Whether the attribute's values are compared as numbers.
 bool isIntegerAttribute(std::string_view attribute);
 
+// Whether the attribute's values are text that is compared without regard to case.
+// Not so the object's own DN, which is no text.
+bool ignoresCase(std::string_view attribute);
+
 }  // namespace vexagent

@@ -8,6 +8,7 @@
 
 #include "agent/embedded/categories.h"
 #include "agent/embedded/filter.h"
+#include "agent/embedded/folding.h"
 #include "agent/embedded/objects.h"
 #include "agent/embedded/passwords.h"
 #include "agent/embedded/search.h"
@@ -119,6 +120,14 @@ class StoredHashes {
     std::vector<std::string> m_values;
 };
 
+// Has LDB asked for more where it would not fold the filter's letters itself.
+Selection loosen(void* pool, Plan& plan) {
+    ParseTree* const wanted = plan.tree;
+    const Selection selection = loosenFilter(pool, plan.tree);
+    if (plan.tree != wanted) plan.match = wanted;
+    return selection;
+}
+
 }  // namespace
 
 EmbeddedDirectory::EmbeddedDirectory(const EmbeddedOptions& options)
@@ -173,7 +182,8 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
 
     FilterContext context{handle->ldb(), m_domainDn, {}};
     if (query.view.zone) context.groupsOf = [&](std::string_view uid) { return groupsOf(*handle, uid); };
-    const Selection selection = rewriteFilter(pool.get(), plan.tree, context);
+    Selection selection = rewriteFilter(pool.get(), plan.tree, context);
+    if (selection == Selection::Some) selection = loosen(pool.get(), plan);
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) plan.tree = matchAll(pool.get());
     return runSearch({m_database, m_memberships}, handle, plan, query, {first, rest});

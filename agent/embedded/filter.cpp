@@ -8,6 +8,7 @@
 
 #include "agent/embedded/categories.h"
 #include "agent/embedded/database.h"
+#include "agent/embedded/folding.h"
 #include "agent/identifiers.h"
 #include "agent/secrets.h"
 #include "vorn/strings.h"
@@ -17,27 +18,6 @@ namespace {
 
 bool is(std::string_view name, std::string_view other) {
     return vorn::equalsIgnoreCase(name, other);
-}
-
-// The attribute that an assertion is about; null for AND, OR and NOT, and for an
-// extensible match without one.
-const char* assertedAttribute(const ParseTree* tree) {
-    switch (tree->operation) {
-        case LDB_OP_EQUALITY:
-            return tree->u.equality.attr;
-        case LDB_OP_SUBSTRING:
-            return tree->u.substring.attr;
-        case LDB_OP_GREATER:
-        case LDB_OP_LESS:
-        case LDB_OP_APPROX:
-            return tree->u.comparison.attr;
-        case LDB_OP_PRESENT:
-            return tree->u.present.attr;
-        case LDB_OP_EXTENDED:
-            return tree->u.extended.attr;
-        default:
-            return nullptr;
-    }
 }
 
 std::optional<long long> toNumber(std::string_view text) {
@@ -52,48 +32,15 @@ class Rewriting {
   public:
     Rewriting(void* pool, const FilterContext& context) : m_pool(pool), m_context(context) {}
 
-    // negated: whether an odd number of NOTs stands above.
-    Selection rewrite(ParseTree*& tree, bool negated) {
-        switch (tree->operation) {
-            case LDB_OP_AND:
-                return rewriteList(tree, negated, Selection::Nothing, Selection::All);
-            case LDB_OP_OR:
-                return rewriteList(tree, negated, Selection::All, Selection::Nothing);
-            case LDB_OP_NOT:
-                return rewriteNot(tree, negated);
-            default:
-                return rewriteAssertion(tree, negated);
-        }
+    Selection rewrite(ParseTree*& tree) {
+        const Selection selection = simplify(tree, false, [this](ParseTree*& assertion, bool negated) {
+            return rewriteAssertion(assertion, negated);
+        });
+        if (selection == Selection::Some) sortByCost(tree);
+        return selection;
     }
 
   private:
-    // decisive is the element that decides the whole, neutral the one that adds
-    // nothing.
-    Selection rewriteList(ParseTree*& tree, bool negated, Selection decisive, Selection neutral) {
-        auto& list = tree->u.list;
-        unsigned kept = 0;
-        for (unsigned i = 0; i < list.num_elements; ++i) {
-            const Selection element = rewrite(list.elements[i], negated);
-            if (element == decisive) return decisive;
-            if (element != neutral) list.elements[kept++] = list.elements[i];
-        }
-        if (kept == 0) return neutral;
-        list.num_elements = kept;
-        if (kept == 1)
-            tree = list.elements[0];
-        else if (tree->operation == LDB_OP_AND)
-            std::stable_sort(list.elements, list.elements + kept,
-                             [](const ParseTree* a, const ParseTree* b) { return cost(a) < cost(b); });
-        return Selection::Some;
-    }
-
-    Selection rewriteNot(ParseTree*& tree, bool negated) {
-        const Selection child = rewrite(tree->u.isnot.child, !negated);
-        if (child == Selection::All) return Selection::Nothing;
-        if (child == Selection::Nothing) return Selection::All;
-        return Selection::Some;
-    }
-
     Selection rewriteAssertion(ParseTree*& tree, bool negated) {
         const char* name = assertedAttribute(tree);
         // Undefined: counts as true below a NOT, so that the NOT is false.
@@ -192,6 +139,16 @@ class Rewriting {
 
     // LDB reads an AND's index lists in order and stops once a list is short, so
     // a list of everybody must not come first.
+    static void sortByCost(ParseTree* tree) {
+        if (tree->operation == LDB_OP_NOT) return sortByCost(tree->u.isnot.child);
+        if (tree->operation != LDB_OP_AND && tree->operation != LDB_OP_OR) return;
+        auto& list = tree->u.list;
+        std::for_each(list.elements, list.elements + list.num_elements, sortByCost);
+        if (tree->operation == LDB_OP_AND)
+            std::stable_sort(list.elements, list.elements + list.num_elements,
+                             [](const ParseTree* a, const ParseTree* b) { return cost(a) < cost(b); });
+    }
+
     static int cost(const ParseTree* tree) {
         if (isQuickFilter(tree)) return 0;
         if (tree->operation != LDB_OP_EQUALITY) return 4;
@@ -246,7 +203,7 @@ Result parseFilter(void* pool, const std::string& text, ParseTree*& tree) {
 
 Selection rewriteFilter(void* pool, ParseTree*& tree, const FilterContext& context) {
     if (tree == nullptr) return Selection::All;
-    return Rewriting(pool, context).rewrite(tree, false);
+    return Rewriting(pool, context).rewrite(tree);
 }
 
 bool isQuickFilter(const ParseTree* tree) {
@@ -259,7 +216,8 @@ bool isQuickFilter(const ParseTree* tree) {
         case LDB_OP_OR:
             return std::all_of(list.elements, list.elements + list.num_elements, quick);
         case LDB_OP_EQUALITY:
-            return isSelective(tree->u.equality.attr) || is(tree->u.equality.attr, "gidNumber");
+            return !needsFolding(tree) &&
+                   (isSelective(tree->u.equality.attr) || is(tree->u.equality.attr, "gidNumber"));
         default:
             return false;
     }

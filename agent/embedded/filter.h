@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "agent/directory.h"
-#include "agent/embedded/ldb.h"
+#include "agent/embedded/tree.h"
 
 namespace vexagent {
 
@@ -18,13 +18,6 @@ struct FilterContext {
     // The GUID bytes of the groups that show this memberUid; unset outside the
     // zone's view, where memberUid is an attribute like any other.
     std::function<std::vector<std::string>(std::string_view)> groupsOf;
-};
-
-// What is left of a filter.
-enum class Selection {
-    Nothing,  // no object can match
-    All,      // every object matches
-    Some      // those that the tree matches
 };
 
 // Parses RFC 4515 text into the pool; empty text is null. _GUID, _dn and
@@ -43,7 +36,8 @@ Result parseFilter(void* pool, const std::string& text, ParseTree*& tree);
 //   - in an AND the most selective assertions go first, where LDB uses them.
 Selection rewriteFilter(void* pool, ParseTree*& tree, const FilterContext& context);
 
-// Whether indexes lead to the few objects that the tree selects.
+// Whether indexes lead to the few objects that the tree selects. An assertion that
+// needs folding has no index.
 bool isQuickFilter(const ParseTree* tree);
 
 }  // namespace vexagent

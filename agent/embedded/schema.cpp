@@ -61,6 +61,12 @@ bool isIntegerAttribute(std::string_view attribute) {
     return holds(kIntegers, attribute);
 }
 
+bool ignoresCase(std::string_view attribute) {
+    const bool isDn =
+        vorn::equalsIgnoreCase(attribute, "dn") || vorn::equalsIgnoreCase(attribute, "distinguishedName");
+    return !isDn && !isIntegerAttribute(attribute) && !holds(kExact, attribute);
+}
+
 std::string schemaLdif() {
     std::string indexes = "dn: @INDEXLIST\n";
     for (std::string_view name : kSelective)

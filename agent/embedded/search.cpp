@@ -1,6 +1,7 @@
 #include "agent/embedded/search.h"
 
 #include "agent/embedded/categories.h"
+#include "agent/embedded/folding.h"
 #include "agent/embedded/objects.h"
 #include "agent/identifiers.h"
 #include "vex/wire.h"
@@ -65,13 +66,15 @@ class GuidCursor : public Cursor {
 // What a search collects while LDB walks.
 class Collector {
   public:
-    Collector(const Plan& plan, const Query& query) : m_plan(plan), m_query(query), m_pool(newPool()) {}
+    Collector(ldb_context* ldb, const Plan& plan, const Query& query)
+        : m_ldb(ldb), m_plan(plan), m_query(query), m_pool(newPool()) {}
 
     void add(ldb_message* message) {
         if (m_query.typed && !isUnixKind(message)) return;
         if (m_query.scope == kSubordinate && ldb_dn_compare(message->dn, m_plan.base) == 0) return;
         const std::string_view guid = firstValue(message, "objectGUID");
         if (guid.size() != kGuidBytes) return;
+        if (m_plan.match != nullptr && !matchesFolded(m_ldb, message, m_plan.match)) return;
         ++m_total;
         if (m_messages.size() < firstBatch() && m_bytes < vex::wire::kBatchBytes) {
             m_messages.push_back(talloc_steal(m_pool.get(), message));
@@ -91,6 +94,7 @@ class Collector {
                                        : std::min(m_query.firstBatch, vex::wire::kBatchObjects);
     }
 
+    ldb_context* const m_ldb;
     const Plan& m_plan;
     const Query& m_query;
     const Pool m_pool;
@@ -112,7 +116,7 @@ ParseTree* matchAll(void* pool) {
 
 Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome) {
-    Collector found(plan, query);
+    Collector found(handle->ldb(), plan, query);
     const ReadResult read =
         handle->search(plan.base, ldbScope(query.scope), plan.tree, nullptr, [&](ldb_message* message) {
             found.add(message);

@@ -17,7 +17,8 @@ namespace vexagent {
 
 struct Plan {
     ldb_dn* base = nullptr;
-    ParseTree* tree = nullptr;
+    ParseTree* tree = nullptr;   // what LDB is asked for
+    ParseTree* match = nullptr;  // what its objects are then matched against; null when tree says all
 };
 
 // What objects are made from. Both outlive every cursor.
