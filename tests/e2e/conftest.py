@@ -9,7 +9,10 @@ os.environ["LDAPNOINIT"] = "1"
 
 import pytest  # noqa: E402
 
-from gateway import BUILD, Agent, Slapd  # noqa: E402
+from gateway import BUILD, SANITIZER, Agent, Slapd  # noqa: E402
+
+# What `make run` starts is the build that is shipped, whichever one is tested.
+collect_ignore = ["test_front_door.py"] if SANITIZER.kind else []
 
 LOG_LINES = 40
 
@@ -53,14 +56,20 @@ class World:
         return Slapd(self.folder, self.running_servers, **parts)
 
     def close(self):
-        """Stops everything; a server that crashed fails the test."""
+        """Stops everything; a server that crashed fails the test, and so does what a
+        sanitizer has to say."""
         errors = []
         for server in reversed(self.running_servers):
             try:
                 server.stop()
             except AssertionError as error:
                 errors.append(str(error))
+        errors += [f"{report.name}:\n{report.read_text(errors='replace')}"
+                   for report in sorted(self.folder.glob("*.sanitizer.*"))]
         assert not errors, "\n".join(errors)
+
+    def remove(self):
+        shutil.rmtree(self.folder, ignore_errors=True)
 
 
 def make_world(request):
@@ -72,7 +81,7 @@ def make_world(request):
         if any(name.startswith(request.node.nodeid) for name in request.session.stash.get(FAILED, ())):
             print(f"kept: {world.folder}")
         else:
-            shutil.rmtree(world.folder, ignore_errors=True)
+            world.remove()
 
 
 @pytest.fixture

@@ -17,12 +17,18 @@ import time
 
 import ldap
 
+from sanitizers import Sanitizer
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("ZX_BUILD") or ROOT / "build/release").absolute()
 EXAMPLES = ROOT / "examples"
 SUFFIX = "dc=example,dc=com"  # as slapd shows it
 SLAPD = next((path for path in ("/usr/sbin/slapd", "/usr/local/sbin/slapd") if os.path.exists(path)), "slapd")
-SECONDS = 20  # the deadline of everything that is waited for
+SANITIZER = Sanitizer(BUILD, ROOT)
+# The deadline of everything that is waited for.
+SECONDS = 60 if SANITIZER.kind else 20
+STATISTICS = "vexagent: requests served:"  # how the line that answers SIGUSR1 begins
+CRASHES = (signal.SIGSEGV, signal.SIGABRT, signal.SIGBUS, signal.SIGFPE, signal.SIGILL)
 
 
 def wait_until(condition, what, seconds=SECONDS):
@@ -65,11 +71,19 @@ class Server:
         servers.append(self)
 
     def spawn(self, command, env=None):
-        environment = dict(os.environ, **(env or {}))
+        environment = dict(os.environ, **SANITIZER.options(self.report_file()), **self.sanitizer_env(), **(env or {}))
         with open(self.log_file, "ab") as output:
             self.process = subprocess.Popen(
                 [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
                 env=environment, preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
+
+    def report_file(self):
+        """What a sanitizer's reports are called: a full stop and the process id follow."""
+        return self.folder / f"{self.name}.sanitizer"
+
+    def sanitizer_env(self):
+        """What a program of a sanitized build needs in its environment."""
+        return {}
 
     def log(self):
         return self.log_file.read_text(errors="replace") if self.log_file.exists() else ""
@@ -97,7 +111,12 @@ class Server:
                 self.process.kill()
                 self.process.wait()
                 raise AssertionError(f"{self.name} did not end when it was asked to") from None
-        return self.process.returncode if self.process else None
+        if self.process is None:
+            return None
+        status = self.process.returncode
+        assert -status not in CRASHES, f"{self.name} crashed with status {status}:\n{self.log()}"
+        assert status not in SANITIZER.EXIT_CODES, f"{self.name}: a sanitizer found something:\n{self.log()}"
+        return status
 
     def kill(self):
         self.process.kill()
@@ -140,6 +159,16 @@ class Agent(Server):
         self.launch()
         status = self.process.wait(SECONDS)
         return status, self.log()
+
+    def served(self):
+        """How many requests of each kind it has served, as {kind: count}."""
+        before = self.log().count(STATISTICS)
+        self.signal(signal.SIGUSR1)
+        def answered():
+            log = self.log()
+            return log.endswith("\n") and log.count(STATISTICS) > before and log
+        line = wait_until(answered, "a line of statistics").rpartition(STATISTICS)[2].split(";")[0]
+        return {kind: int(count) for kind, count in (item.split() for item in line.split(","))}
 
     def modify(self, ldif):
         """Changes the embedded directory under the running agent. Without mdb:// the
@@ -192,6 +221,9 @@ class Slapd(Server):
         self.wait_ready(lambda: accepts(socket.AF_INET, ("127.0.0.1", self.port)) and self.settled())
         return self
 
+    def sanitizer_env(self):
+        return SANITIZER.preload
+
     def settled(self):
         """Whether the main thread waits for the listener thread's end. slapd answers a
         little earlier, but ends badly when it is told to stop then."""
@@ -224,6 +256,15 @@ class Slapd(Server):
         if who is not None:
             connection.simple_bind_s(who, password)
         return connection
+
+    def close_connection(self, connection):
+        """Ends a connection of connect() and returns when slapd has forgotten it: only
+        then it closes its side."""
+        with socket.socket(fileno=os.dup(connection.fileno())) as still_ours:
+            connection.unbind_ext()
+            still_ours.settimeout(SECONDS)
+            while still_ours.recv(4096):
+                pass
 
     def stop(self):
         for connection in self.connections:

@@ -1,8 +1,10 @@
 """Simple binds: which names and passwords are right, and what is said when they are not."""
+import time
+
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search
+from gateway import SUFFIX, Slapd, failure, search, wait_until
 
 PEOPLE = f"ou=People,{SUFFIX}"
 ANN = f"cn=ann,ou=Engineering,{PEOPLE}"
@@ -77,12 +79,43 @@ def test_a_password_without_a_name_is_anonymous_or_refused(gateway):
     assert caught.value.args[0]["result"] in (48, 53)
 
 
+def change_password(agent):
+    """Ann's is "new" from now on."""
+    agent.modify(f"dn: cn=Ann Lee,ou=Engineering,{PEOPLE}\nchangetype: modify\nreplace: userPassword\n"
+                 f"userPassword: {{CRYPT}}{NEW}\n")
+
+
 def test_a_changed_password(world):
     """The old one keeps working no longer than its credential lives; the new one works at once."""
     agent = world.agent().start()
     slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, "dirgate.cache.credential.expires 3600")).start()
     slapd.connect(ANN, "welcome")
-    agent.modify(f"dn: cn=Ann Lee,ou=Engineering,{PEOPLE}\nchangetype: modify\nreplace: userPassword\n"
-                 f"userPassword: {{CRYPT}}{NEW}\n")
+    change_password(agent)
+    slapd.connect(ANN, "welcome")
     slapd.connect(ANN, "new")
     assert refusal(slapd, ANN, "welcome") == WRONG
+
+
+def test_an_old_password_ends_with_its_credential(world):
+    """Nobody binds with the new one. Lifetimes are in whole seconds of the calendar."""
+    lifetime = 2
+    agent = world.agent().start()
+    slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, f"dirgate.cache.credential.expires {lifetime}")).start()
+    before = time.time()
+    connection = slapd.connect(ANN, "welcome")
+    after = time.time()
+    change_password(agent)
+
+    started = []
+
+    def refused_at():
+        started.append(time.time())
+        try:
+            connection.simple_bind_s(ANN, "welcome")
+        except ldap.INVALID_CREDENTIALS:
+            return time.time()
+        return None
+    refused = wait_until(refused_at, "the old password is refused")
+    assert refused >= int(before) + lifetime
+    assert all(attempt < after + lifetime + 0.1 for attempt in started[:-1])
+    slapd.connect(ANN, "new")

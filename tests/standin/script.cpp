@@ -133,9 +133,28 @@ Tables readScript(const char* path) {
     return tables;
 }
 
+// One write a line, so that the lines of several threads and processes stay whole.
+void writeLine(const std::string& line) {
+    const char* path = std::getenv("VEX_STANDIN_LOG");
+    if (!path) return;
+    int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (file < 0) return;
+    std::string whole = line + "\n";
+    [[maybe_unused]] ssize_t written = write(file, whole.data(), whole.size());
+    close(file);
+}
+
+void finish() {
+    std::lock_guard guard(state().mutex);
+    for (const std::string& line : listLeaks(state().handles)) writeLine("leak: " + line);
+}
+
 // Reads the script when it is another file, or another version, than last time.
 // One that cannot be read leaves the tables as they were.
 void refresh(State& state) {
+    // Before the first call there is nothing to leak, and a sanitized module ends the
+    // process ahead of whatever was registered when libraries were loaded.
+    [[maybe_unused]] static const int registered = std::atexit(finish);
     static struct stat last {};
     const char* path = std::getenv("VEX_STANDIN_SCRIPT");
     struct stat now {};
@@ -151,25 +170,9 @@ void refresh(State& state) {
     }
 }
 
-// One write a line, so that the lines of several threads and processes stay whole.
-void writeLine(const std::string& line) {
-    const char* path = std::getenv("VEX_STANDIN_LOG");
-    if (!path) return;
-    int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (file < 0) return;
-    std::string whole = line + "\n";
-    [[maybe_unused]] ssize_t written = write(file, whole.data(), whole.size());
-    close(file);
-}
-
 __attribute__((constructor)) void start() {
     state().beforeCall = refresh;
     state().sink = writeLine;
-}
-
-__attribute__((destructor)) void finish() {
-    std::lock_guard guard(state().mutex);
-    for (const std::string& line : listLeaks(state().handles)) writeLine("leak: " + line);
 }
 
 }  // namespace
