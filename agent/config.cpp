@@ -1,6 +1,9 @@
 #include "agent/config.h"
 
+#include <grp.h>
+
 #include <charconv>
+#include <optional>
 #include <sstream>
 
 #include "vorn/dn.h"
@@ -39,6 +42,23 @@ class Reader {
         return static_cast<unsigned>(result);
     }
 
+    std::string socketPath(const vorn::Setting& setting) const {
+        const std::string value = required(setting);
+        if (value.size() > kLongestSocketPath)
+            fail(setting, "is \"" + value + "\", which is longer than the " +
+                              std::to_string(kLongestSocketPath) + " bytes that a socket's path may have");
+        return value;
+    }
+
+    // Nothing for a setting that is empty.
+    std::optional<gid_t> group(const vorn::Setting& setting) const {
+        const std::string value = text(setting);
+        if (value.empty()) return std::nullopt;
+        const ::group* entry = ::getgrnam(value.c_str());
+        if (entry == nullptr) fail(setting, "is \"" + value + "\", which is no group of this host");
+        return entry->gr_gid;
+    }
+
     [[noreturn]] void fail(const vorn::Setting& setting, const std::string& reason) const {
         const std::string origin = m_settings.origin(setting.name);
         throw SettingsError((origin.empty() ? m_file : origin) + ": " + setting.name + " " + reason);
@@ -71,9 +91,9 @@ Config readConfig(const vorn::Properties& settings, const std::string& file) {
         reader.fail(vorn::SETTING_DIRECTORY, "is \"" + kind + "\"; this agent serves: embedded");
 
     Config config;
-    config.socket.path = reader.required(vorn::SETTING_AGENT_SOCKET);
+    config.socket.path = reader.socketPath(vorn::SETTING_AGENT_SOCKET);
     config.socket.mode = reader.mode(vorn::SETTING_AGENT_SOCKET_MODE);
-    config.socket.group = reader.text(vorn::SETTING_AGENT_SOCKET_GROUP);
+    config.socket.group = reader.group(vorn::SETTING_AGENT_SOCKET_GROUP);
     config.server.timeout = std::chrono::seconds(reader.number(vorn::SETTING_AGENT_TIMEOUT, 1, 3600));
     config.server.maxClients =
         static_cast<std::size_t>(reader.number(vorn::SETTING_AGENT_CLIENTS, 1, 100'000));

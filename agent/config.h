@@ -30,7 +30,7 @@ struct Config {
 };
 
 // Reads the settings; file names them in complaints about what is missing.
-// Throws SettingsError.
+// Throws SettingsError. Not for several threads at once: it looks up a group.
 Config readConfig(const vorn::Properties& settings, const std::string& file);
 
 }  // namespace vexagent

@@ -17,6 +17,7 @@
 #include "agent/config.h"
 #include "agent/embedded/embedded.h"
 #include "agent/embedded/ldif.h"
+#include "agent/folder_lock.h"
 #include "agent/log.h"
 #include "agent/notify.h"
 #include "agent/server.h"
@@ -107,6 +108,9 @@ void buildIfMissing(const Config& config) {
     if (config.ldif.empty())
         throw DatabaseError(config.database + ": " + std::strerror(ENOENT) +
                             "; embedded.ldif names the LDIF file to build it from");
+    // Another agent may be at it just now.
+    const FolderLock lock(config.database);
+    if (exists(config.database)) return;
     AGENT_LOG(vorn::Logger::kInfo, "building %s from %s", config.database.c_str(), config.ldif.c_str());
     buildDatabase(config.database, config.ldif, vorn::DN::dnFromDomain(config.domain));
 }

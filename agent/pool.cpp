@@ -37,28 +37,29 @@ WorkerPool::~WorkerPool() {
         m_quick.clear();
         m_slow.clear();
     }
-    m_changed.notify_all();
+    m_work.notify_all();
     for (std::thread& thread : m_threads) thread.join();
 }
 
 void WorkerPool::post(Lane lane, Work work) {
+    bool wake = false;
     {
         const std::lock_guard lock(m_mutex);
         (lane == Lane::Quick ? m_quick : m_slow).push_back(std::move(work));
+        wake = lane == Lane::Quick || slowMayRun();
     }
-    // All, since waitIdle waits on the same condition.
-    m_changed.notify_all();
+    // Slow work above its limit is taken up by the thread that ends some.
+    if (wake) m_work.notify_one();
 }
 
 bool WorkerPool::waitIdle(std::chrono::milliseconds time) {
     std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, time, [this] { return isIdle(); });
+    return m_idle.wait_for(lock, time, [this] { return isIdle(); });
 }
 
 bool WorkerPool::take(Lane& lane, Work& work) {
     std::unique_lock lock(m_mutex);
-    const auto slowMayRun = [this] { return !m_slow.empty() && m_busySlow < m_slowLimit; };
-    m_changed.wait(lock, [&] { return m_stopping || !m_quick.empty() || slowMayRun(); });
+    m_work.wait(lock, [this] { return m_stopping || hasWork(); });
     if (m_stopping) return false;
     lane = m_quick.empty() ? Lane::Slow : Lane::Quick;
     std::deque<Work>& queue = lane == Lane::Quick ? m_quick : m_slow;
@@ -66,6 +67,11 @@ bool WorkerPool::take(Lane& lane, Work& work) {
     queue.pop_front();
     ++m_busy;
     if (lane == Lane::Slow) ++m_busySlow;
+    // What was posted, or may run since slow work has ended, may have woken nobody
+    // but this thread.
+    const bool more = hasWork();
+    lock.unlock();
+    if (more) m_work.notify_one();
     return true;
 }
 
@@ -75,12 +81,10 @@ void WorkerPool::run() {
     while (take(lane, work)) {
         work();
         work = nullptr;
-        {
-            const std::lock_guard lock(m_mutex);
-            --m_busy;
-            if (lane == Lane::Slow) --m_busySlow;
-        }
-        m_changed.notify_all();
+        const std::lock_guard lock(m_mutex);
+        --m_busy;
+        if (lane == Lane::Slow) --m_busySlow;
+        if (isIdle()) m_idle.notify_all();
     }
 }
 

@@ -37,12 +37,15 @@ class WorkerPool {
   private:
     void run();
     bool take(Lane& lane, Work& work);
+    bool slowMayRun() const { return !m_slow.empty() && m_busySlow < m_slowLimit; }
+    bool hasWork() const { return !m_quick.empty() || slowMayRun(); }
     bool isIdle() const { return m_busy == 0 && m_quick.empty() && m_slow.empty(); }
 
     const int m_slowLimit;
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<Work> m_quick;  // guarded by m_mutex, as all below
+    std::condition_variable m_work;  // for threads without work
+    std::condition_variable m_idle;  // for waitIdle
+    std::deque<Work> m_quick;        // guarded by m_mutex, as all below
     std::deque<Work> m_slow;
     int m_busy = 0;
     int m_busySlow = 0;

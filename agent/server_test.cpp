@@ -94,7 +94,7 @@ class ServerTest : public ::testing::Test {
         options.timeout = timeout;
         options.maxClients = maxClients;
         m_server = std::make_unique<Server>(m_io, m_service, m_pool, options);
-        m_file = std::make_unique<SocketFile>(SocketOptions{path(), 0600, ""});
+        m_file = std::make_unique<SocketFile>(SocketOptions{path(), 0600});
         m_server->listen(m_file->release());
         m_thread = std::thread([this] { m_io.run(); });
     }

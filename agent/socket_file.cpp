@@ -1,16 +1,13 @@
 #include "agent/socket_file.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 namespace vexagent {
 namespace {
@@ -58,38 +55,38 @@ void checkPlace(const std::string& path) {
     if (isAnswered(path)) fail(path, "another agent answers on it");
 }
 
-gid_t groupId(const std::string& path, const std::string& name) {
-    std::vector<char> buffer(65536);
-    group entry{};
-    group* found = nullptr;
-    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
-        fail(path, "there is no group \"" + name + "\"");
-    return found->gr_gid;
+// The socket's name until it is ready. Reached through the folder's descriptor, so
+// that it fits wherever the socket's own path does.
+constexpr char kUnready[] = ".vexagent.new";
+
+std::string throughDescriptor(const FolderLock& folder) {
+    return "/proc/self/fd/" + std::to_string(folder.descriptor()) + "/" + kUnready;
 }
 
 }  // namespace
 
 SocketFile::SocketFile(const SocketOptions& options) : m_path(options.path) {
-    const std::string beside = m_path + ".n";
-    if (m_path.empty() || beside.size() >= sizeof sockaddr_un::sun_path)
+    if (m_path.empty() || m_path.size() > kLongestSocketPath)
         fail(m_path, "is not a possible path of a socket");
+    const FolderLock folder(m_path);
     checkPlace(m_path);
     // Made under another name and moved, mode and group set, so that the path
     // never shows a socket that is not ready.
     try {
-        create(options, beside);
-        if (std::rename(beside.c_str(), m_path.c_str()) != 0) failSystem(m_path);
+        create(options, folder);
+        if (::renameat(folder.descriptor(), kUnready, AT_FDCWD, m_path.c_str()) != 0) failSystem(m_path);
     } catch (...) {
         if (m_descriptor >= 0) ::close(m_descriptor);
-        ::unlink(beside.c_str());
+        ::unlinkat(folder.descriptor(), kUnready, 0);
         throw;
     }
 }
 
-void SocketFile::create(const SocketOptions& options, const std::string& path) {
-    const sockaddr_un address = addressOf(path);
+void SocketFile::create(const SocketOptions& options, const FolderLock& folder) {
+    const int at = folder.descriptor();
+    const sockaddr_un address = addressOf(throughDescriptor(folder));
     m_descriptor = newSocket(m_path);
-    ::unlink(path.c_str());
+    ::unlinkat(at, kUnready, 0);  // of an agent that was killed
     // The mode counts from the first moment: nobody but the owner may connect.
     const mode_t before = ::umask(0177);
     const int bound = ::bind(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -97,14 +94,13 @@ void SocketFile::create(const SocketOptions& options, const std::string& path) {
     ::umask(before);
     errno = reason;
     if (bound != 0) failSystem(m_path);
-    if (!options.group.empty()) {
-        const gid_t group = groupId(m_path, options.group);
-        if (::lchown(path.c_str(), static_cast<uid_t>(-1), group) != 0) failSystem(m_path);
-    }
-    if (::chmod(path.c_str(), options.mode) != 0) failSystem(m_path);
+    if (options.group &&
+        ::fchownat(at, kUnready, static_cast<uid_t>(-1), *options.group, AT_SYMLINK_NOFOLLOW) != 0)
+        failSystem(m_path);
+    if (::fchmodat(at, kUnready, options.mode, 0) != 0) failSystem(m_path);
     if (::listen(m_descriptor, SOMAXCONN) != 0) failSystem(m_path);
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) failSystem(m_path);
+    if (::fstatat(at, kUnready, &status, AT_SYMLINK_NOFOLLOW) != 0) failSystem(m_path);
     m_device = status.st_dev;
     m_inode = status.st_ino;
 }

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/un.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "agent/folder_lock.h"
 
 namespace vexagent {
 
@@ -14,10 +18,13 @@ class SocketError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// What fits into a socket's address, which ends with a NUL.
+inline constexpr std::size_t kLongestSocketPath = sizeof sockaddr_un::sun_path - 1;
+
 struct SocketOptions {
-    std::string path;
+    std::string path;  // at most kLongestSocketPath bytes
     unsigned mode = 0660;
-    std::string group;  // empty: the process's own
+    std::optional<gid_t> group{};  // the process's own when there is none
 };
 
 // A listening socket at a path, from construction to remove or destruction.
@@ -25,10 +32,12 @@ struct SocketOptions {
 // It appears at its path in one step, listening, with its mode and group: there
 // is no moment at which somebody else could connect, or nobody could. A socket
 // that nobody listens on is replaced; one that answers is another agent's, and
-// construction fails, as it does when anything else is at the path.
+// construction fails, as it does when anything else is at the path. Of several
+// agents that start at the same instant one gets the path: its folder is locked
+// from the look at the path until the socket is there.
 class SocketFile {
   public:
-    // Throws SocketError.
+    // Throws SocketError, or LockError.
     explicit SocketFile(const SocketOptions& options);
     ~SocketFile();
     SocketFile(const SocketFile&) = delete;
@@ -41,7 +50,7 @@ class SocketFile {
     void remove();
 
   private:
-    void create(const SocketOptions& options, const std::string& path);
+    void create(const SocketOptions& options, const FolderLock& folder);
 
     const std::string m_path;
     int m_descriptor = -1;

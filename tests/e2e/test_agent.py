@@ -54,7 +54,9 @@ def test_a_value_that_makes_no_sense(world, name, value):
 
 
 def test_a_group_that_nobody_knows(world):
-    assert 'there is no group "no-such-group-here"' in refused(world.agent(agent__socket__group="no-such-group-here"))
+    agent = world.agent(agent__socket__group="no-such-group-here")
+    assert refused(agent) == (f'vexagent: {agent.settings_file}:7: agent.socket.group is "no-such-group-here", '
+                              "which is no group of this host")
 
 
 def test_every_setting_is_documented(world):
