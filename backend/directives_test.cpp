@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,12 @@
 // No overlay is loaded here; the end-to-end tests load real ones.
 extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) {
     return nullptr;
+}
+
+// Memory that is asked for without exceptions runs out when a test says so.
+static bool memoryIsExhausted = false;
+void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
+    return memoryIsExhausted ? nullptr : ::operator new(size);
 }
 
 namespace {
@@ -250,6 +257,13 @@ TEST_F(TranslationDirectiveTest, AFileThatCannotBeLoadedIsRefusedAndTheMapStays)
     EXPECT_THAT(complaint({"vextranslation", "/nonexistent/map"}),
                 HasSubstr("dirgate ERROR: slapd.conf: line 7: /nonexistent/map: "));
     EXPECT_EQ(gTranslationMap->get("a", ""), "1");
+}
+
+TEST_F(TranslationDirectiveTest, AMapThatIsAbsentAfterLoadingIsRefused) {
+    memoryIsExhausted = true;
+    const std::string said = complaint({"vextranslation", "rfc2307.map"});
+    memoryIsExhausted = false;
+    EXPECT_EQ(said, "dirgate ERROR: slapd.conf: line 7: Properties(rfc2307.map) failed\n");
 }
 
 TEST_F(TranslationDirectiveTest, TheMapIsShownInDebugMode) {
