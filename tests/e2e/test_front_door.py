@@ -29,10 +29,18 @@ def gateway_of(world):
     return found
 
 
+def heed_interruptions():
+    """As from a terminal, also when the tests run in the background, where shells let
+    their children ignore interruptions."""
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_DFL)
+
+
 def start(world, command, **variables):
     port = free_port()
     process = subprocess.Popen(command, cwd=ROOT, env=environment(world, PORT=str(port), **variables),
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True,
+                               preexec_fn=heed_interruptions)
     output = b""
     for line in process.stdout:
         output += line
