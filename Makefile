@@ -14,6 +14,7 @@ help:
 	@echo 'make lint      the format, and what clang-tidy finds'
 	@echo 'make sanitize  the unit tests under the sanitizers (asan and tsan)'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
+	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make bench     the benchmarks'
 	@echo 'make clean     removes build/'
 
@@ -34,11 +35,16 @@ setup:
 	@tools/setup
 	@tools/slapd-headers build/slapd
 
+# What only developers of the gateway need besides.
+.PHONY: setup-dev
+setup-dev: setup
+	@tools/setup tools/packages-dev.txt
+
 build-%: setup
 	@test -f build/$*/build.ninja || cmake --preset $* > build/$*.log || { cat build/$*.log; exit 1; }
 	@ninja -C build/$* $(TARGETS)
 
-lint: build
+lint: setup-dev build
 	clang-format --dry-run -Werror $(CXX_FILES)
 	printf '%s\n' $(filter %.cpp,$(CXX_FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/release
 
@@ -47,16 +53,23 @@ asan tsan: %: build-%
 
 sanitize: asan tsan
 
+# A small quarantine keeps the address sanitizer in the processor's caches; file
+# descriptor 2 is what the code under test complains on, and is closed to it.
 FUZZ_SECONDS ?= 30
+FUZZ_FLAGS ?= -max_total_time=$(FUZZ_SECONDS)
+FUZZ_ASAN := malloc_context_size=4:quarantine_size_mb=8:thread_local_quarantine_size_kb=64
+build-fuzz: setup-dev
+fuzz: TARGETS = $(notdir $(wildcard fuzz/corpus/*))
 fuzz: build-fuzz
 	@set -e; for corpus in fuzz/corpus/*; do \
 	    target=$$(basename "$$corpus"); echo "== $$target"; mkdir -p "build/fuzz/found/$$target"; \
 	    program=$$(find build/fuzz -name "$$target" -type f -perm -100); \
-	    "$$program" -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=1024 -verbosity=0 -print_final_stats=1 \
+	    ASAN_OPTIONS=$(FUZZ_ASAN) "$$program" $(FUZZ_FLAGS) -rss_limit_mb=1024 -close_fd_mask=2 \
+	        -verbosity=0 -print_final_stats=1 \
 	        -artifact_prefix="build/fuzz/found/$$target/" "build/fuzz/found/$$target" "$$corpus"; \
 	done
 
-bench: setup
+bench: setup-dev
 	@cmake --preset release -B build/bench -DZX_BENCH=ON > build/bench.log || { cat build/bench.log; exit 1; }
 	@ninja -C build/bench
 	@set -e; for program in build/bench/bench/*_bench; do "$$program"; done

@@ -15,7 +15,7 @@ constexpr std::size_t kLineBytes = 1022;
 
 class Line {
   public:
-    Line(const char* format, std::va_list arguments) {
+    __attribute__((format(printf, 2, 0))) Line(const char* format, std::va_list arguments) {
         std::vsnprintf(m_text, sizeof m_text, format, arguments);
     }
     const char* text() const { return m_text; }

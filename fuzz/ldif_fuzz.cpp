@@ -4,10 +4,11 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "tests/standin/vex_standin.h"
 #include "translate/ldif.h"
 #include "translate/ldif_reader.h"
 #include "vex/handles.h"
+#include "vex/object.h"
+#include "vex/scripted_agent.h"
 
 namespace {
 
@@ -23,15 +24,17 @@ std::vector<std::string> valuesOf(const std::uint8_t* data, std::size_t size) {
     return values;
 }
 
+vex::UniqueObject objectOf(const std::vector<std::string>& values) {
+    const std::string bytes = vextest::packed({{"_dn", {"CN=a,DC=x"}}, {"attr", values}});
+    return vex::UniqueObject(new vexObject{
+        vex::ObjectRef::copyOf({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()})});
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    standin::reset();
     const std::vector<std::string> values = valuesOf(data, size);
-    standin::Attribute attribute{"attr", {}};
-    for (const std::string& value : values) attribute.values.emplace_back(value);
-    const vex::UniqueObject object(standin::makeObject({{"_dn", {"CN=a,DC=x"}}, attribute}));
-    const auto lines = readLdif(object_to_ldif(nullptr, object.get(), {}));
+    const auto lines = readLdif(object_to_ldif(nullptr, objectOf(values).get(), {}));
     if (lines.size() != values.size() + 1) std::abort();
     for (std::size_t i = 0; i < values.size(); ++i) {
         if (lines[i + 1].name != "attr" || lines[i + 1].value != values[i]) std::abort();

@@ -22,7 +22,7 @@ struct ThreadLoggers {
 
 thread_local ThreadLoggers threadLoggers;
 
-std::string formatted(const char* format, std::va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, std::va_list arguments) {
     std::va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
