@@ -80,7 +80,9 @@ int onReply(Request* request, ldb_reply* reply) {
     if (reply->type != LDB_REPLY_ENTRY) return LDB_SUCCESS;
     auto* state = static_cast<Visit*>(request->context);
     if (visitOne(*state, reply->message)) return LDB_SUCCESS;
-    return LDB_ERR_OPERATIONS_ERROR;
+    // LDB takes an error from here for a request that is done already: one that is
+    // not would be waited for without end.
+    return ldb_request_done(request, LDB_ERR_OPERATIONS_ERROR);
 }
 
 void checkIndexes(ldb_context* ldb, const std::string& path) {

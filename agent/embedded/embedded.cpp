@@ -223,20 +223,42 @@ Result EmbeddedDirectory::checkAccount(const ldb_message* user) const {
     return {};
 }
 
+// How the first password that the database holds was hashed, so that a user whom
+// nobody knows takes the time of one who is there. Asked for at every log-in, of
+// known users too, for the same reason; looked up once after a change.
+std::string EmbeddedDirectory::idleSetting(Handle& handle) {
+    const std::optional<std::uint64_t> sequence = handle.sequence();
+    const std::lock_guard lock(m_idleMutex);
+    if (sequence && sequence == m_idleSequence) return m_idleSetting;
+    std::string setting;
+    const Pool pool = newPool();
+    ldb_dn* root = ldb_dn_new(pool.get(), handle.ldb(), nullptr);
+    const char* const attributes[] = {"userPassword", nullptr};
+    handle.search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), attributes, [&](ldb_message* message) {
+        setting = settingOf(firstValue(message, "userPassword"));
+        return setting.empty();
+    });
+    m_idleSequence = sequence;
+    m_idleSetting = setting;
+    return setting;
+}
+
 Result EmbeddedDirectory::authenticate(const std::string& user, const std::string& password) {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
     const Pool pool = newPool();
     Named named;
+    std::string idle;
     {
         // The handle is not held while the hash is computed.
         Database::Lease handle = m_database.lease();
         named = findByLoginName(*handle, pool.get(), user, m_rules);
+        idle = idleSetting(*handle);
     }
     if (named.count() > 1) return accountRefused("the name means more than one object");
     const ldb_message* object = named.only();
     const StoredHashes hashes(object);
-    const bool fitting = fitsAnyHash(password, hashes.values());
+    const bool fitting = fitsAnyHash(password, hashes.values(), idle);
     if (object == nullptr) return noSuchUser();
     return fitting ? checkAccount(object) : wrongPassword();
 }

@@ -39,6 +39,7 @@ class EmbeddedDirectory : public Directory {
     Result checkDomain(const std::string& domain) const;
     Result findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base);
     Result checkAccount(const ldb_message* user) const;
+    std::string idleSetting(Handle& handle);
 
     const NameRules m_rules;
     const std::string m_domainDn;
@@ -49,6 +50,10 @@ class EmbeddedDirectory : public Directory {
     std::mutex m_namesMutex;
     std::optional<std::uint64_t> m_namesSequence;  // guarded by m_namesMutex
     std::vector<std::string> m_names;              // guarded by m_namesMutex
+
+    std::mutex m_idleMutex;
+    std::optional<std::uint64_t> m_idleSequence;  // guarded by m_idleMutex
+    std::string m_idleSetting;                    // guarded by m_idleMutex
 };
 
 }  // namespace vexagent

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
+#include <time.h>
+
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -347,6 +350,51 @@ TEST(Passwords, Schemes) {
     EXPECT_TRUE(equalSecrets("abc", "abc"));
     EXPECT_FALSE(equalSecrets("abc", "abd"));
     EXPECT_FALSE(equalSecrets("abc", "ab"));
+}
+
+TEST(Passwords, SettingsAreWhatHashesWereMadeBy) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"$y$j9T$salt$hash", "$y$j9T$salt"},
+        {"{CRYPT}$5$rounds=1000$salt$hash", "$5$rounds=1000$salt"},
+        {"$2b$05$abcdefghijklmnopqrstuuHASHHASHHASHHASHHASHHASHHASHHAS", "$2b$05$abcdefghijklmnopqrstuu"},
+        {"_J9..rasmBYk8r9AiWNc", "_J9..rasm"},
+        {"rasmusXXXXXXX", "ra"},
+        {"{SSHA}abc", ""},
+        {"!", ""},
+        {"", ""},
+    };
+    for (const auto& [value, setting] : cases) EXPECT_EQ(settingOf(value), setting) << value;
+}
+
+// The thread's own processor time, the least of a few, in seconds.
+double timeOf(Directory& directory, const std::string& user) {
+    double least = 1e9;
+    for (int i = 0; i < 3; ++i) {
+        timespec before{}, after{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+        directory.authenticate(user, "no such password");
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+        least = std::min(least, static_cast<double>(after.tv_sec - before.tv_sec) +
+                                    static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9);
+    }
+    return least;
+}
+
+TEST(Authenticate, TheTimeTellsNobodyWhoExists) {
+    // Both cheaper and dearer than a new hash would be.
+    for (const char* setting : {"$5$rounds=1000$salt", "$6$rounds=400000$salt"}) {
+        crypt_data data{};
+        const std::string hash = crypt_r("pass", setting, &data);
+        const TestDirectory directory(units() + person("Bare", "bare", 1001) +
+                                      person("Ann", "ann", 1002, "userPassword: {CRYPT}" + hash + "\n"));
+        const double wrong = timeOf(*directory, "EXAMPLE\\ann");
+        for (const char* user : {"EXAMPLE\\nobody", "nobody@example.com", "CN=nobody,DC=example,DC=com",
+                                 "EXAMPLE\\bare", "nobody"}) {
+            const double other = timeOf(*directory, user);
+            EXPECT_GT(other, wrong * 0.6) << setting << " " << user;
+            EXPECT_LT(other, wrong * 1.7) << setting << " " << user;
+        }
+    }
 }
 
 std::string crowd(int size) {

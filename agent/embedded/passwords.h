@@ -8,10 +8,16 @@
 namespace vexagent {
 
 // Whether the password fits one of the stored values: a crypt(3) hash, with or
-// without "{CRYPT}" before it. Values of another scheme fit nothing. Takes about
-// as long when there is no value to compare with, so that the time does not tell
-// whether a user exists.
-bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues);
+// without "{CRYPT}" before it. Values of another scheme fit nothing. Where no value
+// can be compared with, a hash is computed all the same, by idleSetting or, when
+// that is empty, of the strength of new ones: the time does not tell whether a user
+// exists.
+bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues,
+                 const std::string& idleSetting = "");
+
+// What a stored value says about how it was made (scheme, strength, salt), without
+// the hash; empty for a value that fits nothing.
+std::string settingOf(std::string_view storedValue);
 
 // Compares in a time that depends on the lengths only.
 bool equalSecrets(std::string_view a, std::string_view b);
