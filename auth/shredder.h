@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "vorn/secret.h"
 
@@ -12,8 +13,8 @@ class Shredder {
   public:
     Shredder() = default;
     explicit Shredder(std::string_view secret) : m_text(secret) {}
-    Shredder(Shredder&& other) { take(other); }
-    Shredder& operator=(Shredder&& other) {
+    Shredder(Shredder&& other) noexcept { take(other); }
+    Shredder& operator=(Shredder&& other) noexcept {
         if (this != &other) take(other);
         return *this;
     }
@@ -24,9 +25,10 @@ class Shredder {
     const std::string& text() const { return m_text; }
 
   private:
-    void take(Shredder& other) {
+    void take(Shredder& other) noexcept {
         vorn::wipe(m_text);
-        m_text = other.m_text;  // a copy: a move of a short string would leave its bytes in the source
+        m_text = std::move(other.m_text);
+        // A short string's bytes are still in the source after a move.
         vorn::wipe(other.m_text);
     }
 

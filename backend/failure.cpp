@@ -59,6 +59,7 @@ class Diagnosis {
         m_result = result;
         std::va_list arguments;
         va_start(arguments, format);
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line above initialises it
         std::vsnprintf(m_text, static_cast<std::size_t>(m_size), format, arguments);
         va_end(arguments);
     }
