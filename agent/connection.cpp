@@ -36,6 +36,11 @@ Bytes greeting() {
 Connection::Connection(Socket socket, const Client& client, const Shared& shared)
     : m_socket(std::move(socket)), m_timer(shared.io), m_client(client), m_shared(shared) {}
 
+// A request that nobody has worked on may hold a password.
+Connection::~Connection() {
+    wipe(m_request);
+}
+
 void Connection::start() {
     m_shared.service.connected(m_client);
     m_busy = true;

@@ -37,6 +37,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     };
 
     Connection(Socket socket, const Client& client, const Shared& shared);
+    ~Connection();
 
     void start();
 
