@@ -1,11 +1,13 @@
 """vexagent by itself: what it refuses, in one line that names the thing, leaving nothing behind."""
 import os
+import re
+import signal
 import socket
 import subprocess
 
 import pytest
 
-from gateway import BUILD, ROOT, SECONDS, accepts
+from gateway import BUILD, ROOT, SECONDS, accepts, wait_until
 
 
 def one_line(log):
@@ -153,3 +155,61 @@ def test_the_database_counts_once_it_is_there(world):
     agent.settings["embedded.ldif"] = world.folder / "gone.ldif"
     agent.write_settings()
     agent.start()
+
+
+def run(*words):
+    return subprocess.run([BUILD / "agent/vexagent", *words], capture_output=True, text=True, timeout=SECONDS)
+
+
+def test_help_and_version():
+    text = run("--help")
+    assert (text.returncode, text.stderr) == (0, "")
+    assert text.stdout.startswith("Usage: vexagent [--config FILE] [--check]\n")
+    version = run("--version")
+    assert (version.returncode, version.stderr) == (0, "")
+    assert re.fullmatch(r"vexagent \d+(\.\d+)+\n", version.stdout)
+
+
+@pytest.mark.parametrize("words, complaint", [
+    (["--chek-it"], "unknown option --chek-it"),
+    (["--config"], "--config needs a value"),
+    (["start"], 'unexpected word "start"'),
+])
+def test_wrong_usage(words, complaint):
+    result = run(*words)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr == f"vexagent: {complaint}; try --help\n"
+
+
+def test_a_check_serves_and_builds_nothing(world):
+    agent = world.agent()
+    result = run("--config", agent.settings_file, "--check")
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+    assert not agent.socket.exists() and not (world.folder / "directory.ldb").exists()
+
+
+def test_a_check_finds_a_database_that_is_none(world):
+    (world.folder / "directory.ldb").write_bytes(b"no database" * 1000)
+    result = run("--config", world.agent().settings_file, "--check")
+    assert result.returncode == 1 and f"{world.folder}/directory.ldb" in one_line(result.stderr)
+
+
+def test_the_levels_are_read_anew_and_the_agent_goes_on(world):
+    agent = world.agent().start()
+    agent.settings_file.write_bytes(b"= what\n")
+    agent.signal(signal.SIGHUP)
+    wait_until(lambda: f"{agent.settings_file}:1: " in agent.log(), "the complaint")
+    assert agent.running() and accepts(socket.AF_UNIX, str(agent.socket))
+    assert agent.stop() == 0
+
+
+def test_two_at_the_same_instant(world):
+    first, second = world.agent(), world.agent()
+    second.log_file = world.folder / "second.log"
+    first.launch()
+    second.launch()
+    wait_until(lambda: first.running() != second.running(), "one of them gives up")
+    left, ended = (first, second) if first.running() else (second, first)
+    assert ended.process.returncode == 1 and "another agent answers on it" in one_line(ended.log())
+    left.wait_ready(lambda: accepts(socket.AF_UNIX, str(left.socket)))
+    assert left.stop() == 0
