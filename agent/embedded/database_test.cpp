@@ -1,0 +1,65 @@
+#include "agent/embedded/database.h"
+
+#include <gtest/gtest.h>
+
+#include <new>
+#include <optional>
+
+#include "agent/embedded/search.h"
+#include "agent/embedded/test_directory.h"
+
+namespace vexagent {
+namespace {
+
+class DatabaseReads : public testing::Test {
+  protected:
+    DatabaseReads() {
+        const std::string people =
+            person("Ann", "ann", 1) + person("Ben", "ben", 2) + person("Eve", "eve", 3);
+        buildDatabase(file(), m_folder.write("directory.ldif", units() + people), kRoot);
+        m_database.emplace(file());
+    }
+
+    std::string file() const { return m_folder.file("directory.ldb"); }
+
+    // Looks at every object, two units and three people, until the visitor has seen so many.
+    int countUpTo(int last, Handle& handle) {
+        const Pool pool = newPool();
+        ldb_dn* root = ldb_dn_new(pool.get(), handle.ldb(), nullptr);
+        int seen = 0;
+        const ReadResult read = handle.search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr,
+                                              [&](ldb_message*) { return ++seen < last; });
+        EXPECT_TRUE(read.ok()) << read.text;
+        return seen;
+    }
+
+    TemporaryFolder m_folder;
+    std::optional<Database> m_database;
+};
+
+TEST_F(DatabaseReads, EndWhenTheVisitorHasSeenEnough) {
+    const Database::Lease handle = m_database->lease();
+    EXPECT_EQ(countUpTo(1, *handle), 1);
+    EXPECT_EQ(countUpTo(2, *handle), 2);
+    EXPECT_EQ(countUpTo(1000, *handle), 5);
+}
+
+TEST_F(DatabaseReads, EndWhenTheVisitorOfAnIndexHasSeenEnough) {
+    const Database::Lease handle = m_database->lease();
+    int seen = 0;
+    const ReadResult read =
+        handle->find("objectClass", "user", nullptr, [&](ldb_message*) { return ++seen < 2; });
+    EXPECT_TRUE(read.ok()) << read.text;
+    EXPECT_EQ(seen, 2);
+}
+
+TEST_F(DatabaseReads, EndWhenMemoryDoes) {
+    const Database::Lease handle = m_database->lease();
+    EXPECT_THROW(
+        handle->find("objectClass", "user", nullptr, [](ldb_message*) -> bool { throw std::bad_alloc(); }),
+        std::bad_alloc);
+    EXPECT_EQ(countUpTo(1, *handle), 1);
+}
+
+}  // namespace
+}  // namespace vexagent
