@@ -71,7 +71,7 @@ class Server:
         servers.append(self)
 
     def spawn(self, command, env=None):
-        environment = dict(os.environ, **SANITIZER.options(self.report_file()), **self.sanitizer_env(), **(env or {}))
+        environment = {**os.environ, **SANITIZER.options(self.report_file()), **self.sanitizer_env(), **(env or {})}
         with open(self.log_file, "ab") as output:
             self.process = subprocess.Popen(
                 [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
