@@ -12,7 +12,7 @@ help:
 	@echo 'make test      unit tests and end-to-end tests'
 	@echo 'make build     build/release: the module, libvex, vexagent'
 	@echo 'make lint      the format, and what clang-tidy finds'
-	@echo 'make sanitize  the unit tests under the sanitizers (asan and tsan)'
+	@echo 'make sanitize  all tests under the sanitizers (asan, then tsan)'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make bench     the benchmarks'
@@ -49,7 +49,7 @@ lint: setup-dev build
 	printf '%s\n' $(filter %.cpp,$(CXX_FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/release
 
 asan tsan: %: build-%
-	@tools/run-tests $* --unit
+	@tools/run-tests $*
 
 sanitize: asan tsan
 
