@@ -8,9 +8,12 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "agent/temporary_folder.h"
+#include "vorn/temporary_folder.h"
 
 namespace vexagent {
+
+using vorn::test::TemporaryFolder;
+
 namespace {
 
 // A service manager's socket; name as NOTIFY_SOCKET has it.

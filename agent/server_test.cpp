@@ -13,10 +13,13 @@
 
 #include "agent/fake_directory.h"
 #include "agent/socket_file.h"
-#include "agent/temporary_folder.h"
 #include "agent/test_frames.h"
+#include "vorn/temporary_folder.h"
 
 namespace vexagent {
+
+using vorn::test::TemporaryFolder;
+
 namespace {
 
 constexpr int kSoonMs = 20'000;

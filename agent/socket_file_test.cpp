@@ -13,9 +13,12 @@
 #include <thread>
 #include <vector>
 
-#include "agent/temporary_folder.h"
+#include "vorn/temporary_folder.h"
 
 namespace vexagent {
+
+using vorn::test::TemporaryFolder;
+
 namespace {
 
 std::string failure(const SocketOptions& options) {

@@ -7,9 +7,11 @@
 
 #include "agent/embedded/embedded.h"
 #include "agent/embedded/ldif.h"
-#include "agent/temporary_folder.h"
+#include "vorn/temporary_folder.h"
 
 namespace vexagent {
+
+using vorn::test::TemporaryFolder;
 
 inline constexpr char kDomain[] = "example.com";
 inline constexpr char kRoot[] = "DC=example,DC=com";
