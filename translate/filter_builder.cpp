@@ -224,8 +224,9 @@ Filter* FilterBuilder::node(ber_tag_t choice) {
 // shows in a sanitizer.
 berval FilterBuilder::keep(const Text& text) {
     if (!text) return {0, nullptr};
-    std::vector<char>& bytes = m_texts.emplace_back(text->begin(), text->end());
-    bytes.push_back('\0');
+    // Never grown: it would get room to spare.
+    std::vector<char>& bytes = m_texts.emplace_back(text->size() + 1);
+    std::copy(text->begin(), text->end(), bytes.begin());
     return {text->size(), bytes.data()};
 }
 
