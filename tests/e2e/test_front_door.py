@@ -29,6 +29,14 @@ def gateway_of(world):
     return found
 
 
+@pytest.fixture(autouse=True)
+def nothing_outlives_its_test(world):
+    """Also when a test fails half-way: a gateway whose servers die ends itself."""
+    yield
+    for server in gateway_of(world):
+        server.kill()
+
+
 def heed_interruptions():
     """As from a terminal, also when the tests run in the background, where shells let
     their children ignore interruptions."""
