@@ -4,6 +4,7 @@
 // large table also pays for memory that the processor's caches cannot hold. The
 // objects are libvex's own, so a clone costs what it costs in slapd.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <cstdio>
 #include <map>
@@ -18,6 +19,9 @@
 
 namespace {
 
+// The size of the objects' buffers.
+std::size_t bufferBytes = 0;
+
 // An object with the attributes that every object has.
 vex::UniqueObject makeObject() {
     flatbuffers::FlatBufferBuilder builder;
@@ -30,6 +34,7 @@ vex::UniqueObject makeObject() {
     }
     const auto list = builder.CreateVector(attributes);
     builder.Finish(vex::wire::CreateObject(builder, list));
+    bufferBytes = builder.GetSize();
     const auto bytes = vex::ObjectRef::copyOf({builder.GetBufferPointer(), builder.GetSize()});
     return vex::UniqueObject(new vexObject{bytes});
 }
@@ -111,6 +116,25 @@ void objStoreWithEviction(benchmark::State& state) {
     }
 }
 
+// What a cached object takes of the heap, beside the size of its own buffer. The
+// buckets are there before and do not count: 8 bytes for each object that fits, by
+// the load factor.
+void objMemory(benchmark::State& state) {
+    const auto entries = static_cast<std::size_t>(state.range(0));
+    vorn::Thread::SetThreadsActive(true);
+    guids();
+    for (auto _ : state) {
+        SearchCacheManager cache;
+        cache.init(true, 1, entries, 1'000'000, 300, 0, 1.3F);
+        const std::size_t before = mallinfo2().uordblks;
+        for (std::size_t i = 0; i < entries; ++i) cache.putObj(guids()[i].c_str(), makeObject().get());
+        const std::size_t taken = mallinfo2().uordblks - before;
+        state.counters["bytes_per_object"] = static_cast<double>(taken) / static_cast<double>(entries);
+    }
+    state.counters["buffer_bytes"] = static_cast<double>(bufferBytes);
+}
+
+BENCHMARK(objMemory)->Arg(3'000)->Arg(300'000)->Iterations(1);
 BENCHMARK(listHit)
     ->Args({3'000, 1'000})
     ->Args({300'000, 1'000})
