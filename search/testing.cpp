@@ -1,6 +1,7 @@
 #include "search/testing.h"
 
-#include <cstring>
+#include <algorithm>
+#include <cstdlib>
 #include <ctime>
 
 #include "search/search.h"
@@ -15,12 +16,24 @@ struct berval bv(std::string& text) {
     return {text.size(), text.data()};
 }
 
-void* allocate(ber_len_t size, void* /*context*/) {
-    return ber_memalloc(size);
-}
-void release(void* memory, void* /*context*/) {
-    ber_memfree(memory);
-}
+// An operation's own memory: as in slapd, what is left of it goes with the operation.
+class Slab {
+  public:
+    ~Slab() {
+        for (void* block : m_blocks) std::free(block);
+    }
+    static void* allocate(ber_len_t size, void* slab) {
+        return static_cast<Slab*>(slab)->m_blocks.emplace_back(std::malloc(size));
+    }
+    static void release(void* block, void* slab) {
+        auto& blocks = static_cast<Slab*>(slab)->m_blocks;
+        blocks.erase(std::find(blocks.begin(), blocks.end(), block));
+        std::free(block);
+    }
+
+  private:
+    std::vector<void*> m_blocks;
+};
 
 }  // namespace
 
@@ -71,8 +84,10 @@ std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
         op->o_pagedresults = static_cast<char>(request.paged->control);
         op->o_pagedresults_state = &state;
     }
-    static BerMemoryFunctions memory = {allocate, nullptr, nullptr, release};
-    if (op->o_tmpmfuncs == nullptr) op->o_tmpmfuncs = &memory;
+    static BerMemoryFunctions memory = {Slab::allocate, nullptr, nullptr, Slab::release};
+    Slab slab;
+    op->o_tmpmfuncs = &memory;
+    op->o_tmpmemctx = &slab;
 
     const int result = vex_back_search(op, operation.reply());
     if (answer != nullptr) *answer = result;
