@@ -1,32 +1,13 @@
 #include "agent/pool.h"
 
-#include <signal.h>
-
 #include <algorithm>
 
+#include "vorn/signals_blocked.h"
+
 namespace vexagent {
-namespace {
-
-// Signals go to the main thread, which expects them.
-class SignalsBlocked {
-  public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-  private:
-    sigset_t m_before;
-};
-
-}  // namespace
 
 WorkerPool::WorkerPool(int threads) : m_slowLimit(std::max(1, threads - 1)) {
-    const SignalsBlocked blocked;  // the new threads inherit it
+    const vorn::SignalsBlocked blocked;  // the new threads inherit it
     for (int i = 0; i < threads; ++i) m_threads.emplace_back([this] { run(); });
 }
 

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "vorn/logger.h"
+#include "vorn/signals_blocked.h"
 
 namespace vorn {
 namespace {
@@ -33,23 +34,6 @@ std::atomic<bool> threadsActive = false;
 // Unwinds a thread that was killed. Not a std::exception, so that a body's
 // handler of those lets it pass.
 struct Killed {};
-
-// Blocks every signal for a scope. A thread starts with the mask of the one that
-// makes it.
-class SignalsBlocked {
-  public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-  private:
-    sigset_t m_before;
-};
 
 struct Task {
     std::string name;
