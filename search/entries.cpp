@@ -18,27 +18,41 @@ bool isMarkedInvalid(vexSession* session, const vexObject* object) {
 
 }  // namespace
 
-EntryMaker::EntryMaker(const SearchRequest& request, int scope, bool omitDn)
+EntryMaker::EntryMaker(const SearchRequest& request, int scope, bool omitDn, SearchCacheManager* cache)
     : m_request(request),
       m_baseScope(scope == LDAP_SCOPE_BASE),
-      m_ldifRequest{request.objectType, request.includeCn, request.attributes, omitDn} {}
+      m_ldifRequest{request.objectType, request.includeCn, request.attributes, omitDn},
+      m_keptEntries(request.fetchByDn || JPrintfEnabled() ? nullptr : cache, m_ldifRequest) {}
 
-EntryMaker::Result EntryMaker::make(vexSession* session, vex::UniqueObject* object, UniqueEntry* entry,
+EntryMaker::Result EntryMaker::make(vexSession* session, FoundObject* found, SharedEntry* entry,
                                     vexCode* code) const {
-    if (isMarkedInvalid(session, object->get())) return Result::Skipped;
-    std::string ldif = toLdif(session, object->get());
+    if (isMarkedInvalid(session, found->object.get())) return Result::Skipped;
+    *entry = m_keptEntries.find(*found);
+    if (*entry == nullptr) {
+        const Result converted = convert(session, found, entry, code);
+        if (converted != Result::Made) return converted;
+    }
+    return isOtherThanBase(entry->get()) ? Result::Skipped : Result::Made;
+}
+
+EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, SharedEntry* entry,
+                                       vexCode* code) const {
+    bool complained = false;
+    std::string ldif = toLdif(session, found->object.get(), &complained);
     if (ldif.empty()) return Result::Skipped;
     if (m_request.fetchByDn) {
-        const Result fetched = fetchByDn(session, object, code);
+        const Result fetched = fetchByDn(session, &found->object, code);
         if (fetched != Result::Made) return fetched;
-        ldif = toLdif(session, object->get());
+        ldif = toLdif(session, found->object.get(), &complained);
     }
     *entry = parse(ldif);
     if (*entry == nullptr) {
         JPrintf("Skipping object, invalid ldif %s", ldif.c_str());
         return Result::Skipped;
     }
-    return isOtherThanBase(entry->get()) ? Result::Skipped : Result::Made;
+    // An error is logged each time.
+    if (!complained) m_keptEntries.keep(*found, *entry);
+    return Result::Made;
 }
 
 EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject* object,
@@ -57,14 +71,15 @@ EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject*
     return Result::Made;
 }
 
-std::string EntryMaker::toLdif(vexSession* session, const vexObject* object) const {
-    std::string ldif = object_to_ldif(session, object, m_ldifRequest);
+std::string EntryMaker::toLdif(vexSession* session, const vexObject* object, bool* complained) const {
+    std::string ldif = object_to_ldif(session, object, m_ldifRequest, complained);
     JPrintf("After translation: out_ldif = \n%s", ldif.c_str());
     return ldif;
 }
 
-UniqueEntry EntryMaker::parse(std::string ldif) {
-    return UniqueEntry(str2entry(ldif.data()));
+SharedEntry EntryMaker::parse(std::string ldif) {
+    Entry* const entry = str2entry(ldif.data());
+    return entry == nullptr ? nullptr : SharedEntry(entry, entry_free);
 }
 
 // A base search answers with the base itself, or with nothing; the rewritten

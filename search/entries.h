@@ -3,7 +3,10 @@
 
 #include <string>
 
+#include "cache/search_cache.h"
 #include "search/handles.h"
+#include "search/kept_entries.h"
+#include "search/objects.h"
 #include "search/request.h"
 #include "translate/ldif.h"
 #include "vex/handles.h"
@@ -13,7 +16,9 @@
 // Makes the entries of one request.
 class EntryMaker {
   public:
-    EntryMaker(const SearchRequest& request, int scope, bool omitDn);
+    // Entries are kept in the cache. Where the conversion's log lines are wanted, and
+    // in a search for DNs in the forest, each is made anew.
+    EntryMaker(const SearchRequest& request, int scope, bool omitDn, SearchCacheManager* cache);
 
     enum class Result {
         Made,
@@ -23,19 +28,21 @@ class EntryMaker {
     };
 
     // Converts the object. A search for DNs in the forest fetches the whole object
-    // first, in *object's place. *code is the agent's for the last two results.
-    Result make(vexSession* session, vex::UniqueObject* object, UniqueEntry* entry, vexCode* code) const;
+    // first, in the found one's place. *code is the agent's for the last two results.
+    Result make(vexSession* session, FoundObject* found, SharedEntry* entry, vexCode* code) const;
 
     // The entry of an LDIF text, or null when it is none. By value: slapd works in
     // the text itself, and the caller's copy is what a complaint shows.
-    static UniqueEntry parse(std::string ldif);
+    static SharedEntry parse(std::string ldif);
 
   private:
+    Result convert(vexSession* session, FoundObject* found, SharedEntry* entry, vexCode* code) const;
     Result fetchByDn(vexSession* session, vex::UniqueObject* object, vexCode* code) const;
-    std::string toLdif(vexSession* session, const vexObject* object) const;
+    std::string toLdif(vexSession* session, const vexObject* object, bool* complained) const;
     bool isOtherThanBase(const Entry* entry) const;
 
     const SearchRequest& m_request;
     const bool m_baseScope;
     const LdifRequest m_ldifRequest;
+    const KeptEntries m_keptEntries;
 };

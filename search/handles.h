@@ -19,10 +19,8 @@
 
 #include "backend/slapd.h"
 
-struct EntryDeleter {
-    void operator()(Entry* entry) const { entry_free(entry); }
-};
-using UniqueEntry = std::unique_ptr<Entry, EntryDeleter>;
+// An entry of slapd's; its last owner frees it. One that is shared is only read.
+using SharedEntry = std::shared_ptr<Entry>;
 
 // The list that a search replays from the cache, or collects for it.
 struct CacheLdapHandle {
@@ -56,7 +54,7 @@ using SharedHandle = std::shared_ptr<LdapSearchHandle>;
 // names them.
 struct OpenPage {
     SharedHandle handle;
-    UniqueEntry pending;
+    SharedEntry pending;
 };
 
 // Safe for use by several threads; one instance a process.

@@ -1,5 +1,7 @@
 #include "search/objects.h"
 
+#include <utility>
+
 #include "backend/log.h"
 #include "vex/handles.h"
 
@@ -11,8 +13,9 @@ bool saysGone(vexCode code) {
 
 }  // namespace
 
-vexCode ObjectSource::next(vex::UniqueObject* object) {
-    return replays() ? nextFromList(object) : nextFromAgent(object);
+vexCode ObjectSource::next(FoundObject* found) {
+    *found = {};
+    return replays() ? nextFromList(found) : nextFromAgent(found);
 }
 
 bool ObjectSource::isFailure(vexCode end) const {
@@ -20,11 +23,11 @@ bool ObjectSource::isFailure(vexCode end) const {
     return !(replays() && saysGone(end));
 }
 
-vexCode ObjectSource::nextFromAgent(vex::UniqueObject* object) {
+vexCode ObjectSource::nextFromAgent(FoundObject* found) {
     vexObject* next = nullptr;
     const vexCode code = vexLdapSearchNext(m_handle->search, &next);
     if (code != VEX_OK) return code;
-    object->reset(next);
+    found->object.reset(next);
     if (m_handle->storable) store(next);
     return VEX_OK;
 }
@@ -37,20 +40,20 @@ void ObjectSource::store(const vexObject* object) {
     JPrintf("Get object(%s) from vexagent and save it to cache succesfully.", guid.get());
 }
 
-vexCode ObjectSource::nextFromList(vex::UniqueObject* object) {
+vexCode ObjectSource::nextFromList(FoundObject* found) {
     CacheLdapHandle& list = m_handle->cache;
     if (list.cursor >= list.guidList->size()) return VEX_END_OF_RESULTS;
     const std::string& guid = (*list.guidList)[list.cursor++];
-    vexObject* cached = nullptr;
-    if (m_cache->getObj(guid, &cached) != SearchCacheManager::kHit) return lookUp(guid, object);
+    CachedObject cached;
+    if (m_cache->getObj(guid, &cached) != SearchCacheManager::kHit) return lookUp(guid, found);
     JPrintf("Find object(%s) from cache successfully.", guid.c_str());
-    object->reset(cached);
+    *found = {std::move(cached.object), &guid, cached.serial, std::move(cached.attachment)};
     return VEX_OK;
 }
 
-vexCode ObjectSource::lookUp(const std::string& guid, vex::UniqueObject* object) {
-    vexObject* found = nullptr;
-    const vexCode code = vexLookupObjectByGuid(m_handle->session(), guid.c_str(), &found);
+vexCode ObjectSource::lookUp(const std::string& guid, FoundObject* found) {
+    vexObject* object = nullptr;
+    const vexCode code = vexLookupObjectByGuid(m_handle->session(), guid.c_str(), &object);
     if (code != VEX_OK) {
         JPrintf("Fetch object(%s) from vexagent by GUID failed. error code: %d", guid.c_str(), code);
         if (saysGone(code)) {
@@ -60,7 +63,7 @@ vexCode ObjectSource::lookUp(const std::string& guid, vex::UniqueObject* object)
         return code;
     }
     JPrintf("Fetch object(%s) from vexagent by GUID successfully.", guid.c_str());
-    m_cache->putObj(guid.c_str(), found);
-    object->reset(found);
+    m_cache->putObj(guid.c_str(), object);
+    found->object.reset(object);
     return VEX_OK;
 }

@@ -1,11 +1,23 @@
 // The objects of one open search, one after the other.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "cache/search_cache.h"
 #include "search/handles.h"
 #include "vex/handles.h"
+
+// An object of a search.
+struct FoundObject {
+    vex::UniqueObject object;
+
+    // Of one that the cache handed out: its GUID there, its entry's serial, and what
+    // is kept with it.
+    const std::string* cachedAs = nullptr;
+    std::uint64_t serial = 0;
+    CacheAttachment kept;
+};
 
 // Reads from the agent's search, or replays a list from the cache, where missing
 // objects are looked up at the agent. Objects from the agent fill the cache when
@@ -16,7 +28,7 @@ class ObjectSource {
 
     // VEX_OK with an object, VEX_END_OF_RESULTS after the last one, or why there
     // are no more objects to be had.
-    vexCode next(vex::UniqueObject* object);
+    vexCode next(FoundObject* found);
 
     // Whether a code that ended the results means that objects are missing from
     // them which the directory may have.
@@ -24,9 +36,9 @@ class ObjectSource {
 
   private:
     bool replays() const { return m_handle->search == nullptr; }
-    vexCode nextFromAgent(vex::UniqueObject* object);
-    vexCode nextFromList(vex::UniqueObject* object);
-    vexCode lookUp(const std::string& guid, vex::UniqueObject* object);
+    vexCode nextFromAgent(FoundObject* found);
+    vexCode nextFromList(FoundObject* found);
+    vexCode lookUp(const std::string& guid, FoundObject* found);
     void store(const vexObject* object);
 
     LdapSearchHandle* const m_handle;

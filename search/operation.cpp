@@ -117,7 +117,7 @@ bool SearchOperation::answerDomainEntry() {
     }
     m_session.reset();
     const std::string ldif = domainEntryLdif(suffix.bv_val, m_request.firstRdn);
-    const UniqueEntry entry = EntryMaker::parse(ldif);
+    const SharedEntry entry = EntryMaker::parse(ldif);
     if (entry == nullptr) {
         std::snprintf(failureText, sizeof failureText, "str2entry Failed, bad ldif: %s", ldif.c_str());
         JPrintf("%s", failureText);
@@ -213,14 +213,16 @@ bool SearchOperation::openAgentSearch() {
 // ---------------------------------------------------------------- deliver
 
 bool SearchOperation::deliver() {
-    if (m_pending != nullptr && !send(std::move(m_pending))) return false;
+    if (const SharedEntry pending = std::exchange(m_pending, nullptr); pending != nullptr && !send(pending)) {
+        return false;
+    }
 
     m_nothingSent = true;
-    const EntryMaker maker(m_request, m_op->ors_scope, m_omitDn);
+    const EntryMaker maker(m_request, m_op->ors_scope, m_omitDn, m_cache);
     ObjectSource source(m_handle.get(), m_cache);
-    vex::UniqueObject object;
-    while ((m_endCode = source.next(&object)) == VEX_OK) {
-        const Delivery delivery = deliverObject(maker, &object);
+    FoundObject found;
+    while ((m_endCode = source.next(&found)) == VEX_OK) {
+        const Delivery delivery = deliverObject(maker, &found);
         if (delivery == Delivery::PageIsFull) return true;
         if (delivery == Delivery::Ended) return false;
     }
@@ -232,13 +234,13 @@ bool SearchOperation::deliver() {
     return true;
 }
 
-SearchOperation::Delivery SearchOperation::deliverObject(const EntryMaker& maker, vex::UniqueObject* object) {
+SearchOperation::Delivery SearchOperation::deliverObject(const EntryMaker& maker, FoundObject* found) {
     if (m_op->o_abandon) return Delivery::Ended;
     if (limitReached()) return Delivery::Ended;
 
-    UniqueEntry entry;
+    SharedEntry entry;
     vexCode code = VEX_OK;
-    switch (maker.make(session(), object, &entry, &code)) {
+    switch (maker.make(session(), found, &entry, &code)) {
         case EntryMaker::Result::Made:
             break;
         case EntryMaker::Result::Skipped:
@@ -254,7 +256,7 @@ SearchOperation::Delivery SearchOperation::deliverObject(const EntryMaker& maker
         m_pending = std::move(entry);
         return Delivery::PageIsFull;
     }
-    if (!send(std::move(entry))) return Delivery::Ended;
+    if (!send(entry)) return Delivery::Ended;
     m_nothingSent = false;
     return Delivery::GoesOn;
 }
@@ -274,7 +276,7 @@ bool SearchOperation::belowSizeLimit() const {
     return m_op->ors_slimit == SLAP_NO_LIMIT || m_rs->sr_nentries < m_op->ors_slimit;
 }
 
-bool SearchOperation::send(UniqueEntry entry) {
+bool SearchOperation::send(const SharedEntry& entry) {
     m_rs->sr_entry = entry.get();
     m_rs->sr_attrs = m_request.attributes.empty() ? nullptr : m_op->ors_attrs;
     m_rs->sr_flags = 0;

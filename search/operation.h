@@ -45,9 +45,9 @@ class SearchOperation {
     bool takeCachedList();
     bool openAgentSearch();
 
-    Delivery deliverObject(const EntryMaker& maker, vex::UniqueObject* object);
+    Delivery deliverObject(const EntryMaker& maker, FoundObject* found);
     bool limitReached();
-    bool send(UniqueEntry entry);
+    bool send(const SharedEntry& entry);
 
     bool belowSizeLimit() const;
     void storeList();
@@ -66,7 +66,7 @@ class SearchOperation {
     bool m_omitDn = false;
     vex::UniqueSession m_session;  // until a handle has it
     SharedHandle m_handle;
-    UniqueEntry m_pending;  // converted for the page before, or for the next one
+    SharedEntry m_pending;  // converted for the page before, or for the next one
 
     bool m_nothingSent = false;  // set when the object loop begins, cleared by its first entry
     vexCode m_endCode = VEX_OK;  // what ended the object loop

@@ -78,10 +78,14 @@ class Conversion {
     }
 
     std::string run();
+    // Whether run has logged an error.
+    bool complained() const { return m_complained; }
 
   private:
     void chooseMapping();
     bool categoryFits(std::string_view category) const;
+
+    void complain(const char* attribute, vexCode code);
 
     void writeDn();
     void writeCnAndParent(const std::string& dn);
@@ -108,6 +112,7 @@ class Conversion {
     std::unique_ptr<vorn::Properties::Map> m_mapping;  // the entries below the prefix; null: no mapping
     std::vector<std::string_view> m_written;           // LDAP names, views of m_mapping's keys
     std::string m_ldif;
+    bool m_complained = false;
 };
 
 std::string Conversion::run() {
@@ -123,7 +128,7 @@ void Conversion::chooseMapping() {
     vex::UniqueString category;
     const vexCode code = vex::readAttribute(m_session, m_object, VORN_OBJECT_CATEGORY, &category);
     if (code != VEX_OK) {
-        JError("Failed to retrieve %s from object: %s", VORN_OBJECT_CATEGORY, codeText(code));
+        complain(VORN_OBJECT_CATEGORY, code);
         return;
     }
     if (gTranslationMap == nullptr || !categoryFits(category.get())) return;
@@ -136,6 +141,11 @@ bool Conversion::categoryFits(std::string_view category) const {
     return vorn::equalsIgnoreCase(type, category) || (category == AD_USER_CATEGORY && type == kUserType);
 }
 
+void Conversion::complain(const char* attribute, vexCode code) {
+    JError("Failed to retrieve %s from object: %s", attribute, codeText(code));
+    m_complained = true;
+}
+
 void Conversion::writeDn() {
     if (m_request.omitDn) {
         m_ldif.append("dn: \n");
@@ -145,6 +155,7 @@ void Conversion::writeDn() {
     const vexCode code = vex::readAttribute(m_session, m_object, AD_OBJECT_DN_TEXT, &dn);
     if (code != VEX_OK) {
         JError("object_to_ldif: Error rc = %s (%d) from vexGetAttributeStr getting dn", codeText(code), code);
+        m_complained = true;
         return;
     }
     m_ldif.append("dn: ");
@@ -166,7 +177,7 @@ void Conversion::writeCnAndParent(const std::string& dn) {
             parent = vorn::DN::parent(dn);
             m_ldif.append("cn=").append(cn.get()).append(",").append(parent);
         } else {
-            JError("Failed to retrieve %s from object: %s", attribute.c_str(), codeText(code));
+            complain(attribute.c_str(), code);
         }
     }
     // A DN without a parent thus stays whole behind its new "cn=".
@@ -265,8 +276,12 @@ void Conversion::writeAsItIs(const char* name) {
 
 }  // namespace
 
-std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request) {
-    return Conversion(session, object, request).run();
+std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request,
+                           bool* complained) {
+    Conversion conversion(session, object, request);
+    std::string ldif = conversion.run();
+    if (complained != nullptr && conversion.complained()) *complained = true;
+    return ldif;
 }
 
 void attr_values_to_ldif(std::string* ldif, std::string_view name, const vexBlob* values, int count) {

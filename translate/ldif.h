@@ -13,14 +13,18 @@ struct LdifRequest {
     bool includeCn = false;              // the client asked for cn by name
     std::vector<std::string> requested;  // agent attribute names; empty means all
     bool omitDn = false;                 // an empty DN line
+
+    bool operator==(const LdifRequest&) const = default;
 };
 
 // The object's text: the DN line, the attributes that gTranslationMap names, then
 // the others. Lines end in "\n". Never fails: what cannot be read is logged and
 // left out; a text without a DN line is none that str2entry takes. The DN is
 // written as it is, not as base64, unless it holds a line break. Safe for several
-// threads, each with its own session.
-std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request);
+// threads, each with its own session. complained, if given, is set when an error was
+// logged, and left alone otherwise.
+std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request,
+                           bool* complained = nullptr);
 
 // Appends the lines of one attribute. A value that is not printable goes base64;
 // a value whose data pointer is null leaves the bare name, with no separator and

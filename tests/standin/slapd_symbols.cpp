@@ -12,6 +12,7 @@ extern "C" {
 int slap_debug = 0;
 struct slap_control_ids slap_cids;
 char* slap_known_controls[SLAP_MAX_CIDS + 1];
+struct slap_internal_schema slap_schema;
 }
 
 namespace {
@@ -247,6 +248,12 @@ Entry* str2entry(char* text) {
     if (fill(entry, text)) return entry;
     entry_free(entry);
     return nullptr;
+}
+
+// No entry here is of a special class. That it was asked is noted as slapd does.
+int is_entry_objectclass(Entry* entry, ObjectClass* /*objectClass*/, unsigned flags) {
+    if (flags & SLAP_OCF_SET_FLAGS) entry->e_ocflags |= SLAP_OC__END;
+    return 0;
 }
 
 void entry_free(Entry* entry) {
