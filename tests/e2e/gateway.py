@@ -27,6 +27,8 @@ SLAPD = next((path for path in ("/usr/sbin/slapd", "/usr/local/sbin/slapd") if o
 SANITIZER = Sanitizer(BUILD, ROOT)
 # The deadline of everything that is waited for.
 SECONDS = 60 if SANITIZER.kind else 20
+# Whether tests that come in a short and a long form are to be long (make soak).
+LONG = bool(os.environ.get("ZX_LONG"))
 STATISTICS = "vexagent: requests served:"  # how the line that answers SIGUSR1 begins
 CRASHES = (signal.SIGSEGV, signal.SIGABRT, signal.SIGBUS, signal.SIGFPE, signal.SIGILL)
 
@@ -70,11 +72,11 @@ class Server:
         self.log_file = folder / f"{name}.log"
         servers.append(self)
 
-    def spawn(self, command, env=None):
+    def spawn(self, command, env=None, stdin=subprocess.DEVNULL):
         environment = {**os.environ, **SANITIZER.options(self.report_file()), **self.sanitizer_env(), **(env or {})}
         with open(self.log_file, "ab") as output:
             self.process = subprocess.Popen(
-                [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                [str(word) for word in command], stdin=stdin, stdout=output, stderr=output,
                 env=environment, preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
 
     def report_file(self):
