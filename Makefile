@@ -4,7 +4,7 @@ PYTHON := /usr/bin/python3
 CXX_FILES = $(shell git ls-files '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
-.PHONY: help run test build lint asan tsan sanitize fuzz bench clean
+.PHONY: help run test build lint asan tsan sanitize soak fuzz bench clean
 
 help:
 	@echo 'make run       build all, start the gateway with the example directory, look something up'
@@ -13,6 +13,7 @@ help:
 	@echo 'make build     build/release: the module, libvex, vexagent'
 	@echo 'make lint      the format, and what clang-tidy finds'
 	@echo 'make sanitize  all tests under the sanitizers (asan, then tsan)'
+	@echo 'make soak      the long form of the tests of many requests'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make bench     the benchmarks'
@@ -24,8 +25,12 @@ run: TARGETS := back_zanthedx vexagent
 run: build
 	@tools/run-gateway
 
+# The tests of many requests run under the sanitizers too, with the servers alone
+# built for them.
 test: build
-	@tools/run-tests release
+	@$(MAKE) --no-print-directory build-asan build-tsan TARGETS='$(SANITIZED)'
+	@tools/run-tests release --load asan --load tsan
+SANITIZED := back_zanthedx vexagent vex_load
 
 build: build-release
 
@@ -52,6 +57,9 @@ asan tsan: %: build-%
 	@tools/run-tests $*
 
 sanitize: asan tsan
+
+soak: build
+	@ZX_LONG=1 tools/run-tests release --only-load
 
 # A small quarantine keeps the address sanitizer in the processor's caches; file
 # descriptor 2 is what the code under test complains on, and is closed to it.

@@ -1,0 +1,120 @@
+"""Mixed operations of several clients at once, first in calm, then while agents die and
+dumps are asked for. Every answer is checked; memory stays where it was. The long form
+(make soak) is a million operations."""
+import collections
+import ctypes
+import json
+import pathlib
+import signal
+import sys
+import time
+
+import psutil
+
+from gateway import LONG, SANITIZER, Server, Slapd, wait_until
+
+CLIENTS = 3
+PEOPLE = 400
+CALM, ROUGH = (80_000, 260_000) if LONG else (700, 500)  # operations of each client
+GROWTH = 4 << 20
+RESTARTS = 0.5  # seconds from one agent's death to the next
+DIRECTIVES = (
+    *Slapd.DIRECTIVES, "dirgate.cache.enabled true", "dirgate.cache.ttl 2", "dirgate.cache.negative.ttl 1",
+    "dirgate.cache.max.objects 300", "dirgate.cache.max.lists 60", "dirgate.cache.credential.expires 2")
+
+
+libcrypt = ctypes.CDLL("libcrypt.so.1")
+libcrypt.crypt.restype = ctypes.c_char_p
+
+
+def cheap_hash(password, salt):
+    return libcrypt.crypt(password.encode(), f"$5$rounds=1000${salt}".encode()).decode()
+
+
+def make_people(folder):
+    """The directory's LDIF file, and what the clients are to see of it."""
+    base = "OU=Staff,DC=example,DC=com"
+    records = [f"dn: {base}\nobjectClass: organizationalUnit\n"]
+    seen = {}
+    for number in range(PEOPLE):
+        uid = f"user{number}"
+        # A cheap hash: what it costs is not what is looked at here.
+        hashed = cheap_hash(f"pw-{uid}", f"salt{number}")
+        records.append(f"dn: CN=User {number},{base}\nobjectClass: user\nsAMAccountName: {uid}\nuidNumber: {5000 + number}\n"
+                       f"gidNumber: 5000\nunixHomeDirectory: /home/{uid}\nloginShell: /bin/sh\nuserPassword: {hashed}\n")
+        seen[uid] = {"uid": [uid], "uidNumber": [str(5000 + number)], "gidNumber": ["5000"],
+                     "homeDirectory": [f"/home/{uid}"], "loginShell": ["/bin/sh"]}
+    ldif, model = folder / "people.ldif", folder / "people.json"
+    ldif.write_text("\n".join(records), encoding="utf-8")
+    model.write_text(json.dumps({"base": "ou=Staff,dc=example,dc=com", "people": seen}), encoding="utf-8")
+    return ldif, model
+
+
+class Client(Server):
+    def __init__(self, world, number):
+        super().__init__(f"client{number}", world.folder, world.running_servers)
+        self.number = number
+
+    def start(self, slapd, model, operations):
+        script = pathlib.Path(__file__).with_name("soak_client.py")
+        self.spawn([sys.executable, script, slapd.uri, model, f"seed{self.number}", operations])
+        return self
+
+    def result(self):
+        assert self.process.returncode == 0, self.log()
+        return collections.Counter(json.loads(self.log()))
+
+
+def run_clients(world, slapd, model, operations, meanwhile):
+    """Runs the clients to their end. Returns the sum of their counts."""
+    first = len(world.running_servers)
+    clients = [Client(world, first + number).start(slapd, model, operations) for number in range(CLIENTS)]
+    while any(client.running() for client in clients):
+        assert slapd.running(), slapd.log()
+        meanwhile()
+    return sum((client.result() for client in clients), collections.Counter())
+
+
+def failures(counts):
+    return sum(count for kind, count in counts.items() if kind.startswith("failure"))
+
+
+def memory(server):
+    return psutil.Process(server.process.pid).memory_info().rss
+
+
+def test_every_answer_is_right_and_nothing_grows(world):
+    ldif, model = make_people(world.folder)
+    agent = world.agent(embedded__ldif=ldif).start()
+    slapd = world.slapd(agent, directives=DIRECTIVES).start()
+    slapd.connect("cn=user0,ou=Staff,dc=example,dc=com", "pw-user0")  # nothing is cached before
+
+    counts = run_clients(world, slapd, model, CALM, lambda: time.sleep(0.05))
+    print("calm", dict(counts))
+    assert failures(counts) == 0
+    assert counts["lookup"] > CALM
+    before = memory(slapd), psutil.Process(slapd.process.pid).num_fds()
+
+    restarts = 0
+
+    def disturb():
+        nonlocal restarts
+        next_death = time.monotonic() + RESTARTS
+        slapd.signal(signal.SIGUSR1)
+        wait_until(lambda: time.monotonic() > next_death, "the next death")
+        agent.kill()
+        agent.start()
+        restarts += 1
+
+    counts = run_clients(world, slapd, model, ROUGH, disturb)
+    print("rough", dict(counts), restarts, "agents")
+    assert restarts > 0
+    assert failures(counts) < sum(counts.values()) / 4
+
+    # The last agent serves as the first one did.
+    counts = run_clients(world, slapd, model, 100, lambda: time.sleep(0.05))
+    assert failures(counts) == 0
+    wait_until(lambda: "open searches: 0" in (agent.served() and agent.log().splitlines()[-1]), "no search stays open")
+    assert psutil.Process(slapd.process.pid).num_fds() <= before[1] + 2 * CLIENTS
+    if not SANITIZER.kind:
+        assert memory(slapd) - before[0] < GROWTH
