@@ -233,8 +233,7 @@ class Lab:
         [(_, entry)] = self.find(controller, f"(sAMAccountName={name})", [attribute])
         return entry[attribute][0].decode() if attribute in entry else None
 
-    def set_password(self, name, password):
-        [(dn, _)] = self.find(None, f"(sAMAccountName={name})", ["cn"])
+    def set_password(self, dn, password):
         self.administrator().modify_s(dn, [(ldap.MOD_REPLACE, "unicodePwd", f'"{password}"'.encode("utf-16-le"))])
 
     def modify(self, ldif):

@@ -1,15 +1,15 @@
-"""Fixtures of the end-to-end tests. The build folder is ZX_BUILD (default build/release)."""
+"""Fixtures of the end-to-end tests. The build folder is ZX_BUILD (default build/release),
+the directory behind the gateway ZX_DIRECTORY (directories.py)."""
 import os
-import pathlib
-import shutil
-import tempfile
 
 # Neither the user's nor the machine's LDAP settings may change an answer.
 os.environ["LDAPNOINIT"] = "1"
 
 import pytest  # noqa: E402
 
-from gateway import BUILD, SANITIZER, Agent, Slapd  # noqa: E402
+from directories import DIRECTORY  # noqa: E402
+from gateway import BUILD, SANITIZER  # noqa: E402
+from world import World  # noqa: E402
 
 # What `make run` starts is the build that is shipped, whichever one is tested.
 collect_ignore = ["test_front_door.py"] if SANITIZER.kind else []
@@ -20,6 +20,23 @@ LOG_LINES = 40
 def pytest_sessionstart(session):
     if not (BUILD / "agent/vexagent").exists():
         pytest.exit(f"{BUILD} is not built: run make build", returncode=2)
+
+
+def pytest_sessionfinish(session):
+    DIRECTORY.close()
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "embedded: about the embedded directory alone, or about none")
+
+
+def pytest_collection_modifyitems(config, items):
+    """On a domain the tests run that would see the difference."""
+    if DIRECTORY.kind == "embedded":
+        return
+    indifferent = [item for item in items if item.get_closest_marker("embedded") or "standin" in item.fixturenames]
+    config.hook.pytest_deselected(items=indifferent)
+    items[:] = [item for item in items if item not in indifferent]
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -37,39 +54,6 @@ def pytest_runtest_makereport(item, call):
 
 
 FAILED = pytest.StashKey()
-
-
-class World:
-    """A folder, and the servers that a test starts in it."""
-
-    def __init__(self):
-        # Short, so that the paths of sockets in it are short enough.
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zx-"))
-        self.running_servers = []
-
-    def agent(self, **settings):
-        return Agent(self.folder, self.running_servers, **settings)
-
-    def slapd(self, agent=None, **parts):
-        if agent is not None:
-            parts["env"] = {**agent.env, **parts.get("env", {})}
-        return Slapd(self.folder, self.running_servers, **parts)
-
-    def close(self):
-        """Stops everything; a server that crashed fails the test, and so does what a
-        sanitizer has to say."""
-        errors = []
-        for server in reversed(self.running_servers):
-            try:
-                server.stop()
-            except AssertionError as error:
-                errors.append(str(error))
-        errors += [f"{report.name}:\n{report.read_text(errors='replace')}"
-                   for report in sorted(self.folder.glob("*.sanitizer.*"))]
-        assert not errors, "\n".join(errors)
-
-    def remove(self):
-        shutil.rmtree(self.folder, ignore_errors=True)
 
 
 def make_world(request):

@@ -17,6 +17,7 @@ import time
 
 import ldap
 
+from directories import DIRECTORY
 from sanitizers import Sanitizer
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -128,20 +129,14 @@ class Server:
 class Agent(Server):
     """vexagent with a settings file of its own; further settings as a dictionary."""
 
-    def __init__(self, folder, servers, **settings):
+    def __init__(self, folder, servers, behind=DIRECTORY, **settings):
         super().__init__("vexagent", folder, servers)
         self.socket = folder / "agent.sock"
         self.settings_file = folder / "zanthe.conf"
-        self.settings = {
-            "agent.socket": self.socket,
-            "directory": "embedded",
-            "embedded.database": folder / "directory.ldb",
-            "embedded.ldif": EXAMPLES / "example.ldif",
-            "domain.name": "example.com",
-            "zone.dn": "CN=Global,CN=Zones,DC=example,DC=com",
-        }
+        self.directory = behind
+        self.settings = {"agent.socket": self.socket, **behind.settings(folder)}
         self.settings.update({name.replace("__", "."): value for name, value in settings.items()})
-        self.env = {"ZANTHE_CONF": str(self.settings_file)}
+        self.env = {"ZANTHE_CONF": str(self.settings_file), **behind.environment}
         self.write_settings()
 
     def write_settings(self):
@@ -173,10 +168,11 @@ class Agent(Server):
         return {kind: int(count) for kind, count in (item.split() for item in line.split(","))}
 
     def modify(self, ldif):
-        """Changes the embedded directory under the running agent. Without mdb:// the
-        tool would take the file for a database of another kind, and overwrite it."""
-        subprocess.run(["ldbmodify", "-H", f"mdb://{self.settings['embedded.database']}"], input=ldif.encode(), check=True,
-                       stdout=subprocess.DEVNULL)
+        """Changes the directory under the running agent."""
+        self.directory.modify(ldif, self.settings)
+
+    def set_password(self, dn, password):
+        self.directory.set_password(dn, password, self.settings)
 
 
 class Slapd(Server):

@@ -9,6 +9,8 @@ import pytest
 
 from gateway import BUILD, ROOT, SECONDS, accepts, wait_until
 
+pytestmark = pytest.mark.embedded
+
 
 def one_line(log):
     lines = log.strip().splitlines()

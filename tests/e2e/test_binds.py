@@ -8,9 +8,6 @@ from gateway import SUFFIX, Slapd, failure, search, wait_until
 
 PEOPLE = f"ou=People,{SUFFIX}"
 ANN = f"cn=ann,ou=Engineering,{PEOPLE}"
-# crypt(3) of "new" (SHA-512, few rounds)
-NEW = ("$6$rounds=1000$zanthedx$FwT5CipbZ2.mql.HJIGriYK0.JOsHeIdE1NA"
-       "HXZbOY3oZ0JsFk0lQcmMbHXrNyHD0yjk8WT1oNX/.oYBU4wlP1")
 WRONG = (49, "vexAuth : cannot bind to server due to invalid user or password.")
 
 
@@ -81,8 +78,7 @@ def test_a_password_without_a_name_is_anonymous_or_refused(gateway):
 
 def change_password(agent):
     """Ann's is "new" from now on."""
-    agent.modify(f"dn: cn=Ann Lee,ou=Engineering,{PEOPLE}\nchangetype: modify\nreplace: userPassword\n"
-                 f"userPassword: {{CRYPT}}{NEW}\n")
+    agent.set_password(f"cn=Ann Lee,ou=Engineering,{PEOPLE}", "new")
 
 
 def test_a_changed_password(world):

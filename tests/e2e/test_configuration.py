@@ -4,6 +4,8 @@ import pytest
 
 from gateway import EXAMPLES, SUFFIX, failure, search, values, wait_until
 
+pytestmark = pytest.mark.embedded
+
 FILTER = "(&(objectClass=posixAccount)(uid=ann))"
 BOOLEANS = ("vex-auth-prefer-cache", "dirgate.vextranslate.fetchbydnuid", "dirgate.cache.enabled",
             "dirgate.netgroup.use.rfc2307nisnetgroup", "dirgate.paged.critical", "dirgate.search.report.errors")

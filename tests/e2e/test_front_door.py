@@ -10,6 +10,8 @@ import pytest
 
 from gateway import BUILD, ROOT, SECONDS, accepts, free_port, wait_until
 
+pytestmark = pytest.mark.embedded
+
 
 def environment(world, **variables):
     env = {name: value for name, value in os.environ.items() if not name.startswith("MAKE")}

@@ -5,8 +5,8 @@ import sys
 
 import pytest
 
-from conftest import World
 from gateway import SANITIZER, Server, wait_until
+from world import World
 
 RUNTIMES = {"address": "libasan.so", "thread": "libtsan.so"}
 

@@ -10,6 +10,8 @@ import pytest
 
 from gateway import EXAMPLES, SLAPD, SUFFIX, Server, Slapd, accepts, free_port
 
+pytestmark = pytest.mark.embedded
+
 SCHEMA = EXAMPLES / "zanthedx.schema"
 
 # What a domain's objects look like: every kind of value, and those that are easy to lose.

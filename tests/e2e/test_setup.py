@@ -6,6 +6,8 @@ import pytest
 
 from gateway import ROOT
 
+pytestmark = pytest.mark.embedded
+
 
 def run_setup(packages):
     return subprocess.run([ROOT / "tools/setup", packages], capture_output=True, text=True, timeout=60)

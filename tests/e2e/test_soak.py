@@ -10,6 +10,7 @@ import sys
 import time
 
 import psutil
+import pytest
 
 from gateway import LONG, SANITIZER, Server, Slapd, wait_until
 
@@ -83,6 +84,7 @@ def memory(server):
     return psutil.Process(server.process.pid).memory_info().rss
 
 
+@pytest.mark.embedded
 def test_every_answer_is_right_and_nothing_grows(world):
     ldif, model = make_people(world.folder)
     agent = world.agent(embedded__ldif=ldif).start()
