@@ -77,6 +77,13 @@ class Cursor {
     virtual bool atEnd() const = 0;
 };
 
+// Whether a password may be checked against what the agent remembers of earlier
+// checks. A directory that is always at hand ignores both.
+struct LoginOptions {
+    bool preferCached = false;  // rather than waiting for a directory that was out of reach just now
+    bool allowCached = false;   // when the directory turns out to be out of reach
+};
+
 class Directory {
   public:
     virtual ~Directory() = default;
@@ -97,7 +104,8 @@ class Directory {
 
     // Whether this is the user's password: VEX_OK, VEX_NO_SUCH_USER,
     // VEX_WRONG_PASSWORD, VEX_ACCOUNT_REFUSED, or why it could not be told.
-    virtual Result authenticate(const std::string& user, const std::string& password) = 0;
+    virtual Result authenticate(const std::string& user, const std::string& password,
+                                LoginOptions options) = 0;
 
     // The names of the attributes that objects can carry.
     virtual Result supportedAttributes(std::vector<std::string>& names) = 0;

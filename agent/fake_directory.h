@@ -15,6 +15,7 @@ class FakeDirectory : public Directory {
   public:
     bool healthy = true;
     int logins = 0;
+    LoginOptions loginOptions;  // of the last login
 
     bool isQuick(const Query& query) const override { return query.filter == "quick"; }
 
@@ -48,8 +49,9 @@ class FakeDirectory : public Directory {
         return fetch("", guid, view, object);
     }
 
-    Result authenticate(const std::string&, const std::string& password) override {
+    Result authenticate(const std::string&, const std::string& password, LoginOptions options) override {
         ++logins;
+        loginOptions = options;
         if (password == "right") return {};
         return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
     }

@@ -39,6 +39,10 @@ int option(const wire::Request& request, int id) {
     return value;
 }
 
+LoginOptions loginOptions(const wire::Request& request) {
+    return {option(request, VEX_OPTION_PREFER_CACHED) != 0, option(request, VEX_OPTION_ALLOW_CACHED) != 0};
+}
+
 using Names = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
 
 View viewOf(const wire::Request& request, const Names* attributes) {
@@ -246,7 +250,7 @@ Answer Service::authenticate(const Client& client, const wire::Request& request)
     std::string password = text(login.password());
     Answer answer;
     try {
-        answer.result = m_directory.authenticate(user, password);
+        answer.result = m_directory.authenticate(user, password, loginOptions(request));
     } catch (...) {
         vorn::wipe(password);
         throw;

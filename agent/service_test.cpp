@@ -136,6 +136,18 @@ TEST_F(ServiceTest, LoginsArePassedOnOnce) {
     EXPECT_EQ(m_directory.logins, 2);
 }
 
+TEST_F(ServiceTest, ALoginSaysWhetherTheAgentsMemoryMayAnswer) {
+    ask(m_ann, loginFrame(1, "ann", "right"));
+    EXPECT_FALSE(m_directory.loginOptions.preferCached);
+    EXPECT_FALSE(m_directory.loginOptions.allowCached);
+    ask(m_ann, loginFrame(2, "ann", "right", {0x100}));
+    EXPECT_TRUE(m_directory.loginOptions.preferCached);
+    EXPECT_FALSE(m_directory.loginOptions.allowCached);
+    ask(m_ann, loginFrame(3, "ann", "right", {0x1000}));
+    EXPECT_FALSE(m_directory.loginOptions.preferCached);
+    EXPECT_TRUE(m_directory.loginOptions.allowCached);
+}
+
 TEST_F(ServiceTest, StatisticsCountByKind) {
     ask(m_ann, searchFrame(1, "3"));
     ask(m_ann, loginFrame(2, "ann", "wrong"));

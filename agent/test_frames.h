@@ -13,12 +13,15 @@ namespace vexagent {
 
 namespace wire = vex::wire;
 
-// A request's bytes, without the length.
+// A request's bytes, without the length. Each of the options is set to 1.
 template <typename Make>
-Bytes requestFrame(std::uint64_t id, wire::Body kind, Make make) {
+Bytes requestFrame(std::uint64_t id, wire::Body kind, Make make, const std::vector<int>& options = {}) {
     flatbuffers::FlatBufferBuilder builder;
     const auto body = make(builder).Union();
-    builder.Finish(wire::CreateRequest(builder, id, 0, kind, body), wire::kRequestIdentifier);
+    std::vector<flatbuffers::Offset<wire::Option>> set;
+    for (const int option : options) set.push_back(wire::CreateOption(builder, option, 1));
+    const auto list = builder.CreateVector(set);
+    builder.Finish(wire::CreateRequest(builder, id, list, kind, body), wire::kRequestIdentifier);
     return {builder.GetBufferPointer(), builder.GetBufferPointer() + builder.GetSize()};
 }
 
@@ -45,11 +48,13 @@ inline Bytes healthFrame(std::uint64_t id) {
     return requestFrame(id, wire::Body::Health, [](auto& builder) { return wire::CreateHealth(builder); });
 }
 
-inline Bytes loginFrame(std::uint64_t id, const std::string& user, const std::string& password) {
-    return requestFrame(id, wire::Body::Authenticate, [&](auto& builder) {
+inline Bytes loginFrame(std::uint64_t id, const std::string& user, const std::string& password,
+                        const std::vector<int>& options = {}) {
+    const auto make = [&](auto& builder) {
         const auto name = builder.CreateString(user);
         return wire::CreateAuthenticate(builder, name, builder.CreateString(password));
-    });
+    };
+    return requestFrame(id, wire::Body::Authenticate, make, options);
 }
 
 struct Reply {

@@ -15,7 +15,8 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/embedded/ldb.h"
+#include "agent/attributes.h"
+#include "agent/ldb.h"
 
 namespace vexagent {
 
@@ -122,12 +123,5 @@ bool isSelective(std::string_view attribute);
 
 // The records that tell LDB about indexes and matching rules, as LDIF.
 std::string schemaLdif();
-
-// Whether the attribute's values are compared as numbers.
-bool isIntegerAttribute(std::string_view attribute);
-
-// Whether the attribute's values are text that is compared without regard to case.
-// Not so the object's own DN, which is no text.
-bool ignoresCase(std::string_view attribute);
 
 }  // namespace vexagent

@@ -6,14 +6,14 @@
 #include <limits>
 #include <set>
 
-#include "agent/embedded/categories.h"
 #include "agent/embedded/filter.h"
 #include "agent/embedded/folding.h"
+#include "agent/embedded/kinds.h"
 #include "agent/embedded/objects.h"
-#include "agent/embedded/passwords.h"
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "agent/identifiers.h"
+#include "agent/passwords.h"
 #include "agent/secrets.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
@@ -180,7 +180,9 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     Database::Lease handle = m_database.lease();
     if (const Result found = findBase(*handle, pool.get(), query, plan.base); !found.ok()) return found;
 
-    FilterContext context{handle->ldb(), m_domainDn, {}};
+    FilterContext context;
+    context.ldb = handle->ldb();
+    context.rootDn = m_domainDn;
     if (query.view.zone) context.groupsOf = [&](std::string_view uid) { return groupsOf(*handle, uid); };
     Selection selection = rewriteFilter(pool.get(), plan.tree, context);
     if (selection == Selection::Some) selection = loosen(pool.get(), plan);
@@ -243,7 +245,7 @@ std::string EmbeddedDirectory::idleSetting(Handle& handle) {
     return setting;
 }
 
-Result EmbeddedDirectory::authenticate(const std::string& user, const std::string& password) {
+Result EmbeddedDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions) {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
     const Pool pool = newPool();

@@ -31,7 +31,9 @@ class EmbeddedDirectory : public Directory {
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
-    Result authenticate(const std::string& user, const std::string& password) override;
+    // Always asks the file, whatever the options.
+    Result authenticate(const std::string& user, const std::string& password,
+                        LoginOptions options = {}) override;
     Result supportedAttributes(std::vector<std::string>& names) override;
     Result health() override;
 

@@ -11,8 +11,8 @@
 #include <atomic>
 #include <thread>
 
-#include "agent/embedded/passwords.h"
 #include "agent/embedded/test_directory.h"
+#include "agent/passwords.h"
 
 namespace vexagent {
 namespace {
@@ -372,7 +372,7 @@ double timeOf(Directory& directory, const std::string& user) {
     for (int i = 0; i < 3; ++i) {
         timespec before{}, after{};
         ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
-        directory.authenticate(user, "no such password");
+        directory.authenticate(user, "no such password", {});
         ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
         least = std::min(least, static_cast<double>(after.tv_sec - before.tv_sec) +
                                     static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9);

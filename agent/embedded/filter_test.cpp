@@ -14,7 +14,9 @@ std::string rewritten(const std::string& text, bool zone = false) {
     const Talloc<ldb_context> ldb(ldb_init(nullptr, nullptr));
     ParseTree* tree = nullptr;
     if (!parseFilter(pool.get(), text, tree).ok()) return "bad";
-    FilterContext context{ldb.get(), "DC=example,DC=com", {}};
+    FilterContext context;
+    context.ldb = ldb.get();
+    context.rootDn = "DC=example,DC=com";
     if (zone)
         context.groupsOf = [](std::string_view) { return std::vector<std::string>{std::string(16, 'g')}; };
     switch (rewriteFilter(pool.get(), tree, context)) {

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/embedded/tree.h"
+#include "agent/tree.h"
 
 namespace vexagent {
 

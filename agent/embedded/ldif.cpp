@@ -11,7 +11,7 @@
 #include <optional>
 #include <sstream>
 
-#include "agent/embedded/categories.h"
+#include "agent/embedded/kinds.h"
 #include "agent/identifiers.h"
 #include "vorn/strings.h"
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "agent/embedded/categories.h"
+#include "agent/embedded/kinds.h"
 #include "agent/identifiers.h"
 #include "agent/secrets.h"
 #include "vorn/strings.h"

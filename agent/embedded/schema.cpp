@@ -1,8 +1,9 @@
-// Which attributes are indexed, and how values are compared.
+// Which attributes are indexed.
 
 #include <algorithm>
 #include <array>
 
+#include "agent/attributes.h"
 #include "agent/embedded/database.h"
 #include "vorn/strings.h"
 
@@ -23,22 +24,6 @@ constexpr std::array<std::string_view, 4> kBroad = {"gidNumber", "primaryGroupID
 // LDB reaches objects by these without an index record.
 constexpr std::array<std::string_view, 3> kBuiltIn = {"objectGUID", "dn", "distinguishedName"};
 
-constexpr std::array<std::string_view, 20> kIntegers = {
-    "uidNumber",      "gidNumber",        "primaryGroupID", "userAccountControl", "groupType",
-    "sAMAccountType", "accountExpires",   "pwdLastSet",     "shadowLastChange",   "shadowMin",
-    "shadowMax",      "shadowWarning",    "shadowInactive", "shadowExpire",       "shadowFlag",
-    "ipServicePort",  "ipProtocolNumber", "oncRpcNumber",   "lockoutTime",        "instanceType"};
-
-// Compared byte by byte: binary values, and paths and names of UNIX, where case
-// counts. Everything else ignores case, as Active Directory does.
-constexpr std::array<std::string_view, 18> kExact = {
-    "objectGUID",        "objectSid",         "sIDHistory",
-    "unixHomeDirectory", "loginShell",        "memberUid",
-    "userPassword",      "unicodePwd",        "unixUserPassword",
-    "jpegPhoto",         "thumbnailPhoto",    "userCertificate",
-    "nisNetgroupTriple", "memberNisNetgroup", "nisMapEntry",
-    "ipServiceProtocol", "bootFile",          "supplementalCredentials"};
-
 template <std::size_t size>
 bool holds(const std::array<std::string_view, size>& list, std::string_view name) {
     return std::any_of(list.begin(), list.end(),
@@ -57,16 +42,6 @@ bool isSelective(std::string_view attribute) {
 bool isIndexed(std::string_view attribute) {
     return isSelective(attribute) || holds(kBroad, attribute);
 }
-bool isIntegerAttribute(std::string_view attribute) {
-    return holds(kIntegers, attribute);
-}
-
-bool ignoresCase(std::string_view attribute) {
-    const bool isDn =
-        vorn::equalsIgnoreCase(attribute, "dn") || vorn::equalsIgnoreCase(attribute, "distinguishedName");
-    return !isDn && !isIntegerAttribute(attribute) && !holds(kExact, attribute);
-}
-
 std::string schemaLdif() {
     std::string indexes = "dn: @INDEXLIST\n";
     for (std::string_view name : kSelective)
@@ -75,8 +50,8 @@ std::string schemaLdif() {
     indexes += "@IDXONE: 1\n@IDXGUID: objectGUID\n@IDX_DN_GUID: GUID\n";
 
     std::string rules = "dn: @ATTRIBUTES\n*: CASE_INSENSITIVE\n";
-    for (std::string_view name : kIntegers) addRules(rules, name, "INTEGER");
-    for (std::string_view name : kExact) addRules(rules, name, "NONE");
+    for (std::string_view name : integerAttributes()) addRules(rules, name, "INTEGER");
+    for (std::string_view name : exactAttributes()) addRules(rules, name, "NONE");
     return indexes + "\n" + rules + "\n";
 }
 

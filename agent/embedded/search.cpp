@@ -1,7 +1,7 @@
 #include "agent/embedded/search.h"
 
-#include "agent/embedded/categories.h"
 #include "agent/embedded/folding.h"
+#include "agent/embedded/kinds.h"
 #include "agent/embedded/objects.h"
 #include "agent/identifiers.h"
 #include "vex/wire.h"

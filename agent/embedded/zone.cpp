@@ -5,7 +5,7 @@
 #include <set>
 #include <unordered_set>
 
-#include "agent/embedded/categories.h"
+#include "agent/embedded/kinds.h"
 #include "agent/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/strings.h"

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "agent/embedded/ldb.h"
+#include "agent/ldb.h"
 
 namespace vexagent {
 

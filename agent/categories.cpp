@@ -1,4 +1,4 @@
-#include "agent/embedded/categories.h"
+#include "agent/categories.h"
 
 #include <algorithm>
 #include <array>
@@ -42,14 +42,6 @@ constexpr std::array<std::string_view, 17> kUnixClasses = {
     "ipService",  "ipNetwork",     "ipHost",        "ipProtocol",     "oncRpc",   "posixAccount",
     "posixGroup", "shadowAccount", "ieee802Device", "bootableDevice", "automount"};
 
-bool has(const ldb_message* message, const char* name) {
-    return !firstValue(message, name).empty();
-}
-
-bool isPosixAccount(const ldb_message* message) {
-    return has(message, "uidNumber") && has(message, "gidNumber") && has(message, "unixHomeDirectory");
-}
-
 std::string_view spelling(std::string_view category) {
     for (const auto& [name, shown] : kShortNames)
         if (vorn::equalsIgnoreCase(name, category)) return shown;
@@ -71,41 +63,33 @@ std::string categoryOfClass(std::string_view objectClass) {
     return std::string(objectClass);
 }
 
-std::string categoryDn(std::string_view category, std::string_view domainDn) {
+std::string categoryDn(std::string_view category, std::string_view rootDn) {
     std::string dn = "CN=";
-    dn.append(category).append(",CN=Schema,CN=Configuration,").append(domainDn);
+    dn.append(category).append(",CN=Schema,CN=Configuration,").append(rootDn);
     return dn;
 }
 
-std::string_view specificClass(const ldb_message* message) {
-    const ldb_message_element* classes = ldb_msg_find_element(message, "objectClass");
-    if (classes == nullptr || classes->num_values == 0) return {};
-    return bytesOf(classes->values[classes->num_values - 1]);
-}
-
-std::string shortCategory(const ldb_message* message) {
-    const std::string_view category = firstRdnValue(firstValue(message, "objectCategory"));
+std::string shortCategory(std::string_view objectCategory, std::string_view specificClass) {
+    const std::string_view category = firstRdnValue(objectCategory);
     if (!category.empty()) return std::string(spelling(category));
-    return std::string(spelling(categoryOfClass(specificClass(message))));
+    return std::string(spelling(categoryOfClass(specificClass)));
 }
 
-bool isUnixKind(const ldb_message* message) {
-    const ldb_message_element* classes = ldb_msg_find_element(message, "objectClass");
-    if (classes == nullptr) return false;
-    for (unsigned i = 0; i < classes->num_values; ++i) {
-        const std::string_view name = bytesOf(classes->values[i]);
-        if (std::any_of(kUnixClasses.begin(), kUnixClasses.end(),
-                        [name](std::string_view kind) { return vorn::equalsIgnoreCase(kind, name); }))
-            return true;
-    }
-    return false;
+bool isUnixClass(std::string_view objectClass) {
+    return std::any_of(kUnixClasses.begin(), kUnixClasses.end(), [objectClass](std::string_view kind) {
+        return vorn::equalsIgnoreCase(kind, objectClass);
+    });
 }
 
-bool isInvalidEntry(const ldb_message* message, std::string_view category) {
-    if (category == AD_USER_CATEGORY) return !isPosixAccount(message);
-    if (category == "Group") return !has(message, "gidNumber");
-    if (category == "Computer")
-        return !isPosixAccount(message) && !has(message, "ipHostNumber") && !has(message, "macAddress");
+std::span<const std::string_view> unixClasses() {
+    return kUnixClasses;
+}
+
+bool isInvalidEntry(std::string_view category, const UnixFacts& facts) {
+    const bool account = facts.uidNumber && facts.gidNumber && facts.home;
+    if (category == AD_USER_CATEGORY) return !account;
+    if (category == "Group") return !facts.gidNumber;
+    if (category == "Computer") return !account && !facts.address;
     return false;
 }
 

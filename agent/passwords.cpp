@@ -1,4 +1,4 @@
-#include "agent/embedded/passwords.h"
+#include "agent/passwords.h"
 
 #include <crypt.h>
 

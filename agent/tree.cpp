@@ -1,4 +1,4 @@
-#include "agent/embedded/tree.h"
+#include "agent/tree.h"
 
 namespace vexagent {
 namespace {

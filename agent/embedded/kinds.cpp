@@ -1,0 +1,37 @@
+#include "agent/embedded/kinds.h"
+
+namespace vexagent {
+namespace {
+
+bool has(const ldb_message* message, const char* name) {
+    return !firstValue(message, name).empty();
+}
+
+}  // namespace
+
+std::string_view specificClass(const ldb_message* message) {
+    const ldb_message_element* classes = ldb_msg_find_element(message, "objectClass");
+    if (classes == nullptr || classes->num_values == 0) return {};
+    return bytesOf(classes->values[classes->num_values - 1]);
+}
+
+std::string shortCategory(const ldb_message* message) {
+    return shortCategory(firstValue(message, "objectCategory"), specificClass(message));
+}
+
+bool isUnixKind(const ldb_message* message) {
+    const ldb_message_element* classes = ldb_msg_find_element(message, "objectClass");
+    if (classes == nullptr) return false;
+    for (unsigned i = 0; i < classes->num_values; ++i)
+        if (isUnixClass(bytesOf(classes->values[i]))) return true;
+    return false;
+}
+
+bool isInvalidEntry(const ldb_message* message, std::string_view category) {
+    const UnixFacts facts = {has(message, "uidNumber"), has(message, "gidNumber"),
+                             has(message, "unixHomeDirectory"),
+                             has(message, "ipHostNumber") || has(message, "macAddress")};
+    return isInvalidEntry(category, facts);
+}
+
+}  // namespace vexagent
