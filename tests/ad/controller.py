@@ -59,7 +59,7 @@ class Controller:
     def join(self, first):
         """Becomes a further controller of the running first one's domain."""
         self.make_folders()
-        credentials = f"-UAdministrator%{ADMINISTRATOR_PASSWORD}"
+        credentials = f"-U{ADMINISTRATOR}%{ADMINISTRATOR_PASSWORD}"
         run([*self.lab.resolving_by(first), sys.executable, HERE / "samba_tool.py", "domain", "join", DNS_NAME, "DC", credentials,
              f"--realm={REALM}", "-W", DOMAIN, f"--server={first.host}", "-s", self.folder / "empty.conf",
              f"--targetdir={self.folder}", "--dns-backend=SAMBA_INTERNAL", *self.options()], self.lab.environment)

@@ -21,10 +21,13 @@ from samba.param import LoadParm
 from samba.samdb import SamDB
 
 WELCOME = "welcome"
+SERVICE_PASSWORD = "Service.123"
 PASSWORDS = {"rosa": "Tea, at 4 o'clock", "zoe": "mot de passe é", "nils": None}  # all others' is "welcome"
 NO_PASSWORD_NEEDED, NEVER_EXPIRES, DISABLED, NORMAL, SMARTCARD = 0x20, 0x10000, 0x2, 0x200, 0x40000
 FOREVER = -(1 << 63)
 SECOND = 10_000_000
+# One transaction with a large cache: a sixth of the time.
+QUICK = ["batch_mode:1", "transaction_index_cache_size:200000"]
 RELAX = ["relax:0"]
 UNCHECKED_PASSWORD_TIMES = [f"local_oid:{dsdb.DSDB_CONTROL_BYPASS_PASSWORD_HASH_OID}:0"]
 
@@ -32,7 +35,8 @@ UNCHECKED_PASSWORD_TIMES = [f"local_oid:{dsdb.DSDB_CONTROL_BYPASS_PASSWORD_HASH_
 def open_database(folder):
     settings = LoadParm()
     settings.load(f"{folder}/etc/smb.conf")
-    return SamDB(url=f"{folder}/private/sam.ldb", lp=settings, session_info=system_session())
+    return SamDB(url=f"{folder}/private/sam.ldb", lp=settings, session_info=system_session(),
+                 options=QUICK)
 
 
 def replace(database, dn, attributes, controls=None, flag=ldb.FLAG_MOD_REPLACE):
@@ -169,6 +173,9 @@ def company(folder, host, address, ldif):
     # The example has a guest of its own.
     replace(database, find(database, "Guest").dn, {"sAMAccountName": "Visitor"})
     Example(database, pathlib.Path(ldif).read_text(encoding="utf-8")).add()
+    # Whom the agent is to a domain when it has no keytab.
+    database.add({"dn": f"CN=gateway,CN=Users,{database.domain_dn()}", "objectClass": "user", "sAMAccountName": "gateway",
+                  "userAccountControl": str(NORMAL | NEVER_EXPIRES), "unicodePwd": quoted(SERVICE_PASSWORD)})
     database.transaction_commit()
 
 
@@ -277,9 +284,8 @@ def crowd(folder):
     text = "\n".join(f"dn: {dn}\n" + "".join(f"{name}: {value}\n" for name, value in lines) for dn, lines in crowd_records(base))
     file = pathlib.Path(folder, "crowd.ldif")
     file.write_text(text, encoding="utf-8")
-    # One transaction with a large cache: a sixth of the time.
-    subprocess.run(["ldbadd", "-H", f"{folder}/private/sam.ldb", "-o", "batch_mode:1", "-o", "transaction_index_cache_size:200000",
-                    str(file)], check=True, stdout=subprocess.DEVNULL)
+    options = [word for option in QUICK for word in ("-o", option)]
+    subprocess.run(["ldbadd", "-H", f"{folder}/private/sam.ldb", *options, str(file)], check=True, stdout=subprocess.DEVNULL)
     file.unlink()
 
 

@@ -126,6 +126,7 @@ def krb5_conf(addresses, folder):
   dns_canonicalize_hostname = false
   udp_preference_limit = 0
   default_ccache_name = FILE:{folder}/krb5cc_%{{uid}}
+  default_rcache_name = file2:{folder}/rcache
 [realms]
   {REALM} = {{
 {kdcs}    admin_server = {addresses[0]}

@@ -1,8 +1,8 @@
 """A real Active Directory domain for the tests: Samba domain controllers on loopback.
 
-    with Lab("company") as lab:              # a running domain; gone at the end
-        lab.agent_settings, lab.environment  # what vexagent needs to serve it
-        lab.administrator()                  # an LDAP connection that may do anything
+    with Lab("company") as lab:                # a running domain; gone at the end
+        lab.agent_settings(), lab.environment  # what vexagent needs to serve it
+        lab.administrator()                    # an LDAP connection that may do anything
 
 A domain lives below one temporary folder. Nothing is written to /etc or /var: the
 controllers' and the tests' Kerberos configuration is the folder's own, and name
@@ -42,6 +42,7 @@ IMAGES = ROOT / "build/ad-lab"
 BASE = "DC=example,DC=com"
 ZONE = f"CN=Global,CN=Zones,{BASE}"
 MACHINE = "ZXHOST"
+SERVICE, SERVICE_PASSWORD = "gateway", "Service.123"
 IMAGE_DAYS = 7  # replication and passwords do not like to be much older
 
 # What each image is made from: the image below it, and the step on top of that.
@@ -124,6 +125,9 @@ class Lab:
         (self.folder / "folder").write_text(str(self.folder), encoding="utf-8")
         (self.folder / "krb5.conf").write_text(
             krb5_conf([controller.address for controller in self.controllers], self.folder), encoding="utf-8")
+        password = self.folder / "service.password"
+        password.write_text(f"{SERVICE_PASSWORD}\n", encoding="utf-8")
+        password.chmod(0o600)
         for controller in self.controllers:
             (self.folder / f"{controller.name}.resolv.conf").write_text(f"nameserver {controller.address}\n", encoding="utf-8")
 
@@ -189,18 +193,20 @@ class Lab:
 
     # -- access
 
-    @property
-    def agent_settings(self):
-        """vexagent's settings for this domain, with the machine's account."""
-        return {
+    def agent_settings(self, transport="gssapi"):
+        """vexagent's settings for this domain: with the machine's account, or over TLS
+        with a service account."""
+        common = {
             "directory": "ad",
             "ad.servers": " ".join(controller.address for controller in self.controllers),
-            "ad.keytab": self.keytab,
-            "ad.principal": f"{MACHINE}$@{REALM}",
+            "ad.transport": transport,
             "ad.tls.ca": self.authority,
             "domain.name": DNS_NAME,
             "zone.dn": ZONE,
         }
+        if transport == "gssapi":
+            return {**common, "ad.keytab": self.keytab, "ad.principal": f"{MACHINE}$@{REALM}"}
+        return {**common, "ad.bind.name": f"{SERVICE}@{DNS_NAME}", "ad.bind.password.file": self.folder / "service.password"}
 
     def connect(self, who, password, controller=None):
         """A connection over TLS with a simple bind."""
@@ -246,7 +252,7 @@ if __name__ == "__main__":
     # tests/ad/lab.py [IMAGE]: a domain to try things on, until Enter.
     with Lab(sys.argv[1] if len(sys.argv) > 1 else "company") as running:
         print(f"in {running.folder}, at {' '.join(running.addresses[:len(running.controllers)])}")
-        print("\n".join(f"{name} = {value}" for name, value in running.agent_settings.items()))
+        print("\n".join(f"{name} = {value}" for name, value in running.agent_settings().items()))
         print(" ".join(f"{name}={value}" for name, value in running.environment.items()))
         with contextlib.suppress(EOFError, KeyboardInterrupt):
             input("Enter ends it. ")

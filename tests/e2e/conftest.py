@@ -9,12 +9,10 @@ import pytest  # noqa: E402
 
 from directories import DIRECTORY  # noqa: E402
 from gateway import BUILD, SANITIZER  # noqa: E402
-from world import World  # noqa: E402
+from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 
 # What `make run` starts is the build that is shipped, whichever one is tested.
 collect_ignore = ["test_front_door.py"] if SANITIZER.kind else []
-
-LOG_LINES = 40
 
 
 def pytest_sessionstart(session):
@@ -37,35 +35,6 @@ def pytest_collection_modifyitems(config, items):
     indifferent = [item for item in items if item.get_closest_marker("embedded") or "standin" in item.fixturenames]
     config.hook.pytest_deselected(items=indifferent)
     items[:] = [item for item in items if item not in indifferent]
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    """The servers' last words come with a failure."""
-    outcome = yield
-    report = outcome.get_result()
-    if not report.failed:
-        return
-    item.session.stash.setdefault(FAILED, set()).add(item.nodeid)
-    for fixture in item.funcargs.values():
-        for server in getattr(fixture, "running_servers", []):
-            lines = server.log().splitlines()[-LOG_LINES:]
-            report.sections.append((server.log_file.as_posix(), "\n".join(lines)))
-
-
-FAILED = pytest.StashKey()
-
-
-def make_world(request):
-    world = World()
-    yield world
-    try:
-        world.close()
-    finally:
-        if any(name.startswith(request.node.nodeid) for name in request.session.stash.get(FAILED, ())):
-            print(f"kept: {world.folder}")
-        else:
-            world.remove()
 
 
 @pytest.fixture

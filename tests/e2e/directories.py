@@ -68,7 +68,7 @@ class Domain:
         return self.lab.environment
 
     def settings(self, _folder):
-        return self.lab.agent_settings
+        return self.lab.agent_settings()
 
     def modify(self, ldif, _settings):
         self._changed = True

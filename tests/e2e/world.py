@@ -1,10 +1,16 @@
-"""A test's world: a folder, and the servers that run in it."""
+"""A test's world: a folder, and the servers that run in it. What they said comes with
+the report of a test that fails, and the folder stays."""
 import pathlib
 import shutil
 import tempfile
 
+import pytest
+
 from directories import DIRECTORY
 from gateway import Agent, Slapd
+
+LOG_LINES = 40
+FAILED = pytest.StashKey()
 
 
 class World:
@@ -40,3 +46,30 @@ class World:
 
     def remove(self):
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def make_world(request, directory=DIRECTORY):
+    """For fixtures: a world until the end of the test, or of the module."""
+    world = World(directory)
+    yield world
+    try:
+        world.close()
+    finally:
+        if any(name.startswith(request.node.nodeid) for name in request.session.stash.get(FAILED, ())):
+            print(f"kept: {world.folder}")
+        else:
+            world.remove()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """The servers' last words come with a failure."""
+    outcome = yield
+    report = outcome.get_result()
+    if not report.failed:
+        return
+    item.session.stash.setdefault(FAILED, set()).add(item.nodeid)
+    for fixture in item.funcargs.values():
+        for server in getattr(fixture, "running_servers", []):
+            lines = server.log().splitlines()[-LOG_LINES:]
+            report.sections.append((server.log_file.as_posix(), "\n".join(lines)))
