@@ -76,15 +76,16 @@ class Controller:
         make_certificate(self.lab.tls, [f"DNS:{self.host}", f"DNS:{DNS_NAME}", f"IP:{self.address}"], tls / "cert.pem",
                          tls / "key.pem")
 
-    def start(self, model="standard"):
-        """Returns when LDAP, Kerberos and DNS answer. The model "standard" has a
-        process for each connection, as if it were several cores' controller."""
-        command = [*self.lab.resolving_by(self), "samba", "-s", self.folder / "etc/smb.conf", "-M", model, "-F",
+    def start(self, environment=None):
+        """Returns when LDAP, Kerberos and DNS answer. Each connection has a process of
+        its own, so that one slow search does not stop the others."""
+        command = [*self.lab.resolving_by(self), "samba", "-s", self.folder / "etc/smb.conf", "-M", "standard", "-F",
                    "-l", self.folder / "log"]  # otherwise it opens one in /var/log before it reads its settings
         with open(self.folder / "log/stdout", "ab") as output:
             self.process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
                                             start_new_session=True, preexec_fn=die_with_parent,
-                                            env={**os.environ, "TDB_NO_FSYNC": "1", **self.lab.environment})
+                                            env={**os.environ, "TDB_NO_FSYNC": "1", **self.lab.environment,
+                                                 **(environment or {})})
         wait_until(self.answers, f"{self.name} answers")
         return self
 

@@ -46,6 +46,28 @@ def die_with_parent():
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)
 
 
+class Clock:
+    """The time of day that chosen programs see; monotonic clocks go on as they are.
+    Programs started with its environment follow every change."""
+
+    LIBRARY = "/usr/$LIB/faketime/libfaketimeMT.so.1"
+
+    def __init__(self, file):
+        self.file = file
+        self.ahead(0)
+
+    def ahead(self, seconds):
+        """From now on so far ahead of the host's; behind, when negative."""
+        new = self.file.with_suffix(".new")
+        new.write_text(f"{seconds:+d}\n", encoding="utf-8")
+        new.rename(self.file)
+
+    @property
+    def environment(self):
+        return {"LD_PRELOAD": self.LIBRARY, "FAKETIME_TIMESTAMP_FILE": str(self.file), "FAKETIME_NO_CACHE": "1",
+                "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}
+
+
 # ---- addresses
 
 class Slot:

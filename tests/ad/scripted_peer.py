@@ -207,6 +207,10 @@ class ScriptedPeer:
                 if dn and inside(dn) and matches(search.filter, dn, entry)]
 
 
+def described(name, values):
+    return ber.sequence(ber.octets(name), ber.sequence(*(ber.octets(as_bytes(value)) for value in values), tag=ber.SET))
+
+
 def guid_of(entry):
     [value] = entry.get("objectGUID") or [b""]
     little = value[3::-1] + value[5:3:-1] + value[7:5:-1] + value[8:]
@@ -282,16 +286,18 @@ class Conversation:
 
     def entry(self, identifier, dn, entry, search):
         attributes = [self.attribute(name, values, search) for name, values in entry.items() if search.wants(name)[0]]
-        self.send(identifier, ber.sequence(ber.octets(dn), ber.sequence(*filter(None, attributes)), tag=ENTRY))
+        self.send(identifier, ber.sequence(ber.octets(dn), ber.sequence(*attributes), tag=ENTRY))
 
     def attribute(self, name, values, search):
-        _, first = search.wants(name)
+        """As one sequence; a part of too many values comes beside an attribute that
+        seems to have none, as Windows sends it."""
         limit = self.peer.value_limit
-        if limit and len(values) > limit:
-            part = values[first:first + limit]
-            last = "*" if first + limit >= len(values) else first + limit - 1
-            name, values = f"{name};range={first}-{last}", part
-        return ber.sequence(ber.octets(name), ber.sequence(*(ber.octets(as_bytes(value)) for value in values), tag=ber.SET))
+        if not limit or len(values) <= limit:
+            return described(name, values)
+        _, first = search.wants(name)
+        last = "*" if first + limit >= len(values) else first + limit - 1
+        part = described(f"{name};range={first}-{last}", values[first:first + limit])
+        return part if first else described(name, []) + part
 
     def page_of(self, search, entries):
         """The entries to send now, and the control that goes with them."""
