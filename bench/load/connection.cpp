@@ -11,6 +11,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace load {
 
@@ -89,7 +90,7 @@ void Connection::fill() {
         const std::size_t slot = m_idle.back();
         m_idle.pop_back();
         const std::uint32_t id = newId(slot);
-        m_slots[slot] = {id, request, 0, Clock::now()};
+        m_slots[slot] = {id, m_slots[slot].finished, request, 0, Clock::now()};
         m_out += m_shared->requests.message(request, id);
     }
     flush();
@@ -139,6 +140,8 @@ void Connection::onReadable() {
 void Connection::take(const Reply& reply) {
     const std::size_t index = (reply.id - kFirstMessageId) % m_slots.size();
     Slot& slot = m_slots[index];
+    // The gateway ends the last page of a search twice, and clients take the first.
+    if (reply.operation == kSearchResultDone && reply.id == slot.finished) return;
     if (slot.id != reply.id || reply.id < kFirstMessageId)
         throw WrongAnswer("an answer to nothing that was asked");
     switch (reply.operation) {
@@ -170,7 +173,7 @@ void Connection::finish(const Reply& reply, std::size_t index) {
     if (code != plan.expectCode) throw WrongAnswer("the result code " + std::to_string(code));
     const Slot slot = m_slots[index];
     if (plan.mode == Mode::Lookup || plan.mode == Mode::Enumeration) checkEntries(slot.entries);
-    m_slots[index].id = 0;
+    m_slots[index].finished = std::exchange(m_slots[index].id, 0);
     m_idle.push_back(index);
     m_shared->done(Clock::now() - slot.sent);
     if (plan.mode == Mode::Paged) nextPage(reply, index);
@@ -194,7 +197,7 @@ void Connection::nextPage(const Reply& reply, std::size_t index) {
     std::string page = message(searchRequest(plan.search), pagedControl(plan.pageSize, cookie));
     const std::uint32_t id = newId(index);
     setMessageId(&page, id);
-    m_slots[index] = {id, last.request, 0, Clock::now()};
+    m_slots[index] = {id, last.finished, last.request, 0, Clock::now()};
     m_out += page;
 }
 

@@ -49,7 +49,8 @@ class Connection {
   private:
     // A request that is outstanding.
     struct Slot {
-        std::uint32_t id = 0;  // 0: none is
+        std::uint32_t id = 0;        // 0: none is
+        std::uint32_t finished = 0;  // the id before it
         std::size_t request = 0;
         std::uint64_t entries = 0;
         Clock::time_point sent;

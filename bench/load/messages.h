@@ -61,7 +61,8 @@ std::size_t readMessage(std::string_view bytes, Reply* reply);
 
 // The result code of a reply that ends an operation.
 std::uint32_t resultCode(const Reply& reply);
-// The cookie of the paged results control; throws ProtocolError without one.
+// The cookie of the paged results control: empty when no page follows. A last page
+// may also come without the control.
 std::string pagedCookie(const Reply& reply);
 
 }  // namespace load

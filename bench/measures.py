@@ -1,0 +1,114 @@
+"""What is measured: which requests, of whom, and which contenders answer them."""
+import json
+import subprocess
+from dataclasses import dataclass, field
+
+from people import EVERYBODY_FILTER, PASSWORD, PERSON_FILTER, POSIX_ATTRIBUTES, SUFFIX, shown_dn
+from servers import GENERATOR_CORE, gateway, pin
+
+# Busy enough that the server's processor is never idle.
+BUSY = {"connections": 8, "outstanding": 8}
+POSIX = {"attributes": ",".join(POSIX_ATTRIBUTES)}
+LOOKUP = {"filter": PERSON_FILTER, "keys": "everybody"}
+COLD_BINDS = 400
+FIRST_LOOKUPS = 4000
+
+
+@dataclass(frozen=True)
+class Measure:
+    """One kind of request. options are ldap_load's; unit is what a second is full of."""
+
+    key: str
+    title: str
+    mode: str
+    contenders: tuple
+    options: dict = field(default_factory=dict)
+    unit: str = "operations"
+    from_nothing: bool = False  # restarts its contenders first
+
+    def command(self, contender, lab):
+        options = {"port": contender.slapd.port, "seconds": lab.seconds, "warmup": lab.seconds / 4, **self.options}
+        if self.mode == "bind":
+            options |= {"dn": shown_dn("%s"), "password": PASSWORD}
+        else:
+            options |= {"base": SUFFIX, "expect-entries": self.expected(contender, lab)}
+        if "keys" in options:
+            options["keys"] = lab.keys[options["keys"]]
+        words = [gateway.BUILD / "bench/ldap_load", self.mode]
+        for name, value in options.items():
+            words += [f"--{name}", value]
+        for process in contender.processes():
+            words += ["--watch", process]
+        return [str(word) for word in words]
+
+    def expected(self, contender, lab):
+        if not contender.entries:
+            return 0
+        return 1 if self.mode == "lookup" else len(lab.directory.people)
+
+    def run(self, contender, lab):
+        """The generator's figures, with the processor time that the contender took for each unit."""
+        if self.from_nothing:
+            contender.restart()
+        run = subprocess.run(pin(GENERATOR_CORE, self.command(contender, lab)), stdout=subprocess.PIPE,
+                             timeout=300, check=True)
+        figures = json.loads(run.stdout)
+        figures["rate"] = figures[f"{self.unit}_per_second"]
+        figures["processor_us"] = 1e6 * sum(figures["watched_busy"]) / figures["rate"]
+        return figures
+
+
+def lookup(key, title, contenders, **options):
+    return Measure(key, title, "lookup", contenders, {**LOOKUP, "expect-key": "yes", **options})
+
+
+def enumeration(key, title, contenders, **options):
+    return Measure(key, title, "enumeration", contenders,
+                   {"filter": EVERYBODY_FILTER, **POSIX, **options}, unit="entries")
+
+
+MEASURES = (
+    lookup("lookup", "look-up of a person, what getent asks",
+           ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"), **POSIX, **BUSY),
+    lookup("lookup_all", "look-up of a person, all attributes", ("mdb", "pcache", "gateway"), **BUSY),
+    lookup("latency", "look-up, one at a time", ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"),
+           **POSIX),
+    enumeration("enum", "everybody, 1 client", ("mdb", "gateway", "gateway_uncached", "proxy")),
+    enumeration("enum_2", "everybody, 2 clients", ("mdb", "gateway"), connections=2),
+    Measure("paged", "everybody in pages of 500", "paged", ("mdb", "gateway"),
+            {"filter": EVERYBODY_FILTER, **POSIX, "page-size": 500}, unit="entries"),
+    Measure("bind", "bind again", "bind", ("null", "mdb", "gateway"),
+            {"keys": "some", "prime": "yes", "connections": 8}),
+    Measure("bind_cold", "first bind, the same crypt(3) hash", "bind", ("mdb_crypt", "gateway"),
+            {"keys": "everybody", "count": COLD_BINDS, "connections": 8}),
+    Measure("first_lookup", "first look-up, stored", "lookup", ("pcache", "gateway"),
+            {**LOOKUP, **POSIX, **BUSY, "count": FIRST_LOOKUPS, "expect-key": "yes"}, from_nothing=True),
+)
+
+# Ratio: (measure, ours, theirs). Above 1 is in our favour.
+RATIOS = {
+    "lookup_cached_vs_mdb": ("lookup", "gateway", "mdb"),
+    "lookup_cached_vs_pcache": ("lookup", "gateway", "pcache"),
+    "lookup_cached_vs_null": ("lookup", "gateway", "null"),
+    "lookup_all_cached_vs_mdb": ("lookup_all", "gateway", "mdb"),
+    "lookup_all_cached_vs_pcache": ("lookup_all", "gateway", "pcache"),
+    "enum_cached_vs_mdb": ("enum", "gateway", "mdb"),
+    "enum_cached_vs_mdb_2_clients": ("enum_2", "gateway", "mdb"),
+    "paged_cached_vs_mdb": ("paged", "gateway", "mdb"),
+    "bind_cached_vs_mdb": ("bind", "gateway", "mdb"),
+    "bind_cold_vs_mdb_same_hash": ("bind_cold", "gateway", "mdb_crypt"),
+    "lookup_uncached_vs_back_ldap": ("lookup", "gateway_uncached", "proxy"),
+    "enum_uncached_vs_back_ldap": ("enum", "gateway_uncached", "proxy"),
+    "miss_and_store_vs_pcache": ("first_lookup", "gateway", "pcache"),
+}
+
+CONNECTIONS = (1, 8, 64)
+
+
+def growth_of_connections(connections):
+    return lookup(f"connections_{connections}", f"{connections} connections", ("mdb", "gateway"), **POSIX,
+                  connections=connections)
+
+
+def growth_of_people(count):
+    return lookup(f"people_{count}", f"{count} people", ("mdb", "gateway"), **POSIX, **BUSY)

@@ -1,0 +1,199 @@
+#!/usr/bin/python3
+"""Runs the contenders side by side and writes results.md, results.json and ratios.svg.
+
+    bench/run.py [--quick] [--rounds N] [--seconds S] [--people N] [--only KEY,...] [--output FOLDER]
+
+ZX_BUILD names the build folder, which must have been configured with ZX_BENCH=ON.
+"""
+import argparse
+import datetime
+import json
+import os
+import pathlib
+import shutil
+import sys
+import tempfile
+import time
+
+os.environ["LDAPNOINIT"] = "1"
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+os.environ.setdefault("ZX_BUILD", str(ROOT / "build/bench"))
+
+import measures  # noqa: E402
+import plot  # noqa: E402
+import report  # noqa: E402
+import servers  # noqa: E402
+from people import Directory  # noqa: E402
+from results import Results  # noqa: E402
+
+SOME = 500  # people who bind again and again
+SMALL, LARGE = 1_000, 100_000
+CONTENDERS = (servers.Null, servers.Mdb, servers.MdbCrypt, servers.Upstream, servers.Proxy, servers.CachingProxy,
+              servers.Gateway, servers.UncachedGateway)
+
+
+class Lab:
+    """A folder with a directory, its servers, and what they are asked."""
+
+    def __init__(self, people, seconds):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zx-bench-"))
+        self.servers = []
+        self.contenders = {}
+        self.seconds = seconds
+        self.directory = Directory(people)
+        self.keys = {"everybody": self.folder / "everybody", "some": self.folder / "some"}
+        names = self.directory.names()
+        self.keys["everybody"].write_text("\n".join(names) + "\n", encoding="ascii")
+        self.keys["some"].write_text("\n".join(names[:SOME]) + "\n", encoding="ascii")
+
+    def start(self, kinds):
+        self.start_agent()
+        for kind in kinds:
+            contender = kind(self)
+            if kind is servers.Upstream:
+                self.upstream = contender
+            self.contenders[contender.key] = contender.start()
+
+    def start_agent(self):
+        """load_seconds: from the LDIF file to the agent that answers."""
+        ldif = self.folder / "directory.ldif"
+        with open(ldif, "w", encoding="utf-8") as file:
+            self.directory.write_embedded(file)
+        self.agent = servers.Agent(self.folder, self.servers, embedded__ldif=ldif)
+        start = time.monotonic()
+        self.agent.start_within(600)
+        self.load_seconds = time.monotonic() - start
+        ldif.unlink()
+
+    def close(self):
+        try:
+            for server in reversed(self.servers):
+                server.stop()
+        finally:
+            shutil.rmtree(self.folder)
+
+
+class Bench:
+    def __init__(self, options):
+        self.options = options
+        self.results = Results()
+        self.start = time.monotonic()
+
+    def say(self, text):
+        print(f"[{time.monotonic() - self.start:5.0f} s] {text}", file=sys.stderr, flush=True)
+
+    def measure(self, lab, some, rounds):
+        """Round by round, and within a round measure by measure: what is compared runs close together."""
+        for number in range(rounds):
+            for measure in some:
+                keys = [key for key in measure.contenders if key in lab.contenders]
+                shift = number % len(keys)
+                for key in keys[shift:] + keys[:shift]:
+                    figures = measure.run(lab.contenders[key], lab)
+                    self.results.add(measure, lab.contenders[key], figures)
+                    self.say(f"round {number + 1} of {rounds}: {measure.title}: {lab.contenders[key].title}: "
+                             f"{figures['rate']:,.0f} {measure.unit}/s, {figures['processor_us']:.1f} us each")
+
+    def fill_caches(self, lab):
+        """What is asked again and again is asked once beforehand."""
+        for measure in measures.MEASURES:
+            if measure.key not in ("lookup", "lookup_all", "enum"):
+                continue
+            for key in ("gateway", "pcache"):
+                if key in lab.contenders and key in measure.contenders:
+                    self.fill(lab, measure, lab.contenders[key])
+
+    def fill(self, lab, measure, contender):
+        count = {"count": len(lab.directory.people) if measure.mode == "lookup" else 1}
+        filling = measures.Measure(measure.key, measure.title, measure.mode, measure.contenders,
+                                   {**measure.options, **count})
+        filling.run(contender, lab)
+        self.say(f"{contender.title}: filled for: {measure.title}")
+
+    def main_lab(self):
+        options = self.options
+        lab = Lab(options.people, options.seconds)
+        try:
+            self.say(f"{options.people} people for each contender")
+            lab.start(CONTENDERS)
+            self.results.facts["load of the embedded directory"] = f"{lab.load_seconds:.1f} s"
+            self.note_memory(lab, "empty cache")
+            for measure in self.chosen():
+                if measure.from_nothing:
+                    self.measure(lab, [measure], options.rounds)
+            self.fill_caches(lab)
+            self.measure(lab, [measure for measure in self.chosen() if not measure.from_nothing], options.rounds)
+            if not options.only:
+                self.measure(lab, [measures.growth_of_connections(n) for n in measures.CONNECTIONS],
+                             min(options.rounds, 3))
+            self.note_memory(lab, "afterwards")
+        finally:
+            lab.close()
+
+    def growth_lab(self, people):
+        lab = Lab(people, self.options.seconds)
+        try:
+            self.say(f"{people} people")
+            lab.start((servers.Mdb, servers.Gateway))
+            self.results.facts[f"load of {people} people"] = f"{lab.load_seconds:.1f} s"
+            measure = measures.growth_of_people(people)
+            self.fill(lab, measure, lab.contenders["gateway"])
+            self.measure(lab, [measure], min(self.options.rounds, 3))
+            self.note_memory(lab, "afterwards")
+        finally:
+            lab.close()
+
+    def chosen(self):
+        only = self.options.only.split(",") if self.options.only else None
+        return [measure for measure in measures.MEASURES if only is None or measure.key in only]
+
+    def note_memory(self, lab, when):
+        people = f"{len(lab.directory.people)} people, {when}"
+        for contender in lab.contenders.values():
+            process = contender.slapd.process.pid
+            self.results.memory[f"{contender.title}, {people}"] = servers.proportional_memory(process)
+        self.results.memory[f"vexagent, {people}"] = servers.proportional_memory(lab.agent.process.pid)
+
+    def run(self):
+        options = self.options
+        self.results.facts |= {
+            "date": datetime.datetime.now().isoformat(timespec="seconds"),
+            "rounds, seconds a figure": f"{options.rounds}, {options.seconds}",
+            "people": options.people,
+            "processors": f"{os.cpu_count()}, servers and generator on one each" if servers.PINNED else "1",
+        }
+        self.main_lab()
+        if not options.quick and not options.only:
+            for people in (SMALL, LARGE):
+                self.growth_lab(people)
+        self.results.facts["load of the machine at the end"] = os.getloadavg()[0]
+        self.write()
+
+    def write(self):
+        folder = self.options.output
+        folder.mkdir(parents=True, exist_ok=True)
+        (folder / "results.json").write_text(json.dumps(self.results.as_json(), indent=1) + "\n", encoding="utf-8")
+        (folder / "ratios.svg").write_text(plot.ratio_plot(self.results.ratios()), encoding="utf-8")
+        (folder / "results.md").write_text(report.markdown(self.results), encoding="utf-8")
+        print(report.ratio_table(self.results))
+        self.say(f"written to {folder}: results.md, results.json, ratios.svg")
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Runs the contenders side by side.")
+    parser.add_argument("--quick", action="store_true", help="a minute instead of a quarter of an hour")
+    parser.add_argument("--rounds", type=int)
+    parser.add_argument("--seconds", type=float, help="for each figure")
+    parser.add_argument("--people", type=int)
+    parser.add_argument("--only", default="", help="measures by key, separated by commas")
+    parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path(os.environ["ZX_BUILD"]))
+    options = parser.parse_args()
+    usual = (1, 0.4, 2_000) if options.quick else (5, 1.2, 10_000)
+    options.rounds = options.rounds or usual[0]
+    options.seconds = options.seconds or usual[1]
+    options.people = options.people or usual[2]
+    Bench(options).run()
+
+
+if __name__ == "__main__":
+    main()
