@@ -42,6 +42,16 @@ def run(command, env=None, text=None):
     return result.stdout
 
 
+def busy_seconds(pid, period):
+    """The processor time that a process takes in so many seconds from now."""
+    def used():
+        fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    before, end = used(), time.monotonic() + period
+    wait_until(lambda: time.monotonic() >= end, "the period is over")
+    return used() - before
+
+
 def die_with_parent():
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)
 

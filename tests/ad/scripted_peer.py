@@ -142,6 +142,12 @@ class ScriptedPeer:
         with self.lock:
             return [request for request in self.requests if isinstance(request, Search)]
 
+    def logins(self, service):
+        """The names of the binds that were tried, but for the service account's."""
+        with self.lock:
+            binds = [request[1] for request in self.requests if isinstance(request, tuple) and request[0] == "bind"]
+        return [name for name in binds if name.lower() != service.lower()]
+
     # -- serving
 
     def accept(self):

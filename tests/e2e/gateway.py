@@ -143,8 +143,11 @@ class Agent(Server):
         self.settings_file.write_text("".join(f"{name} = {value}\n" for name, value in self.settings.items()),
                                       encoding="utf-8")
 
+    def command(self):
+        return [BUILD / "agent/vexagent"]
+
     def launch(self):
-        self.spawn([BUILD / "agent/vexagent"], self.env)
+        self.spawn(self.command(), self.env)
 
     def start(self):
         self.launch()

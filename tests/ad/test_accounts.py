@@ -1,0 +1,146 @@
+"""Binds against a domain: accounts in every state, and what a bind costs them."""
+import re
+
+import ldap
+import pytest
+
+from gateway import SUFFIX, Slapd, failure, search
+
+WRONG = (49, "vexAuth : cannot bind to server due to invalid user or password.")
+TRANSPORTS = ("gssapi", "starttls", "ldaps")
+
+
+def dn(name):
+    return f"cn={name},ou=States,{SUFFIX}"
+
+
+@pytest.fixture(scope="module", params=TRANSPORTS)
+def agent(request, shared_world):
+    world = shared_world
+    settings = world.directory.lab.agent_settings(request.param)
+    agent = world.agent(**{name.replace(".", "__"): value for name, value in settings.items()}).start()
+    agent.transport = request.param
+    yield agent
+    agent.stop()
+
+
+@pytest.fixture(scope="module")
+def gateway(shared_world, agent):
+    slapd = shared_world.slapd(agent).start()
+    yield slapd
+    slapd.stop()
+
+
+def refusal(gateway, who, password):
+    with pytest.raises(ldap.LDAPError) as caught:
+        gateway.connect(who, password)
+    return failure(caught.value)
+
+
+def bad_passwords(lab, name):
+    """The domain's count of wrong passwords in a row."""
+    return int(lab.value(name, "badPwdCount") or 0)
+
+
+@pytest.fixture
+def forgiven(lab):
+    """Nobody has a wrong password counted against them, before and after."""
+    def forgive():
+        for name in ("s-good", "s-other"):
+            [(where, _)] = lab.find(None, f"(sAMAccountName={name})", ["1.1"])
+            lab.administrator().modify_s(where, [(ldap.MOD_REPLACE, "lockoutTime", b"0")])
+            assert bad_passwords(lab, name) == 0
+        lab.disconnect()
+    forgive()
+    yield
+    forgive()
+
+
+# ---- states
+
+def test_a_good_account(gateway, forgiven):
+    gateway.connect(dn("s-good"), "welcome")
+    assert refusal(gateway, dn("s-good"), "wrong") == WRONG
+    assert refusal(gateway, dn("s-nobody"), "welcome") == WRONG
+
+
+# What is told when the password is right: the reason, and the words of it.
+REFUSED = {
+    "s-disabled": "disabled",
+    "s-expired": "expired",
+    "s-locked": "locked",
+    "s-mustchange": "must be changed|has expired",
+    "s-pwexpired": "password.*(expired|must be changed)",
+}
+"""What a domain controller answers on its own account of the state, by transport."""
+
+
+@pytest.mark.parametrize("name", REFUSED)
+def test_a_right_password_of_an_account_that_may_not_log_in(gateway, name):
+    code, text = refusal(gateway, dn(name), "welcome")
+    assert code == 49
+    assert text.startswith("vexAuth :") and "cannot bind to server due to invalid" not in text
+    assert re.search(REFUSED[name], text, re.IGNORECASE), text
+
+
+@pytest.mark.parametrize("name", ["s-disabled", "s-expired", "s-locked", "s-mustchange", "s-pwexpired", "s-nopassword"])
+def test_a_wrong_password_of_any_account_is_refused(gateway, name):
+    code, text = refusal(gateway, dn(name), "wrong")
+    assert code == 49 and text.startswith("vexAuth :")
+
+
+def test_all_of_them_are_found(gateway):
+    found = search(gateway.connect(), "(&(objectClass=posixAccount)(uid=s-*))", ["uid"])
+    assert {dn(name).lower() for name in REFUSED} <= {name.lower() for name in found}
+
+
+# ---- what the domain counts
+
+@pytest.mark.parametrize("count", [1, 3])
+def test_each_wrong_password_counts_once(gateway, lab, forgiven, count):
+    for _ in range(count):
+        assert refusal(gateway, dn("s-other"), "wrong") == WRONG
+    assert bad_passwords(lab, "s-other") == count
+
+
+def test_a_right_one_from_the_cache_does_not_touch_the_count(gateway, agent, lab, forgiven):
+    # A right password that reached the domain would reset the count.
+    kept = gateway.connect(dn("s-good"), "welcome")
+    assert refusal(gateway, dn("s-good"), "wrong") == WRONG
+    assert refusal(gateway, dn("s-good"), "wrong again") == WRONG
+    assert bad_passwords(lab, "s-good") == 2
+    asked = agent.served()["authenticate"]
+    gateway.connect(dn("s-good"), "welcome")
+    kept.simple_bind_s(dn("s-good"), "welcome")
+    assert agent.served()["authenticate"] == asked
+    assert bad_passwords(lab, "s-good") == 2
+
+
+def test_a_name_that_nobody_has_counts_against_nobody(gateway, lab, forgiven):
+    assert refusal(gateway, f"cn=s-good,ou=Nowhere,{SUFFIX}", "wrong") == WRONG
+    assert refusal(gateway, f"cn=s-goo,ou=States,{SUFFIX}", "wrong") == WRONG
+    assert bad_passwords(lab, "s-good") == 0
+
+
+def test_an_empty_password_reaches_nobody(gateway, agent, lab, forgiven):
+    asked = agent.served()["authenticate"]
+    assert refusal(gateway, dn("s-good"), "")[0] in (48, 53)
+    assert agent.served()["authenticate"] == asked
+    assert bad_passwords(lab, "s-good") == 0
+
+
+def test_the_domain_locks_an_account_after_its_own_number(world, forgiven, lab):
+    """Five wrong ones here; the right one is refused then."""
+    slapd = world.slapd(world.agent().start()).start()
+    for number in range(1, 6):
+        assert refusal(slapd, dn("s-other"), f"wrong {number}") == WRONG
+        assert bad_passwords(lab, "s-other") == number
+    code, text = refusal(slapd, dn("s-other"), "welcome")
+    assert code == 49 and re.search("locked", text, re.IGNORECASE), text
+
+
+def test_a_credential_outlives_a_change_no_longer_than_its_time(world, lab, forgiven):
+    slapd = world.slapd(world.agent().start(), directives=(*Slapd.DIRECTIVES, "dirgate.cache.credential.expires 3600")).start()
+    slapd.connect(dn("s-good"), "welcome")
+    assert refusal(slapd, dn("s-good"), "new") == WRONG
+    assert bad_passwords(lab, "s-good") == 1

@@ -1,0 +1,315 @@
+"""vexagent and a peer that plays what Samba does not: cut results, ranges of values,
+notices of disconnection, garbage, silence. Through slapd, as a client sees it."""
+import socket
+import time
+
+import ldap
+import pytest
+
+from directories import ZONE
+from gateway import SUFFIX, Slapd, failure, search, values, wait_until
+from host import busy_seconds, make_authority, make_certificate
+from scripted_peer import BUSY, UNAVAILABLE, Cut, Fail, Garbage, Notice, Refer, ScriptedPeer, Stall
+from world import World
+
+BASE = "DC=example,DC=com"
+PEOPLE = 2500
+TIMEOUT, SLACK = 3, 1.5
+SERVICE, PASSWORD = "gateway@example.com", "Service.123"
+EVERYBODY = "(objectClass=posixAccount)"
+
+
+def guid(number):
+    return number.to_bytes(16, "big")
+
+
+def sid(rid):
+    parts = (21, 1, 2, 3, rid) if rid else (21, 1, 2, 3)
+    return bytes([1, len(parts), 0, 0, 0, 0, 0, 5]) + b"".join(part.to_bytes(4, "little") for part in parts)
+
+
+def person(number):
+    name = f"p{number:04}"
+    return f"CN={name},OU=People,{BASE}", {
+        "objectClass": ["top", "person", "organizationalPerson", "user"], "cn": [name], "name": [name], "sAMAccountName": [name],
+        "userPrincipalName": [f"{name}@example.com"], "uid": [name], "uidNumber": [10000 + number], "gidNumber": [10000],
+        "unixHomeDirectory": [f"/home/{name}"], "loginShell": ["/bin/sh"], "objectGUID": [guid(1000 + number)],
+        "objectSid": [sid(10000 + number)], "primaryGroupID": [513], "userAccountControl": [512],
+        "objectCategory": [f"CN=Person,CN=Schema,CN=Configuration,{BASE}"],
+        "memberOf": [f"CN=large,OU=Groups,{BASE}"]}
+
+
+def group(name, number, members):
+    return f"CN={name},OU=Groups,{BASE}", {
+        "objectClass": ["top", "group"], "cn": [name], "name": [name], "sAMAccountName": [name], "gidNumber": [20000 + number],
+        "objectGUID": [guid(500 + number)], "objectSid": [sid(500 + number)], "groupType": [-2147483646],
+        "objectCategory": [f"CN=Group,CN=Schema,CN=Configuration,{BASE}"], "member": members}
+
+
+def make_entries():
+    contexts = {"defaultNamingContext": [BASE], "rootDomainNamingContext": [BASE],
+                "configurationNamingContext": [f"CN=Configuration,{BASE}"],
+                "schemaNamingContext": [f"CN=Schema,CN=Configuration,{BASE}"],
+                "namingContexts": [BASE, f"CN=Configuration,{BASE}", f"CN=Schema,CN=Configuration,{BASE}"]}
+    entries = {
+        "": {**contexts, "dnsHostName": ["peer.example.com"], "supportedControl": ["1.2.840.113556.1.4.319"],
+             "supportedLDAPVersion": [3, 2], "isSynchronized": ["TRUE"], "isGlobalCatalogReady": ["TRUE"],
+             "supportedSASLMechanisms": ["GSSAPI"]},
+        BASE: {"objectClass": ["top", "domain", "domainDNS"], "dc": ["example"], "objectSid": [sid(None)],
+               "objectGUID": [guid(1)]},
+        f"CN=Configuration,{BASE}": {"objectClass": ["top", "configuration"], "cn": ["Configuration"]},
+        f"CN=Schema,CN=Configuration,{BASE}": {"objectClass": ["top", "dMD"], "cn": ["Schema"]}}
+    for number, name in enumerate(("People", "Groups")):
+        entries[f"OU={name},{BASE}"] = {"objectClass": ["top", "organizationalUnit"], "ou": [name], "objectGUID": [guid(2 + number)]}
+    for number, name in enumerate(("cn", "sAMAccountName", "uidNumber", "objectClass", "member", "unixHomeDirectory")):
+        entries[f"CN=A{number},CN=Schema,CN=Configuration,{BASE}"] = {
+            "objectClass": ["top", "attributeSchema"], "cn": [f"A{number}"], "lDAPDisplayName": [name], "objectGUID": [guid(10 + number)]}
+    people = [person(number) for number in range(PEOPLE)]
+    entries.update(people)
+    entries.update([group("large", 1, [dn for dn, _ in people]), group("small", 2, [people[0][0]])])
+    return entries
+
+
+ENTRIES = make_entries()
+
+
+@pytest.fixture(scope="module")
+def certificate(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("tls")
+    make_authority(folder)
+    make_certificate(folder, ["IP:127.0.0.1", "DNS:peer.example.com"], folder / "cert.pem", folder / "key.pem")
+    return folder
+
+
+class PeerDirectory:
+    """A directory for a World: one scripted peer, or several."""
+
+    kind, environment = "peer", {}
+
+    def __init__(self, certificate, transport, peers):
+        self.certificate, self.transport, self.peers = certificate, transport, peers
+
+    def settings(self, folder):
+        password = folder / "service.password"
+        password.write_text(f"{PASSWORD}\n", encoding="utf-8")
+        password.chmod(0o600)
+        return {"directory": "ad", "ad.servers": " ".join(f"{peer.address}:{peer.port}" for peer in self.peers),
+                "ad.transport": self.transport, "ad.tls.ca": self.certificate / "authority.pem", "ad.timeout": TIMEOUT,
+                "ad.bind.name": SERVICE, "ad.bind.password.file": password, "domain.name": "example.com", "zone.dn": ZONE}
+
+    def restore(self):
+        pass
+
+
+@pytest.fixture(params=["ldaps", "starttls"])
+def transport(request):
+    return request.param
+
+
+@pytest.fixture
+def peers(certificate, transport):
+    """Makes peers that end with the test."""
+    made = []
+
+    def make(count=1):
+        new = [ScriptedPeer(ENTRIES, certificate=(certificate / "cert.pem", certificate / "key.pem"), transport=transport,
+                            passwords={SERVICE: PASSWORD, "p0001@example.com": "welcome", person(1)[0]: "welcome"})
+               for _ in range(count)]
+        made.extend(new)
+        return new
+    yield make
+    for peer in made:
+        peer.close()
+
+
+@pytest.fixture
+def served(certificate, transport, peers):
+    """Starts agent and slapd on new peers; gives (connection, the peers, the agent)."""
+    worlds = []
+
+    def start(count=1):
+        made = peers(count)
+        world = World(PeerDirectory(certificate, transport, made))
+        worlds.append(world)
+        agent = world.agent().start()
+        slapd = world.slapd(agent, directives=Slapd.DIRECTIVES).start()
+        return slapd.connect(), made, agent
+    yield start
+    for world in worlds:
+        world.close()
+        world.remove()
+
+
+def names(found):
+    return sorted(value for entry in found.values() for value in values(entry, "uid"))
+
+
+NAMES = [f"p{number:04}" for number in range(PEOPLE)]
+
+
+def test_an_entry(served):
+    connection, _, _ = served()
+    found = search(connection, "(&(objectClass=posixAccount)(uid=p0007))", ["uid", "uidNumber", "homeDirectory"])
+    assert found == {f"cn=p0007,ou=People,{SUFFIX}": {"uid": [b"p0007"], "uidNumber": [b"10007"], "homeDirectory": [b"/home/p0007"]}}
+
+
+def test_a_peer_that_cuts_results_at_a_thousand(served):
+    connection, [peer], _ = served()
+    peer.limits(unpaged=1000)
+    assert names(search(connection, EVERYBODY, ["uid"])) == NAMES
+    assert [request for request in peer.searches() if request.page is None and request.scope == 2] == []
+
+
+def test_a_peer_that_gives_members_in_ranges(served):
+    connection, [peer], _ = served()
+    peer.limits(unpaged=1000, values=1500)
+    [entry] = search(connection, "(&(objectClass=posixGroup)(cn=large))", ["memberUid"]).values()
+    assert sorted(values(entry, "memberUid")) == NAMES
+    # The members themselves too, when a client asks for them.
+    [entry] = search(connection, "(&(objectClass=posixGroup)(cn=large))", ["member"]).values()
+    assert len(values(entry, "member")) == PEOPLE
+    assert not [name for name in entry if ";" in name]
+
+
+FAULTS = {
+    "notice of disconnection": Notice, "garbage": Garbage, "a message cut short": Cut, "silence": Stall,
+    "silence in a message": lambda count: Stall(count, half=True), "busy": lambda count: Fail(BUSY, "busy", count),
+    "unavailable": lambda count: Fail(UNAVAILABLE, "going down", count),
+    "an error of its own": lambda count: Fail(1, "00002020: Operation unavailable", count)}
+
+
+@pytest.mark.parametrize("count", [0, 5])
+@pytest.mark.parametrize("page", [0, 1])
+@pytest.mark.parametrize("fault", FAULTS)
+def test_a_search_that_goes_wrong_on_a_page(served, fault, page, count):
+    """What is told is a failure, or everybody; and the next search is answered."""
+    connection, [peer], _ = served()
+    peer.limits(unpaged=1000)
+    peer.fault(FAULTS[fault](count), lambda request: request.page is not None and request.cookie == (b"1000" if page else b"")
+               and request.scope == 2)
+    start = time.monotonic()
+    try:
+        assert names(search(connection, EVERYBODY, ["uid"])) == NAMES
+    except ldap.LDAPError as error:
+        code, text = failure(error)
+        assert code in (1, 51, 52, 80) and text.startswith("vexLdapSearch")
+    assert time.monotonic() - start < TIMEOUT + SLACK
+    assert peer.faults == [], "the fault was met"
+    assert names(search(connection, EVERYBODY, ["uid"])) == NAMES
+
+
+@pytest.mark.parametrize("fault", FAULTS)
+def test_another_peer_takes_a_look_up_over(served, fault):
+    connection, made, _ = served(2)
+    for number in range(3):
+        for peer in made:
+            peer.faults.clear()
+        # Whichever is in use gets it wrong once.
+        made[number % 2].fault(FAULTS[fault](0), lambda request: request.scope == 2)
+        start = time.monotonic()
+        try:
+            assert len(search(connection, "(&(objectClass=posixAccount)(uid=p0007))", ["uid"])) == 1
+        except ldap.LDAPError as error:
+            assert fault == "an error of its own", failure(error)
+        assert time.monotonic() - start < TIMEOUT + SLACK
+
+
+@pytest.mark.parametrize("hung", ["at first", "later"])
+def test_a_handshake_that_hangs(served, hung):
+    connection, [peer], agent = served()
+    if hung == "later":
+        assert len(search(connection, "(&(objectClass=posixAccount)(uid=p0007))")) == 1
+        peer.drop()
+    peer.hang_handshake = True
+    start = time.monotonic()
+    with pytest.raises(ldap.UNAVAILABLE):
+        search(connection, "(&(objectClass=posixAccount)(uid=p0007))")
+    assert time.monotonic() - start < TIMEOUT + SLACK
+    assert busy_seconds(agent.process.pid, 1.0) < 0.5, "it waits, and does not spin"
+    peer.hang_handshake = False
+    peer.drop()
+    wait_until(lambda: found_or_none(connection), "the peer is asked again")
+
+
+def found_or_none(connection):
+    try:
+        return search(connection, "(&(objectClass=posixAccount)(uid=p0007))")
+    except ldap.UNAVAILABLE:
+        return None
+
+
+def test_referrals_are_not_followed(served):
+    connection, [peer], _ = served()
+    with socket.create_server(("127.0.0.1", 0)) as elsewhere:
+        elsewhere.settimeout(0.2)
+        uri = f"ldap://127.0.0.1:{elsewhere.getsockname()[1]}/CN=Configuration,{BASE}"
+        peer.fault(Refer(uri, uri), lambda request: request.scope == 2)
+        assert len(search(connection, "(&(objectClass=posixAccount)(uid=p0007))", ["uid"])) == 1
+        with pytest.raises(TimeoutError):
+            elsewhere.accept()
+
+
+def test_a_connection_that_was_dropped_while_idle(served):
+    connection, [peer], _ = served()
+    for _ in range(3):
+        assert len(search(connection, "(&(objectClass=posixAccount)(uid=p0007))", ["uid"])) == 1
+        peer.drop()
+
+
+def test_a_certificate_of_another_name_is_refused(certificate, transport, tmp_path, peers):
+    make_certificate(certificate, ["DNS:elsewhere.example.net"], tmp_path / "cert.pem", tmp_path / "key.pem")
+    with ScriptedPeer(ENTRIES, certificate=(tmp_path / "cert.pem", tmp_path / "key.pem"), transport=transport,
+                      passwords={SERVICE: PASSWORD}) as peer:
+        world = World(PeerDirectory(certificate, transport, [peer]))
+        try:
+            slapd = world.slapd(world.agent().start()).start()
+            with pytest.raises(ldap.UNAVAILABLE):
+                search(slapd.connect(), "(&(objectClass=posixAccount)(uid=p0007))")
+            assert not [request for request in peer.requests if request == ("bind", SERVICE)]
+        finally:
+            world.close()
+            world.remove()
+
+
+# ---- binds
+
+def refusal(slapd_connection, who, password):
+    with pytest.raises(ldap.LDAPError) as caught:
+        slapd_connection.simple_bind_s(who, password)
+    return failure(caught.value)
+
+
+WINDOWS = "80090308: LdapErr: DSID-0C090439, comment: AcceptSecurityContext error, data {}, v4563"
+
+
+@pytest.mark.parametrize("data, words", [
+    ("52e", None), ("525", None), ("530", "hours"), ("531", "workstation"), ("532", "expired"), ("533", "disabled"),
+    ("701", "expired"), ("773", "changed"), ("775", "locked")])
+def test_what_a_windows_controller_says_of_an_account(served, data, words):
+    connection, [peer], _ = served()
+    who = f"cn=p0001,ou=People,{SUFFIX}"
+    for name in list(peer.passwords):
+        if "p0001" in name:
+            peer.passwords[name] = WINDOWS.format(data)
+    code, text = refusal(connection, who, "whatever")
+    assert code == 49
+    if words is None:
+        assert text == "vexAuth : cannot bind to server due to invalid user or password."
+    else:
+        assert text.startswith("vexAuth :") and words in text.lower(), text
+
+
+def test_one_attempt_is_one_attempt(served):
+    connection, made, _ = served(2)
+    who = f"cn=p0001,ou=People,{SUFFIX}"
+    connection.simple_bind_s(who, "welcome")
+    assert refusal(connection, who, "wrong")[0] == 49
+    assert sum(len(peer.logins(SERVICE)) for peer in made) == 2
+
+
+def test_no_attempt_without_a_password(served):
+    """An empty password with a name is an anonymous bind to a Windows controller, which
+    answers it with success."""
+    connection, [peer], _ = served()
+    assert refusal(connection, f"cn=p0001,ou=People,{SUFFIX}", "")[0] in (48, 53)
+    assert peer.logins(SERVICE) == []
