@@ -25,10 +25,12 @@ def pin(core, command):
 
 
 class Pinned:
-    """A server of the tests, on the servers' processor."""
+    """A server of the tests, on the servers' processor, and inside another program if one is given."""
+
+    wrapper = ()
 
     def spawn(self, command, env=None):
-        super().spawn(pin(SERVER_CORE, command), env)
+        super().spawn(pin(SERVER_CORE, [*self.wrapper, *command]), env)
 
 
 class Agent(Pinned, gateway.Agent):
@@ -48,7 +50,8 @@ class Contender:
     """One slapd, and what is behind it. Key names it in results, title in tables."""
 
     key = title = None
-    binds = entries = True  # whether it answers binds, and has entries
+    entries = True  # whether it has any
+    wrapper = ()    # what its slapd runs inside
 
     def __init__(self, lab):
         self.lab = lab
@@ -61,8 +64,12 @@ class Contender:
         """What of the slapd is not as in the tests."""
         raise NotImplementedError
 
-    def start(self):
+    def make(self):
         self.slapd = Slapd(self.folder, self.lab.servers, **self.parts())
+        self.slapd.wrapper = self.wrapper
+
+    def start(self):
+        self.make()
         self.slapd.start()
         return self
 
@@ -90,9 +97,13 @@ def proportional_memory(process):
     raise RuntimeError("no Pss in smaps_rollup")
 
 
+# slapd's default sends several lines a request to syslog.
+GLOBALS = ("sizelimit unlimited", "timelimit unlimited", "loglevel 0")
+
+
 def database(*lines):
     """The end of a configuration that has another database than the gateway's."""
-    return {"database": False, "globals": ("sizelimit unlimited", "timelimit unlimited", *lines)}
+    return {"database": False, "globals": (*GLOBALS, *lines)}
 
 
 class Null(Contender):
@@ -121,7 +132,7 @@ class Mdb(Contender):
             "access to attrs=userPassword by anonymous auth by * none", "access to * by * read")}
 
     def start(self):
-        self.slapd = Slapd(self.folder, self.lab.servers, **self.parts())
+        self.make()
         self.load()
         self.slapd.start()
         return self
@@ -155,7 +166,6 @@ class Proxy(Contender):
     """back-ldap with rwm, which maps the names."""
 
     key, title = "proxy", "back-ldap + rwm"
-    binds = False
     modules = ("rwm",)
 
     def cache(self):
@@ -205,7 +215,7 @@ class Gateway(Contender):
         if self.cached:
             directives += ["dirgate.cache.enabled true", f"dirgate.cache.max.lists {room}",
                            f"dirgate.cache.max.objects {room}"]
-        return {"directives": directives, "env": self.lab.agent.env}
+        return {"globals": GLOBALS, "directives": directives, "env": self.lab.agent.env}
 
     def start(self):
         super().start()
