@@ -22,10 +22,10 @@ class Sanitizer:
         begin with the given path."""
         if self.kind == "address":
             # Debian's libraries keep no frame pointers: only the slow unwinder sees
-            # through them to where a leak was made.
+            # through them to where a leak was made; ten frames of it are enough.
             common = f"log_path={report}:exitcode={self.EXIT_CODES[0]}"
             return {
-                "ASAN_OPTIONS": f"{common}:detect_leaks=1:fast_unwind_on_malloc=0:detect_stack_use_after_return=1",
+                "ASAN_OPTIONS": f"{common}:detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=10:detect_stack_use_after_return=1",
                 "UBSAN_OPTIONS": f"{common}:print_stacktrace=1",
                 "LSAN_OPTIONS": f"suppressions={self.files / 'leaks.supp'}:print_suppressions=0",
             }
