@@ -44,6 +44,12 @@ def memory_table(results):
     return table(("memory (PSS)", "MiB"), [(what, f"{kib / 1024:.1f}") for what, kib in results.memory.items()])
 
 
+def roundtrip_table(results):
+    names = next(iter(results.roundtrips.values()), {})
+    return table(("libvex", *results.roundtrips),
+                 [(name, *(found[name] for found in results.roundtrips.values())) for name in names])
+
+
 def markdown(results):
     facts = "\n".join(f"- {name}: {value}" for name, value in results.facts.items())
     checks = "\n".join(f"- {name}: {value}" for name, value in results.checks.items())
@@ -67,6 +73,10 @@ above 1 is in this gateway's favour. What each one means: bench/README.md.
 ## Memory
 
 {memory_table(results)}
+
+## Round trips of libvex (microseconds, bytes, ratios)
+
+{roundtrip_table(results)}
 
 ## Figures
 

@@ -14,6 +14,7 @@ class Results:
         self.memory = {}   # what -> KiB
         self.facts = {}    # how the run was made
         self.checks = {}   # what another generator says
+        self.roundtrips = {}  # how many people -> figures of libvex
 
     def add(self, measure, contender, figures):
         self.titles[measure.key] = (measure.title, measure.unit)
@@ -45,6 +46,7 @@ class Results:
             "processor_time_ratios": {key: round(value["median"], 4) for key, value in processor.items()},
             "processor_time_ratios_spread": processor,
             "memory_kib": self.memory,
+            "roundtrips": self.roundtrips,
             "checks": self.checks,
             "facts": self.facts,
             "rounds": self.rounds,

@@ -25,6 +25,7 @@ import report  # noqa: E402
 import servers  # noqa: E402
 from people import Directory  # noqa: E402
 from results import Results  # noqa: E402
+from roundtrip import roundtrip  # noqa: E402
 
 SOME = 500  # people who bind again and again
 SMALL, LARGE = 1_000, 100_000
@@ -41,10 +42,18 @@ class Lab:
         self.contenders = {}
         self.seconds = seconds
         self.directory = Directory(people)
-        self.keys = {"everybody": self.folder / "everybody", "some": self.folder / "some"}
+        self.keys = {name: self.folder / name for name in ("everybody", "some", "strangers")}
         names = self.directory.names()
         self.keys["everybody"].write_text("\n".join(names) + "\n", encoding="ascii")
         self.keys["some"].write_text("\n".join(names[:SOME]) + "\n", encoding="ascii")
+        self.strangers = names[SOME:]
+
+    def meet_strangers(self):
+        """People who have not bound yet: a gateway may remember the others."""
+        if len(self.strangers) < measures.COLD_BINDS:
+            raise RuntimeError("too few people for so many rounds of first binds")
+        new, self.strangers = self.strangers[:measures.COLD_BINDS], self.strangers[measures.COLD_BINDS:]
+        self.keys["strangers"].write_text("\n".join(new) + "\n", encoding="ascii")
 
     def start(self, kinds):
         self.start_agent()
@@ -86,6 +95,8 @@ class Bench:
         """Round by round, and within a round measure by measure: what is compared runs close together."""
         for number in range(rounds):
             for measure in some:
+                if measure.first_time:
+                    lab.meet_strangers()
                 keys = [key for key in measure.contenders if key in lab.contenders]
                 shift = number % len(keys)
                 for key in keys[shift:] + keys[:shift]:
@@ -118,6 +129,7 @@ class Bench:
             lab.start(CONTENDERS)
             self.results.facts["load of the embedded directory"] = f"{lab.load_seconds:.1f} s"
             self.note_memory(lab, "empty cache")
+            self.measure_roundtrip(lab)
             for measure in self.chosen():
                 if measure.from_nothing:
                     self.measure(lab, [measure], options.rounds)
@@ -139,9 +151,15 @@ class Bench:
             measure = measures.growth_of_people(people)
             self.fill(lab, measure, lab.contenders["gateway"])
             self.measure(lab, [measure], min(self.options.rounds, 3))
+            self.measure_roundtrip(lab)
             self.note_memory(lab, "afterwards")
         finally:
             lab.close()
+
+    def measure_roundtrip(self, lab):
+        people = len(lab.directory.people)
+        self.results.roundtrips[f"{people} people"] = roundtrip(lab)
+        self.say(f"round trips of libvex, {people} people: {self.results.roundtrips[f'{people} people']}")
 
     def chosen(self):
         only = self.options.only.split(",") if self.options.only else None
