@@ -34,9 +34,11 @@ def wait_until(condition, what, seconds=SECONDS):
 
 
 def run(command, env=None, text=None):
-    """Runs a program to its end; its words come with a failure."""
-    result = subprocess.run([str(word) for word in command], env={**os.environ, "TDB_NO_FSYNC": "1", **(env or {})},
-                            input=text, capture_output=True, text=True, timeout=300)
+    """Runs a program to its end; its words come with a failure. libldap heeds the
+    environment that is given, and no settings of the user's or the host's."""
+    environment = {**os.environ, "TDB_NO_FSYNC": "1", "LDAPCONF": "/dev/null", "LDAPRC": "none", **(env or {})}
+    environment.pop("LDAPNOINIT", None)  # it would not even heed the environment
+    result = subprocess.run([str(word) for word in command], env=environment, input=text, capture_output=True, text=True, timeout=300)
     if result.returncode != 0:
         raise RuntimeError(f"{command[0]} ended with status {result.returncode}:\n{result.stdout[-3000:]}{result.stderr[-3000:]}")
     return result.stdout

@@ -245,7 +245,7 @@ class Lab:
     def modify(self, ldif):
         """Changes the directory under its users: LDIF with changetypes."""
         run(["ldapmodify", "-x", "-H", f"ldaps://{self.controllers[0].address}", "-D", f"{ADMINISTRATOR}@{REALM}",
-             "-w", ADMINISTRATOR_PASSWORD], {**self.environment, "LDAPNOINIT": ""}, ldif)
+             "-w", ADMINISTRATOR_PASSWORD], self.environment, ldif)
 
 
 if __name__ == "__main__":
