@@ -84,6 +84,10 @@ def matches(filter, dn, entry):
 def values_of(dn, entry, name):
     if name.lower() == "distinguishedname":
         return [dn.encode()]
+    if name.lower() == "objectcategory":
+        # A class's name stands for the DN of its category.
+        return [as_bytes(name) for category in entry.get("objectCategory", [])
+                for name in (category, category.partition(",")[0][3:].replace("-", ""))]
     return [as_bytes(value) for key, some in entry.items() if key.lower() == name.lower() for value in some]
 
 
