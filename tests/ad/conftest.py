@@ -11,12 +11,20 @@ import pytest  # noqa: E402
 
 from directories import Domain  # noqa: E402
 from gateway import BUILD  # noqa: E402
+from observed import TABLE  # noqa: E402
 from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 
 
 def pytest_sessionstart(session):
     if not (BUILD / "agent/vexagent").exists():
         pytest.exit(f"{BUILD} is not built: run make build", returncode=2)
+
+
+def pytest_terminal_summary(terminalreporter):
+    if TABLE:
+        terminalreporter.section("what clients saw, and after how long")
+        for line in TABLE:
+            terminalreporter.write_line(line)
 
 
 @pytest.fixture(scope="session")

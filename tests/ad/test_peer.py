@@ -65,9 +65,10 @@ def make_entries():
         f"CN=Schema,CN=Configuration,{BASE}": {"objectClass": ["top", "dMD"], "cn": ["Schema"]}}
     for number, name in enumerate(("People", "Groups")):
         entries[f"OU={name},{BASE}"] = {"objectClass": ["top", "organizationalUnit"], "ou": [name], "objectGUID": [guid(2 + number)]}
-    for number, name in enumerate(("cn", "sAMAccountName", "uidNumber", "objectClass", "member", "unixHomeDirectory")):
-        entries[f"CN=A{number},CN=Schema,CN=Configuration,{BASE}"] = {
-            "objectClass": ["top", "attributeSchema"], "cn": [f"A{number}"], "lDAPDisplayName": [name], "objectGUID": [guid(10 + number)]}
+    names = ("cn", "sAMAccountName", "uidNumber", "gidNumber", "objectClass", "member", "unixHomeDirectory", "loginShell")
+    entries[f"CN=Aggregate,CN=Schema,CN=Configuration,{BASE}"] = {
+        "objectClass": ["top", "subSchema"], "cn": ["Aggregate"],
+        "attributeTypes": [f"( 1.2.3.{number} NAME '{name}' SYNTAX '1.3.6' )" for number, name in enumerate(names)]}
     people = [person(number) for number in range(PEOPLE)]
     entries.update(people)
     entries.update([group("large", 1, [dn for dn, _ in people]), group("small", 2, [people[0][0]])])
