@@ -4,14 +4,16 @@ import re
 import time
 
 import ldap
+import psutil
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search, wait_until
+from gateway import LONG, SANITIZER, SUFFIX, Slapd, failure, search, wait_until
 
 PEOPLE = f"ou=People,{SUFFIX}"
 ANN = f"cn=ann,ou=Engineering,{PEOPLE}"
 NAMES = [f"cn={name},ou={unit},{PEOPLE}" for name, unit in (
     ("ann", "Engineering"), ("ben", "Engineering"), ("grace", "Engineering"), ("taro", "Research"))]
+BINDS = 100_000 if LONG else 64 * 50
 LINE = re.compile(r"auth total: (\d+), success from cache: (\d+), success from vexagent: (\d+), "
                   r"success from vexagent average time: (\d+)ms, auth failed: (\d+)$", re.MULTILINE)
 
@@ -121,3 +123,70 @@ def test_connections_that_never_bound_change_no_credential(world):
     slapd.close_connection(other)
     slapd.connect(ANN, "welcome")
     assert agent.served()["authenticate"] == 1
+
+
+def memory(server):
+    return psutil.Process(server.process.pid).memory_info().rss
+
+
+def bind_again_and_again(slapd, binds, in_a_row):
+    """Binds from 64 connections at once; each closes after so many in a row, and opens
+    anew. Every 97th password is wrong."""
+    connections = [None] * 64
+    for number in range(0, binds, len(connections)):
+        waiting = []
+        for place in range(len(connections)):
+            if connections[place] is None:
+                connections[place] = ldap.initialize(slapd.uri)
+            wrong = (number + place) % 97 == 0
+            who = f"cn=user{place % 16},ou=Staff,{SUFFIX}"
+            waiting.append((connections[place], wrong, connections[place].simple_bind(who, "wrong" if wrong else "right")))
+        for connection, wrong, message in waiting:
+            if wrong:
+                with pytest.raises(ldap.INVALID_CREDENTIALS):
+                    connection.result(message)
+            else:
+                connection.result(message)
+        if number // len(connections) % in_a_row == in_a_row - 1:
+            for place, connection in enumerate(connections):
+                connection.unbind_ext()
+                connections[place] = None
+    for connection in filter(None, connections):
+        connection.unbind_ext()
+
+
+@pytest.mark.embedded
+@pytest.mark.parametrize("in_a_row", [1, 25])
+def test_binds_from_64_connections_that_open_and_close(world, in_a_row, crypt_hash):
+    """Afterwards resident memory is where it was."""
+    ldif = world.folder / "people.ldif"
+    ldif.write_text("dn: OU=Staff,DC=example,DC=com\nobjectClass: organizationalUnit\n" + "".join(
+        f"\ndn: CN=user{number},OU=Staff,DC=example,DC=com\nobjectClass: user\nsAMAccountName: user{number}\n"
+        f"userPassword: {crypt_hash('right', 'salt')}\n" for number in range(16)), encoding="utf-8")
+    agent = world.agent(embedded__ldif=ldif).start()
+    slapd = world.slapd(agent).start()
+    bind_again_and_again(slapd, 64 * 50, in_a_row)
+    before = memory(slapd), memory(agent)
+    bind_again_and_again(slapd, BINDS, in_a_row)
+    grown = memory(slapd) - before[0], memory(agent) - before[1]
+    print(f"{BINDS} binds, {in_a_row} in a row: slapd and agent grew by {grown[0]} and {grown[1]} bytes")
+    if not SANITIZER.kind:
+        assert max(grown) < 1 << 20
+
+
+def test_a_connection_that_binds_again_and_again_costs_its_number_for_each_bind(world):
+    """8 bytes, in an array that doubles when it is full; all of it goes with the connection."""
+    slapd = world.slapd(world.agent().start()).start()
+    binds = 40_000 if LONG else 8_000
+    grown = []
+    for _ in range(2):
+        connection = slapd.connect()
+        before = memory(slapd)
+        for _ in range(binds):
+            connection.simple_bind_s(ANN, "welcome")
+        grown.append(memory(slapd) - before)
+        slapd.close_connection(connection)
+    print(f"{binds} binds on one connection: slapd grew by {grown}")
+    if not SANITIZER.kind:
+        assert grown[0] < 1 << 20
+        assert grown[1] < 1 << 18, "the second connection uses what the first one left"
