@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/ad/options.h"
 #include "agent/server.h"
 #include "agent/socket_file.h"
 #include "vorn/properties.h"
@@ -19,13 +20,18 @@ class SettingsError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+enum class DirectoryKind { Embedded, Ad };
+
 struct Config {
     SocketOptions socket;
     ServerOptions server;
     int threads = 4;
-    std::string database;
-    std::string ldif;  // empty: the database must exist
+    DirectoryKind directory = DirectoryKind::Embedded;
+    AdOptions ad;          // for DirectoryKind::Ad
+    std::string database;  // for DirectoryKind::Embedded, as the next
+    std::string ldif;      // empty: the database must exist
     std::string domain;
+    std::string zone;  // the zone's DN; may be empty
     std::vector<std::string> loginAttributes;
 };
 

@@ -64,7 +64,7 @@ TEST(Config, MistakesNameTheirPlace) {
         {"domain.name = example.com\nagent.socket =\n", "host.conf:2: agent.socket is not set"},
         {"domain.name = example.com\nagent.soket = x\n", "host.conf:2: unknown setting agent.soket"},
         {"domain.name = example.com\ndirectory = ldap\n",
-         "host.conf:2: directory is \"ldap\"; this agent serves: embedded"},
+         "host.conf:2: directory is \"ldap\"; this agent serves: embedded, ad"},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(failure(text), expected) << text;
 }

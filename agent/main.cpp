@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "agent/ad/ad.h"
+#include "agent/ad/check.h"
 #include "agent/config.h"
 #include "agent/embedded/embedded.h"
 #include "agent/embedded/ldif.h"
@@ -36,7 +38,7 @@ constexpr char kUsage[] =
     "Serves the directory to programs of this host.\n"
     "\n"
     "  --config FILE  read the settings from FILE\n"
-    "  --check        check the settings and the database, and serve nothing\n"
+    "  --check        check the settings and the directory, and serve nothing\n"
     "  --help         show this text\n"
     "  --version      show the version\n"
     "\n"
@@ -119,6 +121,24 @@ EmbeddedOptions embeddedOptions(const Config& config) {
     return {config.database, config.domain, config.loginAttributes, vorn::systemTime};
 }
 
+std::unique_ptr<Directory> openDirectory(const Config& config) {
+    if (config.directory == DirectoryKind::Ad) return std::make_unique<AdDirectory>(config.ad);
+    buildIfMissing(config);
+    return std::make_unique<EmbeddedDirectory>(embeddedOptions(config));
+}
+
+// The exit status of --check.
+int check(const Config& config) {
+    if (config.directory == DirectoryKind::Ad) {
+        std::string report;
+        const bool good = checkDomain(config.ad, config.zone, report);
+        std::fputs(report.c_str(), stdout);
+        return good ? 0 : kStartFailed;
+    }
+    if (exists(config.database)) EmbeddedDirectory(embeddedOptions(config));
+    return 0;
+}
+
 // Every client is a descriptor.
 void raiseDescriptorLimit() {
     rlimit limit{};
@@ -131,8 +151,8 @@ void raiseDescriptorLimit() {
 class Agent {
   public:
     explicit Agent(const Config& config)
-        : m_directory(embeddedOptions(config)),
-          m_service(m_directory, vorn::systemTime),
+        : m_directory(openDirectory(config)),
+          m_service(*m_directory, vorn::systemTime),
           m_pool(config.threads),
           m_server(m_io, m_service, m_pool, config.server),
           m_socket(config.socket),
@@ -192,7 +212,7 @@ class Agent {
     }
 
     boost::asio::io_context m_io{1};
-    EmbeddedDirectory m_directory;
+    const std::unique_ptr<Directory> m_directory;
     Service m_service;
     WorkerPool m_pool;
     Server m_server;
@@ -215,11 +235,7 @@ int start(const Options& options) {
         ::signal(SIGPIPE, SIG_IGN);
         ::umask(077);  // the database holds password hashes
         raiseDescriptorLimit();
-        if (options.check) {
-            if (exists(config.database)) EmbeddedDirectory(embeddedOptions(config));
-            return 0;
-        }
-        buildIfMissing(config);
+        if (options.check) return check(config);
         Agent agent(config);
         return agent.run();
     } catch (const std::exception& error) {

@@ -77,6 +77,17 @@ bool fitsAnyHash(const std::string& password, const std::vector<std::string>& st
     return fitting && whole;
 }
 
+std::string newHash(const std::string& password) {
+    char setting[CRYPT_GENSALT_OUTPUT_SIZE] = {};
+    // Without bytes given the salt comes from the system's random numbers.
+    if (password.find('\0') != std::string::npos ||
+        crypt_gensalt_rn("$y$", 0, nullptr, 0, setting, sizeof setting) == nullptr)
+        return {};
+    const CryptData data(new crypt_data());
+    const char* computed = crypt_r(password.c_str(), setting, data.get());
+    return computed == nullptr || computed[0] == '*' ? std::string() : std::string(computed);
+}
+
 std::string settingOf(std::string_view storedValue) {
     constexpr std::size_t kBcrypt = 29;  // "$2b$05$" and 22 characters of salt
     constexpr std::size_t kBsdi = 9;     // "_", four of strength and four of salt

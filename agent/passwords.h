@@ -15,6 +15,10 @@ namespace vexagent {
 bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues,
                  const std::string& idleSetting = "");
 
+// A new hash of the password (yescrypt, with a salt of its own); empty when none can
+// be made, as for a password with a NUL.
+std::string newHash(const std::string& password);
+
 // What a stored value says about how it was made (scheme, strength, salt), without
 // the hash; empty for a value that fits nothing.
 std::string settingOf(std::string_view storedValue);

@@ -7,6 +7,7 @@ find_package(spdlog REQUIRED)
 find_package(Boost 1.74 REQUIRED)
 pkg_check_modules(LDB REQUIRED IMPORTED_TARGET ldb talloc tevent)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
+pkg_check_modules(KRB5 REQUIRED IMPORTED_TARGET krb5)
 find_library(CRYPT_LIBRARY crypt REQUIRED)
 find_program(FLATC flatc REQUIRED)
 

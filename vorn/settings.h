@@ -30,8 +30,9 @@ inline constexpr Setting SETTING_AGENT_THREADS = {"agent.threads", "4",
                                                   "how many requests the agent works on at once"};
 inline constexpr Setting SETTING_AGENT_CLIENTS = {"agent.clients.max", "1024",
                                                   "how many connections the agent accepts at once"};
-inline constexpr Setting SETTING_DIRECTORY = {"directory", "embedded",
-                                              "which directory the agent serves: embedded"};
+inline constexpr Setting SETTING_DIRECTORY = {
+    "directory", "embedded",
+    "which directory the agent serves: embedded, or ad for an Active Directory domain"};
 inline constexpr Setting SETTING_EMBEDDED_DATABASE = {"embedded.database", "/var/lib/zanthe/directory.ldb",
                                                       "the embedded directory's LDB file"};
 inline constexpr Setting SETTING_EMBEDDED_LDIF = {
@@ -51,6 +52,45 @@ inline constexpr Setting SETTING_LOG_LEVELS = {"log.level.*", "",
                                                "log.level for one channel, such as log.level.dirgate"};
 inline constexpr Setting SETTING_LOG_SYSLOG_LEVELS = {"log.syslog.level.*", "",
                                                       "log.syslog.level for one channel"};
+
+inline constexpr Setting SETTING_AD_SERVERS = {
+    "ad.servers", "", "the domain's controllers, host or host:port (empty: found by DNS)"};
+inline constexpr Setting SETTING_AD_SITE = {"ad.site", "", "the site whose controllers are preferred"};
+inline constexpr Setting SETTING_AD_TRANSPORT = {"ad.transport", "gssapi",
+                                                 "how controllers are talked to: gssapi with the machine's "
+                                                 "keytab, starttls or ldaps with a service account"};
+inline constexpr Setting SETTING_AD_KEYTAB = {"ad.keytab", "/etc/krb5.keytab", "the machine's keytab"};
+inline constexpr Setting SETTING_AD_PRINCIPAL = {
+    "ad.principal", "", "the machine's name in the keytab (empty: the one that ends with $)"};
+inline constexpr Setting SETTING_AD_BIND_NAME = {
+    "ad.bind.name", "", "the service account for starttls and ldaps: a DN or name@domain"};
+inline constexpr Setting SETTING_AD_BIND_PASSWORD_FILE = {
+    "ad.bind.password.file", "", "a file whose first line is the service account's password"};
+inline constexpr Setting SETTING_AD_TLS_CA = {
+    "ad.tls.ca", "/etc/ssl/certs/ca-certificates.crt",
+    "the certificate authorities that controllers' certificates come from"};
+inline constexpr Setting SETTING_AD_TIMEOUT = {
+    "ad.timeout", "8", "seconds for one request to the domain, other controllers included"};
+inline constexpr Setting SETTING_AD_CONNECTIONS = {"ad.connections", "8",
+                                                   "how many connections to one domain are at work at once"};
+inline constexpr Setting SETTING_AD_IDS_FROM_SID = {
+    "ad.ids.from.sid", "false", "whether accounts without numbers get ids made from their SIDs"};
+inline constexpr Setting SETTING_AD_IDS_FIRST = {"ad.ids.first", "200000", "the lowest id that is made"};
+inline constexpr Setting SETTING_AD_IDS_SLICES = {"ad.ids.slices", "10000",
+                                                  "over how many slices of ids the domains are spread"};
+inline constexpr Setting SETTING_AD_IDS_SLICE_SIZE = {"ad.ids.slice.size", "200000",
+                                                      "how many ids a slice has"};
+inline constexpr Setting SETTING_AD_IDS_HOME = {
+    "ad.ids.home", "/home/%u", "the home folder that comes with a made id; %u is the login name"};
+inline constexpr Setting SETTING_AD_AUTH_CACHE = {
+    "ad.auth.cache", "false",
+    "whether log-ins may be checked against earlier ones while the domain is out of reach"};
+inline constexpr Setting SETTING_AD_AUTH_CACHE_FILE = {"ad.auth.cache.file", "/var/lib/zanthe/logins",
+                                                       "where hashes of passwords are kept for that"};
+inline constexpr Setting SETTING_AD_AUTH_CACHE_MAX_AGE = {
+    "ad.auth.cache.max.age", "168", "hours after which an earlier log-in no longer counts"};
+inline constexpr Setting SETTING_AD_AUTH_CACHE_ATTEMPTS = {
+    "ad.auth.cache.attempts", "5", "wrong passwords in a row after which it no longer counts either"};
 
 // All of the above.
 std::span<const Setting> knownSettings();

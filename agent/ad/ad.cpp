@@ -1,0 +1,403 @@
+#include "agent/ad/ad.h"
+
+#include <algorithm>
+#include <set>
+
+#include "agent/ad/filters.h"
+#include "agent/ad/login.h"
+#include "agent/identifiers.h"
+#include "agent/log.h"
+#include "agent/secrets.h"
+#include "vorn/dn.h"
+#include "vorn/secret.h"
+#include "vorn/signals_blocked.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr int kSubordinate = 3;  // RFC 4511 does not know it, and neither do controllers
+constexpr milliseconds kHouseTime{250};
+constexpr milliseconds kHealthTime{3000};
+constexpr milliseconds kNamesTime{3'600'000};
+constexpr std::size_t kMostDomains = 32;
+constexpr char kCatalog[] = "$";
+
+Result unavailable(const std::string& text) {
+    return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE, text);
+}
+
+// A context that knows DNs and nothing else.
+ldb_context* dnContext() {
+    thread_local const Talloc<ldb_context> context(ldb_init(nullptr, nullptr));
+    if (!context) throw std::bad_alloc();
+    return context.get();
+}
+
+// What is inside "<GUID=...>"; nothing for another base.
+std::optional<std::string> guidBase(const std::string& base) {
+    if (!vorn::startsWithIgnoreCase(base, "<GUID=") || base.back() != '>') return std::nullopt;
+    return guidText(guidBytes(std::string_view(base).substr(6, base.size() - 7)).value_or(""));
+}
+
+// The name in "( 1.2.3 NAME 'cn' SYNTAX ...".
+std::string nameIn(const std::string& description) {
+    const std::size_t at = description.find("NAME '");
+    if (at == std::string::npos) return {};
+    return description.substr(at + 6, description.find('\'', at + 6) - at - 6);
+}
+
+}  // namespace
+
+// -------------------------------------------------------------------- domains
+
+AdDirectory::AdDirectory(const AdOptions& options)
+    : m_options(options),
+      m_tickets(options.transport != Transport::Gssapi
+                    ? nullptr
+                    : std::make_unique<Tickets>(m_options,
+                                                [this](const std::string& realm) -> Controllers* {
+                                                    Domain* domain = find(vorn::lower(realm));
+                                                    return domain == nullptr ? nullptr
+                                                                             : &domain->controllers();
+                                                })),
+      m_context{m_options, m_watchdog, m_tickets.get()},
+      m_memory(options.authCache.enabled ? std::make_unique<AuthCache>(options.authCache, options.clock)
+                                         : nullptr),
+      m_joined(*add(options.domain, Domain::Kind::Domain)) {
+    // A list of servers needs nobody to look for them.
+    if (!m_options.servers.empty()) m_joined.locate();
+    const vorn::SignalsBlocked blocked;
+    m_house = std::thread([this] { keepHouse(); });
+}
+
+AdDirectory::~AdDirectory() {
+    {
+        const std::lock_guard lock(m_houseMutex);
+        m_stopping = true;
+    }
+    m_wakeHouse.notify_one();
+    m_house.join();
+}
+
+void AdDirectory::keepHouse() {
+    std::unique_lock lock(m_houseMutex);
+    while (!m_stopping) {
+        m_work = false;
+        lock.unlock();
+        std::vector<Domain*> domains;
+        {
+            const std::lock_guard domainsLock(m_mutex);
+            for (const auto& [name, domain] : m_domains) domains.push_back(domain.get());
+        }
+        for (Domain* domain : domains) domain->tend();
+        lock.lock();
+        m_wakeHouse.wait_for(lock, kHouseTime, [this] { return m_stopping || m_work; });
+    }
+}
+
+Domain* AdDirectory::find(const std::string& name) {
+    const std::lock_guard lock(m_mutex);
+    const auto domain = m_domains.find(vorn::lower(name));
+    return domain == m_domains.end() ? nullptr : domain->second.get();
+}
+
+Domain* AdDirectory::add(const std::string& name, Domain::Kind kind) {
+    const std::string key = kind == Domain::Kind::Catalog ? kCatalog : vorn::lower(name);
+    Domain* added = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_domains.size() >= kMostDomains && !m_domains.contains(key)) return nullptr;
+        std::unique_ptr<Domain>& place = m_domains[key];
+        if (!place) place = std::make_unique<Domain>(m_context, name, kind);
+        added = place.get();
+    }
+    const std::lock_guard lock(m_houseMutex);
+    m_work = true;
+    m_wakeHouse.notify_one();
+    return added;
+}
+
+Result AdDirectory::catalog(const Deadline& deadline, Domain*& domain) {
+    domain = find(kCatalog);
+    if (domain != nullptr) return {};
+    std::shared_ptr<const DomainInfo> info;
+    if (const LdapStatus status = m_joined.info(deadline, info); !status.ok()) return resultOf(status);
+    domain = add(vorn::lower(vorn::DN::domainFromDN(info->forest)), Domain::Kind::Catalog);
+    return domain != nullptr ? Result() : unavailable("too many domains have been asked for");
+}
+
+// The domain of that name. For "" and "$" it is the one that a DN lies in, where
+// that is another than the joined one.
+Result AdDirectory::domainOf(const std::string& name, const std::string& dn, Domain*& domain) {
+    domain = &m_joined;
+    std::string wanted = name == kCatalog ? vorn::DN::domainFromDN(dn) : name;
+    if (wanted.empty() || vorn::equalsIgnoreCase(wanted, m_options.domain)) return {};
+    if (!vorn::DN::isDN(vorn::DN::dnFromDomain(wanted)) ||
+        wanted.find_first_of("/:@\\ ") != std::string::npos)
+        return unavailable("\"" + vorn::printable(wanted) + "\" is no domain");
+    domain = add(vorn::lower(wanted), Domain::Kind::Domain);
+    return domain != nullptr ? Result() : unavailable("too many domains have been asked for");
+}
+
+Result AdDirectory::idsOf(Domain& domain, const Deadline& deadline, std::shared_ptr<const Ids>& ids) {
+    std::shared_ptr<const DomainInfo> info;
+    if (m_options.ids.fromSid)
+        if (const LdapStatus status = domain.info(deadline, info); !status.ok()) return resultOf(status);
+    ids = std::make_shared<const Ids>(m_options.ids, info ? info->sid : std::string());
+    return {};
+}
+
+AdSource AdDirectory::source(Domain& domain) {
+    return {domain, domain.kind() == Domain::Kind::Catalog ? m_joined : domain, m_memberships, m_options};
+}
+
+// ------------------------------------------------------------------- searches
+
+bool AdDirectory::isQuick(const Query& query) const {
+    if (query.scope == LDAP_SCOPE_BASE) return true;
+    const Pool pool = newPool();
+    ParseTree* tree = nullptr;
+    return !parseFilter(pool.get(), query.filter, tree).ok() || isQuickAdFilter(tree);
+}
+
+Result AdDirectory::findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan) {
+    const Result missing = resultOf({LDAP_NO_SUCH_OBJECT});
+    plan.search.base = query.base;
+    plan.search.scope = query.scope == kSubordinate ? LDAP_SCOPE_SUBTREE : query.scope;
+    if (query.base.empty()) {
+        // The catalog has no root of its own: nothing above all its domains.
+        if (domain.kind() == Domain::Kind::Domain) plan.search.base = vorn::DN::dnFromDomain(domain.name());
+    } else if (const auto guid = guidBase(query.base)) {
+        if (guid->empty()) return missing;
+        plan.search.base = "<GUID=" + *guid + ">";
+    } else if (query.base.find('\0') != std::string::npos || !vorn::DN::isDN(query.base)) {
+        return missing;
+    } else if (query.scope == LDAP_SCOPE_BASE && domain.kind() == Domain::Kind::Domain) {
+        // It may be a rewritten one.
+        NamedEntries found;
+        NameFinder finder(domain, m_options, {"1.1"}, deadline);
+        const LdapStatus status = finder.byDn(query.base, NameFinder::Rewritten::IfNotReal, found);
+        if (!status.ok()) return resultOf(status);
+        if (found.only() == nullptr) return missing;
+        plan.search.base = found.only()->dn;
+    }
+    if (query.scope != kSubordinate) return {};
+    std::vector<Entry> base;
+    const LdapStatus status =
+        domain.search({plan.search.base, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}}, deadline, base);
+    if (!status.ok() || base.empty()) return status.ok() ? missing : resultOf(status);
+    plan.without = base[0].dn;
+    return {};
+}
+
+Result AdDirectory::prepare(const Query& query, Domain& domain, Domain& members, const Deadline& deadline,
+                            AdPlan& plan, bool& nothing) {
+    Result failed;  // of a look-up on the way
+    std::shared_ptr<const Ids> ids;
+    if (Result result = idsOf(members, deadline, ids); !result.ok()) return result;
+    FilterContext context;
+    context.ldb = dnContext();
+    std::shared_ptr<const DomainInfo> info;
+    if (const LdapStatus status = members.info(deadline, info); !status.ok()) return resultOf(status);
+    context.rootDn = info->forest;
+    if (query.view.zone)
+        context.groupsOf = [&](std::string_view name) {
+            std::vector<std::string> guids;
+            const LdapStatus status =
+                m_memberships.groupsOf(members, *ids, std::string(name), deadline, guids);
+            if (!status.ok()) failed = resultOf(status);
+            return guids;
+        };
+    if (ids->enabled())
+        context.first = [&](void* pool, ParseTree*& tree) { return rewriteIdAssertion(pool, tree, *ids); };
+    Selection selection = Selection::Some;
+    if (Result made = makeAdFilter(query, context, plan.search.filter, selection); !made.ok()) return made;
+    if (!failed.ok()) return failed;
+    nothing = selection == Selection::Nothing;
+    plan.ids = ids;
+    plan.view = query.view;
+    plan.typed = query.typed;
+    plan.firstBatch = query.firstBatch;
+    plan.search.attributes = attributesFor(query.view, *ids);
+    return findBase(query, domain, deadline, plan);
+}
+
+Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) {
+    rest.reset();
+    const Deadline end = deadline();
+    Domain* domain = nullptr;
+    const Result found = query.domain == kCatalog ? catalog(end, domain) : domainOf(query.domain, "", domain);
+    if (!found.ok()) return found;
+    const AdSource from = source(*domain);
+    AdPlan plan;
+    bool nothing = false;
+    if (Result result = prepare(query, *domain, from.members, end, plan, nothing); !result.ok())
+        return result;
+    return nothing ? Result() : runAdSearch(from, std::move(plan), end, first, rest);
+}
+
+Result AdDirectory::showOne(Domain& domain, std::vector<Entry> entries, const View& view,
+                            const Deadline& deadline, Object& object) {
+    AdPlan plan;
+    plan.view = view;
+    if (Result result = idsOf(domain, deadline, plan.ids); !result.ok()) return result;
+    std::vector<Object> objects;
+    Result result = makeObjects(source(domain), plan, entries, deadline, objects);
+    if (result.ok()) object = std::move(objects.front());
+    return result;
+}
+
+Result AdDirectory::fetch(const std::string& domainName, const std::string& dn, const View& view,
+                          Object& object) {
+    const Result missing = Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
+    const Deadline end = deadline();
+    Domain* domain = nullptr;
+    if (Result result = domainOf(domainName, dn, domain); !result.ok()) return result;
+    std::shared_ptr<const Ids> ids;
+    if (Result result = idsOf(*domain, end, ids); !result.ok()) return result;
+    NamedEntries found;
+    NameFinder finder(*domain, m_options, attributesFor(view, *ids), end);
+    const LdapStatus status = finder.byDn(dn, NameFinder::Rewritten::IfNotReal, found);
+    if (!status.ok()) return resultOf(status);
+    if (found.only() == nullptr) return missing;
+    return showOne(*domain, {std::move(*found.only())}, view, end, object);
+}
+
+Result AdDirectory::lookup(const std::string& guid, const View& view, Object& object) {
+    const Result missing = Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
+    const auto bytes = guidBytes(guid);
+    if (!bytes) return missing;
+    const Deadline end = deadline();
+    std::shared_ptr<const Ids> ids;
+    if (Result result = idsOf(m_joined, end, ids); !result.ok()) return result;
+    const LdapSearch wanted = {"<GUID=" + guidText(*bytes) + ">", LDAP_SCOPE_BASE, "(objectClass=*)",
+                               attributesFor(view, *ids)};
+    std::vector<Entry> entries;
+    LdapStatus status = m_joined.search(wanted, end, entries);
+    if (status.code == LDAP_NO_SUCH_OBJECT || (status.ok() && entries.empty())) {
+        // It may be one of another domain that a search of the forest has shown.
+        std::shared_ptr<const DomainInfo> info;
+        status = m_joined.info(end, info);
+        if (status.ok() && info->domains < 2) return missing;
+        Domain* forest = nullptr;
+        if (Result result = catalog(end, forest); !result.ok()) return result;
+        status = forest->search(wanted, end, entries);
+        if (status.code == LDAP_NO_SUCH_OBJECT || (status.ok() && entries.empty())) return missing;
+        if (!status.ok()) return resultOf(status);
+        return fetch(kCatalog, entries[0].dn, view, object);
+    }
+    if (!status.ok()) return resultOf(status);
+    return showOne(m_joined, std::move(entries), view, end, object);
+}
+
+// -------------------------------------------------------------- authentication
+
+Result AdDirectory::checkAccount(Domain& domain, const Entry& account, const std::string& password,
+                                 const Deadline& deadline) {
+    if (m_options.transport != Transport::Gssapi)
+        return loginResult(domain.tryPassword(account.dn, password, deadline));
+    KdcConversation kdc(
+        [this](const std::string& realm) -> Controllers* {
+            Domain* known = find(vorn::lower(realm));
+            return known == nullptr ? nullptr : &known->controllers();
+        },
+        deadline);
+    const PasswordCheck check =
+        checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")), domain.name(), password);
+    return loginResult(check, account, m_options.clock());
+}
+
+Result AdDirectory::askDomain(const std::string& user, const std::string& password) {
+    const Deadline end = deadline();
+    Domain* domain = nullptr;
+    const std::string dn = vorn::DN::isDN(user) ? user : "";
+    if (!domainOf(kCatalog, dn, domain).ok()) return noSuchUser();
+    NamedEntries found;
+    NameFinder finder(*domain, m_options, kLoginAttributes, end);
+    const LdapStatus status = finder.byLoginName(user, found);
+    if (!status.ok()) return resultOf(status);
+    if (found.count() > 1) return accountRefused("the name means more than one object");
+    const Entry* account = found.only();
+    if (account == nullptr || account->first("sAMAccountName").empty()) return noSuchUser();
+    return checkAccount(*domain, *account, password, end);
+}
+
+bool AdDirectory::askMemory(const std::string& user, const std::string& password, Result& result) {
+    switch (m_memory->check(user, password)) {
+        case AuthCache::Answer::Right:
+            AGENT_LOG(vorn::Logger::kInfo, "password of \"%s\" checked against an earlier check",
+                      vorn::printable(user).c_str());
+            result = {};
+            return true;
+        case AuthCache::Answer::Wrong:
+            result = wrongPassword();
+            return true;
+        default:
+            return false;
+    }
+}
+
+Result AdDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions options) {
+    if (user.empty()) return noSuchUser();
+    if (password.empty()) return wrongPassword();
+    const bool mayRemember = m_memory && (options.preferCached || options.allowCached);
+    Result result;
+    // Nobody waits for a domain that was out of reach a moment ago.
+    if (mayRemember && options.preferCached && m_joined.controllers().allDown(now()) &&
+        askMemory(user, password, result))
+        return result;
+    result = askDomain(user, password);
+    if (result.code == VEX_UNAVAILABLE && mayRemember)
+        askMemory(user, password, result);
+    else if (m_memory && result.ok())
+        m_memory->remember(user, password);
+    else if (m_memory && (result.code == VEX_NO_SUCH_USER || result.code == VEX_ACCOUNT_REFUSED))
+        m_memory->forget(user);
+    return result;
+}
+
+// ------------------------------------------------------------------ diagnosis
+
+Result AdDirectory::supportedAttributes(std::vector<std::string>& names) {
+    {
+        const std::lock_guard lock(m_namesMutex);
+        if (now() < m_namesUntil) {
+            names = m_names;
+            return {};
+        }
+    }
+    const Deadline end = deadline();
+    std::shared_ptr<const DomainInfo> info;
+    LdapStatus status = m_joined.info(end, info);
+    std::vector<Entry> entries;
+    if (status.ok())
+        status = m_joined.search({"CN=Aggregate,CN=Schema,CN=Configuration," + info->forest,
+                                  LDAP_SCOPE_BASE,
+                                  "(objectClass=*)",
+                                  {"attributeTypes"}},
+                                 end, entries);
+    if (!status.ok()) return resultOf(status);
+    std::set<std::string, vorn::StringCaseLessThan> found;
+    for (const Entry& entry : entries)
+        if (const Attribute* types = entry.find("attributeTypes"))
+            for (const std::string& description : types->values) found.insert(nameIn(description));
+    std::erase_if(found, [](const std::string& name) { return name.empty() || isSecretAttribute(name); });
+    if (found.empty())
+        return Result::ldap(VEX_DIRECTORY_ERROR, LDAP_OTHER, "the controller does not tell its schema");
+    names.assign(found.begin(), found.end());
+    const std::lock_guard lock(m_namesMutex);
+    m_names = names;
+    m_namesUntil = now() + kNamesTime;
+    return {};
+}
+
+Result AdDirectory::health() {
+    const LdapStatus status = m_joined.health(Deadline::in(std::min(kHealthTime, m_options.timeout)));
+    if (status.ok() || (m_memory && m_memory->hasAnswers())) return {};
+    Result result = resultOf(status);
+    if (result.code != VEX_UNAVAILABLE) result.code = VEX_UNAVAILABLE;
+    return result;
+}
+
+}  // namespace vexagent

@@ -1,0 +1,153 @@
+#include "agent/ad/auth_cache.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include "agent/log.h"
+#include "agent/passwords.h"
+#include "vorn/descriptor.h"
+#include "vorn/secret.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr std::size_t kLargestFile = std::size_t{16} << 20;
+constexpr mode_t kOthers = 077;
+
+std::string reason(const std::string& file) {
+    return file + ": " + std::strerror(errno);
+}
+
+// Names may hold blanks and line ends: every such byte becomes a backslash and two
+// digits, and a backslash too.
+std::string written(const std::string& name) {
+    std::string text = vorn::printable(name);
+    for (std::size_t at = 0; (at = text.find(' ', at)) != std::string::npos; at += 3)
+        text.replace(at, 1, "\\20");
+    return text;
+}
+
+std::string readFile(const std::string& file) {
+    const vorn::Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (descriptor.get() < 0) {
+        if (errno == ENOENT) return {};
+        throw AuthCacheError(reason(file));
+    }
+    struct stat status {};
+    if (::fstat(descriptor.get(), &status) != 0) throw AuthCacheError(reason(file));
+    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || (status.st_mode & kOthers) != 0)
+        throw AuthCacheError(file + ": is not a file of the agent's own with mode 0600");
+    if (static_cast<std::size_t>(status.st_size) > kLargestFile)
+        throw AuthCacheError(file + ": is too large");
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    const ssize_t count = ::read(descriptor.get(), text.data(), text.size());
+    if (count < 0) throw AuthCacheError(reason(file));
+    text.resize(static_cast<std::size_t>(count));
+    return text;
+}
+
+// The file's new content stands whole on the disk before it takes the old one's
+// place.
+bool replaceFile(const std::string& file, const std::string& text) {
+    const std::string fresh = file + ".new";
+    ::unlink(fresh.c_str());
+    const vorn::Descriptor descriptor(
+        ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    return descriptor.get() >= 0 &&
+           ::write(descriptor.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+           ::fsync(descriptor.get()) == 0 && ::rename(fresh.c_str(), file.c_str()) == 0;
+}
+
+}  // namespace
+
+AuthCache::AuthCache(const AuthCacheOptions& options, vorn::Clock clock)
+    : m_options(options), m_clock(clock) {
+    read();
+}
+
+void AuthCache::read() {
+    std::istringstream lines(readFile(m_options.file));
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        Record record;
+        std::string name;
+        if (words >> record.time >> record.failures >> record.hash >> name) m_records[name] = record;
+    }
+}
+
+void AuthCache::write() {
+    std::string text;
+    for (const auto& [name, record] : m_records)
+        text += std::to_string(record.time) + " " + std::to_string(record.failures) + " " + record.hash +
+                " " + name + "\n";
+    if (!replaceFile(m_options.file, text))
+        AGENT_LOG(vorn::Logger::kError, "%s: %s", m_options.file.c_str(), std::strerror(errno));
+    vorn::wipe(text);
+}
+
+bool AuthCache::serves(const Record& record) const {
+    const std::time_t now = m_clock();
+    // A record from the future says nothing about its age.
+    return record.time <= now && now - record.time <= m_options.maxAge.count() &&
+           record.failures < m_options.attempts;
+}
+
+AuthCache::Answer AuthCache::check(const std::string& name, const std::string& password) {
+    const std::string key = written(vorn::lower(name));
+    std::string hash;
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto record = m_records.find(key);
+        if (record == m_records.end() || !serves(record->second)) return Answer::Unknown;
+        hash = record->second.hash;
+        // Counted beforehand, so that attempts at the same time all count.
+        ++record->second.failures;
+        write();
+    }
+    const bool right = fitsAnyHash(password, {hash});
+    if (!right) return Answer::Wrong;
+    const std::lock_guard lock(m_mutex);
+    const auto record = m_records.find(key);
+    if (record != m_records.end() && record->second.hash == hash) {
+        record->second.failures = 0;
+        write();
+    }
+    return Answer::Right;
+}
+
+void AuthCache::remember(const std::string& name, const std::string& password) {
+    Record record;
+    record.hash = newHash(password);
+    record.time = m_clock();
+    if (record.hash.empty()) return;
+    const std::lock_guard lock(m_mutex);
+    if (m_records.size() >= kMostRecords) {
+        const auto oldest =
+            std::min_element(m_records.begin(), m_records.end(),
+                             [](const auto& a, const auto& b) { return a.second.time < b.second.time; });
+        m_records.erase(oldest);
+    }
+    m_records[written(vorn::lower(name))] = record;
+    write();
+}
+
+void AuthCache::forget(const std::string& name) {
+    const std::lock_guard lock(m_mutex);
+    if (m_records.erase(written(vorn::lower(name))) != 0) write();
+}
+
+bool AuthCache::hasAnswers() {
+    const std::lock_guard lock(m_mutex);
+    return std::any_of(m_records.begin(), m_records.end(),
+                       [this](const auto& entry) { return serves(entry.second); });
+}
+
+}  // namespace vexagent

@@ -1,0 +1,82 @@
+// Which domain controller to ask.
+//
+// Controllers stand in classes: those of the agent's site before others, and by
+// the priority of their DNS records. Within a class the one in use stays in use
+// until it fails; after that the others take over, and the failed one is tried
+// again after a delay that grows with every further failure and is drawn at
+// random around its middle, so that many agents do not come back at once. When a
+// controller of a better class answers again, it is used again.
+//
+// The class knows no network and no clock: it is told what happened and when. Safe
+// for several threads.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "agent/ad/deadline.h"
+#include "agent/ad/sockets.h"
+
+namespace vexagent {
+
+struct Controller {
+    Peer peer;
+    int rank = 0;  // its class; lower is better
+};
+
+class Controllers {
+  public:
+    // A number from 0 up to, not including, 1.
+    using Random = std::function<double()>;
+
+    explicit Controllers(Random random) : m_random(std::move(random)) {}
+
+    // The controllers that there are, in the order of preference. What is known
+    // about one that was there before stays known.
+    void set(const std::vector<Controller>& controllers);
+
+    struct Choice {
+        Peer peer;
+        bool due = true;  // false: it failed a short while ago
+    };
+    // All controllers in the order in which to try them now: those that are due
+    // before the others, and among these the one that will be due first.
+    std::vector<Choice> order(Moment now) const;
+
+    // What came of asking one.
+    void succeeded(const Peer& peer);
+    void failed(const Peer& peer, Moment now, const std::string& reason);
+
+    // Whether one that has failed is due again, and which.
+    bool dueAgain(Moment now, Peer& peer) const;
+
+    // Whether none is due: there is no point in waiting for one.
+    bool allDown(Moment now) const;
+
+    // The last failure's reason; empty when none is known.
+    std::string lastReason() const;
+
+    std::size_t size() const;
+
+    static constexpr milliseconds kFirstDelay{1000};
+    static constexpr milliseconds kLongestDelay{120'000};
+
+  private:
+    struct State {
+        Controller controller;
+        int failures = 0;  // in a row
+        Moment retry{};    // when it is due again
+    };
+    const State* find(const Peer& peer) const;
+    State* find(const Peer& peer);
+
+    const Random m_random;
+    mutable std::mutex m_mutex;
+    std::vector<State> m_states;  // guarded by m_mutex, as all below
+    Peer m_current;               // the one that answered last
+    std::string m_reason;
+};
+
+}  // namespace vexagent

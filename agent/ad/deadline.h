@@ -1,0 +1,36 @@
+// A moment by which something must be over.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+namespace vexagent {
+
+using Moment = std::chrono::steady_clock::time_point;
+using std::chrono::milliseconds;
+
+inline Moment now() {
+    return std::chrono::steady_clock::now();
+}
+
+class Deadline {
+  public:
+    explicit Deadline(Moment end) : m_end(end) {}
+    static Deadline in(milliseconds time) { return Deadline(now() + time); }
+
+    Moment end() const { return m_end; }
+    bool passed() const { return now() >= m_end; }
+
+    // What is left, at least 0; rounded up, so that waiting for it reaches the end.
+    milliseconds left() const {
+        return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(m_end - now()));
+    }
+
+    // This deadline, or an earlier one.
+    Deadline atMost(milliseconds time) const { return Deadline(std::min(m_end, now() + time)); }
+
+  private:
+    Moment m_end;
+};
+
+}  // namespace vexagent

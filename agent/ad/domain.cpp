@@ -1,0 +1,342 @@
+#include "agent/ad/domain.h"
+
+#include <algorithm>
+#include <random>
+
+#include "agent/ad/srv.h"
+#include "agent/log.h"
+#include "vorn/dn.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr std::uint16_t kLdapPort = 389;
+constexpr std::uint16_t kLdapsPort = 636;
+constexpr std::uint16_t kCatalogPort = 3268;
+constexpr std::uint16_t kCatalogTlsPort = 3269;
+
+constexpr milliseconds kShortTime{1000};    // for a controller that failed a short while ago
+constexpr milliseconds kTrustTime{20'000};  // for which an idle connection is taken as it is
+constexpr milliseconds kIdleTime{300'000};  // after which one is closed
+constexpr milliseconds kLocateEvery{600'000};
+constexpr milliseconds kLocateSoon{15'000};  // when nothing was found
+constexpr milliseconds kFreshAnswer{2000};
+constexpr std::size_t kLongPerConnection = 4;
+constexpr int kOtherSite = 1 << 16;  // above every priority
+
+double randomFraction() {
+    thread_local std::mt19937 generator{std::random_device{}()};
+    return std::uniform_real_distribution<double>(0, 1)(generator);
+}
+
+// How many of the forest's partitions are domains, and the short name of one.
+void readPartition(const Entry& partition, DomainInfo& info) {
+    const std::string_view name = partition.first("nETBIOSName");
+    if (name.empty()) return;
+    ++info.domains;
+    if (vorn::equalsIgnoreCase(partition.first("nCName"), info.root)) info.netbios = name;
+}
+
+}  // namespace
+
+Domain::Domain(const LinkContext& context, std::string name, Kind kind)
+    : m_context(context), m_name(std::move(name)), m_kind(kind), m_controllers(randomFraction) {}
+
+std::uint16_t Domain::port() const {
+    const bool tls = m_context.options.transport == Transport::Ldaps;
+    if (m_kind == Kind::Catalog) return tls ? kCatalogTlsPort : kCatalogPort;
+    return tls ? kLdapsPort : kLdapPort;
+}
+
+// ---------------------------------------------------------------- controllers
+
+bool Domain::find(std::vector<Controller>& controllers, std::string& reason) const {
+    const AdOptions& options = m_context.options;
+    const bool listed = m_kind == Kind::Catalog || vorn::equalsIgnoreCase(m_name, options.domain);
+    if (listed && !options.servers.empty()) {
+        for (const std::string& server : options.servers) {
+            Peer peer;
+            if (!parsePeer(server, port(), peer)) continue;
+            if (m_kind == Kind::Catalog) peer.port = port();
+            controllers.push_back({peer, 0});
+        }
+        return true;
+    }
+    const std::string service = m_kind == Kind::Catalog ? "_gc._tcp" : "_ldap._tcp";
+    const std::string suffix = m_kind == Kind::Catalog ? m_name : "dc._msdcs." + m_name;
+    std::vector<SrvRecord> records;
+    const auto add = [&](int rank) {
+        for (const SrvRecord& record : orderRecords(records, randomFraction)) {
+            // A record names the port without TLS.
+            const std::uint16_t at = options.transport == Transport::Ldaps ? port() : record.port;
+            const Peer peer{vorn::lower(record.target), at};
+            const bool known = std::any_of(controllers.begin(), controllers.end(),
+                                           [&](const Controller& other) { return other.peer == peer; });
+            if (!known) controllers.push_back({peer, rank + record.priority});
+        }
+    };
+    if (!options.site.empty() &&
+        querySrv(service + "." + options.site + "._sites." + suffix, records, reason))
+        add(0);
+    if (querySrv(service + "." + suffix, records, reason)) add(kOtherSite);
+    return !controllers.empty();
+}
+
+void Domain::locate() {
+    std::string reason;
+    locate(reason);
+}
+
+void Domain::locate(std::string& reason) {
+    std::vector<Controller> controllers;
+    const bool found = find(controllers, reason);
+    // Where DNS has gone, those known before are still worth asking.
+    if (found) m_controllers.set(controllers);
+    const std::lock_guard lock(m_mutex);
+    if (!found && reason != m_locateReason)
+        AGENT_LOG(vorn::Logger::kWarning, "no controllers of %s are found: %s", m_name.c_str(),
+                  reason.c_str());
+    m_located = true;
+    m_locateReason = found ? "" : reason;
+    m_locateAgain = now() + (found ? kLocateEvery : kLocateSoon);
+    m_changed.notify_all();
+}
+
+LdapStatus Domain::waitForControllers(const Deadline& deadline) {
+    if (m_controllers.size() > 0) return {};
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_until(lock, deadline.end(), [this] { return m_located; });
+    if (m_controllers.size() > 0) return {};
+    return {LDAP_UNAVAILABLE,
+            "no controller of " + m_name + " is known: " +
+                (m_locateReason.empty() ? std::string("DNS has not answered yet") : m_locateReason),
+            true};
+}
+
+bool Domain::stillThere(const Peer& peer) {
+    if (m_controllers.size() < 2) return true;  // nobody else to ask
+    std::unique_ptr<Link> link;
+    const Deadline deadline = Deadline::in(kShortTime);
+    return Link::openAnonymous(m_context, peer, deadline, link).ok() && link->probe(deadline).ok();
+}
+
+void Domain::tend() {
+    bool locateNow = false;
+    std::vector<Idle> old;
+    {
+        const std::lock_guard lock(m_mutex);
+        locateNow = !m_located || now() >= m_locateAgain;
+        for (auto& [peer, links] : m_idle)
+            for (auto idle = links.begin(); idle != links.end();) {
+                const bool over =
+                    now() - idle->since > kIdleTime || !idle->link->looksUsable(m_context.options.clock());
+                if (over) old.push_back(std::move(*idle));
+                idle = over ? links.erase(idle) : std::next(idle);
+            }
+    }
+    old.clear();
+    if (locateNow) locate();
+    Peer peer;
+    if (!m_controllers.dueAgain(now(), peer)) return;
+    std::unique_ptr<Link> link;
+    const Deadline deadline = Deadline::in(kShortTime);
+    LdapStatus status = Link::openAnonymous(m_context, peer, deadline, link);
+    if (status.ok()) status = link->probe(deadline);
+    if (status.ok()) {
+        AGENT_LOG(vorn::Logger::kInfo, "controller %s answers again", peer.host.c_str());
+        m_controllers.succeeded(peer);
+    } else {
+        m_controllers.failed(peer, now(), status.text);
+    }
+}
+
+// ---------------------------------------------------------------- connections
+
+bool Domain::Lease::keep() {
+    const std::lock_guard lock(m_domain->m_mutex);
+    if (m_domain->m_long >= m_domain->m_context.options.connections * kLongPerConnection) return false;
+    ++m_domain->m_long;
+    m_long = true;
+    return true;
+}
+
+void Domain::giveBack(std::unique_ptr<Link> link, bool wasLong, bool reusable) {
+    const bool keep = reusable && link->looksUsable(m_context.options.clock());
+    link->setPatience(nullptr);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (wasLong) --m_long;
+        std::vector<Idle>& idle = m_idle[link->peer()];
+        if (keep && idle.size() < m_context.options.connections) idle.push_back({std::move(link), now()});
+    }
+}
+
+bool Domain::acquire(const Deadline& deadline) {
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_until(lock, deadline.end(),
+                              [this] { return m_running < m_context.options.connections; }))
+        return false;
+    ++m_running;
+    return true;
+}
+
+void Domain::release() {
+    const std::lock_guard lock(m_mutex);
+    --m_running;
+    m_changed.notify_all();
+}
+
+std::unique_ptr<Link> Domain::takeIdle(const Peer& peer, const Deadline& deadline) {
+    for (;;) {
+        Idle idle;
+        {
+            const std::lock_guard lock(m_mutex);
+            std::vector<Idle>& links = m_idle[peer];
+            if (links.empty()) return nullptr;
+            idle = std::move(links.back());
+            links.pop_back();
+        }
+        if (!idle.link->looksUsable(m_context.options.clock())) continue;
+        if (now() - idle.since < kTrustTime) return std::move(idle.link);
+        if (idle.link->probe(deadline.atMost(kShortTime)).ok()) return std::move(idle.link);
+    }
+}
+
+void Domain::dropIdle(const Peer& peer) {
+    std::vector<Idle> links;
+    const std::lock_guard lock(m_mutex);
+    links.swap(m_idle[peer]);
+}
+
+LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work) {
+    const Peer peer = link->peer();
+    link->setPatience([this, peer] { return stillThere(peer); });
+    Lease lease(*this, std::move(link));
+    LdapStatus status = work(lease);
+    if (status.lost) lease.spoil();
+    return status;
+}
+
+LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work) {
+    std::unique_ptr<Link> link = takeIdle(peer, deadline);
+    if (link) {
+        LdapStatus status = attempt(std::move(link), work);
+        // One that was idle may have been closed just now; what is lost at once says
+        // nothing about the controller.
+        if (!status.lost || status.code != LDAP_SERVER_DOWN) return status;
+        dropIdle(peer);
+    }
+    LdapStatus status = Link::open(m_context, m_name, peer, open, link);
+    return status.ok() ? attempt(std::move(link), work) : status;
+}
+
+LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
+    LdapStatus status;
+    const std::vector<Controllers::Choice> choices = m_controllers.order(now());
+    for (std::size_t i = 0; i < choices.size(); ++i) {
+        const Peer& peer = choices[i].peer;
+        const bool last = i + 1 == choices.size();
+        const Deadline whole = choices[i].due ? deadline : deadline.atMost(kShortTime);
+        status = runOn(peer, last ? whole : whole.atMost(kPatience), whole, work);
+        if (!status.lost) {
+            m_controllers.succeeded(peer);
+            m_lastAnswer = now();
+            return status;
+        }
+        AGENT_LOG(vorn::Logger::kWarning, "controller %s has failed: %s", peer.host.c_str(),
+                  status.text.c_str());
+        dropIdle(peer);
+        m_controllers.failed(peer, now(), status.text);
+        if (deadline.passed()) break;
+    }
+    return status;
+}
+
+LdapStatus Domain::run(const Deadline& deadline, const Work& work) {
+    LdapStatus status = waitForControllers(deadline);
+    if (!status.ok()) return status;
+    if (!acquire(deadline))
+        return {LDAP_BUSY, "all connections to " + m_name + " are in use (ad.connections)", true};
+    struct Release {
+        Domain& domain;
+        ~Release() { domain.release(); }
+    };
+    const Release atEnd{*this};
+    return runOnAll(deadline, work);
+}
+
+LdapStatus Domain::search(const LdapSearch& search, const Deadline& deadline, std::vector<Entry>& entries) {
+    return run(deadline, [&](Lease& lease) {
+        entries.clear();
+        return lease->search(search, deadline, [&](Entry&& entry) { entries.push_back(std::move(entry)); });
+    });
+}
+
+LdapStatus Domain::tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
+    LdapStatus status = waitForControllers(deadline);
+    if (!status.ok()) return status;
+    const std::vector<Controllers::Choice> choices = m_controllers.order(now());
+    for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
+        std::unique_ptr<Link> link;
+        const bool last = i + 1 == choices.size();
+        status = Link::openAnonymous(m_context, choices[i].peer, last ? deadline : deadline.atMost(kPatience),
+                                     link);
+        if (status.ok()) return link->bind(dn, password, deadline);
+        m_controllers.failed(choices[i].peer, now(), status.text);
+    }
+    return status;
+}
+
+LdapStatus Domain::health(const Deadline& deadline) {
+    if (now() - m_lastAnswer.load() < kFreshAnswer && !m_controllers.allDown(now())) return {};
+    return run(deadline, [&](Lease& lease) { return lease->probe(deadline); });
+}
+
+// ----------------------------------------------------------------------- info
+
+LdapStatus Domain::readInfo(const Deadline& deadline, DomainInfo& info) {
+    std::vector<Entry> entries;
+    const LdapSearch rootDse = {
+        "",
+        LDAP_SCOPE_BASE,
+        "(objectClass=*)",
+        {"defaultNamingContext", "rootDomainNamingContext", "configurationNamingContext"}};
+    LdapStatus status = search(rootDse, deadline, entries);
+    if (!status.ok()) return status;
+    if (entries.empty() || entries[0].first("rootDomainNamingContext").empty())
+        return {LDAP_OTHER, m_name + ": the controller does not say what it holds"};
+    info.root = vorn::DN::dnFromDomain(m_name);
+    info.forest = entries[0].first("rootDomainNamingContext");
+    const std::string configuration(entries[0].first("configurationNamingContext"));
+
+    status = search({info.root, LDAP_SCOPE_BASE, "(objectClass=*)", {"objectSid"}}, deadline, entries);
+    if (!status.ok()) return status;
+    if (!entries.empty()) info.sid = entries[0].first("objectSid");
+    status = search({"CN=Partitions," + configuration,
+                     LDAP_SCOPE_ONELEVEL,
+                     "(objectCategory=crossRef)",
+                     {"nETBIOSName", "nCName"}},
+                    deadline, entries);
+    if (!status.ok()) return status;
+    info.domains = 0;
+    for (const Entry& entry : entries) readPartition(entry, info);
+    return {};
+}
+
+LdapStatus Domain::info(const Deadline& deadline, std::shared_ptr<const DomainInfo>& info) {
+    {
+        const std::lock_guard lock(m_mutex);
+        info = m_info;
+    }
+    if (info) return {};
+    auto fresh = std::make_shared<DomainInfo>();
+    LdapStatus status = readInfo(deadline, *fresh);
+    if (!status.ok()) return status;
+    info = fresh;
+    const std::lock_guard lock(m_mutex);
+    m_info = info;
+    return {};
+}
+
+}  // namespace vexagent

@@ -1,0 +1,177 @@
+#include "agent/ad/filters.h"
+
+#include <ldap.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "agent/categories.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+// Indexed in every Active Directory, with values that few objects share. uid and
+// memberUid are not among them.
+constexpr std::array<std::string_view, 12> kSelective = {
+    "sAMAccountName",       "uidNumber",     "cn",        "name",       "displayName",
+    "userPrincipalName",    "mail",          "objectSid", "objectGUID", "distinguishedName",
+    "servicePrincipalName", "proxyAddresses"};
+
+bool is(std::string_view name, std::string_view other) {
+    return vorn::equalsIgnoreCase(name, other);
+}
+
+bool isSelectiveInAd(std::string_view name) {
+    return std::any_of(kSelective.begin(), kSelective.end(),
+                       [name](std::string_view other) { return is(name, other); });
+}
+
+// Controllers go through an AND's indexes in their order.
+int cost(const ParseTree* tree) {
+    if (isQuickAdFilter(tree)) return 0;
+    if (tree->operation != LDB_OP_EQUALITY) return 3;
+    const std::string_view name = tree->u.equality.attr;
+    if (is(name, "gidNumber") || is(name, "primaryGroupID")) return 1;
+    return 2;
+}
+
+// Whether the filter selects by class or category already.
+bool namesClass(const ParseTree* tree) {
+    const auto& list = tree->u.list;
+    switch (tree->operation) {
+        case LDB_OP_AND:
+            return std::any_of(list.elements, list.elements + list.num_elements, namesClass);
+        case LDB_OP_OR:
+            return std::all_of(list.elements, list.elements + list.num_elements, namesClass);
+        case LDB_OP_EQUALITY:
+            return is(tree->u.equality.attr, "objectClass") || is(tree->u.equality.attr, "objectCategory");
+        default:
+            return false;
+    }
+}
+
+ParseTree* unixKinds(void* pool) {
+    std::vector<ParseTree*> kinds;
+    for (const std::string_view name : unixClasses()) kinds.push_back(newEquality(pool, "objectClass", name));
+    return newList(pool, LDB_OP_OR, kinds);
+}
+
+ParseTree* notNode(void* pool, ParseTree* child) {
+    ParseTree* node = newNode(pool, LDB_OP_NOT);
+    node->u.isnot.child = child;
+    return node;
+}
+
+std::string_view valueOf(const ParseTree* tree) {
+    return bytesOf(tree->u.equality.value);
+}
+
+std::optional<std::uint32_t> number(std::string_view text) {
+    std::uint32_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+ParseTree* without(void* pool, const char* attribute, std::vector<ParseTree*> all) {
+    all.push_back(notNode(pool, newPresence(pool, attribute)));
+    return newList(pool, LDB_OP_AND, all);
+}
+
+// The accounts that show this id because they have none of their own. A person's
+// group is made from the primary group's SID.
+std::vector<ParseTree*> holdersOf(void* pool, const char* attribute, const std::string& sid,
+                                  std::uint32_t rid) {
+    std::vector<ParseTree*> holders = {without(pool, attribute, {newEquality(pool, "objectSid", sid)})};
+    if (is(attribute, "gidNumber"))
+        holders.push_back(without(pool, attribute,
+                                  {newEquality(pool, "primaryGroupID", std::to_string(rid)),
+                                   newEquality(pool, "objectCategory", "person")}));
+    return holders;
+}
+
+}  // namespace
+
+std::string escapeFilterValue(std::string_view value) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const char c : value) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte > 0x20 && byte < 0x7f && std::string_view("*()\\").find(c) == std::string_view::npos) {
+            text.push_back(c);
+        } else {
+            text.push_back('\\');
+            text.push_back(kDigits[byte >> 4]);
+            text.push_back(kDigits[byte & 0xf]);
+        }
+    }
+    return text;
+}
+
+std::string anyOf(const char* name, const std::vector<std::string>& values) {
+    std::string text;
+    for (const std::string& value : values)
+        text.append("(").append(name).append("=").append(escapeFilterValue(value)).append(")");
+    return values.size() == 1 ? text : "(|" + text + ")";
+}
+
+bool isQuickAdFilter(const ParseTree* tree) {
+    if (tree == nullptr) return false;
+    const auto& list = tree->u.list;
+    switch (tree->operation) {
+        case LDB_OP_AND:
+            return std::any_of(list.elements, list.elements + list.num_elements, isQuickAdFilter);
+        case LDB_OP_OR:
+            return std::all_of(list.elements, list.elements + list.num_elements, isQuickAdFilter);
+        case LDB_OP_EQUALITY:
+            return isSelectiveInAd(tree->u.equality.attr);
+        default:
+            return false;
+    }
+}
+
+std::optional<Selection> rewriteIdAssertion(void* pool, ParseTree*& tree, const Ids& ids) {
+    const char* name = assertedAttribute(tree);
+    if (!is(name, "uidNumber") && !is(name, "gidNumber")) return std::nullopt;
+    const char* attribute = is(name, "uidNumber") ? "uidNumber" : "gidNumber";
+    std::vector<ParseTree*> any = {tree};
+    if (tree->operation == LDB_OP_PRESENT) {
+        // Whoever has a SID of this domain, save for the rare RID beyond the slice.
+        any.push_back(newEquality(pool, "objectCategory", "person"));
+        if (is(name, "gidNumber")) any.push_back(newEquality(pool, "objectCategory", "group"));
+    } else if (tree->operation == LDB_OP_EQUALITY) {
+        const auto id = number(valueOf(tree));
+        const std::string sid = id ? ids.sidOf(*id) : std::string();
+        if (sid.empty()) return std::nullopt;
+        for (ParseTree* holder : holdersOf(pool, attribute, sid, *id - *ids.first())) any.push_back(holder);
+    } else {
+        return std::nullopt;
+    }
+    tree = newList(pool, LDB_OP_OR, any);
+    return Selection::Some;
+}
+
+Result makeAdFilter(const Query& query, const FilterContext& context, std::string& text,
+                    Selection& selection) {
+    const Pool pool = newPool();
+    ParseTree* tree = nullptr;
+    if (const Result parsed = parseFilter(pool.get(), query.filter, tree); !parsed.ok()) return parsed;
+    selection = rewriteAssertions(pool.get(), tree, context);
+    if (selection == Selection::Nothing) return {};
+    if (selection == Selection::All) {
+        text = "(objectClass=*)";
+        tree = unixKinds(pool.get());
+        if (!query.typed || query.scope == LDAP_SCOPE_BASE) return {};
+    } else if (query.typed && query.scope != LDAP_SCOPE_BASE && !isQuickAdFilter(tree) && !namesClass(tree)) {
+        tree = newList(pool.get(), LDB_OP_AND, {tree, unixKinds(pool.get())});
+    }
+    sortAnds(tree, cost);
+    const Talloc<char> written(ldb_filter_from_tree(pool.get(), tree));
+    if (!written) return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
+    text = written.get();
+    return {};
+}
+
+}  // namespace vexagent

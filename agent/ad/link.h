@@ -1,0 +1,136 @@
+// One LDAP connection to a domain controller.
+#pragma once
+
+#include <ldap.h>
+
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/ad/options.h"
+#include "agent/ad/sockets.h"
+#include "agent/ad/tickets.h"
+#include "agent/ad/watchdog.h"
+#include "agent/directory.h"
+
+namespace vexagent {
+
+// How an LDAP operation ended: a result code of the library, and its text.
+struct LdapStatus {
+    int code = LDAP_SUCCESS;
+    std::string text{};
+    bool lost = false;  // the controller did not answer as one should: another may
+    bool ok() const { return code == LDAP_SUCCESS; }
+};
+
+// The same in the terms of the client interface.
+Result resultOf(const LdapStatus& status);
+
+// An entry as the controller sent it.
+struct Entry {
+    std::string dn;
+    std::vector<Attribute> attributes;
+
+    // Null, or empty, when the entry does not carry the attribute.
+    const Attribute* find(std::string_view name) const;
+    std::string_view first(std::string_view name) const;
+};
+
+struct LdapSearch {
+    std::string base;
+    int scope = LDAP_SCOPE_SUBTREE;
+    std::string filter = "(objectClass=*)";
+    std::vector<std::string> attributes{};  // empty: all
+};
+
+// What the connections of an agent share. Everything outlives them.
+struct LinkContext {
+    const AdOptions& options;
+    Watchdog& watchdog;
+    Tickets* tickets;  // null without GSSAPI
+};
+
+// For one thread at a time. After a status that is lost it answers nothing else.
+class Link {
+  public:
+    static constexpr int kPageSize = 1000;
+
+    // A connection to the peer that has introduced itself as the agent. domain is
+    // the one that the controller belongs to.
+    static LdapStatus open(const LinkContext& context, const std::string& domain, const Peer& peer,
+                           const Deadline& deadline, std::unique_ptr<Link>& link);
+
+    // One that nobody has introduced himself on: it can read the root DSE only. With
+    // TLS, if that is how the agent talks to controllers.
+    static LdapStatus openAnonymous(const LinkContext& context, const Peer& peer, const Deadline& deadline,
+                                    std::unique_ptr<Link>& link);
+
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // Introduces somebody by name and password; only on a connection with TLS.
+    LdapStatus bind(const std::string& name, const std::string& password, const Deadline& deadline);
+
+    // Asks for a page of the results; an empty cookie means the first one. id names
+    // the operation; several may be under way.
+    LdapStatus start(const LdapSearch& search, const std::string& cookie, int& id, int pageSize = kPageSize);
+
+    // What comes next of an operation: an entry, or its end with the cookie of the
+    // next page, which is empty after the last.
+    enum class Event { Entry, End };
+    LdapStatus next(int id, const Deadline& deadline, Event& event, Entry& entry, std::string& cookie);
+
+    // A whole search, page by page.
+    using Visitor = std::function<void(Entry&&)>;
+    LdapStatus search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit);
+
+    // Several searches with as many under way as is of use. A base that is not there
+    // finds nothing.
+    LdapStatus searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
+                         const Visitor& visit);
+
+    // Whether the controller answers.
+    LdapStatus probe(const Deadline& deadline);
+
+    // Whether an idle connection may still be used, as far as can be told without
+    // asking.
+    bool looksUsable(std::time_t time) const;
+
+    // Asked from time to time while an answer is late: false ends the wait.
+    void setPatience(std::function<bool()> stillThere) { m_stillThere = std::move(stillThere); }
+
+    const Peer& peer() const { return m_peer; }
+
+  private:
+    struct Unbind {
+        void operator()(LDAP* ldap) const { ldap_unbind_ext(ldap, nullptr, nullptr); }
+    };
+
+    Link(const LinkContext& context, const Peer& peer) : m_context(context), m_peer(peer) {}
+
+    LdapStatus connect(const Deadline& deadline);
+    LdapStatus startTls(const Deadline& deadline);
+    LdapStatus introduce(const std::string& domain, const Deadline& deadline);
+    LdapStatus bindWithTicket(const std::string& domain, const Deadline& deadline);
+    LdapStatus bindAsService(const Deadline& deadline);
+    LdapStatus waitFor(int id, const Deadline& deadline, LDAPMessage*& message);
+    LdapStatus readPages(const LdapSearch& search, int id, const Deadline& deadline, const Visitor& visit);
+    LdapStatus readEntry(LDAPMessage* message, Entry& entry);
+    LdapStatus readEnd(LDAPMessage* message, std::string& cookie);
+    LdapStatus lost(int code, const std::string& text);
+    LdapStatus failure(int code);
+
+    const LinkContext& m_context;
+    const Peer m_peer;
+    vorn::Descriptor m_socket{-1};  // the library's socket, open as long as the connection is
+    std::unique_ptr<LDAP, Unbind> m_ldap;
+    std::function<bool()> m_stillThere;
+    std::time_t m_end = 0;  // when the ticket ends; 0 for never
+    bool m_lost = false;
+};
+
+}  // namespace vexagent

@@ -1,0 +1,118 @@
+#include "agent/ad/login.h"
+
+#include <charconv>
+#include <limits>
+
+namespace vexagent {
+namespace {
+
+constexpr std::int64_t kDisabled = 0x2;  // of userAccountControl
+
+// accountExpires counts 100 ns since 1601.
+constexpr std::int64_t kTicksPerSecond = 10'000'000;
+constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
+
+std::int64_t number(std::string_view text) {
+    std::int64_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
+
+// Why the account's credentials are revoked, as far as its entry tells.
+std::string whyRevoked(const Entry& account, std::time_t time) {
+    if ((number(account.first("userAccountControl")) & kDisabled) != 0) return "the account is disabled";
+    const std::int64_t expires = number(account.first("accountExpires"));
+    const bool never = expires <= 0 || expires == std::numeric_limits<std::int64_t>::max();
+    if (!never && expires / kTicksPerSecond - kSecondsTo1970 <= time) return "the account has expired";
+    if (number(account.first("lockoutTime")) != 0) return "the account is locked out";
+    return "the account may not log in now";
+}
+
+std::string whyExpired(const Entry& account) {
+    if (account.find("pwdLastSet") != nullptr && number(account.first("pwdLastSet")) == 0)
+        return "the password must be changed";
+    return "the password has expired";
+}
+
+Result kerberosError(vexCode code, const KrbStatus& status, const std::string& text) {
+    return {code, VEX_ERR_KERBEROS, static_cast<int>(status.code), text + ": " + status.text};
+}
+
+// What follows "data " in a controller's text.
+int reasonIn(const std::string& text) {
+    const std::size_t at = text.find("data ");
+    if (at == std::string::npos) return 0;
+    int reason = 0;
+    std::from_chars(text.data() + at + 5, text.data() + text.size(), reason, 16);
+    return reason;
+}
+
+}  // namespace
+
+Result noSuchUser() {
+    return Result::ldap(VEX_NO_SUCH_USER, LDAP_INVALID_CREDENTIALS, "no such user");
+}
+Result wrongPassword() {
+    return Result::ldap(VEX_WRONG_PASSWORD, LDAP_INVALID_CREDENTIALS, "wrong password");
+}
+Result accountRefused(const std::string& why) {
+    return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
+}
+
+Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t time) {
+    const KrbStatus& status = check.status;
+    if (!check.verified)
+        return kerberosError(VEX_DIRECTORY_ERROR, status,
+                             "the answer to the password check could not be verified with the keytab");
+    switch (status.code) {
+        case 0:
+            return {};
+        case KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN:
+            return noSuchUser();
+        case KRB5KDC_ERR_PREAUTH_FAILED:
+        case KRB5KRB_AP_ERR_BAD_INTEGRITY:
+            return wrongPassword();
+        case KRB5KDC_ERR_CLIENT_REVOKED:
+            return accountRefused(whyRevoked(account, time));
+        case KRB5KDC_ERR_KEY_EXP:
+            return accountRefused(whyExpired(account));
+        case KRB5KDC_ERR_NAME_EXP:
+            return accountRefused("the account has expired");
+        case KRB5KDC_ERR_POLICY:
+            return accountRefused("the account may not log in here or now");
+        case KRB5KRB_AP_ERR_SKEW:
+            return kerberosError(VEX_DIRECTORY_ERROR, status,
+                                 "the clocks of this host and the controller differ too much");
+        case KRB5_KDC_UNREACH:
+        case KRB5_REALM_UNKNOWN:
+            return kerberosError(VEX_UNAVAILABLE, status, "no controller could check the password");
+        default:
+            return kerberosError(VEX_DIRECTORY_ERROR, status, "the password could not be checked");
+    }
+}
+
+Result loginResult(const LdapStatus& status) {
+    if (status.ok()) return {};
+    if (status.code != LDAP_INVALID_CREDENTIALS) return resultOf(status);
+    switch (reasonIn(status.text)) {
+        case 0x525:
+            return noSuchUser();
+        case 0x530:
+        case 0x531:
+            return accountRefused("the account may not log in here or now");
+        case 0x532:
+            return accountRefused("the password has expired");
+        case 0x533:
+            return accountRefused("the account is disabled");
+        case 0x701:
+            return accountRefused("the account has expired");
+        case 0x773:
+            return accountRefused("the password must be changed");
+        case 0x775:
+            return accountRefused("the account is locked out");
+        default:
+            return wrongPassword();
+    }
+}
+
+}  // namespace vexagent

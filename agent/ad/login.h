@@ -1,0 +1,27 @@
+// What a refused log-in means.
+#pragma once
+
+#include <ctime>
+
+#include "agent/ad/link.h"
+#include "agent/ad/tickets.h"
+#include "agent/directory.h"
+
+namespace vexagent {
+
+// The attributes that tell why an account is refused.
+inline const std::vector<std::string> kLoginAttributes = {
+    "sAMAccountName", "objectGUID", "userAccountControl", "accountExpires", "lockoutTime", "pwdLastSet"};
+
+// The outcome of a check by Kerberos, for the account's entry. time is the host's.
+Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t time);
+
+// The outcome of a check by a bind. Controllers put the reason into the text, as
+// "data 52e".
+Result loginResult(const LdapStatus& status);
+
+Result noSuchUser();
+Result wrongPassword();
+Result accountRefused(const std::string& why);
+
+}  // namespace vexagent

@@ -1,0 +1,223 @@
+#include "agent/ad/objects.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "agent/categories.h"
+#include "agent/identifiers.h"
+#include "agent/secrets.h"
+#include "vex/vex.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr std::string_view kRange = ";range=";
+constexpr std::size_t kMostValues = 5'000'000;  // of one attribute
+
+// What every object is made from, whatever is asked for.
+constexpr const char* kAlways[] = {"objectGUID", "objectClass",       "objectCategory", "uidNumber",
+                                   "gidNumber",  "unixHomeDirectory", "ipHostNumber",   "macAddress"};
+// For a group's members.
+constexpr const char* kMembers[] = {"member", "memberUid", "objectSid"};
+// For made ids.
+constexpr const char* kIds[] = {"objectSid", "primaryGroupID", "sAMAccountName"};
+
+bool holds(const std::vector<std::string>& names, std::string_view name) {
+    return std::any_of(names.begin(), names.end(),
+                       [name](const std::string& other) { return vorn::equalsIgnoreCase(other, name); });
+}
+
+bool isWanted(const View& view, std::string_view name) {
+    return view.attributes.empty() || holds(view.attributes, name) || holds(view.attributes, "*");
+}
+
+void addOnce(std::vector<std::string>& names, std::string_view name) {
+    if (!holds(names, name)) names.emplace_back(name);
+}
+
+// Made attributes of an entry that lacks them.
+struct Made {
+    std::optional<std::uint32_t> uidNumber;
+    std::optional<std::uint32_t> gidNumber;
+    std::string home;
+};
+
+Made makeIds(const Entry& entry, const std::string& category, const Ids& ids) {
+    Made made;
+    const bool person = category == AD_USER_CATEGORY;
+    if (!ids.enabled() || (!person && category != "Group")) return made;
+    const std::optional<std::uint32_t> own = ids.idOf(entry.first("objectSid"));
+    if (person && entry.first("uidNumber").empty()) made.uidNumber = own;
+    if (entry.first("gidNumber").empty()) {
+        std::uint32_t rid = 0;
+        const std::string_view group = entry.first("primaryGroupID");
+        std::from_chars(group.data(), group.data() + group.size(), rid);
+        made.gidNumber = person ? ids.idOf(ids.sidWith(rid)) : own;
+    }
+    if (person && entry.first("unixHomeDirectory").empty() && own)
+        made.home = ids.homeOf(std::string(entry.first("sAMAccountName")));
+    return made;
+}
+
+bool isInvalid(const Entry& entry, const std::string& category, const Made& made) {
+    const auto has = [&](const char* name) { return !entry.first(name).empty(); };
+    const UnixFacts facts = {has("uidNumber") || made.uidNumber, has("gidNumber") || made.gidNumber,
+                             has("unixHomeDirectory") || !made.home.empty(),
+                             has("ipHostNumber") || has("macAddress")};
+    return isInvalidEntry(category, facts);
+}
+
+void addMade(Object& object, const View& view, const Made& made) {
+    const auto add = [&](const char* name, std::string value) {
+        if (isWanted(view, name)) object.push_back({name, {std::move(value)}});
+    };
+    if (made.uidNumber) add("uidNumber", std::to_string(*made.uidNumber));
+    if (made.gidNumber) add("gidNumber", std::to_string(*made.gidNumber));
+    if (!made.home.empty()) add("unixHomeDirectory", made.home);
+}
+
+}  // namespace
+
+std::vector<std::string> attributesFor(const View& view, const Ids& ids) {
+    std::vector<std::string> names;
+    const bool all = view.attributes.empty() || holds(view.attributes, "*");
+    if (all) names.emplace_back("*");
+    for (const std::string& name : view.attributes)
+        if (!name.empty() && name[0] != '_' && name != "1.1" && !isSecretAttribute(name))
+            addOnce(names, name);
+    if (all) return names;
+    for (const char* name : kAlways) addOnce(names, name);
+    if (view.zone && holds(view.attributes, "memberUid"))
+        for (const char* name : kMembers) addOnce(names, name);
+    if (ids.enabled())
+        for (const char* name : kIds) addOnce(names, name);
+    return names;
+}
+
+std::string categoryOf(const Entry& entry) {
+    const Attribute* classes = entry.find("objectClass");
+    const std::string_view specific =
+        classes == nullptr || classes->values.empty() ? std::string_view() : classes->values.back();
+    return shortCategory(entry.first("objectCategory"), specific);
+}
+
+bool isUnixKind(const Entry& entry) {
+    const Attribute* classes = entry.find("objectClass");
+    return classes != nullptr && std::any_of(classes->values.begin(), classes->values.end(), isUnixClass);
+}
+
+bool showsMembers(const Entry& entry, const View& view) {
+    return view.zone && isWanted(view, "memberUid") && categoryOf(entry) == "Group";
+}
+
+std::string memberName(const Entry& entry, const Ids& ids) {
+    if (categoryOf(entry) != AD_USER_CATEGORY) return {};
+    if (entry.first("uidNumber").empty() && !ids.idOf(entry.first("objectSid"))) return {};
+    const std::string_view uid = entry.first("uid");
+    return std::string(uid.empty() ? entry.first("sAMAccountName") : uid);
+}
+
+Object makeObject(const Entry& entry, const View& view, const Ids& ids,
+                  const std::vector<std::string>* members) {
+    Object object;
+    object.reserve(entry.attributes.size() + 7);
+    const std::string category = categoryOf(entry);
+    const Made made = makeIds(entry, category, ids);
+    object.push_back({AD_OBJECT_DN_TEXT, {entry.dn}});
+    object.push_back({AD_OBJECT_GUID_TEXT, {guidText(entry.first("objectGUID"))}});
+    object.push_back({VORN_OBJECT_CATEGORY, {category}});
+    if (isInvalid(entry, category, made)) object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
+    for (const Attribute& attribute : entry.attributes) {
+        if (attribute.values.empty() || isSecretAttribute(attribute.name) || !isWanted(view, attribute.name))
+            continue;
+        if (members != nullptr && vorn::equalsIgnoreCase(attribute.name, "memberUid")) continue;
+        object.push_back(attribute);
+    }
+    addMade(object, view, made);
+    if (members != nullptr && !members->empty()) object.push_back({"memberUid", *members});
+    return object;
+}
+
+std::size_t entryBytes(const Entry& entry) {
+    std::size_t bytes = 64 + entry.dn.size();
+    for (const Attribute& attribute : entry.attributes) {
+        bytes += 24 + attribute.name.size();
+        for (const std::string& value : attribute.values) bytes += 12 + value.size();
+    }
+    return bytes;
+}
+
+// --------------------------------------------------------------------- ranges
+
+bool parseRange(const std::string& text, RangedName& ranged) {
+    const std::string folded = vorn::lower(text);
+    const std::size_t at = folded.find(kRange);
+    if (at == std::string::npos) return false;
+    std::string_view range = std::string_view(folded).substr(at + kRange.size());
+    const std::size_t dash = range.find('-');
+    if (dash == std::string_view::npos) return false;
+    ranged.name = text.substr(0, at);
+    ranged.next = 0;
+    const std::string_view last = range.substr(dash + 1);
+    if (last == "*") return true;
+    std::size_t end = 0;
+    const auto [stop, error] = std::from_chars(last.data(), last.data() + last.size(), end);
+    if (error != std::errc() || stop != last.data() + last.size() || end > kMostValues) return false;
+    ranged.next = end + 1;
+    return true;
+}
+
+bool hasRanges(const Entry& entry) {
+    return std::any_of(entry.attributes.begin(), entry.attributes.end(), [](const Attribute& attribute) {
+        RangedName ranged;
+        return parseRange(attribute.name, ranged);
+    });
+}
+
+namespace {
+
+// Adds the parts after the first; each must lead further.
+LdapStatus readRest(Link& link, const std::string& dn, RangedName ranged, Attribute& attribute,
+                    const Deadline& deadline) {
+    while (ranged.next != 0) {
+        const std::string wanted = ranged.name + ";range=" + std::to_string(ranged.next) + "-*";
+        std::size_t next = 0;
+        bool more = false;
+        LdapStatus status =
+            link.search({dn, LDAP_SCOPE_BASE, "(objectClass=*)", {wanted}}, deadline, [&](Entry&& part) {
+                for (Attribute& piece : part.attributes) {
+                    RangedName name;
+                    if (!parseRange(piece.name, name) || !vorn::equalsIgnoreCase(name.name, ranged.name))
+                        continue;
+                    more = true;
+                    next = name.next;
+                    std::move(piece.values.begin(), piece.values.end(), std::back_inserter(attribute.values));
+                }
+            });
+        if (!status.ok()) return status;
+        // No such part: the value before was the last one, at the very end of its part.
+        if (!more) return {};
+        if (next != 0 && next <= ranged.next)
+            return {LDAP_OTHER, "the controller sends the parts of " + ranged.name + " without end"};
+        ranged.next = next;
+    }
+    return {};
+}
+
+}  // namespace
+
+LdapStatus readRanges(Link& link, Entry& entry, const Deadline& deadline) {
+    for (Attribute& attribute : entry.attributes) {
+        RangedName ranged;
+        if (!parseRange(attribute.name, ranged)) continue;
+        attribute.name = ranged.name;
+        if (LdapStatus status = readRest(link, entry.dn, ranged, attribute, deadline); !status.ok())
+            return status;
+    }
+    // Beside the part there may be the attribute itself, without values.
+    std::erase_if(entry.attributes, [](const Attribute& attribute) { return attribute.values.empty(); });
+    return {};
+}
+
+}  // namespace vexagent

@@ -1,0 +1,49 @@
+// From a controller's entry to the object that a client sees.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/ad/ids.h"
+#include "agent/ad/link.h"
+#include "agent/directory.h"
+
+namespace vexagent {
+
+// The attributes to ask a controller for, so that the view can be made.
+std::vector<std::string> attributesFor(const View& view, const Ids& ids);
+
+// What kind of thing an entry is.
+std::string categoryOf(const Entry& entry);
+bool isUnixKind(const Entry& entry);
+
+// Whether the view shows a computed memberUid on this entry.
+bool showsMembers(const Entry& entry, const View& view);
+
+// The login name of a person that counts in memberUid: uid, or else
+// sAMAccountName; empty for one without a uidNumber and for anything else than a
+// person. A disabled person counts.
+std::string memberName(const Entry& entry, const Ids& ids);
+
+// The object: its own _dn, _GUID, _objectCategory and perhaps _nssEntryInvalid
+// first, then the attributes in the controller's order, secrets left out. members
+// is the computed memberUid, null where none is shown.
+Object makeObject(const Entry& entry, const View& view, const Ids& ids,
+                  const std::vector<std::string>* members);
+
+// About how many bytes the entry takes as an object.
+std::size_t entryBytes(const Entry& entry);
+
+// "member;range=0-1499": the values of a large attribute come in parts. first is
+// the next part's first value; it is 0 when this part is the last.
+struct RangedName {
+    std::string name;
+    std::size_t next = 0;
+};
+bool parseRange(const std::string& text, RangedName& ranged);
+
+// Reads the parts that an entry lacks, and gives the attributes their plain names.
+LdapStatus readRanges(Link& link, Entry& entry, const Deadline& deadline);
+bool hasRanges(const Entry& entry);
+
+}  // namespace vexagent

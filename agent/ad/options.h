@@ -1,0 +1,55 @@
+// What an Active Directory domain is served with.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vorn/clock.h"
+
+namespace vexagent {
+
+// How connections to controllers are protected, and who the agent is to them.
+enum class Transport {
+    Gssapi,    // the machine's keytab; SASL GSSAPI with signing and sealing
+    StartTls,  // a service account; TLS on the LDAP port
+    Ldaps      // a service account; TLS from the first byte
+};
+
+// How ids are made for accounts without numbers of their own. See ids.h.
+struct IdOptions {
+    bool fromSid = false;
+    std::uint32_t first = 200'000;      // the lowest id
+    std::uint32_t slices = 10'000;      // domains are spread over so many slices
+    std::uint32_t sliceSize = 200'000;  // ids of one slice
+    std::string home = "/home/%u";      // for accounts without one; %u is the login name
+};
+
+// The agent's own memory of password checks.
+struct AuthCacheOptions {
+    bool enabled = false;
+    std::string file;
+    std::chrono::seconds maxAge{7 * 86'400};
+    int attempts = 5;  // wrong ones in a row, after which a record is not asked any more
+};
+
+struct AdOptions {
+    std::string domain;                        // the joined domain's DNS name
+    std::vector<std::string> loginAttributes;  // see NameRules
+    std::vector<std::string> servers;          // "host" or "host:port"; empty: by DNS
+    std::string site;
+    Transport transport = Transport::Gssapi;
+    std::string keytab = "/etc/krb5.keytab";
+    std::string principal;  // empty: the machine's, as the keytab has it
+    std::string bindName;
+    std::string bindPasswordFile;
+    std::string tlsCa;
+    std::chrono::milliseconds timeout{8000};  // for one request, failover included
+    std::size_t connections = 8;              // to one controller, idle ones included
+    IdOptions ids{};
+    AuthCacheOptions authCache{};
+    vorn::Clock clock = vorn::systemTime;
+};
+
+}  // namespace vexagent

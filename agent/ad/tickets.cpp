@@ -1,0 +1,194 @@
+#include "agent/ad/tickets.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+constexpr char kCache[] = "MEMORY:vexagent";
+
+// Tickets are taken anew when a fifth of their life is left, and GSSAPI gets none
+// with less than this.
+constexpr std::time_t kLeastLeft = 60;
+constexpr int kRestOfLife = 5;
+
+constexpr krb5_deltat kPasswordTicketLife = 300;
+
+std::string_view textOf(const krb5_data& data) {
+    return {data.data, data.length};
+}
+
+bool isInRealm(krb5_const_principal principal, const std::string& realm) {
+    return textOf(principal->realm) == realm;
+}
+
+// Puts the library's settings into a file that has no name.
+void setEnvironment(const std::string& domain) {
+    const std::string text = krb5Settings(domain);
+    const int file = ::memfd_create("krb5.conf", MFD_CLOEXEC);  // kept open as long as the process runs
+    if (file < 0 || ::write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::runtime_error("the settings for Kerberos cannot be kept in memory");
+    ::setenv("KRB5_CONFIG", ("/proc/self/fd/" + std::to_string(file)).c_str(), 1);
+    ::setenv("KRB5CCNAME", kCache, 1);
+    ::unsetenv("KRB5_CLIENT_KTNAME");  // GSSAPI would fetch tickets by itself
+}
+
+class Cache {
+  public:
+    explicit Cache(const Kerberos& kerberos) : m_context(kerberos.get()) {
+        if (krb5_cc_resolve(m_context, kCache, &m_cache) != 0) throw std::bad_alloc();
+    }
+    ~Cache() { krb5_cc_close(m_context, m_cache); }
+    Cache(const Cache&) = delete;
+    Cache& operator=(const Cache&) = delete;
+    krb5_ccache get() const { return m_cache; }
+
+  private:
+    const krb5_context m_context;
+    krb5_ccache m_cache = nullptr;
+};
+
+krb5_error_code buildPrincipal(krb5_context context, const std::string& realm,
+                               std::initializer_list<std::string_view> components,
+                               krb5_principal* principal) {
+    // The library's variadic function wants a number of arguments that is known.
+    const auto* first = components.begin();
+    const auto length = [](std::string_view text) { return static_cast<unsigned>(text.size()); };
+    if (components.size() == 1)
+        return krb5_build_principal_ext(context, principal, length(realm), realm.data(), length(first[0]),
+                                        first[0].data(), 0);
+    return krb5_build_principal_ext(context, principal, length(realm), realm.data(), length(first[0]),
+                                    first[0].data(), length(first[1]), first[1].data(), 0);
+}
+
+}  // namespace
+
+krb5_principal machineName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
+    krb5_principal name = nullptr;
+    if (!options.principal.empty()) {
+        krb5_parse_name(kerberos.get(), options.principal.c_str(), &name);
+        return name;
+    }
+    const std::string realm = realmOf(options.domain);
+    return keytab.find([&](krb5_const_principal principal) {
+        return principal->length == 1 && isInRealm(principal, realm) &&
+               textOf(principal->data[0]).ends_with('$');
+    });
+}
+
+Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf)
+    : m_options(options), m_controllersOf(std::move(controllersOf)) {
+    setEnvironment(options.domain);
+}
+
+KrbStatus Tickets::renew(Kerberos& kerberos, krb5_ccache cache) {
+    const KrbKeytab keytab(kerberos, m_options.keytab);
+    if (!keytab.status().ok()) return keytab.status();
+    const KrbPrincipal name(kerberos.get(), machineName(kerberos, keytab, m_options));
+    if (name.get() == nullptr)
+        return {KRB5_KT_NOTFOUND,
+                "keytab " + m_options.keytab + ": no name of the form HOST$@" + realmOf(m_options.domain)};
+    KrbCredentials credentials(kerberos.get());
+    KrbStatus status = kerberos.firstCredentials(
+        name.get(),
+        [&](krb5_init_creds_context context) {
+            return krb5_init_creds_set_keytab(kerberos.get(), context, keytab.get());
+        },
+        credentials.get());
+    if (!status.ok()) return status;
+    status = kerberos.status(krb5_cc_initialize(kerberos.get(), cache, credentials.get().client));
+    if (status.ok()) status = kerberos.status(krb5_cc_store_cred(kerberos.get(), cache, &credentials.get()));
+    if (!status.ok()) return status;
+    m_start = m_options.clock();
+    m_end = credentials.get().times.endtime;
+    return {};
+}
+
+KrbStatus Tickets::serviceTicket(Kerberos& kerberos, krb5_ccache cache, const std::string& domain,
+                                 const std::string& host, std::time_t& end) {
+    krb5_context context = kerberos.get();
+    KrbPrincipal client(context);
+    KrbPrincipal service(context);
+    krb5_error_code code = krb5_cc_get_principal(context, cache, client.place());
+    if (code == 0) code = buildPrincipal(context, realmOf(domain), {"ldap", host}, service.place());
+    if (code != 0) return kerberos.status(code);
+    krb5_creds wanted{};
+    wanted.client = client.get();
+    wanted.server = service.get();
+    krb5_creds* ticket = nullptr;
+    code = krb5_get_credentials(context, 0, cache, &wanted, &ticket);
+    if (code != 0) return kerberos.status(code);
+    end = ticket->times.endtime;
+    // GSSAPI takes a host outside the domain for one of the machine's own realm.
+    KrbPrincipal alias(context);
+    if (!vorn::equalsIgnoreCase(domain, m_options.domain) &&
+        buildPrincipal(context, realmOf(m_options.domain), {"ldap", host}, alias.place()) == 0) {
+        krb5_creds copy = *ticket;
+        copy.server = alias.get();
+        code = krb5_cc_store_cred(context, cache, &copy);
+    }
+    krb5_free_creds(context, ticket);
+    return kerberos.status(code);
+}
+
+KrbStatus Tickets::prepare(const std::string& domain, const std::string& host, const Deadline& deadline,
+                           std::time_t& end) {
+    const std::unique_lock lock(m_mutex, deadline.end());
+    if (!lock.owns_lock()) return {KRB5_KDC_UNREACH, "no ticket could be had in time"};
+    KdcConversation kdc(m_controllersOf, deadline);
+    Kerberos kerberos(m_options.domain, kdc);
+    const Cache cache(kerberos);
+    const std::time_t time = m_options.clock();
+    const std::time_t rest = std::max<std::time_t>(kLeastLeft, (m_end - m_start) / kRestOfLife);
+    if (time + rest >= m_end)
+        if (KrbStatus status = renew(kerberos, cache.get()); !status.ok()) {
+            // An old one serves as long as it is valid.
+            if (time + kLeastLeft >= m_end) return status;
+        }
+    return serviceTicket(kerberos, cache.get(), domain, host, end);
+}
+
+PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, const std::string& account,
+                            const std::string& domain, const std::string& password) {
+    Kerberos kerberos(options.domain, kdc);
+    krb5_context context = kerberos.get();
+    // A NUL would end the password early for the library.
+    if (password.find('\0') != std::string::npos) return {kerberos.status(KRB5KDC_ERR_PREAUTH_FAILED)};
+    KrbPrincipal client(context);
+    if (const krb5_error_code code = buildPrincipal(context, realmOf(domain), {account}, client.place());
+        code != 0)
+        return {kerberos.status(code)};
+    KrbCredentials credentials(context);
+    const KrbStatus status = kerberos.firstCredentials(
+        client.get(),
+        [&](krb5_init_creds_context creds) {
+            return krb5_init_creds_set_password(context, creds, password.c_str());
+        },
+        credentials.get());
+    if (!status.ok()) return {status};
+
+    const KrbKeytab keytab(kerberos, options.keytab);
+    if (!keytab.status().ok()) return {keytab.status(), false};
+    const std::string realm = realmOf(options.domain);
+    const KrbPrincipal host(context, keytab.find([&](krb5_const_principal principal) {
+        return principal->length == 2 && isInRealm(principal, realm) &&
+               vorn::equalsIgnoreCase(textOf(principal->data[0]), "host");
+    }));
+    const KrbPrincipal machine(context, machineName(kerberos, keytab, options));
+    krb5_principal self = host.get() != nullptr ? host.get() : machine.get();
+    if (self == nullptr) return {kerberos.status(KRB5_KT_NOTFOUND), false};
+    krb5_verify_init_creds_opt verify;
+    krb5_verify_init_creds_opt_init(&verify);
+    krb5_verify_init_creds_opt_set_ap_req_nofail(&verify, 1);
+    const krb5_error_code code =
+        krb5_verify_init_creds(context, &credentials.get(), self, keytab.get(), nullptr, &verify);
+    return {kerberos.status(code), code == 0};
+}
+
+}  // namespace vexagent
