@@ -16,7 +16,8 @@ help:
 	@echo 'make soak      the long form of the tests of many requests'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
-	@echo 'make bench     the benchmarks'
+	@echo 'make bench     the gateway beside others, in a quarter of an hour: build/bench/results.md'
+	@echo '               BENCH_FLAGS=--quick for a minute'
 	@echo 'make clean     removes build/'
 
 # A lone command, which make starts without a shell: its interruptions arrive.
@@ -77,10 +78,13 @@ fuzz: build-fuzz
 	        -artifact_prefix="build/fuzz/found/$$target/" "build/fuzz/found/$$target" "$$corpus"; \
 	done
 
+# The contenders first, then the parts by themselves. BENCH_FLAGS are bench/run.py's.
+BENCH_FLAGS ?=
 bench: setup-dev
 	@cmake --preset release -B build/bench -DZX_BENCH=ON > build/bench.log || { cat build/bench.log; exit 1; }
-	@ninja -C build/bench
-	@set -e; for program in build/bench/bench/*_bench; do "$$program"; done
+	@ninja -C build/bench ldap_load vex_roundtrip cache_bench translate_bench back_zanthedx vexagent
+	@ZX_BUILD=build/bench $(PYTHON) bench/run.py $(BENCH_FLAGS)
+	@set -e; for program in build/bench/bench/*_bench; do "$$program" --benchmark_min_time=0.2; done
 
 clean:
 	rm -rf build

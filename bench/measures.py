@@ -30,11 +30,12 @@ class Measure:
     first_time: bool = False    # needs people who have not bound before
 
     def command(self, contender, lab):
-        options = {"port": contender.slapd.port, "seconds": lab.seconds, "warmup": lab.seconds / 4, **self.options}
+        options = {"port": contender.port(), "seconds": lab.seconds, "warmup": lab.seconds / 4, **self.options}
         if self.mode == "bind":
             options |= {"dn": shown_dn("%s"), "password": PASSWORD}
         else:
             options |= {"base": SUFFIX, "expect-entries": self.expected(contender, lab)}
+        options = contender.asked(options)
         if "keys" in options:
             options["keys"] = lab.keys[options["keys"]]
         words = [gateway.BUILD / "bench/ldap_load", self.mode]

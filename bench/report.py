@@ -44,15 +44,30 @@ def memory_table(results):
     return table(("memory (PSS)", "MiB"), [(what, f"{kib / 1024:.1f}") for what, kib in results.memory.items()])
 
 
+def growth_table(results, prefix):
+    """How far the rates of the gateway and of back-mdb move, by measures whose keys begin so."""
+    rows = []
+    for measure in results.rounds:
+        if measure.startswith(prefix):
+            ratio = results.ratio(measure, "gateway", "mdb")
+            rows.append((results.titles[measure][0], *(f"{results.median(measure, key):,.0f}" for key in ("gateway", "mdb")),
+                         f"{ratio['median']:.2f}", f"{ratio['least']:.2f} to {ratio['most']:.2f}"))
+    return table(("look-ups per second", "gateway", "back-mdb", "ratio", "spread"), rows)
+
+
 def roundtrip_table(results):
     names = next(iter(results.roundtrips.values()), {})
     return table(("libvex", *results.roundtrips),
                  [(name, *(found[name] for found in results.roundtrips.values())) for name in names])
 
 
+def check_text(value):
+    return value if isinstance(value, str) else "; ".join(f"{name} {number}" for name, number in value.items())
+
+
 def markdown(results):
     facts = "\n".join(f"- {name}: {value}" for name, value in results.facts.items())
-    checks = "\n".join(f"- {name}: {value}" for name, value in results.checks.items())
+    checks = "\n".join(f"- {name}: {check_text(value)}" for name, value in results.checks.items())
     measures = "\n\n".join(measure_table(results, measure) for measure in results.rounds)
     return f"""# Results of the benchmark
 
@@ -69,6 +84,12 @@ above 1 is in this gateway's favour. What each one means: bench/README.md.
 
 {facts}
 {checks}
+
+## Growth
+
+{growth_table(results, "connections_")}
+
+{growth_table(results, "people_")}
 
 ## Memory
 

@@ -45,6 +45,8 @@ class Results:
             "ratios_spread": rates,
             "processor_time_ratios": {key: round(value["median"], 4) for key, value in processor.items()},
             "processor_time_ratios_spread": processor,
+            "growth": {key: self.ratio(key, "gateway", "mdb")["median"] for key in self.rounds
+                       if key.startswith(("connections_", "people_"))},
             "memory_kib": self.memory,
             "roundtrips": self.roundtrips,
             "checks": self.checks,

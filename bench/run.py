@@ -19,6 +19,7 @@ os.environ["LDAPNOINIT"] = "1"
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 os.environ.setdefault("ZX_BUILD", str(ROOT / "build/bench"))
 
+import ldclt  # noqa: E402
 import measures  # noqa: E402
 import plot  # noqa: E402
 import report  # noqa: E402
@@ -136,6 +137,7 @@ class Bench:
             self.fill_caches(lab)
             self.measure(lab, [measure for measure in self.chosen() if not measure.from_nothing], options.rounds)
             if not options.only:
+                self.compare_with_ldclt(lab)
                 self.measure(lab, [measures.growth_of_connections(n) for n in measures.CONNECTIONS],
                              min(options.rounds, 3))
             self.note_memory(lab, "afterwards")
@@ -155,6 +157,12 @@ class Bench:
             self.note_memory(lab, "afterwards")
         finally:
             lab.close()
+
+    def compare_with_ldclt(self, lab):
+        self.say("ten seconds of ldclt")
+        found = ldclt.compare(lab.contenders["mdb"], lab)
+        self.results.checks["ldclt"] = found or "not installed"
+        self.say(f"ldclt: {self.results.checks['ldclt']}")
 
     def measure_roundtrip(self, lab):
         people = len(lab.directory.people)
@@ -184,7 +192,8 @@ class Bench:
         if not options.quick and not options.only:
             for people in (SMALL, LARGE):
                 self.growth_lab(people)
-        self.results.facts["load of the machine at the end"] = os.getloadavg()[0]
+        self.results.facts["load of the machine at the end"] = f"{os.getloadavg()[0]:.1f}"
+        self.results.facts["duration"] = f"{time.monotonic() - self.start:.0f} s"
         self.write()
 
     def write(self):

@@ -60,6 +60,10 @@ class Contender:
         self.behind = []  # servers that work for this one
         self.slapd = None
 
+    def asked(self, options):
+        """The generator's options for this contender; a directory with other names changes them."""
+        return options
+
     def parts(self):
         """What of the slapd is not as in the tests."""
         raise NotImplementedError
@@ -82,15 +86,16 @@ class Contender:
     def forget(self):
         """Removes what a stopped slapd would find again."""
 
-    def processes(self):
-        return [self.slapd.process.pid, *(server.process.pid for server in self.behind)]
+    def port(self):
+        return self.slapd.port
 
-    def pss(self):
-        """Memory in KiB, what is shared with others counted by its share."""
-        return sum(proportional_memory(process) for process in self.processes())
+    def processes(self):
+        """Whose processor time counts."""
+        return [self.slapd.process.pid, *(server.process.pid for server in self.behind)]
 
 
 def proportional_memory(process):
+    """In KiB, what is shared with others counted by its share."""
     for line in pathlib.Path(f"/proc/{process}/smaps_rollup").read_text(encoding="ascii").splitlines():
         if line.startswith("Pss:"):
             return int(line.split()[1])
