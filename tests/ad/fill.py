@@ -81,7 +81,7 @@ def add_names(folder, host, address):
 def set_policy(database, lockout_threshold):
     """Weak passwords are allowed, and none expires while an image is kept."""
     replace(database, database.domain_dn(), {
-        "pwdProperties": "0", "pwdHistoryLength": "0", "minPwdAge": "0", "minPwdLength": "4",
+        "pwdProperties": "0", "pwdHistoryLength": "0", "minPwdAge": "0", "minPwdLength": "0",
         "maxPwdAge": str(-3650 * 86400 * SECOND), "lockoutThreshold": str(lockout_threshold),
         "lockoutDuration": str(FOREVER), "lockOutObservationWindow": str(-1800 * SECOND)})
 

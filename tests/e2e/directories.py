@@ -1,7 +1,8 @@
 """The directories that the gateway is tested with: the same people, groups and
 netgroups in the embedded directory and in an Active Directory domain.
 
-ZX_DIRECTORY chooses: "embedded" (the default), or "ad". A test that is about the
+ZX_DIRECTORY chooses: "embedded" (the default), or "ad"; for the latter ZX_TRANSPORT how
+it is reached ("gssapi", the default, "starttls" or "ldaps"). A test that is about the
 embedded directory alone is marked so (@pytest.mark.embedded). What a test changes is
 undone before the next one.
 """
@@ -68,7 +69,7 @@ class Domain:
         return self.lab.environment
 
     def settings(self, _folder):
-        return self.lab.agent_settings()
+        return self.lab.agent_settings(os.environ.get("ZX_TRANSPORT") or "gssapi")
 
     def modify(self, ldif, _settings):
         self._changed = True

@@ -9,6 +9,9 @@ import pytest
 
 from gateway import BUILD, LONG, SANITIZER, Server, wait_until
 
+# What the agent keeps for its clients does not depend on the directory; how long the load takes does.
+pytestmark = pytest.mark.embedded
+
 ROUNDS = 10_000 if LONG else 1_000
 OPEN = re.compile(r"; open searches: (\d+); client processes: (\d+)")
 
@@ -67,7 +70,6 @@ def test_sessions_and_searches_that_were_read_cost_the_agent_nothing(world):
     load.let_go()
 
 
-@pytest.mark.embedded
 def test_a_search_that_is_not_read_costs_what_is_left_of_it(world):
     agent = world.agent(embedded__ldif=many_people(world, 2_000)).start()
     load = VexLoad(world, agent, "partial", 1).start()
@@ -85,7 +87,6 @@ def test_a_search_that_is_not_read_costs_what_is_left_of_it(world):
     wait_until(lambda: open_searches(agent) == 0, "the agent has let go of them")
 
 
-@pytest.mark.embedded
 def test_searches_of_a_client_that_dies_end(world):
     agent = world.agent(embedded__ldif=many_people(world, 2_000)).start()
     load = VexLoad(world, agent, "partial", 50).start()
