@@ -209,7 +209,7 @@ class Slapd(Server):
         if part("backend"):
             lines += ["backend zanthedx", *part("backend")]
         if part("database", True):
-            lines += ["database zanthedx", f'suffix "{SUFFIX}"', "access to * by * read"]
+            lines += ["database zanthedx", f'suffix "{SUFFIX}"', *part("access", ("access to * by * read",))]
             lines += part("directives", self.DIRECTIVES)
             lines += part("overlays", ())
         self.config_file.write_text("\n".join(lines) + "\n", encoding="utf-8")
