@@ -10,6 +10,7 @@
 #include "backend/failure.h"
 #include "backend/log.h"
 #include "backend/settings.h"
+#include "backend/supported_attributes.h"
 #include "vex/handles.h"
 
 #include "backend/slapd.h"
@@ -28,16 +29,13 @@ int fail(vexSession* session, const char* context, vexCode code, Operation* op, 
     return LDAP_UNAVAILABLE;
 }
 
-// The list is fetched once for the life of the module. Binds that arrive together
-// may all fetch it: the first to finish publishes its own, the others' are freed.
+// The list is fetched once for the life of the module; binds that arrive together may
+// all fetch it.
 vexCode provideSupportedAttributes(vexSession* session) {
     if (gSupportedObjectAttrList.load(std::memory_order_acquire) != nullptr) return VEX_OK;
     vexStringSet* names = nullptr;
     if (const vexCode code = vexGetObjectSupportedAttributes(session, &names); code != VEX_OK) return code;
-    vex::UniqueStringSet fetched(names);
-    vexStringSet* absent = nullptr;
-    if (gSupportedObjectAttrList.compare_exchange_strong(absent, names, std::memory_order_acq_rel))
-        fetched.release();
+    publishSupportedAttributes(vex::UniqueStringSet(names));
     return VEX_OK;
 }
 

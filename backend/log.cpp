@@ -24,8 +24,10 @@ class Line {
     char m_text[kLineBytes] = "";
 };
 
-std::shared_ptr<vorn::Logger> dirgate() {
-    return vorn::Logger::GetThreadPrivateLogger("dirgate");
+// The thread's own, looked up once.
+const std::shared_ptr<vorn::Logger>& dirgate() {
+    thread_local const auto logger = vorn::Logger::GetThreadPrivateLogger("dirgate");
+    return logger;
 }
 
 bool admits(const std::shared_ptr<vorn::Logger>& logger, int level) {
@@ -37,7 +39,7 @@ bool admits(const std::shared_ptr<vorn::Logger>& logger, int level) {
 // The source label and lines are those that log readers know these records by.
 
 void JPrintf(const char* format, ...) {
-    const auto logger = dirgate();
+    const auto& logger = dirgate();
     const bool toLogger = admits(logger, vorn::Logger::kInfo);
     if (!toLogger && slap_debug == 0) return;
 
@@ -55,7 +57,7 @@ void JError(const char* format, ...) {
     const Line line(format, arguments);
     va_end(arguments);
 
-    const auto logger = dirgate();
+    const auto& logger = dirgate();
     if (admits(logger, vorn::Logger::kError)) {
         logger->log(vorn::Logger::kError, "search", 105, "JError", "dirgate ERROR: %s", line.text());
     }

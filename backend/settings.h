@@ -26,6 +26,6 @@ extern bool gSearchReportErrors;       // an incomplete agent search is a failur
 // The attribute translation map; null until a directive has loaded one.
 extern vorn::Properties* gTranslationMap;
 
-// The names of the attributes that agent objects can carry: absent until the
-// first bind that reaches the agent, then never changed until the module's end.
+// The names of the attributes that agent objects can carry, sorted; null until
+// publishSupportedAttributes.
 extern std::atomic<vexStringSet*> gSupportedObjectAttrList;

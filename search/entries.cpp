@@ -26,9 +26,9 @@ EntryMaker::EntryMaker(const SearchRequest& request, int scope, bool omitDn, Sea
 
 EntryMaker::Result EntryMaker::make(vexSession* session, FoundObject* found, SharedEntry* entry,
                                     vexCode* code) const {
-    if (isMarkedInvalid(session, found->object.get())) return Result::Skipped;
     *entry = m_keptEntries.find(*found);
     if (*entry == nullptr) {
+        if (isMarkedInvalid(session, found->object.get())) return Result::Skipped;
         const Result converted = convert(session, found, entry, code);
         if (converted != Result::Made) return converted;
     }

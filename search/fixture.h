@@ -8,6 +8,7 @@
 #include <string>
 
 #include "backend/settings.h"
+#include "backend/supported_attributes.h"
 #include "cache/search_cache.h"
 #include "search/handles.h"
 #include "search/testing.h"
@@ -53,7 +54,7 @@ class Fixture : public testing::Test {
         vexSessionOpen(1, 21, &session);
         vexGetObjectSupportedAttributes(session, &names);
         vexSessionClose(session);
-        gSupportedObjectAttrList = names;
+        publishSupportedAttributes(vex::UniqueStringSet(names));
         standin::forgetCalls();
     }
 

@@ -68,6 +68,7 @@ void SearchOperation::initializeCache() {
 }
 
 void SearchOperation::logStart() try {
+    if (!JPrintfEnabled()) return;
     const std::string filter = filter_as_string("", m_op->ors_filter, nullptr);
     JPrintf("vex search start with filterstr: %s", filter.c_str());
 } catch (const std::exception& error) {

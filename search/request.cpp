@@ -5,6 +5,7 @@
 
 #include "backend/log.h"
 #include "backend/settings.h"
+#include "backend/supported_attributes.h"
 #include "translate/filter.h"
 #include "translate/map.h"
 #include "vorn/dn.h"
@@ -92,20 +93,14 @@ void addOwnAttributes(SearchRequest* request) {
     request->attributes.emplace_back(VORN_NSSENTRY_INVALID);
 }
 
-bool contains(const vexStringSet& set, const std::string& name) {
-    return std::any_of(set.strings, set.strings + set.count,
-                       [&](const char* one) { return vorn::equalsIgnoreCase(one, name); });
-}
-
 // An object is cached with all its attributes, so a name that no object carries
 // can never be answered from the cache. Until the first bind has brought the list
 // of names, nothing is cached.
 bool attributesAreCacheable(const std::vector<std::string>& names) {
-    const vexStringSet* supported = gSupportedObjectAttrList.load(std::memory_order_acquire);
-    if (supported == nullptr || supported->count == 0) return false;
-    return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
-        return name.starts_with('_') || contains(*supported, name);
-    });
+    return supportedAttributesAreKnown() &&
+           std::all_of(names.begin(), names.end(), [](const std::string& name) {
+               return name.starts_with('_') || isSupportedAttribute(name);
+           });
 }
 
 }  // namespace
@@ -142,17 +137,19 @@ void prepareFetchByDn(SearchRequest* request) {
 }
 
 void prepareAttributes(const AttributeName* names, SearchRequest* request) {
+    const bool logs = JPrintfEnabled();
     std::size_t seen = 0;
     for (const AttributeName* name = names; name != nullptr && seen < kMaxAttributes; ++name, ++seen) {
         const std::string_view text(name->an_name.bv_val == nullptr ? "" : name->an_name.bv_val);
         if (text.empty()) break;
         if (vorn::equalsIgnoreCase(text, AD_CN)) request->includeCn = true;
-        request->oldAttributes.append(text).append(" ");
+        if (logs) request->oldAttributes.append(text).append(" ");
         std::string translated = agentName(*request, text);
         if (!translated.empty()) request->attributes.push_back(std::move(translated));
     }
     const std::size_t count = request->attributes.size();
     if (!request->agentType.empty() && count >= 1 && count <= kMaxBeforeOwn) addOwnAttributes(request);
+    if (!logs) return;
     for (const std::string& name : request->attributes) request->newAttributes.append(name).append(" ");
 }
 

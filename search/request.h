@@ -33,7 +33,7 @@ struct SearchRequest {
     bool fetchByDn = false;     // find DNs in the forest, then fetch each object by DN
 
     std::vector<std::string> attributes;  // the agent's names; empty means all
-    std::string oldAttributes;            // as the log shows them: each name followed by a blank
+    std::string oldAttributes;            // for the log, if it is read: each name followed by a blank
     std::string newAttributes;
     bool includeCn = false;  // the client asked for cn by name
 

@@ -180,6 +180,7 @@ TEST_F(RequestTest, AttributesAreTranslatedAndTheModulesOwnAreAdded) {
         "posixAccount.gone =\n");
     m_request.objectType = "posixAccount";
     m_request.agentType = "User";
+    const standin::CapturedLog log;
     prepareAttributes(Names({"uid", "*", "1.1", "mail", "gone"}).get(), &m_request);
     EXPECT_THAT(m_request.attributes, ElementsAre("sAMAccountName", "_dn", "mail", "gone", "displayName",
                                                   "_objectCategory", "_nssEntryInvalid"));
@@ -203,6 +204,8 @@ TEST_F(RequestTest, NoNamesOrOnlyAStarMeanAll) {
     m_request.agentType = "User";
     prepareAttributes(nullptr, &m_request);
     EXPECT_THAT(m_request.attributes, IsEmpty());
+    EXPECT_EQ(m_request.newAttributes, "") << "made for the log, when somebody reads it";
+    const standin::CapturedLog log;
     prepareAttributes(Names({"*"}).get(), &m_request);
     EXPECT_THAT(m_request.attributes, IsEmpty());
     EXPECT_EQ(m_request.oldAttributes, "* ");

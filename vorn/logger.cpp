@@ -74,18 +74,28 @@ void Logger::ReconfigureLevels(const Properties& settings) {
 }
 
 int Logger::fileThreshold() {
-    return resolve(&Logger::m_fileThreshold);
+    return current(&Logger::m_fileThreshold);
 }
 
 int Logger::syslogThreshold() {
-    return resolve(&Logger::m_syslogThreshold);
+    return current(&Logger::m_syslogThreshold);
 }
 
-int Logger::resolve(Threshold Logger::*threshold) {
+int Logger::current(Threshold Logger::*threshold) {
     if (m_followsSettings) followSettings();
+    return resolve(threshold);
+}
+
+bool Logger::admits(int level) {
+    if (m_followsSettings) followSettings();
+    return resolve(&Logger::m_fileThreshold) <= level || resolve(&Logger::m_syslogThreshold) <= level;
+}
+
+// After followSettings.
+int Logger::resolve(Threshold Logger::*threshold) {
     const int own = (this->*threshold).load(std::memory_order_relaxed);
     if (own != kUnset) return own;
-    const int inherited = m_parent == nullptr ? kNothing : m_parent->resolve(threshold);
+    const int inherited = m_parent == nullptr ? kNothing : m_parent->current(threshold);
     (this->*threshold).store(inherited, std::memory_order_relaxed);
     return inherited;
 }

@@ -57,7 +57,7 @@ class Logger {
     int syslogThreshold();
 
     // Whether a record of this level goes anywhere.
-    bool admits(int level) { return fileThreshold() <= level || syslogThreshold() <= level; }
+    bool admits(int level);
 
     // Writes one record to each place whose threshold admits it. The text is
     // never cut. Leaves errno alone and throws nothing.
@@ -70,6 +70,7 @@ class Logger {
     using Threshold = std::atomic<int>;
 
     static std::shared_ptr<Logger> makeForThread(std::string_view channel);
+    int current(Threshold Logger::*threshold);
     int resolve(Threshold Logger::*threshold);
     void followSettings();
 

@@ -16,7 +16,7 @@ constexpr char foldUpper(char c) {
 }
 
 constexpr bool sameIgnoringCase(char a, char b) {
-    return foldLower(a) == foldLower(b);
+    return a == b || foldLower(a) == foldLower(b);
 }
 
 constexpr bool isPrintableAscii(char c) {
@@ -48,6 +48,7 @@ bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
 bool StringCaseLessThan::operator()(std::string_view a, std::string_view b) const {
     const std::size_t common = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < common; ++i) {
+        if (a[i] == b[i]) continue;  // most are, even by their case
         const auto left = static_cast<unsigned char>(foldLower(a[i]));
         const auto right = static_cast<unsigned char>(foldLower(b[i]));
         if (left != right) return left < right;
