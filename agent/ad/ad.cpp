@@ -173,20 +173,18 @@ Result AdDirectory::findBase(const Query& query, Domain& domain, const Deadline&
         plan.search.base = "<GUID=" + *guid + ">";
     } else if (query.base.find('\0') != std::string::npos || !vorn::DN::isDN(query.base)) {
         return missing;
-    } else if (query.scope == LDAP_SCOPE_BASE && domain.kind() == Domain::Kind::Domain) {
-        // It may be a rewritten one.
-        NamedEntries found;
-        NameFinder finder(domain, m_options, {"1.1"}, deadline);
-        const LdapStatus status = finder.byDn(query.base, NameFinder::Rewritten::IfNotReal, found);
-        if (!status.ok()) return resultOf(status);
-        if (found.only() == nullptr) return missing;
-        plan.search.base = found.only()->dn;
     }
     if (query.scope != kSubordinate) return {};
+    return readBase(domain, deadline, plan);
+}
+
+// Sees whether the base is there, and sets it to the DN that the controller gives it.
+Result AdDirectory::readBase(Domain& domain, const Deadline& deadline, AdPlan& plan) {
     std::vector<Entry> base;
     const LdapStatus status =
         domain.search({plan.search.base, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}}, deadline, base);
-    if (!status.ok() || base.empty()) return status.ok() ? missing : resultOf(status);
+    if (!status.ok()) return resultOf(status);
+    if (base.empty()) return resultOf({LDAP_NO_SUCH_OBJECT});
     plan.without = base[0].dn;
     return {};
 }
@@ -201,16 +199,18 @@ Result AdDirectory::prepare(const Query& query, Domain& domain, Domain& members,
     std::shared_ptr<const DomainInfo> info;
     if (const LdapStatus status = members.info(deadline, info); !status.ok()) return resultOf(status);
     context.rootDn = info->forest;
-    if (query.view.zone)
-        context.groupsOf = [&](std::string_view name) {
-            std::vector<std::string> guids;
-            const LdapStatus status =
-                m_memberships.groupsOf(members, *ids, std::string(name), deadline, guids);
-            if (!status.ok()) failed = resultOf(status);
-            return guids;
-        };
-    if (ids->enabled())
-        context.first = [&](void* pool, ParseTree*& tree) { return rewriteIdAssertion(pool, tree, *ids); };
+    const auto groupsOf = [&](std::string_view name) {
+        std::vector<std::string> guids;
+        const LdapStatus status = m_memberships.groupsOf(members, *ids, std::string(name), deadline, guids);
+        if (!status.ok()) failed = resultOf(status);
+        return guids;
+    };
+    context.first = [&](void* pool, ParseTree*& tree) {
+        std::optional<Selection> decided;
+        if (query.view.zone) decided = rewriteMemberAssertion(pool, tree, groupsOf);
+        if (!decided && ids->enabled()) decided = rewriteIdAssertion(pool, tree, *ids);
+        return decided;
+    };
     Selection selection = Selection::Some;
     if (Result made = makeAdFilter(query, context, plan.search.filter, selection); !made.ok()) return made;
     if (!failed.ok()) return failed;
@@ -234,7 +234,18 @@ Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cur
     bool nothing = false;
     if (Result result = prepare(query, *domain, from.members, end, plan, nothing); !result.ok())
         return result;
-    return nothing ? Result() : runAdSearch(from, std::move(plan), end, first, rest);
+    if (nothing) return plan.search.base.empty() ? Result() : readBase(*domain, end, plan);
+    const Result result = runAdSearch(from, plan, end, first, rest);
+    const bool mayBeRewritten = query.scope == LDAP_SCOPE_BASE && domain->kind() == Domain::Kind::Domain;
+    if (result.code != VEX_NO_SUCH_OBJECT || !mayBeRewritten) return result;
+    NamedEntries named;
+    NameFinder finder(*domain, m_options, {"1.1"}, end);
+    if (const LdapStatus status = finder.byDn(query.base, NameFinder::Rewritten::IfNotReal, named);
+        !status.ok())
+        return resultOf(status);
+    if (named.only() == nullptr) return result;
+    plan.search.base = named.only()->dn;
+    return runAdSearch(from, std::move(plan), end, first, rest);
 }
 
 Result AdDirectory::showOne(Domain& domain, std::vector<Entry> entries, const View& view,

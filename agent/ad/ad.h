@@ -47,6 +47,7 @@ class AdDirectory : public Directory {
     Result prepare(const Query& query, Domain& domain, Domain& members, const Deadline& deadline,
                    AdPlan& plan, bool& nothing);
     Result findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan);
+    Result readBase(Domain& domain, const Deadline& deadline, AdPlan& plan);
     Result showOne(Domain& domain, std::vector<Entry> entries, const View& view, const Deadline& deadline,
                    Object& object);
     AdSource source(Domain& domain);

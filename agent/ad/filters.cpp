@@ -132,6 +132,19 @@ bool isQuickAdFilter(const ParseTree* tree) {
     }
 }
 
+std::optional<Selection> rewriteMemberAssertion(void* pool, ParseTree*& tree, const GroupsOf& groupsOf) {
+    if (!is(assertedAttribute(tree), "memberUid")) return std::nullopt;
+    if (tree->operation == LDB_OP_PRESENT)
+        tree = newList(pool, LDB_OP_OR, {tree, newPresence(pool, "member")});
+    if (tree->operation != LDB_OP_EQUALITY) return Selection::Some;
+    std::vector<ParseTree*> any;
+    for (const std::string& group : groupsOf(valueOf(tree)))
+        any.push_back(newEquality(pool, "objectGUID", group));
+    if (any.empty()) return Selection::Nothing;
+    tree = newList(pool, LDB_OP_OR, any);
+    return Selection::Some;
+}
+
 std::optional<Selection> rewriteIdAssertion(void* pool, ParseTree*& tree, const Ids& ids) {
     const char* name = assertedAttribute(tree);
     if (!is(name, "uidNumber") && !is(name, "gidNumber")) return std::nullopt;

@@ -25,6 +25,12 @@ bool isQuickAdFilter(const ParseTree* tree);
 Result makeAdFilter(const Query& query, const FilterContext& context, std::string& text,
                     Selection& selection);
 
+// In the zone's view: memberUid=NAME becomes the groups that groupsOf gives, as GUID
+// bytes, and nothing else, since memberUid has no index; presence asks for a stored
+// value or a member. For FilterContext::first.
+using GroupsOf = std::function<std::vector<std::string>(std::string_view)>;
+std::optional<Selection> rewriteMemberAssertion(void* pool, ParseTree*& tree, const GroupsOf& groupsOf);
+
 // Where ids are made from SIDs: assertions on uidNumber and gidNumber also find the
 // accounts that show a made one. For FilterContext::first.
 std::optional<Selection> rewriteIdAssertion(void* pool, ParseTree*& tree, const Ids& ids);

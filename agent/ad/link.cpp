@@ -395,6 +395,19 @@ LdapStatus Link::search(const LdapSearch& search, const Deadline& deadline, cons
     return readPages(search, id, deadline, visit);
 }
 
+LdapStatus Link::searchPage(const LdapSearch& search, const Deadline& deadline, std::string& cookie,
+                            const Visitor& visit) {
+    int id = 0;
+    if (LdapStatus status = start(search, cookie, id); !status.ok()) return status;
+    for (;;) {
+        Event event = Event::Entry;
+        Entry entry;
+        if (LdapStatus status = next(id, deadline, event, entry, cookie); !status.ok()) return status;
+        if (event == Event::End) return {};
+        visit(std::move(entry));
+    }
+}
+
 LdapStatus Link::searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
                            const Visitor& visit) {
     std::vector<int> ids(searches.size());

@@ -88,6 +88,10 @@ class Link {
     using Visitor = std::function<void(Entry&&)>;
     LdapStatus search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit);
 
+    // One page of a search: the one that the cookie marks, which then marks the next.
+    LdapStatus searchPage(const LdapSearch& search, const Deadline& deadline, std::string& cookie,
+                          const Visitor& visit);
+
     // Several searches with as many under way as is of use. A base that is not there
     // finds nothing.
     LdapStatus searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,

@@ -78,6 +78,8 @@ Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t
             return accountRefused(whyExpired(account));
         case KRB5KDC_ERR_NAME_EXP:
             return accountRefused("the account has expired");
+        case KRB5KDC_ERR_ETYPE_NOSUPP:
+            return accountRefused("the account has no password that Kerberos could check");
         case KRB5KDC_ERR_POLICY:
             return accountRefused("the account may not log in here or now");
         case KRB5KRB_AP_ERR_SKEW:

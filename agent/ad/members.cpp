@@ -8,6 +8,7 @@
 #include "agent/ad/filters.h"
 #include "agent/identifiers.h"
 #include "vex/vex.h"
+#include "vorn/dn.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -15,15 +16,26 @@ namespace vexagent {
 namespace {
 
 constexpr milliseconds kRememberTime{60'000};
+constexpr milliseconds kRememberNobody{10'000};
+constexpr int kReadRarely = 20;
 constexpr std::size_t kMostPeople = 200'000;
 // A controller compares every entry that it finds with every element of an OR, so
 // many small searches are cheaper than one large one.
 constexpr std::size_t kDnsPerSearch = 10;
+// What is found is remembered after so many, also when the time does not suffice for
+// all: the next request goes on from there.
+constexpr std::size_t kDnsAtOnce = 1000;
+// When so many are unknown, people are read as they come at first: up to so many
+// times their number.
+constexpr std::size_t kMany = 500;
+constexpr std::size_t kWorthReading = 3;
 constexpr std::size_t kMostGroups = 100'000;  // in one walk
 
 const std::vector<std::string> kMemberAttributes = {"objectClass",    "objectCategory", "uid",
                                                     "sAMAccountName", "uidNumber",      "objectSid",
                                                     "primaryGroupID", "member",         "memberUid"};
+const std::vector<std::string> kNameAttributes = {"objectClass",    "objectCategory", "uid",
+                                                  "sAMAccountName", "uidNumber",      "objectSid"};
 const std::vector<std::string> kPersonAttributes = {"objectClass",    "objectCategory", "uid",
                                                     "sAMAccountName", "uidNumber",      "objectSid",
                                                     "memberOf",       "primaryGroupID"};
@@ -120,15 +132,22 @@ class MemberWalk {
     }
 
     LdapStatus readLevel() {
+        if (m_unknown.size() > kMany && !m_enumerated) {
+            m_enumerated = true;
+            if (LdapStatus status = enumerate(m_unknown.size() * kWorthReading); !status.ok()) return status;
+            if (m_unknown.empty()) return {};
+        }
         std::vector<std::string> dns;
-        for (const auto& [folded, dn] : m_unknown) dns.push_back(dn);
+        std::unordered_map<std::string, std::string> asked;
+        while (!m_unknown.empty() && dns.size() < kDnsAtOnce) {
+            dns.push_back(m_unknown.begin()->second);
+            asked.insert(m_unknown.extract(m_unknown.begin()));
+        }
         std::vector<Entry> entries;
         LdapStatus status =
             readAll(m_domain, searchesFor(m_info->root, "distinguishedName", dns, kMemberAttributes),
                     m_deadline, entries);
         if (!status.ok()) return status;
-        std::unordered_map<std::string, std::string> asked;
-        asked.swap(m_unknown);
         for (const Entry& entry : entries) {
             const std::string dn = vorn::lower(entry.dn);
             asked.erase(dn);
@@ -144,6 +163,29 @@ class MemberWalk {
             return m_groups.count(entry.first) != 0 || m_people.count(entry.first) != 0;
         });
         return {};
+    }
+
+    // Reads people as they come, which costs a controller a third of finding them by
+    // name, until all that are wanted are known or so many have been read.
+    LdapStatus enumerate(std::size_t most) {
+        const LdapSearch search = {
+            m_info->root, LDAP_SCOPE_SUBTREE,
+            m_ids.enabled() ? "(objectCategory=person)" : "(&(uidNumber=*)(objectCategory=person))",
+            kNameAttributes};
+        return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
+            std::size_t count = 0;
+            std::string cookie;
+            do {
+                LdapStatus status = lease->searchPage(search, m_deadline, cookie, [&](Entry&& person) {
+                    ++count;
+                    const std::string dn = vorn::lower(person.dn);
+                    keep(dn, memberName(person, m_ids));
+                    m_unknown.erase(dn);
+                });
+                if (!status.ok()) return status;
+            } while (!cookie.empty() && count < most && !m_unknown.empty());
+            return LdapStatus();
+        });
     }
 
     void keep(const std::string& dn, const std::string& name) {
@@ -203,6 +245,7 @@ class MemberWalk {
     std::unordered_map<std::string, Group> m_groups;         // by lower-case DN, as all
     std::unordered_map<std::string, std::string> m_people;   // their names
     std::unordered_map<std::string, std::string> m_unknown;  // to their DNs
+    bool m_enumerated = false;
 };
 
 bool AdMemberships::find(const std::string& dn, std::string& name) {
@@ -216,7 +259,7 @@ bool AdMemberships::find(const std::string& dn, std::string& name) {
 void AdMemberships::keep(const std::string& dn, const std::string& name) {
     const std::lock_guard lock(m_mutex);
     if (m_people.size() >= kMostPeople) m_people.clear();
-    m_people[dn] = {name, now() + kRememberTime};
+    m_people[dn] = {name, now() + (name.empty() ? kRememberNobody : kRememberTime)};
 }
 
 LdapStatus AdMemberships::memberUids(Domain& domain, const Ids& ids, const std::vector<const Entry*>& groups,
@@ -296,7 +339,40 @@ LdapStatus AdMemberships::groupsOf(Domain& domain, const Ids& ids, const std::st
             found = true;
         }
     }
-    return status.ok() ? walk.run(guids) : status;
+    if (status.ok()) status = walk.run(guids);
+    return status.ok() ? addStored(domain, memberUid, deadline, guids) : status;
+}
+
+LdapStatus AdMemberships::addStored(Domain& domain, const std::string& memberUid, const Deadline& deadline,
+                                    std::vector<std::string>& guids) {
+    std::shared_ptr<Stored> stored;
+    {
+        const std::lock_guard lock(m_mutex);
+        std::shared_ptr<Stored>& place = m_stored[domain.name()];
+        if (!place) place = std::make_shared<Stored>();
+        stored = place;
+    }
+    const std::lock_guard lock(stored->mutex);
+    if (stored->until < now()) {
+        const Moment start = now();
+        std::vector<Entry> groups;
+        LdapStatus status = readAll(domain,
+                                    {{vorn::DN::dnFromDomain(domain.name()),
+                                      LDAP_SCOPE_SUBTREE,
+                                      "(&(objectCategory=group)(memberUid=*))",
+                                      {"memberUid", "objectGUID"}}},
+                                    deadline, groups);
+        if (!status.ok()) return status;
+        stored->groups.clear();
+        for (const Entry& group : groups)
+            for (std::string& name : values(group, "memberUid"))
+                stored->groups.emplace(std::move(name), group.first("objectGUID"));
+        stored->until = now() + kReadRarely * (now() - start);
+    }
+    const auto [first, last] = stored->groups.equal_range(memberUid);
+    for (auto group = first; group != last; ++group) guids.push_back(group->second);
+    sortOnce(guids);
+    return {};
 }
 
 }  // namespace vexagent

@@ -7,6 +7,7 @@
 // members of each other. The primary group stands in neither and is added.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,9 +29,12 @@ class AdMemberships {
     LdapStatus memberUids(Domain& domain, const Ids& ids, const std::vector<const Entry*>& groups,
                           const Deadline& deadline, std::vector<std::vector<std::string>>& names);
 
-    // The GUID bytes of the groups that show this memberUid by membership. A person
-    // whose account name and login name are the same is found by an index. Only
-    // where nobody is found so, the directory is searched through for the login name.
+    // The GUID bytes of the groups that show this memberUid, by membership or because
+    // it is stored with them. A person whose account name and login name are the same
+    // is found by an index. Only where nobody is found so, the directory is searched
+    // through for the login name. What is stored with groups has no index either: it
+    // is read as a whole, and read again once that is twenty times as long ago as it
+    // took, at least.
     LdapStatus groupsOf(Domain& domain, const Ids& ids, const std::string& memberUid,
                         const Deadline& deadline, std::vector<std::string>& guids);
 
@@ -41,11 +45,20 @@ class AdMemberships {
         std::string name;  // empty: does not count
         Moment until{};
     };
+    // The memberUid values stored with a domain's groups.
+    struct Stored {
+        std::mutex mutex;                                // held while they are read
+        std::multimap<std::string, std::string> groups;  // GUID bytes by value; guarded by mutex
+        Moment until{};                                  // guarded by mutex
+    };
     bool find(const std::string& dn, std::string& name);
     void keep(const std::string& dn, const std::string& name);
+    LdapStatus addStored(Domain& domain, const std::string& memberUid, const Deadline& deadline,
+                         std::vector<std::string>& guids);
 
     std::mutex m_mutex;
-    std::unordered_map<std::string, Known> m_people;  // by lower-case DN; guarded by m_mutex
+    std::unordered_map<std::string, Known> m_people;          // by lower-case DN; guarded by m_mutex
+    std::map<std::string, std::shared_ptr<Stored>> m_stored;  // by domain; guarded by m_mutex
 };
 
 }  // namespace vexagent
