@@ -5,6 +5,21 @@
 #include "backend/settings.h"
 #include "vorn/strings.h"
 
+namespace {
+
+// Whether a name of the list comes before the other. Most differ early: neither's
+// length is asked for.
+bool precedes(const char* listed, std::string_view name) {
+    for (const char c : name) {
+        const auto left = static_cast<unsigned char>(vorn::lower(*listed++));
+        const auto right = static_cast<unsigned char>(vorn::lower(c));
+        if (left != right || left == 0) return left < right;
+    }
+    return false;
+}
+
+}  // namespace
+
 void publishSupportedAttributes(vex::UniqueStringSet names) {
     // Each cached search looks up the names that it asks for.
     std::sort(names->strings, names->strings + names->count, vorn::StringCaseLessThan());
@@ -20,6 +35,8 @@ bool supportedAttributesAreKnown() {
 
 bool isSupportedAttribute(std::string_view name) {
     const vexStringSet* names = gSupportedObjectAttrList.load(std::memory_order_acquire);
-    return names != nullptr && std::binary_search(names->strings, names->strings + names->count, name,
-                                                  vorn::StringCaseLessThan());
+    if (names == nullptr) return false;
+    char** const end = names->strings + names->count;
+    char** const found = std::lower_bound(names->strings, end, name, precedes);
+    return found != end && vorn::equalsIgnoreCase(*found, name);
 }

@@ -67,23 +67,31 @@ void Properties::parse(std::string_view text, const std::string& origin) {
         entries.insert_or_assign(std::move(entry.key), std::move(entry.value));
     }
     const std::lock_guard guard(m_lock);
+    // New entries go before old ones of the same key. Entries keep their place in
+    // memory when they change tables.
+    Index index;
+    for (const Map* table : {&entries, &m_entries}) {
+        for (const auto& [key, value] : *table) index.emplace(key, &value);
+    }
     entries.merge(m_entries);
     origins.merge(m_origins);
     m_entries.swap(entries);
     m_origins.swap(origins);
+    m_index.swap(index);
 }
 
 void Properties::assign(Properties&& other) {
     const std::scoped_lock guard(m_lock, other.m_lock);
     m_entries.swap(other.m_entries);
     m_origins.swap(other.m_origins);
+    m_index.swap(other.m_index);
 }
 
 std::optional<std::string> Properties::find(std::string_view key) const {
     const std::lock_guard guard(m_lock);
-    const auto entry = m_entries.find(key);
-    if (entry == m_entries.end()) return std::nullopt;
-    return entry->second;
+    const auto entry = m_index.find(key);
+    if (entry == m_index.end()) return std::nullopt;
+    return *entry->second;
 }
 
 std::string Properties::get(std::string_view key, std::string_view fallback) const {

@@ -2,21 +2,19 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <limits>
 #include <stdexcept>
 
 namespace vorn {
 namespace {
 
-constexpr char foldLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
 constexpr char foldUpper(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
 constexpr bool sameIgnoringCase(char a, char b) {
-    return a == b || foldLower(a) == foldLower(b);
+    return a == b || lower(a) == lower(b);
 }
 
 constexpr bool isPrintableAscii(char c) {
@@ -27,7 +25,7 @@ constexpr bool isPrintableAscii(char c) {
 
 std::string lower(std::string_view text) {
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), foldLower);
+    std::transform(result.begin(), result.end(), result.begin(), [](char c) { return lower(c); });
     return result;
 }
 
@@ -49,11 +47,18 @@ bool StringCaseLessThan::operator()(std::string_view a, std::string_view b) cons
     const std::size_t common = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < common; ++i) {
         if (a[i] == b[i]) continue;  // most are, even by their case
-        const auto left = static_cast<unsigned char>(foldLower(a[i]));
-        const auto right = static_cast<unsigned char>(foldLower(b[i]));
+        const auto left = static_cast<unsigned char>(lower(a[i]));
+        const auto right = static_cast<unsigned char>(lower(b[i]));
         if (left != right) return left < right;
     }
     return a.size() < b.size();
+}
+
+// FNV-1a of 64 bits, of the lower-case text.
+std::size_t StringCaseHash::operator()(std::string_view text) const {
+    std::uint64_t hash = 0xcbf29ce484222325;
+    for (const char c : text) hash = (hash ^ static_cast<unsigned char>(lower(c))) * 0x100000001b3;
+    return hash;
 }
 
 std::string itoa(long value, int base) {

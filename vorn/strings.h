@@ -2,11 +2,16 @@
 // the result never depends on the locale.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace vorn {
+
+constexpr char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 std::string lower(std::string_view text);
 std::string upper(std::string_view text);
@@ -18,6 +23,16 @@ bool startsWithIgnoreCase(std::string_view text, std::string_view prefix);
 struct StringCaseLessThan {
     using is_transparent = void;
     bool operator()(std::string_view a, std::string_view b) const;
+};
+
+// Hashes and compares text without regard to case; transparent, for unordered maps.
+struct StringCaseHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const;
+};
+struct StringCaseEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const { return equalsIgnoreCase(a, b); }
 };
 
 // A number in the given base, 2 to 36, with lower-case digits. Throws

@@ -38,6 +38,21 @@ TEST(Strings, StartWithoutRegardToCase) {
     EXPECT_FALSE(startsWithIgnoreCase("xposix", "posix"));
 }
 
+TEST(StringCaseHash, IsTheSameForTextsThatDifferInCaseOnly) {
+    const StringCaseHash hash;
+    EXPECT_EQ(hash("posixAccount.uid"), hash("POSIXACCOUNT.UID"));
+    EXPECT_NE(hash("posixAccount.uid"), hash("posixAccount.uie"));
+    EXPECT_NE(hash(""), hash("a"));
+    EXPECT_NE(hash("["
+                   "a"),
+              hash("{"
+                   "a"))
+        << "letters only";
+    EXPECT_NE(hash("\xC3\x84"), hash("\xC3\xA4")) << "ASCII letters only";
+    EXPECT_TRUE(StringCaseEqual()("Uid", "uID"));
+    EXPECT_FALSE(StringCaseEqual()("uid", "uid "));
+}
+
 TEST(Strings, OrderIsThatOfLowerCaseBytes) {
     const StringCaseLessThan less;
     EXPECT_TRUE(less("a", "B"));
