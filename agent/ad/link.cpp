@@ -113,12 +113,17 @@ LdapStatus Link::lost(int code, const std::string& reason) {
 }
 
 // What the library and the controller say about a failure.
-LdapStatus Link::failure(int code) {
+std::string Link::failureText(int code) {
     std::string reason = ldap_err2string(code);
     char* more = nullptr;
     ldap_get_option(m_ldap.get(), LDAP_OPT_DIAGNOSTIC_MESSAGE, &more);
     const std::unique_ptr<char, FreeMemory> owner(more);
     if (more != nullptr && *more != '\0') reason.append(": ").append(more);
+    return reason;
+}
+
+LdapStatus Link::failure(int code) {
+    const std::string reason = failureText(code);
     if (meansAnother(code)) return lost(code, reason);
     return {code, reason};
 }
@@ -172,9 +177,9 @@ LdapStatus Link::startTls(const Deadline& deadline) {
     const int code = ldap_install_tls(ldap);
     if (code == LDAP_SUCCESS) return {};
     if (deadline.passed()) return lost(LDAP_TIMEOUT, "no answer in the TLS handshake");
-    LdapStatus status = failure(code);
-    status.text = "TLS: " + status.text;
-    return status;
+    // The library says little more than that; most often it is the certificate.
+    return lost(code,
+                std::string("no TLS, see ad.tls.ca and the controller's certificate: ") + failureText(code));
 }
 
 LdapStatus Link::bindWithTicket(const std::string& domain, const Deadline& deadline) {

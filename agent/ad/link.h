@@ -127,6 +127,7 @@ class Link {
     LdapStatus readEnd(LDAPMessage* message, std::string& cookie);
     LdapStatus lost(int code, const std::string& text);
     LdapStatus failure(int code);
+    std::string failureText(int code);
 
     const LinkContext& m_context;
     const Peer m_peer;
