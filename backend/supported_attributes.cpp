@@ -7,6 +7,8 @@
 
 namespace {
 
+std::atomic<unsigned> version = 0;
+
 // Whether a name of the list comes before the other. Most differ early: neither's
 // length is asked for.
 bool precedes(const char* listed, std::string_view name) {
@@ -26,6 +28,11 @@ void publishSupportedAttributes(vex::UniqueStringSet names) {
     vexStringSet* absent = nullptr;
     if (gSupportedObjectAttrList.compare_exchange_strong(absent, names.get(), std::memory_order_acq_rel))
         static_cast<void>(names.release());
+    version.fetch_add(1, std::memory_order_release);
+}
+
+unsigned supportedAttributesVersion() {
+    return version.load(std::memory_order_acquire);
 }
 
 bool supportedAttributesAreKnown() {

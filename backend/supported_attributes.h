@@ -13,5 +13,8 @@ void publishSupportedAttributes(vex::UniqueStringSet names);
 // Whether a list with at least one name has been published.
 bool supportedAttributesAreKnown();
 
+// Another number for every list that is published; 0 before the first.
+unsigned supportedAttributesVersion();
+
 // Whether the published list holds the name, compared without regard to case.
 bool isSupportedAttribute(std::string_view name);

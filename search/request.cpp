@@ -5,7 +5,7 @@
 
 #include "backend/log.h"
 #include "backend/settings.h"
-#include "backend/supported_attributes.h"
+#include "search/attributes.h"
 #include "translate/filter.h"
 #include "translate/map.h"
 #include "vorn/dn.h"
@@ -16,11 +16,6 @@
 #include "backend/slapd.h"
 
 namespace {
-
-// Names beyond this many are not asked for.
-constexpr std::size_t kMaxAttributes = 127;
-// With more names than this there is no room for those that the module adds.
-constexpr std::size_t kMaxBeforeOwn = 124;
 
 constexpr char kNetgroupType[] = "nisNetgroup";
 constexpr char kNetgroupPath[] = "CN=netgroup,CN=Rfc2307NisMaps,";
@@ -72,37 +67,6 @@ std::optional<Rejection> prepareNetgroupBase(SearchRequest* request) {
         "or the currently joined zone domain dn"};
 }
 
-// The agent's name of an attribute that the client asked for; empty for one that
-// is not asked for by name.
-std::string agentName(const SearchRequest& request, std::string_view name) {
-    if (name == "*") return "";
-    if (name == LDAP_NO_ATTRS) return AD_OBJECT_DN_TEXT;
-    if (request.agentType.empty()) return std::string(name);
-    std::string mapped = translate_name(gTranslationMap, translation_key(request.objectType, name), "");
-    return mapped.empty() ? std::string(name) : mapped;
-}
-
-// What a translated object cannot be made without: its DN's "cn", and the marks
-// that say what it is.
-void addOwnAttributes(SearchRequest* request) {
-    if (!request->includeCn) {
-        std::string cn = translate_name(gTranslationMap, translation_key(request->objectType, AD_CN), "");
-        if (!cn.empty()) request->attributes.push_back(std::move(cn));
-    }
-    request->attributes.emplace_back(VORN_OBJECT_CATEGORY);
-    request->attributes.emplace_back(VORN_NSSENTRY_INVALID);
-}
-
-// An object is cached with all its attributes, so a name that no object carries
-// can never be answered from the cache. Until the first bind has brought the list
-// of names, nothing is cached.
-bool attributesAreCacheable(const std::vector<std::string>& names) {
-    return supportedAttributesAreKnown() &&
-           std::all_of(names.begin(), names.end(), [](const std::string& name) {
-               return name.starts_with('_') || isSupportedAttribute(name);
-           });
-}
-
 }  // namespace
 
 std::optional<Rejection> prepareFilter(const Filter* filter, SearchRequest* request) try {
@@ -137,20 +101,12 @@ void prepareFetchByDn(SearchRequest* request) {
 }
 
 void prepareAttributes(const AttributeName* names, SearchRequest* request) {
-    const bool logs = JPrintfEnabled();
-    std::size_t seen = 0;
-    for (const AttributeName* name = names; name != nullptr && seen < kMaxAttributes; ++name, ++seen) {
-        const std::string_view text(name->an_name.bv_val == nullptr ? "" : name->an_name.bv_val);
-        if (text.empty()) break;
-        if (vorn::equalsIgnoreCase(text, AD_CN)) request->includeCn = true;
-        if (logs) request->oldAttributes.append(text).append(" ");
-        std::string translated = agentName(*request, text);
-        if (!translated.empty()) request->attributes.push_back(std::move(translated));
-    }
-    const std::size_t count = request->attributes.size();
-    if (!request->agentType.empty() && count >= 1 && count <= kMaxBeforeOwn) addOwnAttributes(request);
-    if (!logs) return;
-    for (const std::string& name : request->attributes) request->newAttributes.append(name).append(" ");
+    const AttributeList& list = translateAttributes(names, request->objectType, request->agentType);
+    request->attributes = list.attributes;
+    request->includeCn = list.includeCn;
+    if (!JPrintfEnabled()) return;
+    for (const std::string& name : list.asked) request->oldAttributes.append(name).append(" ");
+    for (const std::string& name : list.attributes) request->newAttributes.append(name).append(" ");
 }
 
 void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {

@@ -78,6 +78,7 @@ void Properties::parse(std::string_view text, const std::string& origin) {
     m_entries.swap(entries);
     m_origins.swap(origins);
     m_index.swap(index);
+    m_version = nextVersion();
 }
 
 void Properties::assign(Properties&& other) {
@@ -85,6 +86,13 @@ void Properties::assign(Properties&& other) {
     m_entries.swap(other.m_entries);
     m_origins.swap(other.m_origins);
     m_index.swap(other.m_index);
+    m_version = nextVersion();
+    other.m_version = nextVersion();
+}
+
+std::uint64_t Properties::nextVersion() {
+    static std::atomic<std::uint64_t> last = 0;
+    return ++last;
 }
 
 std::optional<std::string> Properties::find(std::string_view key) const {

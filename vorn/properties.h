@@ -18,7 +18,9 @@
 // skipped. Files above 16 MiB are refused.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -68,6 +70,10 @@ class Properties {
     // Where the key was set, as "FILE:LINE"; empty for an unknown key.
     std::string origin(std::string_view key) const;
 
+    // Another number after every change, and for every other table: what was read
+    // while it was the same still holds.
+    std::uint64_t version() const { return m_version.load(std::memory_order_acquire); }
+
     std::size_t size() const;
     bool empty() const { return size() == 0; }
 
@@ -78,6 +84,9 @@ class Properties {
     // The values by key: a look-up by hash costs a third of one by order.
     using Index = std::unordered_map<std::string_view, const std::string*, StringCaseHash, StringCaseEqual>;
 
+    static std::uint64_t nextVersion();
+
+    std::atomic<std::uint64_t> m_version = nextVersion();
     mutable Lock m_lock;
     Map m_entries;  // guarded by m_lock, as is all below
     Index m_index;  // of m_entries
