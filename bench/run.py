@@ -11,6 +11,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import sys
 import tempfile
 import time
@@ -220,6 +221,7 @@ def main():
     options.rounds = options.rounds or usual[0]
     options.seconds = options.seconds or usual[1]
     options.people = options.people or usual[2]
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends the servers in order, too
     Bench(options).run()
 
 
