@@ -3,7 +3,8 @@
     with ScriptedPeer(lab_files, entries) as peer:
         peer.settings(folder)        # vexagent's, to serve this peer
         peer.limits(unpaged=1000)    # as a Windows controller cuts results
-        peer.fault(Cut(after=3))     # what goes wrong with the next search
+        peer.fault(Cut(3))           # what goes wrong with the next search
+        peer.hung = True             # from now on it answers nothing at all
 
 It holds entries as {DN: {attribute: [values]}} and answers binds and searches: base,
 scope, filters, pages, attribute ranges. A fault is a callable that the next matching
@@ -101,11 +102,13 @@ class ScriptedPeer:
     def __init__(self, entries, address="127.0.0.1", certificate=None, transport="ldaps", passwords=None):
         """certificate is the files' (certificate, key). passwords is {name: password,
         or the text of a refusal}; names as a bind gives them, in any case."""
-        self.entries, self.transport = dict(entries), transport
+        self.entries, self.transport = entries, transport
+        self.sorted = sorted(entries.items())
+        self.by_name = {fold(dn): dn for dn in entries}
         self.passwords = {name.lower(): password for name, password in (passwords or {}).items()}
         self.unpaged_limit = self.value_limit = None
         self.faults, self.requests = [], []
-        self.hang_handshake = False
+        self.hang_handshake = self.hung = False
         self.connections = []
         self.lock = threading.Lock()
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -166,15 +169,16 @@ class ScriptedPeer:
 
     def serve(self, connection):
         # Peers that go wrong make clients hang up; that is no error here.
+        conversation = Conversation(self, connection)
         with contextlib.suppress(OSError, ValueError, IndexError):
             if self.transport == "ldaps":
-                connection = self.secure(connection)
-            Conversation(self, connection).run()
+                conversation.secure()
+            conversation.run()
         with contextlib.suppress(OSError):
-            connection.close()
+            conversation.connection.close()
 
     def secure(self, connection):
-        if self.hang_handshake:
+        if self.hang_handshake or self.hung:
             while connection.recv(4096):  # to the client's end; not a word
                 pass
             raise OSError("hung up")
@@ -202,8 +206,8 @@ class ScriptedPeer:
             return [("", self.entries[""])] if "" in self.entries else []
         guid = re.fullmatch(r"<guid=([0-9a-f-]+)>", base)
         if guid:
-            return [(dn, entry) for dn, entry in self.entries.items() if guid_of(entry) == guid[1].replace("-", "")]
-        if base not in map(fold, self.entries):
+            return [(dn, entry) for dn, entry in self.sorted if guid_of(entry) == guid[1].replace("-", "")]
+        if base not in self.by_name:
             return None
         def inside(dn):
             name = fold(dn)
@@ -213,8 +217,17 @@ class ScriptedPeer:
             if search.scope == 1:
                 return below and "," not in re.sub(r"\\.", "", name[:-len(base) - 1])
             return name == base or below
-        return [(dn, entry) for dn, entry in sorted(self.entries.items())
+        return [(dn, entry) for dn, entry in self.candidates(search.filter)
                 if dn and inside(dn) and matches(search.filter, dn, entry)]
+
+    def candidates(self, filter):
+        """The entries that may match. Some DNs are looked up, as a directory would."""
+        _, content = filter
+        wanted = [ber.elements(part)[-1][1].decode() for tag, part in (ber.elements(content) if filter[0] == 0xA1 else [filter])
+                  if tag == 0xA3 and ber.elements(part)[0][1].lower() == b"distinguishedname"]
+        if not wanted or filter[0] == 0xA1 and len(wanted) < len(ber.elements(content)):
+            return self.sorted
+        return sorted((dn, self.entries[dn]) for dn in (self.by_name.get(fold(name)) for name in wanted) if dn)
 
 
 def described(name, values):
@@ -244,6 +257,8 @@ class Conversation:
             identifier, (tag, content) = ber.integer(parts[0][1]), parts[1]
             if tag == UNBIND:
                 return
+            if self.peer.hung:
+                continue
             if tag == BIND:
                 self.bind(identifier, content)
             elif tag == EXTENDED:
@@ -292,6 +307,9 @@ class Conversation:
             self.result(identifier, EXTENDED_DONE, 2, "unknown")
             return
         self.result(identifier, EXTENDED_DONE, SUCCESS)
+        self.secure()
+
+    def secure(self):
         self.connection = self.peer.secure(self.connection)
 
     def entry(self, identifier, dn, entry, search):
