@@ -263,7 +263,15 @@ LdapStatus Domain::run(const Deadline& deadline, const Work& work) {
         ~Release() { domain.release(); }
     };
     const Release atEnd{*this};
-    return runOnAll(deadline, work);
+    status = runOnAll(deadline, work);
+    if (status.lost) noteLost(status);
+    return status;
+}
+
+void Domain::noteLost(const LdapStatus& status) {
+    const std::lock_guard lock(m_mutex);
+    m_lostAt = now();
+    m_lost = status;
 }
 
 LdapStatus Domain::search(const LdapSearch& search, const Deadline& deadline, std::vector<Entry>& entries) {
@@ -289,6 +297,11 @@ LdapStatus Domain::tryPassword(const std::string& dn, const std::string& passwor
 }
 
 LdapStatus Domain::health(const Deadline& deadline) {
+    {
+        // Who has waited in vain just now is not kept waiting to be told so.
+        const std::lock_guard lock(m_mutex);
+        if (now() - m_lostAt < kFreshAnswer && m_lostAt > m_lastAnswer.load()) return m_lost;
+    }
     if (now() - m_lastAnswer.load() < kFreshAnswer && !m_controllers.allDown(now())) return {};
     return run(deadline, [&](Lease& lease) { return lease->probe(deadline); });
 }

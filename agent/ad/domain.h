@@ -86,9 +86,12 @@ class Domain {
     // that have failed, closing what nobody uses, looking for controllers anew.
     void tend();
 
-    // Whether somebody answers now: VEX_OK, or why not. Asks only when no answer
-    // has come for a while.
+    // Whether somebody answers now: VEX_OK, or why not. Asks only when for a while
+    // neither an answer has come nor the want of one has been told.
     LdapStatus health(const Deadline& deadline);
+
+    // Told when an answer did not come that was not asked for by run.
+    void noteLost(const LdapStatus& status);
 
     // How long one controller gets while there are others.
     static constexpr milliseconds kPatience{2000};
@@ -128,6 +131,8 @@ class Domain {
     Moment m_locateAgain{};
     std::string m_locateReason;
     std::shared_ptr<const DomainInfo> m_info;
+    Moment m_lostAt{};    // when nobody answered last
+    LdapStatus m_lost{};  // and why
 };
 
 }  // namespace vexagent

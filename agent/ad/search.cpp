@@ -55,6 +55,7 @@ class AdSearch : public Cursor {
         std::vector<Entry> entries;
         const LdapStatus status = read(**m_lease, vex::wire::kBatchObjects, deadline, entries);
         if (!status.ok()) {
+            if (status.lost) m_source.domain.noteLost(status);
             m_lease->spoil();
             m_lease.reset();
             m_over = true;

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <condition_variable>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -20,6 +21,8 @@
 
 namespace vexagent {
 namespace {
+
+constexpr milliseconds kNameTime{300};  // for DNS, where addresses are known from earlier
 
 struct Address {
     sockaddr_storage bytes{};
@@ -56,10 +59,43 @@ int lookUp(const std::string& host, int flags, std::vector<Address>& addresses) 
     return 0;
 }
 
+// The addresses of names, as they were found last. Where DNS has gone they are still
+// worth trying.
+class KnownAddresses {
+  public:
+    // Those of a name; fresh tells whether they are from a moment ago.
+    std::vector<Address> find(const std::string& host, bool& fresh) {
+        const std::lock_guard lock(m_mutex);
+        const auto known = m_hosts.find(host);
+        fresh = known != m_hosts.end() && now() < known->second.until;
+        return known == m_hosts.end() ? std::vector<Address>() : known->second.addresses;
+    }
+
+    void keep(const std::string& host, const std::vector<Address>& addresses) {
+        const std::lock_guard lock(m_mutex);
+        if (m_hosts.size() >= kMost && !m_hosts.contains(host)) m_hosts.clear();
+        m_hosts[host] = {addresses, now() + kFreshTime};
+    }
+
+  private:
+    static constexpr std::size_t kMost = 256;
+    static constexpr milliseconds kFreshTime{30'000};
+    struct Known {
+        std::vector<Address> addresses;
+        Moment until;
+    };
+    std::mutex m_mutex;
+    std::map<std::string, Known> m_hosts;  // guarded by m_mutex
+};
+
+KnownAddresses& knownAddresses() {
+    static KnownAddresses known;
+    return known;
+}
+
 // The system's resolver takes as long as it likes, so a name is looked up on a
 // thread that is left behind when it is late.
-int lookUpInTime(const std::string& host, const Deadline& deadline, std::vector<Address>& addresses) {
-    if (lookUp(host, AI_NUMERICHOST, addresses) == 0) return 0;
+int askResolver(const std::string& host, const Deadline& deadline, std::vector<Address>& addresses) {
     const auto state = std::make_shared<LookUp>();
     {
         const vorn::SignalsBlocked blocked;
@@ -77,6 +113,21 @@ int lookUpInTime(const std::string& host, const Deadline& deadline, std::vector<
     if (!state->over.wait_until(lock, deadline.end(), [&] { return state->done; })) return EAI_AGAIN;
     addresses = state->addresses;
     return state->error;
+}
+
+int lookUpInTime(const std::string& host, const Deadline& deadline, std::vector<Address>& addresses) {
+    if (lookUp(host, AI_NUMERICHOST, addresses) == 0) return 0;
+    bool fresh = false;
+    const std::vector<Address> known = knownAddresses().find(host, fresh);
+    int error = 0;
+    if (!fresh) error = askResolver(host, known.empty() ? deadline : deadline.atMost(kNameTime), addresses);
+    if (!fresh && error == 0) {
+        knownAddresses().keep(host, addresses);
+        return 0;
+    }
+    if (known.empty()) return error;
+    addresses = known;
+    return 0;
 }
 
 void setPort(Address& address, std::uint16_t port) {

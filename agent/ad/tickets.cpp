@@ -101,6 +101,9 @@ KrbStatus Tickets::renew(Kerberos& kerberos, krb5_ccache cache) {
             return krb5_init_creds_set_keytab(kerberos.get(), context, keytab.get());
         },
         credentials.get());
+    if (status.code == KRB5KDC_ERR_PREAUTH_FAILED || status.code == KRB5KRB_AP_ERR_BAD_INTEGRITY)
+        status.text =
+            "keytab " + m_options.keytab + ": the machine's key is another one by now: " + status.text;
     if (!status.ok()) return status;
     status = kerberos.status(krb5_cc_initialize(kerberos.get(), cache, credentials.get().client));
     if (status.ok()) status = kerberos.status(krb5_cc_store_cred(kerberos.get(), cache, &credentials.get()));

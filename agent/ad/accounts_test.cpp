@@ -1,0 +1,252 @@
+// Ids made from SIDs, refused log-ins, the memory of log-ins.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "agent/ad/auth_cache.h"
+#include "agent/ad/ids.h"
+#include "agent/ad/login.h"
+#include "agent/identifiers.h"
+#include "vorn/temporary_folder.h"
+
+namespace vexagent {
+namespace {
+
+std::string sid(const std::string& text) {
+    return sidBytes(text).value_or("");
+}
+
+constexpr char kDomainSid[] = "S-1-5-21-1185669892-1359130568-1241246553";
+
+IdOptions idsOn() {
+    IdOptions options;
+    options.fromSid = true;
+    return options;
+}
+
+// These numbers are on people's disks: they never change.
+TEST(Ids, AreTheSameForEver) {
+    const Ids ids(idsOn(), sid(kDomainSid));
+    ASSERT_TRUE(ids.first().has_value());
+    EXPECT_EQ(*ids.first(), 1'340'400'000u);
+    EXPECT_EQ(ids.idOf(sid(std::string(kDomainSid) + "-1104")), 1'340'401'104u);
+    EXPECT_EQ(Ids(idsOn(), sid("S-1-5-21-1-2-3")).first(), 580'000'000u);
+}
+
+TEST(Ids, LeadBackToTheirSid) {
+    const Ids ids(idsOn(), sid(kDomainSid));
+    EXPECT_EQ(sidText(ids.sidOf(*ids.first() + 513)), std::string(kDomainSid) + "-513");
+    EXPECT_EQ(ids.sidOf(*ids.first() - 1), "");
+    EXPECT_EQ(ids.sidOf(*ids.first() + 200'000), "");
+    EXPECT_NE(ids.sidOf(*ids.first() + 199'999), "");
+}
+
+TEST(Ids, OnlyAccountsOfTheDomainWithinTheSliceHaveOne) {
+    const Ids ids(idsOn(), sid(kDomainSid));
+    EXPECT_EQ(ids.idOf(sid("S-1-5-21-9-9-9-1104")), std::nullopt);
+    EXPECT_EQ(ids.idOf(sid("S-1-5-32-544")), std::nullopt);
+    EXPECT_EQ(ids.idOf(sid(std::string(kDomainSid) + "-200000")), std::nullopt);
+    EXPECT_EQ(ids.idOf(sid(std::string(kDomainSid) + "-199999")), *ids.first() + 199'999);
+    EXPECT_EQ(ids.idOf(""), std::nullopt);
+}
+
+TEST(Ids, AreOffUnlessWanted) {
+    const Ids ids(IdOptions{}, sid(kDomainSid));
+    EXPECT_FALSE(ids.enabled());
+    EXPECT_EQ(ids.idOf(sid(std::string(kDomainSid) + "-1104")), std::nullopt);
+    EXPECT_FALSE(Ids(idsOn(), "").enabled());
+}
+
+TEST(Ids, AHomeHoldsTheLoginName) {
+    IdOptions options = idsOn();
+    EXPECT_EQ(Ids(options, "").homeOf("ann"), "/home/ann");
+    options.home = "/%u/home/%u";
+    EXPECT_EQ(Ids(options, "").homeOf("%u"), "/%u/home/%u");
+}
+
+Entry account(const std::vector<Attribute>& attributes) {
+    return {"CN=x", attributes};
+}
+
+std::string outcome(const Result& result) {
+    return std::to_string(result.code) + " " + std::to_string(result.errSystem) + " " +
+           std::to_string(result.errCode) + " " + result.errText;
+}
+
+TEST(LoginResult, OfKerberos) {
+    const Entry plain =
+        account({{"userAccountControl", {"512"}}, {"pwdLastSet", {"1"}}, {"lockoutTime", {"0"}}});
+    const struct {
+        krb5_error_code code;
+        Entry entry;
+        const char* expected;
+    } cases[] = {
+        {0, plain, "0 0 0 "},
+        {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, plain, "13 2 49 no such user"},
+        {KRB5KDC_ERR_PREAUTH_FAILED, plain, "14 2 49 wrong password"},
+        {KRB5KRB_AP_ERR_BAD_INTEGRITY, plain, "14 2 49 wrong password"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({{"userAccountControl", {"514"}}}),
+         "15 2 49 the account is disabled"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({{"accountExpires", {"132223104000000000"}}}),
+         "15 2 49 the account has expired"},
+        {KRB5KDC_ERR_CLIENT_REVOKED,
+         account({{"accountExpires", {"9223372036854775807"}}, {"lockoutTime", {"1"}}}),
+         "15 2 49 the account is locked out"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, plain, "15 2 49 the account may not log in now"},
+        {KRB5KDC_ERR_NAME_EXP, plain, "15 2 49 the account has expired"},
+        {KRB5KDC_ERR_KEY_EXP, plain, "15 2 49 the password has expired"},
+        {KRB5KDC_ERR_KEY_EXP, account({{"pwdLastSet", {"0"}}}), "15 2 49 the password must be changed"},
+        {KRB5KDC_ERR_POLICY, plain, "15 2 49 the account may not log in here or now"},
+        {KRB5KDC_ERR_ETYPE_NOSUPP, plain, "15 2 49 the account has no password that Kerberos could check"},
+        {KRB5KRB_AP_ERR_SKEW, plain,
+         "8 3 -1765328347 the clocks of this host and the controller differ too much: text"},
+        {KRB5_KDC_UNREACH, plain, "12 3 -1765328228 no controller could check the password: text"},
+        {KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN, plain, "8 3 -1765328377 the password could not be checked: text"},
+    };
+    for (const auto& [code, entry, expected] : cases)
+        EXPECT_EQ(outcome(loginResult({{code, code == 0 ? "" : "text"}}, entry, 1'600'000'000)), expected)
+            << code;
+}
+
+TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
+    EXPECT_EQ(outcome(loginResult({{KRB5_KT_NOTFOUND, "text"}, false}, account({}), 0)),
+              "8 3 -1765328203 the answer to the password check could not be verified with the keytab: text");
+}
+
+TEST(LoginResult, OfABind) {
+    const auto text = [](const char* data) {
+        return "Invalid credentials: 80090308: LdapErr: DSID-0C09, comment: AcceptSecurityContext error, "
+               "data " +
+               std::string(data) + ", v4563";
+    };
+    const std::pair<const char*, const char*> cases[] = {
+        {"52e", "14 2 49 wrong password"},
+        {"525", "13 2 49 no such user"},
+        {"530", "15 2 49 the account may not log in here or now"},
+        {"531", "15 2 49 the account may not log in here or now"},
+        {"532", "15 2 49 the password has expired"},
+        {"533", "15 2 49 the account is disabled"},
+        {"701", "15 2 49 the account has expired"},
+        {"773", "15 2 49 the password must be changed"},
+        {"775", "15 2 49 the account is locked out"},
+        {"xyz", "14 2 49 wrong password"},
+    };
+    for (const auto& [data, expected] : cases)
+        EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
+    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_SUCCESS, ""})), "0 0 0 ");
+    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_SERVER_DOWN, "gone", true})), "12 2 -1 gone");
+    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})), "8 2 8 stronger");
+}
+
+// ------------------------------------------------------------ memory of log-ins
+
+std::time_t memoryNow = 0;
+std::time_t memoryClock() {
+    return memoryNow;
+}
+
+class AuthCacheTest : public ::testing::Test {
+  protected:
+    AuthCacheTest() {
+        memoryNow = 1'700'000'000;
+        m_options.enabled = true;
+        m_options.file = m_folder.file("logins");
+        m_options.maxAge = std::chrono::hours(1);
+        m_options.attempts = 3;
+    }
+    AuthCache open() const { return AuthCache(m_options, memoryClock); }
+    std::string text() const {
+        std::ostringstream content;
+        content << std::ifstream(m_options.file).rdbuf();
+        return content.str();
+    }
+
+    vorn::test::TemporaryFolder m_folder;
+    AuthCacheOptions m_options;
+};
+
+using Answer = AuthCache::Answer;
+
+TEST_F(AuthCacheTest, KnowsWhatItWasTold) {
+    AuthCache cache(m_options, memoryClock);
+    EXPECT_EQ(cache.check("ann@example.com", "secret"), Answer::Unknown);
+    EXPECT_FALSE(cache.hasAnswers());
+    cache.remember("ann@example.com", "secret");
+    EXPECT_TRUE(cache.hasAnswers());
+    EXPECT_EQ(cache.check("ANN@Example.com", "secret"), Answer::Right);
+    EXPECT_EQ(cache.check("ann@example.com", "Secret"), Answer::Wrong);
+    EXPECT_EQ(cache.check("ben@example.com", "secret"), Answer::Unknown);
+    cache.forget("ann@example.com");
+    EXPECT_EQ(cache.check("ann@example.com", "secret"), Answer::Unknown);
+}
+
+TEST_F(AuthCacheTest, SurvivesInAFileOfItsOwnWithoutThePassword) {
+    const std::string name = "CN=Ann \\, B,OU=x y,DC=example\n1 0 hash bob";
+    {
+        AuthCache cache(m_options, memoryClock);
+        cache.remember(name, "a password nobody has");
+    }
+    struct stat status {};
+    ASSERT_EQ(::stat(m_options.file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777u, 0600u);
+    EXPECT_EQ(text().find("password"), std::string::npos);
+    EXPECT_NE(text().find(" $y$"), std::string::npos);
+    AuthCache again(m_options, memoryClock);
+    EXPECT_EQ(again.check(name, "a password nobody has"), Answer::Right);
+    EXPECT_EQ(again.check("bob", "x"), Answer::Unknown);
+}
+
+TEST_F(AuthCacheTest, ARecordAnswersUntilItIsTooOld) {
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "secret");
+    memoryNow += 3600;
+    EXPECT_EQ(cache.check("ann", "secret"), Answer::Right);
+    memoryNow += 1;
+    EXPECT_EQ(cache.check("ann", "secret"), Answer::Unknown);
+    EXPECT_FALSE(cache.hasAnswers());
+    memoryNow -= 3602;  // a clock that was set back
+    EXPECT_EQ(cache.check("ann", "secret"), Answer::Unknown);
+}
+
+TEST_F(AuthCacheTest, TooManyWrongOnesInARowEndIt) {
+    {
+        AuthCache cache(m_options, memoryClock);
+        cache.remember("ann", "secret");
+        EXPECT_EQ(cache.check("ann", "1"), Answer::Wrong);
+        EXPECT_EQ(cache.check("ann", "2"), Answer::Wrong);
+        EXPECT_EQ(cache.check("ann", "secret"), Answer::Right);  // counts anew
+        EXPECT_EQ(cache.check("ann", "3"), Answer::Wrong);
+        EXPECT_EQ(cache.check("ann", "4"), Answer::Wrong);
+    }
+    AuthCache again(m_options, memoryClock);  // a restart does not help
+    EXPECT_EQ(again.check("ann", "5"), Answer::Wrong);
+    EXPECT_EQ(again.check("ann", "secret"), Answer::Unknown);
+    again.remember("ann", "secret");
+    EXPECT_EQ(again.check("ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, APasswordsStartDoesNotPassForIt) {
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "secret");
+    EXPECT_EQ(cache.check("ann", std::string("secret\0more", 11)), Answer::Wrong);
+    cache.remember("ben", std::string("secret\0more", 11));
+    EXPECT_EQ(cache.check("ben", "secret"), Answer::Unknown);
+}
+
+TEST_F(AuthCacheTest, AFileThatOthersCanReadIsRefused) {
+    m_folder.write("logins", "");
+    ASSERT_EQ(::chmod(m_options.file.c_str(), 0640), 0);
+    try {
+        open();
+        ADD_FAILURE() << "accepted";
+    } catch (const AuthCacheError& error) {
+        EXPECT_EQ(error.what(), m_options.file + ": is not a file of the agent's own with mode 0600");
+    }
+}
+
+}  // namespace
+}  // namespace vexagent

@@ -1,0 +1,111 @@
+#include "agent/ad/controllers.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace vexagent {
+namespace {
+
+using ::testing::ElementsAre;
+
+const Peer kOne{"one", 389};
+const Peer kTwo{"two", 389};
+const Peer kFar{"far", 389};
+
+class ControllersTest : public ::testing::Test {
+  protected:
+    // "one two(later)": the order, and what is not due.
+    std::vector<std::string> order() const {
+        std::vector<std::string> names;
+        for (const Controllers::Choice& choice : m_controllers.order(m_now))
+            names.push_back(choice.peer.host + (choice.due ? "" : "(later)"));
+        return names;
+    }
+
+    Moment m_now = Moment{} + std::chrono::hours(1);
+    double m_random = 0.5;  // the middle of what is drawn
+    Controllers m_controllers{[this] { return m_random; }};
+};
+
+TEST_F(ControllersTest, TheOrderIsThatOfTheListAsLongAsNothingIsKnown) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    EXPECT_THAT(order(), ElementsAre("one", "two"));
+}
+
+TEST_F(ControllersTest, TheOneInUseStaysInUse) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.failed(kOne, m_now, "refused");
+    m_controllers.succeeded(kTwo);
+    m_controllers.succeeded(kOne);  // answers again
+    EXPECT_THAT(order(), ElementsAre("two", "one"));
+}
+
+TEST_F(ControllersTest, OneThatFailedIsLastUntilItIsDue) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.failed(kOne, m_now, "refused");
+    EXPECT_THAT(order(), ElementsAre("two", "one(later)"));
+    m_now += milliseconds(999);
+    EXPECT_THAT(order(), ElementsAre("two", "one(later)"));
+    m_now += milliseconds(1);
+    EXPECT_THAT(order(), ElementsAre("two", "one"));
+}
+
+TEST_F(ControllersTest, TheDelayDoublesUpToItsLimitAndIsDrawn) {
+    m_controllers.set({{kOne, 0}});
+    Peer peer;
+    const int seconds[] = {1, 2, 4, 8, 16, 32, 64, 120, 120};
+    for (const int delay : seconds) {
+        m_controllers.failed(kOne, m_now, "refused");
+        m_now += std::chrono::seconds(delay) - milliseconds(1);
+        EXPECT_FALSE(m_controllers.dueAgain(m_now, peer)) << delay;
+        m_now += milliseconds(1);
+        EXPECT_TRUE(m_controllers.dueAgain(m_now, peer)) << delay;
+    }
+    m_random = 0;  // half of it
+    m_controllers.failed(kOne, m_now, "refused");
+    EXPECT_FALSE(m_controllers.dueAgain(m_now + std::chrono::seconds(60) - milliseconds(1), peer));
+    EXPECT_TRUE(m_controllers.dueAgain(m_now + std::chrono::seconds(60), peer));
+}
+
+TEST_F(ControllersTest, RequestsThatFailTogetherCountOnce) {
+    m_controllers.set({{kOne, 0}});
+    for (int i = 0; i < 10; ++i) m_controllers.failed(kOne, m_now, "refused");
+    Peer peer;
+    EXPECT_TRUE(m_controllers.dueAgain(m_now + milliseconds(1000), peer));
+    EXPECT_EQ(peer, kOne);
+}
+
+TEST_F(ControllersTest, ABetterClassIsUsedAgainWhenItAnswersAgain) {
+    m_controllers.set({{kOne, 0}, {kFar, 1}});
+    m_controllers.failed(kOne, m_now, "refused");
+    m_controllers.succeeded(kFar);
+    EXPECT_THAT(order(), ElementsAre("far", "one(later)"));
+    m_now += std::chrono::seconds(2);
+    EXPECT_THAT(order(), ElementsAre("far", "one"));  // tried apart from requests
+    m_controllers.succeeded(kOne);
+    EXPECT_THAT(order(), ElementsAre("one", "far"));
+}
+
+TEST_F(ControllersTest, AllAreDownOnlyWhenNoneIsDue) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.failed(kOne, m_now, "refused");
+    EXPECT_FALSE(m_controllers.allDown(m_now));
+    m_controllers.failed(kTwo, m_now, "no answer");
+    EXPECT_TRUE(m_controllers.allDown(m_now));
+    EXPECT_EQ(m_controllers.lastReason(), "no answer");
+    m_controllers.succeeded(kTwo);
+    EXPECT_FALSE(m_controllers.allDown(m_now));
+}
+
+TEST_F(ControllersTest, WhatIsKnownSurvivesANewList) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.failed(kOne, m_now, "refused");
+    m_controllers.set({{kFar, 0}, {kOne, 0}});
+    EXPECT_THAT(order(), ElementsAre("far", "one(later)"));
+    EXPECT_EQ(m_controllers.size(), 2u);
+    m_controllers.failed(kTwo, m_now, "is not there any more");
+    EXPECT_THAT(order(), ElementsAre("far", "one(later)"));
+}
+
+}  // namespace
+}  // namespace vexagent

@@ -1,0 +1,213 @@
+// Filters for controllers, and objects from their entries.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/ad/filters.h"
+#include "agent/ad/objects.h"
+#include "agent/identifiers.h"
+
+namespace vexagent {
+namespace {
+
+using ::testing::ElementsAre;
+
+ldb_context* context() {
+    static const Talloc<ldb_context> ldb(ldb_init(nullptr, nullptr));
+    return ldb.get();
+}
+
+const Ids& idsOn() {
+    IdOptions options;
+    options.fromSid = true;
+    static const Ids ids(options, sidBytes("S-1-5-21-1-2-3").value());
+    return ids;
+}
+
+// What a controller is asked; groupsOf knows two groups of "ann".
+std::string asked(const std::string& filter, bool typed = false, bool withIds = false, int scope = 2) {
+    FilterContext rules;
+    rules.ldb = context();
+    rules.rootDn = "DC=example,DC=com";
+    const GroupsOf groupsOf = [](std::string_view name) {
+        return name == "ann" ? std::vector<std::string>{std::string(16, 'A'), std::string(16, 'B')}
+                             : std::vector<std::string>{};
+    };
+    rules.first = [&](void* pool, ParseTree*& tree) {
+        std::optional<Selection> decided = rewriteMemberAssertion(pool, tree, groupsOf);
+        if (!decided && withIds) decided = rewriteIdAssertion(pool, tree, idsOn());
+        return decided;
+    };
+    Query query;
+    query.filter = filter;
+    query.typed = typed;
+    query.scope = scope;
+    std::string text;
+    Selection selection = Selection::Some;
+    const Result result = makeAdFilter(query, rules, text, selection);
+    if (!result.ok()) return result.errText;
+    return selection == Selection::Nothing ? "nothing" : text;
+}
+
+TEST(AdFilter, BecomesWhatAControllerAnswersQuickly) {
+    const std::string person = "(objectCategory=CN=Person,CN=Schema,CN=Configuration,DC=example,DC=com)";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "(objectClass=*)"},
+        {"(uid=ann)", "(uid=ann)"},
+        {"(&(objectClass=User)(sAMAccountName=ann))", "(&(sAMAccountName=ann)(objectClass=User))"},
+        {"(&(objectClass=User)(gidNumber=5)(uidNumber=7))",
+         "(&(uidNumber=7)(gidNumber=5)(objectClass=User))"},
+        {"(objectCategory=user)", person},
+        {"(_objectCategory=Person)", person},
+        {"(_GUID=41414141-4141-4141-4141-414141414141)", "(objectGUID=AAAAAAAAAAAAAAAA)"},
+        {"(_dn=CN=a,DC=b)", "(distinguishedName=CN=a,DC=b)"},
+        {"(_other=x)", "(own-other=x)"},
+        {"(uidNumber=abc)", "nothing"},
+        {"(uidNumber=0042)", "(uidNumber=42)"},
+        {"(unicodePwd=x)", "nothing"},
+        {"(!(unicodePwd=x))", "nothing"},
+        {"(uid=", "bad search filter"},
+        {"(cn=a\\2ab)", "(cn=a\\2Ab)"},
+        {"(cn=a*b*c)", "(cn=a*b*c)"},
+        {"(memberUid=ann)", "(|(objectGUID=AAAAAAAAAAAAAAAA)(objectGUID=BBBBBBBBBBBBBBBB))"},
+        {"(memberUid=ben)", "nothing"},
+        {"(!(memberUid=ben))", "(objectClass=*)"},
+        {"(memberUid=*)", "(|(memberUid=*)(member=*))"},
+    };
+    for (const auto& [filter, expected] : cases) EXPECT_EQ(asked(filter), expected) << filter;
+}
+
+TEST(AdFilter, ATypedOneGetsClassesOnlyWhereItNeedsThem) {
+    EXPECT_EQ(asked("(sAMAccountName=ann)", true), "(sAMAccountName=ann)");
+    EXPECT_EQ(asked("(objectClass=User)", true), "(objectClass=User)");
+    EXPECT_EQ(asked("(|(objectClass=User)(objectCategory=x))", true).find("automount"), std::string::npos);
+    EXPECT_NE(asked("(description=x)", true).find("(|(objectClass=user)(objectClass=group)"),
+              std::string::npos);
+    EXPECT_NE(asked("(|(objectClass=User)(description=x))", true).find("(objectClass=automount)"),
+              std::string::npos);
+    EXPECT_NE(asked("", true).find("(objectClass=nisNetgroup)"), std::string::npos);
+    EXPECT_EQ(asked("", true, false, 0), "(objectClass=*)");
+    EXPECT_EQ(asked("(description=x)", true, false, 0), "(description=x)");
+}
+
+TEST(AdFilter, MadeIdsAreFoundByTheirSids) {
+    const std::string id = std::to_string(*idsOn().first() + 1104);
+    const std::string found = asked("(uidNumber=" + id + ")", false, true);
+    EXPECT_EQ(found.find("(|(uidNumber=" + id + ")(&(objectSid="), 0u) << found;
+    EXPECT_NE(found.find("(!(uidNumber=*))"), std::string::npos) << found;
+    EXPECT_NE(asked("(gidNumber=" + id + ")", false, true).find("(primaryGroupID=1104)"), std::string::npos);
+    EXPECT_EQ(asked("(uidNumber=5)", false, true), "(uidNumber=5)");
+    EXPECT_NE(asked("(uidNumber=*)", false, true).find("(objectCategory=person)"), std::string::npos);
+}
+
+TEST(AdFilter, ComposedOnesCannotBeBrokenOutOf) {
+    EXPECT_EQ(escapeFilterValue("a)(uid=*"), "a\\29\\28uid=\\2a");
+    EXPECT_EQ(escapeFilterValue(std::string("\\\0 \xc3\xa4", 5)), "\\5c\\00\\20\\c3\\a4");
+    EXPECT_EQ(anyOf("uid", {"x"}), "(uid=x)");
+    EXPECT_EQ(anyOf("uid", {"x", "*"}), "(|(uid=x)(uid=\\2a))");
+}
+
+TEST(Range, TellsWhetherMoreFollows) {
+    const struct {
+        const char* text;
+        bool isRange;
+        const char* name;
+        std::size_t next;
+    } cases[] = {
+        {"member;range=0-1499", true, "member", 1500},
+        {"member;Range=1500-*", true, "member", 0},
+        {"memberOf;range=0-0", true, "memberOf", 1},
+        {"member", false, "", 0},
+        {"member;binary", false, "", 0},
+        {"member;range=0", false, "", 0},
+        {"member;range=0-x", false, "", 0},
+        {"member;range=0-99999999999999999999", false, "", 0},
+    };
+    for (const auto& [text, isRange, name, next] : cases) {
+        RangedName ranged;
+        EXPECT_EQ(parseRange(text, ranged), isRange) << text;
+        if (!isRange) continue;
+        EXPECT_EQ(ranged.name, name) << text;
+        EXPECT_EQ(ranged.next, next) << text;
+    }
+}
+
+const Ids& noIds() {
+    static const Ids ids(IdOptions{}, "");
+    return ids;
+}
+
+TEST(AttributesAsked, AreThoseOfTheViewAndThoseItIsMadeFrom) {
+    EXPECT_THAT(attributesFor({}, noIds()), ElementsAre("*"));
+    EXPECT_THAT(attributesFor({true, {"*", "memberOf"}}, noIds()), ElementsAre("*", "memberOf"));
+    EXPECT_THAT(attributesFor({true, {"1.1"}}, noIds()),
+                ElementsAre("objectGUID", "objectClass", "objectCategory", "uidNumber", "gidNumber",
+                            "unixHomeDirectory", "ipHostNumber", "macAddress"));
+    EXPECT_THAT(
+        attributesFor({true, {"memberuid", "unicodePwd", "_dn"}}, noIds()),
+        ElementsAre("memberuid", "objectGUID", "objectClass", "objectCategory", "uidNumber", "gidNumber",
+                    "unixHomeDirectory", "ipHostNumber", "macAddress", "member", "objectSid"));
+}
+
+std::string shown(const Object& object) {
+    std::string text;
+    for (const Attribute& attribute : object) {
+        text += attribute.name + "=";
+        for (const std::string& value : attribute.values) text += value + ",";
+        text += " ";
+    }
+    return text;
+}
+
+Entry person(std::vector<Attribute> more) {
+    Entry entry{"CN=Ann,DC=x", {{"objectGUID", {std::string(16, '\1')}}, {"objectClass", {"top", "user"}}}};
+    for (Attribute& attribute : more) entry.attributes.push_back(std::move(attribute));
+    return entry;
+}
+
+TEST(AdObject, OwnAttributesComeFirstAndSecretsNever) {
+    const Entry entry = person({{"objectCategory", {"CN=Person,CN=Schema,DC=x"}},
+                                {"cn", {"Ann"}},
+                                {"unicodePwd", {"x"}},
+                                {"empty", {}}});
+    EXPECT_EQ(shown(makeObject(entry, {false, {"CN"}}, noIds(), nullptr)),
+              "_dn=CN=Ann,DC=x, _GUID=01010101-0101-0101-0101-010101010101, _objectCategory=Person, "
+              "_nssEntryInvalid=TRUE, cn=Ann, ");
+    EXPECT_EQ(shown(makeObject(entry, {}, noIds(), nullptr)).find("unicodePwd"), std::string::npos);
+}
+
+TEST(AdObject, ComputedMembersTakeThePlaceOfStoredOnes) {
+    Entry group{"CN=g,DC=x",
+                {{"objectClass", {"top", "group"}}, {"gidNumber", {"5"}}, {"memberUid", {"old"}}}};
+    const std::vector<std::string> members = {"ann", "ben"};
+    EXPECT_TRUE(showsMembers(group, {true, {}}));
+    EXPECT_FALSE(showsMembers(group, {false, {}}));
+    EXPECT_FALSE(showsMembers(group, {true, {"cn"}}));
+    EXPECT_FALSE(showsMembers(person({}), {true, {}}));
+    EXPECT_EQ(shown(makeObject(group, {true, {"memberUid"}}, noIds(), &members)),
+              "_dn=CN=g,DC=x, _GUID=, _objectCategory=Group, memberUid=ann,ben, ");
+}
+
+TEST(AdObject, MadeIdsFillOnlyGaps) {
+    const std::string sid = sidBytes("S-1-5-21-1-2-3-1104").value();
+    const Entry bare =
+        person({{"objectSid", {sid}}, {"primaryGroupID", {"513"}}, {"sAMAccountName", {"ann"}}});
+    const std::string first = std::to_string(*idsOn().first() + 1104);
+    const std::string group = std::to_string(*idsOn().first() + 513);
+    const View view{false, {"uidNumber", "gidNumber", "unixHomeDirectory"}};
+    const std::string own =
+        "_dn=CN=Ann,DC=x, _GUID=01010101-0101-0101-0101-010101010101, _objectCategory=Person, ";
+    EXPECT_EQ(shown(makeObject(bare, view, idsOn(), nullptr)),
+              own + "uidNumber=" + first + ", gidNumber=" + group + ", unixHomeDirectory=/home/ann, ");
+    Entry numbered = bare;
+    numbered.attributes.push_back({"uidNumber", {"7"}});
+    EXPECT_EQ(shown(makeObject(numbered, view, idsOn(), nullptr)),
+              own + "uidNumber=7, gidNumber=" + group + ", unixHomeDirectory=/home/ann, ");
+    EXPECT_EQ(memberName(bare, noIds()), "");
+    EXPECT_EQ(memberName(bare, idsOn()), "ann");
+    numbered.attributes.push_back({"uid", {"annie"}});
+    EXPECT_EQ(memberName(numbered, noIds()), "annie");
+}
+
+}  // namespace
+}  // namespace vexagent
