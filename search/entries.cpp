@@ -51,7 +51,7 @@ EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, 
         return Result::Skipped;
     }
     // An error is logged each time.
-    if (!complained) m_keptEntries.keep(*found, *entry);
+    if (!complained) m_keptEntries.keep(*found, entry->get());
     return Result::Made;
 }
 

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "search/flat_entry.h"
+
 #include "backend/slapd.h"
 
 namespace {
@@ -19,10 +21,11 @@ SharedEntry KeptEntries::find(const FoundObject& found) const {
     return kept->inputs == m_inputs ? kept->entry : nullptr;
 }
 
-void KeptEntries::keep(const FoundObject& found, const SharedEntry& entry) const {
+void KeptEntries::keep(const FoundObject& found, Entry* entry) const {
     if (m_cache == nullptr || found.cachedAs == nullptr) return;
     // slapd notes an entry's special classes in it at the first question for one.
     // Asked here, no thread writes into the entry once others may read it.
-    static_cast<void>(is_entry_referral(entry.get()));
-    m_cache->setAttachment(*found.cachedAs, found.serial, std::make_shared<const KeptEntry>(m_inputs, entry));
+    static_cast<void>(is_entry_referral(entry));
+    m_cache->setAttachment(*found.cachedAs, found.serial,
+                           std::make_shared<const KeptEntry>(m_inputs, flatCopy(*entry)));
 }

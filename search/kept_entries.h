@@ -21,8 +21,8 @@ class KeptEntries {
     // The entry made of this very object with the request's inputs, or null.
     SharedEntry find(const FoundObject& found) const;
 
-    // Keeps the entry, if the object is a cached one. Nobody modifies it from now on.
-    void keep(const FoundObject& found, const SharedEntry& entry) const;
+    // Keeps a copy of the entry, if the object is a cached one.
+    void keep(const FoundObject& found, Entry* entry) const;
 
   private:
     SearchCacheManager* const m_cache;
