@@ -35,6 +35,42 @@ TEST(Config, Defaults) {
     EXPECT_THAT(config.loginAttributes, ::testing::ElementsAre("sAMAccountName", "uid", "displayName"));
 }
 
+TEST(Config, DefaultsOfADomain) {
+    const Config config = read("domain.name = example.com\ndirectory = ad\n");
+    EXPECT_EQ(config.directory, DirectoryKind::Ad);
+    EXPECT_EQ(config.ad.domain, "example.com");
+    EXPECT_TRUE(config.ad.servers.empty());
+    EXPECT_EQ(config.ad.transport, Transport::Gssapi);
+    EXPECT_EQ(config.ad.keytab, "/etc/krb5.keytab");
+    EXPECT_EQ(config.ad.tlsCa, "/etc/ssl/certs/ca-certificates.crt");
+    EXPECT_EQ(config.ad.timeout, std::chrono::seconds(8));
+    EXPECT_EQ(config.ad.connections, 8u);
+    EXPECT_FALSE(config.ad.ids.fromSid);
+    EXPECT_EQ(config.ad.ids.first, 200'000u);
+    EXPECT_EQ(config.ad.ids.slices, 10'000u);
+    EXPECT_EQ(config.ad.ids.sliceSize, 200'000u);
+    EXPECT_FALSE(config.ad.authCache.enabled);
+    EXPECT_EQ(config.ad.authCache.file, "/var/lib/zanthe/logins");
+    EXPECT_EQ(config.ad.authCache.maxAge, std::chrono::hours(168));
+    EXPECT_EQ(config.ad.authCache.attempts, 5);
+    EXPECT_THAT(config.ad.loginAttributes, ::testing::ElementsAre("sAMAccountName", "uid", "displayName"));
+}
+
+TEST(Config, ADomainsSettingsAreRead) {
+    const Config config = read(
+        "domain.name = example.com\ndirectory = ad\nad.servers = dc1 [::1]:390\nad.site = North\n"
+        "ad.transport = starttls\nad.bind.name = svc@example.com\nad.bind.password.file = /p\n"
+        "ad.ids.from.sid = true\nad.auth.cache = true\nzone.dn = CN=z,DC=example,DC=com\n");
+    EXPECT_THAT(config.ad.servers, ::testing::ElementsAre("dc1", "[::1]:390"));
+    EXPECT_EQ(config.ad.site, "North");
+    EXPECT_EQ(config.ad.transport, Transport::StartTls);
+    EXPECT_EQ(config.ad.bindName, "svc@example.com");
+    EXPECT_EQ(config.ad.bindPasswordFile, "/p");
+    EXPECT_TRUE(config.ad.ids.fromSid);
+    EXPECT_TRUE(config.ad.authCache.enabled);
+    EXPECT_EQ(config.zone, "CN=z,DC=example,DC=com");
+}
+
 TEST(Config, TheSocketsGroupIsKnown) {
     const Config config = read("domain.name = example.com\nagent.socket.group = root\n");
     EXPECT_EQ(config.socket.group, 0u);
@@ -67,6 +103,24 @@ TEST(Config, MistakesNameTheirPlace) {
          "host.conf:2: directory is \"ldap\"; this agent serves: embedded, ad"},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(failure(text), expected) << text;
+}
+
+TEST(Config, MistakesInADomainsSettingsNameTheirPlace) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"ad.servers = dc1 dc2:x", "host.conf:3: ad.servers names \"dc2:x\", which is no host or host:port"},
+        {"ad.transport = plain", "host.conf:3: ad.transport is \"plain\", not gssapi, starttls or ldaps"},
+        {"ad.transport = ldaps", "host.conf: ad.bind.name is not set"},
+        {"ad.transport = ldaps\nad.bind.name = x", "host.conf: ad.bind.password.file is not set"},
+        {"ad.ids.from.sid = yes", "host.conf:3: ad.ids.from.sid is \"yes\", not true or false"},
+        {"ad.ids.slices = 20000",
+         "host.conf:3: ad.ids.slices times ad.ids.slice.size is more than there are ids"},
+        {"ad.auth.cache = 1", "host.conf:3: ad.auth.cache is \"1\", not true or false"},
+        {"ad.timeout = 0", "host.conf:3: ad.timeout is \"0\", not a number from 1 to 3600"},
+        {"ad.keytab =", "host.conf:3: ad.keytab is not set"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(failure("domain.name = example.com\ndirectory = ad\n" + std::string(text) + "\n"), expected)
+            << text;
 }
 
 }  // namespace
