@@ -22,7 +22,7 @@ from world import make_world
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
 BEN = f"cn=ben,ou=Engineering,ou=People,{SUFFIX}"
 FILTER = "(&(objectClass=posixAccount)(uid=ann))"
-MANY = "(&(objectClass=posixAccount)(|(uid=s-*)(gecos=*)))"  # 2,500 people, in several pages
+MANY = "(&(objectClass=posixAccount)(uid=m0*))"  # a thousand people, in several batches
 TIMEOUT = 4  # seconds that the agent has for one request
 AT_ONCE = 3.0 if SANITIZER.kind else 1.0  # to another controller from one that is dead
 SLACK = 1.5  # of a loaded machine, beside a deadline
@@ -56,7 +56,7 @@ def world(request, pair, controllers):
 
 
 def start(world, *directives, **settings):
-    agent = world.agent(ad__timeout=TIMEOUT, **settings).start()
+    agent = world.agent(**{"ad__timeout": TIMEOUT, **settings}).start()
     slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, *directives)).start()
     return agent, slapd
 
@@ -150,6 +150,23 @@ def test_both_are_stopped_and_come_back(world, controllers):
     note("both dead, one back: answers again", 0, "1 found", time.monotonic() - back)
 
 
+def test_the_agent_remembers_passwords_where_it_may(world, controllers):
+    """slapd forgets at once here: its last connection for a name is closed."""
+    file = world.folder / "auth.cache"
+    _, slapd = start(world, "vex-auth-prefer-cache true", ad__auth__cache="true", ad__auth__cache__file=file)
+    slapd.close_connection(slapd.connect(ANN, "welcome"))
+    assert b"welcome" not in file.read_bytes() and file.stat().st_mode & 0o077 == 0
+    for controller in controllers:
+        controller.kill()
+    code, _, seconds = told("both dead, agent may remember: bind", lambda: slapd.connect(ANN, "welcome"))
+    assert code == 0 and seconds < TIMEOUT + SLACK
+    slapd.close_connection(slapd.connections[-1])
+    code, _, _ = told("both dead, agent may remember: wrong password", lambda: slapd.connect(ANN, "wrong"))
+    assert code == 49
+    code, _, _ = told("both dead, agent may remember: somebody new", lambda: slapd.connect(BEN, "welcome"))
+    assert code == 52
+
+
 def look_up_or_nothing(connection):
     with contextlib.suppress(ldap.UNAVAILABLE):
         return look_up(connection)
@@ -197,9 +214,9 @@ def test_the_only_one_restarts_between_two_look_ups(world, controllers):
 
 def test_no_search_ends_well_without_its_entries(world, controllers):
     """Clients enumerate while controllers die, hang and come back, one at a time and both."""
-    _, slapd = start(world)
+    _, slapd = start(world, ad__timeout=8)
     everybody = len(search(slapd.connect(), MANY, ["uid"]))
-    assert everybody > 2500
+    assert everybody == 1000
     begun = time.monotonic()
     stop, wrong, outcomes, lock = threading.Event(), [], {"whole": 0, "failed": 0}, threading.Lock()
 
@@ -222,7 +239,7 @@ def test_no_search_ends_well_without_its_entries(world, controllers):
         before = outcomes.get(kind, 0)
         wait_until(lambda: outcomes.get(kind, 0) >= before + count or wrong, f"searches are {kind}", 60)
 
-    threads = [threading.Thread(target=enumerate_people) for _ in range(3)]
+    threads = [threading.Thread(target=enumerate_people) for _ in range(2)]
     for thread in threads:
         thread.start()
     try:
@@ -256,8 +273,8 @@ def keytab_with(folder, *keys):
     return file
 
 
-def test_a_keytab_with_another_key(world):
-    _, slapd = start(world, ad__keytab=keytab_with(world.folder, "ZXHOST$@EXAMPLE.COM"))
+def test_a_keytab_with_another_key(world, controllers):
+    _, slapd = start(world, ad__servers=controllers[0].address, ad__keytab=keytab_with(world.folder, "ZXHOST$@EXAMPLE.COM"))
     code, text, seconds = told("keytab with a wrong key: look-up", lambda: look_up(slapd.connect()))
     assert code not in (0, 32) and seconds < TIMEOUT + SLACK and "keytab" in text.lower()
     code, text, seconds = told("keytab with a wrong key: bind", lambda: slapd.connect(ANN, "welcome"))
