@@ -132,9 +132,10 @@ class MemberWalk {
     }
 
     LdapStatus readLevel() {
-        if (m_unknown.size() > kMany && !m_enumerated) {
+        if (m_unknown.size() > kMany && !m_enumerated && m_memory.mayEnumerate()) {
             m_enumerated = true;
             if (LdapStatus status = enumerate(m_unknown.size() * kWorthReading); !status.ok()) return status;
+            m_memory.enumerated();
             if (m_unknown.empty()) return {};
         }
         std::vector<std::string> dns;
@@ -254,6 +255,18 @@ bool AdMemberships::find(const std::string& dn, std::string& name) {
     if (known == m_people.end() || known->second.until < now()) return false;
     name = known->second.name;
     return true;
+}
+
+bool AdMemberships::mayEnumerate() {
+    const std::lock_guard lock(m_mutex);
+    if (now() < m_enumerateAgain) return false;
+    m_enumerateAgain = now() + kRememberTime;
+    return true;
+}
+
+void AdMemberships::enumerated() {
+    const std::lock_guard lock(m_mutex);
+    m_enumerateAgain = Moment{};
 }
 
 void AdMemberships::keep(const std::string& dn, const std::string& name) {

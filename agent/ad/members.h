@@ -53,11 +53,19 @@ class AdMemberships {
     };
     bool find(const std::string& dn, std::string& name);
     void keep(const std::string& dn, const std::string& name);
+
+    // Whether to read people as they come; enumerated tells that it has ended well.
+    // After one that did not there was no time for it, and another would begin with
+    // those that are known by then.
+    bool mayEnumerate();
+    void enumerated();
+
     LdapStatus addStored(Domain& domain, const std::string& memberUid, const Deadline& deadline,
                          std::vector<std::string>& guids);
 
     std::mutex m_mutex;
     std::unordered_map<std::string, Known> m_people;          // by lower-case DN; guarded by m_mutex
+    Moment m_enumerateAgain{};                                // guarded by m_mutex
     std::map<std::string, std::shared_ptr<Stored>> m_stored;  // by domain; guarded by m_mutex
 };
 
