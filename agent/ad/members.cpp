@@ -29,6 +29,7 @@ constexpr std::size_t kDnsAtOnce = 1000;
 // times their number.
 constexpr std::size_t kMany = 500;
 constexpr std::size_t kWorthReading = 3;
+constexpr std::size_t kMostPrimaries = 16;    // lists of people that are remembered
 constexpr std::size_t kMostGroups = 100'000;  // in one walk
 
 const std::vector<std::string> kMemberAttributes = {"objectClass",    "objectCategory", "uid",
@@ -195,25 +196,39 @@ class MemberWalk {
     }
 
     LdapStatus readPrimaries() {
-        std::unordered_map<std::string, Group*> byRid;
+        std::unordered_map<std::string, std::vector<std::string>> names;  // by RID
         std::vector<std::string> rids;
+        for (const auto& [dn, group] : m_groups)
+            if (!group.rid.empty() && !m_memory.findPrimaries(m_domain, group.rid, names[group.rid]))
+                rids.push_back(group.rid);
+        const Moment start = now();
+        LdapStatus status;
+        if (!rids.empty()) status = askForPrimaries(rids, names);
+        if (!status.ok()) return status;
+        for (const std::string& rid : rids)
+            if (names[rid].size() > kMany)
+                m_memory.keepPrimaries(m_domain, rid, names[rid], kReadRarely * (now() - start));
         for (auto& [dn, group] : m_groups) {
-            if (group.rid.empty()) continue;
-            byRid.emplace(group.rid, &group);
-            rids.push_back(group.rid);
+            const auto found = names.find(group.rid);
+            if (found == names.end()) continue;
+            group.names.insert(group.names.end(), found->second.begin(), found->second.end());
         }
+        return {};
+    }
+
+    LdapStatus askForPrimaries(const std::vector<std::string>& rids,
+                               std::unordered_map<std::string, std::vector<std::string>>& names) {
+        std::vector<std::string> attributes = kNameAttributes;
+        attributes.emplace_back("primaryGroupID");
         const std::vector<LdapSearch> searches =
-            searchesFor(m_info->root, "primaryGroupID", rids, kPersonAttributes);
+            searchesFor(m_info->root, "primaryGroupID", rids, attributes);
         return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
-            std::vector<std::pair<Group*, std::string>> found;
-            const LdapStatus status = lease->searchAll(searches, m_deadline, [&](Entry&& person) {
-                const auto group = byRid.find(std::string(person.first("primaryGroupID")));
+            for (const std::string& rid : rids) names[rid].clear();
+            return lease->searchAll(searches, m_deadline, [&](Entry&& person) {
                 std::string name = memberName(person, m_ids);
-                if (group != byRid.end() && !name.empty()) found.emplace_back(group->second, std::move(name));
+                const auto group = names.find(std::string(person.first("primaryGroupID")));
+                if (group != names.end() && !name.empty()) group->second.push_back(std::move(name));
             });
-            if (status.ok())
-                for (auto& [group, name] : found) group->names.push_back(std::move(name));
-            return status;
         });
     }
 
@@ -255,6 +270,22 @@ bool AdMemberships::find(const std::string& dn, std::string& name) {
     if (known == m_people.end() || known->second.until < now()) return false;
     name = known->second.name;
     return true;
+}
+
+bool AdMemberships::findPrimaries(const Domain& domain, const std::string& rid,
+                                  std::vector<std::string>& names) {
+    const std::lock_guard lock(m_mutex);
+    const auto known = m_primaries.find(domain.name() + " " + rid);
+    if (known == m_primaries.end() || known->second.until < now()) return false;
+    names = known->second.names;
+    return true;
+}
+
+void AdMemberships::keepPrimaries(const Domain& domain, const std::string& rid,
+                                  const std::vector<std::string>& names, Moment::duration time) {
+    const std::lock_guard lock(m_mutex);
+    if (m_primaries.size() >= kMostPrimaries) m_primaries.clear();
+    m_primaries[domain.name() + " " + rid] = {names, now() + time};
 }
 
 bool AdMemberships::mayEnumerate() {

@@ -19,7 +19,8 @@
 
 namespace vexagent {
 
-// Remembers for a short while what people are called, never who is in a group.
+// Remembers for a short while what people are called, and for whom a group is the
+// primary one when those are many; never who else is in a group.
 // Safe for several threads.
 class AdMemberships {
   public:
@@ -54,6 +55,16 @@ class AdMemberships {
     bool find(const std::string& dn, std::string& name);
     void keep(const std::string& dn, const std::string& name);
 
+    // The people whose primary group has this RID, where they are many: everybody, most
+    // often. Remembered for twenty times as long as it took to read them.
+    struct Primaries {
+        std::vector<std::string> names;
+        Moment until{};
+    };
+    bool findPrimaries(const Domain& domain, const std::string& rid, std::vector<std::string>& names);
+    void keepPrimaries(const Domain& domain, const std::string& rid, const std::vector<std::string>& names,
+                       Moment::duration time);
+
     // Whether to read people as they come; enumerated tells that it has ended well.
     // After one that did not there was no time for it, and another would begin with
     // those that are known by then.
@@ -65,6 +76,7 @@ class AdMemberships {
 
     std::mutex m_mutex;
     std::unordered_map<std::string, Known> m_people;          // by lower-case DN; guarded by m_mutex
+    std::map<std::string, Primaries> m_primaries;             // by domain and RID; guarded by m_mutex
     Moment m_enumerateAgain{};                                // guarded by m_mutex
     std::map<std::string, std::shared_ptr<Stored>> m_stored;  // by domain; guarded by m_mutex
 };
