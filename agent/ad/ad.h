@@ -65,6 +65,12 @@ class AdDirectory : public Directory {
     std::unique_ptr<AuthCache> m_memory;
     AdMemberships m_memberships;
 
+    // What adding a domain needs is there before the first one is added.
+    std::mutex m_houseMutex;
+    std::condition_variable m_wakeHouse;
+    bool m_stopping = false;  // guarded by m_houseMutex, as the next
+    bool m_work = false;
+
     std::mutex m_mutex;
     std::map<std::string, std::unique_ptr<Domain>> m_domains;  // by lower-case name; guarded by m_mutex
     Domain& m_joined;
@@ -73,10 +79,6 @@ class AdDirectory : public Directory {
     std::vector<std::string> m_names;  // guarded by m_namesMutex, as the next
     Moment m_namesUntil{};
 
-    std::mutex m_houseMutex;
-    std::condition_variable m_wakeHouse;
-    bool m_stopping = false;  // guarded by m_houseMutex, as the next
-    bool m_work = false;
     std::thread m_house;
 };
 
