@@ -8,8 +8,8 @@
 #include <time.h>
 
 #include <algorithm>
-#include <cmath>
 #include <atomic>
+#include <cmath>
 #include <thread>
 
 #include "agent/embedded/test_directory.h"
