@@ -101,6 +101,7 @@ TEST(LoginResult, OfKerberos) {
         {KRB5KDC_ERR_KEY_EXP, plain, "15 2 49 the password has expired"},
         {KRB5KDC_ERR_KEY_EXP, account({{"pwdLastSet", {"0"}}}), "15 2 49 the password must be changed"},
         {KRB5KDC_ERR_POLICY, plain, "15 2 49 the account may not log in here or now"},
+        {KRB5KDC_ERR_ETYPE_NOSUPP, account({{"pwdLastSet", {"0"}}}), "14 2 49 wrong password"},
         {KRB5KDC_ERR_ETYPE_NOSUPP, plain, "15 2 49 the account has no password that Kerberos could check"},
         {KRB5KRB_AP_ERR_SKEW, plain,
          "8 3 -1765328347 the clocks of this host and the controller differ too much: text"},

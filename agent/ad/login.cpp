@@ -28,9 +28,13 @@ std::string whyRevoked(const Entry& account, std::time_t time) {
     return "the account may not log in now";
 }
 
+// Also of an account whose password is to be changed at once.
+bool passwordNeverSet(const Entry& account) {
+    return account.find("pwdLastSet") != nullptr && number(account.first("pwdLastSet")) == 0;
+}
+
 std::string whyExpired(const Entry& account) {
-    if (account.find("pwdLastSet") != nullptr && number(account.first("pwdLastSet")) == 0)
-        return "the password must be changed";
+    if (passwordNeverSet(account)) return "the password must be changed";
     return "the password has expired";
 }
 
@@ -79,6 +83,8 @@ Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t
         case KRB5KDC_ERR_NAME_EXP:
             return accountRefused("the account has expired");
         case KRB5KDC_ERR_ETYPE_NOSUPP:
+            // Whoever never had a password has no key: to a bind no password is right.
+            if (passwordNeverSet(account)) return wrongPassword();
             return accountRefused("the account has no password that Kerberos could check");
         case KRB5KDC_ERR_POLICY:
             return accountRefused("the account may not log in here or now");
