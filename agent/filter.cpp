@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <optional>
 
 #include "agent/attributes.h"
@@ -14,6 +15,12 @@
 
 namespace vexagent {
 namespace {
+
+#ifdef ZX_SANITIZED
+// LDB loads its modules with RTLD_DEEPBIND, which sanitizers cannot run under;
+// this is its own switch.
+[[maybe_unused]] const int kNoDeepBind = ::setenv("LDB_MODULES_DISABLE_DEEPBIND", "1", 1);
+#endif
 
 bool is(std::string_view name, std::string_view other) {
     return vorn::equalsIgnoreCase(name, other);
