@@ -71,14 +71,15 @@ void SearchHandleManager::issue(unsigned long connection, OpenPage page) {
     m_held[connection].issued.push_back(std::move(page));
 }
 
-std::optional<OpenPage> SearchHandleManager::claim(unsigned long connection, std::uint64_t handle,
-                                                   std::uint64_t entry) {
+std::optional<OpenPage> SearchHandleManager::claim(unsigned long connection, std::uint64_t received,
+                                                   std::uint64_t handle, std::uint64_t entry) {
     const vorn::WriterLock lock(m_lock);
     const auto held = m_held.find(connection);
     if (held == m_held.end()) return std::nullopt;
     auto& issued = held->second.issued;
     const auto found = std::find_if(issued.begin(), issued.end(), [&](const OpenPage& page) {
-        return address(page.handle.get()) == handle && address(page.pending.get()) == entry;
+        return page.received == received && address(page.handle.get()) == handle &&
+               address(page.pending.get()) == entry;
     });
     if (found == issued.end()) return std::nullopt;
     OpenPage page = std::move(*found);

@@ -51,10 +51,12 @@ struct LdapSearchHandle {
 using SharedHandle = std::shared_ptr<LdapSearchHandle>;
 
 // The open search and the entry that did not fit in the page before, as a cookie
-// names them.
+// names them, and how many entries the client has received: an address may be that of
+// another entry a page later.
 struct OpenPage {
     SharedHandle handle;
     SharedEntry pending;
+    std::uint64_t received = 0;
 };
 
 // Safe for use by several threads; one instance a process.
@@ -72,13 +74,14 @@ class SearchHandleManager {
     // Releases everything.
     void clearAllSearchHandle();
 
-    // Takes a page's state for a cookie. The addresses that claim it are those of
-    // the handle and the entry.
+    // Takes a page's state for a cookie, which claims it by the number received and the
+    // addresses of the handle and the entry.
     void issue(unsigned long connection, OpenPage page);
 
-    // Gives the state of exactly this pair back, once: the second of two requests
+    // Gives the state of exactly this cookie back, once: the second of two requests
     // with one cookie gets nothing.
-    std::optional<OpenPage> claim(unsigned long connection, std::uint64_t handle, std::uint64_t entry);
+    std::optional<OpenPage> claim(unsigned long connection, std::uint64_t received, std::uint64_t handle,
+                                  std::uint64_t entry);
 
     // Keeps a handle until its connection closes.
     void keep(unsigned long connection, SharedHandle handle);

@@ -312,7 +312,7 @@ bool SearchOperation::endPage() {
     const bool isLast = sent < m_paging.pageSize();
     const bool continues = sent == m_paging.pageSize() && m_pending != nullptr && belowSizeLimit();
     if (!isLast && !continues) return false;
-    OpenPage page{m_handle, std::move(m_pending)};
+    OpenPage page{m_handle, std::move(m_pending), 0};
     const bool attached = isLast ? m_paging.answerLast(m_rs) : m_paging.answerOpen(m_rs, &page);
     if (!attached) return false;
     m_rs->sr_err = LDAP_SUCCESS;

@@ -68,7 +68,8 @@ std::optional<Rejection> PagedResults::resume(OpenPage* page) {
         return Rejection{LDAP_UNWILLING_TO_PERFORM, "paged results cookie is invalid or old"};
     }
     if (cookie.handle == 0 || cookie.pending == 0) return invalid;
-    auto claimed = back_vex_search_handle->claim(m_op->o_connid, cookie.handle, cookie.pending);
+    auto claimed =
+        back_vex_search_handle->claim(m_op->o_connid, cookie.received, cookie.handle, cookie.pending);
     if (!claimed) return invalid;
     *page = std::move(*claimed);
     return std::nullopt;
@@ -80,6 +81,7 @@ bool PagedResults::answerOpen(SlapReply* rs, OpenPage* page) {
                   address(page->pending.get())};
     struct berval value = {sizeof cookie, reinterpret_cast<char*>(&cookie)};
     if (!attach(rs, &value)) return false;
+    page->received = cookie.received;
     remember(cookie.received, received);
     // Before the client has the cookie: its next request may come at once.
     const SharedHandle handle = page->handle;

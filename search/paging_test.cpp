@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "backend/settings.h"
+#include "search/entries.h"
 #include "search/fixture.h"
 #include "search/testing.h"
 #include "tests/standin/captured.h"
@@ -238,6 +239,18 @@ TEST_F(PagingTest, OfTwoRequestsWithOneCookieOneContinues) {
     const auto sent = page(2, issued);
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].text, "paged results cookie is invalid");
+}
+
+// The entry left over from one page may stand where that of the page before stood.
+TEST_F(PagingTest, ACookieOfAnEarlierPageClaimsNothingThoughItsAddressesAreInUseAgain) {
+    const auto handle = std::make_shared<LdapSearchHandle>();
+    const SharedEntry entry = EntryMaker::parse("dn: cn=p\n");
+    const auto address = [](const void* pointer) { return reinterpret_cast<std::uint64_t>(pointer); };
+    m_handles.issue(1, {handle, entry, 4});
+    EXPECT_FALSE(m_handles.claim(1, 2, address(handle.get()), address(entry.get())));
+    EXPECT_FALSE(m_handles.claim(2, 4, address(handle.get()), address(entry.get()))) << "another connection";
+    EXPECT_TRUE(m_handles.claim(1, 4, address(handle.get()), address(entry.get())));
+    EXPECT_FALSE(m_handles.claim(1, 4, address(handle.get()), address(entry.get()))) << "twice";
 }
 
 TEST_F(PagingTest, AFirstPageResetsTheConnectionsCookie) {
