@@ -147,10 +147,13 @@ def test_clients_that_disappear_leave_nothing(served):
     disappear(50)
     before = holdings(slapd), holdings(agent)
     disappear(1000 if LONG else 200)
-    for now, then in zip((holdings(slapd), holdings(agent)), before):
-        assert now[0] <= then[0] + 8 and now[1] <= then[1]
+    after = holdings(slapd), holdings(agent)
+    for now, then in zip(after, before):
+        assert now[0] <= then[0] + 8
         if not SANITIZER.kind:
             assert now[2] - then[2] < 2 << 20
+    assert after[0][1] <= 20, "slapd starts up to 16 threads when it needs them"
+    assert after[1][1] == before[1][1]
 
 
 def test_after_a_paged_search_more_searches_on_its_connection_leave_the_agent_as_it_was(served):
