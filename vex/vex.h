@@ -54,22 +54,22 @@ typedef int vexCode;
 
 enum {
     VEX_OK = 0,
-    VEX_INVALID_ARGUMENT = 2,  /* an argument is out of its range */
+    VEX_INVALID_ARGUMENT = 2, /* an argument is out of its range */
     VEX_NO_MEMORY = 3,
-    VEX_NOT_SUPPORTED = 4,     /* this agent, or its directory, cannot do that */
-    VEX_BROKEN_SESSION = 6,    /* the agent cannot be reached, has gone, or did not answer in time */
-    VEX_END_OF_RESULTS = 7,    /* the directory has no more; never that a limit was reached */
-    VEX_DIRECTORY_ERROR = 8,   /* the directory failed: vexGetLastProtocolError says how */
-    VEX_NO_SUCH_OBJECT = 9,    /* no object has this name */
+    VEX_NOT_SUPPORTED = 4,   /* this agent, or its directory, cannot do that */
+    VEX_BROKEN_SESSION = 6,  /* the agent cannot be reached, has gone, or did not answer in time */
+    VEX_END_OF_RESULTS = 7,  /* the directory has no more; never that a limit was reached */
+    VEX_DIRECTORY_ERROR = 8, /* the directory failed: vexGetLastProtocolError says how */
+    VEX_NO_SUCH_OBJECT = 9,  /* no object has this name */
     VEX_NO_SUCH_ATTRIBUTE = 10,
-    VEX_BAD_FILTER = 11,       /* the filter text is no filter */
-    VEX_UNAVAILABLE = 12,      /* no directory can be reached */
+    VEX_BAD_FILTER = 11,  /* the filter text is no filter */
+    VEX_UNAVAILABLE = 12, /* no directory can be reached */
     VEX_NO_SUCH_USER = 13,
     VEX_WRONG_PASSWORD = 14,
-    VEX_ACCOUNT_REFUSED = 15,  /* right name, but the account may not log in now */
-    VEX_REFUSED = 16,          /* the agent refuses the request: malformed, too large, or not allowed */
-    VEX_BROKEN_HANDLE = 32,    /* the session or search is null or closed */
-    VEX_OBJECT_GONE = 36       /* no object has this GUID any more */
+    VEX_ACCOUNT_REFUSED = 15, /* right name, but the account may not log in now */
+    VEX_REFUSED = 16,         /* the agent refuses the request: malformed, too large, or not allowed */
+    VEX_BROKEN_HANDLE = 32,   /* the session or search is null or closed */
+    VEX_OBJECT_GONE = 36      /* no object has this GUID any more */
 };
 
 /* Error systems: whose code an error code is. */
@@ -86,25 +86,25 @@ enum {
  * text too ("unknown code", "unknown system"). Returns VEX_OK, or
  * VEX_INVALID_ARGUMENT when there is no place for the text.
  */
-vexCode vexGetVexCodeStr(vexCode code, const char **text);
-vexCode vexGetErrSystemStr(int errSystem, const char **text);
+vexCode vexGetVexCodeStr(vexCode code, const char** text);
+vexCode vexGetErrSystemStr(int errSystem, const char** text);
 
 /* --------------------------------------------------------------- sessions */
 
 typedef struct vexSession vexSession;
 
 enum {
-    VEX_SESSION_LOCAL = 1,     /* the only kind: an agent on this host */
-    VEX_INTERFACE_LEVEL = 21,  /* the level of this header */
-    VEX_DEADLINE_SECONDS = 10  /* for one call; "agent.timeout" in the settings changes it */
+    VEX_SESSION_LOCAL = 1,    /* the only kind: an agent on this host */
+    VEX_INTERFACE_LEVEL = 21, /* the level of this header */
+    VEX_DEADLINE_SECONDS = 10 /* for one call; "agent.timeout" in the settings changes it */
 };
 
 /* Options: each takes a 4-byte signed integer and travels with the session's next requests. */
 enum {
-    VEX_OPTION_ZONE_VIEW = 4,           /* 1: objects with computed attributes, such as a group's memberUid */
-    VEX_OPTION_TYPED = 64,              /* 1: select objects of UNIX kinds only; 0: any object */
-    VEX_OPTION_PREFER_CACHED = 0x100,   /* 1: prefer the agent's cached authentication */
-    VEX_OPTION_ALLOW_CACHED = 0x1000    /* 1: allow it while the domain cannot be reached */
+    VEX_OPTION_ZONE_VIEW = 4,         /* 1: objects with computed attributes, such as a group's memberUid */
+    VEX_OPTION_TYPED = 64,            /* 1: select objects of UNIX kinds only; 0: any object */
+    VEX_OPTION_PREFER_CACHED = 0x100, /* 1: prefer the agent's cached authentication */
+    VEX_OPTION_ALLOW_CACHED = 0x1000  /* 1: allow it while the domain cannot be reached */
 };
 
 /*
@@ -115,17 +115,17 @@ enum {
  * VEX_INVALID_ARGUMENT (no place for the session), VEX_NOT_SUPPORTED (another
  * kind or level), VEX_NO_MEMORY or VEX_BROKEN_SESSION.
  */
-vexCode vexSessionOpen(int kind, int level, vexSession **session);
+vexCode vexSessionOpen(int kind, int level, vexSession** session);
 
 /* Closes a session. Searches opened in it stay valid only for vexLdapSearchClose. */
-vexCode vexSessionClose(vexSession *session);
+vexCode vexSessionClose(vexSession* session);
 
 /*
  * Sets an option. size is 4. Purely local. Returns VEX_OK, VEX_BROKEN_HANDLE,
  * VEX_INVALID_ARGUMENT (null value, other size) or VEX_NOT_SUPPORTED (unknown
  * option).
  */
-vexCode vexSetOption(vexSession *session, int option, const void *value, size_t size);
+vexCode vexSetOption(vexSession* session, int option, const void* value, size_t size);
 
 /* --------------------------------------------------------------- searches */
 
@@ -133,7 +133,7 @@ typedef struct vexObject vexObject;
 
 /* An open search. The layout is public; its fields are only read. */
 typedef struct vexSearchHandle {
-    vexSession *session; /* the session that it was opened in */
+    vexSession* session; /* the session that it was opened in */
     int total;           /* how many objects the agent has found so far */
     int isLastPage;      /* 1 when no further batch follows the one at hand */
 } vexSearchHandle;
@@ -153,44 +153,45 @@ typedef struct vexSearchHandle {
  * Returns VEX_OK with the handle in *search, or an error; VEX_NO_SUCH_OBJECT
  * when the base does not exist.
  */
-vexCode vexLdapSearchOpen(vexSession *session, const char *domain, const char *filter, const char *base,
-                          const char *const *attributes, int scope, int sizeLimit, int pageSize,
-                          vexSearchHandle **search);
+vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* filter, const char* base,
+                          const char* const* attributes, int scope, int sizeLimit, int pageSize,
+                          vexSearchHandle** search);
 
 /*
  * Gives the next object, freed with vexFreeObject. VEX_END_OF_RESULTS only when
  * the directory has no more; any other code means that the results are
  * incomplete.
  */
-vexCode vexLdapSearchNext(vexSearchHandle *search, vexObject **object);
+vexCode vexLdapSearchNext(vexSearchHandle* search, vexObject** object);
 
 /* Ends a search and frees its handle; works on a search of a closed session too. */
-vexCode vexLdapSearchClose(vexSearchHandle *search);
+vexCode vexLdapSearchClose(vexSearchHandle* search);
 
 /* Reads one object by DN. VEX_NO_SUCH_OBJECT when there is none. */
-vexCode vexLdapFetch(vexSession *session, const char *domain, const char *dn, const char *const *attributes,
-                     vexObject **object);
+vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, const char* const* attributes,
+                     vexObject** object);
 
-/* Reads one object with all its attributes by the text form of its GUID. VEX_OBJECT_GONE when there is none. */
-vexCode vexLookupObjectByGuid(vexSession *session, const char *guid, vexObject **object);
+/* Reads one object with all its attributes by the text form of its GUID. VEX_OBJECT_GONE when there is none.
+ */
+vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject** object);
 
 /* ---------------------------------------------------------------- objects */
 
 /* The attributes that every object carries. */
-#define AD_OBJECT_GUID_TEXT "_GUID"     /* lower-case text form, 8-4-4-4-12 */
+#define AD_OBJECT_GUID_TEXT "_GUID" /* lower-case text form, 8-4-4-4-12 */
 #define AD_OBJECT_DN_TEXT "_dn"
 
 #define AD_CN "cn"
 #define AD_OBJECT_CLASS "objectClass"
 #define AD_OBJECT_CATEGORY "objectCategory"
-#define AD_USER_CATEGORY "Person"       /* the _objectCategory of users */
+#define AD_USER_CATEGORY "Person" /* the _objectCategory of users */
 #define VORN_OBJECT_CATEGORY "_objectCategory"
 #define VORN_NSSENTRY_INVALID "_nssEntryInvalid"
 
 /* One value. The bytes are followed by a NUL that length does not count. */
 typedef struct vexBlob {
     uint32_t length;
-    const unsigned char *data;
+    const unsigned char* data;
 } vexBlob;
 
 /*
@@ -201,29 +202,29 @@ typedef struct vexBlob {
  */
 
 /* The first value as text, freed with vexFreeString. */
-vexCode vexGetAttributeStr(vexSession *session, const vexObject *object, const char *name, char **value);
+vexCode vexGetAttributeStr(vexSession* session, const vexObject* object, const char* name, char** value);
 
 /* The first value as a truth value: 1 for "TRUE", "true" or a number other than 0, else 0. */
-vexCode vexGetAttributeBool(vexSession *session, const vexObject *object, const char *name, int *value);
+vexCode vexGetAttributeBool(vexSession* session, const vexObject* object, const char* name, int* value);
 
 /*
  * All values in their order, freed with vexFreeAttributeBlobList and the same
  * count. The bytes are shared with the object and stay valid until the list is
  * freed, even when the object is freed first.
  */
-vexCode vexGetAttributeBlobList(vexSession *session, const vexObject *object, const char *name,
-                                vexBlob **values, int *count);
+vexCode vexGetAttributeBlobList(vexSession* session, const vexObject* object, const char* name,
+                                vexBlob** values, int* count);
 
 /*
  * Walks the object's attributes in the object's own order. *cursor is the walk's
  * place; First sets it, Next advances it. The name is freed with vexFreeString.
  * VEX_NO_SUCH_ATTRIBUTE past the last one.
  */
-vexCode vexGetFirstAttribute(vexSession *session, const vexObject *object, unsigned *cursor, char **name);
-vexCode vexGetNextAttribute(vexSession *session, const vexObject *object, unsigned *cursor, char **name);
+vexCode vexGetFirstAttribute(vexSession* session, const vexObject* object, unsigned* cursor, char** name);
+vexCode vexGetNextAttribute(vexSession* session, const vexObject* object, unsigned* cursor, char** name);
 
 /* Another handle to the same immutable object; copies no bytes. Null when out of memory or given null. */
-vexObject *ChmCloneObject(const vexObject *object);
+vexObject* ChmCloneObject(const vexObject* object);
 
 /* ---------------------------------------------------------- authentication */
 
@@ -233,18 +234,18 @@ vexObject *ChmCloneObject(const vexObject *object);
  * flags is 0. Null or empty user: VEX_NO_SUCH_USER; null or empty password:
  * VEX_WRONG_PASSWORD, and the directory is not asked. Asked once, never retried.
  */
-vexCode vexAuthValidatePlainTextUser(vexSession *session, const char *user, const char *password, int flags);
+vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, const char* password, int flags);
 
 /* ------------------------------------------------------------- diagnosis */
 
 /* A list of names: count and array. Freed with vexFreeStringSet. */
 typedef struct vexStringSet {
     int count;
-    char **strings;
+    char** strings;
 } vexStringSet;
 
 /* The names of the attributes that objects can carry, secrets excepted. */
-vexCode vexGetObjectSupportedAttributes(vexSession *session, vexStringSet **names);
+vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** names);
 
 /*
  * Asks the agent about its health. flags is 0. *condition is VEX_OK when it can
@@ -252,22 +253,22 @@ vexCode vexGetObjectSupportedAttributes(vexSession *session, vexStringSet **name
  * three other places; *errString may become null and is freed with
  * vexFreeString.
  */
-vexCode vexSystemHealthInfo(vexSession *session, int flags, int *condition, int *errSystem, int *errCode,
-                            char **errString);
+vexCode vexSystemHealthInfo(vexSession* session, int flags, int* condition, int* errSystem, int* errCode,
+                            char** errString);
 
 /*
  * The error behind this session's last failed call. Local. VEX_BROKEN_SESSION
  * when that call did not reach the agent, VEX_NO_SUCH_ATTRIBUTE when the last
  * call did not fail. *errString may become null and is freed with vexFreeString.
  */
-vexCode vexGetLastProtocolError(vexSession *session, int *errSystem, int *errCode, char **errString);
+vexCode vexGetLastProtocolError(vexSession* session, int* errSystem, int* errCode, char** errString);
 
 /* --------------------------------------------------------- the free calls */
 
-void vexFreeString(char *text);
-void vexFreeAttributeBlobList(vexBlob *values, int count);
-void vexFreeStringSet(vexStringSet *names);
-void vexFreeObject(vexObject *object);
+void vexFreeString(char* text);
+void vexFreeAttributeBlobList(vexBlob* values, int count);
+void vexFreeStringSet(vexStringSet* names);
+void vexFreeObject(vexObject* object);
 
 /* -------------------------------------------------------------------- BER */
 
@@ -277,12 +278,12 @@ void vexFreeObject(vexObject *object);
  * names without the prefix: ber_init2, ber_printf, ber_flatten2, ber_free_buf,
  * ber_memcalloc and ber_memfree; ber_printf's format letters are liblber's.
  */
-void vex_ber_init2(BerElement *ber, struct berval *value, int options);
-int vex_ber_printf(BerElement *ber, const char *format, ...);
-int vex_ber_flatten2(BerElement *ber, struct berval *value, int alloc);
-void vex_ber_free_buf(BerElement *ber);
-void *vex_ber_memcalloc(ber_len_t count, ber_len_t size);
-void vex_ber_memfree(void *memory);
+void vex_ber_init2(BerElement* ber, struct berval* value, int options);
+int vex_ber_printf(BerElement* ber, const char* format, ...);
+int vex_ber_flatten2(BerElement* ber, struct berval* value, int alloc);
+void vex_ber_free_buf(BerElement* ber);
+void* vex_ber_memcalloc(ber_len_t count, ber_len_t size);
+void vex_ber_memfree(void* memory);
 
 #ifdef __cplusplus
 }
