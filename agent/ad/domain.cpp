@@ -21,6 +21,7 @@ constexpr milliseconds kTrustTime{20'000};  // for which an idle connection is t
 constexpr milliseconds kIdleTime{300'000};  // after which one is closed
 constexpr milliseconds kLocateEvery{600'000};
 constexpr milliseconds kLocateSoon{15'000};  // when nothing was found
+constexpr milliseconds kLearnTime{1000};     // for the addresses of all controllers found
 constexpr milliseconds kFreshAnswer{2000};
 constexpr std::size_t kLongPerConnection = 4;
 constexpr int kOtherSite = 1 << 16;  // above every priority
@@ -93,6 +94,9 @@ void Domain::locate(std::string& reason) {
     const bool found = find(controllers, reason);
     // Where DNS has gone, those known before are still worth asking.
     if (found) m_controllers.set(controllers);
+    // Those that no request has gone to yet must be reached without DNS, too.
+    const Deadline learning = Deadline::in(kLearnTime);
+    for (const Controller& controller : controllers) learnAddresses(controller.peer.host, learning);
     const std::lock_guard lock(m_mutex);
     if (!found && reason != m_locateReason)
         AGENT_LOG(vorn::Logger::kWarning, "no controllers of %s are found: %s", m_name.c_str(),

@@ -214,6 +214,11 @@ vorn::Descriptor connectTo(const Peer& peer, const Deadline& deadline, std::stri
     return vorn::Descriptor(-1);
 }
 
+void learnAddresses(const std::string& host, const Deadline& deadline) {
+    std::vector<Address> addresses;
+    if (!deadline.passed()) lookUpInTime(host, deadline, addresses);
+}
+
 bool writeAll(int socket, std::string_view bytes, const Deadline& deadline) {
     while (!bytes.empty()) {
         const ssize_t count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);

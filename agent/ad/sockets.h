@@ -24,6 +24,10 @@ bool parsePeer(const std::string& text, std::uint16_t port, Peer& peer);
 // reason otherwise. The host's addresses are tried one after the other.
 vorn::Descriptor connectTo(const Peer& peer, const Deadline& deadline, std::string& reason);
 
+// Looks a host's addresses up while there is a name service: connectTo falls back on
+// those known last when there is none.
+void learnAddresses(const std::string& host, const Deadline& deadline);
+
 // Writes all bytes, or reads exactly so many, before the deadline.
 bool writeAll(int socket, std::string_view bytes, const Deadline& deadline);
 bool readExactly(int socket, std::size_t size, std::string& bytes, const Deadline& deadline);
