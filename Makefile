@@ -28,7 +28,7 @@ run: build
 
 # The tests of many requests run under the sanitizers too, with the servers alone
 # built for them.
-test: build
+test: build setup-clients
 	@$(MAKE) --no-print-directory build-asan build-tsan TARGETS='$(SANITIZED)'
 	@tools/run-tests release --load asan --load tsan
 SANITIZED := back_zanthedx vexagent vex_load
@@ -46,6 +46,12 @@ setup:
 setup-dev: setup
 	@tools/setup tools/packages-dev.txt
 
+# The programs of other people that `make test` runs against the gateway: unpacked, never
+# installed.
+.PHONY: setup-clients
+setup-clients:
+	@tools/unpack tools/packages-clients.txt build/clients
+
 build-%: setup
 	@test -f build/$*/build.ninja || cmake --preset $* > build/$*.log || { cat build/$*.log; exit 1; }
 	@ninja -C build/$* $(TARGETS)
@@ -54,7 +60,7 @@ lint: setup-dev build
 	clang-format --dry-run -Werror $(CXX_FILES)
 	printf '%s\n' $(filter %.cpp,$(CXX_FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/release
 
-asan tsan: %: build-%
+asan tsan: %: build-% setup-clients
 	@tools/run-tests $*
 
 sanitize: asan tsan
