@@ -1,0 +1,140 @@
+"""A host that clients are installed on, with slapd on its loopback, beside the machine
+that the tests run on and without a trace on it.
+
+    host = Host(world, {"nslcd.conf": EXAMPLES / "nslcd.conf"})
+    host.gateway(agent)                  # ldap://127.0.0.1/ of that host
+    host.start("nslcd", "nslcd --nofork", socket="nslcd/socket")
+    host.shell("getent passwd ann")      # its output, as a Said
+
+It is a mount and a network namespace (namespace.py). The agent stays outside: it
+reaches its directory by the machine's network, and slapd reaches it by a Unix socket.
+"""
+import dataclasses
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import sys
+import urllib.parse
+
+from gateway import ROOT, SANITIZER, SECONDS, SLAPD, Server, Slapd, accepts
+
+HERE = pathlib.Path(__file__).resolve().parent
+EXAMPLES = ROOT / "examples/clients"
+UNPACKED = pathlib.Path(os.environ.get("ZX_CLIENTS") or ROOT / "build/clients").absolute()
+PACKAGES = UNPACKED / "root"
+USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/var/www"), ("nobody", 65534, "/nonexistent"))
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
+
+
+@dataclasses.dataclass
+class Said:
+    """What a command came to."""
+    status: int
+    out: str
+    err: str
+
+    @property
+    def lines(self):
+        return self.out.splitlines()
+
+
+class Host:
+    """Up from its making until its world closes."""
+
+    def __init__(self, world, files=None):
+        self.world, self.folder = world, world.folder / "host"
+        self.run = self.folder / "run"
+        self.servers = world.running_servers
+        for place in (self.folder / "etc", self.run / "slapd"):
+            place.mkdir(parents=True)
+        self.write_accounts()
+        for name, source in (files or {}).items():
+            self.copy(source, name)
+        self.holder = Holder(self)
+
+    def write_accounts(self):
+        """The host's own: none of the machine's is known there."""
+        lines = {"passwd": "{name}:x:{number}:{number}:{name}:{home}:/bin/sh", "group": "{name}:x:{number}:",
+                 "shadow": "{name}:*:19000:0:99999:7:::", "gshadow": "{name}:*::"}
+        for file, form in lines.items():
+            text = "".join(form.format(name=name, number=number, home=home) + "\n" for name, number, home in USERS)
+            (self.folder / "etc" / file).write_text(text, encoding="utf-8")
+
+    def copy(self, source, name):
+        """A file of its /etc; root's alone, as some programs insist."""
+        path = self.folder / "etc" / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copyfile(source, path)
+        path.chmod(0o600 if name.startswith(("sssd", "sudoers")) else 0o644)
+
+    def inside(self, *namespaces):
+        """The beginning of a command that runs there."""
+        return ["nsenter", f"--target={self.holder.process.pid}", *(f"--{name}" for name in namespaces), "--"]
+
+    def shell(self, line, text=""):
+        """Runs a line of shell to its end."""
+        result = subprocess.run([*self.inside("mount", "net"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=SECONDS,
+                                capture_output=True, encoding="utf-8", errors="replace")
+        return Said(result.returncode, result.stdout, result.stderr)
+
+    def start(self, name, line, socket):
+        """Starts a daemon that stays in the foreground; it is up when it answers on
+        that socket below /run."""
+        return Daemon(self, name, line, self.run / socket).start()
+
+    def gateway(self, agent, **parts):
+        return HostSlapd(self, env=agent.env, **parts).start()
+
+
+class Holder(Server):
+    """The process that the host's namespaces belong to."""
+
+    def __init__(self, host):
+        super().__init__("host", host.folder, host.servers)
+        read, self.alive = os.pipe()
+        with os.fdopen(read) as stdin:
+            self.spawn(["unshare", "--mount", "--net", "--propagation", "private", "--", sys.executable, HERE / "namespace.py",
+                        host.folder, PACKAGES], stdin=stdin)
+        self.wait_ready(lambda: "ready" in self.log())
+
+    def stop(self):
+        os.close(self.alive)
+        self.process.wait(SECONDS)
+
+
+class Daemon(Server):
+    """In a process namespace, so that none of its children outlives it."""
+
+    def __init__(self, host, name, line, socket_file):
+        super().__init__(name, host.folder, host.servers)
+        self.host, self.line, self.socket_file = host, line, socket_file
+
+    def start(self):
+        self.spawn([*self.host.inside("mount", "net"), "unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--",
+                    *self.line.split()], ENVIRONMENT)
+        self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket_file)))
+        return self
+
+    def stop(self):
+        self.kill()
+
+
+class HostSlapd(Slapd):
+    """slapd on the host's loopback, at the usual ports. The tests themselves reach it
+    by its Unix socket."""
+
+    def __init__(self, host, **parts):
+        super().__init__(host.folder, host.servers, **parts)
+        self.host, self.socket_file = host, host.run / "slapd/ldapi"
+        self.uri = self.unix_uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
+
+    def launch(self):
+        self.spawn([*self.host.inside("net"), SLAPD, "-d", self.parts.get("debug", "0"), "-f", self.config_file,
+                    "-h", f"ldap://127.0.0.1/ {self.unix_uri}"], self.env)
+
+    def start(self):
+        self.launch()
+        self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket_file)) and self.settled())
+        return self

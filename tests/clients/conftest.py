@@ -1,0 +1,37 @@
+"""Fixtures of the tests of real clients. The build folder is ZX_BUILD, the directory
+behind the gateway ZX_DIRECTORY, as for the end-to-end tests, whose servers these run."""
+import os
+import pathlib
+import sys
+
+os.environ["LDAPNOINIT"] = "1"
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+
+import pytest  # noqa: E402
+
+from directories import DIRECTORY  # noqa: E402
+from gateway import BUILD  # noqa: E402
+from client_host import UNPACKED  # noqa: E402
+from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+
+
+def pytest_sessionstart(session):
+    if not (BUILD / "agent/vexagent").exists():
+        pytest.exit(f"{BUILD} is not built: run make build", returncode=2)
+    if not (UNPACKED / "list").exists():
+        pytest.exit(f"{UNPACKED} is not there: run make setup-clients", returncode=2)
+
+
+def pytest_sessionfinish(session):
+    DIRECTORY.close()
+
+
+@pytest.fixture
+def world(request):
+    yield from make_world(request)
+
+
+@pytest.fixture(scope="module")
+def shared_world(request):
+    """One for the tests of a file."""
+    yield from make_world(request)
