@@ -1,6 +1,5 @@
 """Fixtures of the end-to-end tests. The build folder is ZX_BUILD (default build/release),
 the directory behind the gateway ZX_DIRECTORY (directories.py)."""
-import ctypes
 import os
 
 # Neither the user's nor the machine's LDAP settings may change an answer.
@@ -61,11 +60,3 @@ def gateway(shared_world):
 @pytest.fixture
 def anonymous(gateway):
     return gateway.connect()
-
-
-@pytest.fixture(scope="session")
-def crypt_hash():
-    """crypt(3), cheap on purpose: what a hash costs is looked at elsewhere."""
-    libcrypt = ctypes.CDLL("libcrypt.so.1")
-    libcrypt.crypt.restype = ctypes.c_char_p
-    return lambda password, salt: libcrypt.crypt(password.encode(), f"$5$rounds=1000${salt}".encode()).decode()

@@ -10,12 +10,15 @@ import json
 import os
 import pathlib
 import random
+import re
 import signal
 import socket
 import subprocess
 import time
 
 import ldap
+import psutil
+from ldap.controls import SimplePagedResultsControl
 
 from directories import DIRECTORY
 from sanitizers import Sanitizer
@@ -103,6 +106,16 @@ class Server:
     def signal(self, number):
         self.process.send_signal(number)
 
+    def memory(self):
+        """Its resident memory in bytes."""
+        return psutil.Process(self.process.pid).memory_info().rss
+
+    def descriptors(self):
+        return psutil.Process(self.process.pid).num_fds()
+
+    def threads(self):
+        return psutil.Process(self.process.pid).num_threads()
+
     def stop(self):
         """Stops it in order. Returns its exit status."""
         if self.running():
@@ -160,15 +173,23 @@ class Agent(Server):
         status = self.process.wait(SECONDS)
         return status, self.log()
 
-    def served(self):
-        """How many requests of each kind it has served, as {kind: count}."""
+    def statistics(self):
+        """What it says of itself when it is asked, behind STATISTICS."""
         before = self.log().count(STATISTICS)
         self.signal(signal.SIGUSR1)
         def answered():
             log = self.log()
             return log.endswith("\n") and log.count(STATISTICS) > before and log
-        line = wait_until(answered, "a line of statistics").rpartition(STATISTICS)[2].split(";")[0]
+        return wait_until(answered, "a line of statistics").rpartition(STATISTICS)[2]
+
+    def served(self):
+        """How many requests of each kind it has served, as {kind: count}."""
+        line = self.statistics().split(";")[0]
         return {kind: int(count) for kind, count in (item.split() for item in line.split(","))}
+
+    def open_searches(self):
+        """How many searches it keeps for its clients."""
+        return int(re.search(r"; open searches: (\d+);", self.statistics())[1])
 
     def modify(self, ldif):
         """Changes the directory under the running agent."""
@@ -282,6 +303,18 @@ def search(connection, filter, attributes=None, base=SUFFIX, scope=ldap.SCOPE_SU
     except ldap.NO_SUCH_OBJECT:
         return {}
     return {dn: values for dn, values in found if dn is not None}
+
+
+def pages(connection, filter, size):
+    """A search by pages: for each page its entries, as [(DN, {attribute: [bytes]})]."""
+    control = SimplePagedResultsControl(True, size=size, cookie="")
+    while True:
+        request = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, filter, ["uid"], serverctrls=[control])
+        _, entries, _, controls = connection.result3(request)
+        yield entries
+        control.cookie = controls[0].cookie if controls else ""
+        if not control.cookie:
+            return
 
 
 def values(entry, name):

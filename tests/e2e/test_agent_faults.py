@@ -1,7 +1,6 @@
 """An agent that is lost, hangs or answers nonsense at every point of a search. A proxy
 stands between slapd and the real agent, and spoils the Nth frame that the agent sends:
 whatever the point, a search ends whole or as a failure, and the next one is right."""
-import pathlib
 import socket
 import struct
 import threading
@@ -9,7 +8,8 @@ import threading
 import ldap
 import pytest
 
-from gateway import SECONDS, SUFFIX, Slapd, wait_until
+import crowd
+from gateway import SECONDS, SUFFIX, Slapd, pages, wait_until
 
 PEOPLE = 600  # three batches of the agent's
 ALL = "(objectClass=posixAccount)"
@@ -132,20 +132,14 @@ def twice(client, head, body):
 @pytest.fixture(scope="module")
 def served(shared_world):
     """The agent with many people, the proxy, and slapd behind it with the cache on."""
-    ldif = shared_world.folder / "people.ldif"
-    ldif.write_text("\n".join(f"dn: CN=user{number},DC=example,DC=com\nobjectClass: user\nsAMAccountName: user{number}\n"
-                              f"uidNumber: {5000 + number}\ngidNumber: 5000\nunixHomeDirectory: /home/user{number}\n"
-                              "userPassword: $6$rounds=1000$zanthedx$FwT5CipbZ2.mql.HJIGriYK0.JOsHeIdE1NA"
-                              "HXZbOY3oZ0JsFk0lQcmMbHXrNyHD0yjk8WT1oNX/.oYBU4wlP1\n"
-                              for number in range(PEOPLE)), encoding="utf-8")
-    agent = shared_world.agent(embedded__ldif=ldif).start()
+    agent = shared_world.agent(embedded__ldif=crowd.write(shared_world.folder, PEOPLE)).start()
     proxy = Proxy(shared_world.folder / "proxy.sock", agent.socket)
     settings = shared_world.folder / "slapd.settings"
     settings.write_text(agent.settings_file.read_text().replace(str(agent.socket), proxy.path)
                         + f"agent.timeout = {DEADLINE}\n")
     slapd = shared_world.slapd(env={**agent.env, "ZANTHE_CONF": str(settings)}, directives=(
         *Slapd.DIRECTIVES, "dirgate.cache.enabled true", "dirgate.cache.max.objects 2000")).start()
-    slapd.connect(f"cn=user1,{SUFFIX}", "new")  # from here on answers are cached
+    slapd.connect(crowd.dn(1), "right")  # from here on answers are cached
     yield slapd, proxy
     proxy.close()
 
@@ -156,17 +150,10 @@ def people(connection, filter):
 
 
 def paged_people(connection, filter):
-    found = set()
-    control = ldap.controls.SimplePagedResultsControl(True, size=130, cookie="")
-    while True:
-        number = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, filter, ["uid"], serverctrls=[control])
-        _, entries, _, controls = connection.result3(number)
-        found |= {values["uid"][0].decode() for dn, values in entries if dn}
-        control.cookie = controls[0].cookie if controls else ""
-        if not control.cookie:
-            return found
+    return {values["uid"][0].decode() for page in pages(connection, filter, 130) for _, values in page}
 
 
+EVERYBODY = {crowd.uid(number) for number in range(PEOPLE)}
 SERIAL = iter(range(1_000_000))
 
 
@@ -179,8 +166,8 @@ def another_filter(what):
 @pytest.mark.parametrize("fault", [lost, cut, silent, nonsense, too_long, twice])
 @pytest.mark.parametrize("read, what, expected", [
     (people, "(&(objectClass=posixAccount)(uid=user7))", {"user7"}),
-    (people, ALL, {f"user{number}" for number in range(PEOPLE)}),
-    (paged_people, ALL, {f"user{number}" for number in range(PEOPLE)}),
+    (people, ALL, EVERYBODY),
+    (paged_people, ALL, EVERYBODY),
 ], ids=["one", "everybody", "pages"])
 def test_at_every_point_a_search_is_whole_or_fails(served, fault, read, what, expected):
     slapd, proxy = served

@@ -4,9 +4,9 @@ import re
 import time
 
 import ldap
-import psutil
 import pytest
 
+import crowd
 from gateway import LONG, SANITIZER, SUFFIX, Slapd, failure, search, wait_until
 
 PEOPLE = f"ou=People,{SUFFIX}"
@@ -125,10 +125,6 @@ def test_connections_that_never_bound_change_no_credential(world):
     assert agent.served()["authenticate"] == 1
 
 
-def memory(server):
-    return psutil.Process(server.process.pid).memory_info().rss
-
-
 def bind_again_and_again(slapd, binds, in_a_row):
     """Binds from 64 connections at once; each closes after so many in a row, and opens
     anew. Every 97th password is wrong."""
@@ -139,8 +135,8 @@ def bind_again_and_again(slapd, binds, in_a_row):
             if connections[place] is None:
                 connections[place] = ldap.initialize(slapd.uri)
             wrong = (number + place) % 97 == 0
-            who = f"cn=user{place % 16},ou=Staff,{SUFFIX}"
-            waiting.append((connections[place], wrong, connections[place].simple_bind(who, "wrong" if wrong else "right")))
+            message = connections[place].simple_bind(crowd.dn(place % 16), "wrong" if wrong else "right")
+            waiting.append((connections[place], wrong, message))
         for connection, wrong, message in waiting:
             if wrong:
                 with pytest.raises(ldap.INVALID_CREDENTIALS):
@@ -157,18 +153,14 @@ def bind_again_and_again(slapd, binds, in_a_row):
 
 @pytest.mark.embedded
 @pytest.mark.parametrize("in_a_row", [1, 25])
-def test_binds_from_64_connections_that_open_and_close(world, in_a_row, crypt_hash):
+def test_binds_from_64_connections_that_open_and_close(world, in_a_row):
     """Afterwards resident memory is where it was."""
-    ldif = world.folder / "people.ldif"
-    ldif.write_text("dn: OU=Staff,DC=example,DC=com\nobjectClass: organizationalUnit\n" + "".join(
-        f"\ndn: CN=user{number},OU=Staff,DC=example,DC=com\nobjectClass: user\nsAMAccountName: user{number}\n"
-        f"userPassword: {crypt_hash('right', 'salt')}\n" for number in range(16)), encoding="utf-8")
-    agent = world.agent(embedded__ldif=ldif).start()
+    agent = world.agent(embedded__ldif=crowd.write(world.folder, 16)).start()
     slapd = world.slapd(agent).start()
     bind_again_and_again(slapd, 64 * 50, in_a_row)
-    before = memory(slapd), memory(agent)
+    before = slapd.memory(), agent.memory()
     bind_again_and_again(slapd, BINDS, in_a_row)
-    grown = memory(slapd) - before[0], memory(agent) - before[1]
+    grown = slapd.memory() - before[0], agent.memory() - before[1]
     print(f"{BINDS} binds, {in_a_row} in a row: slapd and agent grew by {grown[0]} and {grown[1]} bytes")
     if not SANITIZER.kind:
         assert max(grown) < 1 << 20
@@ -181,10 +173,10 @@ def test_a_connection_that_binds_again_and_again_costs_its_number_for_each_bind(
     grown = []
     for _ in range(2):
         connection = slapd.connect()
-        before = memory(slapd)
+        before = slapd.memory()
         for _ in range(binds):
             connection.simple_bind_s(ANN, "welcome")
-        grown.append(memory(slapd) - before)
+        grown.append(slapd.memory() - before)
         slapd.close_connection(connection)
     print(f"{binds} binds on one connection: slapd grew by {grown}")
     if not SANITIZER.kind:

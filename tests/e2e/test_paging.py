@@ -5,30 +5,25 @@ import subprocess
 
 import ldap
 import ldap3
-import psutil
 import pytest
 
-from gateway import LONG, SANITIZER, SECONDS, SUFFIX, Slapd, wait_until
+import crowd
+from gateway import LONG, SANITIZER, SECONDS, SUFFIX, Slapd, pages, wait_until
 from wire import WireClient, conjunction, equality, paged
 
 PEOPLE = 10_000 if LONG else 1_200
 ALL = "(objectClass=posixAccount)"
 ON_THE_WIRE = conjunction(equality("objectClass", "posixAccount"))
 CACHE = ("dirgate.cache.enabled true", f"dirgate.cache.max.objects {2 * PEOPLE}")
-OPEN = re.compile(r"; open searches: (\d+);")
+EVERYBODY = sorted(map(crowd.uid, range(PEOPLE)))
 HERE = pathlib.Path(__file__).parent
 
 pytestmark = pytest.mark.embedded
 
 
 @pytest.fixture(scope="module")
-def people_file(tmp_path_factory, crypt_hash):
-    records = [f"dn: CN=user{number},{SUFFIX}\nobjectClass: user\nsAMAccountName: user{number}\n"
-               f"uidNumber: {5000 + number}\ngidNumber: 5000\nunixHomeDirectory: /home/user{number}\n"
-               + (f"userPassword: {crypt_hash('right', 'salt')}\n" if number == 0 else "") for number in range(PEOPLE)]
-    file = tmp_path_factory.mktemp("people") / "people.ldif"
-    file.write_text("\n".join(records), encoding="utf-8")
-    return file
+def people_file(tmp_path_factory):
+    return crowd.write(tmp_path_factory.mktemp("people"), PEOPLE)
 
 
 @pytest.fixture(scope="module", params=["uncached", "cached"])
@@ -37,7 +32,7 @@ def served(request, shared_world, people_file):
     agent = shared_world.agent(embedded__ldif=people_file).start()
     cache = CACHE if request.param == "cached" else ()
     slapd = shared_world.slapd(agent, directives=(*Slapd.DIRECTIVES, *cache)).start()
-    connection = slapd.connect(f"cn=user0,{SUFFIX}", "right")
+    connection = slapd.connect(crowd.dn(0), "right")
     assert len(connection.search_s(SUFFIX, ldap.SCOPE_SUBTREE, ALL, ["uid"])) == PEOPLE
     yield agent, slapd
     for server in (slapd, agent):
@@ -56,17 +51,8 @@ def with_ldapsearch(slapd, size):
 
 
 def with_python_ldap(slapd, size):
-    connection, names, sizes = slapd.connect(), [], []
-    control = ldap.controls.SimplePagedResultsControl(True, size=size, cookie="")
-    while True:
-        number = connection.search_ext(SUFFIX, ldap.SCOPE_SUBTREE, ALL, ["uid"], serverctrls=[control])
-        _, entries, _, controls = connection.result3(number)
-        names += [values["uid"][0].decode() for _, values in entries]
-        sizes.append(len(entries))
-        control.cookie = controls[0].cookie if controls else ""
-        if not control.cookie:
-            connection.unbind_ext()
-            return names, sizes
+    found = [[values["uid"][0].decode() for _, values in page] for page in pages(slapd.connect(), ALL, size)]
+    return sum(found, []), [len(page) for page in found]
 
 
 def with_ldap3(slapd, size):
@@ -98,7 +84,7 @@ def with_jndi(slapd, size):
 def test_everybody_comes_once_and_every_page_is_full(served, read, size):
     _, slapd = served
     names, sizes = read(slapd, size)
-    assert sorted(names) == sorted(f"user{number}" for number in range(PEOPLE))
+    assert sorted(names) == EVERYBODY
     full, rest = divmod(PEOPLE, size)
     assert sizes == [size] * full + ([rest] if rest else [])
 
@@ -119,18 +105,8 @@ def test_two_paged_searches_one_after_the_other_on_one_connection(served):
         while cookie:
             more, cookie = page(client, size, cookie)
             names += more
-        assert sorted(names) == sorted(f"user{number}" for number in range(PEOPLE))
+        assert sorted(names) == EVERYBODY
     client.close()
-
-
-def open_searches(agent):
-    agent.served()
-    return int(OPEN.findall(agent.log())[-1])
-
-
-def holdings(server):
-    process = psutil.Process(server.process.pid)
-    return process.num_fds(), process.num_threads(), process.memory_info().rss
 
 
 def test_clients_that_disappear_leave_nothing(served):
@@ -142,18 +118,18 @@ def test_clients_that_disappear_leave_nothing(served):
             _, cookie = page(client, 100)
             page(client, 100, cookie)
             client.close()
-        wait_until(lambda: open_searches(agent) == 0, "the agent has let go of the searches")
+        wait_until(lambda: agent.open_searches() == 0, "the agent has let go of the searches")
 
     disappear(50)
-    before = holdings(slapd), holdings(agent)
+    before = {server: (server.descriptors(), server.memory()) for server in served}
+    threads = agent.threads()
     disappear(1000 if LONG else 200)
-    after = holdings(slapd), holdings(agent)
-    for now, then in zip(after, before):
-        assert now[0] <= then[0] + 8
+    for server, (descriptors, memory) in before.items():
+        assert server.descriptors() <= descriptors + 8
         if not SANITIZER.kind:
-            assert now[2] - then[2] < 2 << 20
-    assert after[0][1] <= 20, "slapd starts up to 16 threads when it needs them"
-    assert after[1][1] == before[1][1]
+            assert server.memory() - memory < 2 << 20
+    assert agent.threads() == threads
+    assert slapd.threads() <= 20, "slapd starts up to 16 threads when it needs them"
 
 
 def test_after_a_paged_search_more_searches_on_its_connection_leave_the_agent_as_it_was(served):
@@ -165,17 +141,17 @@ def test_after_a_paged_search_more_searches_on_its_connection_leave_the_agent_as
         _, cookie = page(client, 100, cookie)
     for number in range(200):
         search(client, number)
-    before = holdings(agent), open_searches(agent)
+    before, searches = agent.memory(), agent.open_searches()
     for number in range(10_000 if LONG else 2_000):
         search(client, number)
-    assert open_searches(agent) <= before[1] <= 1
+    assert agent.open_searches() <= searches <= 1
     if not SANITIZER.kind:
-        assert holdings(agent)[2] - before[0][2] < 1 << 20
+        assert agent.memory() - before < 1 << 20
     client.close()
-    wait_until(lambda: open_searches(agent) == 0, "the agent has let go of the search")
+    wait_until(lambda: agent.open_searches() == 0, "the agent has let go of the search")
 
 
 def search(client, number):
-    client.search(SUFFIX, conjunction(equality("objectClass", "posixAccount"), equality("uid", f"user{number % PEOPLE}")), ["uid"])
+    client.search(SUFFIX, conjunction(equality("objectClass", "posixAccount"), equality("uid", crowd.uid(number % PEOPLE))), ["uid"])
     assert [repr(message) for message in client.until_result()] == [f"entry user{number % PEOPLE}", "result 0"]
     assert repr(client.rest()) in ("[]", "[result 0]")

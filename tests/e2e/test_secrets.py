@@ -13,11 +13,12 @@ import string
 import ldap
 import pytest
 
+import crowd
 from gateway import SUFFIX, wait_until
 
 BLOCK = 1 << 24
 LARGEST = 1 << 28  # a sanitizer's shadow memory is larger
-WHO = f"cn=ann,ou=Staff,{SUFFIX}"
+WHO = crowd.dn(0)
 
 
 def writable(process):
@@ -63,14 +64,9 @@ def random_password(size):
 
 @pytest.mark.embedded
 @pytest.mark.parametrize("size", [12, 100])  # in a string's own buffer, and outside of it
-def test_after_binds_only_slapd_s_read_buffers_hold_a_password(world, size, crypt_hash):
+def test_after_binds_only_slapd_s_read_buffers_hold_a_password(world, size):
     right, wrong = random_password(size), random_password(size)
-    ldif = world.folder / "people.ldif"
-    ldif.write_text("dn: OU=Staff,DC=example,DC=com\nobjectClass: organizationalUnit\n\n"
-                    "dn: CN=ann,OU=Staff,DC=example,DC=com\nobjectClass: user\nsAMAccountName: ann\nuidNumber: 5000\n"
-                    f"gidNumber: 5000\nunixHomeDirectory: /home/ann\nuserPassword: {crypt_hash(right, 'salt')}\n",
-                    encoding="utf-8")
-    agent = world.agent(embedded__ldif=ldif).start()
+    agent = world.agent(embedded__ldif=crowd.write(world.folder, 1, lambda _uid: right)).start()
     slapd = world.slapd(agent).start()
     asked = slapd.connect(WHO, right)
     for _ in range(3):

@@ -8,9 +8,9 @@ import signal
 import sys
 import time
 
-import psutil
 import pytest
 
+import crowd
 from gateway import LONG, SANITIZER, Server, Slapd, wait_until
 
 CLIENTS = 3
@@ -23,23 +23,12 @@ DIRECTIVES = (
     "dirgate.cache.max.objects 300", "dirgate.cache.max.lists 60", "dirgate.cache.credential.expires 2")
 
 
-def make_people(folder, crypt_hash):
-    """The directory's LDIF file, and what the clients are to see of it."""
-    base = "OU=Staff,DC=example,DC=com"
-    records = [f"dn: {base}\nobjectClass: organizationalUnit\n"]
-    seen = {}
-    for number in range(PEOPLE):
-        uid = f"user{number}"
-        # A cheap hash: what it costs is not what is looked at here.
-        hashed = crypt_hash(f"pw-{uid}", f"salt{number}")
-        records.append(f"dn: CN=User {number},{base}\nobjectClass: user\nsAMAccountName: {uid}\nuidNumber: {5000 + number}\n"
-                       f"gidNumber: 5000\nunixHomeDirectory: /home/{uid}\nloginShell: /bin/sh\nuserPassword: {hashed}\n")
-        seen[uid] = {"uid": [uid], "uidNumber": [str(5000 + number)], "gidNumber": ["5000"],
-                     "homeDirectory": [f"/home/{uid}"], "loginShell": ["/bin/sh"]}
-    ldif, model = folder / "people.ldif", folder / "people.json"
-    ldif.write_text("\n".join(records), encoding="utf-8")
-    model.write_text(json.dumps({"base": "ou=Staff,dc=example,dc=com", "people": seen}), encoding="utf-8")
-    return ldif, model
+def make_people(folder):
+    """The directory's LDIF file, and a file of what the clients are to see of it."""
+    model = folder / "people.json"
+    people = {crowd.uid(number): crowd.seen(number) for number in range(PEOPLE)}
+    model.write_text(json.dumps({"base": crowd.UNIT, "people": people}), encoding="utf-8")
+    return crowd.write(folder, PEOPLE, lambda uid: f"pw-{uid}"), model
 
 
 class Client(Server):
@@ -71,22 +60,18 @@ def failures(counts):
     return sum(count for kind, count in counts.items() if kind.startswith("failure"))
 
 
-def memory(server):
-    return psutil.Process(server.process.pid).memory_info().rss
-
-
 @pytest.mark.embedded
-def test_every_answer_is_right_and_nothing_grows(world, crypt_hash):
-    ldif, model = make_people(world.folder, crypt_hash)
+def test_every_answer_is_right_and_nothing_grows(world):
+    ldif, model = make_people(world.folder)
     agent = world.agent(embedded__ldif=ldif).start()
     slapd = world.slapd(agent, directives=DIRECTIVES).start()
-    slapd.connect("cn=user0,ou=Staff,dc=example,dc=com", "pw-user0")  # nothing is cached before
+    slapd.connect(crowd.dn(0), "pw-user0")  # nothing is cached before
 
     counts = run_clients(world, slapd, model, CALM, lambda: time.sleep(0.05))
     print("calm", dict(counts))
     assert failures(counts) == 0
     assert counts["lookup"] > CALM
-    before = memory(slapd), psutil.Process(slapd.process.pid).num_fds()
+    before = slapd.memory(), slapd.descriptors()
 
     restarts = 0
 
@@ -107,7 +92,7 @@ def test_every_answer_is_right_and_nothing_grows(world, crypt_hash):
     # The last agent serves as the first one did.
     counts = run_clients(world, slapd, model, 100, lambda: time.sleep(0.05))
     assert failures(counts) == 0
-    wait_until(lambda: "open searches: 0" in (agent.served() and agent.log().splitlines()[-1]), "no search stays open")
-    assert psutil.Process(slapd.process.pid).num_fds() <= before[1] + 2 * CLIENTS
+    wait_until(lambda: agent.open_searches() == 0, "no search stays open")
+    assert slapd.descriptors() <= before[1] + 2 * CLIENTS
     if not SANITIZER.kind:
-        assert memory(slapd) - before[0] < GROWTH
+        assert slapd.memory() - before[0] < GROWTH

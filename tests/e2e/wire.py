@@ -1,62 +1,37 @@
 """LDAP messages as they are on the wire (RFC 4511), for tests of what client libraries
-hide: the order of messages, second results, controls. BER is read and written here by
-its lengths and tags alone."""
+hide: the order of messages, second results, controls."""
 import contextlib
 import socket
 
+from ber import BOOLEAN, ENUMERATED, element, elements, number, octets, sequence
+
 PAGED = "1.2.840.113556.1.4.319"
-SEARCH_ENTRY, SEARCH_DONE, BIND_RESPONSE, EXTENDED_RESPONSE = 0x64, 0x65, 0x61, 0x78
+SEARCH_ENTRY, SEARCH_DONE, EXTENDED_RESPONSE = 0x64, 0x65, 0x78
 CONTROLS = 0xA0
 
 
-def tlv(tag, *parts):
-    content = b"".join(part if isinstance(part, bytes) else part.encode() for part in parts)
-    if len(content) < 128:
-        return bytes([tag, len(content)]) + content
-    length = len(content).to_bytes(4, "big")
-    return bytes([tag, 0x84]) + length + content
-
-
-def integer(value, tag=0x02):
-    return tlv(tag, value.to_bytes(value.bit_length() // 8 + 1, "big"))
-
-
-def elements(content):
-    """The (tag, content) pairs that follow one another."""
-    found = []
-    while content:
-        length, start = content[1], 2
-        if length & 0x80:
-            start += length & 0x7F
-            length = int.from_bytes(content[2:start], "big")
-        found.append((content[0], content[start:start + length]))
-        content = content[start + length:]
-    return found
-
-
 def equality(name, value):
-    return tlv(0xA3, tlv(0x04, name), tlv(0x04, value))
+    return sequence(octets(name), octets(value), tag=0xA3)
 
 
 def conjunction(*filters):
-    return tlv(0xA0, *filters)
+    return sequence(*filters, tag=0xA0)
 
 
 def extensible(name, rule, value):
-    return tlv(0xA9, tlv(0x81, rule), tlv(0x82, name), tlv(0x83, value))
+    return sequence(octets(rule, 0x81), octets(name, 0x82), octets(value, 0x83), tag=0xA9)
 
 
 def paged(size, cookie=b"", critical=False):
-    value = tlv(0x30, integer(size), tlv(0x04, cookie))
-    return tlv(0x30, tlv(0x04, PAGED), *([tlv(0x01, b"\xff")] if critical else []), tlv(0x04, value))
+    value = sequence(number(size), octets(cookie))
+    return sequence(octets(PAGED), *([element(BOOLEAN, b"\xff")] if critical else []), octets(value))
 
 
 class Message:
     """A message that a server sent: a search entry or a result."""
 
     def __init__(self, content):
-        (_, number), (self.tag, body), *rest = elements(content)
-        self.number = int.from_bytes(number, "big")
+        _, (self.tag, body), *rest = elements(content)
         self.controls = [[part for _, part in elements(control)] for tag, part in rest if tag == CONTROLS
                          for _, control in elements(part)]
         parts = elements(body)
@@ -99,23 +74,20 @@ class WireClient:
 
     def send(self, operation, controls=()):
         self.number += 1
-        rest = [tlv(CONTROLS, *controls)] if controls else []
-        self.socket.sendall(tlv(0x30, integer(self.number), operation, *rest))
+        rest = [sequence(*controls, tag=CONTROLS)] if controls else []
+        self.socket.sendall(sequence(number(self.number), operation, *rest))
         return self.number
 
     def search(self, base, filter, attributes=(), **options):
         """Sends a search. Options: scope (2), size and time limit (0), control."""
         get = options.get
-        operation = tlv(0x63, tlv(0x04, base), integer(get("scope", 2), 0x0A), integer(0, 0x0A), integer(get("size", 0)),
-                        integer(get("time", 0)), tlv(0x01, b"\x00"), filter,
-                        tlv(0x30, *(tlv(0x04, name) for name in attributes)))
+        operation = sequence(octets(base), number(get("scope", 2), ENUMERATED), number(0, ENUMERATED),
+                             number(get("size", 0)), number(get("time", 0)), element(BOOLEAN, b"\x00"), filter,
+                             sequence(*map(octets, attributes)), tag=0x63)
         return self.send(operation, [options["control"]] if "control" in options else ())
 
-    def bind(self, dn, password):
-        return self.send(tlv(0x60, integer(3), tlv(0x04, dn), tlv(0x80, password)))
-
-    def abandon(self, number):
-        return self.send(integer(number, 0x50))
+    def abandon(self, request):
+        return self.send(number(request, 0x50))
 
     def read(self):
         """The next message."""
@@ -136,7 +108,7 @@ class WireClient:
     def rest(self):
         """What the server has sent beyond that. It works on several requests of a
         connection at once: what is to be seen must have been sent before this is called."""
-        self.send(tlv(0x77, tlv(0x80, self.WHO_AM_I)))
+        self.send(sequence(octets(self.WHO_AM_I, 0x80), tag=0x77))
         messages = [self.read()]
         while messages[-1].tag != EXTENDED_RESPONSE:
             messages.append(self.read())
