@@ -14,13 +14,16 @@
 #include <thread>
 
 #include "agent/embedded/test_directory.h"
-#include "agent/memory_scan.h"
 #include "agent/server.h"
 #include "agent/socket_file.h"
 #include "agent/test_frames.h"
+#include "vorn/memory_scan.h"
 
 namespace vexagent {
 namespace {
+
+using vorn::test::Disguised;
+using vorn::test::MemoryScan;
 
 // The hash of a secret that this function leaves nowhere.
 std::string hashOf(const Disguised& secret) {

@@ -1,6 +1,7 @@
 #include "search/flat_entry.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -101,6 +102,10 @@ class Copier {
 
 SharedEntry flatCopy(const Entry& entry) {
     const Sizes sizes(entry);
-    const auto block = std::make_shared_for_overwrite<std::byte[]>(sizes.records + sizes.text);
-    return {block, Copier(block.get(), sizes).entry(entry)};
+    // Of words, which are aligned as records want it.
+    using Word = std::uint64_t;
+    static_assert(alignof(Word) >= alignof(Entry));
+    const std::size_t words = (sizes.records + sizes.text + sizeof(Word) - 1) / sizeof(Word);
+    const auto block = std::make_shared_for_overwrite<Word[]>(words);
+    return {block, Copier(reinterpret_cast<std::byte*>(block.get()), sizes).entry(entry)};
 }

@@ -10,20 +10,25 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
-namespace vexagent {
+namespace vorn::test {
 
-// Random letters that the program keeps only in disguise, each byte masked.
+// A secret that the program keeps only in disguise, each byte masked.
 class Disguised {
   public:
+    // Random letters.
     explicit Disguised(std::size_t size) : m_masked(size) {
         EXPECT_EQ(getrandom(m_masked.data(), size, 0), static_cast<ssize_t>(size));
         for (unsigned char& byte : m_masked) byte = static_cast<unsigned char>('A' + byte % 26) ^ kMask;
     }
+    explicit Disguised(std::string_view text) {
+        for (char c : text) m_masked.push_back(static_cast<unsigned char>(c) ^ kMask);
+    }
 
     std::size_t size() const { return m_masked.size(); }
-    // Writes the text itself, without a NUL.
+    // Writes the text itself, without a NUL; the place is the caller's to wipe.
     void reveal(void* place) const {
         auto* bytes = static_cast<unsigned char*>(place);
         for (unsigned char byte : m_masked) *bytes++ = byte ^ kMask;
@@ -96,4 +101,4 @@ class MemoryScan {
     std::vector<unsigned char> m_block;
 };
 
-}  // namespace vexagent
+}  // namespace vorn::test
