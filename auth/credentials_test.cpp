@@ -1,6 +1,7 @@
 #include "auth/credentials.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include "auth/lutil_faults.h"
 #include "backend/settings.h"
@@ -199,6 +200,25 @@ TEST_F(Credentials, AConnectionThatBoundTwiceIsListedTwice) {
     creds.clearCreds();
     EXPECT_EQ(creds.doCacheAuth(kDn, "secret"), 0);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep books of their own
+// The price of the rule above: as many numbers as there were binds, whatever closes.
+TEST_F(Credentials, EachFurtherBindOfAConnectionCostsItsNumberForGood) {
+    const auto inUse = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    creds.addCreds(7, kDn, "secret");
+    const std::size_t before = inUse();
+    constexpr std::size_t kBinds = 65536;  // a power of two: the array has no room to spare
+    for (std::size_t i = 1; i < kBinds; ++i) creds.addConnID(7, kDn);
+    creds.delCreds(7);
+    const std::size_t grown = inUse() - before;
+    constexpr std::size_t kNumbers = kBinds * sizeof(unsigned long), kPages = 8192;
+    EXPECT_GE(grown + kPages, kNumbers);
+    EXPECT_LE(grown, kNumbers + kPages);
+}
+#endif
 
 TEST_F(Credentials, AConnectionBelongsToTheDnItBoundWithLast) {
     creds.addCreds(1, kDn, "secret");
