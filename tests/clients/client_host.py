@@ -18,7 +18,7 @@ import subprocess
 import sys
 import urllib.parse
 
-from gateway import ROOT, SANITIZER, SECONDS, SLAPD, Server, Slapd, accepts
+from gateway import ROOT, SANITIZER, SECONDS, SLAPD, Server, Slapd, accepts, wait_until
 
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLES = ROOT / "examples/clients"
@@ -79,10 +79,10 @@ class Host:
                                 capture_output=True, encoding="utf-8", errors="replace")
         return Said(result.returncode, result.stdout, result.stderr)
 
-    def start(self, name, line, socket):
+    def start(self, name, line, socket, env=None):
         """Starts a daemon that stays in the foreground; it is up when it answers on
         that socket below /run."""
-        return Daemon(self, name, line, self.run / socket).start()
+        return Daemon(self, name, line, self.run / socket).start(env)
 
     def gateway(self, agent, **parts):
         return HostSlapd(self, env=agent.env, **parts).start()
@@ -105,20 +105,23 @@ class Holder(Server):
 
 
 class Daemon(Server):
-    """In a process namespace, so that none of its children outlives it."""
+    """In a process namespace, so that none of its children outlives it. The shell is the
+    process whose end ends it: the kernel forgets to kill one that changes its user."""
+
+    COMMAND = ("unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--", "sh", "-c", '"$@"; exit', "sh")
 
     def __init__(self, host, name, line, socket_file):
         super().__init__(name, host.folder, host.servers)
         self.host, self.line, self.socket_file = host, line, socket_file
 
-    def start(self):
-        self.spawn([*self.host.inside("mount", "net"), "unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--",
-                    *self.line.split()], ENVIRONMENT)
+    def start(self, env):
+        self.spawn([*self.host.inside("mount", "net"), *self.COMMAND, *self.line.split()], {**ENVIRONMENT, **(env or {})})
         self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket_file)))
         return self
 
     def stop(self):
-        self.kill()
+        self.kill()  # the others die a moment later
+        wait_until(lambda: not accepts(socket.AF_UNIX, str(self.socket_file)), f"{self.name} is gone")
 
 
 class HostSlapd(Slapd):

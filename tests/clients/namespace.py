@@ -6,7 +6,7 @@ started in, and holds it until its standard input ends.
 
 /usr, /etc and /var are the machine's with the unpacked packages of PACKAGES laid over
 them, and over /etc the files of FOLDER/etc. What is written there goes to memory.
-/run is FOLDER/run. The network is a loopback interface of its own.
+/run is FOLDER/run, /dev/shm empty, the network a loopback interface.
 """
 import fcntl
 import pathlib
@@ -44,6 +44,7 @@ def main():
     for place in map(pathlib.Path, ("/usr", "/etc", "/var")):
         lay_over(place, [folder / place.name, packages / place.name], written)
     mount("--bind", folder / "run", "/run")
+    mount("-t", "tmpfs", "tmpfs", "/dev/shm")
     raise_loopback()
     print("ready", flush=True)
     sys.stdin.read()

@@ -1,0 +1,118 @@
+"""pam_ldap: log-ins on a host, as pamtester makes them for any program that uses PAM.
+nslcd binds to the gateway as the person."""
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from client_host import EXAMPLES, Host
+
+FILES = {"nslcd.conf": EXAMPLES / "nslcd.conf", "nsswitch.conf": EXAMPLES / "nsswitch.conf", "pam.d/door": EXAMPLES / "pam-ldap"}
+WELCOME = "pamtester: successfully authenticated"
+REFUSED = "pamtester: Authentication failure"
+# When the password dates of the example are good for another 167 days.
+SPRING = "2026-03-01"
+# nslcd clears its environment: the date comes from a file.
+FAKETIME = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+
+
+@pytest.fixture(scope="module")
+def running(shared_world):
+    host = Host(shared_world, FILES)
+    host.gateway(shared_world.agent().start())
+    host.start("nslcd", "nslcd --nofork", "nslcd/socket", FAKETIME)
+    return host
+
+
+@pytest.fixture
+def host(running):
+    return on(running, SPRING)
+
+
+def on(host, date):
+    """The host on that date, for nslcd, which looks at password ages."""
+    assert host.shell(f"echo '@{date} 12:00:00' > /etc/faketimerc").status == 0
+    return host
+
+
+def log_in(host, name, password, operations="authenticate"):
+    """What pamtester says, without its prompts."""
+    said = host.shell(f"stdbuf -oL pamtester door {name} {operations} 2>&1", f"{password}\n")
+    return said.out.removeprefix("Password: ").splitlines()
+
+
+# ---- passwords
+
+@pytest.mark.parametrize("name, password", [
+    ("ann", "welcome"),
+    ("rosa", "Tea, at 4 o'clock"),
+    ("zoe", "mot de passe é"),
+    ("sven", "welcome"),  # a plus sign in the real name
+    ("taro", "welcome"),  # a real name outside ASCII
+])
+def test_the_right_password(host, name, password):
+    assert log_in(host, name, password) == [WELCOME]
+
+
+def test_the_wrong_password_and_the_wrong_person_look_alike(host):
+    refused = [
+        ("ann", "wrong"),
+        ("ann", "Welcome"),
+        ("ann", ""),  # never passed on: an anonymous bind would succeed
+        ("zoe", "mot de passe e"),
+        ("nils", "welcome"),  # has no password
+        ("nobody-here", "welcome"),
+        ("guest", "welcome"),  # has no uid number, and does not exist here
+        ("iris", "welcome"),  # disabled
+        ("root", "welcome"),  # the host's own
+        ("'*'", "welcome"),
+    ]
+    with ThreadPoolExecutor(len(refused)) as pool:  # PAM makes each of them wait for two seconds
+        said = pool.map(lambda words: log_in(host, *words), refused)
+    assert dict(zip(refused, said)) == {words: [REFUSED] for words in refused}
+
+
+# ---- the account, once the password was right
+
+def test_the_whole_of_a_log_in(host):
+    assert log_in(host, "rosa", "Tea, at 4 o'clock", "authenticate acct_mgmt setcred open_session close_session") == [
+        WELCOME, "pamtester: account management done.", "pamtester: credential info has successfully been set.",
+        "pamtester: successfully opened a session", "pamtester: session has successfully been closed."]
+
+
+@pytest.mark.parametrize("name, password, date, lines", [
+    ("ann", "welcome", SPRING, [WELCOME, "pamtester: account management done."]),
+    ("ann", "welcome", "2026-08-05", [WELCOME, "Password will expire in 10 days", "pamtester: account management done."]),
+    ("ann", "welcome", "2026-08-25",
+     [WELCOME, "Password expired 10 days ago", "pamtester: Authentication token is no longer valid; new one required"]),
+    ("taro", "welcome", "2026-08-25", [WELCOME, "pamtester: account management done."]),  # without password ages
+])
+def test_password_ages_of_the_directory_count(host, name, password, date, lines):
+    assert log_in(on(host, date), name, password, "authenticate acct_mgmt") == lines
+
+
+def test_an_account_that_has_expired_is_shut_for_every_way_in(host):
+    """With a key, say, where no password was asked for."""
+    on(host, "2026-03-28")
+    assert log_in(host, "ann", "", "acct_mgmt") == ["pamtester: account management done."]
+    assert log_in(host, "iris", "", "acct_mgmt") == ["Account expired 10 days ago", "pamtester: User account has expired"]
+
+
+def test_an_unknown_account(host):
+    assert log_in(host, "nobody-here", "", "acct_mgmt") == ["pamtester: User not known to the underlying authentication module"]
+
+
+# ---- what the gateway cannot do
+
+def test_a_password_cannot_be_changed_and_is_not_asked_for(host):
+    said = host.shell("setpriv --reuid taro --clear-groups pamtester door taro chauthtok 2>&1", "welcome\nother\nother\n")
+    assert said.lines == ["Passwords are changed in Active Directory.", "pamtester: Permission denied"]
+    assert log_in(host, "taro", "welcome") == [WELCOME]
+
+
+# ---- the gateway away: last, as it does not come back
+
+def test_the_hosts_own_users_do_not_wait_for_a_gateway_that_is_down(host):
+    [slapd] = [server for server in host.servers if server.name == "slapd"]
+    slapd.stop()
+    assert host.shell("id root").out == "uid=0(root) gid=0(root) groups=0(root)\n"
+    assert log_in(host, "root", "", "acct_mgmt") == ["pamtester: account management done."]
