@@ -3,7 +3,7 @@ that the tests run on and without a trace on it.
 
     host = Host(world, {"nslcd.conf": EXAMPLES / "nslcd.conf"})
     host.gateway(agent)                  # ldap://127.0.0.1/ of that host
-    host.start("nslcd", "nslcd --nofork", socket="nslcd/socket")
+    host.start("nslcd", "nslcd --nofork", "/run/nslcd/socket")
     host.shell("getent passwd ann")      # its output, as a Said
 
 It is a mount and a network namespace (namespace.py). The agent stays outside: it
@@ -25,6 +25,7 @@ EXAMPLES = ROOT / "examples/clients"
 UNPACKED = pathlib.Path(os.environ.get("ZX_CLIENTS") or ROOT / "build/clients").absolute()
 PACKAGES = UNPACKED / "root"
 USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/var/www"), ("nobody", 65534, "/nonexistent"))
+GATEWAY = "gateway.example.com"
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
 
 
@@ -61,6 +62,7 @@ class Host:
         for file, form in lines.items():
             text = "".join(form.format(name=name, number=number, home=home) + "\n" for name, number, home in USERS)
             (self.folder / "etc" / file).write_text(text, encoding="utf-8")
+        (self.folder / "etc/hosts").write_text(f"127.0.0.1 localhost {GATEWAY}\n", encoding="utf-8")
 
     def copy(self, source, name):
         """A file of its /etc; root's alone, as some programs insist."""
@@ -73,6 +75,10 @@ class Host:
         """The beginning of a command that runs there."""
         return ["nsenter", f"--target={self.holder.process.pid}", *(f"--{name}" for name in namespaces), "--"]
 
+    def path(self, file):
+        """A file of the host, as the tests can reach it."""
+        return f"/proc/{self.holder.process.pid}/root{file}"
+
     def shell(self, line, text=""):
         """Runs a line of shell to its end."""
         result = subprocess.run([*self.inside("mount", "net"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=SECONDS,
@@ -81,11 +87,12 @@ class Host:
 
     def start(self, name, line, socket, env=None):
         """Starts a daemon that stays in the foreground; it is up when it answers on
-        that socket below /run."""
-        return Daemon(self, name, line, self.run / socket).start(env)
+        that Unix socket."""
+        return Daemon(self, name, line, self.path(socket)).start(env)
 
-    def gateway(self, agent, **parts):
-        return HostSlapd(self, env=agent.env, **parts).start()
+    def gateway(self, agent, tls=None):
+        """Starts slapd; with the folder of a certificate, for TLS too."""
+        return HostSlapd(self, tls, env=agent.env).start()
 
 
 class Holder(Server):
@@ -116,26 +123,31 @@ class Daemon(Server):
 
     def start(self, env):
         self.spawn([*self.host.inside("mount", "net"), *self.COMMAND, *self.line.split()], {**ENVIRONMENT, **(env or {})})
-        self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket_file)))
+        self.wait_ready(lambda: accepts(socket.AF_UNIX, self.socket_file))
         return self
 
     def stop(self):
         self.kill()  # the others die a moment later
-        wait_until(lambda: not accepts(socket.AF_UNIX, str(self.socket_file)), f"{self.name} is gone")
+        wait_until(lambda: not accepts(socket.AF_UNIX, self.socket_file), f"{self.name} is gone")
 
 
 class HostSlapd(Slapd):
-    """slapd on the host's loopback, at the usual ports. The tests themselves reach it
-    by its Unix socket."""
+    """slapd on the host's loopback, at the usual ports. The tests themselves reach it by
+    its Unix socket."""
 
-    def __init__(self, host, **parts):
-        super().__init__(host.folder, host.servers, **parts)
+    def __init__(self, host, tls, **parts):
         self.host, self.socket_file = host, host.run / "slapd/ldapi"
-        self.uri = self.unix_uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
+        self.urls = "ldap://127.0.0.1/"
+        lines = ["sizelimit unlimited", "timelimit unlimited"]
+        if tls is not None:
+            self.urls += " ldaps://127.0.0.1/"
+            lines += [f'TLSCertificateFile "{tls}/slapd.pem"', f'TLSCertificateKeyFile "{tls}/slapd-key.pem"']
+        super().__init__(host.folder, host.servers, globals=lines, **parts)
+        self.uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
 
     def launch(self):
         self.spawn([*self.host.inside("net"), SLAPD, "-d", self.parts.get("debug", "0"), "-f", self.config_file,
-                    "-h", f"ldap://127.0.0.1/ {self.unix_uri}"], self.env)
+                    "-h", f"{self.urls} {self.uri}"], self.env)
 
     def start(self):
         self.launch()

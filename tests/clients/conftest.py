@@ -5,13 +5,15 @@ import pathlib
 import sys
 
 os.environ["LDAPNOINIT"] = "1"
-sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+TESTS = pathlib.Path(__file__).resolve().parents[1]
+sys.path += [str(TESTS / "e2e"), str(TESTS / "ad")]
 
 import pytest  # noqa: E402
 
 from directories import DIRECTORY  # noqa: E402
 from gateway import BUILD  # noqa: E402
-from client_host import UNPACKED  # noqa: E402
+from client_host import GATEWAY, UNPACKED  # noqa: E402
+from host import make_authority, make_certificate  # noqa: E402
 from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 
 
@@ -35,3 +37,12 @@ def world(request):
 def shared_world(request):
     """One for the tests of a file."""
     yield from make_world(request)
+
+
+@pytest.fixture(scope="session")
+def tls(tmp_path_factory):
+    """A folder with slapd's certificate, and that of the authority that it is from."""
+    folder = tmp_path_factory.mktemp("tls")
+    make_authority(folder)
+    make_certificate(folder, [f"DNS:{GATEWAY}", "IP:127.0.0.1"], folder / "slapd.pem", folder / "slapd-key.pem")
+    return folder

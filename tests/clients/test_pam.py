@@ -19,7 +19,7 @@ FAKETIME = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_
 def running(shared_world):
     host = Host(shared_world, FILES)
     host.gateway(shared_world.agent().start())
-    host.start("nslcd", "nslcd --nofork", "nslcd/socket", FAKETIME)
+    host.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", FAKETIME)
     return host
 
 
