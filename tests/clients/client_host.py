@@ -3,10 +3,10 @@ that the tests run on and without a trace on it.
 
     host = Host(world, {"nslcd.conf": EXAMPLES / "nslcd.conf"})
     host.gateway(agent)                  # ldap://127.0.0.1/ of that host
-    host.start("nslcd", "nslcd --nofork", "/run/nslcd/socket")
+    host.start_nslcd()
     host.shell("getent passwd ann")      # its output, as a Said
 
-It is a mount and a network namespace (namespace.py). The agent stays outside: it
+It is a mount, a network and a UTS namespace (namespace.py). The agent stays outside: it
 reaches its directory by the machine's network, and slapd reaches it by a Unix socket.
 """
 import dataclasses
@@ -25,7 +25,8 @@ EXAMPLES = ROOT / "examples/clients"
 UNPACKED = pathlib.Path(os.environ.get("ZX_CLIENTS") or ROOT / "build/clients").absolute()
 PACKAGES = UNPACKED / "root"
 USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/var/www"), ("nobody", 65534, "/nonexistent"))
-GATEWAY = "gateway.example.com"
+NAME, GATEWAY = "build01.example.com", "gateway.example.com"
+SPRING = "2026-03-01"  # the password dates of the example are good for another 167 days
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
 
 
@@ -62,7 +63,8 @@ class Host:
         for file, form in lines.items():
             text = "".join(form.format(name=name, number=number, home=home) + "\n" for name, number, home in USERS)
             (self.folder / "etc" / file).write_text(text, encoding="utf-8")
-        (self.folder / "etc/hosts").write_text(f"127.0.0.1 localhost {GATEWAY}\n", encoding="utf-8")
+        hosts = f"127.0.0.1 localhost\n127.0.1.1 {NAME} {NAME.partition('.')[0]}\n127.0.0.1 {GATEWAY}\n"
+        (self.folder / "etc/hosts").write_text(hosts, encoding="utf-8")
 
     def copy(self, source, name):
         """A file of its /etc; root's alone, as some programs insist."""
@@ -72,7 +74,7 @@ class Host:
         path.chmod(0o600 if name.startswith(("sssd", "sudoers")) else 0o644)
 
     def inside(self, *namespaces):
-        """The beginning of a command that runs there."""
+        """The beginning of a command that runs in those of its namespaces."""
         return ["nsenter", f"--target={self.holder.process.pid}", *(f"--{name}" for name in namespaces), "--"]
 
     def path(self, file):
@@ -81,7 +83,7 @@ class Host:
 
     def shell(self, line, text=""):
         """Runs a line of shell to its end."""
-        result = subprocess.run([*self.inside("mount", "net"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=SECONDS,
+        result = subprocess.run([*self.inside("mount", "net", "uts"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=SECONDS,
                                 capture_output=True, encoding="utf-8", errors="replace")
         return Said(result.returncode, result.stdout, result.stderr)
 
@@ -89,6 +91,17 @@ class Host:
         """Starts a daemon that stays in the foreground; it is up when it answers on
         that Unix socket."""
         return Daemon(self, name, line, self.path(socket)).start(env)
+
+    def start_nslcd(self):
+        """nslcd, on the day that set_date() says: it looks at password ages. The day comes
+        from a file, as it clears its environment."""
+        self.set_date(SPRING)
+        return self.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", {
+            "LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+
+    def set_date(self, date):
+        assert self.shell(f"echo '@{date} 12:00:00' > /etc/faketimerc").status == 0
+        return self
 
     def gateway(self, agent, tls=None):
         """Starts slapd; with the folder of a certificate, for TLS too."""
@@ -102,8 +115,8 @@ class Holder(Server):
         super().__init__("host", host.folder, host.servers)
         read, self.alive = os.pipe()
         with os.fdopen(read) as stdin:
-            self.spawn(["unshare", "--mount", "--net", "--propagation", "private", "--", sys.executable, HERE / "namespace.py",
-                        host.folder, PACKAGES], stdin=stdin)
+            self.spawn(["unshare", "--mount", "--net", "--uts", "--propagation", "private", "--", sys.executable,
+                        HERE / "namespace.py", host.folder, PACKAGES, NAME], stdin=stdin)
         self.wait_ready(lambda: "ready" in self.log())
 
     def stop(self):
@@ -122,7 +135,7 @@ class Daemon(Server):
         self.host, self.line, self.socket_file = host, line, socket_file
 
     def start(self, env):
-        self.spawn([*self.host.inside("mount", "net"), *self.COMMAND, *self.line.split()], {**ENVIRONMENT, **(env or {})})
+        self.spawn([*self.host.inside("mount", "net", "uts"), *self.COMMAND, *self.line.split()], {**ENVIRONMENT, **(env or {})})
         self.wait_ready(lambda: accepts(socket.AF_UNIX, self.socket_file))
         return self
 

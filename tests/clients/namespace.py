@@ -2,11 +2,11 @@
 """Makes the host that clients run on, out of the namespaces that this program is
 started in, and holds it until its standard input ends.
 
-    unshare --mount --net --propagation private -- namespace.py FOLDER PACKAGES
+    unshare --mount --net --uts --propagation private -- namespace.py FOLDER PACKAGES NAME
 
 /usr, /etc and /var are the machine's with the unpacked packages of PACKAGES laid over
 them, and over /etc the files of FOLDER/etc. What is written there goes to memory.
-/run is FOLDER/run, /dev/shm empty, the network a loopback interface.
+/run is FOLDER/run, /dev/shm empty, the network a loopback interface, its name NAME.
 """
 import fcntl
 import pathlib
@@ -37,7 +37,7 @@ def raise_loopback():
 
 
 def main():
-    folder, packages = map(pathlib.Path, sys.argv[1:])
+    folder, packages = map(pathlib.Path, sys.argv[1:3])
     written = folder / "written"
     written.mkdir()
     mount("-t", "tmpfs", "tmpfs", written)
@@ -46,6 +46,7 @@ def main():
     mount("--bind", folder / "run", "/run")
     mount("-t", "tmpfs", "tmpfs", "/dev/shm")
     raise_loopback()
+    socket.sethostname(sys.argv[3])
     print("ready", flush=True)
     sys.stdin.read()
 

@@ -11,7 +11,7 @@ NOT_FOUND = 2  # getent's exit status
 def host(shared_world):
     host = Host(shared_world, {name: EXAMPLES / name for name in ("nslcd.conf", "nsswitch.conf")})
     host.gateway(shared_world.agent().start())
-    host.start("nslcd", "nslcd --nofork", "/run/nslcd/socket")
+    host.start_nslcd()
     return host
 
 

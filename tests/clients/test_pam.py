@@ -4,34 +4,24 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from client_host import EXAMPLES, Host
+from client_host import EXAMPLES, SPRING, Host
 
 FILES = {"nslcd.conf": EXAMPLES / "nslcd.conf", "nsswitch.conf": EXAMPLES / "nsswitch.conf", "pam.d/door": EXAMPLES / "pam-ldap"}
 WELCOME = "pamtester: successfully authenticated"
 REFUSED = "pamtester: Authentication failure"
-# When the password dates of the example are good for another 167 days.
-SPRING = "2026-03-01"
-# nslcd clears its environment: the date comes from a file.
-FAKETIME = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
 
 @pytest.fixture(scope="module")
 def running(shared_world):
     host = Host(shared_world, FILES)
     host.gateway(shared_world.agent().start())
-    host.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", FAKETIME)
+    host.start_nslcd()
     return host
 
 
 @pytest.fixture
 def host(running):
-    return on(running, SPRING)
-
-
-def on(host, date):
-    """The host on that date, for nslcd, which looks at password ages."""
-    assert host.shell(f"echo '@{date} 12:00:00' > /etc/faketimerc").status == 0
-    return host
+    return running.set_date(SPRING)
 
 
 def log_in(host, name, password, operations="authenticate"):
@@ -87,12 +77,12 @@ def test_the_whole_of_a_log_in(host):
     ("taro", "welcome", "2026-08-25", [WELCOME, "pamtester: account management done."]),  # without password ages
 ])
 def test_password_ages_of_the_directory_count(host, name, password, date, lines):
-    assert log_in(on(host, date), name, password, "authenticate acct_mgmt") == lines
+    assert log_in(host.set_date(date), name, password, "authenticate acct_mgmt") == lines
 
 
 def test_an_account_that_has_expired_is_shut_for_every_way_in(host):
     """With a key, say, where no password was asked for."""
-    on(host, "2026-03-28")
+    host.set_date("2026-03-28")
     assert log_in(host, "ann", "", "acct_mgmt") == ["pamtester: account management done."]
     assert log_in(host, "iris", "", "acct_mgmt") == ["Account expired 10 days ago", "pamtester: User account has expired"]
 

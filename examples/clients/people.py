@@ -1,0 +1,49 @@
+#!/usr/bin/python3
+"""python-ldap: logs in, looks a person up, counts everybody page by page, and tries what
+the gateway does not do.
+
+    people.py URI AUTHORITY DN PASSWORD
+"""
+import sys
+
+import ldap
+from ldap.controls import SimplePagedResultsControl
+
+BASE = "dc=example,dc=com"
+
+
+def pages(connection, filter, attributes, size):
+    control = SimplePagedResultsControl(True, size=size, cookie="")
+    while True:
+        request = connection.search_ext(BASE, ldap.SCOPE_SUBTREE, filter, attributes, serverctrls=[control])
+        _, entries, _, controls = connection.result3(request)
+        yield entries
+        control.cookie = controls[0].cookie
+        if not control.cookie:
+            return
+
+
+def refused(call, *words):
+    try:
+        call(*words)
+    except ldap.LDAPError as error:
+        return error.args[0]["result"]
+    return 0
+
+
+uri, authority, dn, password = sys.argv[1:]
+ldap.set_option(ldap.OPT_X_TLS_CACERTFILE, authority)
+connection = ldap.initialize(uri)
+print("wrong password:", refused(connection.simple_bind_s, dn, "wrong"))
+connection.simple_bind_s(dn, password)
+print("logged in:", connection.whoami_s())
+
+[(found, entry)] = connection.search_s(BASE, ldap.SCOPE_SUBTREE, "(&(objectClass=posixAccount)(uid=ann))", ["uidNumber", "mail"])
+print("found:", found, entry["uidNumber"][0].decode(), entry["mail"][0].decode())
+print("nobody:", refused(connection.search_s, BASE, ldap.SCOPE_SUBTREE, "(&(objectClass=posixAccount)(uid=nobody-here))"))
+print("pages:", *(len(page) for page in pages(connection, "(objectClass=posixAccount)", ["uid"], 10)))
+
+print("compare:", refused(connection.compare_s, dn, "uid", b"ann"))
+print("modify:", refused(connection.modify_s, dn, [(ldap.MOD_REPLACE, "loginShell", b"/bin/zsh")]))
+print("delete:", refused(connection.delete_s, dn))
+print("password change:", refused(connection.passwd_s, dn, password, "other"))
