@@ -4,13 +4,15 @@ PYTHON := /usr/bin/python3
 CXX_FILES = $(shell git ls-files '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
-.PHONY: help run test build lint asan tsan sanitize soak fuzz bench clean
+.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz bench clean
 
 help:
 	@echo 'make run       build all, start the gateway with the example directory, look something up'
 	@echo '               PORT=, RUN_DIR=, and ONESHOT=1 to end after the look-ups'
 	@echo 'make test      unit tests and end-to-end tests'
 	@echo 'make build     build/release: the module, libvex, vexagent'
+	@echo 'make install   the module, libvex, vexagent, the unit, documents: PREFIX= (/usr), DESTDIR='
+	@echo 'make uninstall removes what the last make install put there'
 	@echo 'make lint      the format, and what clang-tidy finds'
 	@echo 'make sanitize  all tests under the sanitizers (asan, then tsan)'
 	@echo 'make soak      the long form of the tests of many requests'
@@ -55,6 +57,19 @@ setup-clients:
 build-%: setup
 	@test -f build/$*/build.ninja || cmake --preset $* > build/$*.log || { cat build/$*.log; exit 1; }
 	@ninja -C build/$* $(TARGETS)
+
+# cmake/Install.cmake says what goes where. PRESET chooses the build.
+PRESET ?= release
+PREFIX ?= /usr
+install: TARGETS := back_zanthedx vex vexagent
+install: build-$(PRESET)
+	@grep -qx 'CMAKE_INSTALL_PREFIX:PATH=$(PREFIX)' build/$(PRESET)/CMakeCache.txt || \
+	    cmake -DCMAKE_INSTALL_PREFIX='$(PREFIX)' build/$(PRESET) > build/$(PRESET).log || { cat build/$(PRESET).log; exit 1; }
+	@DESTDIR='$(DESTDIR)' cmake --install build/$(PRESET) > build/$(PRESET)-install.log || { cat build/$(PRESET)-install.log; exit 1; }
+	@echo 'Installed below $(DESTDIR)$(PREFIX). What to do next: $(PREFIX)/share/doc/zanthedx/docs/manual.md'
+
+uninstall:
+	@tools/uninstall build/$(PRESET)/install_manifest.txt '$(DESTDIR)'
 
 lint: setup-dev build
 	clang-format --dry-run -Werror $(CXX_FILES)

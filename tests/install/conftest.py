@@ -1,0 +1,25 @@
+"""Fixtures of the tests of an installation. The build folder is ZX_BUILD, as for the
+end-to-end tests, whose servers these tests run as they are installed."""
+import os
+import pathlib
+import sys
+
+os.environ["LDAPNOINIT"] = "1"
+os.environ.pop("ZX_DIRECTORY", None)
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+
+import pytest  # noqa: E402
+
+from installation import Installation  # noqa: E402
+from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+
+
+@pytest.fixture(scope="session")
+def installed(tmp_path_factory):
+    """What `make install` puts below a folder. Tests leave it as it is."""
+    return Installation(tmp_path_factory.mktemp("root"))
+
+
+@pytest.fixture
+def world(request):
+    yield from make_world(request)
