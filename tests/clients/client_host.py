@@ -87,10 +87,15 @@ class Host:
                                 capture_output=True, encoding="utf-8", errors="replace")
         return Said(result.returncode, result.stdout, result.stderr)
 
-    def start(self, name, line, socket, env=None):
-        """Starts a daemon that stays in the foreground; it is up when it answers on
-        that Unix socket."""
-        return Daemon(self, name, line, self.path(socket)).start(env)
+    def start(self, name, line, door, env=None):
+        """Starts a daemon that stays in the foreground; it is up when it answers at its
+        door, a Unix socket or a port of the loopback."""
+        return Daemon(self, name, line, door).start(env)
+
+    def answers(self, door):
+        if isinstance(door, str):
+            return accepts(socket.AF_UNIX, self.path(door))
+        return self.shell(f"python3 -c 'import socket; socket.create_connection((\"127.0.0.1\", {door}), 1)'").status == 0
 
     def start_nslcd(self):
         """nslcd, on the day that set_date() says: it looks at password ages. The day comes
@@ -130,18 +135,18 @@ class Daemon(Server):
 
     COMMAND = ("unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--", "sh", "-c", '"$@"; exit', "sh")
 
-    def __init__(self, host, name, line, socket_file):
+    def __init__(self, host, name, line, door):
         super().__init__(name, host.folder, host.servers)
-        self.host, self.line, self.socket_file = host, line, socket_file
+        self.host, self.line, self.door = host, line, door
 
     def start(self, env):
         self.spawn([*self.host.inside("mount", "net", "uts"), *self.COMMAND, *self.line.split()], {**ENVIRONMENT, **(env or {})})
-        self.wait_ready(lambda: accepts(socket.AF_UNIX, self.socket_file))
+        self.wait_ready(lambda: self.host.answers(self.door))
         return self
 
     def stop(self):
         self.kill()  # the others die a moment later
-        wait_until(lambda: not accepts(socket.AF_UNIX, self.socket_file), f"{self.name} is gone")
+        wait_until(lambda: not self.host.answers(self.door), f"{self.name} is gone")
 
 
 class HostSlapd(Slapd):

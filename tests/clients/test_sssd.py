@@ -1,14 +1,13 @@
 """SSSD with the LDAP provider: the name service and log-ins, over TLS, and what it still
 answers when the gateway is down."""
 import signal
-import socket
 from concurrent.futures import ThreadPoolExecutor
 
 import psutil
 import pytest
 
 from client_host import EXAMPLES, Host
-from gateway import accepts, wait_until
+from gateway import wait_until
 
 PIPES = "/var/lib/sss/pipes"
 WELCOME = ["pamtester: successfully authenticated", "pamtester: account management done."]
@@ -23,7 +22,7 @@ def host(shared_world, tls):
         "zanthe/authority.pem": tls / "authority.pem"})
     host.slapd = host.gateway(shared_world.agent().start(), tls)
     host.sssd = host.start("sssd", "sssd --interactive --logger=stderr", f"{PIPES}/nss")
-    wait_until(lambda: accepts(socket.AF_UNIX, host.path(f"{PIPES}/pam")), "SSSD answers to PAM")
+    wait_until(lambda: host.answers(f"{PIPES}/pam"), "SSSD answers to PAM")
     return host
 
 
