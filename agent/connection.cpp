@@ -1,9 +1,11 @@
 #include "agent/connection.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <boost/asio/post.hpp>
-#include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+#include <cerrno>
 
 #include "agent/log.h"
 #include "vorn/secret.h"
@@ -53,53 +55,85 @@ void Connection::finish() {
     if (!m_busy) close();
 }
 
+// Not while a worker is at it: nothing but the work's end is waited for then.
 void Connection::close() {
     if (m_closed) return;
     m_closed = true;
     m_timer.cancel();
     error_code ignored;
     m_socket.close(ignored);
-    if (!m_busy) wipe(m_request);  // else it is the worker's, which wipes it
+    wipe(m_request);
     m_shared.service.disconnected(m_client);
     m_shared.closed(shared_from_this());
 }
 
+// A deadline that moves on, as it does with every request, costs nothing: the timer
+// finds out when it is due.
 void Connection::setDeadline(std::chrono::milliseconds time) {
-    m_timer.expires_after(time);
+    m_deadline = std::chrono::steady_clock::now() + time;
+    if (!m_armed || m_deadline < m_timer.expiry()) armTimer();
+}
+
+void Connection::armTimer() {
+    m_armed = true;
+    m_timer.expires_at(m_deadline);
     m_timer.async_wait([self = shared_from_this()](const error_code& error) {
-        // A wait that was put off meanwhile may have been due already.
-        if (!error && self->m_timer.expiry() <= std::chrono::steady_clock::now()) self->close();
+        if (error || self->m_closed) return;  // another wait has taken its place
+        self->m_armed = false;
+        if (self->m_deadline <= std::chrono::steady_clock::now()) return self->close();
+        if (self->m_deadline != Moment::max()) self->armTimer();
     });
 }
 
 void Connection::waitForRequest() {
     m_busy = false;
     if (m_lastOne) return close();
+    m_haveLength = m_haveRequest = 0;
     setDeadline(m_shared.idle);
+    waitForBytes();
+}
+
+void Connection::waitForBytes() {
     m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
         if (self->m_closed) return;
         if (error) return self->close();
-        self->readLength();
+        self->onReadable();
     });
 }
 
-void Connection::readLength() {
+// Reads what has come. Mostly that is a whole request, and no clock has to be set.
+void Connection::onReadable() {
+    if (readLength() && readBody()) return process();
+    if (m_closed) return;
     setDeadline(m_shared.timeout);
-    asio::async_read(
-        m_socket, asio::buffer(m_length), [self = shared_from_this()](const error_code& error, std::size_t) {
-            if (self->m_closed) return;
-            if (error) return self->close();
-            self->m_expected = 0;
-            for (std::size_t i = wire::kLengthBytes; i-- > 0;)
-                self->m_expected = self->m_expected << 8 | self->m_length[i];
-            if (self->m_expected == 0 || self->m_expected > wire::kMaxRequestBytes) {
-                AGENT_LOG(vorn::Logger::kWarning, "refused a frame of %zu bytes from pid %d uid %u",
-                          self->m_expected, static_cast<int>(self->m_client.pid),
-                          static_cast<unsigned>(self->m_client.uid));
-                return self->close();
-            }
-            self->readBody();
-        });
+    waitForBytes();
+}
+
+// Reads until there are so many bytes. False when they have not all come yet, or
+// never will: then the connection is closed.
+bool Connection::receive(std::uint8_t* place, std::size_t size, std::size_t& have) {
+    while (have < size) {
+        const ssize_t got = ::recv(m_socket.native_handle(), place + have, size - have, MSG_DONTWAIT);
+        if (got > 0)
+            have += static_cast<std::size_t>(got);
+        else if (got < 0 && errno == EAGAIN)
+            return false;
+        else if (got == 0 || errno != EINTR)
+            return close(), false;
+    }
+    return true;
+}
+
+bool Connection::readLength() {
+    if (m_haveLength == m_length.size()) return true;
+    if (!receive(m_length.data(), m_length.size(), m_haveLength)) return false;
+    m_expected = 0;
+    for (std::size_t i = wire::kLengthBytes; i-- > 0;) m_expected = m_expected << 8 | m_length[i];
+    if (m_expected > 0 && m_expected <= wire::kMaxRequestBytes) return true;
+    AGENT_LOG(vorn::Logger::kWarning, "refused a frame of %zu bytes from pid %d uid %u", m_expected,
+              static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
+    close();
+    return false;
 }
 
 // Makes room for the next step. A longer buffer is filled by hand, so that the
@@ -114,19 +148,15 @@ bool Connection::grow() {
     return true;
 }
 
-void Connection::readBody() {
-    const std::size_t have = m_request.size();
-    if (!grow()) return process();
-    const auto room = asio::buffer(m_request.data() + have, m_request.size() - have);
-    asio::async_read(m_socket, room, [self = shared_from_this()](const error_code& error, std::size_t) {
-        if (self->m_closed) return wipe(self->m_request);
-        if (error) return self->close();
-        self->readBody();
-    });
+bool Connection::readBody() {
+    do {
+        if (!receive(m_request.data(), m_request.size(), m_haveRequest)) return false;
+    } while (grow());
+    return true;
 }
 
 void Connection::process() {
-    m_timer.cancel();
+    m_deadline = Moment::max();
     const wire::Request* request = readRequest(m_request);
     if (request == nullptr) {
         AGENT_LOG(vorn::Logger::kWarning, "refused a malformed request of pid %d uid %u",
@@ -140,19 +170,29 @@ void Connection::process() {
         Connection& connection = *self;
         connection.work();
         // The connection goes on, and may end, in the I/O thread only.
-        asio::post(connection.m_shared.io, [self = std::move(self)] {
-            if (self->m_closed) return;
-            self->m_output.empty() ? self->waitForRequest() : self->write();
-        });
+        asio::post(connection.m_shared.io, [self = std::move(self)] { self->onWorked(); });
     });
 }
 
-// In a worker.
+// In a worker. The client need not wait for the I/O thread to wake up.
 void Connection::work() {
     std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request));
     wipe(m_request);
     m_output = frame ? std::move(*frame) : Bytes();
     m_written = 0;
+    sendAtOnce();
+}
+
+// As much as the socket takes. What failed fails once more, in the I/O thread.
+void Connection::sendAtOnce() {
+    if (m_output.empty()) return;
+    const ssize_t sent =
+        ::send(m_socket.native_handle(), m_output.data(), m_output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0) m_written = static_cast<std::size_t>(sent);
+}
+
+void Connection::onWorked() {
+    m_written < m_output.size() ? write() : onWritten(0);
 }
 
 void Connection::write() {

@@ -3,7 +3,8 @@
 // It greets, then reads one request at a time, has it worked on, and writes the
 // answer before it reads on: a client that sends faster than it reads waits in
 // its own socket. All its members are used by the thread of the I/O context;
-// while a request is worked on, its frame belongs to the worker.
+// while a request is worked on, the frames are the worker's, who writes as much
+// of the answer as the socket takes, and nobody else touches the socket.
 #pragma once
 
 #include <array>
@@ -47,24 +48,36 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void close();
 
   private:
+    using Moment = std::chrono::steady_clock::time_point;
+
     void waitForRequest();
-    void readLength();
-    void readBody();
+    void waitForBytes();
+    void onReadable();
+    bool readLength();
+    bool readBody();
+    bool receive(std::uint8_t* place, std::size_t size, std::size_t& have);
     bool grow();
     void process();
     void work();
+    void onWorked();
+    void sendAtOnce();
     void write();
     void onWritten(std::size_t bytes);
     void setDeadline(std::chrono::milliseconds time);
+    void armTimer();
 
     Socket m_socket;
     boost::asio::steady_timer m_timer;
+    Moment m_deadline = Moment::max();  // of what is waited for; the timer may be due earlier
+    bool m_armed = false;
     const Client m_client;
     const Shared& m_shared;
 
     std::array<std::uint8_t, vex::wire::kLengthBytes> m_length{};
-    std::size_t m_expected = 0;  // bytes of the frame being read
+    std::size_t m_haveLength = 0;  // bytes of it that are there
+    std::size_t m_expected = 0;    // bytes of the frame being read
     Bytes m_request;
+    std::size_t m_haveRequest = 0;
     Bytes m_output;
     std::size_t m_written = 0;
     bool m_busy = false;     // a request is being worked on or answered

@@ -24,6 +24,15 @@ namespace {
 
 constexpr int kSoonMs = 20'000;
 
+// A frame as it is sent: its length first.
+Bytes framed(const Bytes& body) {
+    Bytes frame;
+    for (std::size_t i = 0; i < wire::kLengthBytes; ++i)
+        frame.push_back(static_cast<std::uint8_t>(body.size() >> 8 * i));
+    frame.insert(frame.end(), body.begin(), body.end());
+    return frame;
+}
+
 // A client that may send anything.
 class RawClient {
   public:
@@ -42,13 +51,7 @@ class RawClient {
         return ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(bytes.size());
     }
-    bool sendFrame(const Bytes& body) const {
-        Bytes frame;
-        for (std::size_t i = 0; i < wire::kLengthBytes; ++i)
-            frame.push_back(static_cast<std::uint8_t>(body.size() >> 8 * i));
-        frame.insert(frame.end(), body.begin(), body.end());
-        return send(frame);
-    }
+    bool sendFrame(const Bytes& body) const { return send(framed(body)); }
     // So many bytes; fewer when the agent closes.
     Bytes receive(std::size_t size) const {
         Bytes bytes;
@@ -96,6 +99,9 @@ class ServerTest : public ::testing::Test {
         ServerOptions options;
         options.timeout = timeout;
         options.maxClients = maxClients;
+        run(options);
+    }
+    void run(const ServerOptions& options) {
         m_server = std::make_unique<Server>(m_io, m_service, m_pool, options);
         m_file = std::make_unique<SocketFile>(SocketOptions{path(), 0600});
         m_server->listen(m_file->release());
@@ -148,10 +154,7 @@ TEST_F(ServerTest, AFrameInPiecesIsOne) {
     run();
     const RawClient client(path());
     ASSERT_TRUE(client.isGreeted());
-    const Bytes body = loginFrame(5, "ann", std::string(200'000, 'x'));
-    Bytes frame = {static_cast<std::uint8_t>(body.size()), static_cast<std::uint8_t>(body.size() >> 8),
-                   static_cast<std::uint8_t>(body.size() >> 16), 0};
-    frame.insert(frame.end(), body.begin(), body.end());
+    const Bytes frame = framed(loginFrame(5, "ann", std::string(200'000, 'x')));
     for (std::size_t at = 0; at < frame.size(); at += 33'333)
         ASSERT_TRUE(client.send(
             Bytes(frame.begin() + static_cast<std::ptrdiff_t>(at),
@@ -220,6 +223,52 @@ TEST_F(ServerTest, SilenceBetweenRequestsIsNoFault) {
     ASSERT_TRUE(half.isClosed());
     ASSERT_TRUE(client.sendFrame(healthFrame(1)));
     EXPECT_EQ(client.receiveReply().code, VEX_OK);
+}
+
+TEST_F(ServerTest, WhoAsksNothingForLongIsDropped) {
+    ServerOptions options;
+    options.idle = std::chrono::milliseconds(300);
+    run(options);
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    // Each request puts the end off.
+    const auto twice = std::chrono::steady_clock::now() + 2 * options.idle;
+    do {
+        ASSERT_TRUE(client.sendFrame(healthFrame(1)));
+        ASSERT_EQ(client.receiveReply().id, 1u);
+    } while (std::chrono::steady_clock::now() < twice);
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_GT(std::chrono::steady_clock::now(), twice + options.idle / 2);
+}
+
+TEST_F(ServerTest, RequestsInOnePieceAreAnsweredInTurn) {
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    Bytes both;
+    for (std::uint32_t id : {1u, 2u}) {
+        const Bytes frame = framed(healthFrame(id));
+        both.insert(both.end(), frame.begin(), frame.end());
+    }
+    ASSERT_TRUE(client.send(both));
+    EXPECT_EQ(client.receiveReply().id, 1u);
+    EXPECT_EQ(client.receiveReply().id, 2u);
+}
+
+TEST_F(ServerTest, AnAnswerLargerThanTheSocketTakesArrivesWhole) {
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    ASSERT_TRUE(client.sendFrame(searchFrame(1, "large")));
+    const Bytes length = client.receive(wire::kLengthBytes);
+    ASSERT_EQ(length.size(), wire::kLengthBytes);
+    const std::size_t size = length[0] | length[1] << 8 | length[2] << 16 | std::size_t{length[3]} << 24;
+    ASSERT_GT(size, std::size_t{16} << 20);
+    const Bytes body = client.receive(size);
+    ASSERT_EQ(body.size(), size);
+    EXPECT_GE(std::count(body.begin(), body.end(), 'x'), 16 << 20);
+    ASSERT_TRUE(client.sendFrame(healthFrame(2)));
+    EXPECT_EQ(client.receiveReply().id, 2u);
 }
 
 TEST_F(ServerTest, WhoDoesNotReadIsDropped) {
