@@ -18,7 +18,7 @@ import subprocess
 import sys
 import urllib.parse
 
-from gateway import ROOT, SANITIZER, SECONDS, SLAPD, Server, Slapd, accepts, wait_until
+from gateway import ROOT, SECONDS, SLAPD, Server, Slapd, accepts, wait_until
 
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLES = ROOT / "examples/clients"
@@ -28,6 +28,9 @@ USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/
 NAME, GATEWAY = "build01.example.com", "gateway.example.com"
 SPRING = "2026-03-01"  # the password dates of the example are good for another 167 days
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
+
+# The folders of all hosts that there have been.
+HOSTS = set()
 
 
 @dataclasses.dataclass
@@ -55,6 +58,7 @@ class Host:
         for name, source in (files or {}).items():
             self.copy(source, name)
         self.holder = Holder(self)
+        HOSTS.add(str(self.folder))
 
     def write_accounts(self):
         """The host's own: none of the machine's is known there."""
@@ -83,7 +87,7 @@ class Host:
 
     def shell(self, line, text=""):
         """Runs a line of shell to its end."""
-        result = subprocess.run([*self.inside("mount", "net", "uts"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=SECONDS,
+        result = subprocess.run([*self.inside("mount", "net", "uts"), "sh", "-c", line], input=text, env=ENVIRONMENT, timeout=3 * SECONDS,
                                 capture_output=True, encoding="utf-8", errors="replace")
         return Said(result.returncode, result.stdout, result.stderr)
 
@@ -118,14 +122,15 @@ class Holder(Server):
 
     def __init__(self, host):
         super().__init__("host", host.folder, host.servers)
-        read, self.alive = os.pipe()
+        read, write = os.pipe()
+        self.alive = os.fdopen(write, "w")
         with os.fdopen(read) as stdin:
             self.spawn(["unshare", "--mount", "--net", "--uts", "--propagation", "private", "--", sys.executable,
                         HERE / "namespace.py", host.folder, PACKAGES, NAME], stdin=stdin)
         self.wait_ready(lambda: "ready" in self.log())
 
     def stop(self):
-        os.close(self.alive)
+        self.alive.close()
         self.process.wait(SECONDS)
 
 
@@ -160,7 +165,7 @@ class HostSlapd(Slapd):
         if tls is not None:
             self.urls += " ldaps://127.0.0.1/"
             lines += [f'TLSCertificateFile "{tls}/slapd.pem"', f'TLSCertificateKeyFile "{tls}/slapd-key.pem"']
-        super().__init__(host.folder, host.servers, globals=lines, **parts)
+        super().__init__(host.folder, host.servers, globals=lines, directives=(*self.DIRECTIVES, "dirgate.cache.enabled true"), **parts)
         self.uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
 
     def launch(self):

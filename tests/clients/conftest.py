@@ -13,8 +13,11 @@ import pytest  # noqa: E402
 from directories import DIRECTORY  # noqa: E402
 from gateway import BUILD  # noqa: E402
 from client_host import GATEWAY, UNPACKED  # noqa: E402
+import machine  # noqa: E402
 from host import make_authority, make_certificate  # noqa: E402
 from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+
+BEFORE = pytest.StashKey()
 
 
 def pytest_sessionstart(session):
@@ -22,10 +25,17 @@ def pytest_sessionstart(session):
         pytest.exit(f"{BUILD} is not built: run make build", returncode=2)
     if not (UNPACKED / "list").exists():
         pytest.exit(f"{UNPACKED} is not there: run make setup-clients", returncode=2)
+    session.config.stash[BEFORE] = machine.state()
 
 
 def pytest_sessionfinish(session):
     DIRECTORY.close()
+
+
+@pytest.fixture
+def machine_before(request):
+    """What the machine was like before the first test."""
+    return request.config.stash[BEFORE]
 
 
 @pytest.fixture
