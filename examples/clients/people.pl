@@ -38,5 +38,7 @@ print "pages: @sizes\n";
 
 print 'compare: ', $ldap->compare($dn, attr => 'uid', value => 'ann')->code, "\n";
 print 'modify: ', $ldap->modify($dn, replace => { loginShell => '/bin/zsh' })->code, "\n";
+print 'add: ', $ldap->add("cn=new,$base", attrs => [objectClass => 'person', cn => 'new', sn => 'new'])->code, "\n";
+print 'rename: ', $ldap->moddn($dn, newrdn => 'cn=new')->code, "\n";
 print 'delete: ', $ldap->delete($dn)->code, "\n";
 print 'password change: ', $ldap->set_password(user => $dn, oldpasswd => $password, newpasswd => 'other')->code, "\n";

@@ -45,5 +45,7 @@ print("pages:", *(len(page) for page in pages(connection, "(objectClass=posixAcc
 
 print("compare:", refused(connection.compare_s, dn, "uid", b"ann"))
 print("modify:", refused(connection.modify_s, dn, [(ldap.MOD_REPLACE, "loginShell", b"/bin/zsh")]))
+print("add:", refused(connection.add_s, f"cn=new,{BASE}", [("objectClass", [b"person"]), ("cn", [b"new"]), ("sn", [b"new"])]))
+print("rename:", refused(connection.rename_s, dn, "cn=new"))
 print("delete:", refused(connection.delete_s, dn))
 print("password change:", refused(connection.passwd_s, dn, password, "other"))

@@ -51,6 +51,8 @@ print("pages:", *(len(page) for page in pages(connection, "(objectClass=posixAcc
 
 print("compare:", result(connection.compare(dn, "uid", "ann")))
 print("modify:", result(connection.modify(dn, {"loginShell": [(ldap3.MODIFY_REPLACE, ["/bin/zsh"])]})))
+print("add:", result(connection.add(f"cn=new,{BASE}", "person", {"cn": "new", "sn": "new"})))
+print("rename:", result(connection.modify_dn(dn, "cn=new")))
 print("delete:", result(connection.delete(dn)))
 connection.extend.standard.modify_password(dn, password, "other")
 print("password change:", result(None))

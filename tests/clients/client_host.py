@@ -101,12 +101,15 @@ class Host:
             return accepts(socket.AF_UNIX, self.path(door))
         return self.shell(f"python3 -c 'import socket; socket.create_connection((\"127.0.0.1\", {door}), 1)'").status == 0
 
-    def start_nslcd(self):
-        """nslcd, on the day that set_date() says: it looks at password ages. The day comes
-        from a file, as it clears its environment."""
-        self.set_date(SPRING)
-        return self.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", {
-            "LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+    def start_nslcd(self, date=None):
+        """nslcd; on a date, when one is given: it looks at password ages. set_date()
+        changes it."""
+        faketime = {}
+        if date is not None:
+            self.set_date(date)  # in a file, as nslcd clears its environment
+            faketime = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1",
+                        "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        return self.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", faketime)
 
     def set_date(self, date):
         assert self.shell(f"echo '@{date} 12:00:00' > /etc/faketimerc").status == 0

@@ -14,6 +14,8 @@ nobody: 32
 pages: 10 10 10 8
 compare: 53
 modify: 53
+add: 53
+rename: 53
 delete: 53
 password change: 53
 """

@@ -2,7 +2,7 @@
 id(1) then say."""
 import pytest
 
-from client_host import EXAMPLES, Host
+from client_host import EXAMPLES, GATEWAY, Host
 
 NOT_FOUND = 2  # getent's exit status
 
@@ -151,6 +151,9 @@ INNETGR = "import ctypes, sys; print(ctypes.CDLL(None).innetgr(*(word.encode() i
     ("kernel-people", "", "ben", "example.com", 1),
     ("kernel-people", "", "ben", "elsewhere.com", 0),
     ("kernel-people", "", "ann", "", 0),
+    ("kernel-people", "build01.example.com", "ben", "", 0),  # its triples have no host, and "-" is not "any"
+    ("kernel-people", "-", "ben", "", 1),
+    ("loop-a", "b.example.com", "anybody", "any.where", 1),  # what is empty is any
     ("all-hosts", "build02.example.com", "", "", 1),  # of a group in it
     ("all-hosts", "ben", "", "", 0),
     ("nobody-here", "", "ben", "", 0),
@@ -158,3 +161,35 @@ INNETGR = "import ctypes, sys; print(ctypes.CDLL(None).innetgr(*(word.encode() i
 def test_innetgr(host, group, machine, user, domain, within):
     said = host.shell(f"python3 -c '{INNETGR}' '{group}' '{machine}' '{user}' '{domain}'")
     assert said.out == f"{within}\n", said
+
+
+# ---- other settings than the example's
+
+def changed(world, tls, *lines):
+    """A host whose nslcd.conf has these lines in the place of those that begin alike."""
+    kept = [line for line in (EXAMPLES / "nslcd.conf").read_text(encoding="utf-8").splitlines()
+            if not line.startswith(tuple(line.split()[0] for line in lines))]
+    (world.folder / "nslcd.conf").write_text("\n".join([*kept, *lines, ""]), encoding="utf-8")
+    host = Host(world, {"nslcd.conf": world.folder / "nslcd.conf", "nsswitch.conf": EXAMPLES / "nsswitch.conf",
+                        "zanthe/authority.pem": tls / "authority.pem"})
+    host.slapd = host.gateway(world.agent().start(), tls)
+    host.start_nslcd()
+    return host
+
+
+def test_ignorecase(world, tls):
+    host = changed(world, tls, "ignorecase yes")
+    assert host.shell("getent passwd ANN").out.endswith(":20001:10000:Ann Lee:/home/ann:/bin/bash\n")
+    assert members(host.shell("getent group Kernel").out) == {"ben", "chloe"}
+
+
+def test_tls(world, tls):
+    host = changed(world, tls, f"uri ldaps://{GATEWAY}/", "tls_cacertfile /etc/zanthe/authority.pem")
+    assert host.shell("getent passwd ann").status == 0
+    assert host.shell("id -G sven").out.split()[0] == "10020"
+
+
+def test_tls_with_a_certificate_of_somebody_else(world, tls):
+    host = changed(world, tls, f"uri ldaps://{GATEWAY}/", "tls_cacertfile /etc/ssl/certs/ca-certificates.crt",
+                   "reconnect_sleeptime 1", "reconnect_retrytime 1")
+    assert host.shell("getent passwd ann").status == NOT_FOUND

@@ -15,7 +15,7 @@ REFUSED = "pamtester: Authentication failure"
 def running(shared_world):
     host = Host(shared_world, FILES)
     host.gateway(shared_world.agent().start())
-    host.start_nslcd()
+    host.start_nslcd(SPRING)
     return host
 
 
@@ -87,6 +87,10 @@ def test_an_account_that_has_expired_is_shut_for_every_way_in(host):
     assert log_in(host, "iris", "", "acct_mgmt") == ["Account expired 10 days ago", "pamtester: User account has expired"]
 
 
+def test_an_account_that_is_disabled_is_shut_only_for_passwords(host):
+    assert log_in(host, "iris", "", "acct_mgmt") == ["pamtester: account management done."]
+
+
 def test_an_unknown_account(host):
     assert log_in(host, "nobody-here", "", "acct_mgmt") == ["pamtester: User not known to the underlying authentication module"]
 
@@ -97,6 +101,29 @@ def test_a_password_cannot_be_changed_and_is_not_asked_for(host):
     said = host.shell("setpriv --reuid taro --clear-groups pamtester door taro chauthtok 2>&1", "welcome\nother\nother\n")
     assert said.lines == ["Passwords are changed in Active Directory.", "pamtester: Permission denied"]
     assert log_in(host, "taro", "welcome") == [WELCOME]
+
+
+def host_without(world, setting):
+    """With the example's nslcd.conf but for one line."""
+    lines = (EXAMPLES / "nslcd.conf").read_text(encoding="utf-8").splitlines()
+    kept = [line for line in lines if not line.startswith(setting)]
+    assert len(kept) == len(lines) - 1
+    (world.folder / "nslcd.conf").write_text("\n".join([*kept, ""]), encoding="utf-8")
+    host = Host(world, {**FILES, "nslcd.conf": world.folder / "nslcd.conf"})
+    host.gateway(world.agent().start())
+    host.start_nslcd(SPRING)
+    return host
+
+
+def test_nobody_gets_in_when_nslcd_searches_for_the_dn_it_was_bound_with(world):
+    assert log_in(host_without(world, "pam_authc_search"), "ann", "welcome") == [REFUSED]
+
+
+def test_a_password_change_without_the_message(world):
+    host = host_without(world, "pam_password_prohibit_message")
+    said = host.shell("setpriv --reuid taro --clear-groups pamtester door taro chauthtok 2>&1", "welcome\nother\nother\n")
+    assert said.out == ("(current) LDAP Password: New password: Retype new password: "
+                        "password change failed: operation not supported for current user\npamtester: Permission denied\n")
 
 
 # ---- the gateway away: last, as it does not come back

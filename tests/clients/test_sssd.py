@@ -6,7 +6,7 @@ from concurrent.futures import ThreadPoolExecutor
 import psutil
 import pytest
 
-from client_host import EXAMPLES, Host
+from client_host import EXAMPLES, GATEWAY, Host
 from gateway import wait_until
 
 PIPES = "/var/lib/sss/pipes"
@@ -15,15 +15,18 @@ REFUSED = ["pamtester: Authentication failure"]
 NOT_FOUND = 2  # getent's exit status
 
 
-@pytest.fixture(scope="module")
-def host(shared_world, tls):
-    host = Host(shared_world, {
-        "sssd/sssd.conf": EXAMPLES / "sssd.conf", "nsswitch.conf": EXAMPLES / "nsswitch-sss.conf", "pam.d/door": EXAMPLES / "pam-sss",
-        "zanthe/authority.pem": tls / "authority.pem"})
-    host.slapd = host.gateway(shared_world.agent().start(), tls)
+def start(world, tls, settings=EXAMPLES / "sssd.conf", encrypted=True):
+    host = Host(world, {"sssd/sssd.conf": settings, "nsswitch.conf": EXAMPLES / "nsswitch-sss.conf", "pam.d/door": EXAMPLES / "pam-sss",
+                        "zanthe/authority.pem": tls / "authority.pem"})
+    host.slapd = host.gateway(world.agent().start(), tls if encrypted else None)
     host.sssd = host.start("sssd", "sssd --interactive --logger=stderr", f"{PIPES}/nss")
     wait_until(lambda: host.answers(f"{PIPES}/pam"), "SSSD answers to PAM")
     return host
+
+
+@pytest.fixture(scope="module")
+def host(shared_world, tls):
+    return start(shared_world, tls)
 
 
 def log_in(host, name, password):
@@ -48,6 +51,11 @@ def test_getent_passwd(host, key, line):
                                   "group mailing-list", "group 29999", "netgroup nobody-here"])
 def test_getent_of_nobody_and_nothing(host, line):
     assert host.shell(f"getent {line}").status == NOT_FOUND
+
+
+def test_the_lists_are_the_hosts_own(host):
+    """SSSD enumerates only when it is told to."""
+    assert len(host.shell("getent passwd").lines) == len(host.shell("getent --service=files passwd").lines) == 4
 
 
 @pytest.mark.parametrize("key, name, people", [
@@ -111,6 +119,14 @@ def test_the_certificate_is_checked(host):
     line = "ldapsearch -x -H ldaps://gateway.example.com/ -b dc=example,dc=com -s base"
     assert host.shell(f"LDAPTLS_CACERT=/etc/zanthe/authority.pem {line}").status == 0
     assert host.shell(line).status != 0
+
+
+def test_no_password_crosses_unencrypted(world, tls):
+    settings = (EXAMPLES / "sssd.conf").read_text(encoding="utf-8").replace(f"ldaps://{GATEWAY}/", "ldap://127.0.0.1/")
+    (world.folder / "sssd.conf").write_text(settings, encoding="utf-8")
+    host = start(world, tls, world.folder / "sssd.conf", encrypted=False)
+    assert host.shell("getent passwd ann").status == 0
+    assert log_in(host, "ann", "welcome") == REFUSED
 
 
 def test_a_password_cannot_be_changed_and_the_person_is_told_at_the_end(host):

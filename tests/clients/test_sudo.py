@@ -2,7 +2,7 @@
 as the name service and for the passwords."""
 import pytest
 
-from client_host import EXAMPLES, NAME, Host
+from client_host import EXAMPLES, NAME, SPRING, Host
 
 FILES = {"nslcd.conf": "nslcd.conf", "nsswitch.conf": "nsswitch.conf", "pam.d/sudo": "pam-ldap", "sudoers": "sudoers"}
 
@@ -11,7 +11,7 @@ FILES = {"nslcd.conf": "nslcd.conf", "nsswitch.conf": "nsswitch.conf", "pam.d/su
 def host(shared_world):
     host = Host(shared_world, {name: EXAMPLES / file for name, file in FILES.items()})
     host.gateway(shared_world.agent().start())
-    host.start_nslcd()
+    host.start_nslcd(SPRING)
     return host
 
 
