@@ -1,0 +1,191 @@
+"""The installed service on a host of its own: its unit under a real systemd, its users,
+what it may do and what not, and slapd beside it as Debian runs it."""
+import json
+import pathlib
+import re
+
+import pytest
+
+from gateway import SUFFIX, wait_until
+from host import Host
+from installation import DOCUMENTS
+
+PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
+ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
+UNIT = "/usr/lib/systemd/system/vexagent.service"
+EXPOSURE = 16  # tenths, of 100; below 20 is systemd's "OK"
+PROBE = pathlib.Path(__file__).resolve().parent / "probe.py"
+
+
+@pytest.fixture(scope="module")
+def host(installed, tmp_path_factory):
+    """A host with the gateway set up on it as the manual tells, both servers running."""
+    with Host(installed, tmp_path_factory.mktemp("host")) as host:
+        examples = f"/{DOCUMENTS}/examples"
+        host.run("mkdir", "-p", "/etc/zanthe")
+        host.run("cp", f"{examples}/zanthe.conf", f"{examples}/example.ldif", "/etc/zanthe")
+        host.run("cp", f"{examples}/slapd.conf", "/etc/ldap/slapd.conf")
+        host.run("sed", "-i", "s|^SLAPD_CONF=.*|SLAPD_CONF=/etc/ldap/slapd.conf|", "/etc/default/slapd")
+        host.run("systemctl", "start", "vexagent")
+        host.run("systemctl", "start", "slapd")
+        yield host
+
+
+def main_pid(host):
+    return int(host.run("systemctl", "show", "-P", "MainPID", "vexagent"))
+
+
+def look_up(host, *options):
+    return host.tell("ldapsearch", "-x", "-LLL", "-H", "ldap://127.0.0.1", "-b", SUFFIX, *options, PEOPLE, "uid")
+
+
+def found(host):
+    return "uid: ann" in look_up(host).stdout.splitlines()
+
+
+# ---- the unit
+
+def test_systemd_has_nothing_to_say_about_the_unit(host):
+    result = host.tell("systemd-analyze", "verify", "--man=no", UNIT)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+def test_its_exposure(host):
+    report = host.run("systemd-analyze", "security", "--offline=true", "--no-pager", f"--threshold={EXPOSURE}", UNIT)
+    exposure = float(re.search(r"Overall exposure level for \S+: ([\d.]+) ", report)[1])
+    assert 10 * exposure <= EXPOSURE
+
+
+def test_who_belongs_to_what(host):
+    groups = {name: host.run("getent", "group", name).strip().split(":")[3] for name in ("zanthe", "vexagent")}
+    assert sorted(groups["zanthe"].split(",")) == ["openldap", "vexagent"]
+    assert groups["vexagent"] == "", "nobody but the agent, whose first group it is"
+    entry = host.run("getent", "passwd", "vexagent").strip().split(":")
+    assert entry[5:] == ["/var/lib/zanthe", "/usr/sbin/nologin"]
+
+
+def test_where_its_files_lie(host):
+    modes = host.run("stat", "-c", "%n %A %U %G", "/run/zanthe", "/run/zanthe/vexagent.sock", "/var/lib/zanthe",
+                     "/var/lib/zanthe/directory.ldb", "/var/zanthe/tmp", "/etc/zanthe")
+    assert modes.splitlines() == [
+        "/run/zanthe drwxr-x--- vexagent zanthe",
+        "/run/zanthe/vexagent.sock srw-rw---- vexagent zanthe",
+        "/var/lib/zanthe drwx------ vexagent zanthe",
+        "/var/lib/zanthe/directory.ldb -rw------- vexagent zanthe",
+        "/var/zanthe/tmp drwx------ openldap openldap",
+        "/etc/zanthe drwxr-xr-x root root",
+    ]
+
+
+# ---- what works under it
+
+def test_slapd_as_another_user_looks_people_up(host):
+    assert host.run("ps", "-C", "slapd", "-o", "user=").strip() == "openldap"
+    assert found(host)
+
+
+def test_slapd_has_passwords_checked(host):
+    assert look_up(host, "-D", ANN, "-w", "welcome").returncode == 0
+    assert look_up(host, "-D", ANN, "-w", "wrong").returncode == 49
+
+
+def test_it_ends_in_order_and_comes_back(host):
+    host.run("systemctl", "stop", "vexagent")
+    assert host.run("systemctl", "show", "-P", "Result", "vexagent").strip() == "success"
+    assert host.tell("test", "-e", "/run/zanthe/vexagent.sock").returncode == 1
+    assert look_up(host, "-D", ANN, "-w", "other than before").returncode == 52
+    host.run("systemctl", "start", "vexagent")
+    assert found(host)
+
+
+def test_it_is_started_again_when_it_fails(host):
+    before = main_pid(host)
+    host.run("kill", "-KILL", before)
+    wait_until(lambda: main_pid(host) not in (0, before) and found(host), "another agent answers")
+
+
+def test_a_reload_reads_the_log_levels_anew(host):
+    before = main_pid(host)
+    host.run("sed", "-i", "$ a log.syslog.level.vexagent = 1", "/etc/zanthe/zanthe.conf")
+    host.run("systemctl", "reload", "vexagent")
+    def journal_tells():
+        look_up(host, "-D", ANN, "-w", "wrong")
+        return f'authenticate "{ANN}" from pid ' in host.run("journalctl", "-q", "--no-pager", "-o", "cat", "_COMM=vexagent")
+    wait_until(journal_tells, "the journal shows a log-in")
+    assert main_pid(host) == before
+
+
+def test_slapd_can_write_what_the_cache_holds(host):
+    assert look_up(host, "-D", ANN, "-w", "welcome").returncode == 0  # what may be cached is known now
+    assert found(host)
+    host.run("sh", "-c", "kill -USR1 $(cat /run/slapd/slapd.pid)")
+    wait_until(lambda: host.tell("sh", "-c", "grep -qs 'sAMAccountName:ann' /var/zanthe/tmp/dirgate.cache.out_*").returncode == 0,
+               "the dump is there")
+    assert host.run("sh", "-c", "stat -c '%A %U' /var/zanthe/tmp/*").splitlines()[0] == "-r-------- openldap"
+
+
+# ---- what does not
+
+def test_its_process_has_no_privilege(host):
+    status = host.status(main_pid(host))
+    user = int(host.run("id", "-u", "vexagent"))
+    assert [int(word) for word in status["Uid"].split()] == [user] * 4
+    assert {int(status[name], 16) for name in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb")} == {0}
+    assert (status["NoNewPrivs"], status["Seccomp"]) == ("1", "2")
+
+
+@pytest.mark.parametrize("user, group, refused", [("openldap", "openldap", False), ("nobody", "nogroup", True)])
+def test_who_can_ask_the_agent(host, user, group, refused):
+    program = "import socket; socket.socket(socket.AF_UNIX).connect('/run/zanthe/vexagent.sock')"
+    result = host.tell("setpriv", "--reuid", user, "--regid", group, "--init-groups", "/usr/bin/python3", "-c", program)
+    assert ("PermissionError" in result.stderr, result.returncode != 0) == (refused, refused)
+
+
+@pytest.fixture(scope="module")
+def keytab(host):
+    """A machine's keytab, as the manual has it: root's, and the agent's to read."""
+    host.run("ktutil", text="addent -password -p HOST1$@EXAMPLE.COM -k 1 -e aes256-cts-hmac-sha1-96 -s salt\nsecret\n"
+                            "wkt /etc/krb5.keytab\nquit\n")
+    host.run("chgrp", "vexagent", "/etc/krb5.keytab")
+    host.run("chmod", "640", "/etc/krb5.keytab")
+
+
+@pytest.fixture(scope="module")
+def attempts(host, keytab):
+    """How the probe's attempts end in the agent's place: under the same unit, but for the program."""
+    unit = host.run("cat", UNIT)
+    unit = re.sub(r"(?m)^ExecStart=.*", "ExecStart=/usr/bin/python3 /probe.py /var/lib/zanthe/attempts", unit)
+    unit = re.sub(r"(?m)^Type=.*", "Type=oneshot", unit)
+    unit = re.sub(r"(?m)^(Restart|RestartSec)=.*\n", "", unit)
+    # The agent's runs on, and keeps its folder.
+    unit = unit.replace("RuntimeDirectory=zanthe\n", "RuntimeDirectory=zanthe\nRuntimeDirectoryPreserve=yes\n")
+    host.run("sh", "-c", "cat > /probe.py", text=PROBE.read_text(encoding="utf-8"))
+    host.run("sh", "-c", "cat > /etc/systemd/system/probe.service", text=unit)
+    host.run("systemctl", "daemon-reload")
+    host.run("systemctl", "start", "probe")
+    return json.loads(host.run("cat", "/var/lib/zanthe/attempts"))
+
+
+@pytest.mark.parametrize("name, errors", [
+    ("a netlink socket", {"EAFNOSUPPORT"}),
+    ("a packet socket", {"EAFNOSUPPORT"}),
+    ("writing in /etc", {"EROFS"}),
+    ("writing in /usr", {"EROFS"}),
+    ("writing in /var", {"EROFS"}),
+    ("looking into /home", {"EACCES"}),
+    ("a name space of its own", {"EPERM"}),
+    ("memory that is written and run", {"EPERM"}),
+    ("a file that runs as its owner", {"EPERM"}),
+    ("keys of the kernel", {"EPERM"}),
+    ("a device", {"ENOENT"}),
+    *((name, {""}) for name in ("its own files", "its run-time files", "temporary files", "a Unix socket", "IPv4", "IPv6",
+                                "the keytab")),
+])
+def test_what_the_unit_allows(attempts, name, errors):
+    assert attempts[name] in errors
+
+
+def test_slapd_cannot_read_the_keytab(host, keytab):
+    """It may ask the agent, and that is all: it is not the machine."""
+    result = host.tell("setpriv", "--reuid", "openldap", "--regid", "openldap", "--init-groups", "cat", "/etc/krb5.keytab")
+    assert "Permission denied" in result.stderr
