@@ -107,8 +107,9 @@ class Server:
         self.process.send_signal(number)
 
     def memory(self):
-        """Its resident memory in bytes."""
-        return psutil.Process(self.process.pid).memory_info().rss
+        """Its own resident memory in bytes, without files that it maps."""
+        memory = psutil.Process(self.process.pid).memory_info()
+        return memory.rss - memory.shared
 
     def descriptors(self):
         return psutil.Process(self.process.pid).num_fds()
