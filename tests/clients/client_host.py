@@ -171,6 +171,13 @@ class HostSlapd(Slapd):
         super().__init__(host.folder, host.servers, globals=lines, directives=(*self.DIRECTIVES, "dirgate.cache.enabled true"), **parts)
         self.uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
 
+    def sanitizer_env(self):
+        return {**super().sanitizer_env(), "LSAN_OPTIONS": f"suppressions={HERE}/leaks.supp:print_suppressions=0"}
+
+    def report_file(self):
+        """Where the world looks."""
+        return self.host.world.folder / "slapd.sanitizer"
+
     def launch(self):
         self.spawn([*self.host.inside("net"), SLAPD, "-d", self.parts.get("debug", "0"), "-f", self.config_file,
                     "-h", f"{self.urls} {self.uri}"], self.env)
