@@ -32,6 +32,18 @@ def pytest_sessionfinish(session):
     DIRECTORY.close()
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "embedded: about no directory")
+
+
+def pytest_collection_modifyitems(config, items):
+    """Tests about no directory run once."""
+    if DIRECTORY.kind != "embedded":
+        indifferent = [item for item in items if item.get_closest_marker("embedded")]
+        config.hook.pytest_deselected(items=indifferent)
+        items[:] = [item for item in items if item not in indifferent]
+
+
 @pytest.fixture
 def machine_before(request):
     """What the machine was like before the first test."""

@@ -9,6 +9,8 @@ PAGE = ROOT / "docs/clients.md"
 TEXT = PAGE.read_text(encoding="utf-8")
 QUOTES = re.findall(r"^```(\S+)\n(.*?)^```$", TEXT, re.MULTILINE | re.DOTALL)
 
+pytestmark = pytest.mark.embedded
+
 
 @pytest.mark.parametrize("file, lines", QUOTES)
 def test_what_is_quoted_stands_in_the_file(file, lines):

@@ -9,6 +9,8 @@ from gateway import ROOT
 
 LIST = ROOT / "tools/packages-clients.txt"
 
+pytestmark = pytest.mark.embedded
+
 
 def unpack(packages, folder):
     return subprocess.run([ROOT / "tools/unpack", packages, folder], capture_output=True, text=True, timeout=120)
