@@ -145,6 +145,7 @@ AdOptions adOptions(const Reader& reader) {
     }
     ad.timeout = std::chrono::seconds(reader.number(vorn::SETTING_AD_TIMEOUT, 1, 3600));
     ad.connections = static_cast<std::size_t>(reader.number(vorn::SETTING_AD_CONNECTIONS, 1, 64));
+    ad.mostGroups = static_cast<std::size_t>(reader.number(vorn::SETTING_AD_GROUPS_MAX, 1, 10'000'000));
     ad.ids = idOptions(reader);
     ad.authCache = authCacheOptions(reader);
     return ad;

@@ -45,6 +45,7 @@ TEST(Config, DefaultsOfADomain) {
     EXPECT_EQ(config.ad.tlsCa, "/etc/ssl/certs/ca-certificates.crt");
     EXPECT_EQ(config.ad.timeout, std::chrono::seconds(8));
     EXPECT_EQ(config.ad.connections, 8u);
+    EXPECT_EQ(config.ad.mostGroups, 100'000u);
     EXPECT_FALSE(config.ad.ids.fromSid);
     EXPECT_EQ(config.ad.ids.first, 200'000u);
     EXPECT_EQ(config.ad.ids.slices, 10'000u);

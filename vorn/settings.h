@@ -73,6 +73,8 @@ inline constexpr Setting SETTING_AD_TIMEOUT = {
     "ad.timeout", "8", "seconds for one request to the domain, other controllers included"};
 inline constexpr Setting SETTING_AD_CONNECTIONS = {"ad.connections", "8",
                                                    "how many connections to one domain are at work at once"};
+inline constexpr Setting SETTING_AD_GROUPS_MAX = {
+    "ad.groups.max", "100000", "how many groups the memberships of one answer may go through"};
 inline constexpr Setting SETTING_AD_IDS_FROM_SID = {
     "ad.ids.from.sid", "false", "whether accounts without numbers get ids made from their SIDs"};
 inline constexpr Setting SETTING_AD_IDS_FIRST = {"ad.ids.first", "200000", "the lowest id that is made"};

@@ -105,7 +105,7 @@ TEST(LoginResult, OfKerberos) {
         {KRB5KDC_ERR_ETYPE_NOSUPP, plain, "15 2 49 the account has no password that Kerberos could check"},
         {KRB5KRB_AP_ERR_SKEW, plain,
          "8 3 -1765328347 the clocks of this host and the controller differ too much: text"},
-        {KRB5_KDC_UNREACH, plain, "12 3 -1765328228 no controller could check the password: text"},
+        {KRB5_KDC_UNREACH, plain, "12 2 52 no KDC of the domain can be reached to check the password: text"},
         {KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN, plain, "8 3 -1765328377 the password could not be checked: text"},
     };
     for (const auto& [code, entry, expected] : cases)

@@ -34,6 +34,13 @@ ldb_context* dnContext() {
     return context.get();
 }
 
+// Whether an index leads to the few objects that a filter finds.
+bool leadsToFew(const std::string& filter) {
+    const Pool pool = newPool();
+    ParseTree* tree = nullptr;
+    return !parseFilter(pool.get(), filter, tree).ok() || isQuickAdFilter(tree);
+}
+
 // What is inside "<GUID=...>"; nothing for another base.
 std::optional<std::string> guidBase(const std::string& base) {
     if (!vorn::startsWithIgnoreCase(base, "<GUID=") || base.back() != '>') return std::nullopt;
@@ -64,6 +71,7 @@ AdDirectory::AdDirectory(const AdOptions& options)
       m_context{m_options, m_watchdog, m_tickets.get()},
       m_memory(options.authCache.enabled ? std::make_unique<AuthCache>(options.authCache, options.clock)
                                          : nullptr),
+      m_memberships(options.mostGroups),
       m_joined(*add(options.domain, Domain::Kind::Domain)) {
     // A list of servers needs nobody to look for them.
     if (!m_options.servers.empty()) m_joined.locate();
@@ -155,10 +163,7 @@ AdSource AdDirectory::source(Domain& domain) {
 // ------------------------------------------------------------------- searches
 
 bool AdDirectory::isQuick(const Query& query) const {
-    if (query.scope == LDAP_SCOPE_BASE) return true;
-    const Pool pool = newPool();
-    ParseTree* tree = nullptr;
-    return !parseFilter(pool.get(), query.filter, tree).ok() || isQuickAdFilter(tree);
+    return query.scope == LDAP_SCOPE_BASE || leadsToFew(query.filter);
 }
 
 Result AdDirectory::findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan) {
@@ -220,6 +225,7 @@ Result AdDirectory::prepare(const Query& query, Domain& domain, Domain& members,
     plan.typed = query.typed;
     plan.firstBatch = query.firstBatch;
     plan.search.attributes = attributesFor(query.view, *ids);
+    plan.search.extent = leadsToFew(plan.search.filter) ? Extent::Any : Extent::Many;
     return findBase(query, domain, deadline, plan);
 }
 

@@ -26,6 +26,9 @@ class Deadline {
         return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(m_end - now()));
     }
 
+    // Never more than a part of what is left, so that several attempts have their time.
+    milliseconds share(milliseconds most, int part) const { return std::min(most, left() / part); }
+
     // This deadline, or an earlier one.
     Deadline atMost(milliseconds time) const { return Deadline(std::min(m_end, now() + time)); }
 

@@ -17,13 +17,13 @@ constexpr std::uint16_t kCatalogPort = 3268;
 constexpr std::uint16_t kCatalogTlsPort = 3269;
 
 constexpr milliseconds kShortTime{1000};    // for a controller that failed a short while ago
+constexpr int kProbeShare = 3;              // of the time that is left, to see whether one is there
 constexpr milliseconds kTrustTime{20'000};  // for which an idle connection is taken as it is
 constexpr milliseconds kIdleTime{300'000};  // after which one is closed
 constexpr milliseconds kLocateEvery{600'000};
 constexpr milliseconds kLocateSoon{15'000};  // when nothing was found
 constexpr milliseconds kLearnTime{1000};     // for the addresses of all controllers found
 constexpr milliseconds kFreshAnswer{2000};
-constexpr std::size_t kLongPerConnection = 4;
 constexpr int kOtherSite = 1 << 16;  // above every priority
 
 double randomFraction() {
@@ -118,11 +118,11 @@ LdapStatus Domain::waitForControllers(const Deadline& deadline) {
             true};
 }
 
-bool Domain::stillThere(const Peer& peer) {
+bool Domain::stillThere(const Peer& peer, const Deadline& deadline) {
     if (m_controllers.size() < 2) return true;  // nobody else to ask
     std::unique_ptr<Link> link;
-    const Deadline deadline = Deadline::in(kShortTime);
-    return Link::openAnonymous(m_context, peer, deadline, link).ok() && link->probe(deadline).ok();
+    const Deadline end = Deadline::in(deadline.share(kShortTime, kProbeShare));
+    return Link::openAnonymous(m_context, peer, end, link).ok() && link->probe(end).ok();
 }
 
 void Domain::tend() {
@@ -159,7 +159,7 @@ void Domain::tend() {
 
 bool Domain::Lease::keep() {
     const std::lock_guard lock(m_domain->m_mutex);
-    if (m_domain->m_long >= m_domain->m_context.options.connections * kLongPerConnection) return false;
+    if (m_domain->m_long >= m_domain->mostLong()) return false;
     ++m_domain->m_long;
     m_long = true;
     return true;
@@ -215,7 +215,7 @@ void Domain::dropIdle(const Peer& peer) {
 
 LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work) {
     const Peer peer = link->peer();
-    link->setPatience([this, peer] { return stillThere(peer); });
+    link->setPatience([this, peer](const Deadline& deadline) { return stillThere(peer, deadline); });
     Lease lease(*this, std::move(link));
     LdapStatus status = work(lease);
     if (status.lost) lease.spoil();
@@ -223,15 +223,22 @@ LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work) {
 }
 
 LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work) {
+    LdapStatus status;
     std::unique_ptr<Link> link = takeIdle(peer, deadline);
     if (link) {
-        LdapStatus status = attempt(std::move(link), work);
+        status = attempt(std::move(link), work);
         // One that was idle may have been closed just now; what is lost at once says
         // nothing about the controller.
-        if (!status.lost || status.code != LDAP_SERVER_DOWN) return status;
-        dropIdle(peer);
+        const bool closed = status.lost && status.code == LDAP_SERVER_DOWN;
+        if (!closed && !status.again) return status;
+        if (closed) dropIdle(peer);
+    } else {
+        status = Link::open(m_context, m_name, peer, open, link);
+        if (status.ok()) status = attempt(std::move(link), work);
+        if (!status.again) return status;
     }
-    LdapStatus status = Link::open(m_context, m_name, peer, open, link);
+    const Deadline anew = deadline.atMost(deadline.share(kPatience, kPatienceShare));
+    status = Link::open(m_context, m_name, peer, anew, link);
     return status.ok() ? attempt(std::move(link), work) : status;
 }
 
@@ -242,7 +249,8 @@ LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
         const Peer& peer = choices[i].peer;
         const bool last = i + 1 == choices.size();
         const Deadline whole = choices[i].due ? deadline : deadline.atMost(kShortTime);
-        status = runOn(peer, last ? whole : whole.atMost(kPatience), whole, work);
+        status =
+            runOn(peer, last ? whole : whole.atMost(whole.share(kPatience, kPatienceShare)), whole, work);
         if (!status.lost) {
             m_controllers.succeeded(peer);
             m_lastAnswer = now();
@@ -292,8 +300,9 @@ LdapStatus Domain::tryPassword(const std::string& dn, const std::string& passwor
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
         std::unique_ptr<Link> link;
         const bool last = i + 1 == choices.size();
-        status = Link::openAnonymous(m_context, choices[i].peer, last ? deadline : deadline.atMost(kPatience),
-                                     link);
+        status = Link::openAnonymous(
+            m_context, choices[i].peer,
+            last ? deadline : deadline.atMost(deadline.share(kPatience, kPatienceShare)), link);
         if (status.ok()) return link->bind(dn, password, deadline);
         m_controllers.failed(choices[i].peer, now(), status.text);
     }

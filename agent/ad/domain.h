@@ -69,6 +69,9 @@ class Domain {
     // What is asked once. Never null when the status is good.
     LdapStatus info(const Deadline& deadline, std::shared_ptr<const DomainInfo>& info);
 
+    const LinkContext& context() const { return m_context; }
+    // How many leases may be kept at a time.
+    std::size_t mostLong() const { return m_context.options.connections * kLongPerConnection; }
     Controllers& controllers() { return m_controllers; }
     const std::string& name() const { return m_name; }
     Kind kind() const { return m_kind; }
@@ -93,8 +96,11 @@ class Domain {
     // Told when an answer did not come that was not asked for by run.
     void noteLost(const LdapStatus& status);
 
-    // How long one controller gets while there are others.
+    // How long one controller gets to take a connection while there are others, and
+    // at most which part of the time that is left.
     static constexpr milliseconds kPatience{2000};
+    static constexpr int kPatienceShare = 2;
+    static constexpr std::size_t kLongPerConnection = 4;
 
   private:
     struct Idle {
@@ -113,7 +119,7 @@ class Domain {
     LdapStatus runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work);
     LdapStatus attempt(std::unique_ptr<Link> link, const Work& work);
     LdapStatus readInfo(const Deadline& deadline, DomainInfo& info);
-    bool stillThere(const Peer& peer);
+    bool stillThere(const Peer& peer, const Deadline& deadline);
     void giveBack(std::unique_ptr<Link> link, bool wasLong, bool reusable);
 
     const LinkContext& m_context;

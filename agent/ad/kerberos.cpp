@@ -18,6 +18,7 @@ constexpr std::size_t kLargestReply = std::size_t{1} << 20;
 constexpr int kMostSteps = 10;
 constexpr milliseconds kConnectTime{1000};
 constexpr milliseconds kPatience{2000};  // with one controller while there is another
+constexpr int kPatienceShare = 2;        // or this part of the time that is left
 constexpr char kErrorTag = 0x7e;         // a reply that is a KRB-ERROR begins so
 
 // What the library would read from krb5.conf.
@@ -194,8 +195,9 @@ KrbStatus KdcConversation::exchange(const std::string& realm, std::string_view m
     for (std::size_t i = 0; i < choices.size() && !m_deadline.passed(); ++i) {
         const bool last = i + 1 == choices.size() || !repeatable;
         bool sent = false;
-        status =
-            ask(choices[i].peer.host, message, last ? m_deadline : m_deadline.atMost(kPatience), reply, sent);
+        status = ask(choices[i].peer.host, message,
+                     last ? m_deadline : m_deadline.atMost(m_deadline.share(kPatience, kPatienceShare)),
+                     reply, sent);
         if (status.ok()) {
             m_realm = realm;
             m_host = choices[i].peer.host;

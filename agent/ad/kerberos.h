@@ -62,8 +62,8 @@ class Kerberos {
     KrbStatus status(krb5_error_code code) const;
 
     // Asks for first credentials and carries the messages. prepare sets what the
-    // KDC is to be convinced with: a password or a keytab. What does not convince
-    // it is sent once, never again.
+    // KDC is to be convinced with: a password or a keytab, and what the credentials
+    // are to be for. What does not convince it is sent once, never again.
     using Prepare = std::function<krb5_error_code(krb5_init_creds_context)>;
     KrbStatus firstCredentials(krb5_principal client, const Prepare& prepare, krb5_creds& credentials);
 

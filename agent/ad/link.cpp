@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <fstream>
 
+#include "agent/ad/results.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
 
@@ -18,6 +20,7 @@ namespace {
 
 constexpr milliseconds kConnectTime{1000};
 constexpr milliseconds kPatience{1500};  // without a sign before the controller is looked at
+constexpr int kPatienceShare = 4;        // or this part of the time that is left
 constexpr milliseconds kGrace{100};      // before a call that is late is ended by force
 constexpr milliseconds kGoodbyeTime{200};
 constexpr std::size_t kUnderWay = 8;
@@ -75,6 +78,11 @@ bool readPassword(const std::string& file, std::string& password) {
 }
 
 }  // namespace
+
+bool isMissing(const LdapStatus& status) {
+    return status.code == LDAP_NO_SUCH_OBJECT || status.code == LDAP_INVALID_DN_SYNTAX ||
+           status.code == LDAP_REFERRAL;
+}
 
 Result resultOf(const LdapStatus& status) {
     switch (status.code) {
@@ -279,12 +287,14 @@ LdapStatus Link::start(const LdapSearch& search, const std::string& cookie, int&
     LDAP* ldap = m_ldap.get();
     berval mark = {cookie.size(), const_cast<char*>(cookie.data())};
     LDAPControl* page = nullptr;
-    int code = ldap_create_page_control(ldap, pageSize, cookie.empty() ? nullptr : &mark, 1, &page);
+    int code = LDAP_SUCCESS;
+    if (pageSize > 0)
+        code = ldap_create_page_control(ldap, pageSize, cookie.empty() ? nullptr : &mark, 1, &page);
     if (code != LDAP_SUCCESS) return failure(code);
     const std::unique_ptr<LDAPControl, FreeControls> owner(page);
     // Referrals are not followed, so none need be sent.
     LDAPControl domainScope = {const_cast<char*>("1.2.840.113556.1.4.1339"), {0, nullptr}, 0};
-    LDAPControl* controls[] = {page, &domainScope, nullptr};
+    LDAPControl* controls[] = {&domainScope, page, nullptr};
     std::vector<char*> names;
     for (const std::string& name : search.attributes) names.push_back(const_cast<char*>(name.c_str()));
     names.push_back(nullptr);
@@ -297,8 +307,9 @@ LdapStatus Link::start(const LdapSearch& search, const std::string& cookie, int&
 
 LdapStatus Link::waitFor(int id, const Deadline& deadline, LDAPMessage*& message) {
     const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), Deadline(deadline.end() + kGrace));
+    const milliseconds patience = deadline.share(kPatience, kPatienceShare);
     for (;;) {
-        const milliseconds time = std::min(deadline.left(), m_stillThere ? kPatience : deadline.left());
+        const milliseconds time = m_stillThere ? std::min(deadline.left(), patience) : deadline.left();
         timeval wait = {time.count() / 1000, time.count() % 1000 * 1000};
         const int type = ldap_result(m_ldap.get(), id, LDAP_MSG_ONE, &wait, &message);
         if (type > 0) return {};
@@ -309,7 +320,7 @@ LdapStatus Link::waitFor(int id, const Deadline& deadline, LDAPMessage*& message
             return status.lost ? status : lost(status.code, status.text);
         }
         if (deadline.passed()) return lost(LDAP_TIMEOUT, "no answer in time");
-        if (m_stillThere && !m_stillThere()) return lost(LDAP_TIMEOUT, "the controller hangs");
+        if (m_stillThere && !m_stillThere(deadline)) return lost(LDAP_UNAVAILABLE, "the controller hangs");
     }
 }
 
@@ -378,50 +389,33 @@ LdapStatus Link::next(int id, const Deadline& deadline, Event& event, Entry& ent
     }
 }
 
-// The rest of a search whose first page is under way.
-LdapStatus Link::readPages(const LdapSearch& search, int id, const Deadline& deadline, const Visitor& visit) {
-    std::string cookie;
+LdapStatus Link::readAll(Results& results, const Deadline& deadline, const Visitor& visit) {
     for (;;) {
-        Event event = Event::Entry;
         Entry entry;
-        if (LdapStatus status = next(id, deadline, event, entry, cookie); !status.ok()) return status;
-        if (event == Event::Entry) {
-            visit(std::move(entry));
-        } else {
-            if (cookie.empty()) return {};
-            if (LdapStatus status = start(search, cookie, id); !status.ok()) return status;
-        }
-    }
-}
-
-LdapStatus Link::search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit) {
-    int id = 0;
-    if (LdapStatus status = start(search, "", id); !status.ok()) return status;
-    return readPages(search, id, deadline, visit);
-}
-
-LdapStatus Link::searchPage(const LdapSearch& search, const Deadline& deadline, std::string& cookie,
-                            const Visitor& visit) {
-    int id = 0;
-    if (LdapStatus status = start(search, cookie, id); !status.ok()) return status;
-    for (;;) {
-        Event event = Event::Entry;
-        Entry entry;
-        if (LdapStatus status = next(id, deadline, event, entry, cookie); !status.ok()) return status;
-        if (event == Event::End) return {};
+        LdapStatus status = results.next(*this, deadline, entry);
+        if (!status.ok() || results.over()) return status;
         visit(std::move(entry));
     }
 }
 
+LdapStatus Link::search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit) {
+    Results results(m_context, search);
+    LdapStatus status = results.begin(*this);
+    return status.ok() ? readAll(results, deadline, visit) : status;
+}
+
 LdapStatus Link::searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
                            const Visitor& visit) {
-    std::vector<int> ids(searches.size());
+    std::deque<Results> underWay;
     std::size_t started = 0;
     for (std::size_t i = 0; i < searches.size(); ++i) {
-        for (; started < searches.size() && started < i + kUnderWay; ++started)
-            if (LdapStatus status = start(searches[started], "", ids[started]); !status.ok()) return status;
-        LdapStatus status = readPages(searches[i], ids[i], deadline, visit);
-        if (status.ok() || status.code == LDAP_NO_SUCH_OBJECT) continue;
+        for (; started < searches.size() && started < i + kUnderWay; ++started) {
+            underWay.emplace_back(m_context, searches[started]);
+            if (LdapStatus status = underWay.back().begin(*this); !status.ok()) return status;
+        }
+        LdapStatus status = readAll(underWay.front(), deadline, visit);
+        underWay.pop_front();
+        if (status.ok() || isMissing(status)) continue;
         m_lost = true;  // answers to the others are on their way
         return status;
     }

@@ -3,6 +3,7 @@
 
 #include <ldap.h>
 
+#include <atomic>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -22,9 +23,13 @@ namespace vexagent {
 struct LdapStatus {
     int code = LDAP_SUCCESS;
     std::string text{};
-    bool lost = false;  // the controller did not answer as one should: another may
+    bool lost = false;   // the controller did not answer as one should: another may
+    bool again = false;  // lost, but asked in another way the same one may answer
     bool ok() const { return code == LDAP_SUCCESS; }
 };
+
+// Whether an object is not there, or not in this directory.
+bool isMissing(const LdapStatus& status);
 
 // The same in the terms of the client interface.
 Result resultOf(const LdapStatus& status);
@@ -39,19 +44,30 @@ struct Entry {
     std::string_view first(std::string_view name) const;
 };
 
+// How much a search may find.
+enum class Extent {
+    Few,  // as much as any controller sends at once
+    Any,
+    Many  // a good part of the directory, which a controller collects before it answers
+};
+
 struct LdapSearch {
     std::string base;
     int scope = LDAP_SCOPE_SUBTREE;
     std::string filter = "(objectClass=*)";
     std::vector<std::string> attributes{};  // empty: all
+    Extent extent = Extent::Any;
 };
 
 // What the connections of an agent share. Everything outlives them.
 struct LinkContext {
     const AdOptions& options;
     Watchdog& watchdog;
-    Tickets* tickets;  // null without GSSAPI
+    Tickets* tickets;                                  // null without GSSAPI
+    mutable std::atomic<Moment> pagesUntil{Moment{}};  // until when Results asks for pages at once
 };
+
+class Results;
 
 // For one thread at a time. After a status that is lost it answers nothing else.
 class Link {
@@ -75,22 +91,19 @@ class Link {
     // Introduces somebody by name and password; only on a connection with TLS.
     LdapStatus bind(const std::string& name, const std::string& password, const Deadline& deadline);
 
-    // Asks for a page of the results; an empty cookie means the first one. id names
-    // the operation; several may be under way.
-    LdapStatus start(const LdapSearch& search, const std::string& cookie, int& id, int pageSize = kPageSize);
+    // Asks for a page of the results, an empty cookie meaning the first one; for all
+    // of them where the page's size is 0. id names the operation; several may be
+    // under way. Results does it as is best.
+    LdapStatus start(const LdapSearch& search, const std::string& cookie, int& id, int pageSize);
 
     // What comes next of an operation: an entry, or its end with the cookie of the
     // next page, which is empty after the last.
     enum class Event { Entry, End };
     LdapStatus next(int id, const Deadline& deadline, Event& event, Entry& entry, std::string& cookie);
 
-    // A whole search, page by page.
+    // A whole search.
     using Visitor = std::function<void(Entry&&)>;
     LdapStatus search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit);
-
-    // One page of a search: the one that the cookie marks, which then marks the next.
-    LdapStatus searchPage(const LdapSearch& search, const Deadline& deadline, std::string& cookie,
-                          const Visitor& visit);
 
     // Several searches with as many under way as is of use. A base that is not there
     // finds nothing.
@@ -105,7 +118,8 @@ class Link {
     bool looksUsable(std::time_t time) const;
 
     // Asked from time to time while an answer is late: false ends the wait.
-    void setPatience(std::function<bool()> stillThere) { m_stillThere = std::move(stillThere); }
+    using StillThere = std::function<bool(const Deadline&)>;
+    void setPatience(StillThere stillThere) { m_stillThere = std::move(stillThere); }
 
     const Peer& peer() const { return m_peer; }
 
@@ -122,7 +136,7 @@ class Link {
     LdapStatus bindWithTicket(const std::string& domain, const Deadline& deadline);
     LdapStatus bindAsService(const Deadline& deadline);
     LdapStatus waitFor(int id, const Deadline& deadline, LDAPMessage*& message);
-    LdapStatus readPages(const LdapSearch& search, int id, const Deadline& deadline, const Visitor& visit);
+    LdapStatus readAll(Results& results, const Deadline& deadline, const Visitor& visit);
     LdapStatus readEntry(LDAPMessage* message, Entry& entry);
     LdapStatus readEnd(LDAPMessage* message, std::string& cookie);
     LdapStatus lost(int code, const std::string& text);
@@ -133,7 +147,7 @@ class Link {
     const Peer m_peer;
     vorn::Descriptor m_socket{-1};  // the library's socket, open as long as the connection is
     std::unique_ptr<LDAP, Unbind> m_ldap;
-    std::function<bool()> m_stillThere;
+    StillThere m_stillThere;
     std::time_t m_end = 0;  // when the ticket ends; 0 for never
     bool m_lost = false;
 };

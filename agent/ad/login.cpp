@@ -93,7 +93,10 @@ Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t
                                  "the clocks of this host and the controller differ too much");
         case KRB5_KDC_UNREACH:
         case KRB5_REALM_UNKNOWN:
-            return kerberosError(VEX_UNAVAILABLE, status, "no controller could check the password");
+            // The controllers answer, but not as KDCs: to a client the domain is out of
+            // reach all the same.
+            return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE,
+                                "no KDC of the domain can be reached to check the password: " + status.text);
         default:
             return kerberosError(VEX_DIRECTORY_ERROR, status, "the password could not be checked");
     }

@@ -25,12 +25,8 @@ constexpr std::size_t kDnsPerSearch = 10;
 // What is found is remembered after so many, also when the time does not suffice for
 // all: the next request goes on from there.
 constexpr std::size_t kDnsAtOnce = 1000;
-// When so many are unknown, people are read as they come at first: up to so many
-// times their number.
-constexpr std::size_t kMany = 500;
-constexpr std::size_t kWorthReading = 3;
-constexpr std::size_t kMostPrimaries = 16;    // lists of people that are remembered
-constexpr std::size_t kMostGroups = 100'000;  // in one walk
+constexpr std::size_t kMany = 500;          // people who have the same primary group
+constexpr std::size_t kMostPrimaries = 16;  // lists of them that are remembered
 
 const std::vector<std::string> kMemberAttributes = {"objectClass",    "objectCategory", "uid",
                                                     "sAMAccountName", "uidNumber",      "objectSid",
@@ -51,9 +47,14 @@ std::vector<LdapSearch> searchesFor(const std::string& root, const char* name,
         const auto first = values.begin() + static_cast<std::ptrdiff_t>(at);
         const auto last =
             values.begin() + static_cast<std::ptrdiff_t>(std::min(at + kDnsPerSearch, values.size()));
-        searches.push_back({root, LDAP_SCOPE_SUBTREE, anyOf(name, {first, last}), attributes});
+        searches.push_back({root, LDAP_SCOPE_SUBTREE, anyOf(name, {first, last}), attributes, Extent::Few});
     }
     return searches;
+}
+
+LdapStatus tooManyGroups(std::size_t most) {
+    return {LDAP_ADMINLIMIT_EXCEEDED,
+            "membership goes through more than " + std::to_string(most) + " groups (ad.groups.max)"};
 }
 
 // Runs them all and completes what came in parts.
@@ -90,6 +91,7 @@ class MemberWalk {
     LdapStatus run(const std::vector<const Entry*>& roots, std::vector<std::vector<std::string>>& names) {
         LdapStatus status = m_domain.info(m_deadline, m_info);
         if (!status.ok()) return status;
+        m_suffix = "," + vorn::lower(m_info->root);
         for (const Entry* root : roots) addGroup(*root);
         while (status.ok() && !m_unknown.empty()) status = readLevel();
         if (status.ok()) status = readPrimaries();
@@ -115,7 +117,7 @@ class MemberWalk {
             std::string dn = vorn::lower(member);
             if (m_people.count(dn) == 0 && m_groups.count(dn) == 0) {
                 std::string name;
-                if (m_memory.find(dn, name))
+                if (!isOfDomain(dn) || m_memory.find(dn, name))
                     m_people.emplace(dn, name);
                 else
                     m_unknown.emplace(dn, member);
@@ -123,6 +125,9 @@ class MemberWalk {
             group.members.push_back(std::move(dn));
         }
     }
+
+    // Others' members cannot be found here.
+    bool isOfDomain(const std::string& dn) const { return dn.ends_with(m_suffix); }
 
     std::string sidOfDomain() const {
         // The domain's SID with one more sub-authority, 0.
@@ -133,12 +138,6 @@ class MemberWalk {
     }
 
     LdapStatus readLevel() {
-        if (m_unknown.size() > kMany && !m_enumerated && m_memory.mayEnumerate()) {
-            m_enumerated = true;
-            if (LdapStatus status = enumerate(m_unknown.size() * kWorthReading); !status.ok()) return status;
-            m_memory.enumerated();
-            if (m_unknown.empty()) return {};
-        }
         std::vector<std::string> dns;
         std::unordered_map<std::string, std::string> asked;
         while (!m_unknown.empty() && dns.size() < kDnsAtOnce) {
@@ -154,7 +153,8 @@ class MemberWalk {
             const std::string dn = vorn::lower(entry.dn);
             asked.erase(dn);
             if (categoryOf(entry) == "Group") {
-                if (m_groups.size() < kMostGroups) addGroup(entry);
+                if (m_groups.size() >= m_memory.m_mostGroups) return tooManyGroups(m_memory.m_mostGroups);
+                addGroup(entry);
             } else {
                 keep(dn, memberName(entry, m_ids));
             }
@@ -165,29 +165,6 @@ class MemberWalk {
             return m_groups.count(entry.first) != 0 || m_people.count(entry.first) != 0;
         });
         return {};
-    }
-
-    // Reads people as they come, which costs a controller a third of finding them by
-    // name, until all that are wanted are known or so many have been read.
-    LdapStatus enumerate(std::size_t most) {
-        const LdapSearch search = {
-            m_info->root, LDAP_SCOPE_SUBTREE,
-            m_ids.enabled() ? "(objectCategory=person)" : "(&(uidNumber=*)(objectCategory=person))",
-            kNameAttributes};
-        return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
-            std::size_t count = 0;
-            std::string cookie;
-            do {
-                LdapStatus status = lease->searchPage(search, m_deadline, cookie, [&](Entry&& person) {
-                    ++count;
-                    const std::string dn = vorn::lower(person.dn);
-                    keep(dn, memberName(person, m_ids));
-                    m_unknown.erase(dn);
-                });
-                if (!status.ok()) return status;
-            } while (!cookie.empty() && count < most && !m_unknown.empty());
-            return LdapStatus();
-        });
     }
 
     void keep(const std::string& dn, const std::string& name) {
@@ -220,8 +197,8 @@ class MemberWalk {
                                std::unordered_map<std::string, std::vector<std::string>>& names) {
         std::vector<std::string> attributes = kNameAttributes;
         attributes.emplace_back("primaryGroupID");
-        const std::vector<LdapSearch> searches =
-            searchesFor(m_info->root, "primaryGroupID", rids, attributes);
+        std::vector<LdapSearch> searches = searchesFor(m_info->root, "primaryGroupID", rids, attributes);
+        for (LdapSearch& search : searches) search.extent = Extent::Many;
         return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
             for (const std::string& rid : rids) names[rid].clear();
             return lease->searchAll(searches, m_deadline, [&](Entry&& person) {
@@ -258,10 +235,10 @@ class MemberWalk {
     const Ids& m_ids;
     const Deadline m_deadline;
     std::shared_ptr<const DomainInfo> m_info;
+    std::string m_suffix;                                    // of the domain's DNs, in lower case
     std::unordered_map<std::string, Group> m_groups;         // by lower-case DN, as all
     std::unordered_map<std::string, std::string> m_people;   // their names
     std::unordered_map<std::string, std::string> m_unknown;  // to their DNs
-    bool m_enumerated = false;
 };
 
 bool AdMemberships::find(const std::string& dn, std::string& name) {
@@ -288,18 +265,6 @@ void AdMemberships::keepPrimaries(const Domain& domain, const std::string& rid,
     m_primaries[domain.name() + " " + rid] = {names, now() + time};
 }
 
-bool AdMemberships::mayEnumerate() {
-    const std::lock_guard lock(m_mutex);
-    if (now() < m_enumerateAgain) return false;
-    m_enumerateAgain = now() + kRememberTime;
-    return true;
-}
-
-void AdMemberships::enumerated() {
-    const std::lock_guard lock(m_mutex);
-    m_enumerateAgain = Moment{};
-}
-
 void AdMemberships::keep(const std::string& dn, const std::string& name) {
     const std::lock_guard lock(m_mutex);
     if (m_people.size() >= kMostPeople) m_people.clear();
@@ -316,8 +281,8 @@ namespace {
 // One walk up from some people.
 class GroupWalk {
   public:
-    GroupWalk(Domain& domain, const std::string& root, const Deadline& deadline)
-        : m_domain(domain), m_root(root), m_deadline(deadline) {}
+    GroupWalk(Domain& domain, const std::string& root, std::size_t most, const Deadline& deadline)
+        : m_domain(domain), m_root(root), m_most(most), m_deadline(deadline) {}
 
     void addPerson(const Entry& person) {
         addParents(person);
@@ -339,8 +304,9 @@ class GroupWalk {
             LdapStatus status = readAll(m_domain, searches, m_deadline, groups);
             if (!status.ok()) return status;
             for (const Entry& group : groups) {
-                if (categoryOf(group) != "Group" || m_guids.size() >= kMostGroups) continue;
+                if (categoryOf(group) != "Group") continue;
                 if (!m_guids.emplace(group.first("objectGUID")).second) continue;
+                if (m_guids.size() > m_most) return tooManyGroups(m_most);
                 m_seen.insert(vorn::lower(group.dn));
                 addParents(group);
             }
@@ -357,6 +323,7 @@ class GroupWalk {
 
     Domain& m_domain;
     const std::string m_root;
+    const std::size_t m_most;
     const Deadline m_deadline;
     std::vector<std::string> m_dns;   // of groups to be read
     std::vector<std::string> m_sids;  // likewise
@@ -370,7 +337,7 @@ LdapStatus AdMemberships::groupsOf(Domain& domain, const Ids& ids, const std::st
                                    const Deadline& deadline, std::vector<std::string>& guids) {
     std::shared_ptr<const DomainInfo> info;
     LdapStatus status = domain.info(deadline, info);
-    GroupWalk walk(domain, info ? info->root : "", deadline);
+    GroupWalk walk(domain, info ? info->root : "", m_mostGroups, deadline);
     bool found = false;
     for (const char* attribute : {"sAMAccountName", "uid"}) {
         if (!status.ok() || found || memberUid.empty()) break;

@@ -2,9 +2,11 @@
 //
 // A controller keeps a group's members, and for each member the groups that it is
 // a direct member of. The way down from groups reads the members' entries by their
-// DNs, ten to a search and several searches at a time; the way up from a person
-// follows memberOf level by level. Neither visits an object twice: groups may be
-// members of each other. The primary group stands in neither and is added.
+// DNs, ten to a search and several searches at a time, so that a group costs what it
+// holds, however large its domain is; the way up from a person follows memberOf level
+// by level. Neither visits an object twice: groups may be members of each other. The
+// primary group stands in neither and is added. A walk that meets too many groups
+// (ad.groups.max) fails: what it would show is not whole.
 #pragma once
 
 #include <map>
@@ -24,6 +26,9 @@ namespace vexagent {
 // Safe for several threads.
 class AdMemberships {
   public:
+    // mostGroups is for one walk.
+    explicit AdMemberships(std::size_t mostGroups) : m_mostGroups(mostGroups) {}
+
     // The memberUid values of each of the groups: those stored with it, its members',
     // those of groups within it at any depth, and of the people whose primary group
     // it is or one within it. Sorted, each once.
@@ -65,19 +70,13 @@ class AdMemberships {
     void keepPrimaries(const Domain& domain, const std::string& rid, const std::vector<std::string>& names,
                        Moment::duration time);
 
-    // Whether to read people as they come; enumerated tells that it has ended well.
-    // After one that did not there was no time for it, and another would begin with
-    // those that are known by then.
-    bool mayEnumerate();
-    void enumerated();
-
     LdapStatus addStored(Domain& domain, const std::string& memberUid, const Deadline& deadline,
                          std::vector<std::string>& guids);
 
+    const std::size_t m_mostGroups;
     std::mutex m_mutex;
     std::unordered_map<std::string, Known> m_people;          // by lower-case DN; guarded by m_mutex
     std::map<std::string, Primaries> m_primaries;             // by domain and RID; guarded by m_mutex
-    Moment m_enumerateAgain{};                                // guarded by m_mutex
     std::map<std::string, std::shared_ptr<Stored>> m_stored;  // by domain; guarded by m_mutex
 };
 

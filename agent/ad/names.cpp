@@ -26,11 +26,6 @@ std::optional<std::string> commonName(const std::string& dn) {
     return value;
 }
 
-bool isMissing(const LdapStatus& status) {
-    return status.code == LDAP_NO_SUCH_OBJECT || status.code == LDAP_INVALID_DN_SYNTAX ||
-           status.code == LDAP_REFERRAL;
-}
-
 }  // namespace
 
 Entry* NamedEntries::only() {
@@ -44,31 +39,43 @@ LdapStatus NameFinder::find(const char* attribute, const std::string& value, std
                            m_deadline, found);
 }
 
-LdapStatus NameFinder::readRewritten(const std::string& dn, NamedEntries& found) {
+std::vector<LdapSearch> NameFinder::rewrittenFrom(const std::string& dn) const {
     const std::optional<std::string> value = commonName(dn);
     if (!value || value->empty()) return {};
     std::vector<LdapSearch> searches;
     for (const std::string& attribute : m_options.loginAttributes)
         searches.push_back(
             {vorn::DN::parent(dn), LDAP_SCOPE_ONELEVEL, anyOf(attribute.c_str(), {*value}), m_attributes});
+    return searches;
+}
+
+// Runs the searches in one go; an object that several find counts once.
+LdapStatus NameFinder::collect(const std::string& dn, const std::vector<LdapSearch>& searches,
+                               NamedEntries& found) {
     const auto isSame = [](const Entry& a) { return [&a](const Entry& b) { return a.dn == b.dn; }; };
     return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
-        found.rewritten.clear();
+        found = {};
         return lease->searchAll(searches, m_deadline, [&](Entry&& entry) {
             const bool known = std::any_of(found.real.begin(), found.real.end(), isSame(entry)) ||
                                std::any_of(found.rewritten.begin(), found.rewritten.end(), isSame(entry));
-            if (!known) found.rewritten.push_back(std::move(entry));
+            if (known) return;
+            const bool real = vorn::equalsIgnoreCase(entry.dn, dn);
+            (real ? found.real : found.rewritten).push_back(std::move(entry));
         });
     });
 }
 
 LdapStatus NameFinder::byDn(const std::string& dn, Rewritten rewritten, NamedEntries& found) {
     if (dn.find('\0') != std::string::npos || !vorn::DN::isDN(dn)) return {};
-    LdapStatus status =
-        m_domain.search({dn, LDAP_SCOPE_BASE, "(objectClass=*)", m_attributes}, m_deadline, found.real);
+    const LdapSearch itself = {dn, LDAP_SCOPE_BASE, "(objectClass=*)", m_attributes};
+    std::vector<LdapSearch> searches = rewrittenFrom(dn);
+    if (rewritten == Rewritten::Always) {
+        searches.insert(searches.begin(), itself);
+        return collect(dn, searches, found);
+    }
+    const LdapStatus status = m_domain.search(itself, m_deadline, found.real);
     if (!status.ok() && !isMissing(status)) return status;
-    if (found.real.empty() || rewritten == Rewritten::Always) status = readRewritten(dn, found);
-    return isMissing(status) ? LdapStatus() : status;
+    return found.real.empty() && !searches.empty() ? collect(dn, searches, found) : LdapStatus();
 }
 
 LdapStatus NameFinder::byPrincipal(const std::string& name, NamedEntries& found) {

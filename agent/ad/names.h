@@ -41,7 +41,8 @@ class NameFinder {
     LdapStatus find(const char* attribute, const std::string& value, std::vector<Entry>& found);
     LdapStatus byPrincipal(const std::string& name, NamedEntries& found);
     LdapStatus byAccount(const std::string& name, std::size_t backslash, NamedEntries& found);
-    LdapStatus readRewritten(const std::string& dn, NamedEntries& found);
+    std::vector<LdapSearch> rewrittenFrom(const std::string& dn) const;
+    LdapStatus collect(const std::string& dn, const std::vector<LdapSearch>& searches, NamedEntries& found);
 
     Domain& m_domain;
     const AdOptions& m_options;

@@ -47,6 +47,7 @@ struct AdOptions {
     std::string tlsCa;
     std::chrono::milliseconds timeout{8000};  // for one request, failover included
     std::size_t connections = 8;              // to one controller, idle ones included
+    std::size_t mostGroups = 100'000;         // that the memberships of one answer go through
     IdOptions ids{};
     AuthCacheOptions authCache{};
     vorn::Clock clock = vorn::systemTime;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "agent/ad/results.h"
 #include "agent/identifiers.h"
 #include "vex/wire.h"
 #include "vorn/strings.h"
@@ -31,13 +32,15 @@ LdapStatus completeRanges(Domain& domain, std::vector<Entry>& entries, const Dea
 // The state of one search on one connection.
 class AdSearch : public Cursor {
   public:
-    AdSearch(const AdSource& source, AdPlan plan) : m_source(source), m_plan(std::move(plan)) {}
+    AdSearch(const AdSource& source, AdPlan plan)
+        : m_source(source),
+          m_plan(std::move(plan)),
+          m_results(source.domain.context(), m_plan.search, pageSize()) {}
 
     // Sends the request and reads the first batch's entries.
     LdapStatus begin(Link& link, const Deadline& deadline, std::vector<Entry>& entries) {
         m_total = 0;
-        m_over = false;
-        LdapStatus status = link.start(m_plan.search, "", m_id, pageSize());
+        LdapStatus status = m_results.begin(link);
         return status.ok() ? read(link, firstBatch(), deadline, entries) : status;
     }
 
@@ -47,7 +50,7 @@ class AdSearch : public Cursor {
 
     ~AdSearch() override {
         // Entries that nobody has read are still under way.
-        if (m_lease && !m_over) m_lease->spoil();
+        if (m_lease && !atEnd()) m_lease->spoil();
     }
 
     Result next(Batch& batch) override {
@@ -58,15 +61,15 @@ class AdSearch : public Cursor {
             if (status.lost) m_source.domain.noteLost(status);
             m_lease->spoil();
             m_lease.reset();
-            m_over = true;
+            m_failed = true;
             return resultOf(status);
         }
-        if (m_over) m_lease.reset();
+        if (atEnd()) m_lease.reset();
         batch.total = m_total;
         return makeObjects(m_source, m_plan, entries, deadline, batch.objects);
     }
 
-    bool atEnd() const override { return m_over; }
+    bool atEnd() const override { return m_failed || m_results.over(); }
 
   private:
     std::size_t firstBatch() const {
@@ -88,31 +91,24 @@ class AdSearch : public Cursor {
 
     LdapStatus read(Link& link, std::size_t most, const Deadline& deadline, std::vector<Entry>& entries) {
         std::size_t bytes = 0;
-        while (!m_over && entries.size() < most && bytes < vex::wire::kBatchBytes) {
-            Link::Event event = Link::Event::Entry;
+        while (entries.size() < most && bytes < vex::wire::kBatchBytes) {
             Entry entry;
-            std::string cookie;
-            LdapStatus status = link.next(m_id, deadline, event, entry, cookie);
-            if (!status.ok()) return status;
-            if (event == Link::Event::End) {
-                m_over = cookie.empty();
-                if (m_over) break;
-                if (status = link.start(m_plan.search, cookie, m_id); !status.ok()) return status;
-            } else if (isWanted(entry)) {
-                bytes += entryBytes(entry);
-                entries.push_back(std::move(entry));
-                ++m_total;
-            }
+            LdapStatus status = m_results.next(link, deadline, entry);
+            if (!status.ok() || m_results.over()) return status;
+            if (!isWanted(entry)) continue;
+            bytes += entryBytes(entry);
+            entries.push_back(std::move(entry));
+            ++m_total;
         }
         return {};
     }
 
     const AdSource m_source;
     const AdPlan m_plan;
+    Results m_results;
     std::optional<Domain::Lease> m_lease;
-    int m_id = 0;
     std::uint64_t m_total = 0;
-    bool m_over = false;
+    bool m_failed = false;
 };
 
 }  // namespace
@@ -151,7 +147,9 @@ Result runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline
         if (search->atEnd()) return begun;
         if (!lease.keep()) {
             lease.spoil();
-            return LdapStatus{LDAP_BUSY, "too many searches of " + source.domain.name() + " are open"};
+            return LdapStatus{LDAP_BUSY, "too many searches of " + source.domain.name() +
+                                             " are open: " + std::to_string(source.domain.mostLong()) +
+                                             ", four times ad.connections"};
         }
         search->keep(std::move(lease));
         return begun;

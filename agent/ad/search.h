@@ -27,9 +27,9 @@ struct AdPlan {
     std::shared_ptr<const Ids> ids;
 };
 
-// Entries come page by page, and only as far as they are asked for: while a client
-// reads a batch the controller is at the next page. A search that has more than its
-// first batch keeps its connection until it is read to its end or given up.
+// Entries are read only as far as they are asked for; meanwhile the controller goes
+// on as far as the connection holds. A search that has more than its first batch
+// keeps its connection until it is read to its end or given up.
 Result runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline, Batch& first,
                    std::unique_ptr<Cursor>& rest);
 

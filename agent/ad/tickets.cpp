@@ -82,6 +82,30 @@ krb5_principal machineName(const Kerberos& kerberos, const KrbKeytab& keytab, co
     });
 }
 
+namespace {
+
+// What tickets for this host are made out to: its first "host/..." in the keytab, or
+// the machine's name. Null when there is neither; the caller frees it.
+krb5_principal ownName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
+    const std::string realm = realmOf(options.domain);
+    krb5_principal host = keytab.find([&](krb5_const_principal principal) {
+        return principal->length == 2 && isInRealm(principal, realm) &&
+               vorn::equalsIgnoreCase(textOf(principal->data[0]), "host");
+    });
+    return host != nullptr ? host : machineName(kerberos, keytab, options);
+}
+
+// Empty when there is no memory for it.
+std::string nameWithoutRealm(krb5_context context, krb5_const_principal principal) {
+    char* text = nullptr;
+    if (krb5_unparse_name_flags(context, principal, KRB5_PRINCIPAL_UNPARSE_NO_REALM, &text) != 0) return {};
+    const std::string name = text;
+    krb5_free_unparsed_name(context, text);
+    return name;
+}
+
+}  // namespace
+
 Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf)
     : m_options(options), m_controllersOf(std::move(controllersOf)) {
     setEnvironment(options.domain);
@@ -167,30 +191,29 @@ PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, cons
     if (const krb5_error_code code = buildPrincipal(context, realmOf(domain), {account}, client.place());
         code != 0)
         return {kerberos.status(code)};
+    const KrbKeytab keytab(kerberos, options.keytab);
+    const KrbPrincipal self(context, keytab.status().ok() ? ownName(kerberos, keytab, options) : nullptr);
+    // What is wanted is a ticket for this host, to be checked with the keytab. A KDC of
+    // the host's own realm gives it at once, without one for tickets before it.
+    const bool atOnce = self.get() != nullptr && isInRealm(self.get(), realmOf(domain));
+    const std::string service = atOnce ? nameWithoutRealm(context, self.get()) : "";
     KrbCredentials credentials(context);
     const KrbStatus status = kerberos.firstCredentials(
         client.get(),
         [&](krb5_init_creds_context creds) {
-            return krb5_init_creds_set_password(context, creds, password.c_str());
+            const krb5_error_code code =
+                service.empty() ? 0 : krb5_init_creds_set_service(context, creds, service.c_str());
+            return code != 0 ? code : krb5_init_creds_set_password(context, creds, password.c_str());
         },
         credentials.get());
     if (!status.ok()) return {status};
-
-    const KrbKeytab keytab(kerberos, options.keytab);
     if (!keytab.status().ok()) return {keytab.status(), false};
-    const std::string realm = realmOf(options.domain);
-    const KrbPrincipal host(context, keytab.find([&](krb5_const_principal principal) {
-        return principal->length == 2 && isInRealm(principal, realm) &&
-               vorn::equalsIgnoreCase(textOf(principal->data[0]), "host");
-    }));
-    const KrbPrincipal machine(context, machineName(kerberos, keytab, options));
-    krb5_principal self = host.get() != nullptr ? host.get() : machine.get();
-    if (self == nullptr) return {kerberos.status(KRB5_KT_NOTFOUND), false};
+    if (self.get() == nullptr) return {kerberos.status(KRB5_KT_NOTFOUND), false};
     krb5_verify_init_creds_opt verify;
     krb5_verify_init_creds_opt_init(&verify);
     krb5_verify_init_creds_opt_set_ap_req_nofail(&verify, 1);
     const krb5_error_code code =
-        krb5_verify_init_creds(context, &credentials.get(), self, keytab.get(), nullptr, &verify);
+        krb5_verify_init_creds(context, &credentials.get(), self.get(), keytab.get(), nullptr, &verify);
     return {kerberos.status(code), code == 0};
 }
 

@@ -158,15 +158,50 @@ def test_an_entry(served):
     assert found == {f"cn=p0007,ou=People,{SUFFIX}": {"uid": [b"p0007"], "uidNumber": [b"10007"], "homeDirectory": [b"/home/p0007"]}}
 
 
+def everybody_once(connection):
+    found = connection.search_s(SUFFIX, ldap.SCOPE_SUBTREE, EVERYBODY, ["uid"])
+    assert sorted(values(entry, "uid")[0] for _, entry in found) == NAMES
+
+
+def enumerations(peer):
+    """For each request that began an enumeration: whether it asked for pages."""
+    return [request.page is not None for request in peer.searches() if request.scope == 2 and not request.cookie]
+
+
+def test_results_come_as_a_whole_where_the_peer_lets_them(served):
+    connection, [peer], _ = served()
+    everybody_once(connection)
+    everybody_once(connection)
+    assert enumerations(peer) == [False, False]
+
+
 def test_a_peer_that_cuts_results_at_a_thousand(served):
+    """The rest comes in pages, and nobody twice; later results do from their beginning."""
     connection, [peer], _ = served()
     peer.limits(unpaged=1000)
-    assert names(search(connection, EVERYBODY, ["uid"])) == NAMES
-    assert [request for request in peer.searches() if request.page is None and request.scope == 2] == []
+    everybody_once(connection)
+    everybody_once(connection)
+    assert enumerations(peer) == [False, True, True]
+
+
+def test_a_peer_that_collects_a_large_result_for_too_long(served):
+    """It is asked for pages then, on another connection, and for a while."""
+    connection, [peer], _ = served()
+    peer.fault(Stall(0), lambda request: request.scope == 2 and request.page is None)
+    everybody_once(connection)
+    everybody_once(connection)
+    assert enumerations(peer) == [False, True, True]
+
+
+def test_all_attributes_of_everybody_come_in_pages(served):
+    connection, [peer], _ = served()
+    found = connection.search_s(SUFFIX, ldap.SCOPE_SUBTREE, EVERYBODY, ["*"])
+    assert sorted(values(entry, "uid")[0] for _, entry in found) == NAMES
+    assert enumerations(peer) == [True]
 
 
 def test_a_peer_that_gives_members_in_ranges(served):
-    connection, [peer], _ = served()
+    connection, [peer], _ = served(ad__timeout=8)  # this peer is no quick one
     peer.limits(unpaged=1000, values=1500)
     [entry] = search(connection, "(&(objectClass=posixGroup)(cn=large))", ["memberUid"]).values()
     assert sorted(values(entry, "memberUid")) == NAMES
