@@ -12,8 +12,9 @@ LIST = ROOT / "tools/packages-clients.txt"
 pytestmark = pytest.mark.embedded
 
 
-def unpack(packages, folder):
-    return subprocess.run([ROOT / "tools/unpack", packages, folder], capture_output=True, text=True, timeout=120)
+def unpack(packages, folder, **env):
+    return subprocess.run([ROOT / "tools/unpack", packages, folder], capture_output=True, text=True, timeout=60,
+                          env={**os.environ, **env})
 
 
 @pytest.fixture
@@ -44,8 +45,14 @@ def test_files_lie_where_an_installation_would_have_put_them():
 
 
 def test_a_package_that_does_not_exist(wanted, tmp_path):
-    result = unpack(wanted("no-such-package-here absent"), tmp_path / "folder")
+    """On a machine that knows of no server to fetch it from, which is quick."""
+    (tmp_path / "lists/partial").mkdir(parents=True)
+    (tmp_path / "apt.conf").write_text(
+        'Dir::Etc::SourceList "/dev/null"; Dir::Etc::SourceParts "/dev/null"; Dir::Cache::pkgcache ""; Dir::Cache::srcpkgcache "";'
+        f'Dir::State::Lists "{tmp_path}/lists";', encoding="utf-8")
+    result = unpack(wanted("no-such-package-here absent"), tmp_path / "folder", APT_CONFIG=str(tmp_path / "apt.conf"))
     assert result.returncode == 1
+    assert "E: Unable to locate package no-such-package-here" in result.stderr
     assert result.stderr.splitlines()[-1] == "unpack: the packages cannot be fetched"
     assert not (tmp_path / "folder/list").exists()
 
