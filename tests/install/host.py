@@ -67,12 +67,14 @@ class Host:
         """One of the host's files, as this machine sees it."""
         return pathlib.Path(f"/proc/{self.init}/root{name}")
 
+    def inside(self, *command):
+        """The command that runs a command on the host."""
+        return ["nsenter", "-t", str(self.init), "--mount", "--net", "--ipc", "--uts", "--pid", "--cgroup", "--root",
+                "env", "-C", "/", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LDAPNOINIT=1", *map(str, command)]
+
     def tell(self, *command, text=None):
         """Runs a program on the host. Returns how it ended and what it said."""
-        return subprocess.run(["nsenter", "-t", str(self.init), "--mount", "--net", "--ipc", "--uts", "--pid", "--cgroup",
-                               "--root", "env", "-C", "/", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LDAPNOINIT=1",
-                               *map(str, command)],
-                              input=text, capture_output=True, text=True, timeout=SECONDS)
+        return subprocess.run(self.inside(*command), input=text, capture_output=True, text=True, timeout=SECONDS)
 
     def run(self, *command, text=None):
         """The same for one that must succeed. Returns what it said on standard output."""
