@@ -183,6 +183,13 @@ def test_ignorecase(world, tls):
     assert members(host.shell("getent group Kernel").out) == {"ben", "chloe"}
 
 
+def test_pages(world, tls):
+    host = changed(world, tls, "pagesize 7")
+    assert len(host.shell("getent --service=ldap passwd").lines) == 38
+    assert len(host.shell("getent --service=ldap group").lines) == 13
+    assert len(host.shell("getent --service=ldap passwd").lines) == 38
+
+
 def test_tls(world, tls):
     host = changed(world, tls, f"uri ldaps://{GATEWAY}/", "tls_cacertfile /etc/zanthe/authority.pem")
     assert host.shell("getent passwd ann").status == 0
