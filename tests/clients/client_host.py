@@ -153,6 +153,7 @@ class Daemon(Server):
         return self
 
     def stop(self):
+        assert self.running(), f"{self.name} ended by itself:\n{self.log()}"
         self.kill()  # the others die a moment later
         wait_until(lambda: not self.host.answers(self.door), f"{self.name} is gone")
 
