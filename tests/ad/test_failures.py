@@ -32,7 +32,8 @@ SLACK = 1.5  # of a loaded machine, beside a deadline
 # ---- the servers
 
 @pytest.fixture(scope="module")
-def pair():
+def pair(states_domain):
+    states_domain.close()  # it starts again when it is wanted
     domain = Domain("pair")
     yield domain
     domain.close()

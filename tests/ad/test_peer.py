@@ -186,7 +186,7 @@ def test_a_peer_that_cuts_results_at_a_thousand(served):
 
 def test_a_peer_that_collects_a_large_result_for_too_long(served):
     """It is asked for pages then, on another connection, and for a while."""
-    connection, [peer], _ = served()
+    connection, [peer], _ = served(ad__timeout=8)
     peer.fault(Stall(0), lambda request: request.scope == 2 and request.page is None)
     everybody_once(connection)
     everybody_once(connection)
@@ -253,13 +253,15 @@ def test_another_peer_takes_a_look_up_over(served, fault):
         assert time.monotonic() - start < TIMEOUT + SLACK
 
 
-def test_another_peer_takes_over_from_one_that_hangs(served):
-    connection, made, _ = served(2, ad__timeout=4)  # one that is late gets two and a half seconds of it
+@pytest.mark.parametrize("timeout", [2, 4])
+def test_another_peer_takes_over_from_one_that_hangs(served, timeout):
+    """One that hangs gets a share of the time, however little that is."""
+    connection, made, _ = served(2, ad__timeout=timeout)
     assert len(search(connection, LOOK_UP, ["uid"])) == 1
     made[0].hung = True
     start = time.monotonic()
     assert len(search(connection, LOOK_UP, ["uid"])) == 1
-    assert time.monotonic() - start < 4
+    assert time.monotonic() - start < timeout
     start = time.monotonic()
     assert len(search(connection, LOOK_UP, ["uid"])) == 1
     assert time.monotonic() - start < 1, "it is not asked again at once"

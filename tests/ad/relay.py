@@ -1,0 +1,120 @@
+"""A relay before a domain controller, at an address of its own: it counts what clients
+ask, and can stop serving a port.
+
+    with Relay(address, controller.address) as relay:
+        relay.asked(LDAP)   # requests that have come for that port so far
+        relay.refuse(KDC)   # from now on nobody listens there
+
+Requests are counted by their frames, sealed or not: BER messages, the packets of a
+SASL layer (RFC 4422, section 3.7), Kerberos messages over TCP (RFC 4120, 7.2.2). The
+notice of an unbind is no request.
+"""
+import contextlib
+import socket
+import threading
+
+import ber
+
+LDAP, KDC = 389, 88
+BER_MESSAGE, UNBIND = 0x30, 0x42
+
+
+class Frames:
+    """Finds the frames in what a client sends."""
+
+    def __init__(self, port):
+        self.port, self.buffer, self.count, self.sealed = port, b"", 0, False
+
+    def add(self, data):
+        """Returns how many requests these bytes complete."""
+        self.buffer += data
+        before = self.count
+        while self.take():
+            pass
+        return self.count - before
+
+    def take(self):
+        if len(self.buffer) < 5:
+            return False
+        # A packet of the SASL layer begins with its length, whose first byte is 0.
+        if self.port == LDAP and self.buffer[0] == BER_MESSAGE:
+            if ber.missing(self.buffer):
+                return False
+            _, content, end = ber.read(self.buffer)
+            self.count += ber.elements(content)[1][0] != UNBIND
+        else:
+            end = 4 + int.from_bytes(self.buffer[:4], "big")
+            if len(self.buffer) < end:
+                return False
+            self.count += 1
+        self.buffer = self.buffer[end:]
+        return True
+
+
+class Relay:
+    """Listens until close()."""
+
+    def __init__(self, address, controller, ports=(LDAP, KDC)):
+        self.address, self.controller = address, controller
+        self.lock = threading.Lock()
+        self.counts = dict.fromkeys(ports, 0)
+        self.listeners, self.sockets = {}, []
+        for port in ports:
+            self.serve(port)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def asked(self, port):
+        with self.lock:
+            return self.counts[port]
+
+    def serve(self, port):
+        listener = socket.create_server((self.address, port))
+        self.listeners[port] = listener
+        threading.Thread(target=self.accept, args=(listener, port), daemon=True).start()
+
+    def refuse(self, port):
+        listener = self.listeners.pop(port)
+        # Whoever is in accept() would hold the port open.
+        with contextlib.suppress(OSError):
+            listener.shutdown(socket.SHUT_RDWR)
+        listener.close()
+
+    def close(self):
+        for port in list(self.listeners):
+            self.refuse(port)
+        with self.lock:
+            sockets, self.sockets = self.sockets, []
+        for each in sockets:
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
+
+    def accept(self, listener, port):
+        while True:
+            try:
+                client, _ = listener.accept()
+                server = socket.create_connection((self.controller, port), 10)
+            except OSError:
+                return
+            server.settimeout(None)
+            with self.lock:
+                self.sockets += [client, server]
+            threading.Thread(target=self.carry, args=(client, server, Frames(port)), daemon=True).start()
+            threading.Thread(target=self.carry, args=(server, client, None), daemon=True).start()
+
+    def carry(self, source, target, frames):
+        """Until either side ends."""
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                if frames:
+                    complete = frames.add(data)
+                    with self.lock:  # before the answer can be there
+                        self.counts[frames.port] += complete
+                target.sendall(data)
+        for each in (source, target):
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
