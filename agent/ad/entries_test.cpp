@@ -176,6 +176,17 @@ TEST(AdObject, OwnAttributesComeFirstAndSecretsNever) {
     EXPECT_EQ(shown(makeObject(entry, {}, noIds(), nullptr)).find("unicodePwd"), std::string::npos);
 }
 
+TEST(AdObject, APartOfOneIsNotCalledUseless) {
+    const Entry bare = person({{"objectCategory", {"CN=Person,CN=Schema,DC=x"}}});
+    const View none = {false, {"1.1"}};
+    const auto marked = [&](Part part) {
+        return shown(makeObject(bare, none, noIds(), nullptr, part)).find("_nssEntryInvalid") !=
+               std::string::npos;
+    };
+    EXPECT_TRUE(marked(Part::Whole));
+    EXPECT_FALSE(marked(Part::OfCatalog));
+}
+
 TEST(AdObject, ComputedMembersTakeThePlaceOfStoredOnes) {
     Entry group{"CN=g,DC=x",
                 {{"objectClass", {"top", "group"}}, {"gidNumber", {"5"}}, {"memberUid", {"old"}}}};

@@ -119,7 +119,7 @@ std::string memberName(const Entry& entry, const Ids& ids) {
 }
 
 Object makeObject(const Entry& entry, const View& view, const Ids& ids,
-                  const std::vector<std::string>* members) {
+                  const std::vector<std::string>* members, Part part) {
     Object object;
     object.reserve(entry.attributes.size() + 7);
     const std::string category = categoryOf(entry);
@@ -127,7 +127,8 @@ Object makeObject(const Entry& entry, const View& view, const Ids& ids,
     object.push_back({AD_OBJECT_DN_TEXT, {entry.dn}});
     object.push_back({AD_OBJECT_GUID_TEXT, {guidText(entry.first("objectGUID"))}});
     object.push_back({VORN_OBJECT_CATEGORY, {category}});
-    if (isInvalid(entry, category, made)) object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
+    if (part == Part::Whole && isInvalid(entry, category, made))
+        object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
     for (const Attribute& attribute : entry.attributes) {
         if (attribute.values.empty() || isSecretAttribute(attribute.name) || !isWanted(view, attribute.name))
             continue;

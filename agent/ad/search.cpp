@@ -125,9 +125,10 @@ Result makeObjects(const AdSource& source, const AdPlan& plan, std::vector<Entry
         status = source.memberships.memberUids(source.members, *plan.ids, groups, deadline, names);
     if (!status.ok()) return resultOf(status);
     std::size_t at = 0;
+    const Part part = source.domain.kind() == Domain::Kind::Catalog ? Part::OfCatalog : Part::Whole;
     for (const Entry& entry : entries) {
         const bool isGroup = at < groups.size() && groups[at] == &entry;
-        objects.push_back(makeObject(entry, plan.view, *plan.ids, isGroup ? &names[at] : nullptr));
+        objects.push_back(makeObject(entry, plan.view, *plan.ids, isGroup ? &names[at] : nullptr, part));
         if (isGroup) ++at;
     }
     return {};

@@ -15,7 +15,7 @@ import threading
 
 import ber
 
-LDAP, KDC = 389, 88
+LDAP, CATALOG, KDC = 389, 3268, 88
 BER_MESSAGE, UNBIND = 0x30, 0x42
 
 
@@ -37,7 +37,7 @@ class Frames:
         if len(self.buffer) < 5:
             return False
         # A packet of the SASL layer begins with its length, whose first byte is 0.
-        if self.port == LDAP and self.buffer[0] == BER_MESSAGE:
+        if self.port != KDC and self.buffer[0] == BER_MESSAGE:
             if ber.missing(self.buffer):
                 return False
             _, content, end = ber.read(self.buffer)
@@ -54,7 +54,7 @@ class Frames:
 class Relay:
     """Listens until close()."""
 
-    def __init__(self, address, controller, ports=(LDAP, KDC)):
+    def __init__(self, address, controller, ports=(LDAP, CATALOG, KDC)):
         self.address, self.controller = address, controller
         self.lock = threading.Lock()
         self.counts = dict.fromkeys(ports, 0)

@@ -99,7 +99,7 @@ def as_bytes(value):
 class ScriptedPeer:
     """The server: one thread that accepts, and one for each connection."""
 
-    def __init__(self, entries, address="127.0.0.1", certificate=None, transport="ldaps", passwords=None):
+    def __init__(self, entries, where=("127.0.0.1", 0), certificate=None, transport="ldaps", passwords=None):
         """certificate is the files' (certificate, key). passwords is {name: password,
         or the text of a refusal}; names as a bind gives them, in any case."""
         self.entries, self.transport = entries, transport
@@ -114,7 +114,7 @@ class ScriptedPeer:
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         if certificate:
             self.context.load_cert_chain(*certificate)
-        self.listener = socket.create_server((address, 0))
+        self.listener = socket.create_server(where)
         self.address, self.port = self.listener.getsockname()
         threading.Thread(target=self.accept, daemon=True).start()
 
@@ -125,6 +125,9 @@ class ScriptedPeer:
         self.close()
 
     def close(self):
+        # Whoever is in accept() would hold the port open.
+        with contextlib.suppress(OSError):
+            self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
         self.drop()
 

@@ -6,7 +6,7 @@ import ldap
 import pytest
 
 from gateway import SUFFIX, search, values
-from relay import KDC, LDAP, Relay
+from relay import CATALOG, KDC, LDAP, Relay
 
 
 @pytest.fixture(scope="module")
@@ -120,6 +120,23 @@ def test_a_bind(warm, relay):
         warm.connect(f"cn=s-good,ou=States,{SUFFIX}", "wrong")
     with costs(relay, 4, 2):
         warm.connect(f"cn=s-good,ou=States,{SUFFIX}", "welcome")
+
+
+def test_the_whole_forest(warm, relay):
+    """The global catalog finds it, over a connection of its own, for which the ticket is
+    there; then it is fetched from its own domain."""
+    def found():
+        [(dn, entry)] = search(warm.connection, "(&(objectClass=posixAccount)(uid=s-good))", ["uid", "homeDirectory"],
+                               f"cn=$,{SUFFIX}").items()
+        assert (dn, values(entry, "uid"), values(entry, "homeDirectory")) == (
+            f"cn=s-good,ou=States,{SUFFIX}", ["s-good"], ["/home/s-good"])
+    before = relay.asked(CATALOG)
+    with costs(relay, 1):
+        found()
+    assert relay.asked(CATALOG) - before == 3 + 1
+    with costs(relay, 1):
+        found()
+    assert relay.asked(CATALOG) - before == 3 + 2
 
 
 def test_a_kdc_that_has_gone_while_ldap_is_there(warm, relay):

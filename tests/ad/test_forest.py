@@ -1,0 +1,110 @@
+"""A forest of two domains, played by scripted peers: the joined one, its global catalog,
+and another domain, which the agent finds by its name."""
+import contextlib
+
+import ldap
+import pytest
+
+from gateway import SUFFIX, Slapd, search, values
+from host import Slot, make_authority, make_certificate
+from name_server import NameServer
+from scripted_peer import ScriptedPeer
+from test_peer import BASE, ENTRIES, PASSWORD, SERVICE, PeerDirectory, guid, person
+from world import World
+
+FAR = f"DC=far,{BASE}"
+CATALOG_PORT = 3268
+PARTITION = f"CN=FAR,CN=Partitions,CN=Configuration,{BASE}"
+
+
+def far_person():
+    dn, entry = person(9001)
+    return dn.replace(BASE, FAR), {**entry, "unixHomeDirectory": ["/home/far/p9001"]}
+
+
+def entries():
+    """The joined domain's, which know that there is another domain."""
+    crossing = {"objectClass": ["top", "crossRef"], "cn": ["FAR"], "nETBIOSName": ["FAR"], "nCName": [FAR],
+                "objectCategory": [f"CN=Cross-Ref,CN=Schema,CN=Configuration,{BASE}"], "objectGUID": [guid(77)]}
+    return {**ENTRIES, PARTITION: crossing}
+
+
+def catalog_entries():
+    """Both domains' people, without what a catalog does not hold."""
+    dn, entry = far_person()
+    part = {name: value for name, value in entry.items() if name in ("objectClass", "cn", "sAMAccountName", "objectGUID",
+                                                                      "objectCategory", "objectSid", "uidNumber", "gidNumber")}
+    return {**entries(), FAR: {"objectClass": ["top", "domain", "domainDNS"], "dc": ["far"]},
+            f"OU=People,{FAR}": {"objectClass": ["top", "organizationalUnit"], "ou": ["People"]}, dn: part}
+
+
+def far_entries():
+    root = {**ENTRIES[""], "defaultNamingContext": [FAR], "dnsHostName": ["dc.far.example.com"]}
+    configuration = {dn: entry for dn, entry in entries().items() if dn.endswith(f"CN=Configuration,{BASE}")}
+    dn, entry = far_person()
+    return {"": root, **configuration, FAR: {"objectClass": ["top", "domain", "domainDNS"], "dc": ["far"], "objectGUID": [guid(78)]},
+            f"OU=People,{FAR}": {"objectClass": ["top", "organizationalUnit"], "ou": ["People"], "objectGUID": [guid(79)]}, dn: entry}
+
+
+class Forest:
+    """The peers, their name server, and a gateway before them."""
+
+    def __init__(self, stack, folder):
+        make_authority(folder)
+        slot = stack.enter_context(contextlib.closing(Slot()))
+        near, far = slot.addresses
+        make_certificate(folder, [f"IP:{near}", "DNS:dc.far.example.com"], folder / "cert.pem", folder / "key.pem")
+        passwords = {SERVICE: PASSWORD, far_person()[0]: "welcome"}
+
+        def peer(holding, where):
+            return stack.enter_context(ScriptedPeer(holding, where, (folder / "cert.pem", folder / "key.pem"), "starttls", passwords))
+        self.joined, self.catalog = peer(entries(), (near, 0)), peer(catalog_entries(), (near, CATALOG_PORT))
+        self.far = peer(far_entries(), (far, 0))
+        self.names = stack.enter_context(NameServer(
+            far, {"_ldap._tcp.dc._msdcs.far.example.com": ("dc.far.example.com", self.far.port)}, {"dc.far.example.com": far}))
+        self.resolv = folder / "resolv.conf"
+        self.resolv.write_text(f"nameserver {far}\noptions timeout:1 attempts:1\n", encoding="utf-8")
+        self.world = World(PeerDirectory(folder, "starttls", [self.joined]))
+        stack.callback(self.world.remove)
+        stack.callback(self.world.close)
+        self.agent = self.world.agent(ad__timeout=6)
+        command = self.agent.command
+        self.agent.command = lambda: ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
+                                      'mount --bind "$0" /etc/resolv.conf && exec "$@"', self.resolv, *command()]
+        self.slapd = self.world.slapd(self.agent.start(), directives=Slapd.DIRECTIVES).start()
+
+
+@pytest.fixture(scope="module")
+def forest(tmp_path_factory):
+    with contextlib.ExitStack() as stack:
+        yield Forest(stack, tmp_path_factory.mktemp("forest"))
+
+
+def test_somebody_of_another_domain_is_found_in_the_whole_forest(forest):
+    """The catalog knows where, and that domain's own controller the rest."""
+    [(dn, entry)] = search(forest.slapd.connect(), "(&(objectClass=posixAccount)(uid=p9001))", ["uid", "homeDirectory"],
+                           f"cn=$,{SUFFIX}").items()
+    assert (dn.lower(), values(entry, "homeDirectory")) == (f"cn=p9001,ou=people,dc=far,{SUFFIX}", ["/home/far/p9001"])
+    assert forest.names.questions.count("_ldap._tcp.dc._msdcs.far.example.com") == 1
+    assert [request for request in forest.far.searches() if request.base.lower() == dn.lower().replace("cn=p9001", "cn=p9001")]
+
+
+def test_the_joined_domain_alone_does_not_know_them(forest):
+    assert search(forest.slapd.connect(), "(&(objectClass=posixAccount)(uid=p9001))", ["uid"]) == {}
+
+
+def test_somebody_of_the_joined_domain_is_found_in_the_whole_forest(forest):
+    [(dn, entry)] = search(forest.slapd.connect(), "(&(objectClass=posixAccount)(uid=p0007))", ["uid", "homeDirectory"],
+                           f"cn=$,{SUFFIX}").items()
+    assert (dn.lower(), values(entry, "homeDirectory")) == (f"cn=p0007,ou=people,{SUFFIX}", ["/home/p0007"])
+
+
+def test_a_domain_that_nobody_knows(forest):
+    """The catalog names somebody of a domain that has no controllers: a failure, and no
+    answer without them."""
+    dn, entry = person(9002)
+    lost = dn.replace(BASE, f"DC=lost,{BASE}")
+    forest.catalog.entries[lost] = entry
+    forest.catalog.sorted = sorted(forest.catalog.entries.items())
+    with pytest.raises(ldap.LDAPError):
+        search(forest.slapd.connect(), "(&(objectClass=posixAccount)(uid=p9002))", ["uid"], f"cn=$,{SUFFIX}")
