@@ -1,5 +1,6 @@
 """vexagent and a peer that plays what Samba does not: cut results, ranges of values,
 notices of disconnection, garbage, silence. Through slapd, as a client sees it."""
+import contextlib
 import socket
 import time
 
@@ -13,7 +14,7 @@ from scripted_peer import BUSY, UNAVAILABLE, Cut, Fail, Garbage, Notice, Refer, 
 from world import World
 
 BASE = "DC=example,DC=com"
-PEOPLE = 2500
+PEOPLE, MOST, MOST_VALUES = 1250, 500, 750  # as a Windows controller cuts 2500 at 1000, and at 1500 values
 TIMEOUT, SLACK = 2, 1.5
 SERVICE, PASSWORD = "gateway@example.com", "Service.123"
 EVERYBODY, LOOK_UP = "(objectClass=posixAccount)", "(&(objectClass=posixAccount)(uid=p0007))"
@@ -111,38 +112,49 @@ def transport(request):
     return request.param
 
 
+def make_peer(certificate, transport):
+    return ScriptedPeer(ENTRIES, certificate=(certificate / "cert.pem", certificate / "key.pem"), transport=transport,
+                        passwords={SERVICE: PASSWORD, "p0001@example.com": "welcome", person(1)[0]: "welcome"})
+
+
 @pytest.fixture
 def peers(certificate, transport):
     """Makes peers that end with the test."""
-    made = []
+    with contextlib.ExitStack() as stack:
+        yield lambda count=1: [stack.enter_context(make_peer(certificate, transport)) for _ in range(count)]
 
-    def make(count=1):
-        new = [ScriptedPeer(ENTRIES, certificate=(certificate / "cert.pem", certificate / "key.pem"), transport=transport,
-                            passwords={SERVICE: PASSWORD, "p0001@example.com": "welcome", person(1)[0]: "welcome"})
-               for _ in range(count)]
-        made.extend(new)
-        return new
-    yield make
-    for peer in made:
-        peer.close()
+
+@contextlib.contextmanager
+def serving(certificate, transport, peers, settings):
+    """A new agent before these peers, and a slapd: a connection, and the agent."""
+    world = World(PeerDirectory(certificate, transport, peers))
+    try:
+        agent = world.agent(**settings).start()
+        yield world.slapd(agent, directives=Slapd.DIRECTIVES).start().connect(), agent
+    finally:
+        world.close()
+        world.remove()
 
 
 @pytest.fixture
 def served(certificate, transport, peers):
     """Starts agent and slapd on new peers; gives (connection, the peers, the agent)."""
-    worlds = []
+    with contextlib.ExitStack() as stack:
+        def start(count=1, **settings):
+            made = peers(count)
+            connection, agent = stack.enter_context(serving(certificate, transport, made, settings))
+            return connection, made, agent
+        yield start
 
-    def start(count=1, **settings):
-        made = peers(count)
-        world = World(PeerDirectory(certificate, transport, made))
-        worlds.append(world)
-        agent = world.agent(**settings).start()
-        slapd = world.slapd(agent, directives=Slapd.DIRECTIVES).start()
-        return slapd.connect(), made, agent
-    yield start
-    for world in worlds:
-        world.close()
-        world.remove()
+
+@pytest.fixture(scope="module", params=["ldaps", "starttls"])
+def enduring(request, certificate):
+    """A peer that goes wrong again and again, and a gateway that gets over it:
+    (connection, the peer)."""
+    with make_peer(certificate, request.param) as peer:
+        peer.limits(unpaged=MOST)
+        with serving(certificate, request.param, [peer], {}) as (connection, _):
+            yield connection, peer
 
 
 def names(found):
@@ -175,10 +187,10 @@ def test_results_come_as_a_whole_where_the_peer_lets_them(served):
     assert enumerations(peer) == [False, False]
 
 
-def test_a_peer_that_cuts_results_at_a_thousand(served):
+def test_a_peer_that_cuts_results(served):
     """The rest comes in pages, and nobody twice; later results do from their beginning."""
     connection, [peer], _ = served()
-    peer.limits(unpaged=1000)
+    peer.limits(unpaged=MOST)
     everybody_once(connection)
     everybody_once(connection)
     assert enumerations(peer) == [False, True, True]
@@ -202,7 +214,7 @@ def test_all_attributes_of_everybody_come_in_pages(served):
 
 def test_a_peer_that_gives_members_in_ranges(served):
     connection, [peer], _ = served(ad__timeout=8)  # this peer is no quick one
-    peer.limits(unpaged=1000, values=1500)
+    peer.limits(unpaged=MOST, values=MOST_VALUES)
     [entry] = search(connection, "(&(objectClass=posixGroup)(cn=large))", ["memberUid"]).values()
     assert sorted(values(entry, "memberUid")) == NAMES
     # The members themselves too, when a client asks for them.
@@ -220,11 +232,10 @@ FAULTS = {
 
 @pytest.mark.parametrize("page, count", [(0, 0), (0, 5), (1, 5)])
 @pytest.mark.parametrize("fault", FAULTS)
-def test_a_search_that_goes_wrong_on_a_page(served, fault, page, count):
+def test_a_search_that_goes_wrong_on_a_page(enduring, fault, page, count):
     """What is told is a failure, or everybody; and the next search is answered."""
-    connection, [peer], _ = served()
-    peer.limits(unpaged=1000)
-    peer.fault(FAULTS[fault](count), lambda request: request.page is not None and request.cookie == (b"1000" if page else b"")
+    connection, peer = enduring
+    peer.fault(FAULTS[fault](count), lambda request: request.page is not None and request.cookie == (str(MOST).encode() if page else b"")
                and request.scope == 2)
     start = time.monotonic()
     try:
@@ -242,7 +253,7 @@ BROKEN = [fault for fault in FAULTS if not fault.startswith("silence") and fault
 
 @pytest.mark.parametrize("fault", BROKEN)
 def test_another_peer_takes_a_look_up_over(served, fault):
-    connection, made, _ = served(2)
+    connection, made, _ = served(2, ad__timeout=4)
     for number in range(3):
         for peer in made:
             peer.faults.clear()
@@ -250,7 +261,7 @@ def test_another_peer_takes_a_look_up_over(served, fault):
         made[number % 2].fault(FAULTS[fault](0), lambda request: request.scope == 2)
         start = time.monotonic()
         assert len(search(connection, LOOK_UP, ["uid"])) == 1
-        assert time.monotonic() - start < TIMEOUT + SLACK
+        assert time.monotonic() - start < 4
 
 
 @pytest.mark.parametrize("timeout", [2, 4])
