@@ -15,6 +15,7 @@ import signal
 import subprocess
 
 from gateway import wait_until
+from installation import DOCUMENTS
 
 HERE = pathlib.Path(__file__).resolve().parent
 SECONDS = 120
@@ -74,7 +75,8 @@ class Host:
 
     def tell(self, *command, text=None):
         """Runs a program on the host. Returns how it ended and what it said."""
-        return subprocess.run(self.inside(*command), input=text, capture_output=True, text=True, timeout=SECONDS)
+        return subprocess.run(self.inside(*command), input=text, capture_output=True, text=True, errors="replace",
+                              timeout=SECONDS)
 
     def run(self, *command, text=None):
         """The same for one that must succeed. Returns what it said on standard output."""
@@ -84,6 +86,27 @@ class Host:
 
     def journal(self):
         return self.tell("journalctl", "--no-pager", "-q", "-n", "60").stdout
+
+    def write(self, path, text):
+        """Writes a file in its place: owner and mode stay."""
+        self.run("sh", "-c", 'cat > "$0"', path, text=text)
+
+    def set_up(self):
+        """The gateway on the embedded directory, as the manual tells; nothing runs yet."""
+        examples = f"/{DOCUMENTS}/examples"
+        self.run("mkdir", "-p", "/etc/zanthe")
+        self.run("cp", f"{examples}/zanthe.conf", f"{examples}/example.ldif", "/etc/zanthe")
+        self.run("cp", f"{examples}/slapd.conf", "/etc/ldap/slapd.conf")
+        self.run("sed", "-i", "s|^SLAPD_CONF=.*|SLAPD_CONF=/etc/ldap/slapd.conf|", "/etc/default/slapd")
+
+    def answers(self):
+        """Whether slapd answers."""
+        return self.tell("ldapsearch", "-x", "-H", "ldap://127.0.0.1", "-b", "", "-s", "base").returncode == 0
+
+    def serve(self):
+        """Starts both servers. slapd's start counts as done a little before it answers."""
+        self.run("systemctl", "start", "vexagent", "slapd")
+        wait_until(self.answers, "slapd answers")
 
     def status(self, pid):
         """What the kernel says of one of the host's processes, as {field: value}."""

@@ -6,7 +6,6 @@ import pytest
 
 from gateway import ROOT, SUFFIX, wait_until
 from host import Host
-from installation import DOCUMENTS
 
 CONTROLLER = "127.0.0.61"  # the first of a domain's addresses, on a host without other domains
 ADMINISTRATOR_PASSWORD = "Passw0rd.Admin1"
@@ -31,17 +30,15 @@ def domain_host(installed, tmp_path_factory):
 @pytest.fixture(scope="module")
 def joined(domain_host):
     """The host joined, the gateway set up; the keytab still root's alone."""
-    host, examples = domain_host, f"/{DOCUMENTS}/examples"
+    host = domain_host
     host.run("adcli", "join", "--stdin-password", "--login-user=Administrator", "example.com", text=ADMINISTRATOR_PASSWORD)
-    host.run("mkdir", "-p", "/etc/zanthe")
-    settings = host.run("cat", f"{examples}/zanthe.conf").splitlines()
+    host.set_up()
+    settings = host.run("cat", "/etc/zanthe/zanthe.conf").splitlines()
     settings = ["directory = ad" if line == "directory = embedded" else line for line in settings
                 if not line.startswith("embedded.")]
-    host.run("sh", "-c", "cat > /etc/zanthe/zanthe.conf", text="\n".join(settings) + "\n")
-    host.run("cp", f"{examples}/slapd.conf", "/etc/ldap/slapd.conf")
-    host.run("sed", "-i", "-e", "s|^SLAPD_CONF=.*|SLAPD_CONF=/etc/ldap/slapd.conf|",
-             # the controller's own port is next to it
-             "-e", 's|^SLAPD_SERVICES=.*|SLAPD_SERVICES="ldap://127.0.0.1/ ldapi:///"|', "/etc/default/slapd")
+    host.write("/etc/zanthe/zanthe.conf", "\n".join(settings) + "\n")
+    # The controller has the same port on another address.
+    host.run("sed", "-i", 's|^SLAPD_SERVICES=.*|SLAPD_SERVICES="ldap://127.0.0.1/ ldapi:///"|', "/etc/default/slapd")
     return host
 
 
@@ -49,7 +46,7 @@ def joined(domain_host):
 def serving(joined):
     joined.run("chgrp", "vexagent", "/etc/krb5.keytab")
     joined.run("chmod", "640", "/etc/krb5.keytab")
-    joined.run("systemctl", "start", "vexagent", "slapd")
+    joined.serve()
     return joined
 
 

@@ -8,7 +8,6 @@ import pytest
 
 from gateway import SUFFIX, wait_until
 from host import Host
-from installation import DOCUMENTS
 
 PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
@@ -21,13 +20,8 @@ PROBE = pathlib.Path(__file__).resolve().parent / "probe.py"
 def host(installed, tmp_path_factory):
     """A host with the gateway set up on it as the manual tells, both servers running."""
     with Host(installed, tmp_path_factory.mktemp("host")) as host:
-        examples = f"/{DOCUMENTS}/examples"
-        host.run("mkdir", "-p", "/etc/zanthe")
-        host.run("cp", f"{examples}/zanthe.conf", f"{examples}/example.ldif", "/etc/zanthe")
-        host.run("cp", f"{examples}/slapd.conf", "/etc/ldap/slapd.conf")
-        host.run("sed", "-i", "s|^SLAPD_CONF=.*|SLAPD_CONF=/etc/ldap/slapd.conf|", "/etc/default/slapd")
-        host.run("systemctl", "start", "vexagent")
-        host.run("systemctl", "start", "slapd")
+        host.set_up()
+        host.serve()
         yield host
 
 
@@ -104,13 +98,24 @@ def test_it_is_started_again_when_it_fails(host):
     wait_until(lambda: main_pid(host) not in (0, before) and found(host), "another agent answers")
 
 
+def test_bad_settings_are_not_tried_again(host):
+    settings = host.run("cat", "/etc/zanthe/zanthe.conf")
+    host.write("/etc/zanthe/zanthe.conf", f"{settings}agent.sokcet = /nowhere\n")
+    try:
+        assert host.tell("systemctl", "restart", "vexagent").returncode != 0
+        assert host.run("systemctl", "show", "-P", "ActiveState", "vexagent").strip() == "failed"
+    finally:
+        host.write("/etc/zanthe/zanthe.conf", settings)
+        host.run("systemctl", "restart", "vexagent")
+
+
 def test_a_reload_reads_the_log_levels_anew(host):
     before = main_pid(host)
     host.run("sed", "-i", "$ a log.syslog.level.vexagent = 1", "/etc/zanthe/zanthe.conf")
     host.run("systemctl", "reload", "vexagent")
     def journal_tells():
         look_up(host, "-D", ANN, "-w", "wrong")
-        return f'authenticate "{ANN}" from pid ' in host.run("journalctl", "-q", "--no-pager", "-o", "cat", "_COMM=vexagent")
+        return f'authenticate "{ANN}" from pid ' in host.run("journalctl", "-q", "--no-pager", "-o", "cat", "-t", "vexagent")
     wait_until(journal_tells, "the journal shows a log-in")
     assert main_pid(host) == before
 
@@ -159,8 +164,8 @@ def attempts(host, keytab):
     unit = re.sub(r"(?m)^(Restart|RestartSec)=.*\n", "", unit)
     # The agent's runs on, and keeps its folder.
     unit = unit.replace("RuntimeDirectory=zanthe\n", "RuntimeDirectory=zanthe\nRuntimeDirectoryPreserve=yes\n")
-    host.run("sh", "-c", "cat > /probe.py", text=PROBE.read_text(encoding="utf-8"))
-    host.run("sh", "-c", "cat > /etc/systemd/system/probe.service", text=unit)
+    host.write("/probe.py", PROBE.read_text(encoding="utf-8"))
+    host.write("/etc/systemd/system/probe.service", unit)
     host.run("systemctl", "daemon-reload")
     host.run("systemctl", "start", "probe")
     return json.loads(host.run("cat", "/var/lib/zanthe/attempts"))

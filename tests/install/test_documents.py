@@ -1,0 +1,66 @@
+"""The documents agree with each other and with what they describe."""
+import re
+import subprocess
+
+import pytest
+
+from gateway import BUILD, ROOT
+
+PAGES = sorted([ROOT / "README.md", ROOT / "bench/README.md", ROOT / "tests/ad/README.md", *(ROOT / "docs").glob("*.md")])
+LINK = re.compile(r"\]\(([^)\s]+)\)")
+
+
+def prose(page):
+    """A page without its blocks of code."""
+    return re.sub(r"(?ms)^ *```.*?^ *```$", "", page.read_text(encoding="utf-8"))
+
+
+def anchors(page):
+    """The names by which a page's headings are linked to."""
+    headings = re.findall(r"(?m)^#+ +(.*)$", prose(page))
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: str(page.relative_to(ROOT)))
+def test_every_link_leads_somewhere(page):
+    for link in LINK.findall(prose(page)):
+        if "://" in link:
+            continue
+        path, _, anchor = link.partition("#")
+        target = (page.parent / path).resolve() if path else page
+        assert target.exists(), link
+        assert not anchor or anchor in anchors(target), link
+
+
+def rows(page, heading):
+    """The first cells' names of the table below a heading."""
+    section = re.split(r"(?m)^##+ ", page.read_text(encoding="utf-8").partition(f"## {heading}\n")[2])[0]
+    cells = re.findall(r"(?m)^\| (`[^|]*) \|", section)
+    return [name for cell in cells for name in re.findall(r"`([^`]+)`", cell)]
+
+
+def test_the_manual_page_of_the_database_lists_all_directives():
+    page = (ROOT / "docs/man/slapd-zanthedx.5").read_text(encoding="utf-8").replace("\\-", "-")
+    listed = page.partition(".SH DIRECTIVES\n")[2].partition(".SH")[0]
+    directives = rows(ROOT / "docs/configuration.md", "Directives of the module")
+    assert re.findall(r"(?m)^\.B (\S+)$", listed) == directives
+
+
+def test_the_table_of_settings_lists_no_others():
+    known = subprocess.run([BUILD / "agent/vexagent", "--help"], check=True, capture_output=True, text=True).stdout
+    names = {line.split()[0].replace(".*", ".CHANNEL") for line in known.split("The settings:\n")[1].splitlines()}
+    assert set(rows(ROOT / "docs/configuration.md", "Settings of the host")) == names
+
+
+def test_settings_are_explained_in_one_place():
+    """A second table would soon say something else."""
+    for page in PAGES:
+        if page.name not in ("configuration.md", "README.md"):
+            assert not re.search(r"(?m)^\| `(ad|agent|embedded|log)\.", prose(page)), page
+
+
+def test_make_help_lists_what_the_readme_names():
+    listed = set(re.findall(r"(?m)^make (\w+)", subprocess.run(["make", "help"], cwd=ROOT, capture_output=True, text=True,
+                                                                 check=True).stdout))
+    sentence = re.search(r"`make help` lists the rest: (.*?)\.", (ROOT / "README.md").read_text(encoding="utf-8"))[1]
+    assert set(re.findall(r"`(\w+)`", sentence)) == listed - {"run", "test", "build"}
