@@ -14,6 +14,7 @@ cd "$root"
 mkdir -p old
 pivot_root . old
 umount -l /old
+# Of what root may do, systemd keeps nothing that reaches beyond its namespaces.
 exec env -i container=zx PATH=/usr/sbin:/usr/bin:/sbin:/bin \
     setpriv --bounding-set -sys_module,-sys_time,-sys_rawio,-sys_boot,-syslog,-audit_control,-mac_admin \
     /lib/systemd/systemd --system --unit=basic.target --log-target=console --show-status=no

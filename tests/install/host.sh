@@ -44,7 +44,7 @@ group=$folder/cgroup/zx-host-$$
 mkdir "$group"
 trap 'find "$group" -depth -type d -exec rmdir {} \; 2>/dev/null || true' EXIT
 
-# Of what root may do, systemd keeps nothing that reaches beyond its namespaces.
+# Its mounts are its own as well: the new root must not become this shell's.
 ( echo 0 > "$group/cgroup.procs"
-  exec setpriv --pdeathsig KILL unshare --pid --fork --cgroup --kill-child=KILL \
+  exec setpriv --pdeathsig KILL unshare --mount --pid --fork --cgroup --kill-child=KILL \
       bash "$(dirname "$0")/host-init.sh" "$root" < /dev/null ) || true
