@@ -6,6 +6,7 @@ import pytest
 
 from gateway import ROOT, SUFFIX, wait_until
 from host import Host
+from installation import DOCUMENTS
 
 CONTROLLER = "127.0.0.61"  # the first of a domain's addresses, on a host without other domains
 ADMINISTRATOR_PASSWORD = "Passw0rd.Admin1"
@@ -92,3 +93,20 @@ def test_the_machine_s_new_password_is_noticed(serving):
     assert bind(serving, "ben", "welcome") == 0
     serving.run("systemctl", "restart", "vexagent")
     assert bind(serving, "chloe", "welcome") == 0
+
+
+def test_getent_answers(serving):
+    """The last step: a client as clients.md has it, here on the same host. Its packages are
+    those that the tests of clients unpack; the host's overlay takes them as an
+    installation would."""
+    unpacked, examples = ROOT / "build/clients/root", f"/{DOCUMENTS}/examples/clients"
+    assert unpacked.exists(), "run make setup-clients"
+    serving.run("cp", "-a", unpacked / "usr", unpacked / "etc", "/")
+    serving.run("useradd", "--system", "--user-group", "nslcd")
+    serving.run("cp", f"{examples}/nslcd.conf", f"{examples}/nsswitch.conf", "/etc")
+    serving.run("install", "-d", "-o", "nslcd", "-g", "nslcd", "/run/nslcd")
+    serving.run("ldconfig")
+    serving.run("nslcd")
+    assert wait_until(lambda: serving.tell("getent", "passwd", "ann").stdout, "somebody is found") == \
+        "ann:*:20001:10000:Ann Lee:/home/ann:/bin/bash\n"
+    assert "engineering" in serving.run("id", "-nG", "ben").split()
