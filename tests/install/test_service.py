@@ -12,7 +12,7 @@ from host import Host
 PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
 UNIT = "/usr/lib/systemd/system/vexagent.service"
-EXPOSURE = 16  # tenths, of 100; below 20 is systemd's "OK"
+EXPOSURE = 14  # tenths, of 100; below 20 is systemd's "OK"
 PROBE = pathlib.Path(__file__).resolve().parent / "probe.py"
 
 
