@@ -50,6 +50,13 @@ std::vector<std::string> targets(const std::vector<SrvRecord>& records) {
     return names;
 }
 
+TEST(Deadline, AShareLeavesTimeForOthers) {
+    EXPECT_EQ(Deadline::in(milliseconds(60'000)).share(milliseconds(1500), 4), milliseconds(1500));
+    EXPECT_LE(Deadline::in(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(500));
+    EXPECT_GT(Deadline::in(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(0));
+    EXPECT_EQ(Deadline(now() - milliseconds(1)).share(milliseconds(1500), 4), milliseconds(0));
+}
+
 TEST(SrvOrder, LowerPrioritiesComeFirst) {
     const auto ordered =
         orderRecords({{20, 0, 389, "c"}, {0, 0, 389, "a"}, {10, 0, 389, "b"}}, [] { return 0.0; });

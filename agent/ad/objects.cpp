@@ -23,6 +23,11 @@ constexpr const char* kMembers[] = {"member", "memberUid", "objectSid"};
 // For made ids.
 constexpr const char* kIds[] = {"objectSid", "primaryGroupID", "sAMAccountName"};
 
+// Whether an attribute's values come in parts.
+bool isPart(const std::string& name) {
+    return vorn::lower(name).find(kRange) != std::string::npos;
+}
+
 bool holds(const std::vector<std::string>& names, std::string_view name) {
     return std::any_of(names.begin(), names.end(),
                        [name](const std::string& other) { return vorn::equalsIgnoreCase(other, name); });
@@ -170,10 +175,8 @@ bool parseRange(const std::string& text, RangedName& ranged) {
 }
 
 bool hasRanges(const Entry& entry) {
-    return std::any_of(entry.attributes.begin(), entry.attributes.end(), [](const Attribute& attribute) {
-        RangedName ranged;
-        return parseRange(attribute.name, ranged);
-    });
+    return std::any_of(entry.attributes.begin(), entry.attributes.end(),
+                       [](const Attribute& attribute) { return isPart(attribute.name); });
 }
 
 namespace {
@@ -210,8 +213,11 @@ LdapStatus readRest(Link& link, const std::string& dn, RangedName ranged, Attrib
 
 LdapStatus readRanges(Link& link, Entry& entry, const Deadline& deadline) {
     for (Attribute& attribute : entry.attributes) {
+        if (!isPart(attribute.name)) continue;
         RangedName ranged;
-        if (!parseRange(attribute.name, ranged)) continue;
+        if (!parseRange(attribute.name, ranged))
+            return {LDAP_OTHER,
+                    "the controller sends a part that leads nowhere: " + vorn::printable(attribute.name)};
         attribute.name = ranged.name;
         if (LdapStatus status = readRest(link, entry.dn, ranged, attribute, deadline); !status.ok())
             return status;

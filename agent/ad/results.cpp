@@ -63,7 +63,9 @@ LdapStatus Results::next(Link& link, const Deadline& deadline, Entry& entry) {
             continue;
         }
         if (!status.ok()) {
-            status.again = status.code == LDAP_TIMEOUT && until.end() < deadline.end();
+            // The watchdog may have ended the wait: then the connection seems down.
+            const bool late = status.code == LDAP_TIMEOUT || status.code == LDAP_SERVER_DOWN;
+            status.again = late && until.passed() && until.end() < deadline.end();
             if (status.again)
                 m_context.pagesUntil = std::max(m_context.pagesUntil.load(), now() + kPagesTime);
             return status;

@@ -433,3 +433,17 @@ class Refer:
         for uri in self.uris:
             conversation.send(identifier, ber.sequence(ber.octets(uri), tag=REFERENCE))
         answer(conversation, identifier, search)
+
+
+class Renamed:
+    """The whole answer, with an attribute's values under another name."""
+
+    def __init__(self, name, other):
+        self.name, self.other = name, other
+
+    def __call__(self, conversation, identifier, search):
+        search.attributes = ["*"]
+        for dn, entry in conversation.peer.found(search):
+            renamed = {self.other if name == self.name else name: values for name, values in entry.items()}
+            conversation.entry(identifier, dn, renamed, search)
+        conversation.done(identifier)
