@@ -122,9 +122,16 @@ def test_another_prefix(tmp_path):
 
 
 def test_uninstalling_leaves_nothing(tmp_path):
-    Installation(tmp_path)
-    make("uninstall", DESTDIR=tmp_path)
-    assert list(tmp_path.iterdir()) == []
+    root = tmp_path / "a folder with blanks"
+    root.mkdir()
+    Installation(root)
+    make("uninstall", DESTDIR=root)
+    assert list(root.iterdir()) == []
+
+
+def test_uninstalling_what_was_never_installed(tmp_path):
+    result = subprocess.run([ROOT / "tools/uninstall", tmp_path / "manifest"], capture_output=True, text=True)
+    assert (result.returncode, result.stderr) == (1, f"uninstall: {tmp_path}/manifest: nothing was installed from this build\n")
 
 
 def test_uninstalling_leaves_what_is_not_ours(tmp_path):
