@@ -13,6 +13,18 @@ struct KeptEntry {
     SharedEntry entry;
 };
 
+// slapd notes an entry's special classes in it at the first question for one. Noted
+// here, no thread writes into the entry once others may read it. Where the client did
+// not ask for the classes slapd is not asked: it would write a line to syslog.
+void noteSpecialClasses(Entry& entry) {
+    const Attribute* one = entry.e_attrs;
+    while (one != nullptr && one->a_desc != slap_schema.si_ad_objectClass) one = one->a_next;
+    if (one != nullptr)
+        static_cast<void>(is_entry_referral(&entry));
+    else
+        entry.e_ocflags |= SLAP_OC__END;
+}
+
 }  // namespace
 
 SharedEntry KeptEntries::find(const FoundObject& found) const {
@@ -23,9 +35,7 @@ SharedEntry KeptEntries::find(const FoundObject& found) const {
 
 void KeptEntries::keep(const FoundObject& found, Entry* entry) const {
     if (m_cache == nullptr || found.cachedAs == nullptr) return;
-    // slapd notes an entry's special classes in it at the first question for one.
-    // Asked here, no thread writes into the entry once others may read it.
-    static_cast<void>(is_entry_referral(entry));
+    noteSpecialClasses(*entry);
     m_cache->setAttachment(*found.cachedAs, found.serial,
                            std::make_shared<const KeptEntry>(m_inputs, flatCopy(*entry)));
 }
