@@ -17,6 +17,8 @@ CLIENTS = 3
 PEOPLE = 100 if SANITIZER.kind else 400
 CALM, ROUGH = (80_000, 260_000) if LONG else (700, 500)  # operations of each client
 GROWTH = 4 << 20
+# bytes: slapd gives each of its threads, started when it is needed, a slab of 1 MiB; malloc gives it a heap
+THREAD = 3 << 19
 LIFE = 3 if SANITIZER.kind else 0.5  # seconds that an agent is given
 DIRECTIVES = (
     *Slapd.DIRECTIVES, "dirgate.cache.enabled true", "dirgate.cache.ttl 2", "dirgate.cache.negative.ttl 1",
@@ -71,7 +73,7 @@ def test_every_answer_is_right_and_nothing_grows(world):
     print("calm", dict(counts))
     assert failures(counts) == 0
     assert counts["lookup"] > CALM
-    before = slapd.memory(), slapd.descriptors()
+    memory, descriptors, threads = slapd.memory(), slapd.descriptors(), slapd.threads()
 
     restarts = 0
 
@@ -93,6 +95,9 @@ def test_every_answer_is_right_and_nothing_grows(world):
     counts = run_clients(world, slapd, model, 100, lambda: time.sleep(0.05))
     assert failures(counts) == 0
     wait_until(lambda: agent.open_searches() == 0, "no search stays open")
-    assert slapd.descriptors() <= before[1] + 2 * CLIENTS
+    assert slapd.descriptors() <= descriptors + 2 * CLIENTS
+    grown, new_threads = slapd.memory() - memory, slapd.threads() - threads
+    print("slapd grew by", grown, "bytes and", new_threads, "threads")
+    assert threads + new_threads <= 20, "slapd starts up to 16 for requests"
     if not SANITIZER.kind:
-        assert slapd.memory() - before[0] < GROWTH
+        assert grown < GROWTH + new_threads * THREAD
