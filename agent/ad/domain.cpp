@@ -119,7 +119,6 @@ LdapStatus Domain::waitForControllers(const Deadline& deadline) {
 }
 
 bool Domain::stillThere(const Peer& peer, const Deadline& deadline) {
-    if (m_controllers.size() < 2) return true;  // nobody else to ask
     std::unique_ptr<Link> link;
     const Deadline end = Deadline::in(deadline.share(kShortTime, kProbeShare));
     return Link::openAnonymous(m_context, peer, end, link).ok() && link->probe(end).ok();
@@ -213,20 +212,22 @@ void Domain::dropIdle(const Peer& peer) {
     links.swap(m_idle[peer]);
 }
 
-LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work) {
+LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work, Others others) {
     const Peer peer = link->peer();
-    link->setPatience([this, peer](const Deadline& deadline) { return stillThere(peer, deadline); });
+    if (others == Others::Some)
+        link->setPatience([this, peer](const Deadline& deadline) { return stillThere(peer, deadline); });
     Lease lease(*this, std::move(link));
     LdapStatus status = work(lease);
     if (status.lost) lease.spoil();
     return status;
 }
 
-LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work) {
+LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work,
+                         Others others) {
     LdapStatus status;
     std::unique_ptr<Link> link = takeIdle(peer, deadline);
     if (link) {
-        status = attempt(std::move(link), work);
+        status = attempt(std::move(link), work, others);
         // One that was idle may have been closed just now; what is lost at once says
         // nothing about the controller.
         const bool closed = status.lost && status.code == LDAP_SERVER_DOWN;
@@ -234,12 +235,13 @@ LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline&
         if (closed) dropIdle(peer);
     } else {
         status = Link::open(m_context, m_name, peer, open, link);
-        if (status.ok()) status = attempt(std::move(link), work);
+        if (status.ok()) status = attempt(std::move(link), work, others);
         if (!status.again) return status;
     }
+    // The time for taking a connection may have gone with the first one.
     const Deadline anew = deadline.atMost(deadline.share(kPatience, kPatienceShare));
-    status = Link::open(m_context, m_name, peer, anew, link);
-    return status.ok() ? attempt(std::move(link), work) : status;
+    status = Link::open(m_context, m_name, peer, status.again ? anew : open, link);
+    return status.ok() ? attempt(std::move(link), work, others) : status;
 }
 
 LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
@@ -249,8 +251,8 @@ LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
         const Peer& peer = choices[i].peer;
         const bool last = i + 1 == choices.size();
         const Deadline whole = choices[i].due ? deadline : deadline.atMost(kShortTime);
-        status =
-            runOn(peer, last ? whole : whole.atMost(whole.share(kPatience, kPatienceShare)), whole, work);
+        status = runOn(peer, last ? whole : whole.atMost(whole.share(kPatience, kPatienceShare)), whole, work,
+                       last ? Others::None : Others::Some);
         if (!status.lost) {
             m_controllers.succeeded(peer);
             m_lastAnswer = now();

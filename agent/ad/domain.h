@@ -116,8 +116,11 @@ class Domain {
     std::unique_ptr<Link> takeIdle(const Peer& peer, const Deadline& deadline);
     void dropIdle(const Peer& peer);
     LdapStatus runOnAll(const Deadline& deadline, const Work& work);
-    LdapStatus runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work);
-    LdapStatus attempt(std::unique_ptr<Link> link, const Work& work);
+    // Whether there is somebody to turn to when a controller hangs.
+    enum class Others { None, Some };
+    LdapStatus runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work,
+                     Others others);
+    LdapStatus attempt(std::unique_ptr<Link> link, const Work& work, Others others);
     LdapStatus readInfo(const Deadline& deadline, DomainInfo& info);
     bool stillThere(const Peer& peer, const Deadline& deadline);
     void giveBack(std::unique_ptr<Link> link, bool wasLong, bool reusable);
