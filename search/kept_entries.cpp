@@ -37,5 +37,5 @@ void KeptEntries::keep(const FoundObject& found, Entry* entry) const {
     if (m_cache == nullptr || found.cachedAs == nullptr) return;
     noteSpecialClasses(*entry);
     m_cache->setAttachment(*found.cachedAs, found.serial,
-                           std::make_shared<const KeptEntry>(m_inputs, flatCopy(*entry)));
+                           std::make_shared<const KeptEntry>(KeptEntry{m_inputs, flatCopy(*entry)}));
 }
