@@ -103,9 +103,11 @@ void Connection::waitForBytes() {
 
 // Reads what has come. Mostly that is a whole request, and no clock has to be set.
 void Connection::onReadable() {
+    const bool begun = m_haveLength > 0;
     if (readLength() && readBody()) return process();
     if (m_closed) return;
-    setDeadline(m_shared.timeout);
+    // For the whole of it: who sends byte by byte gains no time.
+    if (!begun && m_haveLength > 0) setDeadline(m_shared.timeout);
     waitForBytes();
 }
 

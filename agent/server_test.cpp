@@ -84,9 +84,9 @@ class RawClient {
     }
 
     // Whether the agent has ended the connection, without reading what it sent.
-    bool isHungUp() const {
+    bool isHungUp(int milliseconds = kSoonMs) const {
         pollfd wait{m_descriptor, 0, 0};
-        return ::poll(&wait, 1, kSoonMs) == 1;
+        return ::poll(&wait, 1, milliseconds) == 1;
     }
 
   private:
@@ -209,6 +209,17 @@ TEST_F(ServerTest, HalfAFrameIsWaitedForOnlySoLong) {
     ASSERT_TRUE(other.isGreeted());
     ASSERT_TRUE(other.send({100}));
     EXPECT_TRUE(other.isClosed());
+    EXPECT_TRUE(serves());
+}
+
+TEST_F(ServerTest, AFrameThatDripsIsWaitedForNoLonger) {
+    run(std::chrono::milliseconds(200));
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    ASSERT_TRUE(client.send({0, 0, 8, 0}));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSoonMs);
+    while (!client.isHungUp(20) && std::chrono::steady_clock::now() < end) client.send({'x'});
+    EXPECT_TRUE(client.isHungUp(0));
     EXPECT_TRUE(serves());
 }
 
