@@ -17,7 +17,7 @@ def encoded(name):
     return b"".join(bytes([len(label)]) + label.encode() for label in name.split(".")) + b"\0"
 
 
-class NameServer:
+class NameServer(contextlib.AbstractContextManager):
     """Answers on UDP until close()."""
 
     def __init__(self, address, services, hosts):
@@ -25,9 +25,6 @@ class NameServer:
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.bind((address, 53))
         threading.Thread(target=self.serve, daemon=True).start()
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.close()

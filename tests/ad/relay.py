@@ -51,7 +51,7 @@ class Frames:
         return True
 
 
-class Relay:
+class Relay(contextlib.AbstractContextManager):
     """Listens until close()."""
 
     def __init__(self, address, controller, ports=(LDAP, CATALOG, KDC)):
@@ -61,9 +61,6 @@ class Relay:
         self.listeners, self.sockets = {}, []
         for port in ports:
             self.serve(port)
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.close()

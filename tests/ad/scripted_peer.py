@@ -96,7 +96,7 @@ def as_bytes(value):
     return value if isinstance(value, bytes) else str(value).encode()
 
 
-class ScriptedPeer:
+class ScriptedPeer(contextlib.AbstractContextManager):
     """The server: one thread that accepts, and one for each connection."""
 
     def __init__(self, entries, where=("127.0.0.1", 0), certificate=None, transport="ldaps", passwords=None):
@@ -117,9 +117,6 @@ class ScriptedPeer:
         self.listener = socket.create_server(where)
         self.address, self.port = self.listener.getsockname()
         threading.Thread(target=self.accept, daemon=True).start()
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.close()

@@ -15,7 +15,8 @@ from gateway import BUILD  # noqa: E402
 from client_host import GATEWAY, UNPACKED  # noqa: E402
 import machine  # noqa: E402
 from host import make_authority, make_certificate  # noqa: E402
-from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+from world import (pytest_collection_modifyitems, pytest_configure, pytest_runtest_makereport,  # noqa: E402,F401
+                   shared_world, world)
 
 BEFORE = pytest.StashKey()
 
@@ -32,33 +33,10 @@ def pytest_sessionfinish(session):
     DIRECTORY.close()
 
 
-def pytest_configure(config):
-    config.addinivalue_line("markers", "embedded: about no directory")
-
-
-def pytest_collection_modifyitems(config, items):
-    """Tests about no directory run once."""
-    if DIRECTORY.kind != "embedded":
-        indifferent = [item for item in items if item.get_closest_marker("embedded")]
-        config.hook.pytest_deselected(items=indifferent)
-        items[:] = [item for item in items if item not in indifferent]
-
-
 @pytest.fixture
 def machine_before(request):
     """What the machine was like before the first test."""
     return request.config.stash[BEFORE]
-
-
-@pytest.fixture
-def world(request):
-    yield from make_world(request)
-
-
-@pytest.fixture(scope="module")
-def shared_world(request):
-    """One for the tests of a file."""
-    yield from make_world(request)
 
 
 @pytest.fixture(scope="session")

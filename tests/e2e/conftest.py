@@ -9,7 +9,8 @@ import pytest  # noqa: E402
 
 from directories import DIRECTORY  # noqa: E402
 from gateway import BUILD, SANITIZER  # noqa: E402
-from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+from world import (pytest_collection_modifyitems, pytest_configure, pytest_runtest_makereport,  # noqa: E402,F401
+                   shared_world, world)
 
 # What `make run` starts is the build that is shipped, whichever one is tested.
 collect_ignore = ["test_front_door.py"] if SANITIZER.kind else []
@@ -22,31 +23,6 @@ def pytest_sessionstart(session):
 
 def pytest_sessionfinish(session):
     DIRECTORY.close()
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "embedded: about the embedded directory alone, or about none")
-
-
-def pytest_collection_modifyitems(config, items):
-    """On a domain the tests run that would see the difference."""
-    if DIRECTORY.kind == "embedded":
-        return
-    indifferent = [item for item in items if item.get_closest_marker("embedded") or "standin" in item.fixturenames]
-    config.hook.pytest_deselected(items=indifferent)
-    items[:] = [item for item in items if item not in indifferent]
-
-
-@pytest.fixture
-def world(request):
-    """A world of the test's own."""
-    yield from make_world(request)
-
-
-@pytest.fixture(scope="module")
-def shared_world(request):
-    """One that the tests of a file share, and do not disturb."""
-    yield from make_world(request)
 
 
 @pytest.fixture(scope="module")

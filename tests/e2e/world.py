@@ -1,5 +1,6 @@
 """A test's world: a folder, and the servers that run in it. What they said comes with
-the report of a test that fails, and the folder stays."""
+the report of a test that fails, and the folder stays. The hooks and fixtures here are
+for the conftest.py of each folder of tests that wants them."""
 import pathlib
 import shutil
 import tempfile
@@ -59,6 +60,31 @@ def make_world(request, directory=DIRECTORY):
             print(f"kept: {world.folder}")
         else:
             world.remove()
+
+
+@pytest.fixture
+def world(request):
+    """A world of the test's own."""
+    yield from make_world(request)
+
+
+@pytest.fixture(scope="module")
+def shared_world(request):
+    """One that the tests of a file share, and do not disturb."""
+    yield from make_world(request)
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "embedded: about the embedded directory alone, or about none")
+
+
+def pytest_collection_modifyitems(config, items):
+    """On a domain the tests run that would see the difference."""
+    if DIRECTORY.kind == "embedded":
+        return
+    indifferent = [item for item in items if item.get_closest_marker("embedded") or "standin" in item.fixturenames]
+    config.hook.pytest_deselected(items=indifferent)
+    items[:] = [item for item in items if item not in indifferent]
 
 
 @pytest.hookimpl(hookwrapper=True)

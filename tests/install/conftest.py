@@ -10,6 +10,7 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 
 import pytest  # noqa: E402
 
+from host import Host  # noqa: E402
 from installation import Installation  # noqa: E402
 from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 
@@ -18,6 +19,15 @@ from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a ho
 def installed(tmp_path_factory):
     """What `make install` puts below a folder. Tests leave it as it is."""
     return Installation(tmp_path_factory.mktemp("root"))
+
+
+@pytest.fixture(scope="module")
+def host(installed, tmp_path_factory):
+    """A host with the gateway set up on it as the manual tells, both servers running."""
+    with Host(installed, tmp_path_factory.mktemp("host")) as host:
+        host.set_up()
+        host.serve()
+        yield host
 
 
 @pytest.fixture

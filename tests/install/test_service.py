@@ -7,22 +7,12 @@ import re
 import pytest
 
 from gateway import SUFFIX, wait_until
-from host import Host
 
 PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
 UNIT = "/usr/lib/systemd/system/vexagent.service"
 EXPOSURE = 14  # tenths, of 100; below 20 is systemd's "OK"
 PROBE = pathlib.Path(__file__).resolve().parent / "probe.py"
-
-
-@pytest.fixture(scope="module")
-def host(installed, tmp_path_factory):
-    """A host with the gateway set up on it as the manual tells, both servers running."""
-    with Host(installed, tmp_path_factory.mktemp("host")) as host:
-        host.set_up()
-        host.serve()
-        yield host
 
 
 def main_pid(host):

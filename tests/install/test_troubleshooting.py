@@ -9,7 +9,6 @@ import re
 import pytest
 
 from gateway import ROOT, SUFFIX, wait_until
-from host import Host
 
 PAGE = " ".join((ROOT / "docs/troubleshooting.md").read_text(encoding="utf-8").split())
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
@@ -17,14 +16,6 @@ PERSON = "(&(objectClass=posixAccount)(uid=ann))"
 SETTINGS, CONFIGURATION, LDIF = "/etc/zanthe/zanthe.conf", "/etc/ldap/slapd.conf", "/etc/zanthe/example.ldif"
 DATABASE = "/var/lib/zanthe/directory.ldb"
 END = r"\Z"
-
-
-@pytest.fixture(scope="module")
-def host(installed, tmp_path_factory):
-    with Host(installed, tmp_path_factory.mktemp("host")) as host:
-        host.set_up()
-        host.serve()
-        yield host
 
 
 def restart(host, *units):
