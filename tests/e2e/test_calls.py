@@ -205,7 +205,7 @@ def test_a_cached_search_asks_for_all_attributes_and_then_not_at_all(start, stan
                    supported=["sAMAccountName", "uidNumber", "cn"],
                    searches=[{"filter": AGENT_FILTER, "objects": [OBJECT]}])
     slapd.connect(SHOWN, "secret")
-    standin.calls()
+    standin.requests()
     first = search(slapd.connect(), FILTER, ["uid"])
     requests = standin.requests()
     assert any('"%s", %s, 2, -1, 0)' % (BASE, nothing) in line for line in requests for nothing in ("null", "[]"))
@@ -242,7 +242,7 @@ def test_the_second_bind_asks_for_no_list(start, standin):
     ben = f"cn=ben,{SUFFIX}"
     standin.script(users={SHOWN: {"secret": 0}, ben: {"secret": 0}}, supported=["cn"])
     slapd.connect(SHOWN, "secret")
-    standin.calls()
+    standin.requests()
     slapd.connect(ben, "secret")
     requests = standin.requests()
     assert [line.split("(")[0] for line in requests] == [
@@ -253,7 +253,7 @@ def test_the_same_bind_again_asks_nothing(start, standin):
     slapd = start()
     standin.script(users={SHOWN: {"secret": 0}}, supported=["cn"])
     slapd.connect(SHOWN, "secret")
-    standin.calls()
+    standin.requests()
     slapd.connect(SHOWN, "secret")
     assert standin.requests() == []
     standin.script(always={"vexAuthValidatePlainTextUser": 14})
