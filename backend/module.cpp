@@ -1,5 +1,6 @@
 // The module's entry and the hooks of its life.
 
+#include <cstddef>
 #include <cstring>
 #include <exception>
 
@@ -21,6 +22,12 @@ namespace {
 BackendInfo back_vex_info;
 char back_vex_type[] = "zanthedx";
 
+// The hooks lie side by side in the record, from the one behind bi_init to the flags.
+void clearHooks(BackendInfo* bi) {
+    constexpr std::size_t kFirst = offsetof(BackendInfo, bi_config);
+    std::memset(reinterpret_cast<char*>(bi) + kFirst, 0, offsetof(BackendInfo, bi_flags) - kFirst);
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int init_module(int /*argc*/, char* /*argv*/[]) try {
@@ -37,7 +44,8 @@ extern "C" __attribute__((visibility("default"))) int init_module(int /*argc*/, 
 }
 
 int vex_back_initialize(BackendInfo* bi) {
-    // Read-only: whatever is not named here stays null, and slapd answers it.
+    // Read-only: whatever is not named here is null, and slapd answers it.
+    clearHooks(bi);
     bi->bi_config = vex_back_config;
     bi->bi_db_config = vex_back_db_config;
     bi->bi_db_init = vex_back_db_init;

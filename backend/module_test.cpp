@@ -4,9 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "auth/bind.h"
 #include "auth/credentials.h"
@@ -56,6 +58,24 @@ TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
     expected.bi_connection_destroy = vex_conn_destroy;
     EXPECT_EQ(std::memcmp(registered(), &expected, sizeof expected), 0)
         << "the back-end is read-only: every other hook is null";
+}
+
+TEST(ModuleTest, WhateverHooksTheRecordHadAreGone) {
+    const BackendInfo* clean = registered();
+    CredManager* const creds = back_vex_creds;
+    SearchHandleManager* const handles = back_vex_search_handle;
+    BackendInfo info;
+    std::memset(&info, 0xA5, sizeof info);
+    EXPECT_EQ(vex_back_initialize(&info), 0);
+    delete std::exchange(back_vex_creds, creds);
+    delete std::exchange(back_vex_search_handle, handles);
+
+    const auto hooks = [](const BackendInfo& of) {
+        return std::string(reinterpret_cast<const char*>(&of.bi_config),
+                           offsetof(BackendInfo, bi_flags) - offsetof(BackendInfo, bi_config));
+    };
+    EXPECT_EQ(hooks(info), hooks(*clean));
+    EXPECT_EQ(info.bi_flags, 0xA5A5A5A5A5A5A5A5U) << "what is no hook stays";
 }
 
 TEST(ModuleTest, TheOpenHookThatIsNotInstalledWouldListAllControls) {
