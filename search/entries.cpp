@@ -44,6 +44,7 @@ EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, 
         const Result fetched = fetchByDn(session, &found->object, code);
         if (fetched != Result::Made) return fetched;
         ldif = toLdif(session, found->object.get(), &complained);
+        if (ldif.empty()) return Result::Skipped;
     }
     *entry = parse(ldif);
     if (*entry == nullptr) {

@@ -38,10 +38,16 @@ SearchOperation::SearchOperation(Operation* op, SlapReply* rs)
 
 bool SearchOperation::prepare() {
     initializeCache();
-    logStart();
+    const bool startIsRead = JPrintfEnabled();
+    if (startIsRead) logStart();
     if (m_op->ors_tlimit != SLAP_NO_LIMIT) m_deadline = m_op->o_time + m_op->ors_tlimit;
 
-    if (const auto rejection = prepareFilter(m_op->ors_filter, &m_request)) return reject(*rejection);
+    if (const auto rejection = prepareFilter(m_op->ors_filter, &m_request)) {
+        // An error in the filter is written for the line of the start too, whether or
+        // not somebody reads that line.
+        if (!startIsRead) logStart();
+        return reject(*rejection);
+    }
     // On the session that is not open yet, on purpose: an agent library may keep
     // the zone's view as a default for the sessions to come.
     if (translation_active(gTranslationMap)) setOption(nullptr, VEX_OPTION_ZONE_VIEW, 1);
@@ -68,7 +74,6 @@ void SearchOperation::initializeCache() {
 }
 
 void SearchOperation::logStart() try {
-    if (!JPrintfEnabled()) return;
     const std::string filter = filter_as_string("", m_op->ors_filter, nullptr);
     JPrintf("vex search start with filterstr: %s", filter.c_str());
 } catch (const std::exception& error) {

@@ -80,9 +80,9 @@ bool PagedResults::answerOpen(SlapReply* rs, OpenPage* page) {
     Cookie cookie{static_cast<std::uint64_t>(received), address(page->handle.get()),
                   address(page->pending.get())};
     struct berval value = {sizeof cookie, reinterpret_cast<char*>(&cookie)};
+    remember(cookie.received, received);
     if (!attach(rs, &value)) return false;
     page->received = cookie.received;
-    remember(cookie.received, received);
     // Before the client has the cookie: its next request may come at once.
     const SharedHandle handle = page->handle;
     back_vex_search_handle->issue(m_op->o_connid, std::move(*page));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "backend/settings.h"
@@ -11,6 +12,7 @@
 #include "search/fixture.h"
 #include "search/testing.h"
 #include "tests/standin/captured.h"
+#include "vorn/thread.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -91,6 +93,60 @@ TEST_F(PagingTest, PageSizeTwoOverFourResultsEndsWithoutAControlOnTheSecondPage)
     EXPECT_EQ(shape(second), "p2 p3 | 0 controls=0");
 }
 
+TEST_F(PagingTest, TheLastPagesResultIsSentTwiceTheSecondTimeWithoutAControl) {
+    searchFinds(5);
+    const auto first = page(3);
+    const auto last = page(3, cookieOf(first.back()));
+    EXPECT_EQ(shape(last), "p3 p4 | 0 controls=1 | 0 controls=0");
+    EXPECT_EQ(last[2].controls[0].oid, kPagedOid);
+    EXPECT_FALSE(last[2].controls[0].critical);
+    const PagedResultsState& state = m_client.connection().connection()->c_pagedresults_state;
+    EXPECT_EQ(state.ps_cookie, 0U);
+    EXPECT_EQ(state.ps_count, 5);
+}
+
+TEST_F(PagingTest, AnObjectThatIsNoEntryDoesNotMakeAFurtherPage) {
+    auto marked = person("p1");
+    marked.push_back({"_nssEntryInvalid", {"FALSE"}});
+    standin::search({person("p0"), marked});
+    EXPECT_EQ(shape(page(1)), "p0 | 0 controls=0");
+}
+
+TEST_F(PagingTest, ALaterPageThatFindsNoFurtherEntryIsASuccessWithoutAControl) {
+    searchFinds(3);
+    const auto first = page(2);
+    m_client.connection().loseEntries();
+    EXPECT_EQ(shape(page(2, cookieOf(first.back()))), "0 controls=0");
+}
+
+TEST_F(PagingTest, AFailedSendOfThePendingEntryEndsThePageWithItsResultTwice) {
+    searchFinds(5);
+    const auto first = page(2);
+    m_client.connection().entriesAnswer(50);
+    const auto second = page(2, cookieOf(first.back()));
+    EXPECT_EQ(shape(second), "50 controls=0 | 50 controls=0");
+    EXPECT_EQ(second[0].text, "send_search_entry Failed, lrc = 50");
+    EXPECT_EQ(second[1].text, second[0].text);
+}
+
+// Only the first page knows that it searches for DNs: what later pages find is sent as found.
+TEST_F(PagingTest, LaterPagesOfASearchForDnsFetchNothing) {
+    searchFinds(3);
+    for (const char* name : {"p0", "p1", "p2"})
+        standin::fetch("CN=" + std::string(name) + ",DC=example,DC=com", person(name));
+    Request request;
+    request.base = "cn=$,dc=example,dc=com";
+    Paged paged{1, ""};
+    request.paged = &paged;
+    const auto first = m_client.search(request);
+    EXPECT_EQ(shape(first), "p0 | 0 controls=1");
+    standin::forgetCalls();
+    paged.cookie = cookieOf(first.back());
+    const auto second = m_client.search(request);
+    EXPECT_EQ(shape(second), "p1 | 0 controls=1");
+    EXPECT_THAT(standin::requests(), ElementsAre("vexLdapSearchNext(search1)"));
+}
+
 TEST_F(PagingTest, APageThatSendsOnlyThePendingEntryIsASuccessAndThenRepeatedAsNoSuchObject) {
     searchFinds(3);
     const auto first = page(2);
@@ -150,10 +206,41 @@ TEST_F(PagingTest, LinesOfThePagesAreLogged) {
     EXPECT_TRUE(
         log.has("send_paged_response: rs->sr_nentries:2, total entries:2, handle->total:3, "
                 "handle->isLastPage:1"));
-    EXPECT_THAT(log.records(), Contains(HasSubstr("setSearchHandle: connection_id:1, handle:0x")));
+    // The lower half of the address.
+    char handle[16];
+    std::snprintf(handle, sizeof handle, "0x%08x",
+                  static_cast<unsigned>(reinterpret_cast<std::uint64_t>(m_handles.getSearchHandle(1).get())));
+    EXPECT_EQ(log.count(std::string("setSearchHandle: connection_id:1, handle:") + handle), 1);
+    EXPECT_THAT(log.records(), Not(Contains(HasSubstr("delSearchHandle"))));
     m_handles.delSearchHandle(1);
-    EXPECT_TRUE(log.has("delSearchHandle: connection_id:1"));
-    EXPECT_THAT(log.records(), Contains(HasSubstr("delSearchHandle: handle:0x")));
+    m_handles.delSearchHandle(1);
+    EXPECT_EQ(log.count("delSearchHandle: connection_id:1"), 1);
+    EXPECT_EQ(log.count(std::string("delSearchHandle: handle:") + handle), 1);
+}
+
+TEST_F(PagingTest, TheLineOfAPageThatIsReplayedTellsTheListsLength) {
+    vorn::Thread::SetThreadsActive(true);
+    useCache();
+    searchFinds(3);
+    m_client.search(Request{});
+    const standin::CapturedLog log;
+    const auto first = page(2);
+    page(2, cookieOf(first.back()));
+    EXPECT_EQ(log.count("send_paged_response: rs->sr_nentries:2, total entries:2, "
+                        "cacheLdapHandle->guidList->size():3"),
+              1);
+    EXPECT_EQ(log.count("send_paged_response: rs->sr_nentries:1, total entries:3, "
+                        "cacheLdapHandle->guidList->size():3"),
+              1);
+}
+
+TEST_F(PagingTest, APageThatStaysOpenSaysNothingOfACompleteSearch) {
+    const standin::CapturedLog log;
+    searchFinds(3);
+    const auto first = page(2);
+    EXPECT_FALSE(log.has("vex search complete on connection: 1"));
+    page(2, cookieOf(first.back()));
+    EXPECT_EQ(log.count("vex search complete on connection: 1"), 1);
 }
 
 // ------------------------------------------------------------------ limits
@@ -308,6 +395,19 @@ TEST_F(PagingTest, ABerFailureDropsTheControlAndEndsTheRequestNormally) {
     standin::answer("vex_ber_flatten2", -1);
     EXPECT_EQ(shape(page(2)), "p0 p1 | 0 controls=0");
     EXPECT_EQ(standin::liveEntries(), 0);
+    EXPECT_EQ(m_handles.getSearchHandle(1), nullptr);
+    const PagedResultsState& state = m_client.connection().connection()->c_pagedresults_state;
+    EXPECT_EQ(state.ps_cookie, 2U) << "what the cookie would have been";
+    EXPECT_EQ(state.ps_count, 2);
+}
+
+TEST_F(PagingTest, ABerFailureOnTheLastPageDropsItsControlToo) {
+    searchFinds(1);
+    standin::answer("vex_ber_flatten2", -1);
+    EXPECT_EQ(shape(page(2)), "p0 | 0 controls=0");
+    const PagedResultsState& state = m_client.connection().connection()->c_pagedresults_state;
+    EXPECT_EQ(state.ps_cookie, 0U);
+    EXPECT_EQ(state.ps_count, 1);
 }
 
 }  // namespace

@@ -43,6 +43,20 @@ bool isOwnPlace(const std::string& base) {
     return !onlyDomainComponents;
 }
 
+// A DN's value as a filter's. What slapd has escaped in the DN stays: a backslash and two
+// hexadecimal digits mean the same in both. The rest is escaped here: a uid such as "*"
+// names nobody and must not match everybody.
+std::string uidAsAssertion(std::string_view uid) {
+    std::string value;
+    for (const char c : uid) {
+        if (c == '\\')
+            value += c;
+        else
+            value += escape_filter_value({&c, 1});
+    }
+    return value;
+}
+
 std::optional<Rejection> prepareNetgroupBase(SearchRequest* request) {
     const std::string zone = vorn::loadSetting(vorn::SETTING_ZONE_REALNAME);
     if (zone.empty()) return Rejection{LDAP_OTHER, "vex dirgate: can not get currently joined zone dn"};
@@ -133,9 +147,8 @@ void prepareFetchByUid(int scope, SearchRequest* request) {
     request->agentType = translate_name(gTranslationMap, kPosixAccount, "");
     const std::string attribute = translate_name(gTranslationMap, translation_key(kPosixAccount, "uid"), "");
     if (!uid.empty() && !request->agentType.empty() && !attribute.empty()) {
-        // Escaped: a uid such as "*" names nobody and must not match everybody.
         request->filter =
-            "(&(objectClass=" + request->agentType + ")(" + attribute + "=" + escape_filter_value(uid) + "))";
+            "(&(objectClass=" + request->agentType + ")(" + attribute + "=" + uidAsAssertion(uid) + "))";
     }
     JPrintf("vex search after fetchbydnuid transformation, filter = %s", request->filter.c_str());
     request->fetchByUidDone = true;

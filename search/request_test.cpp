@@ -44,6 +44,39 @@ TEST_F(RequestTest, TheObjectTypeIsFoundAndMapped) {
     EXPECT_TRUE(log.has("vex search: objectType = objectClass (POSIXaccount is mapped to User)"));
 }
 
+TEST_F(RequestTest, AFilterWithoutAnObjectTypeIsLoggedAsOne) {
+    const standin::CapturedLog log;
+    useMap("posixAccount = User\n");
+    searchtest::TestFilter filter("uid", "ann");
+    EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
+    EXPECT_EQ(m_request.agentType, "");
+    EXPECT_TRUE(log.has("vex search: objectType =  ( is mapped to )"));
+}
+
+TEST_F(RequestTest, WithoutAMapNothingIsSaidOfTheObjectType) {
+    const standin::CapturedLog log;
+    searchtest::TestFilter filter("objectClass", "posixAccount");
+    EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
+    EXPECT_EQ(m_request.objectType, "");
+    EXPECT_EQ(m_request.filter, "(objectClass=posixAccount)");
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(RequestTest, OnlyTheExactTypeMakesNetgroupsTheZones) {
+    gNetgroupUseRfc2307 = true;
+    useMap("nisNetgroup = NisNetgroup\n");
+    searchtest::TestFilter filter("objectClass", "nisNetgroup");
+    EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
+    EXPECT_FALSE(m_request.netgroups);
+    EXPECT_EQ(m_request.agentType, "NisNetgroup");
+
+    useMap("nisNetgroup = nisNetgroup\n");
+    gNetgroupUseRfc2307 = false;
+    EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
+    EXPECT_FALSE(m_request.netgroups);
+    EXPECT_EQ(m_request.agentType, "nisNetgroup");
+}
+
 TEST_F(RequestTest, NetgroupsPassUntranslatedWhenTheyComeFromTheZone) {
     const standin::CapturedLog log;
     gNetgroupUseRfc2307 = true;
@@ -293,6 +326,12 @@ TEST_F(RequestTest, FetchByUidRewritesTheFilterOnlyWhereItCan) {
         {"uid=jdoe,dc=a", "(uid=jdoe)", 0, "posixAccount = User\n", "(uid=jdoe)", false},
         {"uid=*,dc=a", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
          "(&(objectClass=User)(name=\\2A))", true},
+        {"uid=doe\\2C (j),dc=a", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
+         "(&(objectClass=User)(name=doe\\2C \\28j\\29))", true},  // as slapd escapes a comma
+        {"uid=dc=*,dc=a", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
+         "(&(objectClass=User)(name=dc=\\2A))", true},  // looks like a DN, but is a name
+        {"uid=,dc=a", "(objectClass=*)", 0, "posixAccount = User\nposixAccount.uid = name\n",
+         "(objectClass=*)", true},
     };
     gFetchByDnUID = true;
     for (const auto& one : cases) {

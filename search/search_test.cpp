@@ -4,13 +4,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
+#include <thread>
 
 #include "backend/settings.h"
 #include "search/fixture.h"
 #include "search/testing.h"
 #include "tests/standin/captured.h"
+#include "vorn/logger.h"
+#include "vorn/settings.h"
+#include "vorn/temporary_folder.h"
+#include "vorn/thread.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -122,6 +130,45 @@ TEST_F(SearchTest, TheLinesOfASearchAreLogged) {
     EXPECT_THAT(log.records(), testing::Contains(HasSubstr("After translation: out_ldif = ")));
 }
 
+// The cache takes them at the first search, each in its place.
+TEST_F(SearchTest, TheFirstSearchGivesTheCacheItsSettings) {
+    vorn::Thread::SetThreadsActive(true);
+    gCacheEnabled = true;
+    gCacheMaxLists = 11, gCacheMaxObjects = 22, gCacheTTL = 33, gCacheNegTTL = 44, gLogInterval = 55;
+    gCacheHashLoadFactor = 0.25F;
+    const standin::CapturedLog log;
+    m_client.search(Request{});
+    gCacheMaxLists = 12;
+    m_client.search(Request{});
+    gCacheMaxLists = 100, gCacheMaxObjects = 3000, gCacheTTL = 3600, gCacheNegTTL = 300, gLogInterval = 0;
+    gCacheHashLoadFactor = 1.3F;
+    EXPECT_EQ(log.count("Init memory cache successfully. max lists: 11, max objects: 22, ttl: 33, "
+                        "negative ttl: 44, log interval: 55, list cache bucket number: 53, object cache "
+                        "bucket number: 97"),
+              1);
+    EXPECT_THAT(log.records(), testing::Not(testing::Contains(HasSubstr("max lists: 12"))));
+}
+
+TEST_F(SearchTest, TheCachesStatisticsFollowTheLastLineOfASearch) {
+    vorn::Thread::SetThreadsActive(true);
+    useCache();
+    SearchCacheManager* cache = SearchCacheManager::GetCacheManager();
+    cache->init(true, 100, 3000, 3600, 300, 1, 1.3F);
+    const std::time_t start = std::time(nullptr);
+    while (std::time(nullptr) == start) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    standin::search({person("ann")});
+    const standin::CapturedLog log;
+    m_client.search(Request{});
+    const std::vector<std::string> records = log.records();
+    const auto last = std::find_if(records.begin(), records.end(), [](const std::string& record) {
+        return record.ends_with("vex search complete on connection: 1");
+    });
+    ASSERT_GE(records.end() - last, 3);
+    EXPECT_THAT(last[1], testing::EndsWith(" cache hits: 0, negHits: 0, misses: 1, expires: 0, overflows: 0, "
+                                           "cloneErrs: 0"));
+    EXPECT_THAT(last[2], testing::EndsWith(" Put GUID list to cache successfully."));
+}
+
 // -------------------------------------------------------------------- limits
 
 TEST_F(SearchTest, ASizeLimitOfNGivesNEntriesAndThenTheResultTwice) {
@@ -143,6 +190,35 @@ TEST_F(SearchTest, ExactlyAsManyObjectsAsTheLimitAreNoExcess) {
     const auto sent = m_client.search(request);
     ASSERT_EQ(sent.size(), 3U);
     EXPECT_EQ(sent[2].code, LDAP_SUCCESS);
+}
+
+TEST_F(SearchTest, TheLimitCountsBeforeTheObjectIsLookedAt) {
+    auto marked = person("b");
+    marked.push_back({"_nssEntryInvalid", {"TRUE"}});
+    standin::search({person("a"), marked});
+    Request request;
+    request.sizeLimit = 1;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(sent[1].code, LDAP_SIZELIMIT_EXCEEDED) << "though no second entry would have come of it";
+}
+
+TEST_F(SearchTest, TheSizeLimitComesBeforeTheDeadlineAndAbandonmentBeforeBoth) {
+    Request request;
+    request.start = std::time(nullptr) - 10;
+    request.timeLimit = 5;
+    request.sizeLimit = 0;
+    standin::search({person("a")});
+    auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].code, LDAP_SIZELIMIT_EXCEEDED);
+    EXPECT_EQ(sent[1].code, LDAP_NO_SUCH_OBJECT);
+
+    request.abandoned = true;
+    standin::search({person("a")});
+    sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
 }
 
 TEST_F(SearchTest, APassedDeadlineEndsWithTimeLimitExceeded) {
@@ -169,7 +245,9 @@ TEST_F(SearchTest, AnAbandonedOperationEndsWithoutEntries) {
 TEST_F(SearchTest, AFailedSendEndsTheSearchWithInsufficientAccessTwice) {
     standin::search({person("a"), person("b")});
     m_client.connection().entriesAnswer(4);
+    const standin::CapturedLog log;
     const auto sent = m_client.search(Request{});
+    EXPECT_EQ(log.count("send_search_entry Failed, lrc = 4"), 1);
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_EQ(sent[0].code, LDAP_INSUFFICIENT_ACCESS);
     EXPECT_EQ(sent[0].text, "send_search_entry Failed, lrc = 4");
@@ -201,6 +279,7 @@ TEST_F(SearchTest, TheSuffixItselfIsNoSuchObjectWhenTheFilterDoesNotMatch) {
 }
 
 TEST_F(SearchTest, ADomainEntryThatIsNoEntryIsReportedWithItsText) {
+    const standin::CapturedLog log;
     standin::rejectEntriesWith("objectclass: domain");
     Request request;
     request.scope = LDAP_SCOPE_BASE;
@@ -209,6 +288,7 @@ TEST_F(SearchTest, ADomainEntryThatIsNoEntryIsReportedWithItsText) {
     EXPECT_EQ(sent[0].code, LDAP_INVALID_SYNTAX);
     EXPECT_EQ(sent[0].text,
               "str2entry Failed, bad ldif: dn: dc=example,dc=com\nobjectclass: domain\ndc: example\n");
+    EXPECT_EQ(log.count("str2entry Failed, bad ldif: dn: dc=example,dc=com"), 1);
 }
 
 TEST_F(SearchTest, ABaseSearchDropsAnEntryWithAnotherDn) {
@@ -231,7 +311,12 @@ TEST_F(SearchTest, CnDollarSearchesTheForestForDnsAndFetchesEachObject) {
     Request request;
     request.base = "CN=$,dc=example,dc=com";
     request.attributes = {"mail"};
+    const standin::CapturedLog log;
     const auto sent = m_client.search(request);
+    EXPECT_EQ(log.count("Calling vexLdapFetch with domain = sub.example.com, "
+                        "dn = CN=ann,DC=sub,DC=example,DC=com"),
+              1);
+    EXPECT_EQ(log.count("After translation: out_ldif = "), 2) << "of what was found, and of what was fetched";
     EXPECT_THAT(
         standin::requests(),
         ElementsAre(
@@ -253,6 +338,21 @@ TEST_F(SearchTest, AFetchThatFailsIsReported) {
     EXPECT_EQ(sent[0].code, LDAP_UNAVAILABLE);
     EXPECT_EQ(sent[0].text,
               "vexLdapFetch : Failed to communicate with vexagent due to broken session handle");
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[1].code, LDAP_NO_SUCH_OBJECT) << "nothing was sent, and the ending says so again";
+    EXPECT_EQ(sent[1].text, sent[0].text);
+}
+
+TEST_F(SearchTest, AFetchedObjectOfWhichNothingCanBeWrittenIsSkippedWithoutAWord) {
+    standin::search({person("ann")});
+    standin::fetch("CN=ann,DC=example,DC=com", {{"_objectCategory", {"Person"}}});
+    Request request;
+    request.base = "cn=$,dc=example,dc=com";
+    const standin::CapturedLog log;
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
+    EXPECT_THAT(log.records(), testing::Not(testing::Contains(HasSubstr("Skipping object"))));
 }
 
 TEST_F(SearchTest, ADnThatCannotBeReadIsReported) {
@@ -302,11 +402,29 @@ TEST_F(SearchTest, AnIncompleteSearchEndsAsIfWholeUnlessErrorsAreReported) {
 TEST_F(SearchTest, AFilterThatTheAgentCannotExpressIsRejected) {
     Request request;
     request.attribute = "~approximate";
+    const standin::CapturedLog log;
     const auto sent = m_client.search(request);
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].code, LDAP_INVALID_SYNTAX);
     EXPECT_EQ(sent[0].text, "vex dirgate: invalid search filter");
     EXPECT_THAT(standin::requests(), IsEmpty());
+    EXPECT_EQ(log.count("filter_as_string failed: "), 1);
+    EXPECT_THAT(log.records(), testing::Not(testing::Contains(HasSubstr("vex search start"))));
+}
+
+// Once for the line that tells of the search, read or not, and once for the agent.
+TEST_F(SearchTest, AFilterThatTheAgentCannotExpressIsAnErrorTwiceWhoeverListens) {
+    for (const int level : {vorn::Logger::kInfo, vorn::Logger::kNothing}) {
+        const standin::CapturedLog log(level);
+        const standin::CapturedStderr captured;
+        Request request;
+        request.attribute = "~approximate";
+        m_client.search(request);
+        EXPECT_EQ(captured.text(),
+                  "dirgate ERROR: Unknown choice in filter: 168\n"
+                  "dirgate ERROR: Unknown choice in filter: 168\n")
+            << "level " << level;
+    }
 }
 
 TEST_F(SearchTest, AnUnexpectedExceptionIsReportedAndTheHookAnswersOne) {
@@ -317,6 +435,37 @@ TEST_F(SearchTest, AnUnexpectedExceptionIsReportedAndTheHookAnswersOne) {
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].code, LDAP_OTHER);
     EXPECT_EQ(sent[0].text, "out of cheese");
+}
+
+// ----------------------------------------------------------------- netgroups
+
+TEST_F(SearchTest, NetgroupsOfTheZoneAreAskedForInItsDomainAndUntyped) {
+    const vorn::test::TemporaryFolder folder;
+    setenv("ZANTHE_CONF", folder.write("host", "domain.name = a.b\nzone.dn = CN=z,DC=c,DC=b\n").c_str(), 1);
+    vorn::Props(true, true);
+    gNetgroupUseRfc2307 = true;
+    useMap("nisNetgroup = nisNetgroup\nnisNetgroup.cn = name\n");
+    Request request;
+    request.base = "dc=A,dc=b";
+    request.attribute = "objectClass";
+    request.value = "nisNetgroup";
+    request.attributes = {"cn"};
+    m_client.search(request);
+    EXPECT_THAT(standin::requests(), testing::Contains("vexSetOption(session1, 64, 0)"));
+    EXPECT_THAT(standin::requests(),
+                testing::Contains(R"~(vexLdapSearchOpen(session1, "c.b", "(objectClass=nisNetgroup)", )~"
+                                  R"~("CN=netgroup,CN=Rfc2307NisMaps,CN=z,DC=c,DC=b", ["cn"], 2, -1, 0))~"));
+
+    request.base = "dc=else,dc=where";
+    standin::forgetCalls();
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_OTHER);
+    EXPECT_EQ(
+        sent[0].text,
+        "vex dirgate: the specified search base is different from the currently joined domain dn or the "
+        "currently joined zone domain dn");
+    EXPECT_THAT(standin::requests(), ElementsAre("vexSetOption(null, 4, 1)"));
 }
 
 // -------------------------------------------------------------- fetch by uid

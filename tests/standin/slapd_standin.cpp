@@ -44,6 +44,7 @@ void FakeConnection::sendResult(Operation* op, SlapReply* rs) {
 int FakeConnection::sendEntry(Operation* op, SlapReply* rs) {
     FakeConnection& self = of(op);
     if (self.m_entryCode != 0) return self.m_entryCode;
+    if (self.m_losesEntries) return 0;
     self.keep(rs, true);
     rs->sr_nentries++;
     if (rs->sr_flags & REP_ENTRY_MUSTBEFREED) {

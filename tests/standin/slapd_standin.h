@@ -68,6 +68,9 @@ class FakeConnection {
     std::vector<Sent> sent();
     // What sending an entry answers, from now on; 0 at first.
     void entriesAnswer(int code) { m_entryCode = code; }
+    // From now on entries are taken away on their way to the client, as an overlay may:
+    // sending one succeeds, and it is neither sent nor counted.
+    void loseEntries() { m_losesEntries = true; }
 
   private:
     struct Record {
@@ -81,6 +84,7 @@ class FakeConnection {
 
     Record m_record{};
     int m_entryCode = 0;
+    bool m_losesEntries = false;
     std::mutex m_mutex;
     std::vector<Sent> m_sent;  // guarded by m_mutex
 };
