@@ -204,6 +204,13 @@ TEST_F(DirectivesTest, AnUnknownDirectiveIsAcceptedWithoutAMessage) {
     EXPECT_EQ(complaint({"suffixes"}, 0), "");
 }
 
+TEST_F(DirectivesTest, ALaterLineOverridesAnEarlierOneAndARefusedOneDoesNot) {
+    EXPECT_EQ(configure({"dirgate.cache.negative.ttl", "5"}), 0);
+    EXPECT_EQ(configure({"dirgate.cache.negative.ttl", "7"}), 0);
+    complaint({"dirgate.cache.negative.ttl", "-7"});
+    EXPECT_EQ(gCacheNegTTL, 7);
+}
+
 TEST_F(DirectivesTest, NamesIgnoreCase) {
     EXPECT_EQ(configure({"DirGate.Cache.TTL", "5"}), 0);
     EXPECT_EQ(gCacheTTL, 5);
@@ -214,6 +221,11 @@ TEST_F(DirectivesTest, ComplaintsGoToSlapdsDebugLogWhenItIsShown) {
     ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
     EXPECT_EQ(complaint({"dirgate.cache.ttl", "0"}),
               "slapd.conf: line 7: dirgate.cache.ttl's value '0' is invalid.\n");
+    EXPECT_EQ(complaint({"DirGate.Cache.Enabled", "yes"}),
+              "slapd.conf: line 7: dirgate.cache.enabled's value 'yes' is invalid.\n")
+        << "under its own name, however the line spells it";
+    EXPECT_EQ(complaint({"VEXtranslation"}),
+              "slapd.conf: line 7: missing filenamein vextranslation line: VEXtranslation.\n");
     slap_debug = 0;
     ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
 }
