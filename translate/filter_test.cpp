@@ -82,6 +82,7 @@ TEST_F(FilterText, WithAMap) {
         {"(dropped>=b)", ""},
         {"(!(dropped=b))", ""},
         {"(!(!(dropped=b)))", ""},
+        {"(!(dropped=b)(uid=a))", "(!(sAMAccountName=a))"},
         {"(&(uid=a)(dropped=b))", "(sAMAccountName=a)"},
         {"(|(dropped=b)(uid=a))", "(sAMAccountName=a)"},
         {"(&(dropped=b)(dropped=c))", ""},
@@ -121,6 +122,7 @@ TEST_F(FilterText, WithoutAMapOnlyEscapes) {
         {"(&(&(&(uid=a))))", "(uid=a)"},
         {"(&(|(a=1)(b=2))(!(|(c=3)(d=4))))", "(&(|(a=1)(b=2))(!(|(c=3)(d=4))))"},
         {"(!(&(uid=a)))", "(!(uid=a))"},
+        {"(!(uid=a)(cn=b))", "(!(uid=a)(cn=b))"},
         {"(&)", ""},
         {"(|)", ""},
         // computed beforehand: an AND or OR without elements

@@ -233,6 +233,11 @@ TEST_F(Ldif, UnreadableParts) {
     EXPECT_EQ(convert({{"_dn", {"CN=a"}}, standin::unreadable("mail", 6), {"cn", {"a"}}}, {}),
               "dn: CN=a\ncn: a\n");
     EXPECT_EQ(convert({{"_dn", {"CN=a"}}, standin::nameless(), {"cn", {"a"}}}, {}), "dn: CN=a\ncn: a\n");
+    // Neither the DN that is not written is read, nor a category without a type.
+    EXPECT_EQ(
+        convert({standin::unreadable("_dn", 8), standin::unreadable("_objectCategory", 6), {"cn", {"a"}}},
+                {"", false, {}, true}),
+        "dn: \ncn: a\n");
 
     const char* text = nullptr;
     vexGetVexCodeStr(6, &text);
@@ -247,6 +252,14 @@ TEST_F(Ldif, UnreadableParts) {
     EXPECT_TRUE(
         log.has("object_to_ldif: " + missing + " (10):unixHomeDirectory from vexGetAttributeBlobList"));
     EXPECT_TRUE(log.has("object_to_ldif: Error rc = " + broken + " (6) from vexGetAttributeList"));
+}
+
+TEST_F(Ldif, TheCategoryIsReadBeforeTheMapIsLookedAt) {
+    gTranslationMap = nullptr;
+    const standin::CapturedStderr errors;
+    EXPECT_EQ(convert({{"_dn", {"CN=a"}}, {"cn", {"a"}}}, posixAccount()), "dn: CN=a\ncn: a\n");
+    EXPECT_EQ(errors.text(),
+              "dirgate ERROR: Failed to retrieve _objectCategory from object: no such attribute\n");
 }
 
 TEST_F(Ldif, WhatTheLogShows) {
