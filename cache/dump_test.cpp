@@ -134,14 +134,34 @@ TEST_F(Dump, LogsSettingsAndCounts) {
     }
 }
 
-TEST_F(Dump, OfADisabledCacheSaysSo) {
+TEST_F(Dump, ShowsTheFirstSettingsAfterASecondInit) {
+    startHere({.maxLists = 1, .maxObjects = 2, .ttl = 3, .negTtl = 4, .logInterval = 5, .loadFactor = 6});
+    configure({.enabled = false,
+               .maxLists = 10,
+               .maxObjects = 20,
+               .ttl = 30,
+               .negTtl = 40,
+               .logInterval = 50,
+               .loadFactor = 60});
+    const standin::CapturedLog log;
+    m_cache->dumpCache();
+    EXPECT_EQ(log.count("memory cache enabled, max lists: 1, max objects: 2, ttl: 3, negative ttl: 4, load "
+                        "factor: 6.000000, log interval: 5"),
+              1);
+}
+
+TEST_F(Dump, OfADisabledCacheSaysSoAndThatLookupsCountedNothing) {
     startHere({.enabled = false});
+    put("g", "ann");
+    EXPECT_EQ(get("g"), "miss");
+    EXPECT_EQ(list("key"), 2);
     const standin::CapturedLog log;
     m_cache->dumpCache();
     EXPECT_EQ(
         log.count("memory cache not enabled, max lists: 100, max objects: 3000, ttl: 3600, negative ttl: "
                   "300, load factor: 1.300000, log interval: 1"),
         1);
+    EXPECT_EQ(log.count("cache hits: 0, negHits: 0, misses: 0, expires: 0, overflows: 0, cloneErrs: 0"), 1);
     EXPECT_EQ(files(), 1U);
 }
 
@@ -223,6 +243,17 @@ bool becomesTrue(Condition condition) {
     return true;
 }
 
+// The kernel keeps 15 characters of a thread's name.
+bool hasThread(const std::string& name) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "comm");
+        std::string found;
+        std::getline(file, found);
+        if (found == name.substr(0, 15)) return true;
+    }
+    return false;
+}
+
 bool watcherLooksTwice() {
     const int before = rounds;
     return becomesTrue([before] { return rounds >= before + 2; });
@@ -233,6 +264,7 @@ TEST_F(Dump, ComesAtTheSignal) {
     const standin::CapturedLog log;
     startHere({}, countedSleep);
     ASSERT_TRUE(watcherLooksTwice());
+    EXPECT_TRUE(hasThread("checkSignalThread"));
     EXPECT_EQ(log.count("Thread starts to check signal..."), 1);
     EXPECT_EQ(files(), 0U);
     raise(SIGUSR1);

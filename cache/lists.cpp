@@ -41,21 +41,21 @@ int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidL
         ++m_negHits;
         return kNegativeHit;
     }
-    if (m_environment.clock() <= node->value.expiryTime) {
+    const std::time_t now = m_environment.clock();
+    if (now <= node->value.expiryTime) {
         out = node->value.guidList;
         ++m_hits;
         return kHit;
     }
-    expireList(*node, lists, objects);
+    expireList(*node, now, lists, objects);
     ++m_expires;
     return kMiss;
 }
 
 // Takes along those of the list's own objects that have expired too: nobody else
 // is as likely to look for them.
-void SearchCacheManager::expireList(const ListTable::Node& list, ListTable::Trash* lists,
+void SearchCacheManager::expireList(const ListTable::Node& list, std::time_t now, ListTable::Trash* lists,
                                     ObjTable::Trash* objects) {
-    const std::time_t now = m_environment.clock();
     for (const std::string& guid : *list.value.guidList) {
         const ObjTable::Node* object = m_objCache.find(guid);
         if (object != nullptr && now > object->value.expiryTime) m_objCache.erase(guid, objects);

@@ -94,6 +94,23 @@ TEST_F(Lists, TakeTheirOwnExpiredObjectsWithThem) {
     EXPECT_EQ(counts(), "1 0 1 2 0 0");
 }
 
+// A clock whose every look is a second later.
+std::time_t tickingClock() {
+    return now++;
+}
+
+TEST_F(Lists, ExpireTogetherWithTheirObjectsByOneLookAtTheClock) {
+    start({}, {tickingClock, sleepOn, ""});
+    now = 1'000'000;
+    m_cache->putList("key", guids({"g"}));  // lives until 1'003'600
+    now = 1'000'001;
+    put("g", "ann");  // lives until 1'003'601
+    now = 1'003'601;
+    EXPECT_EQ(list("key"), 2);
+    now = 1'003'601;
+    EXPECT_EQ(get("g"), "ann");
+}
+
 TEST_F(Lists, AreNeitherReplacedNorRefreshed) {
     start();
     const standin::CapturedLog log;

@@ -153,7 +153,8 @@ class SearchCacheManager {
     void startWatcher();
     int lookUpList(const std::string& key, std::shared_ptr<GuidList>& out, ListTable::Trash* lists,
                    ObjTable::Trash* objects);
-    void expireList(const ListTable::Node& list, ListTable::Trash* lists, ObjTable::Trash* objects);
+    void expireList(const ListTable::Node& list, std::time_t now, ListTable::Trash* lists,
+                    ObjTable::Trash* objects);
     void overFlowListCache(ListTable::Trash* trash);
     void overFlowObjCache(ObjTable::Trash* trash);
     bool makeRoomForObj(const char* guid, ObjTable::Trash* trash);

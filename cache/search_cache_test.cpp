@@ -1,4 +1,5 @@
 #include <csignal>
+#include <filesystem>
 #include <thread>
 
 #include "cache/testing.h"
@@ -57,6 +58,16 @@ TEST_F(Manager, TakesBucketsForItsLoadFactor) {
     }
 }
 
+// In double precision 7 / 1.4 would be a little more than 5, which takes 11 buckets.
+TEST_F(Manager, DividesInSinglePrecision) {
+    const standin::CapturedLog log;
+    start({.maxLists = 7, .maxObjects = 7, .loadFactor = 1.4F});
+    EXPECT_EQ(log.count("Init memory cache successfully. max lists: 7, max objects: 7, ttl: 3600, negative "
+                        "ttl: 300, log interval: 1, list cache bucket number: 5, object cache bucket "
+                        "number: 5"),
+              1);
+}
+
 TEST_F(Manager, KeepsItsFirstSettings) {
     start({.maxObjects = 1});
     const standin::CapturedLog log;
@@ -83,6 +94,17 @@ TEST_F(Manager, DisabledSaysNothingAndLeavesTheSignalAlone) {
     EXPECT_TRUE(log.records().empty());
     // Not even a load factor matters.
     start({.enabled = false, .loadFactor = 0});
+}
+
+std::ptrdiff_t threadsOfThisProcess() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+// A thread of an earlier test may be about to go, so there may be fewer afterwards.
+TEST_F(Manager, DisabledStartsNoThread) {
+    const std::ptrdiff_t before = threadsOfThisProcess();
+    start({.enabled = false});
+    EXPECT_LE(threadsOfThisProcess(), before);
 }
 
 TEST_F(Manager, TakesTheSignalOver) {

@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cache/search_cache.h"
@@ -44,7 +46,9 @@ struct Settings {
 };
 
 // Sleeps until the thread is to end, so that the watcher does nothing of its own.
+inline std::atomic<bool> watcherSleeps = false;
 inline void sleepOn(long, long, long, long) {
+    watcherSleeps = true;
     vorn::Thread::sleep(1000, 0, 0, 0);
 }
 
@@ -63,11 +67,21 @@ class CacheTest : public testing::Test {
 
     void start(const Settings& settings = {}, SearchCacheEnvironment environment = {clock, sleepOn, ""}) {
         m_cache = std::make_unique<SearchCacheManager>(environment);
+        watcherSleeps = false;
         configure(settings);
+        if (settings.enabled && environment.sleep == sleepOn) waitForTheWatcher();
     }
     void configure(const Settings& settings) {
         m_cache->init(settings.enabled, settings.maxLists, settings.maxObjects, settings.ttl, settings.negTtl,
                       settings.logInterval, settings.loadFactor);
+    }
+
+    // Until it has said what it says at its start: a test that reads the log later sees
+    // none of it.
+    static void waitForTheWatcher() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!watcherSleeps && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        ASSERT_TRUE(watcherSleeps);
     }
 
     void put(const std::string& guid, const std::string& cn) {
