@@ -181,6 +181,16 @@ TEST_F(LoggerTest, AChannelTakesItsLevelFromTheNearestAncestorInTheSettings) {
     }
 }
 
+TEST_F(LoggerTest, WhatAnAncestorSetsIsStoredSoThatTheWalkIsDoneOnce) {
+    configure("log.level.a = 1\nlog.syslog.level.a = 0\n");
+    const auto leaf = logger("a.b.c", -1, -1, logger("a.b", -1, -1, Logger::GetThreadPrivateLogger("a")));
+    EXPECT_EQ(leaf->fileThreshold(), 1);
+    EXPECT_EQ(leaf->syslogThreshold(), 0);
+    configure("log.level.a = 3\nlog.syslog.level.a = 3\n");
+    EXPECT_EQ(leaf->fileThreshold(), 1);
+    EXPECT_EQ(leaf->syslogThreshold(), 0);
+}
+
 TEST_F(LoggerTest, AValueThatIsNoLevelIsReportedAndPassedOver) {
     testing::internal::CaptureStderr();
     configure("log.level = high\nlog.level.a = 5\nlog.syslog.level.a = -1\nlog.level.b =\nlog.level.c = 1\n");
