@@ -34,7 +34,8 @@ class CapturedLog {
 
     // The records so far, each whole with what the logger puts before its text.
     std::vector<std::string> records() const;
-    // How many records end with exactly this text.
+    // How many records, or lines of them, are exactly this text: that of a JPrintf, or that
+    // of a JError with its "dirgate ERROR: " before it.
     int count(const std::string& text) const;
     bool has(const std::string& text) const { return count(text) > 0; }
 

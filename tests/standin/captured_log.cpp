@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 
 #include "vorn/logger.h"
 #include "vorn/properties.h"
@@ -15,6 +16,22 @@ void configure(const std::string& text) {
     vorn::Properties settings;
     settings.parse(text, "captured log");
     vorn::Logger::ReconfigureLevels(settings);
+}
+
+// What a record says, without what the logger puts before it. Only information by
+// JPrintf and an error by JError are records of the module; a line that is neither is
+// a further line of the record above, and all of it is text.
+std::string_view textOf(std::string_view line) {
+    static constexpr struct {
+        std::string_view level;
+        std::string_view source;
+    } kKinds[] = {{" info dirgate ", " search:92 JPrintf "}, {" error dirgate ", " search:105 JError "}};
+    for (const auto& kind : kKinds) {
+        const std::size_t source = line.find(kind.source);
+        if (source == std::string_view::npos || line.find(kind.level) > source) continue;
+        return line.substr(source + kind.source.size());
+    }
+    return line;
 }
 
 }  // namespace
@@ -40,7 +57,7 @@ std::vector<std::string> CapturedLog::records() const {
 
 int CapturedLog::count(const std::string& text) const {
     int found = 0;
-    for (const std::string& line : records()) found += line.ends_with(text);
+    for (const std::string& line : records()) found += textOf(line) == text;
     return found;
 }
 
