@@ -1,6 +1,8 @@
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "cache/testing.h"
 
@@ -164,6 +166,23 @@ TEST_F(Statistics, ComeOncePerInterval) {
     EXPECT_EQ(m_cache->getStatisticsInfo(), "");
     now = 1'000'130;
     EXPECT_NE(m_cache->getStatisticsInfo(), "");
+}
+
+// What comes between two looks at the clock.
+std::function<void()> betweenLooks;
+std::time_t interruptedClock() {
+    const std::time_t time = now;
+    if (const auto interruption = std::exchange(betweenLooks, nullptr)) interruption();
+    return time;
+}
+
+TEST_F(Statistics, ComeToOneOfTwoThatFindThemDueAtOnce) {
+    start({.logInterval = 60}, {interruptedClock, sleepOn, ""});
+    now = 1'000'060;
+    std::string others;
+    betweenLooks = [&] { others = m_cache->getStatisticsInfo(); };
+    EXPECT_EQ(m_cache->getStatisticsInfo(), "");
+    EXPECT_NE(others, "");
 }
 
 TEST_F(Statistics, NeverComeWithoutAnInterval) {
