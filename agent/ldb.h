@@ -26,6 +26,11 @@ using Talloc = std::unique_ptr<T, TallocFree>;
 
 using Pool = Talloc<void>;
 
+// A context that is not connected to a database. The first one of a process loads
+// LDB's modules and registers kinds of event loops, which LDB and tevent do without a
+// lock: contexts of several threads are made one after the other.
+Talloc<ldb_context> newLdb();
+
 // A fresh pool. Never hangs on another, so any thread may make and free one.
 inline Pool newPool() {
     Pool pool(talloc_new(nullptr));

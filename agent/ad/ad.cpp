@@ -29,8 +29,7 @@ Result unavailable(const std::string& text) {
 
 // A context that knows DNs and nothing else.
 ldb_context* dnContext() {
-    thread_local const Talloc<ldb_context> context(ldb_init(nullptr, nullptr));
-    if (!context) throw std::bad_alloc();
+    thread_local const Talloc<ldb_context> context = newLdb();
     return context.get();
 }
 

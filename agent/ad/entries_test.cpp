@@ -13,7 +13,7 @@ namespace {
 using ::testing::ElementsAre;
 
 ldb_context* context() {
-    static const Talloc<ldb_context> ldb(ldb_init(nullptr, nullptr));
+    static const Talloc<ldb_context> ldb = newLdb();
     return ldb.get();
 }
 

@@ -1,11 +1,9 @@
 #include "agent/embedded/database.h"
 
 #include <sys/stat.h>
-#include <tevent.h>
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -20,12 +18,6 @@ std::mutex& openMutex() {
     static std::mutex mutex;
     return mutex;
 }
-
-#ifdef ZX_SANITIZED
-// LDB loads its modules with RTLD_DEEPBIND, which sanitizers cannot run under;
-// this is its own switch.
-[[maybe_unused]] const int kNoDeepBind = ::setenv("LDB_MODULES_DISABLE_DEEPBIND", "1", 1);
-#endif
 
 // LDB explains failures through this hook; they reach the caller as the
 // context's error text, so nothing is printed.
@@ -105,12 +97,7 @@ void LdbClose::operator()(ldb_context* ldb) const {
 }
 
 LdbContext openLdb(const std::string& path, bool create) {
-    // LDB makes a context of events for each request and drops it after; this kind costs
-    // no system call.
-    static const int pollChosen = (tevent_set_default_backend("poll"), 1);
-    static_cast<void>(pollChosen);
-    LdbContext ldb(ldb_init(nullptr, nullptr));
-    if (!ldb) throw std::bad_alloc();
+    LdbContext ldb(newLdb().release());
     ldb_set_debug(ldb.get(), quiet, nullptr);
     const char* reading[] = {kMapSize, nullptr};
     const char* loading[] = {kMapSize, "batch_mode:1", "transaction_index_cache_size:200000", nullptr};

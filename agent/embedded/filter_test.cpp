@@ -11,7 +11,7 @@ namespace {
 // The filter as LDB gets it; "none" and "all" for the foregone ones.
 std::string rewritten(const std::string& text, bool zone = false) {
     const Pool pool = newPool();
-    const Talloc<ldb_context> ldb(ldb_init(nullptr, nullptr));
+    const Talloc<ldb_context> ldb = newLdb();
     ParseTree* tree = nullptr;
     if (!parseFilter(pool.get(), text, tree).ok()) return "bad";
     FilterContext context;
