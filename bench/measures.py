@@ -29,6 +29,11 @@ class Measure:
     from_nothing: bool = False  # restarts its contenders first
     first_time: bool = False    # needs people who have not bound before
 
+    @property
+    def repeats(self):
+        """Whether the same is asked again and again, over the same connections."""
+        return not self.from_nothing and not self.first_time
+
     def command(self, contender, lab):
         options = {"port": contender.port(), "seconds": lab.seconds, "warmup": lab.seconds / 4, **self.options}
         if self.mode == "bind":
@@ -51,24 +56,55 @@ class Measure:
         return 1 if self.mode == "lookup" else len(lab.directory.people)
 
     def run(self, contender, lab):
-        """The generator's figures, with the processor time that the contender took for each unit."""
+        """The figures of a generator of its own."""
         if self.from_nothing:
             contender.restart()
         run = subprocess.run(pin(GENERATOR_CORE, self.command(contender, lab)), stdout=subprocess.PIPE,
                              timeout=300, check=True)
-        figures = json.loads(run.stdout)
+        return self.read(run.stdout)
+
+    def read(self, line):
+        """The generator's figures, with the processor time that the contender took for each unit."""
+        figures = json.loads(line)
         figures["rate"] = figures[f"{self.unit}_per_second"]
         figures["processor_us"] = 1e6 * sum(figures["watched_busy"]) / figures["rate"]
         return figures
+
+
+class Generator:
+    """One that stays connected to a contender and measures for a moment each time that it is told to."""
+
+    def __init__(self, measure, contender, lab):
+        self.measure = measure
+        self.process = subprocess.Popen(
+            pin(GENERATOR_CORE, [*measure.command(contender, lab), "--stepwise", "yes"]),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def __enter__(self):
+        self.step()  # with it what is asked again and again is asked once
+        return self
+
+    def __exit__(self, *_):
+        with self.process:
+            self.process.terminate()
+
+    def step(self):
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
+        line = self.process.stdout.readline()
+        if not line:  # it gives up when nothing comes for half a minute
+            raise RuntimeError(f"the generator of {self.measure.title} failed")
+        return self.measure.read(line)
 
 
 def lookup(key, title, contenders, **options):
     return Measure(key, title, "lookup", contenders, {**LOOKUP, **AGAIN, "expect-key": "yes", **options})
 
 
-def enumeration(key, title, contenders, **options):
+def enumeration(key, title, contenders, clients):
+    """A figure is that of one whole enumeration by each client."""
     return Measure(key, title, "enumeration", contenders,
-                   {"filter": EVERYBODY_FILTER, **POSIX, **AGAIN, **options}, unit="entries")
+                   {"filter": EVERYBODY_FILTER, **POSIX, **AGAIN, "connections": clients, "count": clients}, unit="entries")
 
 
 MEASURES = (
@@ -77,8 +113,8 @@ MEASURES = (
     lookup("lookup_all", "look-up of a person, all attributes", ("mdb", "pcache", "gateway"), **BUSY),
     lookup("latency", "look-up, one at a time", ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"),
            **POSIX),
-    enumeration("enum", "everybody, 1 client", ("mdb", "gateway", "gateway_uncached", "proxy")),
-    enumeration("enum_2", "everybody, 2 clients", ("mdb", "gateway"), connections=2),
+    enumeration("enum", "everybody, 1 client", ("mdb", "gateway", "gateway_uncached", "proxy"), 1),
+    enumeration("enum_2", "everybody, 2 clients", ("mdb", "gateway"), 2),
     Measure("paged", "everybody in pages of 500", "paged", ("mdb", "gateway"),
             {"filter": EVERYBODY_FILTER, **POSIX, **AGAIN, "page-size": 500}, unit="entries"),
     Measure("bind", "bind again", "bind", ("null", "mdb", "gateway"),
@@ -104,13 +140,18 @@ RATIOS = {
     "lookup_uncached_vs_back_ldap": ("lookup", "gateway_uncached", "proxy"),
     "enum_uncached_vs_back_ldap": ("enum", "gateway_uncached", "proxy"),
     "miss_and_store_vs_pcache": ("first_lookup", "gateway", "pcache"),
+    # Those of domain.py.
+    "enum_on_domain_vs_straight": ("domain_enum", "gateway_uncached", "straight"),
+    "enum_on_domain_vs_back_ldap": ("domain_enum", "gateway_uncached", "proxy"),
+    "lookup_on_domain_vs_back_ldap": ("domain_lookup_1", "gateway_uncached", "proxy"),
+    "lookup_on_domain_vs_back_ldap_8": ("domain_lookup_8", "gateway_uncached", "proxy"),
 }
 
 CONNECTIONS = (1, 8, 64)
 
 
 def growth_of_connections(connections):
-    return lookup(f"connections_{connections}", f"{connections} connections", ("mdb", "gateway"), **POSIX,
+    return lookup(f"connections_{connections}", f"{connections} connection{'s' * (connections > 1)}", ("mdb", "gateway"), **POSIX,
                   connections=connections)
 
 

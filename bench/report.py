@@ -18,25 +18,30 @@ def spread(values):
     return f"{min(values):,.0f} to {max(values):,.0f}"
 
 
+def ratio_cells(ratio):
+    return (f"{ratio['median']:.2f}", f"{ratio['least']:.2f} to {ratio['most']:.2f}") if ratio else ("", "")
+
+
 def ratio_table(results):
-    rates, processor = results.ratios(), results.ratios("processor_us")
-    rows = [(key, f"{rate['median']:.2f}", f"{rate['least']:.2f} to {rate['most']:.2f}",
-             f"{processor[key]['median']:.2f}",
-             f"{processor[key]['least']:.2f} to {processor[key]['most']:.2f}") for key, rate in rates.items()]
+    processor = results.ratios("processor_us")
+    rows = [(key, *ratio_cells(rate), *ratio_cells(processor.get(key))) for key, rate in results.ratios().items()]
     return table(("ratio", "median", "spread", "by processor time", "spread"), rows)
 
 
+# What our own generator tells besides the rate.
+DETAILS = {"processor_us": ("server's us each", "{:.1f}"), "p50_us": ("p50 us", "{:,.0f}"), "p99_us": ("p99 us", "{:,.0f}"),
+           "generator_busy": ("generator busy", "{:.0%}")}
+
+
 def measure_table(results, measure):
-    rows = []
-    for contender in results.rounds[measure]:
-        rates = results.values(measure, contender)
-        rows.append((results.contenders[contender], f"{results.median(measure, contender):,.0f}", spread(rates),
-                     f"{results.median(measure, contender, 'processor_us'):.1f}",
-                     f"{results.median(measure, contender, 'p50_us'):,.0f}",
-                     f"{results.median(measure, contender, 'p99_us'):,.0f}",
-                     f"{100 * results.median(measure, contender, 'generator_busy'):.0f} %"))
+    contenders = results.rounds[measure]
+    names = [name for name in DETAILS if all(results.has(measure, contender, name) for contender in contenders)]
+    rows = [(results.contenders[contender], f"{results.median(measure, contender):,.0f}",
+             spread(results.values(measure, contender)),
+             *(DETAILS[name][1].format(results.median(measure, contender, name)) for name in names))
+            for contender in contenders]
     title, unit = results.titles[measure]
-    head = ("contender", f"{unit}/s", "spread", "server's us each", "p50 us", "p99 us", "generator busy")
+    head = ("contender", f"{unit}/s", "spread", *(DETAILS[name][0] for name in names))
     return f"### {title[0].upper()}{title[1:]}\n\n{table(head, rows)}"
 
 
@@ -51,7 +56,7 @@ def growth_table(results, prefix):
         if measure.startswith(prefix):
             ratio = results.ratio(measure, "gateway", "mdb")
             rows.append((results.titles[measure][0], *(f"{results.median(measure, key):,.0f}" for key in ("gateway", "mdb")),
-                         f"{ratio['median']:.2f}", f"{ratio['least']:.2f} to {ratio['most']:.2f}"))
+                         *ratio_cells(ratio)))
     return table(("look-ups per second", "gateway", "back-mdb", "ratio", "spread"), rows)
 
 

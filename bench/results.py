@@ -36,7 +36,10 @@ class Results:
 
     def ratios(self, name="rate"):
         return {key: self.ratio(*parts, name) for key, parts in RATIOS.items()
-                if {parts[1], parts[2]} <= self.rounds.get(parts[0], {}).keys()}
+                if all(self.has(parts[0], contender, name) for contender in parts[1:])}
+
+    def has(self, measure, contender, name):
+        return all(name in figures for figures in self.rounds.get(measure, {}).get(contender, [{}]))
 
     def as_json(self):
         rates, processor = self.ratios(), self.ratios("processor_us")

@@ -6,6 +6,7 @@
 ZX_BUILD names the build folder, which must have been configured with ZX_BENCH=ON.
 """
 import argparse
+import contextlib
 import datetime
 import json
 import os
@@ -31,6 +32,7 @@ from roundtrip import roundtrip  # noqa: E402
 
 SOME = 500  # people who bind again and again
 SMALL, LARGE = 1_000, 100_000
+DOMAIN = "domain"  # for --only
 CONTENDERS = (servers.Null, servers.Mdb, servers.MdbCrypt, servers.Upstream, servers.Proxy, servers.CachingProxy,
               servers.Gateway, servers.UncachedGateway)
 
@@ -93,7 +95,18 @@ class Bench:
     def say(self, text):
         print(f"[{time.monotonic() - self.start:5.0f} s] {text}", file=sys.stderr, flush=True)
 
-    def measure(self, lab, some, rounds):
+    def measure_again(self, lab, some, rounds):
+        """Many short rounds: what disturbs the machine for a while disturbs few of them, and all contenders in them."""
+        with contextlib.ExitStack() as stack:
+            generators = {(measure.key, key): stack.enter_context(measures.Generator(measure, lab.contenders[key], lab))
+                          for measure in some for key in measure.contenders if key in lab.contenders}
+            self.measure(lab, some, rounds, lambda measure, key: generators[measure.key, key].step())
+
+    def measure_first(self, lab, some, rounds):
+        """Of what happens once: a generator of its own for each figure."""
+        self.measure(lab, some, rounds, lambda measure, key: measure.run(lab.contenders[key], lab))
+
+    def measure(self, lab, some, rounds, figures_of):
         """Round by round, and within a round measure by measure: what is compared runs close together."""
         for number in range(rounds):
             for measure in some:
@@ -101,11 +114,15 @@ class Bench:
                     lab.meet_strangers()
                 keys = [key for key in measure.contenders if key in lab.contenders]
                 shift = number % len(keys)
-                for key in keys[shift:] + keys[:shift]:
-                    figures = measure.run(lab.contenders[key], lab)
-                    self.results.add(measure, lab.contenders[key], figures)
-                    self.say(f"round {number + 1} of {rounds}: {measure.title}: {lab.contenders[key].title}: "
-                             f"{figures['rate']:,.0f} {measure.unit}/s, {figures['processor_us']:.1f} us each")
+                self.note(number, rounds, measure, {lab.contenders[key]: figures_of(measure, key)
+                                                    for key in keys[shift:] + keys[:shift]})
+
+    def note(self, number, rounds, measure, found):
+        """found: the figures of each contender in one round."""
+        for contender, figures in found.items():
+            self.results.add(measure, contender, figures)
+        shown = "; ".join(f"{contender.title} {figures['rate']:,.0f}" for contender, figures in found.items())
+        self.say(f"round {number + 1} of {rounds}: {measure.title}, {measure.unit}/s: {shown}")
 
     def fill_caches(self, lab):
         """What is asked again and again is asked once beforehand."""
@@ -133,15 +150,13 @@ class Bench:
             self.results.facts["load of the embedded directory"] = f"{lab.load_seconds:.1f} s"
             self.note_memory(lab, "empty cache")
             self.measure_roundtrip(lab)
-            for measure in self.chosen():
-                if measure.from_nothing:
-                    self.measure(lab, [measure], options.rounds)
+            self.measure_first(lab, [measure for measure in self.chosen() if not measure.repeats], options.fewer_rounds)
             self.fill_caches(lab)
-            self.measure(lab, [measure for measure in self.chosen() if not measure.from_nothing], options.rounds)
+            self.measure_again(lab, [measure for measure in self.chosen() if measure.repeats], options.rounds)
             if not options.only:
                 self.compare_with_ldclt(lab)
-                self.measure(lab, [measures.growth_of_connections(n) for n in measures.CONNECTIONS],
-                             min(options.rounds, 3))
+                self.measure_again(lab, [measures.growth_of_connections(n) for n in measures.CONNECTIONS],
+                                   options.fewer_rounds)
             self.note_memory(lab, "afterwards")
         finally:
             lab.close()
@@ -154,7 +169,7 @@ class Bench:
             self.results.facts[f"load of {people} people"] = f"{lab.load_seconds:.1f} s"
             measure = measures.growth_of_people(people)
             self.fill(lab, measure, lab.contenders["gateway"])
-            self.measure(lab, [measure], min(self.options.rounds, 3))
+            self.measure_again(lab, [measure], self.options.fewer_rounds)
             self.measure_roundtrip(lab)
             self.note_memory(lab, "afterwards")
         finally:
@@ -170,6 +185,16 @@ class Bench:
         people = len(lab.directory.people)
         self.results.roundtrips[f"{people} people"] = roundtrip(lab)
         self.say(f"round trips of libvex, {people} people: {self.results.roundtrips[f'{people} people']}")
+
+    def measure_domain(self):
+        """Straight to the domain, and through slapd."""
+        if os.geteuid() != 0 or not shutil.which("samba"):
+            self.results.checks["domain"] = "left out: takes root and Samba"
+            self.say("no domain: takes root and Samba")
+            return
+        import domain  # only now: it needs Samba
+        self.say("a domain with as many people")
+        domain.measure(self.options.fewer_rounds, self.note)
 
     def chosen(self):
         only = self.options.only.split(",") if self.options.only else None
@@ -190,10 +215,13 @@ class Bench:
             "people": options.people,
             "processors": f"{os.cpu_count()}, servers and generator on one each" if servers.PINNED else "1",
         }
-        self.main_lab()
+        if options.only != DOMAIN:
+            self.main_lab()
         if not options.quick and not options.only:
             for people in (SMALL, LARGE):
                 self.growth_lab(people)
+        if options.only == DOMAIN or not (options.quick or options.only):
+            self.measure_domain()
         self.results.facts["load of the machine at the end"] = f"{os.getloadavg()[0]:.1f}"
         self.results.facts["duration"] = f"{time.monotonic() - self.start:.0f} s"
         self.write()
@@ -214,13 +242,14 @@ def main():
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--seconds", type=float, help="for each figure")
     parser.add_argument("--people", type=int)
-    parser.add_argument("--only", default="", help="measures by key, separated by commas")
+    parser.add_argument("--only", default="", help="measures by key, separated by commas; or domain")
     parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path(os.environ["ZX_BUILD"]))
     options = parser.parse_args()
-    usual = (1, 0.4, 2_000) if options.quick else (5, 1.2, 10_000)
+    usual = (3, 0.2, 2_000) if options.quick else (24, 0.3, 10_000)
     options.rounds = options.rounds or usual[0]
     options.seconds = options.seconds or usual[1]
     options.people = options.people or usual[2]
+    options.fewer_rounds = max(1, options.rounds // 3)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends the servers in order, too
     Bench(options).run()
 

@@ -224,6 +224,7 @@ TEST(Plan, WhatMakesNoSenseIsRefused) {
         {"enumeration", "--port", "389", "--colour", "red"},
         {"enumeration", "--port", "389", "--connections", "0"},
         {"enumeration", "--port", "389", "--prime", "perhaps"},
+        {"enumeration", "--port", "389", "--stepwise", "often"},
         {"lookup", "--port", "389"},
         {"paged", "--port", "389"},
         {"paged", "--port", "389", "--page-size", "5", "--outstanding", "2"},

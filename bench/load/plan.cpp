@@ -21,6 +21,7 @@ const char kUsage[] =
     "  --prime yes            asks for each key once beforehand\n"
     "  --warmup S --seconds S (0.5, 2)\n"
     "  --count N              so many operations instead, each key once, no warm-up\n"
+    "  --stepwise yes         measures once for each line of standard input\n"
     "  --expect-code N        the result code of every answer (0)\n"
     "  --expect-entries N     how many entries each search has\n"
     "  --expect-key yes       every entry holds the key that was asked for\n"
@@ -92,6 +93,7 @@ const std::map<std::string, Setter> kOptions = {
     {"--warmup", [](Plan& plan, const std::string& text) { plan.warmup = parse<double>(text); }},
     {"--seconds", [](Plan& plan, const std::string& text) { plan.seconds = parse<double>(text); }},
     {"--count", [](Plan& plan, const std::string& text) { plan.count = parse<std::uint64_t>(text); }},
+    {"--stepwise", [](Plan& plan, const std::string& text) { plan.stepwise = parseYes(text); }},
     {"--expect-code",
      [](Plan& plan, const std::string& text) { plan.expectCode = parse<std::uint32_t>(text); }},
     {"--expect-entries",

@@ -42,6 +42,7 @@ struct Plan {
     double warmup = 0.5;       // seconds
     double seconds = 2;
     std::uint64_t count = 0;  // not 0: so many operations instead, each key once, without a warm-up
+    bool stepwise = false;    // measures once for each line of standard input, with the same connections
 
     // What every answer must be.
     std::uint32_t expectCode = 0;

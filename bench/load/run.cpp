@@ -173,14 +173,20 @@ class Run {
 
 }  // namespace
 
-Figures run(const Plan& plan) {
+void run(const Plan& plan, const std::function<bool()>& again,
+         const std::function<void(const Figures&)>& report) {
     Run run(plan);
     Order once(run.requests(), plan.seed, false);
     Order drawn(run.requests(), plan.seed, true);
     if (plan.prime) run.perform({&once, run.requests()});
-    if (plan.count > 0) return run.perform({&once, plan.count});
-    if (plan.warmup > 0) run.perform({&drawn, 0, plan.warmup});
-    return run.perform({&drawn, 0, plan.seconds});
+    while (again()) {
+        if (plan.count > 0) {
+            report(run.perform({&once, plan.count}));
+            continue;
+        }
+        if (plan.warmup > 0) run.perform({&drawn, 0, plan.warmup});
+        report(run.perform({&drawn, 0, plan.seconds}));
+    }
 }
 
 std::string toJson(const Figures& figures) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,9 +27,11 @@ struct Figures {
     std::vector<double> watchedBusy;  // the same of each watched process
 };
 
-// Runs the plan. Every answer is checked, also the ones that are not measured.
+// Runs the plan: connects, primes, and then measures and reports as often as again()
+// says so. Every answer is checked, also the ones that are not measured.
 // Throws WrongAnswer, ProtocolError, std::invalid_argument or std::system_error.
-Figures run(const Plan& plan);
+void run(const Plan& plan, const std::function<bool()>& again,
+         const std::function<void(const Figures&)>& report);
 
 std::string toJson(const Figures& figures);
 
