@@ -179,6 +179,15 @@ TEST_F(Ldif, CategoriesThatFitTheType) {
     EXPECT_FALSE(isMapped("Person", "lowerCase"));
 }
 
+TEST_F(Ldif, NeitherAMappedDnNorTheCategoryIsWrittenInAnyCase) {
+    m_map.parse("site.DN = mail\n", "test");
+    EXPECT_EQ(
+        convert(
+            {{"_dn", {"CN=s"}}, {"_objectCategory", {"site"}}, {"OBJECTCATEGORY", {"x"}}, {"mail", {"m"}}},
+            {"site", false, {}, false}),
+        "dn: CN=s\nmail: m\n");
+}
+
 TEST_F(Ldif, AnEntryThatNamesTheTypeItselfIsNoAttribute) {
     EXPECT_EQ(convert({{"_dn", {"CN=g"}}, {"_objectCategory", {"Group"}}, {"posixgroup", {"x"}}},
                       {"posixGroup", false, {}, false}),
