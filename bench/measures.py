@@ -112,7 +112,7 @@ MEASURES = (
            ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"), **POSIX, **BUSY),
     lookup("lookup_all", "look-up of a person, all attributes", ("mdb", "pcache", "gateway"), **BUSY),
     lookup("latency", "look-up, one at a time", ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"),
-           **POSIX),
+           **POSIX, keys="some"),
     enumeration("enum", "everybody, 1 client", ("mdb", "gateway", "gateway_uncached", "proxy"), 1),
     enumeration("enum_2", "everybody, 2 clients", ("mdb", "gateway"), 2),
     Measure("paged", "everybody in pages of 500", "paged", ("mdb", "gateway"),

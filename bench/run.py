@@ -95,27 +95,27 @@ class Bench:
     def say(self, text):
         print(f"[{time.monotonic() - self.start:5.0f} s] {text}", file=sys.stderr, flush=True)
 
-    def measure_again(self, lab, some, rounds):
-        """Many short rounds: what disturbs the machine for a while disturbs few of them, and all contenders in them."""
+    def measure_again(self, lab, measure, rounds):
+        """Many short rounds: what disturbs the machine for a moment disturbs few of them, and what
+        disturbs it for long, all contenders."""
         with contextlib.ExitStack() as stack:
-            generators = {(measure.key, key): stack.enter_context(measures.Generator(measure, lab.contenders[key], lab))
-                          for measure in some for key in measure.contenders if key in lab.contenders}
-            self.measure(lab, some, rounds, lambda measure, key: generators[measure.key, key].step())
+            generators = {key: stack.enter_context(measures.Generator(measure, lab.contenders[key], lab))
+                          for key in measure.contenders if key in lab.contenders}
+            self.measure(lab, measure, rounds, lambda key: generators[key].step())
 
-    def measure_first(self, lab, some, rounds):
+    def measure_first(self, lab, measure, rounds):
         """Of what happens once: a generator of its own for each figure."""
-        self.measure(lab, some, rounds, lambda measure, key: measure.run(lab.contenders[key], lab))
+        self.measure(lab, measure, rounds, lambda key: measure.run(lab.contenders[key], lab))
 
-    def measure(self, lab, some, rounds, figures_of):
-        """Round by round, and within a round measure by measure: what is compared runs close together."""
+    def measure(self, lab, measure, rounds, figures_of):
+        """Round by round, so that what is compared runs close together."""
+        keys = [key for key in measure.contenders if key in lab.contenders]
         for number in range(rounds):
-            for measure in some:
-                if measure.first_time:
-                    lab.meet_strangers()
-                keys = [key for key in measure.contenders if key in lab.contenders]
-                shift = number % len(keys)
-                self.note(number, rounds, measure, {lab.contenders[key]: figures_of(measure, key)
-                                                    for key in keys[shift:] + keys[:shift]})
+            if measure.first_time:
+                lab.meet_strangers()
+            shift = number % len(keys)
+            self.note(number, rounds, measure,
+                      {lab.contenders[key]: figures_of(key) for key in keys[shift:] + keys[:shift]})
 
     def note(self, number, rounds, measure, found):
         """found: the figures of each contender in one round."""
@@ -150,13 +150,17 @@ class Bench:
             self.results.facts["load of the embedded directory"] = f"{lab.load_seconds:.1f} s"
             self.note_memory(lab, "empty cache")
             self.measure_roundtrip(lab)
-            self.measure_first(lab, [measure for measure in self.chosen() if not measure.repeats], options.fewer_rounds)
+            for measure in self.chosen():
+                if not measure.repeats:
+                    self.measure_first(lab, measure, options.fewer_rounds)
             self.fill_caches(lab)
-            self.measure_again(lab, [measure for measure in self.chosen() if measure.repeats], options.rounds)
+            for measure in self.chosen():
+                if measure.repeats:
+                    self.measure_again(lab, measure, options.rounds)
             if not options.only:
                 self.compare_with_ldclt(lab)
-                self.measure_again(lab, [measures.growth_of_connections(n) for n in measures.CONNECTIONS],
-                                   options.fewer_rounds)
+                for connections in measures.CONNECTIONS:
+                    self.measure_again(lab, measures.growth_of_connections(connections), options.fewer_rounds)
             self.note_memory(lab, "afterwards")
         finally:
             lab.close()
@@ -169,7 +173,7 @@ class Bench:
             self.results.facts[f"load of {people} people"] = f"{lab.load_seconds:.1f} s"
             measure = measures.growth_of_people(people)
             self.fill(lab, measure, lab.contenders["gateway"])
-            self.measure_again(lab, [measure], self.options.fewer_rounds)
+            self.measure_again(lab, measure, self.options.fewer_rounds)
             self.measure_roundtrip(lab)
             self.note_memory(lab, "afterwards")
         finally:
@@ -245,7 +249,7 @@ def main():
     parser.add_argument("--only", default="", help="measures by key, separated by commas; or domain")
     parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path(os.environ["ZX_BUILD"]))
     options = parser.parse_args()
-    usual = (3, 0.2, 2_000) if options.quick else (24, 0.3, 10_000)
+    usual = (3, 0.2, 2_000) if options.quick else (30, 0.3, 10_000)
     options.rounds = options.rounds or usual[0]
     options.seconds = options.seconds or usual[1]
     options.people = options.people or usual[2]
