@@ -156,7 +156,7 @@ class Bench:
             self.fill_caches(lab)
             for measure in self.chosen():
                 if measure.repeats:
-                    self.measure_again(lab, measure, options.rounds)
+                    self.measure_again(lab, measure, measure.rounds * options.rounds)
             if not options.only:
                 self.compare_with_ldclt(lab)
                 for connections in measures.CONNECTIONS:
@@ -198,7 +198,7 @@ class Bench:
             return
         import domain  # only now: it needs Samba
         self.say("a domain with as many people")
-        domain.measure(self.options.fewer_rounds, self.note)
+        domain.measure(self.options.domain_rounds, self.note)
 
     def chosen(self):
         only = self.options.only.split(",") if self.options.only else None
@@ -254,6 +254,7 @@ def main():
     options.seconds = options.seconds or usual[1]
     options.people = options.people or usual[2]
     options.fewer_rounds = max(1, options.rounds // 3)
+    options.domain_rounds = max(1, options.rounds // 5)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends the servers in order, too
     Bench(options).run()
 
