@@ -14,7 +14,7 @@ import pathlib
 import signal
 import subprocess
 
-from gateway import wait_until
+from gateway import ROOT, wait_until
 from installation import DOCUMENTS
 
 HERE = pathlib.Path(__file__).resolve().parent
@@ -34,7 +34,7 @@ class Host:
     def __enter__(self):
         with open(self.log, "wb") as log:
             self.process = subprocess.Popen(
-                ["unshare", "--mount", "--net", "--ipc", "--uts", HERE / "host.sh", self.folder, self.installed.root],
+                ["unshare", "--mount", "--net", "--ipc", "--uts", HERE / "host.sh", self.folder, self.installed.root, ROOT],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True,
                 preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
         try:

@@ -2,10 +2,11 @@
 # Boots a host of its own on this one; host.py says what for. Runs as root in new
 # mount, network, IPC and UTS namespaces.
 #
-#   host.sh FOLDER INSTALLED    FOLDER: empty, for the host's changes; INSTALLED: what
-#                               make install made, which the host gets at its root
+#   host.sh FOLDER INSTALLED PROJECT    FOLDER: empty, for the host's changes; INSTALLED: what
+#                                       make install made, which the host gets at its root;
+#                                       PROJECT: this project's folder, which the host sees
 set -euo pipefail
-folder=$1 installed=$2 root=$1/root
+folder=$1 installed=$2 project=$3 root=$1/root
 
 mount --make-rprivate /
 mount -t tmpfs -o mode=755 tmpfs "$folder"
@@ -37,6 +38,9 @@ mount --bind "$folder/console" "$root/dev/console"
 mount -t tmpfs -o mode=755 tmpfs "$root/run"
 mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
 mount -t sysfs -o ro sysfs "$root/sys"
+# The root above has nothing of other file systems, one of which may hold the project.
+mkdir -p "$root$project"
+mount --bind "$project" "$root$project"
 
 # A group of processes of its own, so that its systemd sees and manages no others.
 mount -t cgroup2 cgroup2 "$folder/cgroup"
