@@ -7,7 +7,6 @@ the contenders run one directly after the other, in another order each round.
 """
 import json
 import os
-import pathlib
 import random
 import subprocess
 import sys

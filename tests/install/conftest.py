@@ -12,7 +12,7 @@ import pytest  # noqa: E402
 
 from host import Host  # noqa: E402
 from installation import Installation  # noqa: E402
-from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+from world import pytest_runtest_makereport, world  # noqa: E402,F401
 
 
 @pytest.fixture(scope="session")
@@ -28,8 +28,3 @@ def host(installed, tmp_path_factory):
         host.set_up()
         host.serve()
         yield host
-
-
-@pytest.fixture
-def world(request):
-    yield from make_world(request)
