@@ -21,8 +21,10 @@ Talloc<ldb_context> newLdb() {
     static std::mutex mutex;
     const std::lock_guard lock(mutex);
     // LDB makes a context of events for each request and drops it after; this kind costs
-    // no system call.
-    tevent_set_default_backend("poll");
+    // no system call. Said once: requests of other threads read the name without a lock,
+    // and saying it again would free it.
+    static std::once_flag said;
+    std::call_once(said, tevent_set_default_backend, "poll");
     Talloc<ldb_context> ldb(ldb_init(nullptr, nullptr));
     if (!ldb) throw std::bad_alloc();
     return ldb;

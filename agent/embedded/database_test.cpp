@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <new>
 #include <optional>
+#include <thread>
 
 #include "agent/embedded/search.h"
 #include "agent/embedded/test_directory.h"
@@ -51,6 +53,20 @@ TEST_F(DatabaseReads, EndWhenTheVisitorOfAnIndexHasSeenEnough) {
         handle->find("objectClass", "user", nullptr, [&](ldb_message*) { return ++seen < 2; });
     EXPECT_TRUE(read.ok()) << read.text;
     EXPECT_EQ(seen, 2);
+}
+
+// What all contexts of a process share is read for each request, without a lock.
+TEST_F(DatabaseReads, GoOnWhileAnotherThreadOpensTheDatabase) {
+    const Database::Lease handle = m_database->lease();
+    std::atomic<bool> done = false;
+    std::thread opener([&] {
+        while (!done) EXPECT_NE(openLdb(file(), false), nullptr);
+    });
+    int failed = 0;
+    for (int i = 0; i < 20000; ++i) failed += !handle->sequence();
+    done = true;
+    opener.join();
+    EXPECT_EQ(failed, 0);
 }
 
 TEST_F(DatabaseReads, EndWhenMemoryDoes) {
