@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <optional>
 
 #include "agent/attributes.h"
@@ -15,12 +14,6 @@
 
 namespace vexagent {
 namespace {
-
-#ifdef ZX_SANITIZED
-// LDB loads its modules with RTLD_DEEPBIND, which sanitizers cannot run under;
-// this is its own switch.
-[[maybe_unused]] const int kNoDeepBind = ::setenv("LDB_MODULES_DISABLE_DEEPBIND", "1", 1);
-#endif
 
 bool is(std::string_view name, std::string_view other) {
     return vorn::equalsIgnoreCase(name, other);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <mutex>
 
 #include "agent/ad/results.h"
 #include "vorn/secret.h"
@@ -70,6 +71,16 @@ std::string scheme(Transport transport) {
 std::string urlOf(Transport transport, const Peer& peer) {
     const bool bare = peer.host.find(':') != std::string::npos;
     return scheme(transport) + (bare ? "[" + peer.host + "]" : peer.host) + ":" + std::to_string(peer.port);
+}
+
+// libldap, and what it has TLS from, set themselves up at their first use: one thread's,
+// before others come.
+void prepareLibldap(bool tls) {
+    LDAP* ldap = nullptr;
+    if (ldap_create(&ldap) != LDAP_SUCCESS) return;  // the link's own attempt tells why
+    const int client = 0;
+    if (tls) ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client);
+    ldap_unbind_ext(ldap, nullptr, nullptr);
 }
 
 bool readPassword(const std::string& file, std::string& password) {
@@ -137,6 +148,8 @@ LdapStatus Link::failure(int code) {
 }
 
 LdapStatus Link::connect(const Deadline& deadline) {
+    static std::once_flag prepared;
+    std::call_once(prepared, prepareLibldap, m_context.options.transport != Transport::Gssapi);
     std::string reason;
     vorn::Descriptor socket = connectTo(m_peer, deadline.atMost(kConnectTime), reason);
     if (socket.get() < 0) {
