@@ -167,6 +167,15 @@ TEST(Watchdog, LeavesACallAloneThatEndedInTime) {
     EXPECT_FALSE(isDisturbed(watched.ours.get()));
 }
 
+TEST(Watchdog, IsNotHeldUpByAWatchThatHasEnded) {
+    const Pair pair;
+    Watchdog dog;
+    { const Watchdog::Watch watch(dog, pair.ours.get(), Deadline::in(milliseconds(60'000))); }
+    const Watchdog::Watch watch(dog, pair.ours.get(), Deadline::in(milliseconds(20)));
+    char byte = 0;
+    EXPECT_EQ(::recv(pair.ours.get(), &byte, 1, 0), 0);
+}
+
 TEST(Sockets, AReadEndsAtItsDeadline) {
     const Pair pair;
     std::string bytes;

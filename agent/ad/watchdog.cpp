@@ -24,8 +24,7 @@ Watchdog::Key Watchdog::add(int socket, const Deadline& deadline) {
     const std::lock_guard lock(m_mutex);
     const Key key{deadline.end(), ++m_next};
     m_sockets.emplace(key, socket);
-    // The thread sleeps until the first deadline that it knows of.
-    if (m_sockets.begin()->first == key) m_changed.notify_one();
+    if (key.first < m_wakesAt) m_changed.notify_one();
     return key;
 }
 
@@ -38,12 +37,14 @@ void Watchdog::run() {
     std::unique_lock lock(m_mutex);
     while (!m_stopping) {
         if (m_sockets.empty()) {
+            m_wakesAt = Moment::max();
             m_changed.wait(lock);
             continue;
         }
         const auto first = m_sockets.begin();
         if (now() < first->first.first) {
-            m_changed.wait_until(lock, Moment(first->first.first));
+            m_wakesAt = first->first.first;
+            m_changed.wait_until(lock, Moment(m_wakesAt));
             continue;
         }
         // Under the lock: the socket cannot be closed before its watch has ended.

@@ -52,6 +52,7 @@ class Watchdog {
     std::condition_variable m_changed;
     std::map<Key, int> m_sockets;  // guarded by m_mutex, as all below
     std::uint64_t m_next = 0;
+    Moment m_wakesAt = Moment::max();  // the thread sleeps until then, past watches that have ended
     bool m_stopping = false;
     std::thread m_thread;
 };
