@@ -1,7 +1,7 @@
 # The front door. CMake and its presets do the building; see CMakePresets.json.
 
 PYTHON := /usr/bin/python3
-CXX_FILES = $(shell git ls-files '*.cpp' '*.h')
+FILES = $(shell git ls-files '*.c' '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
 .PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz bench clean
@@ -72,9 +72,10 @@ install: build-$(PRESET)
 uninstall:
 	@tools/uninstall build/$(PRESET)/install_manifest.txt '$(DESTDIR)'
 
-lint: setup-dev build
-	clang-format --dry-run -Werror $(CXX_FILES)
-	printf '%s\n' $(filter %.cpp,$(CXX_FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/release
+lint: TARGETS := vex_protocol_generated
+lint: setup-dev build-lint
+	clang-format --dry-run -Werror $(FILES)
+	printf '%s\n' $(filter %.c %.cpp,$(FILES)) | xargs -P "$$(nproc)" -n 4 clang-tidy --quiet -p build/lint
 
 asan tsan: %: build-% setup-clients
 	@tools/run-tests $*
