@@ -50,7 +50,7 @@ class Reader {
     }
 
     std::string socketPath(const vorn::Setting& setting) const {
-        const std::string value = required(setting);
+        std::string value = required(setting);
         if (value.size() > kLongestSocketPath)
             fail(setting, "is \"" + value + "\", which is longer than the " +
                               std::to_string(kLongestSocketPath) + " bytes that a socket's path may have");

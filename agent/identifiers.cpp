@@ -31,7 +31,7 @@ int hexDigit(char c) {
 bool isSid(std::string_view bytes) {
     if (bytes.size() < kSidHeader + 4 || bytes[0] != 1) return false;
     const auto count = static_cast<std::uint8_t>(bytes[1]);
-    return count >= 1 && count <= kMaxSubAuthorities && bytes.size() == kSidHeader + 4U * count;
+    return count >= 1 && count <= kMaxSubAuthorities && bytes.size() == kSidHeader + std::size_t{4} * count;
 }
 
 std::uint32_t little32(std::string_view bytes, std::size_t at) {

@@ -192,15 +192,15 @@ class Agent {
     void waitForRequests() {
         m_requests.async_wait([this](const boost::system::error_code& error, int signal) {
             if (error) return;
-            if (signal == SIGUSR1) {
-                const std::string line = m_service.statistics();
-                std::fprintf(stderr, "vexagent: %s\n", line.c_str());
-                AGENT_LOG(vorn::Logger::kInfo, "%s", line.c_str());
-            } else {
-                reloadLevels();
-            }
+            signal == SIGUSR1 ? tellStatistics() : reloadLevels();
             waitForRequests();
         });
+    }
+
+    void tellStatistics() {
+        const std::string line = m_service.statistics();
+        std::fprintf(stderr, "vexagent: %s\n", line.c_str());
+        AGENT_LOG(vorn::Logger::kInfo, "%s", line.c_str());
     }
 
     static void reloadLevels() {

@@ -29,7 +29,7 @@ namespace vexagent {
 struct Client {
     pid_t pid = 0;
     uid_t uid = 0;
-    auto operator<=>(const Client&) const = default;
+    auto operator<=>(const Client&) const = default;  // NOLINT(modernize-use-nullptr): a false alarm
 };
 
 // A random number that is not 0: a search's name, which a client cannot guess.

@@ -1,7 +1,6 @@
 #include "auth/lutil_faults.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "backend/slapd.h"
 
@@ -11,6 +10,7 @@ LutilFaults& lutilFaults() {
 }
 
 extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier): these are the linker's names, for --wrap
 
 int __real_lutil_entropy(unsigned char* bytes, ber_len_t size);
 int __real_lutil_passwd_hash(const berval* secret, const char* scheme, berval* hash, const char** text);
@@ -19,7 +19,7 @@ int __wrap_lutil_entropy(unsigned char* bytes, ber_len_t size) {
     const LutilFaults& faults = lutilFaults();
     if (faults.entropyFails) return -1;
     if (faults.entropy.empty()) return __real_lutil_entropy(bytes, size);
-    std::memcpy(bytes, faults.entropy.data(), std::min<std::size_t>(size, faults.entropy.size()));
+    std::copy_n(faults.entropy.begin(), std::min<std::size_t>(size, faults.entropy.size()), bytes);
     return 0;
 }
 
@@ -29,4 +29,6 @@ int __wrap_lutil_passwd_hash(const berval* secret, const char* scheme, berval* h
     if (faults.hashFails) return -1;
     return __real_lutil_passwd_hash(secret, scheme, hash, text);
 }
+
+// NOLINTEND(bugprone-reserved-identifier)
 }

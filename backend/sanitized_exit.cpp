@@ -11,7 +11,7 @@
 
 // Each runtime defines its own; the other one's is then null.
 extern "C" {
-__attribute__((weak)) int __lsan_do_recoverable_leak_check();
+__attribute__((weak)) int __lsan_do_recoverable_leak_check();  // NOLINT(bugprone-reserved-identifier)
 }
 
 namespace {

@@ -2,9 +2,11 @@
 the domain itself, and beside back-ldap with rwm on the same domain.
 
 The domain is tests/ad's, with 10,000 more people in 500 groups; it takes root. Nothing
-is cached: each gateway is new, and each look-up asks for somebody else. Within a round
-the contenders run one directly after the other, in another order each round.
+is cached. Within a round the contenders run one directly after the other, in another
+order each round. Everybody is asked for of new servers each time; look-ups, which are
+short, in many short rounds of servers that stay.
 """
+import contextlib
 import json
 import os
 import random
@@ -23,7 +25,8 @@ from fill import PEOPLE  # noqa: E402
 from lab import BASE, SERVICE, SERVICE_PASSWORD  # noqa: E402
 from world import World  # noqa: E402
 
-LOOK_UPS = 1900  # of one contender in one round
+LOOK_UPS = 60  # of one contender in one round
+LOOK_UP_ROUNDS = 30  # for each of everybody's
 UNIX = ["uid", "uidNumber", "gidNumber", "homeDirectory", "loginShell", "gecos"]
 WINDOWS = ["sAMAccountName", "uidNumber", "gidNumber", "unixHomeDirectory", "loginShell", "gecos"]
 CROWD = f"ou=Crowd,{gateway.SUFFIX}"  # at the root the domain would add its references to the proxy's answers
@@ -37,7 +40,7 @@ class Straight:
 
 
 class Contender:
-    """One slapd of its own, new, and what is behind it."""
+    """One slapd of its own, and what is behind it."""
 
     def __init__(self, domain):
         self.world = World(domain)
@@ -55,7 +58,20 @@ class Gateway(Contender):
     key, title = "gateway_uncached", "zanthedx, no cache"
 
     def start(self, domain):
-        return self.world.slapd(self.world.agent().start(), directives=gateway.Slapd.DIRECTIVES).start()
+        agent = self.world.agent(**self.settings_for(domain.lab)).start()
+        return self.world.slapd(agent, directives=gateway.Slapd.DIRECTIVES).start()
+
+    def settings_for(self, lab):
+        return {}
+
+
+class GatewayOverTls(Gateway):
+    """With a service account, as the proxy."""
+
+    key, title = "gateway_uncached_tls", "zanthedx over LDAPS, no cache"
+
+    def settings_for(self, lab):
+        return lab.agent_settings("ldaps")
 
 
 class Proxy(Contender):
@@ -108,13 +124,6 @@ def look_up(contender, names, connections):
     return json.loads(line)["operations_per_second"]
 
 
-def look_up_anew(domain, kind, names, connections):
-    *others, first, second = names
-    with kind(domain) as contender:
-        look_up(contender, [first, second], 1)  # its connections are there
-        return look_up(contender, others, connections)
-
-
 def enumerate_anew(domain, kind):
     if kind is Straight:
         return enumerate_straight(domain.lab)
@@ -124,36 +133,45 @@ def enumerate_anew(domain, kind):
 
 @dataclass(frozen=True)
 class Measure:
-    """way(domain, contender's class, names) measures it. Key, title and unit are for the results."""
+    """Key, title and unit are for the results."""
 
     key: str
     title: str
     unit: str
     contenders: tuple
-    way: object
 
 
-MEASURES = (
-    Measure("domain_enum", "on a domain, everybody, not cached", "entries", (Straight, Gateway, Proxy),
-            lambda domain, kind, names: enumerate_anew(domain, kind)),
-    Measure("domain_lookup_1", "on a domain, look-up, not cached, 1 connection", "operations", (Gateway, Proxy),
-            lambda domain, kind, names: look_up_anew(domain, kind, names, 1)),
-    Measure("domain_lookup_8", "on a domain, look-up, not cached, 8 connections", "operations", (Gateway, Proxy),
-            lambda domain, kind, names: look_up_anew(domain, kind, names, 8)),
-)
+EVERYBODY_OF_DOMAIN = Measure("domain_enum", "on a domain, everybody, not cached", "entries", (Straight, Gateway, Proxy))
+LOOK_UPS_ON_DOMAIN = {
+    1: Measure("domain_lookup_1", "on a domain, look-up, not cached, 1 connection", "operations", (Gateway, GatewayOverTls, Proxy)),
+    8: Measure("domain_lookup_8", "on a domain, look-up, not cached, 8 connections", "operations", (Gateway, GatewayOverTls, Proxy)),
+}
+
+
+def measure_rounds(measure, rounds, note, rate):
+    """rate(contender's class) measures once."""
+    for number in range(rounds):
+        shift = number % len(measure.contenders)
+        order = measure.contenders[shift:] + measure.contenders[:shift]
+        note(number, rounds, measure, {kind: {"rate": rate(kind)} for kind in order})
+
+
+def measure_look_ups(domain, rounds, note):
+    chance = random.Random(5)
+    with contextlib.ExitStack() as stack:
+        contenders = {kind: stack.enter_context(kind(domain)) for kind in LOOK_UPS_ON_DOMAIN[1].contenders}
+        for contender in contenders.values():
+            look_up(contender, ["user1", "user2"], 1)  # its connections are there
+        for connections, measure in LOOK_UPS_ON_DOMAIN.items():
+            measure_rounds(measure, rounds, note, lambda kind: look_up(
+                contenders[kind], [f"user{number}" for number in chance.sample(range(PEOPLE), LOOK_UPS)], connections))
 
 
 def measure(rounds, note):
     """Calls note(round, rounds, measure, {contender's class: {"rate": what it did in a second}})."""
     domain = Domain("crowd")
-    people = [f"user{number}" for number in range(PEOPLE)]
-    random.Random(5).shuffle(people)
     try:
-        for number in range(rounds):
-            names = (people * 2)[number * LOOK_UPS % PEOPLE:][:LOOK_UPS]
-            for some in MEASURES:
-                shift = number % len(some.contenders)
-                order = some.contenders[shift:] + some.contenders[:shift]
-                note(number, rounds, some, {kind: {"rate": some.way(domain, kind, names)} for kind in order})
+        measure_rounds(EVERYBODY_OF_DOMAIN, rounds, note, lambda kind: enumerate_anew(domain, kind))
+        measure_look_ups(domain, rounds * LOOK_UP_ROUNDS, note)
     finally:
         domain.close()

@@ -148,6 +148,8 @@ RATIOS = {
     "enum_on_domain_vs_back_ldap": ("domain_enum", "gateway_uncached", "proxy"),
     "lookup_on_domain_vs_back_ldap": ("domain_lookup_1", "gateway_uncached", "proxy"),
     "lookup_on_domain_vs_back_ldap_8": ("domain_lookup_8", "gateway_uncached", "proxy"),
+    "lookup_on_domain_over_tls_vs_back_ldap": ("domain_lookup_1", "gateway_uncached_tls", "proxy"),
+    "lookup_on_domain_over_tls_vs_back_ldap_8": ("domain_lookup_8", "gateway_uncached_tls", "proxy"),
 }
 
 CONNECTIONS = (1, 8, 64)

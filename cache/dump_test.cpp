@@ -124,8 +124,8 @@ TEST_F(Dump, LogsSettingsAndCounts) {
     m_cache->dumpCache();
     const std::vector<std::string> expected = {
         "Starting to dump memory cache setting, statistics and entire content...",
-        "memory cache enabled, max lists: 100, max objects: 3000, ttl: 3600, negative ttl: 300, load factor: "
-        "1.300000, log interval: 9",
+        ("memory cache enabled, max lists: 100, max objects: 3000, ttl: 3600, negative ttl: 300, "
+         "load factor: 1.300000, log interval: 9"),
         "cache hits: 1, negHits: 0, misses: 0, expires: 0, overflows: 0, cloneErrs: 0",
         "Starting to dump entire cache content...", "Dump entire cache content complete."};
     ASSERT_EQ(log.records().size(), expected.size());

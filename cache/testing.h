@@ -65,7 +65,8 @@ class CacheTest : public testing::Test {
         EXPECT_THAT(standin::failures(), testing::IsEmpty());
     }
 
-    void start(const Settings& settings = {}, SearchCacheEnvironment environment = {clock, sleepOn, ""}) {
+    void start(const Settings& settings = {},
+               const SearchCacheEnvironment& environment = {clock, sleepOn, ""}) {
         m_cache = std::make_unique<SearchCacheManager>(environment);
         watcherSleeps = false;
         configure(settings);

@@ -52,7 +52,7 @@ inline std::vector<LdifLine> readLdif(std::string_view text) {
         } else if (rest.starts_with(": ")) {
             const std::string_view value = rest.substr(2);
             for (const char c : value) {
-                if (c == '\0' || c == '\r' || (lines.size() > 0 && static_cast<signed char>(c) < 0)) {
+                if (c == '\0' || c == '\r' || (!lines.empty() && static_cast<signed char>(c) < 0)) {
                     throw std::invalid_argument("an unsafe value in plain text");
                 }
             }

@@ -166,7 +166,7 @@ bool AdDirectory::isQuick(const Query& query) const {
 }
 
 Result AdDirectory::findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan) {
-    const Result missing = resultOf({LDAP_NO_SUCH_OBJECT});
+    Result missing = resultOf({LDAP_NO_SUCH_OBJECT});
     plan.search.base = query.base;
     plan.search.scope = query.scope == kSubordinate ? LDAP_SCOPE_SUBTREE : query.scope;
     if (query.base.empty()) {
@@ -232,7 +232,7 @@ Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cur
     rest.reset();
     const Deadline end = deadline();
     Domain* domain = nullptr;
-    const Result found = query.domain == kCatalog ? catalog(end, domain) : domainOf(query.domain, "", domain);
+    Result found = query.domain == kCatalog ? catalog(end, domain) : domainOf(query.domain, "", domain);
     if (!found.ok()) return found;
     const AdSource from = source(*domain);
     AdPlan plan;
@@ -240,7 +240,7 @@ Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cur
     if (Result result = prepare(query, *domain, from.members, end, plan, nothing); !result.ok())
         return result;
     if (nothing) return plan.search.base.empty() ? Result() : readBase(*domain, end, plan);
-    const Result result = runAdSearch(from, plan, end, first, rest);
+    Result result = runAdSearch(from, plan, end, first, rest);
     const bool mayBeRewritten = query.scope == LDAP_SCOPE_BASE && domain->kind() == Domain::Kind::Domain;
     if (result.code != VEX_NO_SUCH_OBJECT || !mayBeRewritten) return result;
     NamedEntries named;
@@ -266,7 +266,7 @@ Result AdDirectory::showOne(Domain& domain, std::vector<Entry> entries, const Vi
 
 Result AdDirectory::fetch(const std::string& domainName, const std::string& dn, const View& view,
                           Object& object) {
-    const Result missing = Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
+    Result missing = Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
     const Deadline end = deadline();
     Domain* domain = nullptr;
     if (Result result = domainOf(domainName, dn, domain); !result.ok()) return result;
@@ -281,7 +281,7 @@ Result AdDirectory::fetch(const std::string& domainName, const std::string& dn, 
 }
 
 Result AdDirectory::lookup(const std::string& guid, const View& view, Object& object) {
-    const Result missing = Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
+    Result missing = Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
     const auto bytes = guidBytes(guid);
     if (!bytes) return missing;
     const Deadline end = deadline();

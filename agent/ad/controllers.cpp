@@ -40,6 +40,7 @@ std::vector<Controllers::Choice> Controllers::order(Moment now) const {
         return a->controller.peer == m_current && b->controller.peer != m_current;
     });
     std::vector<Choice> choices;
+    choices.reserve(states.size());
     for (const State* state : states) choices.push_back({state->controller.peer, isDue(*state)});
     return choices;
 }

@@ -170,7 +170,7 @@ Result makeAdFilter(const Query& query, const FilterContext& context, std::strin
                     Selection& selection) {
     const Pool pool = newPool();
     ParseTree* tree = nullptr;
-    if (const Result parsed = parseFilter(pool.get(), query.filter, tree); !parsed.ok()) return parsed;
+    if (Result parsed = parseFilter(pool.get(), query.filter, tree); !parsed.ok()) return parsed;
     selection = rewriteAssertions(pool.get(), tree, context);
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) {

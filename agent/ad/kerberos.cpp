@@ -96,7 +96,7 @@ krb5_context newContext(const std::string& domain) {
     profile_t profile = nullptr;
     auto data = std::make_unique<std::string>(vorn::lower(domain));
     if (profile_init_vtable(&table, data.get(), &profile) != 0) throw std::bad_alloc();
-    data.release();
+    static_cast<void>(data.release());  // the profile frees it
     krb5_context context = nullptr;
     const krb5_error_code code = krb5_init_context_profile(profile, KRB5_INIT_CONTEXT_SECURE, &context);
     profile_release(profile);  // the context has a copy
@@ -141,7 +141,7 @@ krb5_error_code errorIn(krb5_context context, std::string& reply) {
     const krb5_data data = {KV5M_DATA, static_cast<unsigned>(reply.size()), reply.data()};
     krb5_error* error = nullptr;
     if (krb5_rd_error(context, &data, &error) != 0) return 0;
-    const krb5_error_code code = static_cast<krb5_error_code>(error->error) + ERROR_TABLE_BASE_krb5;
+    const krb5_error_code code = static_cast<krb5_error_code>(error->error + ERROR_TABLE_BASE_krb5);
     krb5_free_error(context, error);
     return code;
 }
@@ -239,8 +239,7 @@ KrbStatus Kerberos::steps(krb5_init_creds_context context) {
         krb5_free_data_contents(get(), &realm);
         if (code != 0) return status(code);
         if ((flags & KRB5_INIT_CREDS_STEP_FLAG_CONTINUE) == 0) return {};
-        if (const KrbStatus sent = m_kdc.exchange(realmText, message, !convincing, reply); !sent.ok())
-            return sent;
+        if (KrbStatus sent = m_kdc.exchange(realmText, message, !convincing, reply); !sent.ok()) return sent;
         const krb5_error_code error = errorIn(get(), reply);
         // The library would go on to another way of showing the same password.
         if (convincing && error == KRB5KDC_ERR_PREAUTH_FAILED) return status(error);

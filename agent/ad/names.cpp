@@ -73,7 +73,7 @@ LdapStatus NameFinder::byDn(const std::string& dn, Rewritten rewritten, NamedEnt
         searches.insert(searches.begin(), itself);
         return collect(dn, searches, found);
     }
-    const LdapStatus status = m_domain.search(itself, m_deadline, found.real);
+    LdapStatus status = m_domain.search(itself, m_deadline, found.real);
     if (!status.ok() && !isMissing(status)) return status;
     return found.real.empty() && !searches.empty() ? collect(dn, searches, found) : LdapStatus();
 }

@@ -46,6 +46,7 @@ TEST(Peer, IsAHostAndPerhapsAPort) {
 
 std::vector<std::string> targets(const std::vector<SrvRecord>& records) {
     std::vector<std::string> names;
+    names.reserve(records.size());
     for (const SrvRecord& record : records) names.push_back(record.target);
     return names;
 }

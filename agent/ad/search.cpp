@@ -30,7 +30,7 @@ LdapStatus completeRanges(Domain& domain, std::vector<Entry>& entries, const Dea
 }
 
 // The state of one search on one connection.
-class AdSearch : public Cursor {
+class AdSearch final : public Cursor {
   public:
     AdSearch(const AdSource& source, AdPlan plan)
         : m_source(source),
@@ -157,7 +157,7 @@ Result runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline
     });
     if (!status.ok()) return resultOf(status);
     first.total = search->total();
-    const Result made = makeObjects(source, search->plan(), entries, deadline, first.objects);
+    Result made = makeObjects(source, search->plan(), entries, deadline, first.objects);
     if (made.ok() && !search->atEnd()) rest = std::move(search);
     return made;
 }

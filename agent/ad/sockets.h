@@ -13,7 +13,7 @@ namespace vexagent {
 struct Peer {
     std::string host;
     std::uint16_t port = 0;
-    auto operator<=>(const Peer&) const = default;
+    auto operator<=>(const Peer&) const = default;  // NOLINT(modernize-use-nullptr): a false alarm
 };
 
 // "host", "host:port", "[address]:port"; false for text that is none. Without a

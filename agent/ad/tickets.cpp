@@ -99,7 +99,7 @@ krb5_principal ownName(const Kerberos& kerberos, const KrbKeytab& keytab, const 
 std::string nameWithoutRealm(krb5_context context, krb5_const_principal principal) {
     char* text = nullptr;
     if (krb5_unparse_name_flags(context, principal, KRB5_PRINCIPAL_UNPARSE_NO_REALM, &text) != 0) return {};
-    const std::string name = text;
+    std::string name = text;
     krb5_free_unparsed_name(context, text);
     return name;
 }

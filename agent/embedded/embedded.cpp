@@ -150,8 +150,7 @@ bool EmbeddedDirectory::isQuick(const Query& query) const {
 }
 
 Result EmbeddedDirectory::findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base) {
-    const Result missing =
-        Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "the search base does not exist");
+    Result missing = Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "the search base does not exist");
     const bool atRoot = query.base.empty() || vorn::equalsIgnoreCase(query.base, m_domainDn);
     if (atRoot) {
         // The root is there to be searched even when it has no entry.
@@ -173,12 +172,12 @@ Result EmbeddedDirectory::findBase(Handle& handle, void* pool, const Query& quer
 
 Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) {
     rest.reset();
-    if (const Result domain = checkDomain(query.domain); !domain.ok()) return domain;
+    if (Result domain = checkDomain(query.domain); !domain.ok()) return domain;
     const Pool pool = newPool();
     Plan plan;
-    if (const Result parsed = parseFilter(pool.get(), query.filter, plan.tree); !parsed.ok()) return parsed;
+    if (Result parsed = parseFilter(pool.get(), query.filter, plan.tree); !parsed.ok()) return parsed;
     Database::Lease handle = m_database.lease();
-    if (const Result found = findBase(*handle, pool.get(), query, plan.base); !found.ok()) return found;
+    if (Result found = findBase(*handle, pool.get(), query, plan.base); !found.ok()) return found;
 
     FilterContext context;
     context.ldb = handle->ldb();
@@ -193,7 +192,7 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
 
 Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,
                                 Object& object) {
-    if (const Result checked = checkDomain(domain); !checked.ok()) return checked;
+    if (Result checked = checkDomain(domain); !checked.ok()) return checked;
     const Pool pool = newPool();
     Database::Lease handle = m_database.lease();
     const Named named = findByDn(*handle, pool.get(), dn, m_rules);

@@ -46,7 +46,7 @@ std::string company() {
 }
 
 // The DNs' first values that a search finds, in any order; "code N" on failure.
-std::vector<std::string> names(Directory& directory, Query query) {
+std::vector<std::string> names(Directory& directory, const Query& query) {
     Batch batch;
     std::unique_ptr<Cursor> rest;
     const Result result = directory.search(query, batch, rest);

@@ -106,7 +106,7 @@ std::string abroad() {
 }
 
 // The account names that a search finds.
-std::vector<std::string> logins(const TestDirectory& directory, Query query) {
+std::vector<std::string> logins(const TestDirectory& directory, const Query& query) {
     Batch batch;
     std::unique_ptr<Cursor> rest;
     const Result result = directory->search(query, batch, rest);

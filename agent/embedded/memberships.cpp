@@ -10,7 +10,7 @@ Memberships::Names Memberships::of(Handle& handle, const ldb_message* group) {
     const std::optional<std::uint64_t> sequence = handle.sequence();
     const std::string guid(firstValue(group, "objectGUID"));
     if (Names known = find(sequence, guid)) return known;
-    const auto names = std::make_shared<const std::vector<std::string>>(memberUids(handle, group));
+    auto names = std::make_shared<const std::vector<std::string>>(memberUids(handle, group));
     keep(sequence, guid, names);
     return names;
 }

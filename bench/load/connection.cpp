@@ -17,8 +17,8 @@ namespace load {
 
 namespace {
 
-constexpr std::size_t kReadAtOnce = 256 * 1024;
-constexpr std::size_t kLargestMessage = 64 * 1024 * 1024;
+constexpr std::size_t kReadAtOnce = 256UL * 1024;
+constexpr std::size_t kLargestMessage = 64UL * 1024 * 1024;
 
 [[noreturn]] void throwSystemError(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
