@@ -26,7 +26,6 @@ using searchtest::Request;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 constexpr char kKey[] = "(uid=ann)dc=example,dc=com2";

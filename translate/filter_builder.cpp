@@ -68,7 +68,7 @@ class Reader {
             any.push_back(unescape(value.substr(at + 1, next - at - 1)));
             at = next;
         }
-        const auto piece = [](std::string text) {
+        const auto piece = [](const std::string& text) {
             return text.empty() ? FilterBuilder::Text() : FilterBuilder::Text(unescape(text));
         };
         return m_builder->substrings(name, piece(value.substr(0, first)), any, piece(value.substr(last + 1)));
@@ -243,13 +243,13 @@ AttributeDescription* FilterBuilder::describe(const Text& name) {
     return &description;
 }
 
-Filter* FilterBuilder::present(Text name) {
+Filter* FilterBuilder::present(const Text& name) {
     Filter* result = node(LDAP_FILTER_PRESENT);
     result->f_desc = describe(name);
     return result;
 }
 
-Filter* FilterBuilder::assertion(ber_tag_t choice, Text name, Text value) {
+Filter* FilterBuilder::assertion(ber_tag_t choice, const Text& name, const Text& value) {
     AttributeAssertion& content = m_assertions.emplace_back();
     content = AttributeAssertion{};
     content.aa_desc = name ? describe(name) : nullptr;
@@ -259,7 +259,7 @@ Filter* FilterBuilder::assertion(ber_tag_t choice, Text name, Text value) {
     return result;
 }
 
-Filter* FilterBuilder::extensible(Text name, std::string value) {
+Filter* FilterBuilder::extensible(const Text& name, const std::string& value) {
     MatchingRuleAssertion& content = m_extensibles.emplace_back();
     content = MatchingRuleAssertion{};
     content.ma_desc = name && !name->empty() ? describe(name) : nullptr;
@@ -269,7 +269,8 @@ Filter* FilterBuilder::extensible(Text name, std::string value) {
     return result;
 }
 
-Filter* FilterBuilder::substrings(Text name, Text initial, const std::vector<std::string>& any, Text final) {
+Filter* FilterBuilder::substrings(const Text& name, const Text& initial, const std::vector<std::string>& any,
+                                  const Text& final) {
     SubstringsAssertion& content = m_substrings.emplace_back();
     content = SubstringsAssertion{};
     content.sa_desc = describe(name);

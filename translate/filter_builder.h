@@ -24,10 +24,11 @@ class FilterBuilder {
     // A tree out of any bytes: names are valid, values are anything.
     Filter* fromBytes(std::span<const std::uint8_t> bytes);
 
-    Filter* present(Text name);
-    Filter* assertion(ber_tag_t choice, Text name, Text value);
-    Filter* substrings(Text name, Text initial, const std::vector<std::string>& any, Text final);
-    Filter* extensible(Text name, std::string value);
+    Filter* present(const Text& name);
+    Filter* assertion(ber_tag_t choice, const Text& name, const Text& value);
+    Filter* substrings(const Text& name, const Text& initial, const std::vector<std::string>& any,
+                       const Text& final);
+    Filter* extensible(const Text& name, const std::string& value);
     Filter* list(ber_tag_t choice, const std::vector<Filter*>& elements);
     Filter* computed(int result);
     Filter* node(ber_tag_t choice);

@@ -72,6 +72,7 @@ void closeAll(const std::vector<vexSession*>& sessions, const std::vector<vexSea
 }
 
 void sessions(std::size_t sessionCount, std::size_t searchCount) {
+    if (sessionCount == 0) return;
     std::vector<vexSession*> sessions;
     std::vector<vexSearchHandle*> searches;
     for (std::size_t i = 0; i < sessionCount; ++i) sessions.push_back(open());
