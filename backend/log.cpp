@@ -16,7 +16,6 @@ constexpr std::size_t kLineBytes = 1022;
 class Line {
   public:
     __attribute__((format(printf, 2, 0))) Line(const char* format, std::va_list arguments) {
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a caller's list counts as empty there
         std::vsnprintf(m_text, sizeof m_text, format, arguments);
     }
     const char* text() const { return m_text; }

@@ -29,7 +29,7 @@ constexpr char kMap[] =
     "nisMap = nisMap\n"
     "nisMap.cn =\n";
 
-Object person(Object more = {}) {
+Object person(const Object& more = {}) {
     Object object = {{"_dn", {"CN=Ann Lee,OU=Staff,DC=example,DC=com"}},
                      {"_GUID", {"0a"}},
                      {"_objectCategory", {"Person"}},

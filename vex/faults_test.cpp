@@ -178,7 +178,7 @@ const Fault kFaults[] = {
      }},
     {"no_flatbuffer",
      [](const Peer& peer, const wire::Request&) {
-         peer.send(frame("\x08\x00\x00\x00VXR1" + std::string(200, '\x7f')));
+         peer.send(frame(std::string("\x08\0\0\0VXR1", 8) + std::string(200, '\x7f')));
      }},
     {"object_without_dn",
      [](const Peer& peer, const wire::Request& r) { answerObject(peer, r, packed(personWithout("_dn"))); }},
@@ -515,7 +515,7 @@ TEST_F(Agent, ThatFailsForEverCostsNothingThatStays) {
     run(3000);
     EXPECT_EQ(openDescriptors(), descriptors);
 #ifndef ZX_SANITIZED  // there malloc is another, and leaks are looked for at the end
-    EXPECT_LT(allocatedBytes(), bytes + 64 * 1024);
+    EXPECT_LT(allocatedBytes(), bytes + 65536);
 #endif
 }
 
