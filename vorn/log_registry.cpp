@@ -39,7 +39,8 @@ std::map<std::string, int, StringCaseLessThan> readLevels(const Properties& sett
         if (!rest.empty() && (rest.front() != '.' || rest.size() == 1)) continue;
         const std::optional<int> level = parseLevel(value);
         if (!level) {
-            report(settings.origin(key) + ": " + key + ": not a level from 0 to 4: " + value);
+            std::string text = settings.origin(key);
+            report(text.append(": ").append(key).append(": not a level from 0 to 4: ").append(value));
             continue;
         }
         result.insert_or_assign(std::string(rest.empty() ? rest : rest.substr(1)), *level);

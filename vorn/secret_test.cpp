@@ -12,7 +12,7 @@ const std::string kLong = "a pass phrase that no short-string buffer can hold";
 
 // Everything that the object itself holds, the short-string buffer included.
 std::string objectBytes(const std::string& text) {
-    return std::string(reinterpret_cast<const char*>(&text), sizeof text);
+    return std::string(reinterpret_cast<const char*>(&text), sizeof(std::string));
 }
 
 std::string wholeBuffer(const std::string& text) {
@@ -39,7 +39,7 @@ TEST(Wipe, OverwritesALongStringUpToItsCapacity) {
     text.resize(5);  // the rest of the phrase is still behind the end
     wipe(text);
     EXPECT_TRUE(text.empty());
-    ASSERT_EQ(text.data(), buffer) << "a freed buffer could not be looked at";
+    ASSERT_TRUE(text.data() == buffer) << "a freed buffer could not be looked at";
     EXPECT_EQ(wholeBuffer(text), std::string(text.capacity(), '\0'));
 }
 

@@ -50,7 +50,7 @@ int tryOpeningAs(uid_t user, const std::string& path) {
 class SecureFile : public testing::Test {
   protected:
     std::string subfolder(mode_t mode, uid_t owner = geteuid()) {
-        const std::string path = m_folder.file("sub");
+        std::string path = m_folder.file("sub");
         EXPECT_EQ(mkdir(path.c_str(), 0700), 0);
         if (owner != geteuid()) {
             EXPECT_EQ(chown(path.c_str(), owner, static_cast<gid_t>(-1)), 0);
