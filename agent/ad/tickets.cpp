@@ -18,8 +18,6 @@ constexpr char kCache[] = "MEMORY:vexagent";
 constexpr std::time_t kLeastLeft = 60;
 constexpr int kRestOfLife = 5;
 
-constexpr krb5_deltat kPasswordTicketLife = 300;
-
 std::string_view textOf(const krb5_data& data) {
     return {data.data, data.length};
 }
