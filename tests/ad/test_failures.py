@@ -71,7 +71,7 @@ def warm(slapd):
     """A connection over which both a look-up and a bind have been answered."""
     connection = slapd.connect()
     assert len(look_up(connection)) == 1
-    slapd.connect(BEN, "welcome").unbind_ext()
+    slapd.close_connection(slapd.connect(BEN, "welcome"))
     return connection
 
 
