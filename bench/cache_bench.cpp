@@ -84,7 +84,7 @@ void listHit(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(1));
     SearchCacheManager& cache = filled(entries);
     auto key = static_cast<std::size_t>(state.thread_index()) * keys / 2;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::shared_ptr<GuidList> list;
         if (cache.getList(guids()[key], list) != SearchCacheManager::kHit) state.SkipWithError("no hit");
         key = nextKey(key, keys);
@@ -96,7 +96,7 @@ void objHit(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(1));
     SearchCacheManager& cache = filled(entries);
     auto key = static_cast<std::size_t>(state.thread_index()) * keys / 2;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         CachedObject cached;
         if (cache.getObj(guids()[key], &cached) != SearchCacheManager::kHit) state.SkipWithError("no hit");
         key = nextKey(key, keys);
@@ -110,7 +110,7 @@ void objStoreWithEviction(benchmark::State& state) {
     SearchCacheManager& cache = filled(entries);
     const vex::UniqueObject object = makeObject();
     auto key = static_cast<std::size_t>(state.thread_index()) * entries;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         cache.putObj(guids()[key].c_str(), object.get());
         key = nextKey(key, 2 * entries);
     }
@@ -123,7 +123,7 @@ void objMemory(benchmark::State& state) {
     const auto entries = static_cast<std::size_t>(state.range(0));
     vorn::Thread::SetThreadsActive(true);
     guids();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         SearchCacheManager cache;
         cache.init(true, 1, entries, 1'000'000, 300, 0, 1.3F);
         const std::size_t before = mallinfo2().uordblks;

@@ -78,14 +78,15 @@ vex::UniqueObject objectOf(const vextest::AttributeList& attributes) {
 void filterOfFiveTerms(benchmark::State& state) {
     FilterBuilder builder;
     const Filter* const filter = builder.parse(kFilter);
-    for (auto _ : state) benchmark::DoNotOptimize(filter_as_string("posixAccount", filter, map()));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(filter_as_string("posixAccount", filter, map()));
 }
 
 void toLdif(benchmark::State& state, const vextest::AttributeList& attributes, const LdifRequest& request) {
     map();
     const vex::UniqueObject object = objectOf(attributes);
     std::size_t bytes = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const std::string ldif = object_to_ldif(nullptr, object.get(), request);
         bytes = ldif.size();
         if (bytes == 0) state.SkipWithError("no text");

@@ -246,8 +246,8 @@ Entry* str2entry(char* text) {
     }
     auto* entry = static_cast<Entry*>(std::calloc(1, sizeof(Entry)));
     if (fill(entry, text)) return entry;
-    entry_free(entry);  // NOLINT(clang-analyzer-unix.Malloc): the analyzer does not see that this frees it
-    return nullptr;
+    entry_free(entry);
+    return nullptr;  // NOLINT(clang-analyzer-unix.Malloc): the analyzer does not see that it is freed
 }
 
 // No entry here is of a special class. That it was asked is noted as slapd does.
