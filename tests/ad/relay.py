@@ -1,9 +1,11 @@
 """A relay before a domain controller, at an address of its own: it counts what clients
-ask, and can stop serving a port.
+ask, can stop serving a port, and has answers come late or never.
 
     with Relay(address, controller.address) as relay:
         relay.asked(LDAP)   # requests that have come for that port so far
         relay.refuse(KDC)   # from now on nobody listens there
+        relay.late(delay)   # each piece of an answer is kept for delay() seconds; None is for ever
+        relay.prompt()      # all that is kept goes on, and what follows is not kept
 
 Requests are counted by their frames, sealed or not: BER messages, the packets of a
 SASL layer (RFC 4422, section 3.7), Kerberos messages over TCP (RFC 4120, 7.2.2). The
@@ -58,7 +60,9 @@ class Relay(contextlib.AbstractContextManager):
         self.address, self.controller = address, controller
         self.lock = threading.Lock()
         self.counts = dict.fromkeys(ports, 0)
-        self.listeners, self.sockets = {}, []
+        self.listeners, self.sockets = {}, set()
+        self.delay, self.on_time = None, threading.Event()
+        self.prompt()
         for port in ports:
             self.serve(port)
 
@@ -68,6 +72,13 @@ class Relay(contextlib.AbstractContextManager):
     def asked(self, port):
         with self.lock:
             return self.counts[port]
+
+    def late(self, delay):
+        self.delay = delay
+        self.on_time.clear()
+
+    def prompt(self):
+        self.on_time.set()
 
     def serve(self, port):
         listener = socket.create_server((self.address, port))
@@ -81,37 +92,59 @@ class Relay(contextlib.AbstractContextManager):
             listener.shutdown(socket.SHUT_RDWR)
         listener.close()
 
+    def drop(self):
+        """Every connection ends now, without a word."""
+        with self.lock:
+            for each in self.sockets:
+                with contextlib.suppress(OSError):
+                    each.shutdown(socket.SHUT_RDWR)
+
     def close(self):
         for port in list(self.listeners):
             self.refuse(port)
-        with self.lock:
-            sockets, self.sockets = self.sockets, []
-        for each in sockets:
-            with contextlib.suppress(OSError):
-                each.shutdown(socket.SHUT_RDWR)
+        self.drop()
+        self.prompt()
 
     def accept(self, listener, port):
         while True:
             try:
                 client, _ = listener.accept()
-                server = socket.create_connection((self.controller, port), 10)
+            except OSError:
+                return
+            threading.Thread(target=self.join, args=(client, port), daemon=True).start()
+
+    def join(self, client, port):
+        """Until either side ends."""
+        with contextlib.ExitStack() as stack:
+            stack.enter_context(client)
+            try:
+                server = stack.enter_context(socket.create_connection((self.controller, port), 10))
             except OSError:
                 return
             server.settimeout(None)
+            ends = {client, server}
             with self.lock:
-                self.sockets += [client, server]
-            threading.Thread(target=self.carry, args=(client, server, Frames(port)), daemon=True).start()
-            threading.Thread(target=self.carry, args=(server, client, None), daemon=True).start()
+                self.sockets |= ends
+            back = threading.Thread(target=self.carry, args=(server, client, None), daemon=True)
+            back.start()
+            self.carry(client, server, Frames(port))
+            back.join()
+            with self.lock:  # before others can have the descriptors
+                self.sockets -= ends
 
     def carry(self, source, target, frames):
-        """Until either side ends."""
         with contextlib.suppress(OSError):
             while data := source.recv(65536):
                 if frames:
-                    complete = frames.add(data)
-                    with self.lock:  # before the answer can be there
-                        self.counts[frames.port] += complete
+                    self.count(frames, data)
+                elif not self.on_time.is_set():
+                    self.on_time.wait(self.delay())
                 target.sendall(data)
         for each in (source, target):
             with contextlib.suppress(OSError):
                 each.shutdown(socket.SHUT_RDWR)
+
+    def count(self, frames, data):
+        complete = frames.add(data)
+        with self.lock:  # before the answer can be there
+            self.counts[frames.port] += complete

@@ -8,74 +8,26 @@ import time
 import ldap
 import pytest
 
-from directories import ZONE
+import played_domain
 from gateway import SUFFIX, Slapd, failure, search, values, wait_until
 from host import busy_seconds, make_authority, make_certificate
+from played_domain import BASE, ENOUGH, PASSWORD, SERVICE, PeerDirectory, group, guid
 from scripted_peer import BUSY, UNAVAILABLE, Cut, Fail, Garbage, Notice, Refer, Renamed, ScriptedPeer, Stall
 from world import World
 
-BASE = "DC=example,DC=com"
 PEOPLE, MOST, MOST_VALUES = 1250, 500, 750  # as a Windows controller cuts 2500 at 1000, and at 1500 values
 TIMEOUT, SLACK = 2, 1.5  # for what is to be waited for in vain
-ENOUGH = 8  # for what is to be answered
-SERVICE, PASSWORD = "gateway@example.com", "Service.123"
 EVERYBODY, LOOK_UP = "(objectClass=posixAccount)", "(&(objectClass=posixAccount)(uid=p0007))"
-
-
-def guid(number):
-    return number.to_bytes(16, "big")
-
-
-def sid(rid):
-    parts = (21, 1, 2, 3, rid) if rid else (21, 1, 2, 3)
-    return bytes([1, len(parts), 0, 0, 0, 0, 0, 5]) + b"".join(part.to_bytes(4, "little") for part in parts)
 
 
 def person(number):
     name = f"p{number:04}"
-    return f"CN={name},OU=People,{BASE}", {
-        "objectClass": ["top", "person", "organizationalPerson", "user"], "cn": [name], "name": [name], "sAMAccountName": [name],
-        "userPrincipalName": [f"{name}@example.com"], "uid": [name], "uidNumber": [10000 + number], "gidNumber": [10000],
-        "unixHomeDirectory": [f"/home/{name}"], "loginShell": ["/bin/sh"], "objectGUID": [guid(1000 + number)],
-        "objectSid": [sid(10000 + number)], "primaryGroupID": [513], "userAccountControl": [512],
-        "objectCategory": [f"CN=Person,CN=Schema,CN=Configuration,{BASE}"],
-        "memberOf": [f"CN=large,OU=Groups,{BASE}"]}
-
-
-def group(name, number, members):
-    return f"CN={name},OU=Groups,{BASE}", {
-        "objectClass": ["top", "group"], "cn": [name], "name": [name], "sAMAccountName": [name], "gidNumber": [20000 + number],
-        "objectGUID": [guid(500 + number)], "objectSid": [sid(500 + number)], "groupType": [-2147483646],
-        "objectCategory": [f"CN=Group,CN=Schema,CN=Configuration,{BASE}"], "member": members}
+    return played_domain.person(name, name, number, f"CN=large,OU=Groups,{BASE}")
 
 
 def make_entries():
-    contexts = {"defaultNamingContext": [BASE], "rootDomainNamingContext": [BASE],
-                "configurationNamingContext": [f"CN=Configuration,{BASE}"],
-                "schemaNamingContext": [f"CN=Schema,CN=Configuration,{BASE}"],
-                "namingContexts": [BASE, f"CN=Configuration,{BASE}", f"CN=Schema,CN=Configuration,{BASE}"]}
-    entries = {
-        "": {**contexts, "dnsHostName": ["peer.example.com"], "supportedControl": ["1.2.840.113556.1.4.319"],
-             "supportedLDAPVersion": [3, 2], "isSynchronized": ["TRUE"], "isGlobalCatalogReady": ["TRUE"],
-             "supportedSASLMechanisms": ["GSSAPI"]},
-        BASE: {"objectClass": ["top", "domain", "domainDNS"], "dc": ["example"], "objectSid": [sid(None)],
-               "objectGUID": [guid(1)]},
-        f"CN=Configuration,{BASE}": {"objectClass": ["top", "configuration"], "cn": ["Configuration"]},
-        f"CN=Partitions,CN=Configuration,{BASE}": {"objectClass": ["top", "crossRefContainer"], "cn": ["Partitions"]},
-        f"CN=EXAMPLE,CN=Partitions,CN=Configuration,{BASE}": {
-            "objectClass": ["top", "crossRef"], "cn": ["EXAMPLE"], "nETBIOSName": ["EXAMPLE"], "nCName": [BASE],
-            "objectCategory": [f"CN=Cross-Ref,CN=Schema,CN=Configuration,{BASE}"]},
-        f"CN=Schema,CN=Configuration,{BASE}": {"objectClass": ["top", "dMD"], "cn": ["Schema"]}}
-    for number, name in enumerate(("People", "Groups")):
-        entries[f"OU={name},{BASE}"] = {"objectClass": ["top", "organizationalUnit"], "ou": [name], "objectGUID": [guid(2 + number)]}
-    names = ("cn", "sAMAccountName", "uidNumber", "gidNumber", "objectClass", "member", "unixHomeDirectory", "loginShell")
-    entries[f"CN=Aggregate,CN=Schema,CN=Configuration,{BASE}"] = {
-        "objectClass": ["top", "subSchema"], "cn": ["Aggregate"],
-        "attributeTypes": [f"( 1.2.3.{number} NAME '{name}' SYNTAX '1.3.6' )" for number, name in enumerate(names)]}
     people = [person(number) for number in range(PEOPLE)]
-    entries.update(people)
-    entries.update([group("large", 1, [dn for dn, _ in people]), group("small", 2, [people[0][0]])])
-    return entries
+    return played_domain.entries([*people, group("large", 1, [dn for dn, _ in people]), group("small", 2, [people[0][0]])])
 
 
 ENTRIES = make_entries()
@@ -87,26 +39,6 @@ def certificate(tmp_path_factory):
     make_authority(folder)
     make_certificate(folder, ["IP:127.0.0.1", "DNS:peer.example.com"], folder / "cert.pem", folder / "key.pem")
     return folder
-
-
-class PeerDirectory:
-    """A directory for a World: one scripted peer, or several."""
-
-    kind, environment = "peer", {}
-
-    def __init__(self, certificate, transport, peers):
-        self.certificate, self.transport, self.peers = certificate, transport, peers
-
-    def settings(self, folder):
-        password = folder / "service.password"
-        password.write_text(f"{PASSWORD}\n", encoding="utf-8")
-        password.chmod(0o600)
-        return {"directory": "ad", "ad.servers": " ".join(f"{peer.address}:{peer.port}" for peer in self.peers),
-                "ad.transport": self.transport, "ad.tls.ca": self.certificate / "authority.pem", "ad.timeout": ENOUGH,
-                "ad.bind.name": SERVICE, "ad.bind.password.file": password, "domain.name": "example.com", "zone.dn": ZONE}
-
-    def restore(self):
-        pass
 
 
 @pytest.fixture(params=["ldaps", "starttls"])
