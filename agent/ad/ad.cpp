@@ -10,17 +10,14 @@
 #include "agent/secrets.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
-#include "vorn/signals_blocked.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
 namespace {
 
 constexpr int kSubordinate = 3;  // RFC 4511 does not know it, and neither do controllers
-constexpr milliseconds kHouseTime{250};
 constexpr milliseconds kHealthTime{3000};
 constexpr milliseconds kNamesTime{3'600'000};
-constexpr std::size_t kMostDomains = 32;
 constexpr char kCatalog[] = "$";
 
 Result unavailable(const std::string& text) {
@@ -59,92 +56,41 @@ std::string nameIn(const std::string& description) {
 
 AdDirectory::AdDirectory(const AdOptions& options)
     : m_options(options),
-      m_tickets(options.transport != Transport::Gssapi
-                    ? nullptr
-                    : std::make_unique<Tickets>(m_options,
-                                                [this](const std::string& realm) -> Controllers* {
-                                                    Domain* domain = find(vorn::lower(realm));
-                                                    return domain == nullptr ? nullptr
-                                                                             : &domain->controllers();
-                                                })),
+      m_tickets(
+          options.transport != Transport::Gssapi
+              ? nullptr
+              : std::make_unique<Tickets>(
+                    m_options, [this](const std::string& realm) { return m_forest.controllersOf(realm); })),
       m_context{m_options, m_watchdog, m_tickets.get()},
       m_memory(options.authCache.enabled ? std::make_unique<AuthCache>(options.authCache, options.clock)
                                          : nullptr),
       m_memberships(options.mostGroups),
-      m_joined(*add(options.domain, Domain::Kind::Domain)) {
-    // A list of servers needs nobody to look for them.
-    if (!m_options.servers.empty()) m_joined.locate();
-    const vorn::SignalsBlocked blocked;
-    m_house = std::thread([this] { keepHouse(); });
-}
-
-AdDirectory::~AdDirectory() {
-    {
-        const std::lock_guard lock(m_houseMutex);
-        m_stopping = true;
-    }
-    m_wakeHouse.notify_one();
-    m_house.join();
-}
-
-void AdDirectory::keepHouse() {
-    std::unique_lock lock(m_houseMutex);
-    while (!m_stopping) {
-        m_work = false;
-        lock.unlock();
-        std::vector<Domain*> domains;
-        {
-            const std::lock_guard domainsLock(m_mutex);
-            for (const auto& [name, domain] : m_domains) domains.push_back(domain.get());
-        }
-        for (Domain* domain : domains) domain->tend();
-        lock.lock();
-        m_wakeHouse.wait_for(lock, kHouseTime, [this] { return m_stopping || m_work; });
-    }
-}
-
-Domain* AdDirectory::find(const std::string& name) {
-    const std::lock_guard lock(m_mutex);
-    const auto domain = m_domains.find(vorn::lower(name));
-    return domain == m_domains.end() ? nullptr : domain->second.get();
-}
-
-Domain* AdDirectory::add(const std::string& name, Domain::Kind kind) {
-    const std::string key = kind == Domain::Kind::Catalog ? kCatalog : vorn::lower(name);
-    Domain* added = nullptr;
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_domains.size() >= kMostDomains && !m_domains.contains(key)) return nullptr;
-        std::unique_ptr<Domain>& place = m_domains[key];
-        if (!place) place = std::make_unique<Domain>(m_context, name, kind);
-        added = place.get();
-    }
-    const std::lock_guard lock(m_houseMutex);
-    m_work = true;
-    m_wakeHouse.notify_one();
-    return added;
-}
+      m_forest(m_context),
+      m_joined(m_forest.joined()) {}
 
 Result AdDirectory::catalog(const Deadline& deadline, Domain*& domain) {
-    domain = find(kCatalog);
-    if (domain != nullptr) return {};
-    std::shared_ptr<const DomainInfo> info;
-    if (const LdapStatus status = m_joined.info(deadline, info); !status.ok()) return resultOf(status);
-    domain = add(vorn::lower(vorn::DN::domainFromDN(info->forest)), Domain::Kind::Catalog);
-    return domain != nullptr ? Result() : unavailable("too many domains have been asked for");
+    return resultOf(m_forest.catalog(deadline, domain));
 }
 
-// The domain of that name. For "" and "$" it is the one that a DN lies in, where
-// that is another than the joined one.
-Result AdDirectory::domainOf(const std::string& name, const std::string& dn, Domain*& domain) {
+// The domain of that name; null when the joined domain names none of that name. For ""
+// and "$" it is the one that a DN lies in, where that is another than the joined one.
+Result AdDirectory::domainOf(const std::string& name, const std::string& dn, const Deadline& deadline,
+                             Domain*& domain) {
     domain = &m_joined;
-    std::string wanted = name == kCatalog ? vorn::DN::domainFromDN(dn) : name;
-    if (wanted.empty() || vorn::equalsIgnoreCase(wanted, m_options.domain)) return {};
-    if (!vorn::DN::isDN(vorn::DN::dnFromDomain(wanted)) ||
-        wanted.find_first_of("/:@\\ ") != std::string::npos)
-        return unavailable("\"" + vorn::printable(wanted) + "\" is no domain");
-    domain = add(vorn::lower(wanted), Domain::Kind::Domain);
-    return domain != nullptr ? Result() : unavailable("too many domains have been asked for");
+    const std::string wanted = name == kCatalog ? vorn::DN::domainFromDN(dn) : name;
+    if (wanted.empty()) return {};
+    const LdapStatus status = m_forest.find(wanted, deadline, domain);
+    if (status.ok()) return {};
+    AGENT_LOG(vorn::Logger::kWarning, "%s cannot be asked whether there is a domain \"%s\": %s",
+              m_options.domain.c_str(), vorn::printable(wanted).c_str(), status.text.c_str());
+    return unavailable("the joined domain cannot be asked which domains there are");
+}
+
+// The same for what is to be found there.
+Result AdDirectory::placeOf(const std::string& name, const std::string& dn, const Deadline& deadline,
+                            Domain*& domain) {
+    Result result = domainOf(name, dn, deadline, domain);
+    return !result.ok() || domain != nullptr ? result : unavailable("there is no such domain");
 }
 
 Result AdDirectory::idsOf(Domain& domain, const Deadline& deadline, std::shared_ptr<const Ids>& ids) {
@@ -232,7 +178,7 @@ Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cur
     rest.reset();
     const Deadline end = deadline();
     Domain* domain = nullptr;
-    Result found = query.domain == kCatalog ? catalog(end, domain) : domainOf(query.domain, "", domain);
+    Result found = query.domain == kCatalog ? catalog(end, domain) : placeOf(query.domain, "", end, domain);
     if (!found.ok()) return found;
     const AdSource from = source(*domain);
     AdPlan plan;
@@ -269,7 +215,7 @@ Result AdDirectory::fetch(const std::string& domainName, const std::string& dn, 
     Result missing = Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
     const Deadline end = deadline();
     Domain* domain = nullptr;
-    if (Result result = domainOf(domainName, dn, domain); !result.ok()) return result;
+    if (Result result = placeOf(domainName, dn, end, domain); !result.ok()) return result;
     std::shared_ptr<const Ids> ids;
     if (Result result = idsOf(*domain, end, ids); !result.ok()) return result;
     NamedEntries found;
@@ -313,12 +259,7 @@ Result AdDirectory::checkAccount(Domain& domain, const Entry& account, const std
                                  const Deadline& deadline) {
     if (m_options.transport != Transport::Gssapi)
         return loginResult(domain.tryPassword(account.dn, password, deadline));
-    KdcConversation kdc(
-        [this](const std::string& realm) -> Controllers* {
-            Domain* known = find(vorn::lower(realm));
-            return known == nullptr ? nullptr : &known->controllers();
-        },
-        deadline);
+    KdcConversation kdc([this](const std::string& realm) { return m_forest.controllersOf(realm); }, deadline);
     const PasswordCheck check =
         checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")), domain.name(), password);
     return loginResult(check, account, m_options.clock());
@@ -328,7 +269,8 @@ Result AdDirectory::askDomain(const std::string& user, const std::string& passwo
     const Deadline end = deadline();
     Domain* domain = nullptr;
     const std::string dn = vorn::DN::isDN(user) ? user : "";
-    if (!domainOf(kCatalog, dn, domain).ok()) return noSuchUser();
+    if (Result result = domainOf(kCatalog, dn, end, domain); !result.ok()) return result;
+    if (domain == nullptr) return noSuchUser();
     NamedEntries found;
     NameFinder finder(*domain, m_options, kLoginAttributes, end);
     const LdapStatus status = finder.byLoginName(user, found);

@@ -103,8 +103,7 @@ class ScriptedPeer(contextlib.AbstractContextManager):
         """certificate is the files' (certificate, key). passwords is {name: password,
         or the text of a refusal}; names as a bind gives them, in any case."""
         self.entries, self.transport = entries, transport
-        self.sorted = sorted(entries.items())
-        self.by_name = {fold(dn): dn for dn in entries}
+        self.index()
         self.passwords = {name.lower(): password for name, password in (passwords or {}).items()}
         self.unpaged_limit = self.value_limit = None
         self.faults, self.requests = [], []
@@ -117,6 +116,11 @@ class ScriptedPeer(contextlib.AbstractContextManager):
         self.listener = socket.create_server(where)
         self.address, self.port = self.listener.getsockname()
         threading.Thread(target=self.accept, daemon=True).start()
+
+    def index(self):
+        """After a change of the entries."""
+        self.by_name = {fold(dn): dn for dn in self.entries}
+        self.sorted = sorted(self.entries.items())
 
     def __exit__(self, *_):
         self.close()

@@ -17,6 +17,7 @@ from directories import Domain
 from gateway import SANITIZER, SUFFIX, Slapd, search, wait_until
 from host import Clock, busy_seconds
 from lab import Lab
+from name_server import NameServer
 from observed import note, told
 from world import make_world
 
@@ -411,3 +412,16 @@ def test_the_name_service_goes(world, controllers):
     asked.kill()
     code, text, seconds = told("DNS gone later, one dead: look-up", lambda: look_up(connection))
     assert (code, text) == (0, "1 found") and seconds < AT_ONCE + SLACK
+
+
+def test_names_of_clients_reach_no_name_service(world, controllers):
+    """Neither LDAP nor Kerberos looks for a domain that a client makes up."""
+    first, service = controllers[0], "_ldap._tcp.dc._msdcs.example.com"
+    with NameServer("127.0.0.59", {service: (first.host, 389)}, {first.host: first.address}) as names:
+        agent, _ = start_resolving(world, "127.0.0.59")
+        slapd = world.slapd(agent.start()).start()
+        assert len(look_up(slapd.connect())) == 1
+        for who, password, code in ((ANN, "welcome", 0), (f"cn=ann,dc=made-up,{SUFFIX}", "welcome", 49),
+                                    (f"cn=ann,ou=People,dc=deep,dc=made-up,{SUFFIX}", "wrong", 49)):
+            assert told(f"bind as {who}", lambda: slapd.connect(who, password))[0] == code
+        assert set(names.questions) == {service, first.host}

@@ -5,10 +5,10 @@ import contextlib
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, search, values
+from gateway import SUFFIX, Slapd, failure, search, values
 from host import Slot, make_authority, make_certificate
 from name_server import NameServer
-from scripted_peer import ScriptedPeer
+from scripted_peer import Fail, ScriptedPeer
 from test_peer import BASE, ENTRIES, PASSWORD, SERVICE, PeerDirectory, guid, person
 from world import World
 
@@ -54,7 +54,7 @@ class Forest:
         slot = stack.enter_context(contextlib.closing(Slot()))
         near, far = slot.addresses
         make_certificate(folder, [f"IP:{near}", "DNS:dc.far.example.com"], folder / "cert.pem", folder / "key.pem")
-        passwords = {SERVICE: PASSWORD, far_person()[0]: "welcome"}
+        passwords = {SERVICE: PASSWORD, far_person()[0]: "welcome", person(1)[0]: "welcome"}
 
         def peer(holding, where):
             return stack.enter_context(ScriptedPeer(holding, where, (folder / "cert.pem", folder / "key.pem"), "starttls", passwords))
@@ -62,6 +62,7 @@ class Forest:
         self.far = peer(far_entries(), (far, 0))
         self.names = stack.enter_context(NameServer(
             far, {"_ldap._tcp.dc._msdcs.far.example.com": ("dc.far.example.com", self.far.port)}, {"dc.far.example.com": far}))
+        self.services = dict(self.names.services)
         self.resolv = folder / "resolv.conf"
         self.resolv.write_text(f"nameserver {far}\noptions timeout:1 attempts:1\n", encoding="utf-8")
         self.world = World(PeerDirectory(folder, "starttls", [self.joined]))
@@ -72,6 +73,15 @@ class Forest:
         self.agent.command = lambda: ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
                                       'mount --bind "$0" /etc/resolv.conf && exec "$@"', self.resolv, *command()]
         self.slapd = self.world.slapd(self.agent.start(), directives=Slapd.DIRECTIVES).start()
+
+    def forget(self):
+        """The agent does not know yet which domains there are."""
+        self.agent.stop()
+        self.agent.start()
+
+    def packets(self):
+        """What has been asked of controllers and of the name server so far."""
+        return [len(self.names.questions), *(len(peer.requests) for peer in (self.joined, self.catalog, self.far))]
 
 
 @pytest.fixture(scope="module")
@@ -108,3 +118,95 @@ def test_a_domain_that_nobody_knows(forest):
     forest.catalog.sorted = sorted(forest.catalog.entries.items())
     with pytest.raises(ldap.LDAPError):
         search(forest.slapd.connect(), "(&(objectClass=posixAccount)(uid=p9002))", ["uid"], f"cn=$,{SUFFIX}")
+
+
+# ---- names of domains that clients make up
+
+FAR_PERSON = f"cn=p9001,ou=People,dc=far,{SUFFIX}"
+NEAR_PERSON = f"cn=p0001,ou=People,{SUFFIX}"
+
+
+def made_up(number):
+    return f"cn=p0001,ou=People,dc=made-up-{number},{SUFFIX}"
+
+
+def bind_code(forest, who, password="welcome"):
+    connection = forest.slapd.connect()
+    try:
+        connection.simple_bind_s(who, password)
+        return 0
+    except ldap.LDAPError as error:
+        return failure(error)[0]
+    finally:
+        forest.slapd.close_connection(connection)
+
+
+def test_a_domain_that_a_client_makes_up_gets_no_packet(forest):
+    """Nor does anybody who may be asked where it is; its people are nobody."""
+    forest.forget()
+    assert bind_code(forest, made_up(0)) == 49
+    before = forest.packets()
+    assert [bind_code(forest, made_up(number)) for number in range(1, 41)] == [49] * 40
+    assert forest.packets() == before
+    assert not [name for name in forest.names.questions if "made-up" in name]
+
+
+def test_made_up_domains_leave_the_others_room(forest):
+    forest.forget()
+    assert [bind_code(forest, made_up(number)) for number in range(40)] == [49] * 40
+    assert bind_code(forest, FAR_PERSON) == 0
+    assert bind_code(forest, NEAR_PERSON) == 0
+    assert bind_code(forest, FAR_PERSON, "wrong") == 49
+
+
+def lists_domains(request):
+    return request.base.lower().startswith("cn=partitions,") and "systemFlags" in request.attributes
+
+
+def test_which_domains_there_are_and_cannot_be_asked_is_a_failure(forest):
+    """Neither a wrong password nor nobody: who is asked again later may get in."""
+    forest.forget()
+    assert bind_code(forest, NEAR_PERSON) == 0
+    for who in (FAR_PERSON, made_up(0)):
+        forest.joined.fault(Fail(1, "00002020: Operation unavailable"), lists_domains)
+        assert bind_code(forest, who) == 52
+    assert forest.joined.faults == []
+    assert (bind_code(forest, FAR_PERSON), bind_code(forest, made_up(0))) == (0, 49)
+
+
+def test_what_the_joined_domain_has_named_counts_while_it_is_gone(forest):
+    forest.forget()
+    assert bind_code(forest, FAR_PERSON) == 0
+    forest.joined.hung = True
+    try:
+        assert bind_code(forest, FAR_PERSON) == 0
+    finally:
+        forest.joined.hung = False
+
+
+def test_a_domain_whose_controllers_are_gone_is_a_failure(forest):
+    forest.forget()
+    forest.names.services.clear()
+    try:
+        assert bind_code(forest, FAR_PERSON) == 52
+        assert bind_code(forest, FAR_PERSON, "wrong") == 52
+    finally:
+        forest.names.services.update(forest.services)
+
+
+def test_a_place_outside_the_forest_is_none_of_its_domains(forest):
+    """Whatever the joined domain knows of it: a reference, or a trust, which a service
+    account's password is not shown to."""
+    outside = f"CN=made-up-0,CN=Partitions,CN=Configuration,{BASE}"
+    forest.joined.entries[outside] = {
+        "objectClass": ["top", "crossRef"], "cn": ["made-up-0"], "nCName": [f"DC=made-up-0,{BASE}"],
+        "dnsRoot": ["made-up-0.example.com"], "objectCategory": [f"CN=Cross-Ref,CN=Schema,CN=Configuration,{BASE}"]}
+    trusted = f"CN=made-up-1.example.com,CN=System,{BASE}"
+    forest.joined.entries[f"CN=System,{BASE}"] = {"objectClass": ["top", "container"], "cn": ["System"]}
+    forest.joined.entries[trusted] = {
+        "objectClass": ["top", "leaf", "trustedDomain"], "cn": ["made-up-1.example.com"], "trustPartner": ["made-up-1.example.com"],
+        "flatName": ["MADEUP1"], "trustDirection": [3], "trustType": [2], "trustAttributes": [8]}
+    forest.joined.index()
+    forest.forget()
+    assert [bind_code(forest, made_up(number)) for number in (0, 1)] == [49, 49]
+    assert not [name for name in forest.names.questions if "made-up" in name]
