@@ -145,7 +145,6 @@ TEST_F(ReplayTest, AListServesOtherAttributesAndAnotherSpelling) {
     Request request;
     request.base = "DC=Example,DC=com";
     request.attribute = "UID";
-    request.value = "ANN";
     request.attributes = {"sAMAccountName"};
     standin::forgetCalls();
     EXPECT_EQ(shape(search(request)), "ann 0");
@@ -174,6 +173,25 @@ TEST_F(ReplayTest, AListPastItsLifetimeIsAskedForAgain) {
     search();
     waitForTheNextSecond();
     EXPECT_TRUE(asksTheAgent(requestsOf()));
+}
+
+// The agent tells ANN from ann, and the cache's keys do not.
+TEST_F(ReplayTest, ASpellingThatFindsNothingTakesNobodysGroupsAway) {
+    Request groups;
+    groups.attribute = "memberUid";
+    const auto find = [&](const char* name) {
+        groups.value = name;
+        return shape(search(groups));
+    };
+    standin::searchFor({"(memberUid=ann)", {}, {}, {}}, {{person("dev")}});
+    EXPECT_EQ(find("ANN"), "32");
+    EXPECT_EQ(cached("(memberuid=ann)dc=example,dc=com2"), SearchCacheManager::kMiss);
+    EXPECT_EQ(find("ann"), "dev 0");
+    EXPECT_EQ(cached("(memberuid=ann)dc=example,dc=com2"), SearchCacheManager::kHit);
+    EXPECT_EQ(find("ANN"), "32") << "nor is it given somebody's";
+    standin::forgetCalls();
+    EXPECT_EQ(find("ann"), "dev 0");
+    EXPECT_FALSE(asksTheAgent(requests()));
 }
 
 // ------------------------------------------------------------------ look-ups

@@ -27,11 +27,18 @@ void findObjectType(const Filter* filter, SearchRequest* request) {
     request->agentType = translate_name(gTranslationMap, request->objectType, "");
 }
 
+void translateFilter(std::string_view objectType, const Filter* filter, const vorn::Properties* map,
+                     SearchRequest* request) {
+    TranslatedFilter translated = translate_filter(objectType, filter, map);
+    request->filter = std::move(translated.text);
+    request->caseCounts = translated.caseCounts;
+}
+
 void takeNetgroupPath(const Filter* filter, SearchRequest* request) {
     request->netgroups = true;
     request->agentType.clear();
     JPrintf("vex search: nisNetgroup use Rfc2307 NisNetgroup");
-    request->filter = filter_as_string("", filter, nullptr);
+    translateFilter("", filter, nullptr, request);
 }
 
 // Whether a netgroup search's base names a place of its own, which is kept.
@@ -94,7 +101,7 @@ std::optional<Rejection> prepareFilter(const Filter* filter, SearchRequest* requ
         JPrintf("vex search: objectType = %s (%s is mapped to %s)", request->typeAttribute.c_str(),
                 request->objectType.c_str(), request->agentType.c_str());
     }
-    request->filter = filter_as_string(request->objectType, filter, map);
+    translateFilter(request->objectType, filter, map, request);
     return std::nullopt;
 } catch (const vorn::VORNException& error) {
     JPrintf("filter parsing (%s)...", error.what());
@@ -131,6 +138,9 @@ void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
     // A search for DNs in the forest has the key of the plain search with the
     // same base, but other results: it stays out of the cache.
     if (request->fetchByDn) request->cacheable = false;
+    // The key's text is in lower case: what finds nothing for one spelling must not
+    // answer for another.
+    if (request->caseCounts) request->cacheable = false;
     request->key = vorn::lower(request->filter) + vorn::lower(request->base) + vorn::itoa(scope, 10);
 }
 

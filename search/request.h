@@ -26,6 +26,7 @@ struct SearchRequest {
     std::string objectType;     // the object class that the filter asks for; the map's key
     std::string agentType;      // what the map says of it; empty when it says nothing
     std::string filter;         // the agent's filter text
+    bool caseCounts = false;    // of its values; the cache's key has them in lower case
     bool netgroups = false;     // netgroups, from the zone's RFC 2307 maps
     std::string zoneDomain;     // the zone's domain; only for netgroups
     std::string base;           // the agent's search base

@@ -9,6 +9,7 @@
 #include "backend/settings.h"
 #include "search/fixture.h"
 #include "tests/standin/captured.h"
+#include "translate/filter_builder.h"
 #include "vorn/settings.h"
 #include "vorn/temporary_folder.h"
 
@@ -302,6 +303,32 @@ TEST_F(RequestTest, NothingIsCacheableBeforeTheFirstBindOrInAForestSearch) {
     m_request.fetchByDn = true;
     prepareCaching(true, 2, &m_request);
     EXPECT_FALSE(m_request.cacheable);
+}
+
+TEST_F(RequestTest, NothingIsCacheableWhereTheCaseOfAValueCounts) {
+    useCache();
+    const struct {
+        const char* attribute;
+        const char* value;
+        bool cacheable;
+    } cases[] = {
+        {"memberUid", "ANN", false}, {"memberUid", "ann", true}, {"objectClass", "posixAccount", true}};
+    for (const auto& one : cases) {
+        searchtest::TestFilter filter(one.attribute, one.value);
+        EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
+        prepareCaching(true, 2, &m_request);
+        EXPECT_EQ(m_request.cacheable, one.cacheable) << one.attribute << '=' << one.value;
+    }
+    gNetgroupUseRfc2307 = true;
+    useMap("nisNetgroup = nisNetgroup\n");
+    FilterBuilder builder;
+    for (const auto& [name, cacheable] : {std::pair{"Host", false}, std::pair{"host", true}}) {
+        const std::string text = std::string("(&(objectClass=nisNetgroup)(nisNetgroupTriple=") + name + "))";
+        EXPECT_FALSE(prepareFilter(builder.parse(text), &m_request));
+        EXPECT_TRUE(m_request.netgroups);
+        prepareCaching(true, 2, &m_request);
+        EXPECT_EQ(m_request.cacheable, cacheable) << "in netgroups, too: " << name;
+    }
 }
 
 // ---------------------------------------------------------------- fetch by uid

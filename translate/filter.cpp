@@ -1,5 +1,6 @@
 #include "translate/filter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <utility>
@@ -72,6 +73,16 @@ void appendEscaped(std::string* out, std::string_view text) {
     }
 }
 
+bool hasUpperCase(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+// Names of classes mean the same in any case, and slapd leaves them as they were sent.
+bool namesClasses(std::string_view attribute) {
+    return vorn::equalsIgnoreCase(attribute, AD_OBJECT_CLASS) ||
+           vorn::equalsIgnoreCase(attribute, AD_OBJECT_CATEGORY);
+}
+
 // One translation: writes a tree into one text, from left to right.
 class Writer {
   public:
@@ -80,6 +91,7 @@ class Writer {
     void write(const Filter* node);
     int writeElements(const Filter* node);
     std::string take() { return std::move(m_out); }
+    bool caseCounts() const { return m_caseCounts; }
 
   private:
     void writeBoolean(const Filter* node, char sign, int fewest);
@@ -87,12 +99,14 @@ class Writer {
     void writeAssertion(const Filter* node);
     void writeSubstrings(const Filter* node);
     bool openItem(std::optional<std::string_view> name);
-    void writePiece(const berval& piece);
+    void writePiece(std::string_view attribute, const berval& piece);
+    void noteCase(std::string_view attribute, std::string_view value);
     [[noreturn]] static void refuse(const Filter* node);
 
     const std::string_view m_objectType;
     const vorn::Properties* const m_map;
     std::string m_out;
+    bool m_caseCounts = false;
 };
 
 // slapd's form of an AND or OR that has no elements left.
@@ -173,33 +187,43 @@ void Writer::writePresent(const Filter* node) {
 void Writer::writeAssertion(const Filter* node) {
     if (node->f_ava == nullptr) return;
     const std::optional<std::string_view> value = textOf(node->f_av_value);
-    if (!value || !openItem(nameOf(node->f_av_desc))) return;
+    const std::optional<std::string_view> name = nameOf(node->f_av_desc);
+    if (!value || !openItem(name)) return;
     const std::size_t start = m_out.size();
     appendEscaped(&m_out, *value);
-    if (m_map != nullptr) {
-        // The map is asked for the value as it stands in the filter; what it
-        // gives is filter text already.
-        if (const auto mapped = m_map->find(std::string_view(m_out).substr(start))) {
-            m_out.replace(start, std::string::npos, *mapped);
-        }
-    }
+    // The map is asked for the value as it stands in the filter; what it gives is
+    // filter text already.
+    const auto mapped = m_map == nullptr ? std::nullopt : m_map->find(std::string_view(m_out).substr(start));
+    if (mapped) m_out.replace(start, std::string::npos, *mapped);
+    noteCase(*name, mapped ? *mapped : *value);
     m_out += ')';
 }
 
-void Writer::writePiece(const berval& piece) {
-    if (const auto text = textOf(piece)) appendEscaped(&m_out, *text);
+// Where case does not count, slapd has made the value lower-case before it hands the
+// filter over; of an attribute that it does not know it leaves the value as it was.
+void Writer::noteCase(std::string_view attribute, std::string_view value) {
+    if (!m_caseCounts) m_caseCounts = hasUpperCase(value) && !namesClasses(attribute);
+}
+
+void Writer::writePiece(std::string_view attribute, const berval& piece) {
+    const auto text = textOf(piece);
+    if (!text) return;
+    appendEscaped(&m_out, *text);
+    noteCase(attribute, *text);
 }
 
 void Writer::writeSubstrings(const Filter* node) {
     const SubstringsAssertion* pieces = node->f_sub;
-    if (pieces == nullptr || !openItem(nameOf(pieces->sa_desc))) return;
-    writePiece(pieces->sa_initial);
+    if (pieces == nullptr) return;
+    const std::optional<std::string_view> name = nameOf(pieces->sa_desc);
+    if (!openItem(name)) return;
+    writePiece(*name, pieces->sa_initial);
     m_out += '*';
     for (const berval* any = pieces->sa_any; any != nullptr && any->bv_val != nullptr; ++any) {
-        writePiece(*any);
+        writePiece(*name, *any);
         m_out += '*';
     }
-    writePiece(pieces->sa_final);
+    writePiece(*name, pieces->sa_final);
     m_out += ')';
 }
 
@@ -237,10 +261,7 @@ bool readObjectType(const Filter* node, std::string* attrName, std::string* valu
     const auto name = nameOf(assertion->description);
     const auto text = textOf(*assertion->value);
     if (!name || !text) return false;
-    if (!vorn::equalsIgnoreCase(*name, AD_OBJECT_CLASS) &&
-        !vorn::equalsIgnoreCase(*name, AD_OBJECT_CATEGORY)) {
-        return false;
-    }
+    if (!namesClasses(*name)) return false;
     attrName->assign(*name);
     value->assign(*text);
     return true;
@@ -253,10 +274,16 @@ bool hasElements(const Filter* node) {
 
 }  // namespace
 
-std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map) {
+TranslatedFilter translate_filter(std::string_view objectType, const Filter* filter,
+                                  const vorn::Properties* map) {
     Writer writer(objectType, map);
     writer.write(filter);
-    return writer.take();
+    const bool caseCounts = writer.caseCounts();
+    return {writer.take(), caseCounts};
+}
+
+std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map) {
+    return translate_filter(objectType, filter, map).text;
 }
 
 std::string filter_list_as_string(std::string_view objectType, const Filter* node,

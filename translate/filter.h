@@ -19,6 +19,17 @@
 // code 0) for a choice that the agent does not know, after logging it.
 std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map);
 
+// The same, and whether upper-case letters in its values count: two such texts that
+// differ in nothing but case may find different objects. slapd hands over in lower case
+// what its schema compares without regard to case, so what is left of upper case counts,
+// save in the names of object classes and categories.
+struct TranslatedFilter {
+    std::string text;
+    bool caseCounts;
+};
+TranslatedFilter translate_filter(std::string_view objectType, const Filter* filter,
+                                  const vorn::Properties* map);
+
 // The elements of an AND, OR or NOT, one after the other; *count becomes the
 // number of those that gave any text. Throws as filter_as_string.
 std::string filter_list_as_string(std::string_view objectType, const Filter* node,

@@ -47,6 +47,53 @@ class FilterText : public testing::Test {
     FilterBuilder m_builder;
 };
 
+// slapd has folded what its schema compares without regard to case: the rest counts.
+TEST_F(FilterText, TellsWhetherTheCaseOfItsValuesCounts) {
+    const struct {
+        const char* filter;
+        bool counts;
+    } cases[] = {
+        {"(uid=ann)", false},
+        {"(memberUid=ANN)", true},
+        {"(memberUid=ann)", false},
+        {"(homeDirectory=/home/Ann)", true},
+        {"(?unknown=aB)", true},
+        {"(objectGUID=\\01A\\ff)", true},
+        {"(objectGUID=\\01a\\ff)", false},  // what escaping writes in upper case is no letter
+        {"(uid>=Z)", true},
+        {"(uid<=aZ)", true},
+        {"(memberUid=*)", false},
+        {"(memberUid=A*)", true},
+        {"(memberUid=*A*)", true},
+        {"(memberUid=*a*bC*)", true},
+        {"(memberUid=*A)", true},
+        {"(memberUid=a*b*c)", false},
+        {"(manager=cn=Ann,dc=x)", true},
+        {"(objectClass=posixAccount)", false},
+        {"(OBJECTCLASS=POSIX*)", false},
+        {"(objectCategory=Person)", false},
+        {"(&(objectClass=posixGroup)(|(uid=ann)(!(memberUid=Ann))))", true},
+        {"(&(objectClass=posixGroup)(memberUid=Ann)(uid=ann))", true},
+        {"(dropped=ANN)", false},  // is not in the text
+    };
+    const Map map("posixAccount.dropped =\n");
+    for (const auto& one : cases) {
+        const TranslatedFilter translated =
+            translate_filter("posixAccount", m_builder.parse(one.filter), &map);
+        EXPECT_EQ(translated.caseCounts, one.counts) << one.filter;
+        EXPECT_EQ(translated.text, filter_as_string("posixAccount", m_builder.parse(one.filter), &map));
+    }
+    EXPECT_TRUE(translate_filter("", m_builder.parse("(memberUid=A\\00)"), nullptr).caseCounts);
+    EXPECT_FALSE(translate_filter("", m_builder.parse("(memberUid=a\\00B)"), nullptr).caseCounts);
+    EXPECT_FALSE(translate_filter("", nullptr, nullptr).caseCounts);
+}
+
+TEST_F(FilterText, OfAMappedValueTheCaseOfWhatStandsInTheTextCounts) {
+    const Map map("ann = Ann\nBOB = bob\n");
+    EXPECT_TRUE(translate_filter("", m_builder.parse("(memberUid=ann)"), &map).caseCounts);
+    EXPECT_FALSE(translate_filter("", m_builder.parse("(memberUid=BOB)"), &map).caseCounts);
+}
+
 TEST_F(FilterText, WithAMap) {
     const Case cases[] = {
         // names

@@ -23,7 +23,7 @@ SHOWN = f"cn=ann,ou=Staff,{SUFFIX}"
 GUID = "6f1c2b7e-0d54-4a39-9c1b-2e5f8a7d1001"
 OBJECT = [["_dn", ANN], ["_GUID", GUID], ["_objectCategory", "Person"], ["sAMAccountName", "ann"], ["cn", "Ann Lee"],
           ["uidNumber", "20001"], ["objectClass", "top", "user"]]
-SUPPORTED = ["cn", "sAMAccountName", "uidNumber", "objectClass", "unixHomeDirectory"]
+SUPPORTED = ["cn", "sAMAccountName", "uidNumber", "gidNumber", "objectClass", "unixHomeDirectory"]
 FILTER = "(&(objectClass=posixAccount)(uid=ann))"
 PERSON = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"  # of the example directory
 NOBODY = "(&(objectClass=posixAccount)(uid=nobody))"
@@ -160,6 +160,37 @@ def test_a_person_who_does_not_exist_costs_the_agent_one_search(bound, standin):
     assert search(connection, NOBODY, NAME_AND_NUMBER) == {}
     assert asked(standin) == FOUND_NOTHING
     assert search(connection, NOBODY, NAME_AND_NUMBER) == {}
+    assert asked(standin) == []
+
+
+def test_where_case_does_not_count_any_spelling_is_answered_from_the_cache(bound, standin):
+    connection = bound().connect()
+    search(connection, FILTER, NAME_AND_NUMBER)
+    assert asked(standin) == SEARCHED
+    for spelling in ("(&(objectClass=posixAccount)(uid=ANN))", "(&(OBJECTCLASS=POSIXACCOUNT)(UID=Ann))"):
+        assert list(search(connection, spelling, NAME_AND_NUMBER)) == [SHOWN]
+        assert asked(standin) == []
+    pieces = "(&(objectClass=posixAccount)(uid={}*))"
+    assert search(connection, pieces.format("no"), NAME_AND_NUMBER) == {}
+    assert asked(standin) == FOUND_NOTHING
+    assert search(connection, pieces.format("NO"), NAME_AND_NUMBER) == {}
+    assert asked(standin) == []
+
+
+def test_where_case_counts_a_spelling_that_finds_nothing_takes_nothing_from_another(bound, standin):
+    group = [["_dn", f"cn=staff,{SUFFIX}"], ["_GUID", GUID], ["_objectCategory", "Group"], ["cn", "staff"],
+             ["gidNumber", "20001"], ["objectClass", "top", "group"]]
+    standin.say(searches=[{"filter": "(&(objectClass=Group)(memberUid=ann))", "objects": [group]}])
+    connection = bound().connect()
+    groups = "(&(objectClass=posixGroup)(memberUid={}))"
+    for _ in range(2):
+        assert search(connection, groups.format("ANN"), ["gidNumber"]) == {}
+        assert asked(standin) == FOUND_NOTHING
+    assert list(search(connection, groups.format("ann"), ["gidNumber"])) == [f"cn=staff,{SUFFIX}"]
+    assert asked(standin) == SEARCHED
+    assert search(connection, groups.format("ANN"), ["gidNumber"]) == {}
+    assert asked(standin) == FOUND_NOTHING
+    assert list(search(connection, groups.format("ann"), ["gidNumber"])) == [f"cn=staff,{SUFFIX}"]
     assert asked(standin) == []
 
 
