@@ -1,6 +1,5 @@
 #include "auth/credentials.h"
 
-#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -113,38 +112,88 @@ void CredManager::addCreds(unsigned long connection, const std::string& dn, cons
     }
     // Hashing is the expensive part: it is done before anybody has to wait.
     Shredder hash = HashPassword(Shredder(password), salt);
-    auto credential =
+    Binds fresh;
+    t_bind_info& made = fresh[dn];
+    made.credential =
         std::make_unique<Credential>(Credential{dn, std::move(hash), std::move(salt), m_clock()});
+    made.uses[connection] = 0;
+    Order place{nullptr};
 
     const vorn::WriterLock guard(m_lock);
-    t_bind_info& bind = m_binds[dn];
-    bind.credential = std::move(credential);
-    if (!bind.connections) bind.connections = std::make_unique<std::vector<unsigned long>>();
-    bind.connections->push_back(connection);
-    m_connections[connection] = dn;
+    point(connection, dn);
+    install(&fresh, &place);
     JPrintf("vex bind : Cache credential for '%s' creation success", dn.c_str());
+}
+
+// Takes over what was made of one DN for one connection, and counts the bind. All that
+// takes memory has been made by now: nothing here can fail halfway. What is replaced
+// is left to the caller's, and destroyed with it.
+void CredManager::install(Binds* fresh, Order* place) {
+    const auto made = fresh->begin();
+    const unsigned long connection = made->second.uses.begin()->first;
+    auto bind = m_binds.find(made->first);
+    if (bind == m_binds.end()) {
+        bind = m_binds.insert(fresh->extract(made)).position;
+        place->front() = &bind->first;
+        bind->second.place = place->begin();
+        m_order.splice(m_order.end(), *place);
+    } else {
+        bind->second.credential.swap(made->second.credential);
+        bind->second.uses.merge(made->second.uses);
+        touch(bind->second);
+    }
+    ++bind->second.uses.find(connection)->second;
+    while (m_binds.size() > static_cast<std::size_t>(gCredMax)) forget(m_binds.find(*m_order.front()));
 }
 
 void CredManager::addConnID(unsigned long connection, const std::string& dn) {
     if (dn.empty()) return;
     const vorn::WriterLock guard(m_lock);
-    if (const auto bind = m_binds.find(dn); bind != m_binds.end())
-        bind->second.connections->push_back(connection);
-    m_connections[connection] = dn;
+    point(connection, dn);
+    const auto bind = m_binds.find(dn);
+    if (bind == m_binds.end()) return;
+    ++bind->second.uses[connection];
+    touch(bind->second);
 }
 
-// A connection that bound several times is listed several times and only its last
-// DN is known: one element goes, and the others keep their credentials alive until
-// the end.
+// Notes the DN that the connection binds with now. Changes nothing when memory runs out.
+void CredManager::point(unsigned long connection, const std::string& dn) {
+    std::string& last = m_connections.try_emplace(connection, dn).first->second;
+    if (last == dn) return;
+    std::string name = dn;
+    leave(last, connection);
+    last.swap(name);
+}
+
+// The connection does not come back for what it used of this DN: should it bind with
+// it again, then that use is what its end takes back.
+void CredManager::leave(const std::string& dn, unsigned long connection) {
+    const auto bind = m_binds.find(dn);
+    if (bind != m_binds.end() && bind->second.uses.erase(connection) > 0) bind->second.kept = true;
+}
+
+void CredManager::touch(t_bind_info& bind) {
+    m_order.splice(m_order.end(), m_order, bind.place);
+}
+
+void CredManager::forget(Binds::iterator bind) {
+    m_order.erase(bind->second.place);
+    m_binds.erase(bind);
+}
+
+// A connection that bound several times has several uses and takes back one of them,
+// of its last DN: the others keep their credentials until the end.
 void CredManager::delCreds(unsigned long connection) {
     const vorn::WriterLock guard(m_lock);
     const auto closed = m_connections.find(connection);
     if (closed == m_connections.end()) return;
     if (const auto bind = m_binds.find(closed->second); bind != m_binds.end()) {
-        auto& users = *bind->second.connections;
-        const auto first = std::find(users.begin(), users.end(), connection);
-        if (first != users.end()) users.erase(first);
-        if (users.empty()) m_binds.erase(bind);
+        t_bind_info& info = bind->second;
+        if (const auto use = info.uses.find(connection); use != info.uses.end()) {
+            info.kept = info.kept || use->second > 1;
+            info.uses.erase(use);
+        }
+        if (info.uses.empty() && !info.kept) forget(bind);
     }
     m_connections.erase(closed);
 }
@@ -152,5 +201,6 @@ void CredManager::delCreds(unsigned long connection) {
 void CredManager::clearCreds() {
     const vorn::WriterLock guard(m_lock);
     m_binds.clear();
+    m_order.clear();
     m_connections.clear();
 }

@@ -2,16 +2,17 @@
 //
 // Passwords are never kept, only salted {SHA} hashes. A credential lives until
 // the last connection that used it closes, and vouches for its password for
-// gCredExpire seconds.
+// gCredExpire seconds. Beyond gCredMax of them the one least recently used goes.
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "auth/shredder.h"
 #include "vorn/clock.h"
@@ -46,17 +47,34 @@ class CredManager {
 
   private:
     struct Credential;
-    // A DN's credential and the connections that bound with it, one element a bind.
+    using Uses = std::map<unsigned long, std::uint64_t>;
+    using Order = std::list<const std::string*>;
+
+    // A DN's credential, and who holds it: each bind is one use, a connection that
+    // closes takes back one of those of the DN that it bound with last, and what is
+    // left of uses then keeps the credential. So a use that no closing can take back
+    // any more is as good as one that was never counted: it is kept as a flag.
     struct t_bind_info {
-        std::unique_ptr<Credential> credential;
-        std::unique_ptr<std::vector<unsigned long>> connections;
+        std::unique_ptr<Credential> credential;  // never null
+        Uses uses;                               // by connection; of those whose last DN this is
+        bool kept = false;                       // uses are left for good
+        Order::iterator place;                   // in m_order
     };
+    using Binds = std::map<std::string, t_bind_info, std::less<>>;
 
     bool vouches(const Credential& credential, const char* dn, const char* password) const;
 
+    // All below are called with the write lock held.
+    void point(unsigned long connection, const std::string& dn);
+    void leave(const std::string& dn, unsigned long connection);
+    void touch(t_bind_info& bind);
+    void install(Binds* fresh, Order* place);
+    void forget(Binds::iterator bind);
+
     const vorn::Clock m_clock;
-    std::map<std::string, t_bind_info, std::less<>> m_binds;  // by DN, as bytes; guarded by m_lock
-    std::map<unsigned long, std::string> m_connections;       // the DN last bound with; guarded by m_lock
+    Binds m_binds;                                       // by DN, as bytes; guarded by m_lock
+    std::map<unsigned long, std::string> m_connections;  // the DN last bound with; guarded by m_lock
+    Order m_order;  // the DNs of m_binds, least recently used first; the same
     vorn::ReaderWriterLock m_lock;
 };
 

@@ -105,6 +105,7 @@ const std::array kDirectives = {
     Directive{"dirgate.cache.negative.ttl", Integer{&gCacheNegTTL, 1}},
     Directive{"dirgate.cache.hash.loadfactor", Real{&gCacheHashLoadFactor}},
     Directive{"dirgate.cache.credential.expires", Integer{&gCredExpire, 1}},
+    Directive{"dirgate.cache.credential.max", Integer{&gCredMax, 1}},
     Directive{"dirgate.performance.log.interval", Integer{&gLogInterval, 0}},
     Directive{"dirgate.netgroup.use.rfc2307nisnetgroup", Boolean{&gNetgroupUseRfc2307}},
     Directive{"dirgate.paged.critical", Boolean{&gPagedCritical}},

@@ -32,7 +32,8 @@ struct Settings {
     bool cacheEnabled = gCacheEnabled, fetchByDnUid = gFetchByDnUID, netgroups = gNetgroupUseRfc2307;
     bool preferCache = gPreferCacheAuth, pagedCritical = gPagedCritical, reportErrors = gSearchReportErrors;
     std::int64_t maxLists = gCacheMaxLists, maxObjects = gCacheMaxObjects, ttl = gCacheTTL;
-    std::int64_t negTtl = gCacheNegTTL, credExpire = gCredExpire, logInterval = gLogInterval;
+    std::int64_t negTtl = gCacheNegTTL, credExpire = gCredExpire, credMax = gCredMax,
+                 logInterval = gLogInterval;
     float loadFactor = gCacheHashLoadFactor;
     vorn::Properties* map = gTranslationMap;
 
@@ -40,7 +41,7 @@ struct Settings {
         gCacheEnabled = cacheEnabled, gFetchByDnUID = fetchByDnUid, gNetgroupUseRfc2307 = netgroups;
         gPreferCacheAuth = preferCache, gPagedCritical = pagedCritical, gSearchReportErrors = reportErrors;
         gCacheMaxLists = maxLists, gCacheMaxObjects = maxObjects, gCacheTTL = ttl;
-        gCacheNegTTL = negTtl, gCredExpire = credExpire, gLogInterval = logInterval;
+        gCacheNegTTL = negTtl, gCredExpire = credExpire, gCredMax = credMax, gLogInterval = logInterval;
         gCacheHashLoadFactor = loadFactor;
         gTranslationMap = map;
     }
@@ -86,6 +87,7 @@ TEST(SettingsTest, HaveTheirDefaultsBeforeAnyDirective) {
     EXPECT_EQ(gCacheTTL, 3600);
     EXPECT_EQ(gCacheNegTTL, 300);
     EXPECT_EQ(gCredExpire, 300);
+    EXPECT_EQ(gCredMax, 10000);
     EXPECT_EQ(gLogInterval, 0);
     EXPECT_TRUE(gPreferCacheAuth);
     EXPECT_FALSE(gFetchByDnUID);
@@ -179,6 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                     IntegerDirective{"dirgate.cache.ttl", &gCacheTTL, false},
                     IntegerDirective{"dirgate.cache.negative.ttl", &gCacheNegTTL, false},
                     IntegerDirective{"dirgate.cache.credential.expires", &gCredExpire, false},
+                    IntegerDirective{"dirgate.cache.credential.max", &gCredMax, false},
                     IntegerDirective{"dirgate.performance.log.interval", &gLogInterval, true}));
 
 TEST_F(DirectivesTest, TheLoadFactorIsAPositiveSinglePrecisionNumber) {

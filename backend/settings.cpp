@@ -7,6 +7,7 @@ std::int64_t gCacheTTL = 3600;
 std::int64_t gCacheNegTTL = 300;
 float gCacheHashLoadFactor = 1.3F;
 std::int64_t gCredExpire = 300;
+std::int64_t gCredMax = 10000;
 std::int64_t gLogInterval = 0;
 bool gPreferCacheAuth = true;
 bool gFetchByDnUID = false;

@@ -16,6 +16,7 @@ extern std::int64_t gCacheTTL;         // seconds that a cached result lives
 extern std::int64_t gCacheNegTTL;      // seconds that a cached empty result lives
 extern float gCacheHashLoadFactor;     // maximum load factor of the cache's tables
 extern std::int64_t gCredExpire;       // seconds that a cached credential lives
+extern std::int64_t gCredMax;          // largest number of cached credentials
 extern std::int64_t gLogInterval;      // seconds between performance lines; 0: no statistics
 extern bool gPreferCacheAuth;          // ask the agent to prefer its own cached authentication
 extern bool gFetchByDnUID;             // a base look-up of uid=... becomes a filter

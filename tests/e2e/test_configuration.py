@@ -10,7 +10,7 @@ FILTER = "(&(objectClass=posixAccount)(uid=ann))"
 BOOLEANS = ("vex-auth-prefer-cache", "dirgate.vextranslate.fetchbydnuid", "dirgate.cache.enabled",
             "dirgate.netgroup.use.rfc2307nisnetgroup", "dirgate.paged.critical", "dirgate.search.report.errors")
 COUNTS = ("dirgate.cache.max.lists", "dirgate.cache.max.objects", "dirgate.cache.ttl", "dirgate.cache.negative.ttl",
-          "dirgate.cache.credential.expires")
+          "dirgate.cache.credential.expires", "dirgate.cache.credential.max")
 BAD = ([(name, "yes") for name in BOOLEANS] + [(name, "") for name in BOOLEANS[:1]] +
        [(name, value) for name in COUNTS for value in ("0", "-5", "many", "2147483648")] +
        [("dirgate.performance.log.interval", "-1"), ("dirgate.cache.hash.loadfactor", "0"),

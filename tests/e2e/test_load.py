@@ -116,6 +116,15 @@ def test_the_last_connection_that_closes_takes_the_credential_with_it(world):
     assert agent.served()["authenticate"] == 2
 
 
+def test_of_more_people_than_the_cache_keeps_the_least_recent_is_asked_about_again(world):
+    agent = world.agent().start()
+    slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, "dirgate.cache.credential.max 2")).start()
+    first, second, third = NAMES[:3]
+    for who, asked in ((first, 1), (second, 2), (first, 2), (third, 3), (first, 3), (second, 4), (third, 5)):
+        slapd.connect(who, "welcome")
+        assert agent.served()["authenticate"] == asked, who
+
+
 def test_connections_that_never_bound_change_no_credential(world):
     agent = world.agent().start()
     slapd = world.slapd(agent).start()
