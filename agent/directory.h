@@ -18,26 +18,11 @@
 #include <utility>
 #include <vector>
 
+#include "agent/result.h"
+#include "agent/verdict.h"
 #include "vex/vex.h"
 
 namespace vexagent {
-
-// How a call ended: a code of the client interface, and the error behind it.
-struct Result {
-    vexCode code = VEX_OK;
-    int errSystem = 0;  // VEX_ERR_..., 0 for none
-    int errCode = 0;
-    std::string errText;
-
-    bool ok() const { return code == VEX_OK; }
-
-    static Result agent(vexCode code, std::string text) {
-        return {code, VEX_ERR_AGENT, code, std::move(text)};
-    }
-    static Result ldap(vexCode code, int ldapCode, std::string text) {
-        return {code, VEX_ERR_LDAP, ldapCode, std::move(text)};
-    }
-};
 
 struct Attribute {
     std::string name;
@@ -102,10 +87,10 @@ class Directory {
     // One object by the text of its GUID: VEX_OBJECT_GONE when there is none.
     virtual Result lookup(const std::string& guid, const View& view, Object& object) = 0;
 
-    // Whether this is the user's password: VEX_OK, VEX_NO_SUCH_USER,
+    // Whether this is the user's password: accepted, VEX_NO_SUCH_USER,
     // VEX_WRONG_PASSWORD, VEX_ACCOUNT_REFUSED, or why it could not be told.
-    virtual Result authenticate(const std::string& user, const std::string& password,
-                                LoginOptions options) = 0;
+    virtual Verdict authenticate(const std::string& user, const std::string& password,
+                                 LoginOptions options) = 0;
 
     // The names of the attributes that objects can carry.
     virtual Result supportedAttributes(std::vector<std::string>& names) = 0;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "agent/directory.h"
+#include "agent/passwords.h"
 
 namespace vexagent {
 
@@ -49,10 +50,10 @@ class FakeDirectory : public Directory {
         return fetch("", guid, view, object);
     }
 
-    Result authenticate(const std::string&, const std::string& password, LoginOptions options) override {
+    Verdict authenticate(const std::string&, const std::string& password, LoginOptions options) override {
         ++logins;
         loginOptions = options;
-        if (password == "right") return {};
+        if (const auto accepted = acceptedByHash(password, {"zxPsFjmiXgExk"})) return *accepted;
         return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
     }
 

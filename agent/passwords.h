@@ -1,9 +1,12 @@
 // Passwords kept as crypt(3) hashes.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "agent/verdict.h"
 
 namespace vexagent {
 
@@ -14,6 +17,11 @@ namespace vexagent {
 // exists.
 bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues,
                  const std::string& idleSetting = "");
+
+// The same for the hashes that a directory keeps of somebody's password.
+std::optional<Accepted> acceptedByHash(const std::string& password,
+                                       const std::vector<std::string>& storedValues,
+                                       const std::string& idleSetting = "");
 
 // A new hash of the password (yescrypt, with a salt of its own); empty when none can
 // be made, as for a password with a NUL.

@@ -250,7 +250,7 @@ Answer Service::authenticate(const Client& client, const wire::Request& request)
     std::string password = text(login.password());
     Answer answer;
     try {
-        answer.result = m_directory.authenticate(user, password, loginOptions(request));
+        answer.result = m_directory.authenticate(user, password, loginOptions(request)).result();
     } catch (...) {
         vorn::wipe(password);
         throw;

@@ -72,7 +72,8 @@ Entry account(const std::vector<Attribute>& attributes) {
     return {"CN=x", attributes};
 }
 
-std::string outcome(const Result& result) {
+std::string outcome(const Verdict& verdict) {
+    const Result& result = verdict.result();
     return std::to_string(result.code) + " " + std::to_string(result.errSystem) + " " +
            std::to_string(result.errCode) + " " + result.errText;
 }
@@ -85,7 +86,6 @@ TEST(LoginResult, OfKerberos) {
         Entry entry;
         const char* expected;
     } cases[] = {
-        {0, plain, "0 0 0 "},
         {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, plain, "13 2 49 no such user"},
         {KRB5KDC_ERR_PREAUTH_FAILED, plain, "14 2 49 wrong password"},
         {KRB5KRB_AP_ERR_BAD_INTEGRITY, plain, "14 2 49 wrong password"},
@@ -113,6 +113,19 @@ TEST(LoginResult, OfKerberos) {
             << code;
 }
 
+TEST(LoginResult, NothingThatWentWellProvesAPassword) {
+    const Entry plain = account({});
+    EXPECT_EQ(outcome(loginResult(PasswordCheck(), plain, 0)), "8 3 0 the password could not be checked: ");
+    EXPECT_EQ(outcome(loginFailure(LdapStatus())), "8 1 8 the password was not checked");
+    EXPECT_EQ(outcome(Verdict(Result())), "8 1 8 the password was not checked");
+    EXPECT_EQ(outcome(Verdict(Result::ldap(VEX_WRONG_PASSWORD, LDAP_SUCCESS, ""))),
+              "8 1 8 the password was not checked");
+    static_assert(!std::is_default_constructible_v<Verdict>);
+    static_assert(!std::is_default_constructible_v<Accepted>);
+    static_assert(!std::is_aggregate_v<Accepted>);
+    static_assert(!std::is_constructible_v<Verdict, bool> && !std::is_constructible_v<Verdict, LdapStatus>);
+}
+
 TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
     EXPECT_EQ(outcome(loginResult({{KRB5_KT_NOTFOUND, "text"}, false}, account({}), 0)),
               "8 3 -1765328203 the answer to the password check could not be verified with the keytab: text");
@@ -137,10 +150,9 @@ TEST(LoginResult, OfABind) {
         {"xyz", "14 2 49 wrong password"},
     };
     for (const auto& [data, expected] : cases)
-        EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
-    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_SUCCESS, ""})), "0 0 0 ");
-    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_SERVER_DOWN, "gone", true})), "12 2 -1 gone");
-    EXPECT_EQ(outcome(loginResult(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})), "8 2 8 stronger");
+        EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
+    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_SERVER_DOWN, "gone", true})), "12 2 -1 gone");
+    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})), "8 2 8 stronger");
 }
 
 // ------------------------------------------------------------ memory of log-ins
@@ -170,19 +182,26 @@ class AuthCacheTest : public ::testing::Test {
     AuthCacheOptions m_options;
 };
 
-using Answer = AuthCache::Answer;
+enum class Answer { Right, Wrong, Unknown };
+
+Answer ask(AuthCache& cache, const std::string& name, const std::string& password) {
+    const std::optional<Verdict> verdict = cache.check(name, password);
+    if (!verdict) return Answer::Unknown;
+    EXPECT_EQ(verdict->code(), verdict->accepted() ? VEX_OK : VEX_WRONG_PASSWORD);
+    return verdict->accepted() ? Answer::Right : Answer::Wrong;
+}
 
 TEST_F(AuthCacheTest, KnowsWhatItWasTold) {
     AuthCache cache(m_options, memoryClock);
-    EXPECT_EQ(cache.check("ann@example.com", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ann@example.com", "secret"), Answer::Unknown);
     EXPECT_FALSE(cache.hasAnswers());
     cache.remember("ann@example.com", "secret");
     EXPECT_TRUE(cache.hasAnswers());
-    EXPECT_EQ(cache.check("ANN@Example.com", "secret"), Answer::Right);
-    EXPECT_EQ(cache.check("ann@example.com", "Secret"), Answer::Wrong);
-    EXPECT_EQ(cache.check("ben@example.com", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ANN@Example.com", "secret"), Answer::Right);
+    EXPECT_EQ(ask(cache, "ann@example.com", "Secret"), Answer::Wrong);
+    EXPECT_EQ(ask(cache, "ben@example.com", "secret"), Answer::Unknown);
     cache.forget("ann@example.com");
-    EXPECT_EQ(cache.check("ann@example.com", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ann@example.com", "secret"), Answer::Unknown);
 }
 
 TEST_F(AuthCacheTest, SurvivesInAFileOfItsOwnWithoutThePassword) {
@@ -197,45 +216,45 @@ TEST_F(AuthCacheTest, SurvivesInAFileOfItsOwnWithoutThePassword) {
     EXPECT_EQ(text().find("password"), std::string::npos);
     EXPECT_NE(text().find(" $y$"), std::string::npos);
     AuthCache again(m_options, memoryClock);
-    EXPECT_EQ(again.check(name, "a password nobody has"), Answer::Right);
-    EXPECT_EQ(again.check("bob", "x"), Answer::Unknown);
+    EXPECT_EQ(ask(again, name, "a password nobody has"), Answer::Right);
+    EXPECT_EQ(ask(again, "bob", "x"), Answer::Unknown);
 }
 
 TEST_F(AuthCacheTest, ARecordAnswersUntilItIsTooOld) {
     AuthCache cache(m_options, memoryClock);
     cache.remember("ann", "secret");
     memoryNow += 3600;
-    EXPECT_EQ(cache.check("ann", "secret"), Answer::Right);
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);
     memoryNow += 1;
-    EXPECT_EQ(cache.check("ann", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Unknown);
     EXPECT_FALSE(cache.hasAnswers());
     memoryNow -= 3602;  // a clock that was set back
-    EXPECT_EQ(cache.check("ann", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Unknown);
 }
 
 TEST_F(AuthCacheTest, TooManyWrongOnesInARowEndIt) {
     {
         AuthCache cache(m_options, memoryClock);
         cache.remember("ann", "secret");
-        EXPECT_EQ(cache.check("ann", "1"), Answer::Wrong);
-        EXPECT_EQ(cache.check("ann", "2"), Answer::Wrong);
-        EXPECT_EQ(cache.check("ann", "secret"), Answer::Right);  // counts anew
-        EXPECT_EQ(cache.check("ann", "3"), Answer::Wrong);
-        EXPECT_EQ(cache.check("ann", "4"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ann", "1"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ann", "2"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);  // counts anew
+        EXPECT_EQ(ask(cache, "ann", "3"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ann", "4"), Answer::Wrong);
     }
     AuthCache again(m_options, memoryClock);  // a restart does not help
-    EXPECT_EQ(again.check("ann", "5"), Answer::Wrong);
-    EXPECT_EQ(again.check("ann", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(again, "ann", "5"), Answer::Wrong);
+    EXPECT_EQ(ask(again, "ann", "secret"), Answer::Unknown);
     again.remember("ann", "secret");
-    EXPECT_EQ(again.check("ann", "secret"), Answer::Right);
+    EXPECT_EQ(ask(again, "ann", "secret"), Answer::Right);
 }
 
 TEST_F(AuthCacheTest, APasswordsStartDoesNotPassForIt) {
     AuthCache cache(m_options, memoryClock);
     cache.remember("ann", "secret");
-    EXPECT_EQ(cache.check("ann", std::string("secret\0more", 11)), Answer::Wrong);
+    EXPECT_EQ(ask(cache, "ann", std::string("secret\0more", 11)), Answer::Wrong);
     cache.remember("ben", std::string("secret\0more", 11));
-    EXPECT_EQ(cache.check("ben", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "ben", "secret"), Answer::Unknown);
 }
 
 TEST_F(AuthCacheTest, AFileThatOthersCanReadIsRefused) {

@@ -255,17 +255,16 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
 
 // -------------------------------------------------------------- authentication
 
-Result AdDirectory::checkAccount(Domain& domain, const Entry& account, const std::string& password,
-                                 const Deadline& deadline) {
-    if (m_options.transport != Transport::Gssapi)
-        return loginResult(domain.tryPassword(account.dn, password, deadline));
+Verdict AdDirectory::checkAccount(Domain& domain, const Entry& account, const std::string& password,
+                                  const Deadline& deadline) {
+    if (m_options.transport != Transport::Gssapi) return domain.tryPassword(account.dn, password, deadline);
     KdcConversation kdc([this](const std::string& realm) { return m_forest.controllersOf(realm); }, deadline);
     const PasswordCheck check =
         checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")), domain.name(), password);
     return loginResult(check, account, m_options.clock());
 }
 
-Result AdDirectory::askDomain(const std::string& user, const std::string& password) {
+Verdict AdDirectory::askDomain(const std::string& user, const std::string& password) {
     const Deadline end = deadline();
     Domain* domain = nullptr;
     const std::string dn = vorn::DN::isDN(user) ? user : "";
@@ -281,38 +280,31 @@ Result AdDirectory::askDomain(const std::string& user, const std::string& passwo
     return checkAccount(*domain, *account, password, end);
 }
 
-bool AdDirectory::askMemory(const std::string& user, const std::string& password, Result& result) {
-    switch (m_memory->check(user, password)) {
-        case AuthCache::Answer::Right:
-            AGENT_LOG(vorn::Logger::kInfo, "password of \"%s\" checked against an earlier check",
-                      vorn::printable(user).c_str());
-            result = {};
-            return true;
-        case AuthCache::Answer::Wrong:
-            result = wrongPassword();
-            return true;
-        default:
-            return false;
-    }
+std::optional<Verdict> AdDirectory::askMemory(const std::string& user, const std::string& password) {
+    std::optional<Verdict> verdict = m_memory->check(user, password);
+    if (verdict && verdict->accepted())
+        AGENT_LOG(vorn::Logger::kInfo, "password of \"%s\" checked against an earlier check",
+                  vorn::printable(user).c_str());
+    return verdict;
 }
 
-Result AdDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions options) {
+Verdict AdDirectory::authenticate(const std::string& user, const std::string& password,
+                                  LoginOptions options) {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
     const bool mayRemember = m_memory && (options.preferCached || options.allowCached);
-    Result result;
     // Nobody waits for a domain that was out of reach a moment ago.
-    if (mayRemember && options.preferCached && m_joined.controllers().allDown(now()) &&
-        askMemory(user, password, result))
-        return result;
-    result = askDomain(user, password);
-    if (result.code == VEX_UNAVAILABLE && mayRemember)
-        askMemory(user, password, result);
-    else if (m_memory && result.ok())
+    if (mayRemember && options.preferCached && m_joined.controllers().allDown(now()))
+        if (const auto remembered = askMemory(user, password)) return *remembered;
+    Verdict verdict = askDomain(user, password);
+    if (verdict.code() == VEX_UNAVAILABLE && mayRemember) {
+        if (const auto remembered = askMemory(user, password)) return *remembered;
+    } else if (m_memory && verdict.accepted()) {
         m_memory->remember(user, password);
-    else if (m_memory && (result.code == VEX_NO_SUCH_USER || result.code == VEX_ACCOUNT_REFUSED))
+    } else if (m_memory && (verdict.code() == VEX_NO_SUCH_USER || verdict.code() == VEX_ACCOUNT_REFUSED)) {
         m_memory->forget(user);
-    return result;
+    }
+    return verdict;
 }
 
 // ------------------------------------------------------------------ diagnosis

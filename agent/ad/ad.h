@@ -29,7 +29,7 @@ class AdDirectory : public Directory {
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
-    Result authenticate(const std::string& user, const std::string& password, LoginOptions options) override;
+    Verdict authenticate(const std::string& user, const std::string& password, LoginOptions options) override;
     Result supportedAttributes(std::vector<std::string>& names) override;
     Result health() override;
 
@@ -48,10 +48,10 @@ class AdDirectory : public Directory {
                    Object& object);
     AdSource source(Domain& domain);
 
-    Result askDomain(const std::string& user, const std::string& password);
-    Result checkAccount(Domain& domain, const Entry& account, const std::string& password,
-                        const Deadline& deadline);
-    bool askMemory(const std::string& user, const std::string& password, Result& result);
+    Verdict askDomain(const std::string& user, const std::string& password);
+    Verdict checkAccount(Domain& domain, const Entry& account, const std::string& password,
+                         const Deadline& deadline);
+    std::optional<Verdict> askMemory(const std::string& user, const std::string& password);
 
     const AdOptions m_options;
     Watchdog m_watchdog;

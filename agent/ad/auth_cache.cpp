@@ -9,6 +9,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "agent/ad/login.h"
 #include "agent/log.h"
 #include "agent/passwords.h"
 #include "vorn/descriptor.h"
@@ -100,27 +101,31 @@ bool AuthCache::serves(const Record& record) const {
            record.failures < m_options.attempts;
 }
 
-AuthCache::Answer AuthCache::check(const std::string& name, const std::string& password) {
+class MemoryProof {
+  public:
+    static Accepted make() { return Accepted(); }
+};
+
+std::optional<Verdict> AuthCache::check(const std::string& name, const std::string& password) {
     const std::string key = written(vorn::lower(name));
     std::string hash;
     {
         const std::lock_guard lock(m_mutex);
         const auto record = m_records.find(key);
-        if (record == m_records.end() || !serves(record->second)) return Answer::Unknown;
+        if (record == m_records.end() || !serves(record->second)) return std::nullopt;
         hash = record->second.hash;
         // Counted beforehand, so that attempts at the same time all count.
         ++record->second.failures;
         write();
     }
-    const bool right = fitsAnyHash(password, {hash});
-    if (!right) return Answer::Wrong;
+    if (!fitsAnyHash(password, {hash})) return wrongPassword();
     const std::lock_guard lock(m_mutex);
     const auto record = m_records.find(key);
     if (record != m_records.end() && record->second.hash == hash) {
         record->second.failures = 0;
         write();
     }
-    return Answer::Right;
+    return MemoryProof::make();
 }
 
 void AuthCache::remember(const std::string& name, const std::string& password) {

@@ -9,10 +9,12 @@
 #include <cstddef>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "agent/ad/options.h"
+#include "agent/verdict.h"
 
 namespace vexagent {
 
@@ -28,8 +30,8 @@ class AuthCache {
     // belongs to somebody else, or others may read it.
     AuthCache(const AuthCacheOptions& options, vorn::Clock clock);
 
-    enum class Answer { Right, Wrong, Unknown };
-    Answer check(const std::string& name, const std::string& password);
+    // Whether this was the password; nothing when there is no record that could tell.
+    std::optional<Verdict> check(const std::string& name, const std::string& password);
 
     // The domain has accepted the password, or the account is to be forgotten.
     // What cannot be written is logged.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "agent/ad/login.h"
 #include "agent/ad/srv.h"
 #include "agent/log.h"
 #include "vorn/dn.h"
@@ -295,20 +296,20 @@ LdapStatus Domain::search(const LdapSearch& search, const Deadline& deadline, st
     });
 }
 
-LdapStatus Domain::tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
-    LdapStatus status = waitForControllers(deadline);
-    if (!status.ok()) return status;
+Verdict Domain::tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
+    if (const LdapStatus status = waitForControllers(deadline); !status.ok()) return loginFailure(status);
+    LdapStatus failed = outOfTime();
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
         std::unique_ptr<Link> link;
         const bool last = i + 1 == choices.size();
-        status = Link::openAnonymous(
+        failed = Link::openAnonymous(
             m_context, choices[i].peer,
             last ? deadline : deadline.atMost(deadline.share(kPatience, kPatienceShare)), link);
-        if (status.ok()) return link->bind(dn, password, deadline);
-        m_controllers.failed(choices[i].peer, now(), status.text);
+        if (failed.ok()) return link->checkPassword(dn, password, deadline);
+        m_controllers.failed(choices[i].peer, now(), failed.text);
     }
-    return status;
+    return loginFailure(failed);
 }
 
 LdapStatus Domain::health(const Deadline& deadline) {

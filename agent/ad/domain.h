@@ -78,7 +78,7 @@ class Domain {
 
     // Whether this is the password of the DN, by a bind on a connection of its own.
     // It is sent to one controller, once.
-    LdapStatus tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline);
+    Verdict tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline);
 
     // Looks for the domain's controllers, anew; takes some seconds where DNS does
     // not answer.

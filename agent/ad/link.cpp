@@ -12,6 +12,7 @@
 #include <fstream>
 #include <mutex>
 
+#include "agent/ad/login.h"
 #include "agent/ad/results.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
@@ -89,6 +90,10 @@ bool readPassword(const std::string& file, std::string& password) {
 }
 
 }  // namespace
+
+LdapStatus outOfTime() {
+    return {LDAP_TIMELIMIT_EXCEEDED, "the time for the request is up"};
+}
 
 bool isMissing(const LdapStatus& status) {
     return status.code == LDAP_NO_SUCH_OBJECT || status.code == LDAP_INVALID_DN_SYNTAX ||
@@ -221,6 +226,8 @@ LdapStatus Link::bindWithTicket(const std::string& domain, const Deadline& deadl
     return failure(code);
 }
 
+// Introduces somebody by name and password. Good only when the controller's answer to
+// this bind, and no other message, says so.
 LdapStatus Link::bind(const std::string& name, const std::string& password, const Deadline& deadline) {
     // A bind with a name and no password succeeds without proving anything.
     if (name.empty() || password.empty()) return {LDAP_INVALID_CREDENTIALS, "no password"};
@@ -234,13 +241,27 @@ LdapStatus Link::bind(const std::string& name, const std::string& password, cons
     if (LdapStatus status = waitFor(id, deadline, answer); !status.ok()) return status;
     const Message owner(answer);
     char* more = nullptr;
-    if (ldap_parse_result(m_ldap.get(), answer, &code, nullptr, &more, nullptr, nullptr, 0) != LDAP_SUCCESS)
+    if (ldap_msgtype(answer) != LDAP_RES_BIND ||
+        ldap_parse_result(m_ldap.get(), answer, &code, nullptr, &more, nullptr, nullptr, 0) != LDAP_SUCCESS)
         code = LDAP_DECODING_ERROR;
     const std::unique_ptr<char, FreeMemory> ownerOfMore(more);
     if (code == LDAP_SUCCESS) return {};
     LdapStatus status = failure(code);
     if (more != nullptr && *more != '\0') status.text = std::string(ldap_err2string(code)) + ": " + more;
     return status;
+}
+
+class BindProof {
+  public:
+    static Accepted make() { return Accepted(); }
+};
+
+Verdict Link::checkPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
+    // Whatever a controller makes of a NUL, the part before it is not the password.
+    if (password.find('\0') != std::string::npos) return wrongPassword();
+    const LdapStatus status = bind(dn, password, deadline);
+    if (!status.ok()) return loginFailure(status);
+    return BindProof::make();
 }
 
 LdapStatus Link::bindAsService(const Deadline& deadline) {

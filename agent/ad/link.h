@@ -28,6 +28,9 @@ struct LdapStatus {
     bool ok() const { return code == LDAP_SUCCESS; }
 };
 
+// The request has used up its own time: nobody else's failure.
+LdapStatus outOfTime();
+
 // Whether an object is not there, or not in this directory.
 bool isMissing(const LdapStatus& status);
 
@@ -88,8 +91,8 @@ class Link {
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
 
-    // Introduces somebody by name and password; only on a connection with TLS.
-    LdapStatus bind(const std::string& name, const std::string& password, const Deadline& deadline);
+    // Whether this is the password of the DN: asks once. Only on a connection with TLS.
+    Verdict checkPassword(const std::string& dn, const std::string& password, const Deadline& deadline);
 
     // Asks for a page of the results, an empty cookie meaning the first one; for all
     // of them where the page's size is 0. id names the operation; several may be
@@ -132,6 +135,7 @@ class Link {
 
     LdapStatus connect(const Deadline& deadline);
     LdapStatus startTls(const Deadline& deadline);
+    LdapStatus bind(const std::string& name, const std::string& password, const Deadline& deadline);
     LdapStatus introduce(const std::string& domain, const Deadline& deadline);
     LdapStatus bindWithTicket(const std::string& domain, const Deadline& deadline);
     LdapStatus bindAsService(const Deadline& deadline);

@@ -63,14 +63,13 @@ Result accountRefused(const std::string& why) {
     return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
 }
 
-Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t time) {
+Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_t time) {
     const KrbStatus& status = check.status;
+    if (check.accepted) return *check.accepted;
     if (!check.verified)
         return kerberosError(VEX_DIRECTORY_ERROR, status,
                              "the answer to the password check could not be verified with the keytab");
     switch (status.code) {
-        case 0:
-            return {};
         case KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN:
             return noSuchUser();
         case KRB5KDC_ERR_PREAUTH_FAILED:
@@ -102,8 +101,7 @@ Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t
     }
 }
 
-Result loginResult(const LdapStatus& status) {
-    if (status.ok()) return {};
+Verdict loginFailure(const LdapStatus& status) {
     if (status.code != LDAP_INVALID_CREDENTIALS) return resultOf(status);
     switch (reasonIn(status.text)) {
         case 0x525:

@@ -14,11 +14,11 @@ inline const std::vector<std::string> kLoginAttributes = {
     "sAMAccountName", "objectGUID", "userAccountControl", "accountExpires", "lockoutTime", "pwdLastSet"};
 
 // The outcome of a check by Kerberos, for the account's entry. time is the host's.
-Result loginResult(const PasswordCheck& check, const Entry& account, std::time_t time);
+Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_t time);
 
-// The outcome of a check by a bind. Controllers put the reason into the text, as
+// Why a check by a bind came to nothing. Controllers put the reason into the text, as
 // "data 52e".
-Result loginResult(const LdapStatus& status);
+Verdict loginFailure(const LdapStatus& status);
 
 Result noSuchUser();
 Result wrongPassword();

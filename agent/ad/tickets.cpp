@@ -179,6 +179,11 @@ KrbStatus Tickets::prepare(const std::string& domain, const std::string& host, c
     return serviceTicket(kerberos, cache.get(), domain, host, end);
 }
 
+class KerberosProof {
+  public:
+    static Accepted make() { return Accepted(); }
+};
+
 PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, const std::string& account,
                             const std::string& domain, const std::string& password) {
     Kerberos kerberos(options.domain, kdc);
@@ -212,7 +217,8 @@ PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, cons
     krb5_verify_init_creds_opt_set_ap_req_nofail(&verify, 1);
     const krb5_error_code code =
         krb5_verify_init_creds(context, &credentials.get(), self.get(), keytab.get(), nullptr, &verify);
-    return {kerberos.status(code), code == 0};
+    if (code != 0) return {kerberos.status(code), false};
+    return {{}, true, KerberosProof::make()};
 }
 
 }  // namespace vexagent

@@ -3,11 +3,13 @@
 
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 
 #include "agent/ad/kerberos.h"
 #include "agent/ad/options.h"
+#include "agent/verdict.h"
 
 namespace vexagent {
 
@@ -45,10 +47,12 @@ class Tickets {
 
 // Whether the password is the account's: asks the KDC once and verifies with the
 // keytab that the answer came from the domain. verified is false when the KDC has
-// accepted the password but could not be verified.
+// accepted the password but could not be verified. A status that is good proves
+// nothing yet.
 struct PasswordCheck {
     KrbStatus status;
     bool verified = true;
+    std::optional<Accepted> accepted{};
 };
 PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, const std::string& account,
                             const std::string& domain, const std::string& password);

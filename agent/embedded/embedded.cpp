@@ -214,14 +214,15 @@ Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Obje
     return {};
 }
 
-Result EmbeddedDirectory::checkAccount(const ldb_message* user) const {
+// Why an account may not log in whatever its password.
+std::optional<Result> EmbeddedDirectory::refusalOf(const ldb_message* user) const {
     const std::int64_t control = number(firstValue(user, "userAccountControl"), 0);
     if ((control & kAccountDisabled) != 0) return accountRefused("the account is disabled");
     const std::int64_t expires = number(firstValue(user, "accountExpires"), 0);
     const bool never = expires <= 0 || expires == std::numeric_limits<std::int64_t>::max();
     if (!never && expires / kTicksPerSecond - kSecondsTo1970 <= m_clock())
         return accountRefused("the account has expired");
-    return {};
+    return std::nullopt;
 }
 
 // How the first password that the database holds was hashed, so that a user whom
@@ -244,7 +245,7 @@ std::string EmbeddedDirectory::idleSetting(Handle& handle) {
     return setting;
 }
 
-Result EmbeddedDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions) {
+Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions) {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
     const Pool pool = newPool();
@@ -259,9 +260,11 @@ Result EmbeddedDirectory::authenticate(const std::string& user, const std::strin
     if (named.count() > 1) return accountRefused("the name means more than one object");
     const ldb_message* object = named.only();
     const StoredHashes hashes(object);
-    const bool fitting = fitsAnyHash(password, hashes.values(), idle);
+    const std::optional<Accepted> accepted = acceptedByHash(password, hashes.values(), idle);
     if (object == nullptr) return noSuchUser();
-    return fitting ? checkAccount(object) : wrongPassword();
+    if (!accepted) return wrongPassword();
+    if (std::optional<Result> refusal = refusalOf(object)) return *refusal;
+    return *accepted;
 }
 
 Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {

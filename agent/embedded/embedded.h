@@ -32,15 +32,15 @@ class EmbeddedDirectory : public Directory {
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
     // Always asks the file, whatever the options.
-    Result authenticate(const std::string& user, const std::string& password,
-                        LoginOptions options = {}) override;
+    Verdict authenticate(const std::string& user, const std::string& password,
+                         LoginOptions options = {}) override;
     Result supportedAttributes(std::vector<std::string>& names) override;
     Result health() override;
 
   private:
     Result checkDomain(const std::string& domain) const;
     Result findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base);
-    Result checkAccount(const ldb_message* user) const;
+    std::optional<Result> refusalOf(const ldb_message* user) const;
     std::string idleSetting(Handle& handle);
 
     const NameRules m_rules;

@@ -93,7 +93,7 @@ class EmbeddedTest : public ::testing::Test {
         return object;
     }
     int login(const std::string& user, const std::string& password) {
-        return m_directory->authenticate(user, password).code;
+        return m_directory->authenticate(user, password).code();
     }
 
     TestDirectory m_directory{company()};
@@ -301,7 +301,7 @@ TEST_F(EmbeddedTest, NamesThatALoginTakes) {
 TEST_F(EmbeddedTest, AccountsThatMayNotLogIn) {
     EXPECT_EQ(login("c.leo@corp.example", "pass"), VEX_WRONG_PASSWORD);  // no hash
     EXPECT_EQ(login("ben@example.com", "wrong"), VEX_WRONG_PASSWORD);
-    const Result disabled = m_directory->authenticate("ben@example.com", "pass");
+    const Result disabled = m_directory->authenticate("ben@example.com", "pass").result();
     EXPECT_EQ(disabled.code, VEX_ACCOUNT_REFUSED);
     EXPECT_EQ(disabled.errSystem, VEX_ERR_LDAP);
     EXPECT_EQ(disabled.errCode, LDAP_INVALID_CREDENTIALS);
@@ -312,7 +312,8 @@ TEST_F(EmbeddedTest, AccountsThatMayNotLogIn) {
         "dn: CN=Ann Lee,OU=People,DC=example,DC=com\nchangetype: modify\nreplace: "
         "accountExpires\naccountExpires: ";
     ASSERT_TRUE(m_directory.change(change + "133444736000000000\n"));
-    EXPECT_EQ(m_directory->authenticate("ann@example.com", "pass").errText, "the account has expired");
+    EXPECT_EQ(m_directory->authenticate("ann@example.com", "pass").result().errText,
+              "the account has expired");
     ASSERT_TRUE(m_directory.change(change + "133444736010000000\n"));
     EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
     ASSERT_TRUE(m_directory.change(change + "9223372036854775807\n"));
@@ -327,11 +328,11 @@ TEST(EmbeddedNames, OneThatMeansTwoObjectsIsRefused) {
         person("ann", "one", 1, hash) + person("Two", "ann", 2, hash) + person("Three", "both", 3, hash) +
         person("Four", "four", 4, "displayName: both\n" + hash) + person("five", "five", 5, hash));
     for (const char* name : {"cn=ann,OU=People,DC=example,DC=com", "cn=both,OU=People,DC=example,DC=com"}) {
-        const Result result = directory->authenticate(name, "pass");
+        const Result result = directory->authenticate(name, "pass").result();
         EXPECT_EQ(result.code, VEX_ACCOUNT_REFUSED) << name;
         EXPECT_EQ(result.errText, "the name means more than one object");
     }
-    EXPECT_EQ(directory->authenticate("cn=five,OU=People,DC=example,DC=com", "pass").code, VEX_OK);
+    EXPECT_EQ(directory->authenticate("cn=five,OU=People,DC=example,DC=com", "pass").code(), VEX_OK);
 }
 
 TEST(Passwords, Schemes) {

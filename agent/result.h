@@ -1,0 +1,28 @@
+// How a call of a directory ended.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "vex/vex.h"
+
+namespace vexagent {
+
+// A code of the client interface, and the error behind it.
+struct Result {
+    vexCode code = VEX_OK;
+    int errSystem = 0;  // VEX_ERR_..., 0 for none
+    int errCode = 0;
+    std::string errText;
+
+    bool ok() const { return code == VEX_OK; }
+
+    static Result agent(vexCode code, std::string text) {
+        return {code, VEX_ERR_AGENT, code, std::move(text)};
+    }
+    static Result ldap(vexCode code, int ldapCode, std::string text) {
+        return {code, VEX_ERR_LDAP, ldapCode, std::move(text)};
+    }
+};
+
+}  // namespace vexagent
