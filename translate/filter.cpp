@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "backend/log.h"
+#include "translate/attribute_description.h"
 #include "translate/map.h"
 #include "vex/vex.h"
 #include "vorn/exception.h"
@@ -29,8 +30,8 @@ std::optional<std::string_view> textOf(const berval& text) {
 // The name alone is safe to read: slapd fills little else of the description of
 // an attribute that its schema does not know.
 std::optional<std::string_view> nameOf(const AttributeDescription* description) {
-    if (description == nullptr) return std::nullopt;
-    return textOf(description->ad_cname);
+    if (description == nullptr || description->ad_cname.bv_val == nullptr) return std::nullopt;
+    return std::string_view(description->ad_cname.bv_val, description->ad_cname.bv_len);
 }
 
 bool isBlank(char c) {
@@ -102,6 +103,7 @@ class Writer {
     void writePiece(std::string_view attribute, const berval& piece);
     void noteCase(std::string_view attribute, std::string_view value);
     [[noreturn]] static void refuse(const Filter* node);
+    [[noreturn]] static void refuseName();
 
     const std::string_view m_objectType;
     const vorn::Properties* const m_map;
@@ -165,6 +167,7 @@ int Writer::writeElements(const Filter* node) {
 // nothing.
 bool Writer::openItem(std::optional<std::string_view> name) {
     if (!name || name->empty()) return false;
+    if (!isAttributeDescription(*name)) refuseName();
     const std::size_t start = m_out.size();
     m_out += '(';
     if (m_map == nullptr) {
@@ -225,6 +228,12 @@ void Writer::writeSubstrings(const Filter* node) {
     }
     writePiece(*name, pieces->sa_final);
     m_out += ')';
+}
+
+// The name is not written to the log: it is anything a client likes.
+void Writer::refuseName() {
+    JError("Invalid attribute name in filter");
+    throw vorn::VORNException("", 0);
 }
 
 void Writer::refuse(const Filter* node) {

@@ -1,8 +1,10 @@
 // slapd's parsed filters as the agent's filter text.
 //
-// Names and values are text that ends at its first NUL byte, as the agent's
-// interface takes text: of a value with a NUL inside only what stands before it
-// is translated, and nothing behind it is ever looked at.
+// Values are text that ends at its first NUL byte, as the agent's interface takes
+// text: of a value with a NUL inside only what stands before it is translated, and
+// nothing behind it is ever looked at. Names are attribute descriptions (RFC 4512):
+// slapd hands over byte by byte what it cannot take for one, and such bytes would
+// write a filter of their own.
 #pragma once
 
 #include <string>
@@ -16,7 +18,8 @@
 // a null map renames nothing. Greater-or-equal and less-or-equal become equality.
 // A filter that slapd has computed to be true or false in advance, as an AND or OR
 // without elements is, gives no text. Throws vorn::VORNException (no message,
-// code 0) for a choice that the agent does not know, after logging it.
+// code 0) for a choice that the agent does not know and for a name that is no
+// attribute description, after logging it.
 std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map);
 
 // The same, and whether upper-case letters in its values count: two such texts that

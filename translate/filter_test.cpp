@@ -273,6 +273,28 @@ TEST_F(FilterText, AnUnknownChoiceIsLoggedAndThrown) {
     }
 }
 
+TEST_F(FilterText, ANameThatIsNoAttributeDescriptionIsLoggedAndThrown) {
+    const std::string names[] = {"objectGUID=*)(uid",
+                                 "userAccountControl:1.2.840.113556.1.4.803:", "uidNumber>", "uid\nforged",
+                                 std::string("uid\0x", 5)};
+    for (const std::string& name : names) {
+        Filter* const items[] = {
+            m_builder.present(name), m_builder.assertion(LDAP_FILTER_EQUALITY, name, "a"),
+            m_builder.assertion(LDAP_FILTER_GE, name, "a"), m_builder.assertion(LDAP_FILTER_LE, name, "a"),
+            m_builder.substrings(name, "a", {}, {})};
+        for (Filter* item : items) {
+            item->f_choice |= SLAPD_FILTER_UNDEFINED;
+            Filter* const nested = m_builder.list(LDAP_FILTER_NOT, {item});
+            const standin::CapturedStderr captured;
+            EXPECT_THROW(filter_as_string("", nested, nullptr), vorn::VORNException) << name;
+            EXPECT_THROW(filter_as_string("posixAccount", nested, &m_map), vorn::VORNException) << name;
+            EXPECT_EQ(captured.text(),
+                      "dirgate ERROR: Invalid attribute name in filter\n"
+                      "dirgate ERROR: Invalid attribute name in filter\n");
+        }
+    }
+}
+
 TEST_F(FilterText, ElementsAreCountedByTheTextThatTheyGive) {
     struct {
         const char* in;

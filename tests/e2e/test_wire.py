@@ -41,6 +41,12 @@ CASES = [
          access=['access to dn.exact="cn=bob,dc=example,dc=com" by * none', *READABLE]),
     case("filter that cannot be translated", found(), "result 21: vex dirgate: invalid search filter",
          filter=extensible("uid", "2.5.13.5", "ann")),
+    case("attribute name that writes a filter of its own", found("ann"),
+         "result 21: vex dirgate: invalid search filter", filter=equality("objectGUID=*)(uid", "ann")),
+    case("attribute name that names a matching rule", found("ann"),
+         "result 21: vex dirgate: invalid search filter",
+         filter=equality("userAccountControl:1.2.840.113556.1.4.803:", "2")),
+    case("base with a NUL", found("ann"),             "result 32", base=f"cn=a\\00b,{SUFFIX}"),
     case("the suffix itself", found(),                "entry example, result 0", scope=0,
          filter=equality("objectClass", "domain")),
     case("the suffix itself, not matched", found(),   "result 32", scope=0, filter=equality("objectClass", "person")),
@@ -111,11 +117,11 @@ class Conversation:
             wait_until(lambda: self.searches_ended() == self.ended, "the search has ended")
         return messages + self.client.rest()
 
-    def hold(self, filter=FILTER, pages=None, cookie=b"", **request):
+    def hold(self, base=SUFFIX, filter=FILTER, pages=None, cookie=b"", **request):
         answers = []
         while True:
             control = {} if pages is None else {"control": paged(pages, cookie, critical=True)}
-            self.client.search(SUFFIX, filter, ["uid"], **request, **control)
+            self.client.search(base, filter, ["uid"], **request, **control)
             answers.append(self.answer())
             cookie = results(answers[-1])[0].cookie
             if not cookie:

@@ -1,0 +1,32 @@
+#include "translate/attribute_description.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(AttributeDescription, IsANameOrNumbersAndOptions) {
+    for (const char* text :
+         {"uid", "UID", "a", "x-own-2", "a-", "cn;lang-en", "userCertificate;binary", "a;b;c", "a;-", "a;1",
+          "2.5.4.3", "0.9.2342.19200300.100.1.1", "1.0", "10.20", "1.2.840.113556.1.4.803", "2.5.4.3;binary"})
+        EXPECT_TRUE(isAttributeDescription(text)) << text;
+}
+
+TEST(AttributeDescription, IsNothingElse) {
+    const std::string cases[] = {
+        "", " ", "uid ", " uid", "u id", "1uid", "-uid", "_uid", "a_b", "ü", "a.b", "OID.2.5.4.3",
+        // numbers
+        "2", "2.", ".5", "2..5", "02.5", "2.05", "2.5.", "2.5.4.x", "-2.5",
+        // options
+        ";", "a;", ";a", "a;;b", "a;b_c", "a;b=c", "a;b;",
+        // what would write a filter of its own
+        "objectGUID=*)(uid", "userAccountControl:1.2.840.113556.1.4.803:", "uidNumber>", "uidNumber<", "uid~",
+        "uid:", "uid\n", "\nuid", "uid\r\nx", "uid\0"s, "uid\0x"s, "\0"s, "uid\x7f", "uid\t", "uid*", "uid(",
+        "uid)", "uid\\", "uid=", "uid&", "uid|", "!uid"};
+    for (const std::string& text : cases) EXPECT_FALSE(isAttributeDescription(text)) << text;
+}
+
+}  // namespace
