@@ -1,6 +1,7 @@
 #include "auth/bind.h"
 
 #include <cstdint>
+#include <cstring>
 #include <exception>
 
 #include "auth/binder.h"
@@ -12,6 +13,7 @@
 #include "backend/settings.h"
 #include "backend/supported_attributes.h"
 #include "vex/handles.h"
+#include "vorn/dn.h"
 
 #include "backend/slapd.h"
 
@@ -45,6 +47,23 @@ void preferCachedAuthentication(vexSession* session) {
     vexSetOption(session, VEX_OPTION_ALLOW_CACHED, &kOn, sizeof kOn);
 }
 
+// Behind a NUL nobody reads on: such a name would pass for another's, such a password
+// for its first part.
+bool holdsNul(const berval& text) {
+    return text.bv_val != nullptr && std::memchr(text.bv_val, '\0', text.bv_len) != nullptr;
+}
+
+bool namesNobody(const berval& dn) {
+    return dn.bv_val != nullptr && vorn::DN::holdsNul({dn.bv_val, dn.bv_len});
+}
+
+// Asks the agent, which takes texts that end at their first NUL.
+vexCode validate(vexSession* session, const Operation* op) {
+    if (namesNobody(op->o_req_dn)) return VEX_NO_SUCH_USER;
+    if (holdsNul(op->orb_cred)) return VEX_WRONG_PASSWORD;
+    return vexAuthValidatePlainTextUser(session, op->o_req_dn.bv_val, op->orb_cred.bv_val, 0);
+}
+
 // Keeps what the agent has just validated. The agent accepts neither an absent name
 // nor an absent password; if it ever did, there would be nothing to remember it by.
 void remember(const Operation* op) {
@@ -60,7 +79,7 @@ void remember(const Operation* op) {
 bool Binder::answeredFromCache(const Operation* op) {
     const char* dn = op->o_req_dn.bv_val;
     JPrintf("vex bind : called for dn: %s, with id: %lu", dn != nullptr ? dn : "None Set", op->o_connid);
-    if (dn == nullptr) return false;
+    if (dn == nullptr || namesNobody(op->o_req_dn) || holdsNul(op->orb_cred)) return false;
     const char* password = op->orb_cred.bv_val;
     if (!back_vex_creds->doCacheAuth(dn, password != nullptr ? password : "")) return false;
     JPrintf("vex bind : Active authenticated binding available for dn '%s', no need to do re-auth.", dn);
@@ -80,8 +99,7 @@ int Binder::askAgent(Operation* op, SlapReply* rs) {
     if (const vexCode code = provideSupportedAttributes(opened); code != VEX_OK)
         return fail(opened, "vexGetObjectSupportedAttributes ", code, op, rs);
     preferCachedAuthentication(opened);
-    const vexCode code = vexAuthValidatePlainTextUser(opened, op->o_req_dn.bv_val, op->orb_cred.bv_val, 0);
-    if (code != VEX_OK) {
+    if (const vexCode code = validate(opened, op); code != VEX_OK) {
         fail(opened, "vexAuth ", code, op, rs);
         return LDAP_INVALID_CREDENTIALS;
     }

@@ -15,10 +15,12 @@
 
 namespace {
 
+using namespace std::string_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 constexpr const char* kDn = "CN=ann,DC=x";
 std::time_t theTime;
@@ -49,6 +51,12 @@ class Bind : public testing::Test {
     }
 
     int bind(const char* dn, const char* password, unsigned long connection = 7) {
+        return bindWith(dn, password, connection);
+    }
+    int bind(const std::string& dn, const std::string& password) { return bindWith(dn, password, 7); }
+
+    template <typename Text>
+    int bindWith(const Text& dn, const Text& password, unsigned long connection) {
         standin::FakeConnection client(connection);
         standin::FakeOperation operation(client);
         operation.bind(dn, password);
@@ -166,6 +174,27 @@ TEST_F(Bind, WithoutADnNothingIsCached) {
     EXPECT_EQ(bind(nullptr, "secret"), 0);
     EXPECT_EQ(bind(nullptr, "secret"), 0);
     EXPECT_EQ(standin::requests().back(), "vexSessionClose(session2)");
+}
+
+// What the agent, or the credential cache, would read of such a text is its beginning.
+TEST_F(Bind, ANulMakesANameNobodysAndAPasswordWrong) {
+    const struct {
+        std::string dn;
+        std::string password;
+    } cases[] = {{"CN=ann,DC=x\0"s, "secret"},  {"CN=ann,DC=x\0,DC=y"s, "secret"},
+                 {"CN=ann\\00,DC=x", "secret"}, {kDn, "secret\0"s},
+                 {kDn, "secret\0junk"s},        {kDn, "\0"s}};
+    const char* const wrong = "vexAuth : cannot bind to server due to invalid user or password.";
+    standin::user("CN=ann\\00,DC=x", "secret");
+    for (const bool known : {false, true}) {
+        if (known) bind(kDn, "secret");  // from here on the credential cache would answer
+        for (const auto& [dn, password] : cases) {
+            EXPECT_EQ(bind(dn, password), 49) << dn;
+            expectSent(49, wrong);
+            EXPECT_THAT(standin::requests(), Not(Contains(HasSubstr("vexAuth"))));
+        }
+    }
+    EXPECT_EQ(bind(kDn, "secret"), 0) << "what was kept still vouches";
 }
 
 TEST_F(Bind, AnAbsentPasswordIsPassedOnAndNeverVouchedFor) {

@@ -57,7 +57,8 @@ bool SearchOperation::prepare() {
         m_handle = std::move(page.handle);
         m_pending = std::move(page.pending);
     }
-    if (const auto rejection = prepareBase(m_op->o_req_dn.bv_val, &m_request)) return reject(*rejection);
+    if (const auto rejection = prepareBase({m_op->o_req_dn.bv_val, m_op->o_req_dn.bv_len}, &m_request))
+        return reject(*rejection);
     m_omitDn = m_request.base.empty() && m_op->ors_scope == LDAP_SCOPE_BASE;
     JPrintf("vex search after translation filter = %s", m_request.filter.c_str());
     JPrintf("vex search using base: %s", m_request.base.c_str());

@@ -109,6 +109,8 @@ std::optional<Rejection> prepareFilter(const Filter* filter, SearchRequest* requ
 }
 
 std::optional<Rejection> prepareBase(std::string_view dn, SearchRequest* request) {
+    // What the agent would read of it, up to the NUL, is another place.
+    if (vorn::DN::holdsNul(dn)) return Rejection{LDAP_NO_SUCH_OBJECT, nullptr};
     request->base = dn;
     request->firstRdn = dn.substr(0, dn.find(','));
     return request->netgroups ? prepareNetgroupBase(request) : std::nullopt;

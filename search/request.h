@@ -17,7 +17,7 @@
 // Why a request ends before the agent is asked.
 struct Rejection {
     int result;        // LDAP result code
-    const char* text;  // static
+    const char* text;  // static; null for none
 };
 
 // What the steps find out.

@@ -166,6 +166,19 @@ TEST_F(RequestTest, TheBaseOfANetgroupSearchIsLogged) {
     EXPECT_TRUE(log.has("vex search: uses currently joined zone domain dn as the search base"));
 }
 
+TEST_F(RequestTest, ABaseWithANulIsNoPlaceAtAll) {
+    using namespace std::string_literals;
+    for (const std::string& base : {"dc=x\0"s, "dc=x\0,dc=y"s, "cn=a\\00b,dc=x"s, "cn=$,dc=x\0"s}) {
+        for (const bool netgroups : {false, true}) {
+            m_request.netgroups = netgroups;
+            const auto rejection = prepareBase(base, &m_request);
+            ASSERT_TRUE(rejection) << base;
+            EXPECT_EQ(rejection->result, LDAP_NO_SUCH_OBJECT);
+            EXPECT_EQ(rejection->text, nullptr);
+        }
+    }
+}
+
 TEST_F(RequestTest, EveryOtherSearchKeepsItsBase) {
     useSettings("");
     EXPECT_FALSE(prepareBase("dc=else,dc=where", &m_request));

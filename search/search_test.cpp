@@ -91,6 +91,16 @@ TEST_F(SearchTest, ASearchThatMatchesNothingEndsWithNoSuchObject) {
     EXPECT_FALSE(sent[0].hasText);
 }
 
+TEST_F(SearchTest, ABaseWithANulFindsNothingAndIsNotAskedFor) {
+    Request request;
+    request.base = std::string("dc=example,dc=com\0,dc=x", 24);
+    const auto sent = m_client.search(request);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_NO_SUCH_OBJECT);
+    EXPECT_FALSE(sent[0].hasText);
+    EXPECT_THAT(standin::requests(), IsEmpty());
+}
+
 TEST_F(SearchTest, AnObjectThatCarriesTheInvalidMarkIsNeverReturnedWhateverTheValue) {
     auto marked = person("ann");
     marked.push_back({"_nssEntryInvalid", {"FALSE"}});

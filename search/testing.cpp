@@ -54,7 +54,7 @@ TestFilter::TestFilter(const std::string& attribute, const char* value)
 std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     standin::FakeOperation operation(m_connection);
     operation.suffix("dc=example,dc=com");
-    operation.dn(request.base.c_str(), request.base.c_str());
+    operation.dn(request.base);
 
     Operation* op = operation.op();
     op->o_tag = LDAP_REQ_SEARCH;

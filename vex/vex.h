@@ -33,6 +33,9 @@
  * and survives signals. An agent that does not answer in time counts as gone:
  * VEX_BROKEN_SESSION.
  *
+ * Texts. An argument ends at its first NUL. Whoever has texts with lengths refuses
+ * a name or a password with a NUL inside: what is left of it may be another's.
+ *
  * Null sessions and null searches are answered with VEX_BROKEN_HANDLE.
  *
  * The agent's socket is the setting "agent.socket" of the host's settings file.

@@ -86,6 +86,16 @@ std::string DN::dnFromDomain(const std::string& domain) {
     return dn;
 }
 
+bool DN::holdsNul(std::string_view dn) {
+    for (std::size_t i = 0; i < dn.size(); ++i) {
+        if (dn[i] == '\0') return true;
+        if (dn[i] != '\\') continue;
+        if (dn.substr(i + 1).starts_with("00")) return true;
+        ++i;  // the character that it escapes, which may be a backslash
+    }
+    return false;
+}
+
 std::string DN::escapeValue(std::string_view value) {
     static constexpr std::string_view kSpecial = "\"+,;<>\\";
     static constexpr char kDigits[] = "0123456789ABCDEF";

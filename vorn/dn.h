@@ -21,6 +21,10 @@ struct DN {
     // "DC=example,DC=com" for "example.com"; empty for an empty name.
     static std::string dnFromDomain(const std::string& domain);
 
+    // Whether a NUL stands in the text, as it is or escaped as "\00". No name holds
+    // one; what reads such a text as a C string takes it for another, shorter name.
+    static bool holdsNul(std::string_view dn);
+
     // The value as it stands in a DN, with the escapes of RFC 4514.
     static std::string escapeValue(std::string_view value);
 };

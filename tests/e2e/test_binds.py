@@ -4,7 +4,8 @@ import time
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search, wait_until
+from gateway import SECONDS, SUFFIX, Slapd, failure, search, wait_until
+from wire import WireClient
 
 PEOPLE = f"ou=People,{SUFFIX}"
 ANN = f"cn=ann,ou=Engineering,{PEOPLE}"
@@ -56,6 +57,32 @@ def test_one_binds_with_the_dn_that_a_search_showed(gateway, anonymous):
 ])
 def test_a_wrong_name_or_password(gateway, who, password):
     assert refusal(gateway, who, password) == WRONG
+
+
+@pytest.mark.parametrize("who, password", [
+    (ANN, "welcome\0"),
+    (ANN, "welcome\0junk"),
+    (ANN, "\0welcome"),
+    (f"cn=ann\\00,ou=Engineering,{PEOPLE}", "welcome"),
+    (f"cn=ann\\00x,ou=Engineering,{PEOPLE}", "welcome"),
+    (f"cn=ann,ou=Engineering\\00,{PEOPLE}", "welcome"),
+])
+def test_a_nul_makes_a_name_nobodys_and_a_password_wrong(gateway, who, password):
+    """With nothing remembered of the person, and with the right password remembered."""
+    for remembered in (False, True):
+        client = WireClient(gateway.port, SECONDS)
+        if remembered:
+            assert client.bind(ANN, "welcome").code == 0
+        answer = client.bind(who, password)
+        assert (answer.code, answer.text) == WRONG
+        client.close()
+
+
+@pytest.mark.parametrize("who", [f"{ANN}\0", f"cn=ann\0x,ou=Engineering,{PEOPLE}"])
+def test_slapd_takes_no_name_with_a_plain_nul(gateway, who):
+    client = WireClient(gateway.port, SECONDS)
+    assert client.bind(who, "welcome").code == 34
+    client.close()
 
 
 def test_the_right_password_again_after_a_wrong_one(gateway):

@@ -86,6 +86,11 @@ class WireClient:
                              sequence(*map(octets, attributes)), tag=0x63)
         return self.send(operation, [options["control"]] if "control" in options else ())
 
+    def bind(self, dn, password):
+        """A simple bind, and its result. The texts are sent as they are."""
+        self.send(sequence(number(3), octets(dn), octets(password, 0x80), tag=0x60))
+        return self.read()
+
     def abandon(self, request):
         return self.send(number(request, 0x50))
 

@@ -94,7 +94,10 @@ FakeOperation::~FakeOperation() {
 }
 
 berval FakeOperation::keep(const char* text) {
-    if (!text) return {0, nullptr};
+    return text ? keep(std::string(text)) : berval{0, nullptr};
+}
+
+berval FakeOperation::keep(const std::string& text) {
     m_texts.push_back(std::make_unique<std::string>(text));
     return {m_texts.back()->size(), m_texts.back()->data()};
 }
@@ -104,6 +107,17 @@ void FakeOperation::bind(const char* name, const char* password) {
     dn(name, name);
     m_operation.orb_method = LDAP_AUTH_SIMPLE;
     m_operation.orb_cred = keep(password);
+}
+
+void FakeOperation::bind(const std::string& name, const std::string& password) {
+    bind("", "");
+    dn(name);
+    m_operation.orb_cred = keep(password);
+}
+
+void FakeOperation::dn(const std::string& name) {
+    m_operation.o_req_dn = keep(name);
+    m_operation.o_req_ndn = keep(name);
 }
 
 void FakeOperation::dn(const char* name, const char* normalized) {

@@ -103,13 +103,17 @@ class FakeOperation {
 
     // A simple bind. A null DN is an absent one.
     void bind(const char* dn, const char* password);
+    // The same with texts that may hold a NUL.
+    void bind(const std::string& dn, const std::string& password);
     // The request's DN, both forms.
     void dn(const char* dn, const char* normalized);
+    void dn(const std::string& dn);
     // The database's suffix, both forms; several calls add several.
     void suffix(const std::string& dn);
 
   private:
     berval keep(const char* text);
+    berval keep(const std::string& text);
 
     Opheader m_header{};
     Operation m_operation{};
