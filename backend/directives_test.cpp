@@ -2,13 +2,19 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "backend/backend.h"
+#include "backend/log.h"
 #include "tests/standin/captured.h"
+#include "vorn/logger.h"
+#include "vorn/settings.h"
 #include "vorn/temporary_folder.h"
 
 #include "tests/standin/slapd_standin.h"
@@ -152,6 +158,8 @@ TEST_P(IntegerDirectiveTest, TakesThirtyTwoBitsOfWhatTheWordBeginsWith) {
     } cases[] = {
         {"60", true, 60},
         {"60s", true, 60},          // what follows the digits does not count
+        {"010", true, 10},          // decimal, whatever it begins with
+        {"0x10", takesZero, 0},     //
         {"4294967396", true, 100},  // 2^32 + 100 wraps to 100
         {"2147483648", false, 0},   // 2^31 wraps negative
         {"2147483647", true, 2147483647},
@@ -187,6 +195,9 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(DirectivesTest, TheLoadFactorIsAPositiveSinglePrecisionNumber) {
     EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.75"}), 0);
     EXPECT_EQ(gCacheHashLoadFactor, 0.75F);
+    EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.5x"}), 0);
+    EXPECT_EQ(gCacheHashLoadFactor, 0.5F) << "what follows the number does not count";
+    EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.75"}), 0);
     for (const char* word : {"1e-50", "0", "-1", "much", "nan"}) {
         EXPECT_EQ(complaint({"dirgate.cache.hash.loadfactor", word}),
                   std::string("dirgate ERROR: slapd.conf: line 7: dirgate.cache.hash.loadfactor's value '") +
@@ -219,9 +230,23 @@ TEST_F(DirectivesTest, NamesIgnoreCase) {
     EXPECT_EQ(gCacheTTL, 5);
 }
 
+// slapd's debug level, and that of the LDAP library.
+class DebugLevels {
+  public:
+    DebugLevels(int server, int library) {
+        slap_debug = server;
+        ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &library);
+    }
+    ~DebugLevels() {
+        slap_debug = 0;
+        ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
+    }
+    DebugLevels(const DebugLevels&) = delete;
+    DebugLevels& operator=(const DebugLevels&) = delete;
+};
+
 TEST_F(DirectivesTest, ComplaintsGoToSlapdsDebugLogWhenItIsShown) {
-    slap_debug = -1;
-    ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
+    const DebugLevels levels(-1, -1);
     EXPECT_EQ(complaint({"dirgate.cache.ttl", "0"}),
               "slapd.conf: line 7: dirgate.cache.ttl's value '0' is invalid.\n");
     EXPECT_EQ(complaint({"DirGate.Cache.Enabled", "yes"}),
@@ -229,8 +254,22 @@ TEST_F(DirectivesTest, ComplaintsGoToSlapdsDebugLogWhenItIsShown) {
         << "under its own name, however the line spells it";
     EXPECT_EQ(complaint({"VEXtranslation"}),
               "slapd.conf: line 7: missing filenamein vextranslation line: VEXtranslation.\n");
-    slap_debug = 0;
-    ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &slap_debug);
+}
+
+TEST_F(DirectivesTest, ComplaintsAreShownAtAnyDebugLevel) {
+    for (const int level : {LDAP_DEBUG_TRACE, LDAP_DEBUG_STATS, LDAP_DEBUG_NONE}) {
+        const DebugLevels levels(level, level);
+        EXPECT_EQ(complaint({"dirgate.cache.ttl", "0"}),
+                  "slapd.conf: line 7: dirgate.cache.ttl's value '0' is invalid.\n")
+            << "level " << level;
+    }
+}
+
+// Whoever debugs the library alone does not see slapd's debug log.
+TEST_F(DirectivesTest, TheServersDebugLevelCountsAndNotTheLibrarys) {
+    const DebugLevels levels(0, -1);
+    EXPECT_EQ(complaint({"dirgate.cache.ttl", "0"}),
+              "dirgate ERROR: slapd.conf: line 7: dirgate.cache.ttl's value '0' is invalid.\n");
 }
 
 // ------------------------------------------------------------ vextranslation
@@ -286,6 +325,33 @@ TEST_F(TranslationDirectiveTest, TheMapIsShownInDebugMode) {
     EXPECT_EQ(complaint({"vextranslation", path}, 0), "");
     slap_debug = 1;
     EXPECT_THAT(complaint({"vextranslation", path}, 0), HasSubstr("posixAccount.uid = sAMAccountName\n"));
+    slap_debug = -1;
+    EXPECT_THAT(complaint({"vextranslation", path}, 0), HasSubstr("posixAccount.uid = sAMAccountName\n"));
+}
+
+TEST_F(TranslationDirectiveTest, TheMapIsShownAtTheServersDebugLevelAndNotTheLibrarys) {
+    const std::string path = file("posixAccount.uid = sAMAccountName\n");
+    {
+        const DebugLevels levels(1, 0);
+        EXPECT_THAT(complaint({"vextranslation", path}, 0), HasSubstr("posixAccount.uid = sAMAccountName\n"));
+    }
+    const DebugLevels levels(0, -1);
+    EXPECT_THAT(complaint({"vextranslation", path}, 0), testing::Not(HasSubstr("posixAccount.uid")));
+}
+
+// Whoever has renamed the log file and reads the configuration again gets a new one.
+TEST_F(TranslationDirectiveTest, TheLogFileIsOpenedAnew) {
+    const std::string log = m_folder.path() + "/log";
+    setenv("ZANTHE_CONF", m_folder.write("zanthe.conf", "log.file = " + log + "\nlog.level = 1\n").c_str(),
+           1);
+    vorn::Logger::ReconfigureLevels(vorn::Props(true, true));
+    JPrintf("before");
+    ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
+    EXPECT_EQ(configure({"vextranslation", file("a = 1\n")}), 0);
+    JPrintf("after");
+    EXPECT_EQ(std::ifstream(log).good(), true);
+    std::ofstream(m_folder.path() + "/zanthe.conf") << "log.level = 4\n";
+    vorn::Logger::ReconfigureLevels(vorn::Props(true, true));
 }
 
 // ---------------------------------------------------------- paged.critical

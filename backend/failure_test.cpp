@@ -29,9 +29,10 @@ class FailureTest : public testing::Test {
     }
 
     // Reports a failure as a handler does and gives what the client was sent.
-    standin::Sent report(vexCode code, int size = 511) {
+    standin::Sent report(vexCode code, int size = 511, int preset = 0) {
         standin::FakeConnection connection;
         standin::FakeOperation operation(connection);
+        operation.reply()->sr_err = preset;
         send_vex_err_info(m_session, "vexAuth ", code, size, m_text, operation.op(), operation.reply());
         EXPECT_EQ(operation.reply()->sr_text, m_text);
         EXPECT_EQ(connection.sent().size(), 1U) << "exactly one result";
@@ -53,10 +54,13 @@ TEST_F(FailureTest, ABrokenSessionIsUnavailableAndTheAgentIsNotAsked) {
 }
 
 TEST_F(FailureTest, HealthThatCannotBeReadIsUnavailable) {
-    standin::answer("vexSystemHealthInfo", 6);
-    const auto sent = report(13);
-    EXPECT_EQ(sent.code, LDAP_UNAVAILABLE);
-    EXPECT_EQ(sent.text, "vexAuth : Failed to retrieve last system error, due to broken session handle.");
+    for (const vexCode code : {6, 32, 10, 12, 36, 1}) {
+        standin::answer("vexSystemHealthInfo", code);
+        const auto sent = report(13);
+        EXPECT_EQ(sent.code, LDAP_UNAVAILABLE) << "code " << code;
+        EXPECT_EQ(sent.text, "vexAuth : Failed to retrieve last system error, due to broken session handle.")
+            << "code " << code;
+    }
 }
 
 TEST_F(FailureTest, AnUnhealthyAgentTurnsAWrongPasswordIntoUnavailable) {
@@ -120,6 +124,7 @@ INSTANTIATE_TEST_SUITE_P(ErrorSystems, ProtocolErrorTest,
                                          ProtocolErrorCase{2, LDAP_CONNECT_ERROR, LDAP_UNAVAILABLE},
                                          ProtocolErrorCase{2, LDAP_LOCAL_ERROR, LDAP_OTHER},
                                          ProtocolErrorCase{2, LDAP_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT},
+                                         ProtocolErrorCase{2, 0, LDAP_SUCCESS},  // as slapd maps it
                                          ProtocolErrorCase{1, LDAP_SERVER_DOWN, LDAP_OTHER},
                                          ProtocolErrorCase{3, 32, LDAP_OTHER},
                                          ProtocolErrorCase{4, 32, LDAP_OTHER}));
@@ -132,12 +137,19 @@ TEST_F(FailureTest, AProtocolErrorThatCannotBeReadForABrokenSessionIsUnavailable
 }
 
 TEST_F(FailureTest, AnyOtherFailureToReadTheProtocolErrorNamesTheCode) {
-    standin::answer("vexGetLastProtocolError", 10);
-    const auto sent = report(8);
-    const char* name = nullptr;
-    vexGetVexCodeStr(8, &name);
-    EXPECT_EQ(sent.code, LDAP_OTHER);
-    EXPECT_EQ(sent.text, std::string("vexAuth : ") + name + " (vexRC=8)");
+    for (const vexCode code : {10, 32, 12, 1}) {
+        standin::answer("vexGetLastProtocolError", code);
+        const auto sent = report(8);
+        const char* name = nullptr;
+        vexGetVexCodeStr(8, &name);
+        EXPECT_EQ(sent.code, LDAP_OTHER) << "code " << code;
+        EXPECT_EQ(sent.text, std::string("vexAuth : ") + name + " (vexRC=8)") << "code " << code;
+    }
+}
+
+TEST_F(FailureTest, WhateverResultTheReplyHadGivesWay) {
+    EXPECT_EQ(report(6, 511, LDAP_NO_SUCH_OBJECT).code, LDAP_UNAVAILABLE);
+    EXPECT_EQ(report(13, 511, LDAP_NO_SUCH_OBJECT).code, LDAP_INVALID_CREDENTIALS);
 }
 
 TEST_F(FailureTest, ATextLongerThanTheBufferIsCut) {

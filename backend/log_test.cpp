@@ -60,6 +60,35 @@ TEST_F(LoggingTest, ErrorsReachChannelAndStandardError) {
     EXPECT_THAT(log.records()[0], HasSubstr("search:105 JError"));
 }
 
+TEST_F(LoggingTest, ErrorsReachTheChannelUpToThresholdThree) {
+    for (const int level :
+         {vorn::Logger::kTrace, vorn::Logger::kInfo, vorn::Logger::kWarning, vorn::Logger::kError}) {
+        const standin::CapturedLog log(level);
+        const standin::CapturedStderr captured;
+        JError("told");
+        EXPECT_TRUE(log.has("dirgate ERROR: told")) << "level " << level;
+    }
+}
+
+TEST_F(LoggingTest, InformationReachesTheChannelUpToThresholdOne) {
+    for (const int level : {vorn::Logger::kTrace, vorn::Logger::kInfo, vorn::Logger::kWarning}) {
+        const standin::CapturedLog log(level);
+        JPrintf("told");
+        EXPECT_EQ(log.has("told"), level <= vorn::Logger::kInfo) << "level " << level;
+        EXPECT_EQ(JPrintfEnabled(), level <= vorn::Logger::kInfo) << "level " << level;
+    }
+}
+
+// "slapd -d any" is a negative level.
+TEST_F(LoggingTest, ANegativeDebugLevelIsDebugModeToo) {
+    const standin::CapturedLog log(vorn::Logger::kNothing);
+    const standin::CapturedStderr captured;
+    slap_debug = -1;
+    EXPECT_TRUE(JPrintfEnabled());
+    JPrintf("shown");
+    EXPECT_EQ(captured.text(), "shown\n");
+}
+
 TEST_F(LoggingTest, ErrorsReachStandardErrorAlsoWithThresholdsAboveThree) {
     const standin::CapturedLog log(vorn::Logger::kNothing);
     const standin::CapturedStderr captured;

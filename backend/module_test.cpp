@@ -4,19 +4,27 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "auth/bind.h"
 #include "auth/credentials.h"
 #include "backend/backend.h"
+#include "cache/search_cache.h"
 #include "search/handles.h"
 #include "search/search.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/vex_standin.h"
+#include "vex/handles.h"
+#include "vorn/thread.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -28,10 +36,21 @@ namespace {
 
 using testing::IsEmpty;
 
+// Below the hard limit, and above all that a test needs.
+void lowerDataLimit() {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_DATA, &limit), 0);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, RLIM_INFINITY) - 1;
+    ASSERT_EQ(setrlimit(RLIMIT_DATA, &limit), 0);
+}
+
 BackendInfo* registered() {
     static BackendInfo* const info = [] {
         standin::reset();
         standin::resetSlapd();
+        // What slapd finds to say of a second module of this name is its own affair.
+        standin::registrationAnswers(-1);
+        lowerDataLimit();
         EXPECT_EQ(init_module(0, nullptr), 0);
         return standin::registeredBackend();
     }();
@@ -41,6 +60,26 @@ BackendInfo* registered() {
 TEST(ModuleTest, RegistersUnderItsTypeName) {
     EXPECT_STREQ(registered()->bi_type, "zanthedx");
     EXPECT_EQ(registered()->bi_init, vex_back_initialize);
+}
+
+TEST(ModuleTest, RaisesTheLimitOfTheDataSegment) {
+    registered();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_DATA, &limit), 0);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+}
+
+TEST(ModuleTest, SwitchesThreadsOn) {
+    registered();
+    static std::atomic<bool> ran = false;
+    vorn::Thread thread;
+    const auto body = [](void*) -> void* {
+        ran = true;
+        return nullptr;
+    };
+    ASSERT_NO_THROW(thread.start("zx-test", body, nullptr, 50));
+    thread.kill();
+    EXPECT_TRUE(ran);
 }
 
 TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
@@ -94,11 +133,11 @@ TEST(ModuleTest, MakesTheTwoManagers) {
 TEST(ModuleTest, ClosingAConnectionThatNeverBoundOrSearchedLogsTheLine) {
     registered();
     const standin::CapturedLog log;
-    standin::FakeConnection connection(4711);
+    standin::FakeConnection connection(4294972007);  // wider than 32 bits
     standin::forgetCalls();
     EXPECT_EQ(vex_conn_destroy(nullptr, connection.connection()), 0);
     EXPECT_EQ(log.records().size(), 1U);
-    EXPECT_TRUE(log.has("vex connection id 4711 being destroyed"));
+    EXPECT_TRUE(log.has("vex connection id 4294972007 being destroyed"));
     EXPECT_THAT(standin::calls(), IsEmpty());
 }
 
@@ -110,6 +149,21 @@ TEST(ModuleTest, ClosingAConnectionDropsItsCredentialAndItsSearch) {
     EXPECT_EQ(vex_conn_destroy(nullptr, connection.connection()), 0);
     EXPECT_EQ(back_vex_creds->doCacheAuth("cn=ann", "secret"), 0);
     EXPECT_EQ(back_vex_search_handle->getSearchHandle(9), nullptr);
+}
+
+// An object in the cache.
+void fillCache() {
+    SearchCacheManager* cache = SearchCacheManager::GetCacheManager();
+    cache->init(true, 10, 10, 60, 60, 0, 1.3F);
+    const vex::UniqueObject object(standin::makeObject({{"cn", {"ann"}}}));
+    cache->putObj("guid", object.get());
+}
+
+// Whether the agent's library was called for the one before it was for the other.
+bool isFreedBefore(const std::string& one, const std::string& other) {
+    const std::vector<std::string> calls = standin::calls();
+    const auto first = std::find(calls.begin(), calls.end(), one);
+    return first != calls.end() && std::find(first, calls.end(), other) != calls.end();
 }
 
 // In a process of its own: nothing can follow it.
@@ -125,8 +179,11 @@ TEST(ModuleDeathTest, DestroyFreesEverythingAndASecondDatabaseNothingTwice) {
             vexGetObjectSupportedAttributes(session, &names);
             vexSessionClose(session);
             gSupportedObjectAttrList = names;
+            fillCache();
             vex_back_destroy(nullptr, nullptr);
             vex_back_destroy(nullptr, nullptr);
+            if (!isFreedBefore("vexFreeObject(object2)", "vexFreeStringSet(set1)")) std::_Exit(2);
+            if (SearchCacheManager::GetCacheManager()->isInitialized()) std::_Exit(3);
             for (const auto& leak : standin::leaks()) std::fprintf(stderr, "leak: %s\n", leak.c_str());
             for (const auto& failure : standin::failures()) std::fprintf(stderr, "%s\n", failure.c_str());
             std::_Exit(standin::leaks().empty() && standin::failures().empty() ? 0 : 1);

@@ -43,6 +43,7 @@ EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, 
     if (m_request.fetchByDn) {
         const Result fetched = fetchByDn(session, &found->object, code);
         if (fetched != Result::Made) return fetched;
+        if (isMarkedInvalid(session, found->object.get())) return Result::Skipped;
         ldif = toLdif(session, found->object.get(), &complained);
         if (ldif.empty()) return Result::Skipped;
     }

@@ -155,6 +155,13 @@ TEST_F(RequestTest, NetgroupsWithoutAZoneOrDomainAreRejected) {
     EXPECT_STREQ(rejection->text, "vex dirgate: can not get currently joined domain name");
 }
 
+TEST_F(RequestTest, ANetgroupBaseOfItsOwnPlaceNeedsNoDomainName) {
+    m_request.netgroups = true;
+    useSettings("zone.dn = CN=z,DC=c,DC=b\n");
+    EXPECT_FALSE(prepareBase("OU=x,DC=a,DC=b", &m_request));
+    EXPECT_EQ(m_request.base, "OU=x,DC=a,DC=b");
+}
+
 TEST_F(RequestTest, TheBaseOfANetgroupSearchIsLogged) {
     const standin::CapturedLog log;
     useSettings("domain.name = a.b\nzone.dn = CN=z,DC=c,DC=b\n");
@@ -261,6 +268,9 @@ TEST_F(RequestTest, NoNamesOrOnlyAStarMeanAll) {
 TEST_F(RequestTest, WithoutAMappedTypeNamesStayAndNothingIsAdded) {
     prepareAttributes(Names({"uid"}).get(), &m_request);
     EXPECT_THAT(m_request.attributes, ElementsAre("uid"));
+    EXPECT_FALSE(m_request.includeCn);
+    prepareAttributes(Names({"uid", "Cn"}).get(), &m_request);
+    EXPECT_TRUE(m_request.includeCn) << "whatever is mapped";
 }
 
 TEST_F(RequestTest, AtMost127NamesAreAskedForAndAbove124NoneIsAdded) {
@@ -406,6 +416,7 @@ TEST_F(RequestTest, FetchByUidIsLogged) {
 TEST_F(RequestTest, TheDomainEntryTakesItsDcFromTheFirstRdn) {
     EXPECT_EQ(domainEntryLdif("dc=a,dc=b", "DC=A"), "dn: dc=a,dc=b\nobjectclass: domain\ndc: A\n");
     EXPECT_EQ(domainEntryLdif("dc=a", "whole"), "dn: dc=a\nobjectclass: domain\ndc: whole\n");
+    EXPECT_EQ(domainEntryLdif("dc=a", "dc=a+ou=b"), "dn: dc=a\nobjectclass: domain\ndc: a+ou=b\n");
 }
 
 }  // namespace

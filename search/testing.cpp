@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "search/search.h"
+#include "vorn/strings.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -23,6 +24,7 @@ class Slab {
         for (void* block : m_blocks) std::free(block);
     }
     static void* allocate(ber_len_t size, void* slab) {
+        ++static_cast<Slab*>(slab)->m_allocations;
         return static_cast<Slab*>(slab)->m_blocks.emplace_back(std::malloc(size));
     }
     static void release(void* block, void* slab) {
@@ -30,8 +32,10 @@ class Slab {
         blocks.erase(std::find(blocks.begin(), blocks.end(), block));
         std::free(block);
     }
+    int allocations() const { return m_allocations; }
 
   private:
+    int m_allocations = 0;
     std::vector<void*> m_blocks;
 };
 
@@ -54,7 +58,7 @@ TestFilter::TestFilter(const std::string& attribute, const char* value)
 std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     standin::FakeOperation operation(m_connection);
     operation.suffix("dc=example,dc=com");
-    operation.dn(request.base);
+    operation.dn(request.base, vorn::lower(request.base));
 
     Operation* op = operation.op();
     op->o_tag = LDAP_REQ_SEARCH;
@@ -89,7 +93,9 @@ std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     op->o_tmpmfuncs = &memory;
     op->o_tmpmemctx = &slab;
 
+    *operation.reply() = request.before;
     const int result = vex_back_search(op, operation.reply());
+    m_allocations = slab.allocations();
     if (answer != nullptr) *answer = result;
     std::vector<standin::Sent> all = m_connection.sent();
     std::vector<standin::Sent> fresh(all.begin() + static_cast<std::ptrdiff_t>(m_seen), all.end());

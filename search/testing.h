@@ -48,6 +48,7 @@ struct Request {
     std::time_t start = 0;  // 0: now
     const Paged* paged = nullptr;
     bool abandoned = false;
+    SlapReply before{};  // the reply as the hook finds it
 };
 
 // A client's connection to a database with the suffix dc=example,dc=com.
@@ -55,14 +56,19 @@ class Client {
   public:
     explicit Client(unsigned long id = 1) : m_connection(id) {}
 
-    // What the client is sent for the request; the hook's answer goes to *answer.
+    // What the client is sent for the request; the hook's answer goes to *answer. The
+    // normalised form of the base is its lower-case one.
     std::vector<standin::Sent> search(const Request& request, int* answer = nullptr);
+
+    // How often the last request asked for memory that goes with its operation.
+    int allocations() const { return m_allocations; }
 
     standin::FakeConnection& connection() { return m_connection; }
 
   private:
     standin::FakeConnection m_connection;
     std::size_t m_seen = 0;
+    int m_allocations = 0;
 };
 
 // The control value's cookie.

@@ -339,6 +339,7 @@ TEST_F(FilterText, ObjectType) {
         {"(objectClass=posixAccount)", "objectClass", "posixAccount"},
         {"(OBJECTCLASS=PosixAccount)", "OBJECTCLASS", "PosixAccount"},
         {"(objectCategory=person)", "objectCategory", "person"},
+        {"(OBJECTcategory=person)", "OBJECTcategory", "person"},
         {"(?objectclass=unknown)", "objectclass", "unknown"},
         {"(&(uid=a)(objectClass=posixAccount))", "objectClass", "posixAccount"},
         {"(|(objectCategory=person)(objectClass=a))", "objectCategory", "person"},

@@ -28,8 +28,11 @@ void FakeConnection::keep(SlapReply* rs, bool isEntry) {
         sent.controls.push_back({(*control)->ldctl_oid,
                                  std::string((*control)->ldctl_value.bv_val, (*control)->ldctl_value.bv_len),
                                  (*control)->ldctl_iscritical != 0});
-    std::lock_guard guard(m_mutex);
-    m_sent.push_back(std::move(sent));
+    {
+        std::lock_guard guard(m_mutex);
+        m_sent.push_back(std::move(sent));
+    }
+    if (m_onSend) m_onSend();
 }
 
 void FakeConnection::sendResult(Operation* op, SlapReply* rs) {
@@ -111,13 +114,13 @@ void FakeOperation::bind(const char* name, const char* password) {
 
 void FakeOperation::bind(const std::string& name, const std::string& password) {
     bind("", "");
-    dn(name);
+    dn(name, name);
     m_operation.orb_cred = keep(password);
 }
 
-void FakeOperation::dn(const std::string& name) {
+void FakeOperation::dn(const std::string& name, const std::string& normalized) {
     m_operation.o_req_dn = keep(name);
-    m_operation.o_req_ndn = keep(name);
+    m_operation.o_req_ndn = keep(normalized);
 }
 
 void FakeOperation::dn(const char* name, const char* normalized) {

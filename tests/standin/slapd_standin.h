@@ -12,6 +12,7 @@
 // The functions of liblutil and libldap are the real ones.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +27,7 @@ void resetSlapd();
 
 // slap_str2ad knows exactly these names, compared without regard to case.
 AttributeDescription* knowAttribute(const std::string& name, bool binarySyntax = false);
+AttributeDescription* knowAttributeWithFlags(const std::string& name, unsigned syntaxFlags);
 
 // test_filter answers this; LDAP_COMPARE_TRUE after resetSlapd.
 void filterAnswers(int code);
@@ -33,6 +35,8 @@ void filterAnswers(int code);
 void rejectEntriesWith(const std::string& part);
 // How many entries str2entry has made that entry_free has not freed.
 int liveEntries();
+// backend_add answers this, when it is not 0, after it has taken the record.
+void registrationAnswers(int code);
 // The record that backend_add was given last, or null.
 BackendInfo* registeredBackend();
 
@@ -71,6 +75,8 @@ class FakeConnection {
     // From now on entries are taken away on their way to the client, as an overlay may:
     // sending one succeeds, and it is neither sent nor counted.
     void loseEntries() { m_losesEntries = true; }
+    // Runs whenever something has been sent, on the sending thread.
+    void onSend(std::function<void()> action) { m_onSend = std::move(action); }
 
   private:
     struct Record {
@@ -85,6 +91,7 @@ class FakeConnection {
     Record m_record{};
     int m_entryCode = 0;
     bool m_losesEntries = false;
+    std::function<void()> m_onSend;
     std::mutex m_mutex;
     std::vector<Sent> m_sent;  // guarded by m_mutex
 };
@@ -107,7 +114,7 @@ class FakeOperation {
     void bind(const std::string& dn, const std::string& password);
     // The request's DN, both forms.
     void dn(const char* dn, const char* normalized);
-    void dn(const std::string& dn);
+    void dn(const std::string& dn, const std::string& normalized);
     // The database's suffix, both forms; several calls add several.
     void suffix(const std::string& dn);
 

@@ -39,6 +39,7 @@ struct Slapd {
     int filterCode = LDAP_COMPARE_TRUE;
     int liveEntries = 0;
     BackendInfo* backend = nullptr;
+    int registrationAnswer = 0;
 };
 
 Slapd& slapd() {
@@ -46,14 +47,14 @@ Slapd& slapd() {
     return theOne;
 }
 
-std::unique_ptr<Known> describe(const std::string& name, bool binarySyntax) {
+std::unique_ptr<Known> describe(const std::string& name, unsigned syntaxFlags) {
     auto known = std::make_unique<Known>();
     known->name = name;
     known->description.ad_cname = {known->name.size(), known->name.data()};
     known->description.ad_type = &known->type;
     known->type.sat_cname = known->description.ad_cname;
     known->type.sat_syntax = &known->syntax;
-    known->syntax.ssyn_flags = binarySyntax ? SLAP_SYNTAX_BINARY : SLAP_SYNTAX_NONE;
+    known->syntax.ssyn_flags = syntaxFlags;
     return known;
 }
 
@@ -67,7 +68,7 @@ AttributeDescription* descriptionFor(const std::string& name) {
     if (!undefined) {
         std::string upper = name;
         for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        undefined = describe(upper, false);
+        undefined = describe(upper, SLAP_SYNTAX_NONE);
     }
     return &undefined->description;
 }
@@ -138,12 +139,17 @@ void resetSlapd() {
     s.filterCode = LDAP_COMPARE_TRUE;
     s.liveEntries = 0;
     s.backend = nullptr;
+    s.registrationAnswer = 0;
     slap_debug = 0;
 }
 
 AttributeDescription* knowAttribute(const std::string& name, bool binarySyntax) {
+    return knowAttributeWithFlags(name, binarySyntax ? SLAP_SYNTAX_BINARY : SLAP_SYNTAX_NONE);
+}
+
+AttributeDescription* knowAttributeWithFlags(const std::string& name, unsigned syntaxFlags) {
     std::lock_guard guard(slapd().mutex);
-    return &(slapd().known[name] = describe(name, binarySyntax))->description;
+    return &(slapd().known[name] = describe(name, syntaxFlags))->description;
 }
 
 void filterAnswers(int code) {
@@ -159,6 +165,11 @@ void rejectEntriesWith(const std::string& part) {
 int liveEntries() {
     std::lock_guard guard(slapd().mutex);
     return slapd().liveEntries;
+}
+
+void registrationAnswers(int code) {
+    std::lock_guard guard(slapd().mutex);
+    slapd().registrationAnswer = code;
 }
 
 BackendInfo* registeredBackend() {
@@ -235,7 +246,9 @@ int backend_add(BackendInfo* info) {
         std::lock_guard guard(slapd().mutex);
         slapd().backend = info;
     }
-    return info->bi_init ? info->bi_init(info) : 0;
+    const int initialized = info->bi_init ? info->bi_init(info) : 0;
+    std::lock_guard guard(slapd().mutex);
+    return slapd().registrationAnswer != 0 ? slapd().registrationAnswer : initialized;
 }
 
 Entry* str2entry(char* text) {
