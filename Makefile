@@ -4,7 +4,7 @@ PYTHON := /usr/bin/python3
 FILES = $(shell git ls-files '*.c' '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
-.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz bench clean
+.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz mutants bench clean
 
 help:
 	@echo 'make run       build all, start the gateway with the example directory, look something up'
@@ -18,6 +18,8 @@ help:
 	@echo 'make soak      the long form of the tests of many requests'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
+	@echo 'make mutants   small changes to the code that no unit test notices, in ten minutes'
+	@echo '               MUTANTS_FLAGS= as tools/mutants takes them, such as --minutes 0 --seed 2'
 	@echo 'make bench     the gateway beside others, in a quarter of an hour: build/bench/results.md'
 	@echo '               BENCH_FLAGS=--quick for a minute'
 	@echo 'make clean     removes build/'
@@ -100,6 +102,10 @@ fuzz: build-fuzz
 	        -verbosity=0 -print_final_stats=1 \
 	        -artifact_prefix="build/fuzz/found/$$target/" "build/fuzz/found/$$target" "$$corpus"; \
 	done
+
+MUTANTS_FLAGS ?=
+mutants: setup-dev build
+	@nice -n 10 $(PYTHON) tools/mutants $(MUTANTS_FLAGS)
 
 # The contenders first, then the parts by themselves. BENCH_FLAGS are bench/run.py's.
 BENCH_FLAGS ?=
