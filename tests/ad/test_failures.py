@@ -292,6 +292,12 @@ def test_a_keytab_that_is_not_there(world):
     assert code not in (0, 32) and seconds < TIMEOUT + SLACK
 
 
+def test_a_principal_that_the_keytab_does_not_hold(world, controllers):
+    _, slapd = start(world, ad__servers=controllers[0].address, ad__principal="ELSEWHERE$@EXAMPLE.COM")
+    code, text, seconds = told("principal not in the keytab: look-up", lambda: look_up(slapd.connect()))
+    assert code not in (0, 32) and seconds < TIMEOUT + SLACK
+
+
 def test_a_keytab_that_is_put_right(world, pair):
     file = world.folder / "machine.keytab"
     file.write_bytes(keytab_with(world.folder, "ZXHOST$@EXAMPLE.COM").read_bytes())

@@ -137,6 +137,14 @@ def test_a_base_search_for_a_made_up_uid_dn(start, standin):
     assert opened(AGENT_FILTER, base, '["uidNumber"]', 0) in standin.requests()
 
 
+def test_without_the_directive_a_made_up_uid_dn_is_nobody_s(start, standin):
+    slapd = start("dirgate.vextranslate.fetchbydnuid false")
+    standin.script(searches=[{"objects": [OBJECT]}])
+    base = f"uid=ann,ou=people,{BASE}"
+    assert search(slapd.connect(), "(objectClass=*)", ["uidNumber"], base, ldap.SCOPE_BASE) == {}
+    assert opened("(objectClass=*)", base, '["uidNumber"]', 0) in standin.requests()
+
+
 def test_an_object_that_carries_the_marker_is_passed_over_even_when_it_says_false(start, standin):
     slapd = start()
     standin.script(searches=[{"objects": [[*OBJECT, ["_nssEntryInvalid", "FALSE"]], OBJECT]}])
