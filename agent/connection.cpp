@@ -67,6 +67,14 @@ void Connection::close() {
     m_shared.closed(shared_from_this());
 }
 
+// The client has gone without the last answer: nobody will ask for the rest of a search
+// that only this answer names.
+void Connection::giveUp() {
+    if (m_closed) return;
+    if (m_search != 0) m_shared.service.closeSearch(m_client, m_search);
+    close();
+}
+
 // A deadline that moves on, as it does with every request, costs nothing: the timer
 // finds out when it is due.
 void Connection::setDeadline(std::chrono::milliseconds time) {
@@ -80,7 +88,8 @@ void Connection::armTimer() {
     m_timer.async_wait([self = shared_from_this()](const error_code& error) {
         if (error || self->m_closed) return;  // another wait has taken its place
         self->m_armed = false;
-        if (self->m_deadline <= std::chrono::steady_clock::now()) return self->close();
+        if (self->m_deadline <= std::chrono::steady_clock::now())
+            return self->m_busy ? self->giveUp() : self->close();
         if (self->m_deadline != Moment::max()) self->armTimer();
     });
 }
@@ -120,6 +129,8 @@ bool Connection::receive(std::uint8_t* place, std::size_t size, std::size_t& hav
             have += static_cast<std::size_t>(got);
         else if (got < 0 && errno == EAGAIN)
             return false;
+        else if (got < 0 && errno == ECONNRESET)  // what was sent has not all been read
+            return giveUp(), false;
         else if (got == 0 || errno != EINTR)
             return close(), false;
     }
@@ -181,6 +192,7 @@ void Connection::work() {
     std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request));
     wipe(m_request);
     m_output = frame ? std::move(*frame) : Bytes();
+    m_search = searchIn(m_output);
     m_written = 0;
     sendAtOnce();
 }
@@ -203,7 +215,7 @@ void Connection::write() {
     asio::async_write(m_socket, asio::buffer(m_output.data() + m_written, size),
                       [self = shared_from_this()](const error_code& error, std::size_t bytes) {
                           if (self->m_closed) return;
-                          if (error) return self->close();
+                          if (error) return self->giveUp();
                           self->onWritten(bytes);
                       });
 }

@@ -62,6 +62,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void onWorked();
     void sendAtOnce();
     void write();
+    void giveUp();
     void onWritten(std::size_t bytes);
     void setDeadline(std::chrono::milliseconds time);
     void armTimer();
@@ -80,8 +81,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::size_t m_haveRequest = 0;
     Bytes m_output;
     std::size_t m_written = 0;
-    bool m_busy = false;     // a request is being worked on or answered
-    bool m_lastOne = false;  // close after the answer
+    std::uint64_t m_search = 0;  // that the last answer leaves open
+    bool m_busy = false;         // a request is being worked on or answered
+    bool m_lastOne = false;      // close after the answer
     bool m_closed = false;
 };
 

@@ -101,4 +101,9 @@ Bytes writeResponse(std::uint64_t id, const Answer& answer) {
     return frameOf(builder);
 }
 
+std::uint64_t searchIn(const Bytes& response) {
+    if (response.size() <= wire::kLengthBytes) return 0;
+    return flatbuffers::GetRoot<wire::Response>(response.data() + wire::kLengthBytes)->search();
+}
+
 }  // namespace vexagent

@@ -30,4 +30,7 @@ struct Answer {
 // be becomes a failure that says so.
 Bytes writeResponse(std::uint64_t id, const Answer& answer);
 
+// The search that such a frame leaves open for its client; 0 for none.
+std::uint64_t searchIn(const Bytes& response);
+
 }  // namespace vexagent

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <boost/asio/post.hpp>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "agent/fake_directory.h"
@@ -23,6 +25,7 @@ using vorn::test::TemporaryFolder;
 namespace {
 
 constexpr int kSoonMs = 20'000;
+constexpr int kWorkers = 3;
 
 // A frame as it is sent: its length first.
 Bytes framed(const Bytes& body) {
@@ -116,6 +119,14 @@ class ServerTest : public ::testing::Test {
     ~ServerTest() override { stop(); }
 
     std::string path() const { return m_folder.file("s"); }
+    static bool soon(const std::function<bool()>& condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSoonMs);
+        while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        return condition();
+    }
+    bool noSearchStaysOpen() const {
+        return soon([this] { return m_service.openSearches() == 0; });
+    }
     // Whether an honest client is served.
     bool serves() const {
         const RawClient client(path());
@@ -125,7 +136,7 @@ class ServerTest : public ::testing::Test {
     TemporaryFolder m_folder;
     FakeDirectory m_directory;
     Service m_service{m_directory, vorn::systemTime};
-    WorkerPool m_pool{3};
+    WorkerPool m_pool{kWorkers};
     boost::asio::io_context m_io{1};
     std::unique_ptr<Server> m_server;
     std::unique_ptr<SocketFile> m_file;
@@ -328,10 +339,55 @@ TEST_F(ServerTest, SearchesEndWithTheProcesssLastConnection) {
         ASSERT_NE(client.receiveReply().search, 0u);
         EXPECT_EQ(m_service.openSearches(), 1u);
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSoonMs);
-    while (m_service.openSearches() != 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-    EXPECT_EQ(m_service.openSearches(), 0u);
+    EXPECT_TRUE(noSearchStaysOpen());
+}
+
+// In these the process has another connection, with which its searches would go on.
+TEST_F(ServerTest, ASearchEndsWhoseAnswerIsNotRead) {
+    run();
+    const RawClient stays(path());
+    ASSERT_TRUE(stays.isGreeted());
+    {
+        const RawClient client(path());
+        ASSERT_TRUE(client.isGreeted());
+        ASSERT_TRUE(client.sendFrame(searchFrame(1, "2")));
+        ASSERT_EQ(client.receive(1).size(), 1u) << "it is there";
+        EXPECT_EQ(m_service.openSearches(), 1u);
+    }
+    EXPECT_TRUE(noSearchStaysOpen());
+}
+
+TEST_F(ServerTest, ASearchEndsWhoseAnswerCannotBeSent) {
+    run();
+    const RawClient stays(path());
+    ASSERT_TRUE(stays.isGreeted());
+    std::promise<void> clientHasGone;
+    const std::shared_future<void> then = clientHasGone.get_future().share();
+    for (int i = 0; i < kWorkers; ++i) m_pool.post(Lane::Quick, [then] { then.wait(); });
+    {
+        const RawClient client(path());
+        ASSERT_TRUE(client.isGreeted());
+        ASSERT_TRUE(client.sendFrame(searchFrame(1, "2")));
+    }
+    clientHasGone.set_value();
+    EXPECT_TRUE(soon([&] { return m_service.statistics().find("search 1,") != std::string::npos; }));
+    EXPECT_TRUE(noSearchStaysOpen());
+}
+
+TEST_F(ServerTest, ASearchOutlivesTheConnectionThatItsAnswerWasReadFrom) {
+    run();
+    const RawClient stays(path());
+    ASSERT_TRUE(stays.isGreeted());
+    std::uint64_t search = 0;
+    {
+        const RawClient client(path());
+        ASSERT_TRUE(client.isGreeted());
+        ASSERT_TRUE(client.sendFrame(searchFrame(1, "3")));
+        search = client.receiveReply().search;
+    }
+    ASSERT_TRUE(serves()) << "the agent has seen the end of the connection before";
+    ASSERT_TRUE(stays.sendFrame(nextFrame(2, search)));
+    EXPECT_EQ(stays.receiveReply().search, search);
 }
 
 TEST_F(ServerTest, StoppingEndsIdleConnections) {

@@ -56,6 +56,9 @@ class Service {
     // Whether the request is of a kind that this agent knows.
     static bool isKnown(const vex::wire::Request& request);
 
+    // Ends a search that the client will not learn of, or ask for again.
+    void closeSearch(const Client& client, std::uint64_t id);
+
     // Ends the searches that nobody has asked for in a long time.
     void expireSearches();
 
@@ -78,7 +81,6 @@ class Service {
     Answer dispatch(const Client& client, const vex::wire::Request& request);
     Answer openSearch(const Client& client, const vex::wire::Request& request);
     Answer continueSearch(const Client& client, std::uint64_t id);
-    void closeSearch(const Client& client, std::uint64_t id);
     Answer fetch(const vex::wire::Request& request);
     Answer lookup(const vex::wire::Request& request);
     Answer authenticate(const Client& client, const vex::wire::Request& request);
