@@ -15,7 +15,8 @@ help:
 	@echo 'make uninstall removes what the last make install put there'
 	@echo 'make lint      the format, and what clang-tidy finds'
 	@echo 'make sanitize  all tests under the sanitizers (asan, then tsan)'
-	@echo 'make soak      the long form of the tests of many requests'
+	@echo 'make soak      everything at once for SOAK_SECONDS= (1200), and the long form of the'
+	@echo '               tests of many requests; ZX_SEED= repeats a run, PRESET= chooses the build'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make mutants   small changes to the code that no unit test notices, in ten minutes'
@@ -84,8 +85,10 @@ asan tsan: %: build-% setup-clients
 
 sanitize: asan tsan
 
-soak: build
-	@ZX_LONG=1 tools/run-tests release --only-load
+# Under a sanitizer: make soak PRESET=asan SOAK_SECONDS=300.
+SOAK_SECONDS ?= 1200
+soak: build-$(PRESET)
+	@ZX_LONG=1 ZX_SCENARIO_SECONDS=$(SOAK_SECONDS) tools/run-tests $(PRESET) --only-load
 
 # A small quarantine keeps the address sanitizer in the processor's caches; file
 # descriptor 2 is what the code under test complains on, and is closed to it.

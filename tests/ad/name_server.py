@@ -1,4 +1,5 @@
 """A name server that knows a few names: SRV records and addresses (RFC 1035, RFC 2782).
+A service of several servers is a list of them.
 
     with NameServer("127.0.0.62", services={"_ldap._tcp.example.com": ("dc.example.com", 389)},
                     hosts={"dc.example.com": "127.0.0.61"}) as server:
@@ -50,16 +51,17 @@ class NameServer(contextlib.AbstractContextManager):
         name, end = ".".join(labels).lower(), at + 5
         [kind] = struct.unpack(">H", question[at + 1:at + 3])
         self.questions.append(name)
-        data = self.data(name, kind)
+        records = self.records(name, kind)
         known = name in self.services or name in self.hosts
-        header = question[:2] + struct.pack(">5H", RESPONSE | (0 if known else NAME_ERROR), 1, 1 if data else 0, 0, 0)
-        record = struct.pack(">HHHIH", 0xC00C, kind, 1, 60, len(data)) + data if data else b""
-        return header + question[12:end] + record
+        header = question[:2] + struct.pack(">5H", RESPONSE | (0 if known else NAME_ERROR), 1, len(records), 0, 0)
+        return header + question[12:end] + b"".join(
+            struct.pack(">HHHIH", 0xC00C, kind, 1, 60, len(data)) + data for data in records)
 
-    def data(self, name, kind):
+    def records(self, name, kind):
         if kind == SRV and name in self.services:
-            host, port = self.services[name]
-            return struct.pack(">3H", 0, 100, port) + encoded(host)
+            services = self.services[name]
+            return [struct.pack(">3H", 0, 100, port) + encoded(host)
+                    for host, port in (services if isinstance(services, list) else [services])]
         if kind == A and name in self.hosts:
-            return socket.inet_aton(self.hosts[name])
-        return b""
+            return [socket.inet_aton(self.hosts[name])]
+        return []

@@ -99,6 +99,8 @@ def as_bytes(value):
 class ScriptedPeer(contextlib.AbstractContextManager):
     """The server: one thread that accepts, and one for each connection."""
 
+    conversation = None  # a kind of Conversation of a test's own
+
     def __init__(self, entries, where=("127.0.0.1", 0), certificate=None, transport="ldaps", passwords=None):
         """certificate is the files' (certificate, key). passwords is {name: password,
         or the text of a refusal}; names as a bind gives them, in any case."""
@@ -173,7 +175,7 @@ class ScriptedPeer(contextlib.AbstractContextManager):
 
     def serve(self, connection):
         # Peers that go wrong make clients hang up; that is no error here.
-        conversation = Conversation(self, connection)
+        conversation = (self.conversation or Conversation)(self, connection)
         with contextlib.suppress(OSError, ValueError, IndexError):
             if self.transport == "ldaps":
                 conversation.secure()

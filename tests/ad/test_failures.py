@@ -364,9 +364,7 @@ def start_resolving(world, nameserver, **settings):
     agent = world.agent(ad__timeout=TIMEOUT, **settings)
     agent.settings.pop("ad.servers")
     agent.write_settings()
-    command = agent.command
-    agent.command = lambda: ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
-                             'mount --bind "$0" /etc/resolv.conf && exec "$@"', resolv, *command()]
+    agent.resolve_by(resolv)
     return agent, resolv
 
 

@@ -69,9 +69,7 @@ class Forest:
         stack.callback(self.world.remove)
         stack.callback(self.world.close)
         self.agent = self.world.agent(ad__timeout=6)
-        command = self.agent.command
-        self.agent.command = lambda: ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
-                                      'mount --bind "$0" /etc/resolv.conf && exec "$@"', self.resolv, *command()]
+        self.agent.resolve_by(self.resolv)
         self.slapd = self.world.slapd(self.agent.start(), directives=Slapd.DIRECTIVES).start()
 
     def forget(self):

@@ -146,6 +146,7 @@ class Agent(Server):
     def __init__(self, folder, servers, behind=DIRECTORY, **settings):
         super().__init__("vexagent", folder, servers)
         self.socket = folder / "agent.sock"
+        self.namespace = []
         self.settings_file = folder / "zanthe.conf"
         self.directory = behind
         self.settings = {"agent.socket": self.socket, **behind.settings(folder)}
@@ -158,7 +159,7 @@ class Agent(Server):
                                       encoding="utf-8")
 
     def command(self):
-        return [BUILD / "agent/vexagent"]
+        return [*self.namespace, BUILD / "agent/vexagent"]
 
     def launch(self):
         self.spawn(self.command(), self.env)
@@ -167,6 +168,11 @@ class Agent(Server):
         self.launch()
         self.wait_ready(lambda: accepts(socket.AF_UNIX, str(self.socket)))
         return self
+
+    def resolve_by(self, resolv):
+        """Its name servers are those of a file, by a mount that only it sees."""
+        self.namespace = ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
+                          'mount --bind "$0" /etc/resolv.conf && exec "$@"', resolv]
 
     def refused(self):
         """Starts it where it must not start: returns its exit status and its words."""

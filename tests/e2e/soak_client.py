@@ -47,15 +47,21 @@ def readable(found):
 
 
 class Client:
+    # What it does, and how often among all of it.
+    KINDS = {"lookup": 60, "miss": 8, "bind": 10, "wrong_password": 5, "enumerate": 2, "pages": 3, "pages_left": 2,
+             "abandon": 4, "disconnect": 2}
+
     def __init__(self, uri, model, seed):
         self.uri, self.base, self.people = uri, model["base"], model["people"]
         self.uids = list(self.people)
         self.random = random.Random(seed)
         self.counts = collections.Counter()
         self.connection = None
-        self.kinds = [getattr(self, name) for name, weight in (
-            ("lookup", 60), ("miss", 8), ("bind", 10), ("wrong_password", 5), ("enumerate", 2), ("pages", 3),
-            ("pages_left", 2), ("abandon", 4), ("disconnect", 2)) for _ in range(weight)]
+
+    def choose(self):
+        """What it does next."""
+        [name] = self.random.choices(list(self.KINDS), self.KINDS.values())
+        return getattr(self, name)
 
     def open(self):
         if self.connection is None:
@@ -149,7 +155,7 @@ class Client:
 
     def run(self, operations):
         for _ in range(operations):
-            kind = self.random.choice(self.kinds)
+            kind = self.choose()
             try:
                 kind()
             except ldap.LDAPError as error:
