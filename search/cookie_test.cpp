@@ -138,6 +138,42 @@ TEST_F(CookieTest, AControlIsMadeInTheOperationsMemory) {
     EXPECT_EQ(m_client.allocations(), 2);
 }
 
+// The value's bytes are the encoder's, which is emptied when the control has them.
+TEST_F(CookieTest, TheEncoderLeavesNothingBehind) {
+    searchFinds(3);
+    page(2, cookieOf(page(2).back()));
+    const auto calls = standin::calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "vex_ber_flatten2(ber, value, 0)"), 2);
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "vex_ber_free_buf(ber)"), 2);
+}
+
+TEST_F(CookieTest, AValueThatCannotBeEncodedIsNoControl) {
+    searchFinds(3);
+    standin::answer("vex_ber_printf", -1);
+    const auto sent = page(2);
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_THAT(sent.back().controls, IsEmpty());
+    EXPECT_EQ(m_handles.getSearchHandle(1), nullptr);
+}
+
+TEST_F(CookieTest, APageIsASuccessWhateverResultTheReplyHad) {
+    searchFinds(3);
+    Request request;
+    request.before.sr_err = LDAP_OTHER;
+    const auto first = page(2, "", request);
+    EXPECT_EQ(first.back().code, LDAP_SUCCESS);
+    EXPECT_EQ(page(2, cookieOf(first.back()), request).at(1).code, LDAP_SUCCESS);
+}
+
+TEST_F(CookieTest, APageOfNothingBehindASingleEntryIsASuccess) {
+    searchFinds(2);
+    const std::string issued = cookieOf(page(1).back());
+    m_client.connection().loseEntries();
+    const auto sent = page(1, issued);
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].code, LDAP_SUCCESS);
+}
+
 // ----------------------------------------------------------------- registry
 
 int countOf(const std::vector<std::string>& records, const std::string& part) {

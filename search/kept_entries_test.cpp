@@ -181,6 +181,20 @@ TEST_F(KeptEntriesTest, AnObjectThatMakesNoEntryIsTriedEachTime) {
     EXPECT_EQ(third.sent.size(), 2U);
 }
 
+// What was kept with the object before is not of the next, which is not cached.
+TEST_F(KeptEntriesTest, AnObjectThatIsLookedUpHasItsOwnEntry) {
+    standin::search({colleague("ann")});
+    for (int time = 0; time < 2; ++time) search();
+    SearchCacheManager::GetCacheManager()->putList(
+        "(uid=both)dc=example,dc=com2", std::make_shared<GuidList>(GuidList{"guid-ann", "guid-bob"}));
+    standin::lookup("guid-bob", colleague("bob"));
+    Request request;
+    request.value = "both";
+    const Answer answer = search(request);
+    ASSERT_EQ(answer.sent.size(), 3U);
+    EXPECT_THAT(answer.sent[1].text, testing::HasSubstr("bob@example.com"));
+}
+
 TEST_F(KeptEntriesTest, ASearchForDnsInTheForestKeepsNone) {
     standin::searchFor({}, {{colleague("ann")}});
     standin::fetch("CN=ann,DC=example,DC=com", colleague("ann"));

@@ -231,6 +231,15 @@ TEST_F(StepsTest, TheDnIsLeftOutOfABaseSearchOfTheRootAlone) {
     }
 }
 
+// Whatever its base: there is no DN to compare.
+TEST_F(StepsTest, AnEntryWithoutADnIsNoOtherThanTheBase) {
+    standin::search({{{"_dn", {""}}, {"_objectCategory", {"Person"}}, {"mail", {"x"}}}});
+    Request request;
+    request.base = "cn=ann,dc=example,dc=com";
+    request.scope = LDAP_SCOPE_BASE;
+    EXPECT_EQ(m_client.search(request).size(), 2U);
+}
+
 // ------------------------------------------------------------- what is sent
 
 TEST_F(StepsTest, AStarMeansAllAttributesWhateverElseTheRequestSays) {
@@ -256,6 +265,51 @@ TEST_F(StepsTest, ALimitIsToldWithoutAText) {
     request.sizeLimit = 0;
     standin::search({person("ann")});
     EXPECT_FALSE(m_client.search(request)[0].hasText);
+}
+
+TEST_F(StepsTest, AResultThatTheReplyHadGivesWayToTheSuffixs) {
+    Request request;
+    request.before.sr_err = LDAP_OTHER;
+    request.scope = LDAP_SCOPE_BASE;
+    EXPECT_EQ(m_client.search(request).back().code, LDAP_SUCCESS);
+}
+
+TEST_F(StepsTest, NoEntryStaysInTheReply) {
+    standin::search({person("ann")});
+    m_client.search(Request{});
+    EXPECT_EQ(m_client.reply().sr_entry, nullptr);
+    Request request;
+    request.scope = LDAP_SCOPE_BASE;
+    m_client.search(request);
+    EXPECT_EQ(m_client.reply().sr_entry, nullptr) << "the back-end's suffix";
+}
+
+TEST_F(StepsTest, AFailuresTextFillsItsBuffer) {
+    standin::answer("vexLdapSearchOpen", 8);
+    standin::health(12, 1, 12, std::string(2000, 'x'));
+    EXPECT_EQ(m_client.search(Request{})[0].text.size(), 510U);
+}
+
+// -------------------------------------------------------- what is given back
+
+TEST_F(StepsTest, ASessionWhoseSearchCannotBeOpenedIsClosedBeforeTheResultIsRepeated) {
+    std::size_t sent = 0;
+    standin::onCall("vexSessionClose", [&] { sent = m_client.connection().sent().size(); });
+    standin::answer("vexLdapSearchOpen", 6);
+    EXPECT_EQ(m_client.search(Request{}).size(), 2U);
+    EXPECT_EQ(sent, 1U);
+}
+
+TEST_F(StepsTest, AFoundObjectIsGivenBackBeforeTheWholeOneIsFetched) {
+    standin::search({person("ann")});
+    standin::fetch("CN=ann,DC=example,DC=com", person("ann"));
+    Request request;
+    request.base = "cn=$,dc=example,dc=com";
+    m_client.search(request);
+    const auto calls = standin::calls();
+    const auto freed = std::find(calls.begin(), calls.end(), "vexFreeObject(object1)");
+    EXPECT_TRUE(std::any_of(freed, calls.end(),
+                            [](const std::string& call) { return call.starts_with("vexLdapFetch"); }));
 }
 
 TEST_F(StepsTest, TheSessionIsClosedBeforeTheSuffixIsAnswered) {

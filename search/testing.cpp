@@ -1,7 +1,10 @@
 #include "search/testing.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include "search/search.h"
@@ -17,26 +20,47 @@ struct berval bv(std::string& text) {
     return {text.size(), text.data()};
 }
 
-// An operation's own memory: as in slapd, what is left of it goes with the operation.
+// An operation's own memory: as in slapd, what is left of it goes with the operation. It
+// is not empty at first, and what is written behind a block is found.
 class Slab {
   public:
     ~Slab() {
-        for (void* block : m_blocks) std::free(block);
+        for (const Block& block : m_blocks) release(block);
     }
     static void* allocate(ber_len_t size, void* slab) {
-        ++static_cast<Slab*>(slab)->m_allocations;
-        return static_cast<Slab*>(slab)->m_blocks.emplace_back(std::malloc(size));
+        auto& self = *static_cast<Slab*>(slab);
+        ++self.m_allocations;
+        const Block block{std::malloc(size + kGuard), size};
+        std::memset(block.start, kFill, size + kGuard);
+        self.m_blocks.push_back(block);
+        return block.start;
     }
-    static void release(void* block, void* slab) {
+    static void release(void* start, void* slab) {
         auto& blocks = static_cast<Slab*>(slab)->m_blocks;
-        blocks.erase(std::find(blocks.begin(), blocks.end(), block));
-        std::free(block);
+        const auto found = std::find_if(blocks.begin(), blocks.end(),
+                                        [&](const Block& block) { return block.start == start; });
+        release(*found);
+        blocks.erase(found);
     }
     int allocations() const { return m_allocations; }
 
   private:
+    static constexpr std::size_t kGuard = 64;
+    static constexpr unsigned char kFill = 0xA5;
+    struct Block {
+        void* start;
+        std::size_t size;
+    };
+
+    static void release(const Block& block) {
+        const auto* guard = static_cast<const unsigned char*>(block.start) + block.size;
+        EXPECT_TRUE(std::all_of(guard, guard + kGuard, [](unsigned char byte) { return byte == kFill; }))
+            << "something was written behind its block";
+        std::free(block.start);
+    }
+
     int m_allocations = 0;
-    std::vector<void*> m_blocks;
+    std::vector<Block> m_blocks;
 };
 
 }  // namespace
@@ -96,6 +120,7 @@ std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     *operation.reply() = request.before;
     const int result = vex_back_search(op, operation.reply());
     m_allocations = slab.allocations();
+    m_reply = *operation.reply();
     if (answer != nullptr) *answer = result;
     std::vector<standin::Sent> all = m_connection.sent();
     std::vector<standin::Sent> fresh(all.begin() + static_cast<std::ptrdiff_t>(m_seen), all.end());

@@ -62,6 +62,8 @@ class Client {
 
     // How often the last request asked for memory that goes with its operation.
     int allocations() const { return m_allocations; }
+    // The reply as the last request left it.
+    const SlapReply& reply() const { return m_reply; }
 
     standin::FakeConnection& connection() { return m_connection; }
 
@@ -69,6 +71,7 @@ class Client {
     standin::FakeConnection m_connection;
     std::size_t m_seen = 0;
     int m_allocations = 0;
+    SlapReply m_reply{};
 };
 
 // The control value's cookie.

@@ -55,6 +55,10 @@ void vex_ber_init2(BerElement* ber, struct berval* value, int options) {
 
 int vex_ber_printf(BerElement* ber, const char* format, ...) {
     note("vex_ber_printf(ber, \"" + std::string(format) + "\")");
+    {
+        std::lock_guard guard(standin::state().mutex);
+        if (int code = standin::state().nextAnswer("vex_ber_printf")) return code;
+    }
     va_list arguments;
     va_start(arguments, format);
     int written = 0;

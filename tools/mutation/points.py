@@ -17,6 +17,7 @@ OPPOSITE = {"<": ">=", "<=": ">", ">": "<=", ">=": "<", "==": "!=", "!=": "==", 
 CONDITIONS = (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.FOR_STMT, CursorKind.CXX_FOR_RANGE_STMT)
 BODIES = CONDITIONS + (CursorKind.DO_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 SIGNED = (CursorKind.BINARY_OPERATOR, CursorKind.CALL_EXPR)  # a call: of an overloaded operator
+NOTHING = re.compile(r"0|\w*(_OK|_SUCCESS)|kAccepted")  # what a zero is called
 KEPT_FLAGS = ("-I", "-D", "-isystem", "-std")
 
 
@@ -143,7 +144,7 @@ class Finder:
         elif kind in (TypeKind.RECORD, TypeKind.UNEXPOSED, TypeKind.ELABORATED):
             new = "{}"
         elif TypeKind.CHAR_U.value <= kind.value <= TypeKind.LONGDOUBLE.value:
-            new = "1" if old == "0" else "0"
+            new = "1" if NOTHING.fullmatch(old) else "0"
         else:
             return
         if old not in ("{}", "std::nullopt", "nullptr", '""', new):
