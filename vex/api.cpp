@@ -64,7 +64,7 @@ bool isEmpty(const char* text) {
 }  // namespace
 
 vexCode vexSessionOpen(int kind, int level, vexSession** session) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!session) return VEX_INVALID_ARGUMENT;
         if (kind != VEX_SESSION_LOCAL || level != VEX_INTERFACE_LEVEL) return VEX_NOT_SUPPORTED;
         auto opened = std::make_shared<vexSession>(configuredEndpoint());
@@ -80,7 +80,7 @@ vexCode vexSessionOpen(int kind, int level, vexSession** session) {
 }
 
 vexCode vexSessionClose(vexSession* session) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!session || !session->close()) return VEX_BROKEN_HANDLE;
         const std::shared_ptr<vexSession> last = std::move(session->self);
         return VEX_OK;
@@ -100,7 +100,7 @@ vexCode vexSetOption(vexSession* session, int option, const void* value, size_t 
 vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* filter, const char* base,
                           const char* const* attributes, int scope, int sizeLimit, int pageSize,
                           vexSearchHandle** search) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (!search || scope < 0 || scope > 3) return session->notAnswered(VEX_INVALID_ARGUMENT);
         Request request;
@@ -120,7 +120,7 @@ vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* f
 }
 
 vexCode vexLdapSearchNext(vexSearchHandle* search, vexObject** object) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!search || !isUsable(search->session)) return VEX_BROKEN_HANDLE;
         if (!object) return search->session->notAnswered(VEX_INVALID_ARGUMENT);
         return static_cast<Search*>(search)->next(object);
@@ -128,7 +128,7 @@ vexCode vexLdapSearchNext(vexSearchHandle* search, vexObject** object) {
 }
 
 vexCode vexLdapSearchClose(vexSearchHandle* search) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!search) return VEX_BROKEN_HANDLE;
         const std::unique_ptr<Search> owned(static_cast<Search*>(search));
         owned->close();
@@ -138,7 +138,7 @@ vexCode vexLdapSearchClose(vexSearchHandle* search) {
 
 vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, const char* const* attributes,
                      vexObject** object) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (!dn || !object) return session->notAnswered(VEX_INVALID_ARGUMENT);
         Request request;
@@ -151,7 +151,7 @@ vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, co
 }
 
 vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject** object) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (!guid || !object) return session->notAnswered(VEX_INVALID_ARGUMENT);
         Request request;
@@ -162,7 +162,7 @@ vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject**
 }
 
 vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, const char* password, int flags) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (flags != 0) return session->notAnswered(VEX_INVALID_ARGUMENT);
         if (isEmpty(user)) return session->notAnswered(VEX_NO_SUCH_USER);
@@ -177,7 +177,7 @@ vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, cons
 }
 
 vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** names) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (!names) return session->notAnswered(VEX_INVALID_ARGUMENT);
         Request request;
@@ -195,7 +195,7 @@ vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** name
 // the call before as it is.
 vexCode vexSystemHealthInfo(vexSession* session, int flags, int* condition, int* errSystem, int* errCode,
                             char** errString) {
-    return guarded([&]() -> vexCode {
+    return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (flags != 0 || !condition) return VEX_INVALID_ARGUMENT;
         Request request;

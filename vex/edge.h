@@ -8,6 +8,9 @@
 
 #include "vex/vex.h"
 
+// Of vorn/lock.h, in a program that has locks of this kind.
+extern "C" __attribute__((weak)) void vorn_assert_no_lock_held();
+
 namespace vex {
 
 // Runs the body of a call; whatever it throws becomes a code.
@@ -20,6 +23,16 @@ vexCode guarded(Body&& body) noexcept {
     } catch (...) {
         return VEX_BROKEN_SESSION;
     }
+}
+
+// The same for a call that may wait for the agent. The caller's threads would wait with
+// it if the caller held a lock: one that is built with sanitizers is told so.
+template <typename Body>
+vexCode guardedWait(Body&& body) noexcept {
+#ifdef ZX_SANITIZED
+    if (vorn_assert_no_lock_held != nullptr) vorn_assert_no_lock_held();
+#endif
+    return guarded(body);
 }
 
 template <typename T, typename U>

@@ -23,6 +23,9 @@ namespace {
 
 using Guard = std::unique_lock<Mutex>;
 
+// The calling thread's, on any lock and either side.
+thread_local std::size_t locksHeld = 0;
+
 // Written without stdio, whose own locks another thread may hold.
 void writeToStandardError(const char* text, std::size_t length) {
     while (length > 0) {
@@ -67,6 +70,7 @@ void ReaderWriterLock::getReadLock() {
     if (!readerMayEnter()) waitToRead(guard);
     incrReaderCount();
     m_state = READING;
+    ++locksHeld;
 }
 
 void ReaderWriterLock::waitToRead(Guard& guard) {
@@ -82,6 +86,7 @@ void ReaderWriterLock::waitToRead(Guard& guard) {
 void ReaderWriterLock::releaseReadLock() {
     const Guard guard(m_mutex);
     decrReaderCount();
+    --locksHeld;
     if (m_numReadersWithLocks == 0) m_state = UNLOCKED;
     wakeWhoMayEnter();
 }
@@ -90,6 +95,7 @@ void ReaderWriterLock::getWriteLock() {
     Guard guard(m_mutex);
     if (!writerMayEnter()) waitToWrite(guard);
     beginWriting();
+    ++locksHeld;
 }
 
 void ReaderWriterLock::waitToWrite(Guard& guard) {
@@ -108,6 +114,7 @@ void ReaderWriterLock::beginWriting() {
 void ReaderWriterLock::releaseWriteLock() {
     if (!holdsWriterLock()) assertionFailed("holdsWriterLock()");
     const Guard guard(m_mutex);
+    --locksHeld;
     m_writer.store(pthread_t{}, std::memory_order_relaxed);
     m_state = m_numReadersWithLocks == 0 ? UNLOCKED : READING;
     wakeWhoMayEnter();
@@ -171,3 +178,7 @@ void ReaderWriterLock::incrReaderCount() {
 }
 
 }  // namespace vorn
+
+void vorn_assert_no_lock_held() {
+    if (vorn::locksHeld != 0) vorn::assertionFailed("no lock is held across what may wait");
+}

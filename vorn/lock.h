@@ -9,6 +9,11 @@
 #include <list>
 #include <mutex>
 
+// Ends the process when the calling thread holds a ReaderWriterLock: for what may wait
+// for somebody else, such as a peer. With C linkage and exported, so that a library
+// beside the one with the locks can ask for it by name.
+extern "C" __attribute__((visibility("default"))) void vorn_assert_no_lock_held();
+
 namespace vorn {
 
 // A mutex, and the same under the name that members which guard data carry.

@@ -454,5 +454,23 @@ TEST(ReaderWriterLock, EightThreadsOfReadersWritersAndUpgradersLoseNothing) {
     EXPECT_EQ(pair.second, added);
 }
 
+TEST(ReaderWriterLockDeathTest, WhoHoldsALockMustNotWait) {
+    ReaderWriterLock first;
+    ReaderWriterLock second;
+    vorn_assert_no_lock_held();
+    const char* const said = "no lock is held across what may wait";
+    EXPECT_DEATH((ReaderLock(first), vorn_assert_no_lock_held()), said);
+    {
+        const ReaderLock reader(first);
+        EXPECT_DEATH(vorn_assert_no_lock_held(), said);
+        first.upgradeToWriterLock();
+        EXPECT_DEATH(vorn_assert_no_lock_held(), said);
+        { const WriterLock writer(second); }
+        EXPECT_DEATH(vorn_assert_no_lock_held(), said) << "one of two was released";
+        std::thread([] { vorn_assert_no_lock_held(); }).join();  // another thread's are its own
+    }
+    vorn_assert_no_lock_held();
+}
+
 }  // namespace
 }  // namespace vorn

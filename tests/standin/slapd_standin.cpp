@@ -1,5 +1,7 @@
 #include <strings.h>
 
+#include "vorn/lock.h"
+
 #include "tests/standin/slapd_standin.h"
 
 namespace standin {
@@ -16,6 +18,7 @@ FakeConnection& FakeConnection::of(Operation* op) {
 }
 
 void FakeConnection::keep(SlapReply* rs, bool isEntry) {
+    vorn_assert_no_lock_held();  // a client may be slow to take what it is sent
     Sent sent{isEntry, rs->sr_err, "", rs->sr_text != nullptr, {}, {}, rs->sr_flags, rs->sr_nentries};
     if (isEntry)
         sent.text = entryText(rs->sr_entry);

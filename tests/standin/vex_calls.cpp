@@ -11,7 +11,15 @@
 
 using namespace standin;
 
+// Of vorn, where the code under test has it.
+extern "C" __attribute__((weak)) void vorn_assert_no_lock_held();
+
 namespace {
+
+// What libvex may wait for the agent in, closings included.
+void mayWait() {
+    if (vorn_assert_no_lock_held != nullptr) vorn_assert_no_lock_held();
+}
 
 std::string quoted(const char* text) {
     return text ? "\"" + std::string(text) + "\"" : "null";
@@ -191,6 +199,7 @@ vexCode vexGetErrSystemStr(int errSystem, const char** text) {
 }
 
 vexCode vexSessionOpen(int kind, int level, vexSession** session) {
+    mayWait();
     Call call("vexSessionOpen", std::to_string(kind), std::to_string(level));
     if (int code = call.answer()) return code;
     auto& all = call.handles().sessions;
@@ -200,6 +209,7 @@ vexCode vexSessionOpen(int kind, int level, vexSession** session) {
 }
 
 vexCode vexSessionClose(vexSession* session) {
+    mayWait();
     Call call("vexSessionClose", named(session));
     int code = call.answer(session);
     if (session) session->closed = true;
@@ -220,6 +230,7 @@ vexCode vexSetOption(vexSession* session, int option, const void* value, size_t 
 vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* filter, const char* base,
                           const char* const* attributes, int scope, int sizeLimit, int pageSize,
                           vexSearchHandle** search) {
+    mayWait();
     Call call("vexLdapSearchOpen", named(session), quoted(domain), quoted(filter), quoted(base),
               quoted(attributes), std::to_string(scope), std::to_string(sizeLimit), std::to_string(pageSize));
     if (int code = call.answer(session)) return code;
@@ -244,6 +255,7 @@ vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* f
 }
 
 vexCode vexLdapSearchNext(vexSearchHandle* handle, vexObject** object) {
+    mayWait();
     Call call("vexLdapSearchNext", named(handle));
     auto* search = static_cast<Search*>(handle);
     if (!search) return VEX_BROKEN_HANDLE;
@@ -258,6 +270,7 @@ vexCode vexLdapSearchNext(vexSearchHandle* handle, vexObject** object) {
 }
 
 vexCode vexLdapSearchClose(vexSearchHandle* handle) {
+    mayWait();
     Call call("vexLdapSearchClose", named(handle));
     auto* search = static_cast<Search*>(handle);
     if (!search) return VEX_BROKEN_HANDLE;
@@ -271,12 +284,14 @@ vexCode vexLdapSearchClose(vexSearchHandle* handle) {
 
 vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, const char* const* attributes,
                      vexObject** object) {
+    mayWait();
     Call call("vexLdapFetch", named(session), quoted(domain), quoted(dn), quoted(attributes));
     if (int code = call.answer(session)) return code;
     return giveLookup(call, call.tables().fetches, dn, object);
 }
 
 vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject** object) {
+    mayWait();
     Call call("vexLookupObjectByGuid", named(session), quoted(guid));
     if (int code = call.answer(session)) return code;
     return giveLookup(call, call.tables().lookups, guid, object);
@@ -344,6 +359,7 @@ vexObject* ChmCloneObject(const vexObject* object) {
 }
 
 vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, const char* password, int flags) {
+    mayWait();
     bool show;
     {
         std::lock_guard guard(state().mutex);
@@ -361,6 +377,7 @@ vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, cons
 }
 
 vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** names) {
+    mayWait();
     Call call("vexGetObjectSupportedAttributes", named(session));
     if (int code = call.answer(session)) return code;
     auto set = std::make_unique<NameSet>();
@@ -376,6 +393,7 @@ vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** name
 
 vexCode vexSystemHealthInfo(vexSession* session, int flags, int* condition, int* errSystem, int* errCode,
                             char** errString) {
+    mayWait();
     Call call("vexSystemHealthInfo", named(session), std::to_string(flags));
     if (int code = call.answer(session)) return code;
     *condition = call.tables().health.condition;
