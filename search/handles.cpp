@@ -1,6 +1,7 @@
 #include "search/handles.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "backend/log.h"
@@ -11,24 +12,29 @@ SearchHandleManager* back_vex_search_handle = nullptr;
 
 namespace {
 
-std::uint64_t address(const void* pointer) {
-    return reinterpret_cast<std::uint64_t>(pointer);
-}
-
 // The part of an address that the log shows.
 unsigned shownAddress(const SharedHandle& handle) {
-    return static_cast<unsigned>(address(handle.get()));
+    return static_cast<unsigned>(reinterpret_cast<std::uint64_t>(handle.get()));
 }
+
+// A page that nobody may claim any more. Its search ends with it, although the handle
+// may stay registered.
+struct EndedPage {
+    OpenPage page;
+    ~EndedPage() {
+        if (page.handle != nullptr) page.handle->end();
+    }
+};
 
 }  // namespace
 
-LdapSearchHandle::~LdapSearchHandle() {
+void LdapSearchHandle::end() {
     if (search != nullptr) {
         vexSession* const searchSession = search->session;
-        vexLdapSearchClose(search);
+        vexLdapSearchClose(std::exchange(search, nullptr));
         if (searchSession != nullptr) vexSessionClose(searchSession);
     }
-    if (cache.session != nullptr) vexSessionClose(cache.session);
+    if (cache.session != nullptr) vexSessionClose(std::exchange(cache.session, nullptr));
 }
 
 void SearchHandleManager::setSearchHandle(unsigned long connection, const SharedHandle& handle) {
@@ -45,49 +51,105 @@ SharedHandle SearchHandleManager::getSearchHandle(unsigned long connection) {
 }
 
 void SearchHandleManager::delSearchHandle(unsigned long connection) {
+    SharedHandle registered;
+    Connected held;
     const vorn::WriterLock lock(m_lock);
-    m_held.erase(connection);
+    if (const auto found = m_connected.find(connection); found != m_connected.end()) {
+        held = std::move(found->second);
+        m_open -= held.issued.size() + held.kept.size();
+        m_connected.erase(found);
+    }
     const auto found = m_handles.find(connection);
     if (found == m_handles.end()) return;
     JPrintf("delSearchHandle: connection_id:%lu", connection);
-    delSearchHandle(found);
+    registered = takeOut(found);
 }
 
-// The caller holds the write lock.
-void SearchHandleManager::delSearchHandle(Handles::iterator position) {
-    if (position->second != nullptr)
-        JPrintf("delSearchHandle: handle:0x%08x", shownAddress(position->second));
+SharedHandle SearchHandleManager::takeOut(Handles::iterator position) {
+    SharedHandle handle = std::move(position->second);
+    if (handle != nullptr) JPrintf("delSearchHandle: handle:0x%08x", shownAddress(handle));
     m_handles.erase(position);
+    return handle;
 }
 
 void SearchHandleManager::clearAllSearchHandle() {
+    std::deque<SharedHandle> registered;
+    std::map<unsigned long, Connected> held;
     const vorn::WriterLock lock(m_lock);
-    m_held.clear();
-    while (!m_handles.empty()) delSearchHandle(m_handles.begin());
+    held.swap(m_connected);
+    m_open = 0;
+    while (!m_handles.empty()) registered.push_back(takeOut(m_handles.begin()));
 }
 
-void SearchHandleManager::issue(unsigned long connection, OpenPage page) {
+void SearchHandleManager::issue(unsigned long connection, const std::string& peer, OpenPage page) {
+    EndedPage ended;
     const vorn::WriterLock lock(m_lock);
-    m_held[connection].issued.push_back(std::move(page));
+    ended.page = add(connection, peer, &Connected::issued, std::move(page));
 }
 
 std::optional<OpenPage> SearchHandleManager::claim(unsigned long connection, std::uint64_t received,
-                                                   std::uint64_t handle, std::uint64_t entry) {
+                                                   const PageName& name) {
     const vorn::WriterLock lock(m_lock);
-    const auto held = m_held.find(connection);
-    if (held == m_held.end()) return std::nullopt;
-    auto& issued = held->second.issued;
-    const auto found = std::find_if(issued.begin(), issued.end(), [&](const OpenPage& page) {
-        return page.received == received && address(page.handle.get()) == handle &&
-               address(page.pending.get()) == entry;
+    const auto held = m_connected.find(connection);
+    if (held == m_connected.end()) return std::nullopt;
+    Line& issued = held->second.issued;
+    const auto found = std::find_if(issued.begin(), issued.end(), [&](const Held& one) {
+        return one.page.received == received && one.page.name == name;
     });
     if (found == issued.end()) return std::nullopt;
-    OpenPage page = std::move(*found);
+    OpenPage page = std::move(found->page);
     issued.erase(found);
+    --m_open;
     return page;
 }
 
-void SearchHandleManager::keep(unsigned long connection, SharedHandle handle) {
+void SearchHandleManager::keep(unsigned long connection, const std::string& peer, SharedHandle handle) {
+    EndedPage ended;
     const vorn::WriterLock lock(m_lock);
-    m_held[connection].kept.push_back(std::move(handle));
+    ended.page = add(connection, peer, &Connected::kept, {std::move(handle), nullptr, 0, {}});
+}
+
+// Gives what has to end for it: one at most.
+OpenPage SearchHandleManager::add(unsigned long connection, const std::string& peer, Line Connected::*line,
+                                  OpenPage page) {
+    Connected& connected = m_connected[connection];
+    connected.peer = peer;
+    Line& own = connected.*line;
+    own.push_back({++m_lastNumber, std::move(page)});
+    ++m_open;
+    if (own.size() > kMaxOfConnection) return takeOldest(own);
+    if (m_open > kMaxOfProcess) return takeOldest(oldestLineOf(greediestPeer(peer)));
+    return {};
+}
+
+OpenPage SearchHandleManager::takeOldest(Line& line) {
+    OpenPage oldest = std::move(line.front().page);
+    line.pop_front();
+    --m_open;
+    return oldest;
+}
+
+// The line whose front is the oldest of what the peer holds. A kept handle, which no
+// cookie names, is missed by nobody: it goes before a page.
+SearchHandleManager::Line& SearchHandleManager::oldestLineOf(const std::string& peer) {
+    Line* oldest[] = {nullptr, nullptr};  // of the kept ones, of the pages
+    const auto consider = [](Line*& best, Line& line) {
+        if (!line.empty() && (best == nullptr || line.front().number < best->front().number)) best = &line;
+    };
+    for (auto& [connection, connected] : m_connected) {
+        if (connected.peer != peer) continue;
+        consider(oldest[0], connected.kept);
+        consider(oldest[1], connected.issued);
+    }
+    return oldest[0] != nullptr ? *oldest[0] : *oldest[1];
+}
+
+// The peer that holds most. Of several that do, the preferred one.
+std::string SearchHandleManager::greediestPeer(const std::string& preferred) const {
+    std::map<std::string_view, std::size_t> held;
+    for (const auto& [connection, connected] : m_connected)
+        held[connected.peer] += connected.issued.size() + connected.kept.size();
+    const auto most = std::max_element(held.begin(), held.end(),
+                                       [](const auto& a, const auto& b) { return a.second < b.second; });
+    return std::string(held[preferred] == most->second ? std::string_view(preferred) : most->first);
 }

@@ -3,17 +3,22 @@
 // A paged search stays open between two requests of one connection. The client
 // carries a cookie that names it; everything that a cookie can name is owned
 // here, by connection, so nothing is lost when a client never comes back.
+//
+// What clients can hold open is bounded. Beyond a bound the oldest search ends, of the
+// connection that is at its own bound, else of the peer that holds most: so nobody at
+// a bound disturbs another.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "cache/search_cache.h"
+#include "search/page_name.h"
 #include "vex/vex.h"
 #include "vorn/lock.h"
 
@@ -33,12 +38,15 @@ struct CacheLdapHandle {
 // agent's search and its session when it goes.
 struct LdapSearchHandle {
     LdapSearchHandle() = default;
-    ~LdapSearchHandle();
+    ~LdapSearchHandle() { end(); }
     LdapSearchHandle(const LdapSearchHandle&) = delete;
     LdapSearchHandle& operator=(const LdapSearchHandle&) = delete;
 
     // The session that the search runs in; null before it was opened.
     vexSession* session() const { return search != nullptr ? search->session : cache.session; }
+
+    // Ends the agent's search and its session before that. Nobody may be using them.
+    void end();
 
     vexSearchHandle* search = nullptr;  // null for a replay
     CacheLdapHandle cache;
@@ -50,18 +58,24 @@ struct LdapSearchHandle {
 };
 using SharedHandle = std::shared_ptr<LdapSearchHandle>;
 
-// The open search and the entry that did not fit in the page before, as a cookie
-// names them, and how many entries the client has received: an address may be that of
-// another entry a page later.
+// The open search and the entry that did not fit in the page before, and the cookie
+// that claims them: by its name, and by how many entries the client has received.
 struct OpenPage {
     SharedHandle handle;
     SharedEntry pending;
     std::uint64_t received = 0;
+    PageName name;
 };
 
-// Safe for use by several threads; one instance a process.
+// Safe for use by several threads; one instance a process. Searches end after its lock
+// is released: that takes the agent.
 class SearchHandleManager {
   public:
+    // Bounds on what is open: of a connection, pages and kept handles apart; of the
+    // process, both together.
+    static constexpr std::size_t kMaxOfConnection = 64;
+    static constexpr std::size_t kMaxOfProcess = 4096;
+
     // Registers a connection's handle. The first one stays registered.
     void setSearchHandle(unsigned long connection, const SharedHandle& handle);
 
@@ -74,31 +88,45 @@ class SearchHandleManager {
     // Releases everything.
     void clearAllSearchHandle();
 
-    // Takes a page's state for a cookie, which claims it by the number received and the
-    // addresses of the handle and the entry.
-    void issue(unsigned long connection, OpenPage page);
+    // Takes a page's state for a cookie. peer is the address that the connection comes
+    // from.
+    void issue(unsigned long connection, const std::string& peer, OpenPage page);
 
     // Gives the state of exactly this cookie back, once: the second of two requests
     // with one cookie gets nothing.
-    std::optional<OpenPage> claim(unsigned long connection, std::uint64_t received, std::uint64_t handle,
-                                  std::uint64_t entry);
+    std::optional<OpenPage> claim(unsigned long connection, std::uint64_t received, const PageName& name);
 
     // Keeps a handle until its connection closes.
-    void keep(unsigned long connection, SharedHandle handle);
+    void keep(unsigned long connection, const std::string& peer, SharedHandle handle);
 
   private:
-    // What a connection holds beside its registered handle.
+    // A page, or a kept handle alone; numbered in the order in which they came.
     struct Held {
-        std::vector<OpenPage> issued;
-        std::vector<SharedHandle> kept;
+        std::uint64_t number;
+        OpenPage page;
+    };
+    using Line = std::deque<Held>;  // the oldest first
+
+    // What a connection holds beside its registered handle.
+    struct Connected {
+        std::string peer;
+        Line issued;
+        Line kept;
     };
     using Handles = std::map<unsigned long, SharedHandle>;
 
-    void delSearchHandle(Handles::iterator position);
+    // The caller of each holds the write lock, and ends what it gets after that.
+    SharedHandle takeOut(Handles::iterator position);
+    OpenPage add(unsigned long connection, const std::string& peer, Line Connected::*line, OpenPage page);
+    OpenPage takeOldest(Line& line);
+    Line& oldestLineOf(const std::string& peer);
+    std::string greediestPeer(const std::string& preferred) const;
 
     Handles m_handles;  // guarded by m_lock
     vorn::ReaderWriterLock m_lock;
-    std::map<unsigned long, Held> m_held;  // guarded by m_lock
+    std::map<unsigned long, Connected> m_connected;  // guarded by m_lock
+    std::size_t m_open = 0;                          // guarded by m_lock; all that m_connected holds
+    std::uint64_t m_lastNumber = 0;                  // guarded by m_lock
 };
 
 // The process's registry, made when the back-end registers.

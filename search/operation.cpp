@@ -318,7 +318,7 @@ bool SearchOperation::endPage() {
     const bool isLast = sent < m_paging.pageSize();
     const bool continues = sent == m_paging.pageSize() && m_pending != nullptr && belowSizeLimit();
     if (!isLast && !continues) return false;
-    OpenPage page{m_handle, std::move(m_pending), 0};
+    OpenPage page{m_handle, std::move(m_pending), 0, {}};
     const bool attached = isLast ? m_paging.answerLast(m_rs) : m_paging.answerOpen(m_rs, &page);
     if (!attached) return false;
     m_rs->sr_err = LDAP_SUCCESS;
@@ -356,7 +356,7 @@ void SearchOperation::releaseHandle() {
     const SharedHandle registered = back_vex_search_handle->getSearchHandle(m_op->o_connid);
     if (m_handle == nullptr) return;
     if (registered != nullptr && registered != m_handle) {
-        back_vex_search_handle->keep(m_op->o_connid, m_handle);
+        back_vex_search_handle->keep(m_op->o_connid, m_paging.peer(), m_handle);
     }
     m_handle.reset();
 }

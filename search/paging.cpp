@@ -1,6 +1,7 @@
 #include "search/paging.h"
 
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "backend/log.h"
@@ -9,10 +10,6 @@
 #include "backend/slapd.h"
 
 namespace {
-
-std::uint64_t address(const void* pointer) {
-    return reinterpret_cast<std::uint64_t>(pointer);
-}
 
 // A BER encoder whose buffer goes with it.
 class BerEncoder {
@@ -49,6 +46,13 @@ PagedResults::PagedResults(Operation* op)
                   ? static_cast<PagedResultsState*>(op->o_pagedresults_state)
                   : nullptr) {}
 
+// slapd's name of a peer is "IP=ADDRESS:PORT", or "PATH=..." without a port.
+std::string PagedResults::peer() const {
+    const berval& name = m_op->o_conn->c_peer_name;
+    const std::string_view text(name.bv_val, name.bv_len);
+    return std::string(text.starts_with("IP=") ? text.substr(0, text.rfind(':')) : text);
+}
+
 std::optional<Rejection> PagedResults::resume(OpenPage* page) {
     JPrintf("vex search: already received entries count:%d, pagesize:%d, size limit:%d", earlier(),
             pageSize(), m_op->ors_slimit);
@@ -67,9 +71,8 @@ std::optional<Rejection> PagedResults::resume(OpenPage* page) {
     if (cookie.received < m_state->ps_cookie) {
         return Rejection{LDAP_UNWILLING_TO_PERFORM, "paged results cookie is invalid or old"};
     }
-    if (cookie.handle == 0 || cookie.pending == 0) return invalid;
-    auto claimed =
-        back_vex_search_handle->claim(m_op->o_connid, cookie.received, cookie.handle, cookie.pending);
+    if (cookie.name.first == 0 || cookie.name.second == 0) return invalid;
+    auto claimed = back_vex_search_handle->claim(m_op->o_connid, cookie.received, cookie.name);
     if (!claimed) return invalid;
     *page = std::move(*claimed);
     return std::nullopt;
@@ -77,15 +80,16 @@ std::optional<Rejection> PagedResults::resume(OpenPage* page) {
 
 bool PagedResults::answerOpen(SlapReply* rs, OpenPage* page) {
     const int received = earlier() + rs->sr_nentries;
-    Cookie cookie{static_cast<std::uint64_t>(received), address(page->handle.get()),
-                  address(page->pending.get())};
+    const std::optional<PageName> name = PageName::draw();
+    Cookie cookie{static_cast<std::uint64_t>(received), name.value_or(PageName{})};
     struct berval value = {sizeof cookie, reinterpret_cast<char*>(&cookie)};
     remember(cookie.received, received);
-    if (!attach(rs, &value)) return false;
+    if (!name || !attach(rs, &value)) return false;
     page->received = cookie.received;
+    page->name = cookie.name;
     // Before the client has the cookie: its next request may come at once.
     const SharedHandle handle = page->handle;
-    back_vex_search_handle->issue(m_op->o_connid, std::move(*page));
+    back_vex_search_handle->issue(m_op->o_connid, peer(), std::move(*page));
     back_vex_search_handle->setSearchHandle(m_op->o_connid, handle);
     return true;
 }

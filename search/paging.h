@@ -1,16 +1,17 @@
 // The simple paged results control (RFC 2696), answered by the module itself.
 //
 // The cookie is 24 bytes: three unsigned 64-bit numbers in the host's byte order,
-// namely how many entries the client has received, and the addresses of the open
-// search and of the entry that did not fit in the page before. It is a claim, not
-// a pointer: the addresses only name what the registry of open searches holds for
-// this connection.
+// namely how many entries the client has received, and two random ones, drawn for
+// this cookie. It is a claim: the numbers name what the registry of open searches
+// holds for this connection.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "search/handles.h"
+#include "search/page_name.h"
 #include "search/request.h"
 
 #include "backend/slapd.h"
@@ -26,6 +27,9 @@ class PagedResults {
     int pageSize() const { return m_state->ps_size; }
     // Entries that the client has received in earlier pages; 0 without the control.
     int earlier() const { return requested() ? m_state->ps_count : 0; }
+
+    // The address that the client comes from, without its port.
+    std::string peer() const;
 
     // Checks page size and cookie. Takes the open search that the cookie names
     // out of the registry; without a cookie *page stays empty and a new search
@@ -44,8 +48,7 @@ class PagedResults {
   private:
     struct Cookie {
         std::uint64_t received;
-        std::uint64_t handle;
-        std::uint64_t pending;
+        PageName name;
     };
 
     bool attach(SlapReply* rs, struct berval* cookie);

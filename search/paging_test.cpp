@@ -3,12 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "backend/settings.h"
-#include "search/entries.h"
 #include "search/fixture.h"
 #include "search/testing.h"
 #include "tests/standin/captured.h"
@@ -328,16 +329,36 @@ TEST_F(PagingTest, OfTwoRequestsWithOneCookieOneContinues) {
     EXPECT_EQ(sent[0].text, "paged results cookie is invalid");
 }
 
-// The entry left over from one page may stand where that of the page before stood.
-TEST_F(PagingTest, ACookieOfAnEarlierPageClaimsNothingThoughItsAddressesAreInUseAgain) {
-    const auto handle = std::make_shared<LdapSearchHandle>();
-    const SharedEntry entry = EntryMaker::parse("dn: cn=p\n");
-    const auto address = [](const void* pointer) { return reinterpret_cast<std::uint64_t>(pointer); };
-    m_handles.issue(1, {handle, entry, 4});
-    EXPECT_FALSE(m_handles.claim(1, 2, address(handle.get()), address(entry.get())));
-    EXPECT_FALSE(m_handles.claim(2, 4, address(handle.get()), address(entry.get()))) << "another connection";
-    EXPECT_TRUE(m_handles.claim(1, 4, address(handle.get()), address(entry.get())));
-    EXPECT_FALSE(m_handles.claim(1, 4, address(handle.get()), address(entry.get()))) << "twice";
+TEST_F(PagingTest, ACookieTellsNothingOfTheProcess) {
+    std::set<std::uint64_t> numbers;
+    for (int i = 0; i < 20; ++i) {
+        searchFinds(5);
+        const std::string first = cookieOf(page(2).back());
+        const std::string second = cookieOf(page(2, first).back());
+        for (const std::string& issued : {first, second}) {
+            std::uint64_t parts[3];
+            std::memcpy(parts, issued.data(), sizeof parts);
+            numbers.insert({parts[1], parts[2]});
+        }
+    }
+    EXPECT_EQ(numbers.size(), 80U) << "each is drawn for its cookie";
+    // The heap's and the library's addresses leave the upper 16 bits empty.
+    const auto wide = std::count_if(numbers.begin(), numbers.end(), [](auto one) { return one >> 48 != 0; });
+    EXPECT_GT(wide, 60);
+}
+
+TEST_F(PagingTest, OfSeveralOpenPagesTheOldestEndsBeyondTheBound) {
+    std::vector<std::string> cookies;
+    for (std::size_t i = 0; i <= SearchHandleManager::kMaxOfConnection; ++i) {
+        searchFinds(3);
+        cookies.push_back(cookieOf(page(2).back()));
+    }
+    PagedResultsState& state = m_client.connection().connection()->c_pagedresults_state;
+    const PagedResultsState before = state;
+    EXPECT_EQ(page(2, cookies[0]).back().text, "paged results cookie is invalid");
+    EXPECT_EQ(shape(page(2, cookies[1])), "p2 | 0 controls=1 | 32 controls=0");
+    state = before;  // slapd remembers the last page's count for all of a connection's cookies
+    EXPECT_EQ(shape(page(2, cookies.back())), "p2 | 0 controls=1 | 32 controls=0");
 }
 
 TEST_F(PagingTest, AFirstPageResetsTheConnectionsCookie) {
