@@ -25,6 +25,7 @@ class FakeDirectory : public Directory {
         if (query.filter == "throw") throw std::runtime_error("thrown");
         if (query.filter == "huge") {
             first.objects.push_back({{"data", {std::string(std::size_t{65} << 20, 'x')}}});
+            rest = std::make_unique<Counter>(2);
             return {};
         }
         if (query.filter == "large") {

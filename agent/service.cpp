@@ -159,7 +159,10 @@ std::optional<Bytes> Service::handle(const Client& client, const wire::Request& 
     const auto time = std::chrono::steady_clock::now() - start;
     logRequest(client, request, answer, std::chrono::duration_cast<std::chrono::microseconds>(time).count());
     if (request.body_type() == Body::SearchClose) return std::nullopt;
-    return writeResponse(request.id(), answer);
+    Bytes frame = writeResponse(request.id(), answer);
+    // The client is not told of a search whose batch is too large for a frame.
+    if (answer.search != 0 && searchIn(frame) == 0) closeSearch(client, answer.search);
+    return frame;
 }
 
 Answer Service::dispatch(const Client& client, const wire::Request& request) {

@@ -116,6 +116,7 @@ TEST_F(ServiceTest, AnAnswerLargerThanAFrameIsAFailure) {
     EXPECT_EQ(reply.code, VEX_DIRECTORY_ERROR);
     EXPECT_EQ(reply.errText, "the answer is larger than a response may be");
     EXPECT_TRUE(reply.dns.empty());
+    EXPECT_EQ(m_service.openSearches(), 0u) << "nobody knows how to ask for the rest";
 }
 
 TEST_F(ServiceTest, HealthIsAConditionOfASucceedingRequest) {
