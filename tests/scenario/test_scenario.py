@@ -188,7 +188,8 @@ def test_everything_at_once(gateway):
     settle(gateway, before)
 
     assert not wrong, f"{len(wrong)} wrong answers"
-    assert counts["answered in calm"] > CONNECTIONS and counts["failed in calm"] < counts["answered in calm"] / 50
+    assert counts["lookup"] > 0 and (counts["answered in calm"] > CONNECTIONS or not LONG)
+    assert counts["failed in calm"] <= 5 + counts["answered in calm"] / 50
     if gateway.domain:
         assert sum(peer.betrayed for peer in gateway.domain.peers) == 0, "a password went to a false controller"
         assert not [name for name in gateway.domain.questions if not name.endswith("example.com")]

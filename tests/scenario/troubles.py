@@ -12,10 +12,12 @@ OFTEN = 0.75  # how likely a lane has a trouble in a round
 
 
 class Trouble:
-    """Two actions, and a name for the record. Some end a life of the agent's."""
+    """Two actions, and a name for the record. Some end a life of the agent's; after some it
+    takes the servers a while until all is well."""
 
-    def __init__(self, lane, name, begin, end=lambda: None, mortal=False):
-        self.lane, self.name, self.begin, self.end, self.mortal = lane, name, begin, end, mortal
+    def __init__(self, lane, name, begin, end=lambda: None):
+        self.lane, self.name, self.begin, self.end = lane, name, begin, end
+        self.mortal, self.aftermath = False, 0
 
 
 def plan(random, troubles, rounds, length):
@@ -46,7 +48,7 @@ class Troublemaker:
 
     def __init__(self, events, weather, record):
         self.events, self.weather, self.record = collections.deque(events), weather, record
-        self.begun, self.open = time.monotonic(), []
+        self.begun, self.open, self.over = time.monotonic(), [], 0
 
     def step(self):
         """What is due by now."""
@@ -54,7 +56,7 @@ class Troublemaker:
             _, what, trouble = self.events.popleft()
             with open(self.record, "a", encoding="utf-8") as record:
                 record.write(f"{time.monotonic():.1f} {what} {trouble.name if trouble else ''}\n")
-            {"rough": self.weather.rough, "calm": self.weather.calm, "begin": lambda: self.begin(trouble),
+            {"rough": self.weather.rough, "calm": lambda: self.weather.calm(self.over), "begin": lambda: self.begin(trouble),
              "end": lambda: self.end(trouble)}[what]()
 
     def begin(self, trouble):
@@ -64,6 +66,7 @@ class Troublemaker:
     def end(self, trouble):
         self.open.remove(trouble)
         trouble.end()
+        self.over = max(self.over, time.monotonic() + trouble.aftermath)
 
     def stop(self):
         for trouble in list(self.open):
@@ -76,12 +79,10 @@ def agent_stopped(agent):
     return Trouble("agent", "agent stopped", lambda: agent.signal(signal.SIGSTOP), lambda: agent.signal(signal.SIGCONT))
 
 
-def agent_killed(agent):
-    return Trouble("agent", "agent killed", agent.kill, agent.start, mortal=True)
-
-
-def agent_restarted(agent):
-    return Trouble("agent", "agent restarted", agent.stop, agent.start, mortal=True)
+def agent_dead(agent, name, die):
+    trouble = Trouble("agent", name, die, agent.start)
+    trouble.mortal = True
+    return trouble
 
 
 def dumps(slapd, agent):
@@ -137,11 +138,15 @@ def false_certificate(number, peer, relay, kind):
 
 
 def no_names(domain):
-    return Trouble("names", "DNS gone", domain.names_gone, domain.names_back)
+    """An agent that starts meanwhile finds nobody, and asks again after a quarter of a minute."""
+    trouble = Trouble("names", "DNS gone", domain.names_gone, domain.names_back)
+    trouble.aftermath = 17
+    return trouble
 
 
 def of_servers(agent, slapd):
-    return [agent_stopped(agent), agent_killed(agent), agent_restarted(agent), dumps(slapd, agent)]
+    return [agent_stopped(agent), agent_dead(agent, "agent killed", agent.kill),
+            agent_dead(agent, "agent restarted", agent.stop), dumps(slapd, agent)]
 
 
 def of_domain(domain, random, deadlines):

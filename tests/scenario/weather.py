@@ -19,8 +19,9 @@ class Weather:
     def rough(self):
         struct.pack_into(FORMAT, self.map, 0, math.inf)
 
-    def calm(self):
-        struct.pack_into(FORMAT, self.map, 0, time.monotonic() + SETTLED)
+    def calm(self, earliest=0):
+        """Nothing goes wrong any more; all is well when that has settled, and not before a moment."""
+        struct.pack_into(FORMAT, self.map, 0, max(time.monotonic() + SETTLED, earliest))
 
     def calm_since(self, moment):
         """Whether all has been well from then until now."""
