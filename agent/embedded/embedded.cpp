@@ -2,10 +2,9 @@
 
 #include <ldap.h>
 
-#include <charconv>
-#include <limits>
 #include <set>
 
+#include "agent/account_state.h"
 #include "agent/embedded/filter.h"
 #include "agent/embedded/folding.h"
 #include "agent/embedded/kinds.h"
@@ -13,6 +12,7 @@
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "agent/identifiers.h"
+#include "agent/log.h"
 #include "agent/passwords.h"
 #include "agent/secrets.h"
 #include "vorn/dn.h"
@@ -21,12 +21,6 @@
 
 namespace vexagent {
 namespace {
-
-constexpr std::uint32_t kAccountDisabled = 0x2;  // of userAccountControl
-
-// accountExpires counts 100 ns since 1601.
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
-constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
 
 // What objects can carry even when none in the database does.
 constexpr const char* kAlwaysSupported[] = {"cn",
@@ -79,10 +73,13 @@ constexpr const char* kAlwaysSupported[] = {"cn",
                                             "msSFU30Name",
                                             "msSFU30NisDomain"};
 
-std::int64_t number(std::string_view text, std::int64_t fallback) {
-    std::int64_t value = fallback;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc() && end == text.data() + text.size() ? value : fallback;
+// The number that an account's attribute gives; nothing when it cannot be read.
+std::optional<std::int64_t> numberOf(const ldb_message* user, const char* name) {
+    std::vector<std::string_view> values;
+    const ldb_message_element* element = ldb_msg_find_element(user, name);
+    for (unsigned i = 0; element != nullptr && i < element->num_values; ++i)
+        values.push_back(bytesOf(element->values[i]));
+    return stateNumber(values);
 }
 
 Result noSuchUser() {
@@ -95,8 +92,22 @@ Result accountRefused(const char* why) {
     return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
 }
 
+std::string dnText(const ldb_message* message) {
+    return vorn::printable(ldb_dn_get_linearized(message->dn));
+}
+
 Result unavailable(const std::string& text) {
     return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE, text);
+}
+
+// Which objects a name means is for the log only.
+Result ambiguous(const std::string& name, const Named& named) {
+    std::string dns = named.real != nullptr ? dnText(named.real) : "";
+    for (const ldb_message* message : named.rewritten)
+        dns.append(dns.empty() ? "" : "; ").append(dnText(message));
+    AGENT_LOG(vorn::Logger::kWarning, "\"%s\" means more than one object: %s", vorn::printable(name).c_str(),
+              dns.c_str());
+    return accountRefused("the name means more than one object");
 }
 
 // The stored hashes, wiped when done with.
@@ -216,12 +227,11 @@ Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Obje
 
 // Why an account may not log in whatever its password.
 std::optional<Result> EmbeddedDirectory::refusalOf(const ldb_message* user) const {
-    const std::int64_t control = number(firstValue(user, "userAccountControl"), 0);
-    if ((control & kAccountDisabled) != 0) return accountRefused("the account is disabled");
-    const std::int64_t expires = number(firstValue(user, "accountExpires"), 0);
-    const bool never = expires <= 0 || expires == std::numeric_limits<std::int64_t>::max();
-    if (!never && expires / kTicksPerSecond - kSecondsTo1970 <= m_clock())
-        return accountRefused("the account has expired");
+    const std::optional<std::int64_t> control = numberOf(user, "userAccountControl");
+    const std::optional<std::int64_t> expires = numberOf(user, "accountExpires");
+    if (!control || !expires) return accountRefused("the account's state cannot be read");
+    if (isDisabled(*control)) return accountRefused("the account is disabled");
+    if (hasExpired(*expires, m_clock())) return accountRefused("the account has expired");
     return std::nullopt;
 }
 
@@ -257,10 +267,10 @@ Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::stri
         named = findByLoginName(*handle, pool.get(), user, m_rules);
         idle = idleSetting(*handle);
     }
-    if (named.count() > 1) return accountRefused("the name means more than one object");
     const ldb_message* object = named.only();
     const StoredHashes hashes(object);
     const std::optional<Accepted> accepted = acceptedByHash(password, hashes.values(), idle);
+    if (named.count() > 1) return ambiguous(user, named);
     if (object == nullptr) return noSuchUser();
     if (!accepted) return wrongPassword();
     if (std::optional<Result> refusal = refusalOf(object)) return *refusal;

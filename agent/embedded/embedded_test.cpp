@@ -322,6 +322,59 @@ TEST_F(EmbeddedTest, AccountsThatMayNotLogIn) {
     EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
 }
 
+TEST_F(EmbeddedTest, AStateThatCannotBeReadRefusesTheLogIn) {
+    const std::string change = "dn: CN=Ann Lee,OU=People,DC=example,DC=com\nchangetype: modify\nreplace: ";
+    for (const char* name : {"userAccountControl", "accountExpires"}) {
+        for (const char* value :
+             {": 0x202", ":: NTE0IA==", ": 99999999999999999999", ": 512\n%: 514", ": no"}) {
+            std::string values = std::string(name) + value;
+            if (const std::size_t at = values.find('%'); at != std::string::npos) values.replace(at, 1, name);
+            ASSERT_TRUE(m_directory.change(change + name + "\n" + values + "\n")) << values;
+            const Result refused = m_directory->authenticate("ann@example.com", "pass").result();
+            EXPECT_EQ(refused.code, VEX_ACCOUNT_REFUSED) << values;
+            EXPECT_EQ(refused.errText, "the account's state cannot be read");
+            EXPECT_EQ(login("ann@example.com", "wrong"), VEX_WRONG_PASSWORD);
+        }
+        ASSERT_TRUE(m_directory.change(change + name + "\n"));
+        EXPECT_EQ(login("ann@example.com", "pass"), VEX_OK);
+    }
+}
+
+TEST_F(EmbeddedTest, APasswordsStartDoesNotPassForIt) {
+    EXPECT_EQ(login("ann@example.com", std::string("pass\0", 5)), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(login("ann@example.com", std::string("pass\0more", 9)), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(login("ann@example.com", std::string("\0pass", 5)), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(login("nobody@example.com", std::string("pass\0more", 9)), VEX_NO_SUCH_USER);
+}
+
+// Of those whom one name means together, each has other names that mean nobody else.
+TEST(EmbeddedNames, WhoseOtherNamesAreUniqueLogsInByThem) {
+    const auto secret = [](const std::string& password) {
+        return "userPassword: " + hashOf(password) + "\n";
+    };
+    const TestDirectory directory(
+        person("ann", "one", 1, secret("1")) + person("Two", "ann", 2, secret("2")) +
+        person("Three", "three", 3, "displayName: both\n" + secret("3")) +
+        person("Four", "four", 4, "displayName: both\nuserPrincipalName: four@corp.example\n" + secret("4")));
+    const struct {
+        const char* name;
+        const char* password;
+    } unique[] = {
+        {"one@example.com", "1"},   {"EXAMPLE\\one", "1"},      {"CN=Two,OU=People,DC=example,DC=com", "2"},
+        {"ann@example.com", "2"},   {"EXAMPLE\\ann", "2"},      {"cn=three,ou=people,DC=example,DC=com", "3"},
+        {"three@example.com", "3"}, {"four@corp.example", "4"}, {"CN=Four,OU=People,DC=example,DC=com", "4"}};
+    for (const auto& [name, password] : unique) {
+        EXPECT_EQ(directory->authenticate(name, password).code(), VEX_OK) << name;
+        EXPECT_EQ(directory->authenticate(name, "5").code(), VEX_WRONG_PASSWORD) << name;
+    }
+    for (const char* password : {"1", "2", "3", "4"}) {
+        EXPECT_EQ(directory->authenticate("cn=ann,OU=People,DC=example,DC=com", password).code(),
+                  VEX_ACCOUNT_REFUSED);
+        EXPECT_EQ(directory->authenticate("cn=both,OU=People,DC=example,DC=com", password).code(),
+                  VEX_ACCOUNT_REFUSED);
+    }
+}
+
 TEST(EmbeddedNames, OneThatMeansTwoObjectsIsRefused) {
     const std::string hash = "userPassword: " + hashOf("pass") + "\n";
     const TestDirectory directory(

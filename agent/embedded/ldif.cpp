@@ -1,4 +1,5 @@
 #include "agent/embedded/ldif.h"
+#include "agent/account_state.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -114,6 +115,17 @@ void spellDns(ldb_context* ldb, ldb_message* message) {
     }
 }
 
+// What cannot be read would keep its account out whatever it was meant to say.
+void checkState(const ldb_message* message) {
+    for (const char* name : kStateAttributes) {
+        std::vector<std::string_view> values;
+        const ldb_message_element* element = ldb_msg_find_element(message, name);
+        for (unsigned i = 0; element != nullptr && i < element->num_values; ++i)
+            values.push_back(bytesOf(element->values[i]));
+        if (!stateNumber(values)) throw DatabaseError(std::string(name) + " is not one decimal number");
+    }
+}
+
 void completeEntry(ldb_context* ldb, ldb_message* message, const std::string& domainDn) {
     if (message->dn == nullptr || !ldb_dn_validate(message->dn) || ldb_dn_is_null(message->dn))
         throw DatabaseError("the dn is not a DN");
@@ -123,6 +135,7 @@ void completeEntry(ldb_context* ldb, ldb_message* message, const std::string& do
     completeCategory(message, domainDn);
     completeGuid(message);
     completeSid(message);
+    checkState(message);
     spellDns(ldb, message);
 }
 

@@ -46,6 +46,13 @@ TEST(LdifLoad, FailuresNameTheRecordsLineAndLeaveNothing) {
          ":1: CN=a,DC=x: Element title has empty attribute in ldb message (CN=a,DC=x)!"},
         {"dn: CN=a,DC=x\nobjectClass: user\nobjectGUID: xyz\n", ":1: objectGUID is not a GUID"},
         {"dn: CN=a,DC=x\nobjectClass: user\nobjectSid: S-1-5-x\n", ":1: objectSid is not a SID"},
+        {"dn: CN=a,DC=x\nobjectClass: user\nuserAccountControl: 0x202\n",
+         ":1: userAccountControl is not one decimal number"},
+        {"dn: CN=a,DC=x\nobjectClass: user\n\ndn: CN=b,DC=x\nobjectClass: user\n"
+         "accountExpires: 18446744073709551616\n",
+         ":4: accountExpires is not one decimal number"},
+        {"dn: CN=a,DC=x\nobjectClass: user\nuserAccountControl: 512\nuserAccountControl: 514\n",
+         ":1: userAccountControl is not one decimal number"},
         {"dn: CN=a,DC=x\nobjectClass: group\nmember: nobody\n", ":1: member is not a DN"},
         {"dn: CN=a,DC=x\nchangetype: delete\n", ":1: only entries can be loaded, not changes"},
         {"dn: @INDEXLIST\nobjectClass: x\n", ":1: the dn is reserved to the database"},
