@@ -131,6 +131,18 @@ TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
               "8 3 -1765328203 the answer to the password check could not be verified with the keytab: text");
 }
 
+TEST(LoginResult, AStateThatCannotBeReadIsARefusal) {
+    EXPECT_FALSE(unreadableState(account({})));
+    EXPECT_FALSE(unreadableState(account({{"userAccountControl", {"512"}}, {"accountExpires", {"0"}}})));
+    for (const char* name : {"userAccountControl", "accountExpires"})
+        for (const char* value : {"0x202", "514 ", "99999999999999999999", ""}) {
+            const auto refusal = unreadableState(account({{name, {value}}}));
+            ASSERT_TRUE(refusal) << name << ": " << value;
+            EXPECT_EQ(outcome(*refusal), "15 2 49 the account's state cannot be read");
+        }
+    EXPECT_TRUE(unreadableState(account({{"userAccountControl", {"512", "514"}}})));
+}
+
 TEST(LoginResult, OfABind) {
     const auto text = [](const char* data) {
         return "Invalid credentials: 80090308: LdapErr: DSID-0C09, comment: AcceptSecurityContext error, "
@@ -195,12 +207,12 @@ TEST_F(AuthCacheTest, KnowsWhatItWasTold) {
     AuthCache cache(m_options, memoryClock);
     EXPECT_EQ(ask(cache, "ann@example.com", "secret"), Answer::Unknown);
     EXPECT_FALSE(cache.hasAnswers());
-    cache.remember("ann@example.com", "secret");
+    cache.remember("ann@example.com", "", "secret");
     EXPECT_TRUE(cache.hasAnswers());
     EXPECT_EQ(ask(cache, "ANN@Example.com", "secret"), Answer::Right);
     EXPECT_EQ(ask(cache, "ann@example.com", "Secret"), Answer::Wrong);
     EXPECT_EQ(ask(cache, "ben@example.com", "secret"), Answer::Unknown);
-    cache.forget("ann@example.com");
+    cache.forget("ann@example.com", "");
     EXPECT_EQ(ask(cache, "ann@example.com", "secret"), Answer::Unknown);
 }
 
@@ -208,7 +220,7 @@ TEST_F(AuthCacheTest, SurvivesInAFileOfItsOwnWithoutThePassword) {
     const std::string name = "CN=Ann \\, B,OU=x y,DC=example\n1 0 hash bob";
     {
         AuthCache cache(m_options, memoryClock);
-        cache.remember(name, "a password nobody has");
+        cache.remember(name, "", "a password nobody has");
     }
     struct stat status {};
     ASSERT_EQ(::stat(m_options.file.c_str(), &status), 0);
@@ -222,7 +234,7 @@ TEST_F(AuthCacheTest, SurvivesInAFileOfItsOwnWithoutThePassword) {
 
 TEST_F(AuthCacheTest, ARecordAnswersUntilItIsTooOld) {
     AuthCache cache(m_options, memoryClock);
-    cache.remember("ann", "secret");
+    cache.remember("ann", "", "secret");
     memoryNow += 3600;
     EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);
     memoryNow += 1;
@@ -235,7 +247,7 @@ TEST_F(AuthCacheTest, ARecordAnswersUntilItIsTooOld) {
 TEST_F(AuthCacheTest, TooManyWrongOnesInARowEndIt) {
     {
         AuthCache cache(m_options, memoryClock);
-        cache.remember("ann", "secret");
+        cache.remember("ann", "", "secret");
         EXPECT_EQ(ask(cache, "ann", "1"), Answer::Wrong);
         EXPECT_EQ(ask(cache, "ann", "2"), Answer::Wrong);
         EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);  // counts anew
@@ -245,15 +257,56 @@ TEST_F(AuthCacheTest, TooManyWrongOnesInARowEndIt) {
     AuthCache again(m_options, memoryClock);  // a restart does not help
     EXPECT_EQ(ask(again, "ann", "5"), Answer::Wrong);
     EXPECT_EQ(ask(again, "ann", "secret"), Answer::Unknown);
-    again.remember("ann", "secret");
+    again.remember("ann", "", "secret");
     EXPECT_EQ(ask(again, "ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, WhatIsRefusedEndsTheRecordsOfAllItsNames) {
+    const auto fill = [](AuthCache& cache) {
+        cache.remember("ann@example.com", "guid-1", "secret");
+        cache.remember("EXAMPLE\\ann", "guid-1", "secret");
+        cache.remember("ben@example.com", "guid-2", "secret");
+        cache.remember("cleo@example.com", "", "secret");
+    };
+    {
+        AuthCache cache(m_options, memoryClock);
+        fill(cache);
+        cache.forget("CN=ann,DC=example,DC=com", "guid-1");  // by a name that was not remembered
+        EXPECT_EQ(ask(cache, "ann@example.com", "secret"), Answer::Unknown);
+        EXPECT_EQ(ask(cache, "EXAMPLE\\ann", "secret"), Answer::Unknown);
+        fill(cache);
+    }
+    AuthCache again(m_options, memoryClock);
+    again.forget("ann@example.com", "");  // of whom nobody knows now whose name it was
+    EXPECT_EQ(ask(again, "EXAMPLE\\ann", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(again, "ben@example.com", "secret"), Answer::Right);
+    EXPECT_EQ(ask(again, "cleo@example.com", "secret"), Answer::Right);
+    again.forget("nobody@example.com", "");
+    EXPECT_EQ(ask(again, "cleo@example.com", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, RecordsWithoutAnAccountAreReadStill) {
+    {
+        AuthCache cache(m_options, memoryClock);
+        cache.remember("ann", "", "secret");
+    }
+    EXPECT_EQ(text().find(" ann\n"), text().size() - 5);
+    AuthCache again(m_options, memoryClock);
+    EXPECT_EQ(ask(again, "ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, APasswordThatCannotBeKeptTakesTheOldOnesPlace) {
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "guid", "secret");
+    cache.remember("ann", "guid", std::string("other\0", 6));
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Unknown);
 }
 
 TEST_F(AuthCacheTest, APasswordsStartDoesNotPassForIt) {
     AuthCache cache(m_options, memoryClock);
-    cache.remember("ann", "secret");
+    cache.remember("ann", "", "secret");
     EXPECT_EQ(ask(cache, "ann", std::string("secret\0more", 11)), Answer::Wrong);
-    cache.remember("ben", std::string("secret\0more", 11));
+    cache.remember("ben", "", std::string("secret\0more", 11));
     EXPECT_EQ(ask(cache, "ben", "secret"), Answer::Unknown);
 }
 

@@ -50,6 +50,17 @@ std::string nameIn(const std::string& description) {
     return description.substr(at + 6, description.find('\'', at + 6) - at - 6);
 }
 
+// Which objects a name means is for the log only.
+Result ambiguous(const std::string& name, const NamedEntries& found) {
+    std::string dns;
+    for (const std::vector<Entry>* entries : {&found.real, &found.rewritten})
+        for (const Entry& entry : *entries)
+            dns.append(dns.empty() ? "" : "; ").append(vorn::printable(entry.dn));
+    AGENT_LOG(vorn::Logger::kWarning, "\"%s\" means more than one object: %s", vorn::printable(name).c_str(),
+              dns.c_str());
+    return accountRefused("the name means more than one object");
+}
+
 }  // namespace
 
 // -------------------------------------------------------------------- domains
@@ -255,55 +266,68 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
 
 // -------------------------------------------------------------- authentication
 
-Verdict AdDirectory::checkAccount(Domain& domain, const Entry& account, const std::string& password,
-                                  const Deadline& deadline) {
-    if (m_options.transport != Transport::Gssapi) return domain.tryPassword(account.dn, password, deadline);
+Verdict AdDirectory::checkAccount(const Login& login, const Entry& account, const Deadline& deadline) {
+    if (m_options.transport != Transport::Gssapi)
+        return login.domain->tryPassword(account.dn, login.password, deadline);
     KdcConversation kdc([this](const std::string& realm) { return m_forest.controllersOf(realm); }, deadline);
-    const PasswordCheck check =
-        checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")), domain.name(), password);
+    const PasswordCheck check = checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")),
+                                              login.domain->name(), login.password);
     return loginResult(check, account, m_options.clock());
 }
 
-Verdict AdDirectory::askDomain(const std::string& user, const std::string& password) {
+Verdict AdDirectory::askDomain(Login& login) {
     const Deadline end = deadline();
-    Domain* domain = nullptr;
-    const std::string dn = vorn::DN::isDN(user) ? user : "";
-    if (Result result = domainOf(kCatalog, dn, end, domain); !result.ok()) return result;
-    if (domain == nullptr) return noSuchUser();
+    const std::string dn = vorn::DN::isDN(login.user) ? login.user : "";
+    if (Result result = domainOf(kCatalog, dn, end, login.domain); !result.ok()) return result;
+    if (login.domain == nullptr) return noSuchUser();
     NamedEntries found;
-    NameFinder finder(*domain, m_options, kLoginAttributes, end);
-    const LdapStatus status = finder.byLoginName(user, found);
+    NameFinder finder(*login.domain, m_options, kLoginAttributes, end);
+    const LdapStatus status = finder.byLoginName(login.user, found);
     if (!status.ok()) return resultOf(status);
-    if (found.count() > 1) return accountRefused("the name means more than one object");
+    if (found.count() > 1) return ambiguous(login.user, found);
     const Entry* account = found.only();
     if (account == nullptr || account->first("sAMAccountName").empty()) return noSuchUser();
-    return checkAccount(*domain, *account, password, end);
+    login.account = guidText(account->first("objectGUID"));
+    const Verdict verdict = checkAccount(login, *account, end);
+    if (!verdict.accepted()) return verdict;
+    if (const std::optional<Result> refusal = unreadableState(*account)) return *refusal;
+    return verdict;
 }
 
-std::optional<Verdict> AdDirectory::askMemory(const std::string& user, const std::string& password) {
-    std::optional<Verdict> verdict = m_memory->check(user, password);
+// What the domain says itself is not asked of the memory, however late it says it.
+std::optional<Verdict> AdDirectory::askMemory(const Login& login) {
+    if (login.domain->answersNow()) return std::nullopt;
+    std::optional<Verdict> verdict = m_memory->check(login.user, login.password);
     if (verdict && verdict->accepted())
         AGENT_LOG(vorn::Logger::kInfo, "password of \"%s\" checked against an earlier check",
-                  vorn::printable(user).c_str());
+                  vorn::printable(login.user).c_str());
     return verdict;
+}
+
+void AdDirectory::learn(const Login& login, const Verdict& verdict) {
+    if (verdict.accepted()) m_memory->remember(login.user, login.account, login.password);
+    if (verdict.code() == VEX_NO_SUCH_USER || verdict.code() == VEX_WRONG_PASSWORD ||
+        verdict.code() == VEX_ACCOUNT_REFUSED)
+        m_memory->forget(login.user, login.account);
+}
+
+bool AdDirectory::isJoined(const std::string& user) const {
+    return !vorn::DN::isDN(user) || vorn::equalsIgnoreCase(vorn::DN::domainFromDN(user), m_options.domain);
 }
 
 Verdict AdDirectory::authenticate(const std::string& user, const std::string& password,
                                   LoginOptions options) {
     if (user.empty()) return noSuchUser();
-    if (password.empty()) return wrongPassword();
+    if (password.empty() || password.find('\0') != std::string::npos) return wrongPassword();
     const bool mayRemember = m_memory && (options.preferCached || options.allowCached);
-    // Nobody waits for a domain that was out of reach a moment ago.
-    if (mayRemember && options.preferCached && m_joined.controllers().allDown(now()))
-        if (const auto remembered = askMemory(user, password)) return *remembered;
-    Verdict verdict = askDomain(user, password);
-    if (verdict.code() == VEX_UNAVAILABLE && mayRemember) {
-        if (const auto remembered = askMemory(user, password)) return *remembered;
-    } else if (m_memory && verdict.accepted()) {
-        m_memory->remember(user, password);
-    } else if (m_memory && (verdict.code() == VEX_NO_SUCH_USER || verdict.code() == VEX_ACCOUNT_REFUSED)) {
-        m_memory->forget(user);
-    }
+    Login login{user, password, &m_joined};
+    // Nobody waits for a domain that was out of reach a moment ago, and is still.
+    if (mayRemember && options.preferCached && isJoined(user) && m_joined.controllers().allDown(now()))
+        if (const auto remembered = askMemory(login)) return *remembered;
+    const Verdict verdict = askDomain(login);
+    if (verdict.code() == VEX_UNAVAILABLE && mayRemember && login.domain != nullptr)
+        if (const auto remembered = askMemory(login)) return *remembered;
+    if (m_memory) learn(login, verdict);
     return verdict;
 }
 

@@ -48,10 +48,18 @@ class AdDirectory : public Directory {
                    Object& object);
     AdSource source(Domain& domain);
 
-    Verdict askDomain(const std::string& user, const std::string& password);
-    Verdict checkAccount(Domain& domain, const Entry& account, const std::string& password,
-                         const Deadline& deadline);
-    std::optional<Verdict> askMemory(const std::string& user, const std::string& password);
+    // One log-in, and what is found out about it.
+    struct Login {
+        const std::string& user;
+        const std::string& password;
+        Domain* domain = nullptr;  // that is asked
+        std::string account{};     // the GUID's text
+    };
+    bool isJoined(const std::string& user) const;
+    Verdict askDomain(Login& login);
+    Verdict checkAccount(const Login& login, const Entry& account, const Deadline& deadline);
+    std::optional<Verdict> askMemory(const Login& login);
+    void learn(const Login& login, const Verdict& verdict);
 
     const AdOptions m_options;
     Watchdog m_watchdog;

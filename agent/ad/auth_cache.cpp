@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <sstream>
 
 #include "agent/ad/login.h"
@@ -80,7 +81,9 @@ void AuthCache::read() {
         std::istringstream words(line);
         Record record;
         std::string name;
-        if (words >> record.time >> record.failures >> record.hash >> name) m_records[name] = record;
+        if (!(words >> record.time >> record.failures >> record.hash >> name)) continue;
+        words >> record.account;
+        m_records[name] = record;
     }
 }
 
@@ -88,7 +91,7 @@ void AuthCache::write() {
     std::string text;
     for (const auto& [name, record] : m_records)
         text += std::to_string(record.time) + " " + std::to_string(record.failures) + " " + record.hash +
-                " " + name + "\n";
+                " " + name + (record.account.empty() ? "" : " " + record.account) + "\n";
     if (!replaceFile(m_options.file, text))
         AGENT_LOG(vorn::Logger::kError, "%s: %s", m_options.file.c_str(), std::strerror(errno));
     vorn::wipe(text);
@@ -128,11 +131,12 @@ std::optional<Verdict> AuthCache::check(const std::string& name, const std::stri
     return MemoryProof::make();
 }
 
-void AuthCache::remember(const std::string& name, const std::string& password) {
+void AuthCache::remember(const std::string& name, const std::string& account, const std::string& password) {
     Record record;
     record.hash = newHash(password);
+    record.account = written(account);
     record.time = m_clock();
-    if (record.hash.empty()) return;
+    if (record.hash.empty()) return forget(name, account);
     const std::lock_guard lock(m_mutex);
     if (m_records.size() >= kMostRecords) {
         const auto oldest =
@@ -144,9 +148,16 @@ void AuthCache::remember(const std::string& name, const std::string& password) {
     write();
 }
 
-void AuthCache::forget(const std::string& name) {
+void AuthCache::forget(const std::string& name, const std::string& account) {
     const std::lock_guard lock(m_mutex);
-    if (m_records.erase(written(vorn::lower(name))) != 0) write();
+    const auto named = m_records.find(written(vorn::lower(name)));
+    std::set<std::string> accounts = {written(account)};
+    if (named != m_records.end()) accounts.insert(named->second.account);
+    accounts.erase("");
+    const std::size_t before = m_records.size();
+    if (named != m_records.end()) m_records.erase(named);
+    std::erase_if(m_records, [&](const auto& entry) { return accounts.contains(entry.second.account); });
+    if (m_records.size() != before) write();
 }
 
 bool AuthCache::hasAnswers() {

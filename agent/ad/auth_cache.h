@@ -1,9 +1,10 @@
 // The agent's own memory of passwords that were right, for times without a domain.
 //
-// A record holds a name, a yescrypt hash of the password, when the domain accepted
-// it and how many wrong passwords have been tried since. The file holds one record
-// a line; it has mode 0600 and is replaced as a whole. A record that is too old, or
-// has been tried too often, answers nothing.
+// A record holds a name, whose it is, a yescrypt hash of the password, when the domain
+// accepted it and how many wrong passwords have been tried since. The file holds one
+// record a line; it has mode 0600 and is replaced as a whole. A record that is too old,
+// or has been tried too often, answers nothing. What the domain refuses ends the records
+// of all the names that the account has.
 #pragma once
 
 #include <cstddef>
@@ -33,10 +34,12 @@ class AuthCache {
     // Whether this was the password; nothing when there is no record that could tell.
     std::optional<Verdict> check(const std::string& name, const std::string& password);
 
-    // The domain has accepted the password, or the account is to be forgotten.
-    // What cannot be written is logged.
-    void remember(const std::string& name, const std::string& password);
-    void forget(const std::string& name);
+    // The domain has accepted the password of the account that has this name, or has
+    // refused one: then none of the account's names is remembered any more. account is
+    // the same for all its names; empty where it is not known. What cannot be written is
+    // logged.
+    void remember(const std::string& name, const std::string& account, const std::string& password);
+    void forget(const std::string& name, const std::string& account);
 
     // Whether there is a record that could answer.
     bool hasAnswers();
@@ -46,6 +49,7 @@ class AuthCache {
   private:
     struct Record {
         std::string hash;
+        std::string account;  // empty in records of an earlier agent
         std::time_t time = 0;
         int failures = 0;
     };

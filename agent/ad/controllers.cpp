@@ -57,17 +57,31 @@ void Controllers::succeeded(const Peer& peer) {
     m_current = peer;
 }
 
-void Controllers::failed(const Peer& peer, Moment now, const std::string& reason) {
+bool Controllers::failed(const Peer& peer, Moment now, const std::string& reason,
+                         std::optional<Moment> waitedSince) {
     const std::lock_guard lock(m_mutex);
-    m_reason = reason;
     State* state = find(peer);
-    if (state == nullptr) return;
+    if (state != nullptr && waitedSince && state->answered >= *waitedSince) return false;
+    m_reason = reason;
+    if (state == nullptr) return true;
     // Requests that fail together count once.
-    if (state->failures > 0 && now < state->retry) return;
+    if (state->failures > 0 && now < state->retry) return true;
     const milliseconds delay = std::min(kLongestDelay, kFirstDelay * (1 << std::min(state->failures, 10)));
     const auto drawn = std::chrono::duration<double, std::milli>(delay) * (0.5 + m_random());
     state->retry = now + std::chrono::duration_cast<milliseconds>(drawn);
     ++state->failures;
+    return true;
+}
+
+void Controllers::answered(const Peer& peer, Moment when) {
+    const std::lock_guard lock(m_mutex);
+    if (State* state = find(peer)) state->answered = std::max(state->answered, when);
+}
+
+bool Controllers::hasAnsweredSince(const Peer& peer, Moment when) const {
+    const std::lock_guard lock(m_mutex);
+    const State* state = find(peer);
+    return state != nullptr && state->answered >= when;
 }
 
 bool Controllers::dueAgain(Moment now, Peer& peer) const {

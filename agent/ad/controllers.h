@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,7 +48,15 @@ class Controllers {
 
     // What came of asking one.
     void succeeded(const Peer& peer);
-    void failed(const Peer& peer, Moment now, const std::string& reason);
+    // waitedSince is set where it was only waited for in vain, by a request that began
+    // then. That is no failure of one that has answered anybody since: false, and
+    // nothing is changed.
+    bool failed(const Peer& peer, Moment now, const std::string& reason,
+                std::optional<Moment> waitedSince = std::nullopt);
+
+    // One has answered, whatever it said.
+    void answered(const Peer& peer, Moment when);
+    bool hasAnsweredSince(const Peer& peer, Moment when) const;
 
     // Whether one that has failed is due again, and which.
     bool dueAgain(Moment now, Peer& peer) const;
@@ -68,6 +77,7 @@ class Controllers {
         Controller controller;
         int failures = 0;  // in a row
         Moment retry{};    // when it is due again
+        Moment answered{};
     };
     const State* find(const Peer& peer) const;
     State* find(const Peer& peer);

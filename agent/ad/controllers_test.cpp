@@ -40,6 +40,33 @@ TEST_F(ControllersTest, TheOneInUseStaysInUse) {
     EXPECT_THAT(order(), ElementsAre("two", "one"));
 }
 
+TEST_F(ControllersTest, OneThatHasAnsweredSinceARequestBeganIsNotAtFaultForBeingLate) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    const Moment begin = m_now;
+    m_controllers.answered(kOne, m_now + milliseconds(100));
+    m_controllers.answered(kOne, Moment{});  // told late of an earlier one
+    m_now += milliseconds(8000);
+    EXPECT_FALSE(m_controllers.failed(kOne, m_now, "no answer in time", begin));
+    EXPECT_THAT(order(), ElementsAre("one", "two"));
+    EXPECT_EQ(m_controllers.lastReason(), "");
+    // A request that began after that answer; and one that was cut off.
+    EXPECT_TRUE(m_controllers.failed(kOne, m_now, "no answer in time", begin + milliseconds(101)));
+    EXPECT_THAT(order(), ElementsAre("two", "one(later)"));
+    m_controllers.answered(kTwo, m_now);
+    EXPECT_TRUE(m_controllers.failed(kTwo, m_now, "reset by peer"));
+    EXPECT_TRUE(m_controllers.allDown(m_now));
+    EXPECT_TRUE(m_controllers.failed(kFar, m_now, "nobody's", begin));  // that is no more among them
+}
+
+TEST_F(ControllersTest, WhenOneHasAnsweredIsKnownForEach) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.answered(kOne, m_now);
+    EXPECT_TRUE(m_controllers.hasAnsweredSince(kOne, m_now));
+    EXPECT_FALSE(m_controllers.hasAnsweredSince(kOne, m_now + milliseconds(1)));
+    EXPECT_FALSE(m_controllers.hasAnsweredSince(kTwo, m_now));
+    EXPECT_FALSE(m_controllers.hasAnsweredSince(kFar, m_now));
+}
+
 TEST_F(ControllersTest, OneThatFailedIsLastUntilItIsDue) {
     m_controllers.set({{kOne, 0}, {kTwo, 0}});
     m_controllers.failed(kOne, m_now, "refused");

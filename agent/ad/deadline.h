@@ -15,9 +15,11 @@ inline Moment now() {
 
 class Deadline {
   public:
-    explicit Deadline(Moment end) : m_end(end) {}
+    explicit Deadline(Moment end) : Deadline(now(), end) {}
     static Deadline in(milliseconds time) { return Deadline(now() + time); }
 
+    // When the request began whose time this is.
+    Moment begin() const { return m_begin; }
     Moment end() const { return m_end; }
     bool passed() const { return now() >= m_end; }
 
@@ -30,9 +32,12 @@ class Deadline {
     milliseconds share(milliseconds most, int part) const { return std::min(most, left() / part); }
 
     // This deadline, or an earlier one.
-    Deadline atMost(milliseconds time) const { return Deadline(std::min(m_end, now() + time)); }
+    Deadline atMost(milliseconds time) const { return {m_begin, std::min(m_end, now() + time)}; }
 
   private:
+    Deadline(Moment begin, Moment end) : m_begin(begin), m_end(end) {}
+
+    Moment m_begin;
     Moment m_end;
 };
 

@@ -1,6 +1,7 @@
 #include "agent/ad/domain.h"
 
 #include <algorithm>
+#include <future>
 #include <random>
 
 #include "agent/ad/login.h"
@@ -19,6 +20,7 @@ constexpr std::uint16_t kCatalogTlsPort = 3269;
 
 constexpr milliseconds kShortTime{1000};    // for a controller that failed a short while ago
 constexpr int kProbeShare = 3;              // of the time that is left, to see whether one is there
+constexpr milliseconds kLeastProbe{100};    // in less nothing can be seen
 constexpr milliseconds kTrustTime{20'000};  // for which an idle connection is taken as it is
 constexpr milliseconds kIdleTime{300'000};  // after which one is closed
 constexpr milliseconds kLocateEvery{600'000};
@@ -113,16 +115,37 @@ LdapStatus Domain::waitForControllers(const Deadline& deadline) {
     std::unique_lock lock(m_mutex);
     m_changed.wait_until(lock, deadline.end(), [this] { return m_located; });
     if (m_controllers.size() > 0) return {};
-    return {LDAP_UNAVAILABLE,
-            "no controller of " + m_name + " is known: " +
-                (m_locateReason.empty() ? std::string("DNS has not answered yet") : m_locateReason),
-            true};
+    return nobodyKnown(m_locateReason.empty() ? std::string("DNS has not answered yet") : m_locateReason);
+}
+
+LdapStatus Domain::nobodyKnown(const std::string& reason) const {
+    return {LDAP_UNAVAILABLE, "no controller of " + m_name + " is known: " + reason, true};
+}
+
+LdapStatus Domain::probe(const Peer& peer, const Deadline& deadline) {
+    std::unique_ptr<Link> link;
+    LdapStatus status = Link::openAnonymous(m_context, peer, deadline, link);
+    if (status.ok()) status = link->probe(deadline);
+    if (status.ok()) m_controllers.answered(peer, now());
+    return status;
 }
 
 bool Domain::stillThere(const Peer& peer, const Deadline& deadline) {
-    std::unique_ptr<Link> link;
-    const Deadline end = Deadline::in(deadline.share(kShortTime, kProbeShare));
-    return Link::openAnonymous(m_context, peer, end, link).ok() && link->probe(end).ok();
+    const milliseconds time = deadline.share(kShortTime, kProbeShare);
+    return time < kLeastProbe || probe(peer, Deadline::in(time)).ok();
+}
+
+bool Domain::answersNow() {
+    const std::vector<Controllers::Choice> choices = m_controllers.order(now());
+    std::vector<std::future<bool>> answers;
+    answers.reserve(choices.size());
+    for (const Controllers::Choice& choice : choices)
+        answers.push_back(std::async(std::launch::async, [this, peer = choice.peer] {
+            return probe(peer, Deadline::in(kShortTime)).ok();
+        }));
+    bool any = false;
+    for (std::future<bool>& answer : answers) any = answer.get() || any;
+    return any;
 }
 
 void Domain::tend() {
@@ -143,10 +166,7 @@ void Domain::tend() {
     if (locateNow) locate();
     Peer peer;
     if (!m_controllers.dueAgain(now(), peer)) return;
-    std::unique_ptr<Link> link;
-    const Deadline deadline = Deadline::in(kShortTime);
-    LdapStatus status = Link::openAnonymous(m_context, peer, deadline, link);
-    if (status.ok()) status = link->probe(deadline);
+    const LdapStatus status = probe(peer, Deadline::in(kShortTime));
     if (status.ok()) {
         AGENT_LOG(vorn::Logger::kInfo, "controller %s answers again", peer.host.c_str());
         m_controllers.succeeded(peer);
@@ -215,10 +235,14 @@ void Domain::dropIdle(const Peer& peer) {
 
 LdapStatus Domain::attempt(std::unique_ptr<Link> link, const Work& work, Others others) {
     const Peer peer = link->peer();
-    if (others == Others::Some)
-        link->setPatience([this, peer](const Deadline& deadline) { return stillThere(peer, deadline); });
+    // Where there is nobody else it is waited for all the same, but it is known then
+    // whether it answers at all.
+    link->setPatience([this, peer, others](const Deadline& deadline) {
+        return stillThere(peer, deadline) || others == Others::None;
+    });
     Lease lease(*this, std::move(link));
     LdapStatus status = work(lease);
+    if (lease) m_controllers.answered(peer, lease->answeredAt());
     if (status.lost) lease.spoil();
     return status;
 }
@@ -246,33 +270,59 @@ LdapStatus Domain::runOn(const Peer& peer, const Deadline& open, const Deadline&
 }
 
 LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
-    LdapStatus status;
+    LdapStatus status = nobodyKnown("the list is empty");
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size(); ++i) {
         const Peer& peer = choices[i].peer;
         const bool last = i + 1 == choices.size();
         const Deadline whole = choices[i].due ? deadline : deadline.atMost(kShortTime);
-        status = runOn(peer, last ? whole : whole.atMost(whole.share(kPatience, kPatienceShare)), whole, work,
-                       last ? Others::None : Others::Some);
+        const Deadline open = last ? whole : whole.atMost(whole.share(kPatience, kPatienceShare));
+        status = runOn(peer, open, whole, work, last ? Others::None : Others::Some);
         if (!status.lost) {
             m_controllers.succeeded(peer);
+            m_controllers.answered(peer, now());
             m_lastAnswer = now();
             return status;
         }
+        status = fault(peer, open, deadline, status);
+        if (deadline.passed()) break;
+    }
+    return status;
+}
+
+// Whose failure it is that a controller did not answer as it should. until is what it was
+// waited for at least. One that has answered since the request began is not at fault for
+// being late: the request has used up its own time, with this controller or before.
+LdapStatus Domain::fault(const Peer& peer, const Deadline& until, const Deadline& deadline,
+                         const LdapStatus& status) {
+    const bool late = until.passed() || deadline.passed();
+    if (m_controllers.failed(peer, now(), status.text,
+                             late ? std::optional(deadline.begin()) : std::nullopt)) {
         AGENT_LOG(vorn::Logger::kWarning, "controller %s has failed: %s", peer.host.c_str(),
                   status.text.c_str());
         dropIdle(peer);
-        m_controllers.failed(peer, now(), status.text);
-        if (deadline.passed()) break;
+        return status;
     }
+    return deadline.passed() ? outOfTime() : status;
+}
+
+LdapStatus Domain::blame(const Link& link, const Deadline& deadline, const LdapStatus& status) {
+    if (!status.lost) return status;
+    m_controllers.answered(link.peer(), link.answeredAt());
+    if (deadline.passed() && m_controllers.hasAnsweredSince(link.peer(), deadline.begin()))
+        return outOfTime();
+    noteLost(status);
     return status;
 }
 
 LdapStatus Domain::run(const Deadline& deadline, const Work& work) {
     LdapStatus status = waitForControllers(deadline);
     if (!status.ok()) return status;
-    if (!acquire(deadline))
-        return {LDAP_BUSY, "all connections to " + m_name + " are in use (ad.connections)", true};
+    if (!acquire(deadline)) {
+        AGENT_LOG(vorn::Logger::kWarning, "all connections to %s are in use (ad.connections)",
+                  m_name.c_str());
+        return outOfTime();
+    }
     struct Release {
         Domain& domain;
         ~Release() { domain.release(); }
@@ -301,13 +351,19 @@ Verdict Domain::tryPassword(const std::string& dn, const std::string& password, 
     LdapStatus failed = outOfTime();
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
+        const Peer& peer = choices[i].peer;
         std::unique_ptr<Link> link;
         const bool last = i + 1 == choices.size();
-        failed = Link::openAnonymous(
-            m_context, choices[i].peer,
-            last ? deadline : deadline.atMost(deadline.share(kPatience, kPatienceShare)), link);
-        if (failed.ok()) return link->checkPassword(dn, password, deadline);
-        m_controllers.failed(choices[i].peer, now(), failed.text);
+        const Deadline open = last ? deadline : deadline.atMost(deadline.share(kPatience, kPatienceShare));
+        failed = Link::openAnonymous(m_context, peer, open, link);
+        if (!failed.ok()) {
+            failed = fault(peer, open, deadline, failed);
+            continue;
+        }
+        Verdict verdict = link->checkPassword(dn, password, deadline);
+        const bool late = verdict.code() == VEX_UNAVAILABLE && deadline.passed();
+        return late && m_controllers.hasAnsweredSince(peer, deadline.begin()) ? loginFailure(outOfTime())
+                                                                              : verdict;
     }
     return loginFailure(failed);
 }

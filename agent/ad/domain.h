@@ -42,6 +42,8 @@ class Domain {
         ~Lease() {
             if (m_link) m_domain->giveBack(std::move(m_link), m_long, m_reusable);
         }
+        // Whether there still is one: it may have been moved.
+        explicit operator bool() const { return m_link != nullptr; }
         Link* operator->() const { return m_link.get(); }
         Link& operator*() const { return *m_link; }
 
@@ -93,8 +95,13 @@ class Domain {
     // neither an answer has come nor the want of one has been told.
     LdapStatus health(const Deadline& deadline);
 
-    // Told when an answer did not come that was not asked for by run.
-    void noteLost(const LdapStatus& status);
+    // What it means that a status is lost which run did not see: the controller's
+    // failure, which is noted, or that the request has used up its own time.
+    LdapStatus blame(const Link& link, const Deadline& deadline, const LdapStatus& status);
+
+    // Whether a controller answers a plain question at this moment; asks all of them at
+    // the same time.
+    bool answersNow();
 
     // How long one controller gets to take a connection while there are others, and
     // at most which part of the time that is left.
@@ -121,8 +128,13 @@ class Domain {
     LdapStatus runOn(const Peer& peer, const Deadline& open, const Deadline& deadline, const Work& work,
                      Others others);
     LdapStatus attempt(std::unique_ptr<Link> link, const Work& work, Others others);
+    void noteLost(const LdapStatus& status);
     LdapStatus readInfo(const Deadline& deadline, DomainInfo& info);
+    LdapStatus probe(const Peer& peer, const Deadline& deadline);
     bool stillThere(const Peer& peer, const Deadline& deadline);
+    LdapStatus fault(const Peer& peer, const Deadline& until, const Deadline& deadline,
+                     const LdapStatus& status);
+    LdapStatus nobodyKnown(const std::string& reason) const;
     void giveBack(std::unique_ptr<Link> link, bool wasLong, bool reusable);
 
     const LinkContext& m_context;

@@ -195,15 +195,18 @@ KrbStatus KdcConversation::exchange(const std::string& realm, std::string_view m
     for (std::size_t i = 0; i < choices.size() && !m_deadline.passed(); ++i) {
         const bool last = i + 1 == choices.size() || !repeatable;
         bool sent = false;
-        status = ask(choices[i].peer.host, message,
-                     last ? m_deadline : m_deadline.atMost(m_deadline.share(kPatience, kPatienceShare)),
-                     reply, sent);
+        const Deadline until =
+            last ? m_deadline : m_deadline.atMost(m_deadline.share(kPatience, kPatienceShare));
+        status = ask(choices[i].peer.host, message, until, reply, sent);
         if (status.ok()) {
             m_realm = realm;
             m_host = choices[i].peer.host;
             return status;
         }
-        controllers->failed(choices[i].peer, now(), status.text);
+        // One that had less time than it might need is at fault only if it says nothing at all.
+        const bool hurried = until.passed() && m_deadline.left() < kPatience;
+        controllers->failed(choices[i].peer, now(), status.text,
+                            hurried ? std::optional(m_deadline.begin()) : std::nullopt);
         if (sent && !repeatable) return status;
     }
     return status;

@@ -295,6 +295,7 @@ LdapStatus Link::open(const LinkContext& context, const std::string& domain, con
     LdapStatus status = openAnonymous(context, peer, deadline, fresh);
     if (status.ok()) status = fresh->introduce(domain, deadline);
     if (status.ok()) {
+        fresh->m_answeredAt = now();
         link = std::move(fresh);
     } else if (!status.lost) {
         // Whatever it is, nothing comes of this controller.
@@ -346,7 +347,10 @@ LdapStatus Link::waitFor(int id, const Deadline& deadline, LDAPMessage*& message
         const milliseconds time = m_stillThere ? std::min(deadline.left(), patience) : deadline.left();
         timeval wait = {time.count() / 1000, time.count() % 1000 * 1000};
         const int type = ldap_result(m_ldap.get(), id, LDAP_MSG_ONE, &wait, &message);
-        if (type > 0) return {};
+        if (type > 0) {
+            m_answeredAt = now();
+            return {};
+        }
         if (type < 0) {
             int code = LDAP_SERVER_DOWN;
             ldap_get_option(m_ldap.get(), LDAP_OPT_RESULT_CODE, &code);

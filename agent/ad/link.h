@@ -125,6 +125,8 @@ class Link {
     void setPatience(StillThere stillThere) { m_stillThere = std::move(stillThere); }
 
     const Peer& peer() const { return m_peer; }
+    // When the controller last said anything here.
+    Moment answeredAt() const { return m_answeredAt; }
 
   private:
     struct Unbind {
@@ -152,6 +154,7 @@ class Link {
     vorn::Descriptor m_socket{-1};  // the library's socket, open as long as the connection is
     std::unique_ptr<LDAP, Unbind> m_ldap;
     StillThere m_stillThere;
+    Moment m_answeredAt{};
     std::time_t m_end = 0;  // when the ticket ends; 0 for never
     bool m_lost = false;
 };

@@ -1,36 +1,35 @@
 #include "agent/ad/login.h"
 
 #include <charconv>
-#include <limits>
+#include <optional>
+
+#include "agent/account_state.h"
 
 namespace vexagent {
 namespace {
 
-constexpr std::int64_t kDisabled = 0x2;  // of userAccountControl
+std::optional<std::int64_t> numberOf(const Entry& account, const char* name) {
+    const Attribute* attribute = account.find(name);
+    if (attribute == nullptr) return 0;
+    return stateNumber({attribute->values.begin(), attribute->values.end()});
+}
 
-// accountExpires counts 100 ns since 1601.
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
-constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
-
-std::int64_t number(std::string_view text) {
-    std::int64_t value = 0;
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
+// Whether an attribute is there and is this number.
+bool isNumber(const Entry& account, const char* name, std::int64_t number) {
+    return account.find(name) != nullptr && numberOf(account, name) == number;
 }
 
 // Why the account's credentials are revoked, as far as its entry tells.
 std::string whyRevoked(const Entry& account, std::time_t time) {
-    if ((number(account.first("userAccountControl")) & kDisabled) != 0) return "the account is disabled";
-    const std::int64_t expires = number(account.first("accountExpires"));
-    const bool never = expires <= 0 || expires == std::numeric_limits<std::int64_t>::max();
-    if (!never && expires / kTicksPerSecond - kSecondsTo1970 <= time) return "the account has expired";
-    if (number(account.first("lockoutTime")) != 0) return "the account is locked out";
+    if (isDisabled(numberOf(account, "userAccountControl").value_or(0))) return "the account is disabled";
+    if (hasExpired(numberOf(account, "accountExpires").value_or(0), time)) return "the account has expired";
+    if (numberOf(account, "lockoutTime") != 0) return "the account is locked out";
     return "the account may not log in now";
 }
 
 // Also of an account whose password is to be changed at once.
 bool passwordNeverSet(const Entry& account) {
-    return account.find("pwdLastSet") != nullptr && number(account.first("pwdLastSet")) == 0;
+    return isNumber(account, "pwdLastSet", 0);
 }
 
 std::string whyExpired(const Entry& account) {
@@ -61,6 +60,12 @@ Result wrongPassword() {
 }
 Result accountRefused(const std::string& why) {
     return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
+}
+
+std::optional<Result> unreadableState(const Entry& account) {
+    for (const char* name : kStateAttributes)
+        if (!numberOf(account, name)) return accountRefused("the account's state cannot be read");
+    return std::nullopt;
 }
 
 Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_t time) {

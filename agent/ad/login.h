@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 
 #include "agent/ad/link.h"
 #include "agent/ad/tickets.h"
@@ -19,6 +20,9 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
 // Why a check by a bind came to nothing. Controllers put the reason into the text, as
 // "data 52e".
 Verdict loginFailure(const LdapStatus& status);
+
+// A refusal where the entry says something of the account's state that cannot be read.
+std::optional<Result> unreadableState(const Entry& account);
 
 Result noSuchUser();
 Result wrongPassword();

@@ -58,6 +58,13 @@ TEST(Deadline, AShareLeavesTimeForOthers) {
     EXPECT_EQ(Deadline(now() - milliseconds(1)).share(milliseconds(1500), 4), milliseconds(0));
 }
 
+TEST(Deadline, APartOfItBelongsToTheSameRequest) {
+    const Deadline whole = Deadline::in(milliseconds(60'000));
+    EXPECT_EQ(whole.atMost(milliseconds(10)).begin(), whole.begin());
+    EXPECT_LT(whole.atMost(milliseconds(10)).end(), whole.end());
+    EXPECT_LE(whole.begin(), now());
+}
+
 TEST(SrvOrder, LowerPrioritiesComeFirst) {
     const auto ordered =
         orderRecords({{20, 0, 389, "c"}, {0, 0, 389, "a"}, {10, 0, 389, "b"}}, [] { return 0.0; });

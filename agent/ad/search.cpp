@@ -56,9 +56,9 @@ class AdSearch final : public Cursor {
     Result next(Batch& batch) override {
         const Deadline deadline = Deadline::in(m_source.options.timeout);
         std::vector<Entry> entries;
-        const LdapStatus status = read(**m_lease, vex::wire::kBatchObjects, deadline, entries);
+        LdapStatus status = read(**m_lease, vex::wire::kBatchObjects, deadline, entries);
         if (!status.ok()) {
-            if (status.lost) m_source.domain.noteLost(status);
+            status = m_source.domain.blame(**m_lease, deadline, status);
             m_lease->spoil();
             m_lease.reset();
             m_failed = true;

@@ -1,0 +1,178 @@
+"""Log-ins to a played domain: what a late or lying controller, an old password, two people
+with one name and an account of an odd state come to. Through slapd, as a client sees it."""
+import contextlib
+
+import ldap
+import pytest
+
+from gateway import SUFFIX, Slapd, failure, search
+from host import make_authority, make_certificate
+from played_domain import BASE, PASSWORD, SERVICE, PeerDirectory, entries, person
+from scripted_peer import ScriptedPeer, Stall
+from world import World
+
+TIMEOUT = 2  # seconds, for what is to be waited for in vain
+SLOW = "(&(objectClass=posixAccount)(uid=slow))"
+LOOK_UP = "(&(objectClass=posixAccount)(uid=ann))"
+
+PEOPLE = [person("ann", "ann", 1), person("ben", "ben", 2),
+          # Of two with one name: one's own is another's rewritten one, or both are rewritten.
+          person("one", "first", 3), person("two", "one", 4), person("three", "three", 5), person("four", "four", 6),
+          person("Cleo Long", "cleo", 7)]
+BOTH = "both"
+for _, entry in PEOPLE[4:6]:
+    entry["uid"] = [BOTH]
+
+
+def dn(name):
+    return f"cn={name},ou=People,{SUFFIX}"
+
+
+@pytest.fixture(scope="module")
+def certificate(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("tls")
+    make_authority(folder)
+    make_certificate(folder, ["IP:127.0.0.1"], folder / "cert.pem", folder / "key.pem")
+    return folder
+
+
+@pytest.fixture(params=["ldaps", "starttls"])
+def transport(request):
+    return request.param
+
+
+@pytest.fixture
+def peer(certificate, transport):
+    passwords = {SERVICE: PASSWORD, **{name: name.partition(",")[0][3:] for name, _ in PEOPLE}}
+    with ScriptedPeer(entries((name, dict(entry)) for name, entry in PEOPLE), transport=transport, passwords=passwords,
+                      certificate=(certificate / "cert.pem", certificate / "key.pem")) as played:
+        yield played
+
+
+@pytest.fixture
+def gateway(certificate, transport, peer):
+    """Starts agent and slapd on the peer; gives slapd."""
+    with contextlib.ExitStack() as stack:
+        def start(*directives, **settings):
+            world = World(PeerDirectory(certificate, transport, [peer]))
+            stack.callback(world.remove)
+            stack.callback(world.close)
+            agent = world.agent(**settings).start()
+            return world.slapd(agent, directives=(*Slapd.DIRECTIVES, *directives)).start()
+        yield start
+
+
+@pytest.fixture
+def remembering(gateway, tmp_path):
+    """A gateway that may remember log-ins; slapd itself forgets them at once."""
+    memory = tmp_path / "logins"
+
+    def start(**settings):
+        return gateway("vex-auth-prefer-cache true", ad__auth__cache="true", ad__auth__cache__file=memory, **settings)
+    return start
+
+
+def log_in(slapd, who, password):
+    """The result of a bind, by a connection that is gone afterwards."""
+    connection = slapd.connect()
+    try:
+        connection.simple_bind_s(who, password)
+        return 0
+    except ldap.LDAPError as error:
+        return failure(error)[0]
+    finally:
+        slapd.close_connection(connection)
+
+
+def asks_for(value):
+    """Whether a search asserts this value."""
+    return lambda request: value.encode() in request.filter[1]
+
+
+def use_up_the_time(slapd, peer):
+    """A request that takes all its time at a controller that answers everything else."""
+    peer.fault(Stall(), asks_for("slow"))
+    with pytest.raises(ldap.LDAPError) as caught:
+        search(slapd.connect(), SLOW)
+    assert peer.faults == []
+    return failure(caught.value)[0]
+
+
+# ---- time
+
+def test_a_request_that_has_used_up_its_time_fails_by_itself(gateway, peer):
+    slapd = gateway(ad__timeout=TIMEOUT)
+    assert len(search(slapd.connect(), LOOK_UP)) == 1
+    for _ in range(2):
+        assert use_up_the_time(slapd, peer) == 3
+        # Nobody takes the controller for one that is gone.
+        assert log_in(slapd, dn("ann"), "ann") == 0
+        assert log_in(slapd, dn("ben"), "wrong") == 49
+
+
+def test_no_slow_request_lets_an_old_password_in(remembering, peer):
+    slapd = remembering(ad__timeout=TIMEOUT)
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    peer.passwords[PEOPLE[0][0].lower()] = "newer"
+    for _ in range(2):
+        use_up_the_time(slapd, peer)
+        assert log_in(slapd, dn("ann"), "ann") == 49
+    assert log_in(slapd, dn("ann"), "newer") == 0
+
+
+def test_a_log_in_whose_time_is_up_is_no_success(gateway, peer):
+    slapd = gateway(ad__timeout=TIMEOUT)
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    peer.fault(Stall(), lambda request: request.scope == 0 and request.base.lower() == PEOPLE[0][0].lower())
+    assert log_in(slapd, dn("ann"), "wrong") not in (0, 49)
+
+
+# ---- the memory of log-ins
+
+def test_the_memory_answers_when_no_controller_does(remembering, peer):
+    slapd = remembering(ad__timeout=TIMEOUT)
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    peer.hung = True
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    assert log_in(slapd, dn("ann"), "wrong") == 49
+    assert log_in(slapd, dn("ben"), "ben") == 52
+
+
+@pytest.mark.parametrize("refused_as", ["cleo", "Cleo Long"])
+def test_the_memory_does_not_outlive_a_refusal(remembering, peer, refused_as):
+    """Under whichever of the person's names it was spoken."""
+    slapd = remembering(ad__timeout=TIMEOUT)
+    assert log_in(slapd, dn("cleo"), "Cleo Long") == 0
+    peer.passwords[PEOPLE[-1][0].lower()] = "newer"
+    assert log_in(slapd, dn(refused_as), "Cleo Long") == 49
+    peer.hung = True
+    assert log_in(slapd, dn("cleo"), "Cleo Long") == 52
+
+
+# ---- names
+
+def test_whom_one_name_means_together_log_in_by_their_others(gateway, tmp_path):
+    log = tmp_path / "agent.log"
+    slapd = gateway(log__file=log)
+    for name in ("two", "three", "four"):
+        assert log_in(slapd, dn(name), name) == 0
+        assert log_in(slapd, dn(name), "wrong") == 49
+    for name in ("one", BOTH):
+        for password in ("one", "two", "three", "four"):
+            assert log_in(slapd, dn(name), password) == 49
+    told = [line for line in log.read_text(encoding="utf-8").splitlines() if "means more than one object:" in line]
+    for name, people in (("one", ("one", "two")), (BOTH, ("three", "four"))):
+        lines = [line for line in told if f'"{dn(name)}"' in line]
+        assert len(lines) == 4, told
+        assert all(f"CN={person},OU=People,{BASE}" in line for line in lines for person in people)
+
+
+# ---- accounts
+
+@pytest.mark.parametrize("state", [{"userAccountControl": ["0x202"]}, {"userAccountControl": ["514 "]},
+                                   {"userAccountControl": ["512", "514"]}, {"accountExpires": ["99999999999999999999"]}])
+def test_a_state_that_cannot_be_read_refuses_the_log_in(gateway, peer, state):
+    slapd = gateway()
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    peer.entries[PEOPLE[0][0]].update(state)
+    assert log_in(slapd, dn("ann"), "ann") == 49
