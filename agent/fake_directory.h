@@ -63,7 +63,9 @@ class FakeDirectory : public Directory {
         return {};
     }
 
-    Result health() override { return healthy ? Result() : Result::agent(VEX_UNAVAILABLE, "away"); }
+    Result health() override {
+        return healthy ? Result() : Result::agent(VEX_UNAVAILABLE, "away").because("/where");
+    }
 
   private:
     class Counter : public Cursor {

@@ -20,14 +20,15 @@ using wire::Body;
 constexpr const char* kKindNames[] = {"none",   "search",       "next",       "close", "fetch",
                                       "lookup", "authenticate", "attributes", "health"};
 constexpr std::size_t kLongestInLog = 200;
+constexpr std::size_t kLongestDetail = 800;
 
 std::string text(const flatbuffers::String* string) {
     return string == nullptr ? std::string() : string->str();
 }
 
-std::string forLog(const std::string& value) {
-    std::string shown = vorn::printable(value.substr(0, kLongestInLog));
-    if (value.size() > kLongestInLog) shown += "...";
+std::string forLog(const std::string& value, std::size_t most = kLongestInLog) {
+    std::string shown = vorn::printable(value.substr(0, most));
+    if (value.size() > most) shown += "...";
     return shown;
 }
 
@@ -151,7 +152,9 @@ std::optional<Bytes> Service::handle(const Client& client, const wire::Request& 
     } catch (const std::bad_alloc&) {
         answer = {.result = Result::agent(VEX_NO_MEMORY, "out of memory")};
     } catch (const std::exception& error) {
-        answer = {.result = Result::agent(VEX_DIRECTORY_ERROR, error.what())};
+        answer = {
+            .result =
+                Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
     }
     const auto kind = static_cast<std::size_t>(request.body_type());
     m_served[kind < kKinds ? kind : 0].fetch_add(1, std::memory_order_relaxed);
@@ -262,7 +265,7 @@ Answer Service::authenticate(const Client& client, const wire::Request& request)
     if (!answer.result.ok())
         AGENT_LOG(vorn::Logger::kWarning, "authentication of \"%s\" failed for pid %d uid %u: %s (code %d)",
                   forLog(user).c_str(), static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
-                  answer.result.errText.c_str(), answer.result.code);
+                  forLog(answer.result.whole(), kLongestDetail).c_str(), answer.result.code);
     return answer;
 }
 
@@ -355,6 +358,11 @@ void Service::logRequest(const Client& client, const wire::Request& request, con
     AGENT_LOG(vorn::Logger::kInfo, "%s %s from pid %d uid %u: code %d, %zu objects, %ld us",
               kKindNames[kind < kKinds ? kind : 0], subject(request).c_str(), static_cast<int>(client.pid),
               static_cast<unsigned>(client.uid), answer.result.code, answer.objects.size(), micros);
+    // What a client is not told; of log-ins it has been written already.
+    if (!answer.result.ok() && !answer.result.detail.empty() && request.body_type() != Body::Authenticate)
+        AGENT_LOG(vorn::Logger::kWarning, "%s failed for pid %d uid %u: %s",
+                  kKindNames[kind < kKinds ? kind : 0], static_cast<int>(client.pid),
+                  static_cast<unsigned>(client.uid), forLog(answer.result.detail, kLongestDetail).c_str());
     if (answer.result.code == VEX_REFUSED)
         AGENT_LOG(vorn::Logger::kWarning, "refused a request of pid %d uid %u: %s",
                   static_cast<int>(client.pid), static_cast<unsigned>(client.uid),

@@ -108,7 +108,19 @@ TEST_F(ServiceTest, AFailureOfTheDirectoryReachesTheClient) {
     EXPECT_EQ(reply.errSystem, VEX_ERR_LDAP);
     EXPECT_EQ(reply.errCode, -7);
     EXPECT_EQ(reply.errText, "bad search filter");
-    EXPECT_EQ(ask(m_ann, searchFrame(1, "throw")).code, VEX_DIRECTORY_ERROR);
+}
+
+TEST_F(ServiceTest, WhatAClientNeedNotKnowStaysHere) {
+    const Reply thrown = ask(m_ann, searchFrame(1, "throw"));
+    EXPECT_EQ(thrown.code, VEX_DIRECTORY_ERROR);
+    EXPECT_EQ(thrown.errText, "the directory cannot answer");
+    m_directory.healthy = false;
+    EXPECT_EQ(ask(m_ann, healthFrame(2)).errText, "away");
+}
+
+TEST_F(ServiceTest, APasswordsStartDoesNotPassForIt) {
+    EXPECT_EQ(ask(m_ann, loginFrame(1, "ann", std::string("right\0", 6))).code, VEX_WRONG_PASSWORD);
+    EXPECT_EQ(ask(m_ann, loginFrame(2, "ann", std::string("right\0junk", 10))).code, VEX_WRONG_PASSWORD);
 }
 
 TEST_F(ServiceTest, AnAnswerLargerThanAFrameIsAFailure) {

@@ -7,14 +7,18 @@ order each round. Everybody is asked for of new servers each time; look-ups, whi
 short, in many short rounds of servers that stay.
 """
 import contextlib
+import itertools
 import json
 import os
 import random
+import statistics
 import subprocess
 import sys
 import tempfile
 import time
 from dataclasses import dataclass
+
+import ldap
 
 from servers import ROOT, gateway  # the tests' modules below are beside gateway
 
@@ -27,6 +31,8 @@ from world import World  # noqa: E402
 
 LOOK_UPS = 60  # of one contender in one round
 LOOK_UP_ROUNDS = 30  # for each of everybody's
+REFUSALS = 5  # of one kind in one round
+DISABLED = 10  # accounts
 UNIX = ["uid", "uidNumber", "gidNumber", "homeDirectory", "loginShell", "gecos"]
 WINDOWS = ["sAMAccountName", "uidNumber", "gidNumber", "unixHomeDirectory", "loginShell", "gecos"]
 CROWD = f"ou=Crowd,{gateway.SUFFIX}"  # at the root the domain would add its references to the proxy's answers
@@ -124,6 +130,69 @@ def look_up(contender, names, connections):
     return json.loads(line)["operations_per_second"]
 
 
+class WrongPassword:
+    """Of somebody who may log in: another one each time, since the domain counts them."""
+
+    key, title = "wrong", "a wrong password"
+
+    @staticmethod
+    def name(number):
+        return f"user{DISABLED + number}"
+
+
+class Disabled:
+    """Of an account that is disabled."""
+
+    key, title = "disabled", "a disabled account"
+
+    @staticmethod
+    def name(number):
+        return f"user{number % DISABLED + 1}"
+
+
+class Nobody:
+    """Of somebody who does not exist."""
+
+    key, title = "nobody", "an unknown name"
+
+    @staticmethod
+    def name(number):
+        return f"nobody{number}"
+
+
+def disable_some(lab):
+    """The first few of the crowd."""
+    for number in range(1, DISABLED + 1):
+        [(dn, _)] = lab.find(None, f"(sAMAccountName=user{number})", ["1.1"])
+        lab.modify(f"dn: {dn}\nchangetype: modify\nreplace: userAccountControl\nuserAccountControl: 514\n")
+
+
+def refused_by(connection, kind, number):
+    """How long a refused log-in takes."""
+    start = time.monotonic()
+    try:
+        connection.simple_bind_s(f"cn={kind.name(number)},{CROWD}", "no such password")
+    except ldap.INVALID_CREDENTIALS:
+        return time.monotonic() - start
+    raise RuntimeError(f"{kind.name(number)} was let in")
+
+
+def measure_refusals(domain, rounds, note):
+    """One directly after the other, so that what else the machine does meets all alike."""
+    disable_some(domain.lab)
+    numbers = itertools.count()
+    for gateway_kind, measure in REFUSALS_ON_DOMAIN.items():
+        with gateway_kind(domain) as contender:
+            connection = contender.slapd.connect()
+            for kind in measure.contenders:
+                refused_by(connection, kind, next(numbers))
+
+            def rate(kind):
+                return 1 / statistics.median(refused_by(connection, kind, next(numbers)) for _ in range(REFUSALS))
+
+            measure_rounds(measure, rounds, note, rate)
+
+
 def enumerate_anew(domain, kind):
     if kind is Straight:
         return enumerate_straight(domain.lab)
@@ -145,6 +214,13 @@ EVERYBODY_OF_DOMAIN = Measure("domain_enum", "on a domain, everybody, not cached
 LOOK_UPS_ON_DOMAIN = {
     1: Measure("domain_lookup_1", "on a domain, look-up, not cached, 1 connection", "operations", (Gateway, GatewayOverTls, Proxy)),
     8: Measure("domain_lookup_8", "on a domain, look-up, not cached, 8 connections", "operations", (Gateway, GatewayOverTls, Proxy)),
+}
+
+
+REFUSALS_ON_DOMAIN = {
+    Gateway: Measure("domain_refusal", "on a domain, refused log-in", "operations", (WrongPassword, Disabled, Nobody)),
+    GatewayOverTls: Measure("domain_refusal_tls", "on a domain over LDAPS, refused log-in", "operations",
+                            (WrongPassword, Disabled, Nobody)),
 }
 
 
@@ -173,5 +249,6 @@ def measure(rounds, note):
     try:
         measure_rounds(EVERYBODY_OF_DOMAIN, rounds, note, lambda kind: enumerate_anew(domain, kind))
         measure_look_ups(domain, rounds * LOOK_UP_ROUNDS, note)
+        measure_refusals(domain, rounds * LOOK_UP_ROUNDS, note)
     finally:
         domain.close()

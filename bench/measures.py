@@ -150,6 +150,10 @@ RATIOS = {
     "lookup_on_domain_vs_back_ldap_8": ("domain_lookup_8", "gateway_uncached", "proxy"),
     "lookup_on_domain_over_tls_vs_back_ldap": ("domain_lookup_1", "gateway_uncached_tls", "proxy"),
     "lookup_on_domain_over_tls_vs_back_ldap_8": ("domain_lookup_8", "gateway_uncached_tls", "proxy"),
+    "unknown_name_vs_wrong_password": ("domain_refusal", "nobody", "wrong"),
+    "disabled_vs_wrong_password": ("domain_refusal", "disabled", "wrong"),
+    "unknown_name_vs_wrong_password_over_tls": ("domain_refusal_tls", "nobody", "wrong"),
+    "disabled_vs_wrong_password_over_tls": ("domain_refusal_tls", "disabled", "wrong"),
 }
 
 CONNECTIONS = (1, 8, 64)

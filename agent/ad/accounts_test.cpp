@@ -75,7 +75,8 @@ Entry account(const std::vector<Attribute>& attributes) {
 std::string outcome(const Verdict& verdict) {
     const Result& result = verdict.result();
     return std::to_string(result.code) + " " + std::to_string(result.errSystem) + " " +
-           std::to_string(result.errCode) + " " + result.errText;
+           std::to_string(result.errCode) + " " + result.errText +
+           (result.detail.empty() ? "" : " | " + result.detail);
 }
 
 TEST(LoginResult, OfKerberos) {
@@ -90,23 +91,29 @@ TEST(LoginResult, OfKerberos) {
         {KRB5KDC_ERR_PREAUTH_FAILED, plain, "14 2 49 wrong password"},
         {KRB5KRB_AP_ERR_BAD_INTEGRITY, plain, "14 2 49 wrong password"},
         {KRB5KDC_ERR_CLIENT_REVOKED, account({{"userAccountControl", {"514"}}}),
-         "15 2 49 the account is disabled"},
+         "14 2 49 wrong password | the account is disabled"},
         {KRB5KDC_ERR_CLIENT_REVOKED, account({{"accountExpires", {"132223104000000000"}}}),
-         "15 2 49 the account has expired"},
+         "14 2 49 wrong password | the account has expired"},
         {KRB5KDC_ERR_CLIENT_REVOKED,
          account({{"accountExpires", {"9223372036854775807"}}, {"lockoutTime", {"1"}}}),
-         "15 2 49 the account is locked out"},
-        {KRB5KDC_ERR_CLIENT_REVOKED, plain, "15 2 49 the account may not log in now"},
-        {KRB5KDC_ERR_NAME_EXP, plain, "15 2 49 the account has expired"},
-        {KRB5KDC_ERR_KEY_EXP, plain, "15 2 49 the password has expired"},
-        {KRB5KDC_ERR_KEY_EXP, account({{"pwdLastSet", {"0"}}}), "15 2 49 the password must be changed"},
-        {KRB5KDC_ERR_POLICY, plain, "15 2 49 the account may not log in here or now"},
+         "14 2 49 wrong password | the account is locked out"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, plain, "14 2 49 wrong password | the account may not log in now"},
+        {KRB5KDC_ERR_NAME_EXP, plain, "14 2 49 wrong password | the account has expired"},
+        {KRB5KDC_ERR_KEY_EXP, plain, "14 2 49 wrong password | the password has expired"},
+        {KRB5KDC_ERR_KEY_EXP, account({{"pwdLastSet", {"0"}}}),
+         "14 2 49 wrong password | the password must be changed"},
+        {KRB5KDC_ERR_POLICY, plain, "14 2 49 wrong password | the account may not log in here or now"},
         {KRB5KDC_ERR_ETYPE_NOSUPP, account({{"pwdLastSet", {"0"}}}), "14 2 49 wrong password"},
-        {KRB5KDC_ERR_ETYPE_NOSUPP, plain, "15 2 49 the account has no password that Kerberos could check"},
+        {KRB5KDC_ERR_ETYPE_NOSUPP, plain,
+         "14 2 49 wrong password | the account has no password that Kerberos could check"},
         {KRB5KRB_AP_ERR_SKEW, plain,
-         "8 3 -1765328347 the clocks of this host and the controller differ too much: text"},
-        {KRB5_KDC_UNREACH, plain, "12 2 52 no KDC of the domain can be reached to check the password: text"},
-        {KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN, plain, "8 3 -1765328377 the password could not be checked: text"},
+         "8 3 -1765328347 the clocks of this host and the controller differ too much | "
+         "the clocks of this host and the controller differ too much: text"},
+        {KRB5_KDC_UNREACH, plain,
+         "12 2 52 no KDC of the domain can be reached to check the password | "
+         "no KDC of the domain can be reached to check the password: text"},
+        {KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN, plain,
+         "8 3 -1765328377 the password could not be checked | the password could not be checked: text"},
     };
     for (const auto& [code, entry, expected] : cases)
         EXPECT_EQ(outcome(loginResult({{code, code == 0 ? "" : "text"}}, entry, 1'600'000'000)), expected)
@@ -115,7 +122,8 @@ TEST(LoginResult, OfKerberos) {
 
 TEST(LoginResult, NothingThatWentWellProvesAPassword) {
     const Entry plain = account({});
-    EXPECT_EQ(outcome(loginResult(PasswordCheck(), plain, 0)), "8 3 0 the password could not be checked: ");
+    EXPECT_EQ(outcome(loginResult(PasswordCheck(), plain, 0)),
+              "8 3 0 the password could not be checked | the password could not be checked: ");
     EXPECT_EQ(outcome(loginFailure(LdapStatus())), "8 1 8 the password was not checked");
     EXPECT_EQ(outcome(Verdict(Result())), "8 1 8 the password was not checked");
     EXPECT_EQ(outcome(Verdict(Result::ldap(VEX_WRONG_PASSWORD, LDAP_SUCCESS, ""))),
@@ -128,7 +136,18 @@ TEST(LoginResult, NothingThatWentWellProvesAPassword) {
 
 TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
     EXPECT_EQ(outcome(loginResult({{KRB5_KT_NOTFOUND, "text"}, false}, account({}), 0)),
-              "8 3 -1765328203 the answer to the password check could not be verified with the keytab: text");
+              "8 3 -1765328203 the answer to the password check could not be verified with the keytab | "
+              "the answer to the password check could not be verified with the keytab: text");
+}
+
+TEST(LoginResult, AClientLearnsNoAddress) {
+    const LdapStatus lost{LDAP_SERVER_DOWN, "192.0.2.1 port 389: refused", true};
+    EXPECT_EQ(resultOf(lost).errText, "the domain is out of reach");
+    EXPECT_EQ(resultOf(lost).detail, lost.text);
+    const LdapStatus refused{LDAP_INSUFFICIENT_ACCESS, "00002098: SecErr, dc1.example.com"};
+    EXPECT_EQ(resultOf(refused).errText, "Insufficient access");
+    EXPECT_EQ(resultOf(refused).detail, refused.text);
+    EXPECT_EQ(resultOf(outOfTime()).errText, "the time for the request is up");
 }
 
 TEST(LoginResult, AStateThatCannotBeReadIsARefusal) {
@@ -158,13 +177,15 @@ TEST(LoginResult, OfABind) {
         {"533", "15 2 49 the account is disabled"},
         {"701", "15 2 49 the account has expired"},
         {"773", "15 2 49 the password must be changed"},
-        {"775", "15 2 49 the account is locked out"},
+        {"775", "14 2 49 wrong password | the account is locked out"},
         {"xyz", "14 2 49 wrong password"},
     };
     for (const auto& [data, expected] : cases)
         EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
-    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_SERVER_DOWN, "gone", true})), "12 2 -1 gone");
-    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})), "8 2 8 stronger");
+    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_SERVER_DOWN, "gone", true})),
+              "12 2 -1 the domain is out of reach | gone");
+    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})),
+              "8 2 8 Strong(er) authentication required | stronger");
 }
 
 // ------------------------------------------------------------ memory of log-ins

@@ -1,6 +1,7 @@
 #include "agent/ad/ad.h"
 
 #include <algorithm>
+#include <random>
 #include <set>
 
 #include "agent/ad/filters.h"
@@ -50,15 +51,24 @@ std::string nameIn(const std::string& description) {
     return description.substr(at + 6, description.find('\'', at + 6) - at - 6);
 }
 
-// Which objects a name means is for the log only.
-Result ambiguous(const std::string& name, const NamedEntries& found) {
+bool isRefusal(vexCode code) {
+    return code == VEX_NO_SUCH_USER || code == VEX_WRONG_PASSWORD || code == VEX_ACCOUNT_REFUSED;
+}
+
+// Nobody's password was looked at.
+Result ambiguous(const NamedEntries& found) {
     std::string dns;
     for (const std::vector<Entry>* entries : {&found.real, &found.rewritten})
-        for (const Entry& entry : *entries)
-            dns.append(dns.empty() ? "" : "; ").append(vorn::printable(entry.dn));
-    AGENT_LOG(vorn::Logger::kWarning, "\"%s\" means more than one object: %s", vorn::printable(name).c_str(),
-              dns.c_str());
-    return accountRefused("the name means more than one object");
+        for (const Entry& entry : *entries) dns.append(dns.empty() ? "" : "; ").append(entry.dn);
+    return refusedUnseen("the name means more than one object: " + dns);
+}
+
+// Somebody whom no directory holds.
+Entry nobody(const Domain& domain) {
+    std::random_device random;
+    std::string name = "nobody";
+    for (int i = 0; i < 4; ++i) name += "-" + std::to_string(random());
+    return {"CN=" + name + "," + vorn::DN::dnFromDomain(domain.name()), {{"sAMAccountName", {name}}}};
 }
 
 }  // namespace
@@ -275,6 +285,16 @@ Verdict AdDirectory::checkAccount(const Login& login, const Entry& account, cons
     return loginResult(check, account, m_options.clock());
 }
 
+// Asks what a wrong password would be asked: neither the time that it takes nor what
+// fails on the way tells a client whom the domain knows.
+Result AdDirectory::askInVain(const Login& login, const Deadline& deadline, const Result& refusal) {
+    const std::string password(login.password.size(), 'x');
+    const Verdict verdict =
+        checkAccount({login.user, password, login.domain}, nobody(*login.domain), deadline);
+    const bool told = verdict.accepted() || isRefusal(verdict.code());
+    return told ? refusal : verdict.result();
+}
+
 Verdict AdDirectory::askDomain(Login& login) {
     const Deadline end = deadline();
     const std::string dn = vorn::DN::isDN(login.user) ? login.user : "";
@@ -284,9 +304,10 @@ Verdict AdDirectory::askDomain(Login& login) {
     NameFinder finder(*login.domain, m_options, kLoginAttributes, end);
     const LdapStatus status = finder.byLoginName(login.user, found);
     if (!status.ok()) return resultOf(status);
-    if (found.count() > 1) return ambiguous(login.user, found);
+    if (found.count() > 1) return askInVain(login, end, ambiguous(found));
     const Entry* account = found.only();
-    if (account == nullptr || account->first("sAMAccountName").empty()) return noSuchUser();
+    if (account == nullptr || account->first("sAMAccountName").empty())
+        return askInVain(login, end, noSuchUser());
     login.account = guidText(account->first("objectGUID"));
     const Verdict verdict = checkAccount(login, *account, end);
     if (!verdict.accepted()) return verdict;
@@ -306,9 +327,7 @@ std::optional<Verdict> AdDirectory::askMemory(const Login& login) {
 
 void AdDirectory::learn(const Login& login, const Verdict& verdict) {
     if (verdict.accepted()) m_memory->remember(login.user, login.account, login.password);
-    if (verdict.code() == VEX_NO_SUCH_USER || verdict.code() == VEX_WRONG_PASSWORD ||
-        verdict.code() == VEX_ACCOUNT_REFUSED)
-        m_memory->forget(login.user, login.account);
+    if (isRefusal(verdict.code())) m_memory->forget(login.user, login.account);
 }
 
 bool AdDirectory::isJoined(const std::string& user) const {

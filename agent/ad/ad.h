@@ -57,6 +57,7 @@ class AdDirectory : public Directory {
     };
     bool isJoined(const std::string& user) const;
     Verdict askDomain(Login& login);
+    Result askInVain(const Login& login, const Deadline& deadline, const Result& refusal);
     Verdict checkAccount(const Login& login, const Entry& account, const Deadline& deadline);
     std::optional<Verdict> askMemory(const Login& login);
     void learn(const Login& login, const Verdict& verdict);

@@ -229,24 +229,30 @@ KrbStatus Kerberos::status(krb5_error_code code) const {
 
 KrbStatus Kerberos::steps(krb5_init_creds_context context) {
     std::string reply;
-    bool convincing = false;  // whether the message at hand says more than who asks
+    m_convincing = false;
+    m_message.clear();
     for (int step = 0; step < kMostSteps; ++step) {
         krb5_data in = {KV5M_DATA, static_cast<unsigned>(reply.size()), reply.data()};
         krb5_data out{};
         krb5_data realm{};
         unsigned flags = 0;
         const krb5_error_code code = krb5_init_creds_step(get(), context, &in, &out, &realm, &flags);
-        const std::string message(out.data, out.length);
-        const std::string realmText(realm.data, realm.length);
+        const bool more = code == 0 && (flags & KRB5_INIT_CREDS_STEP_FLAG_CONTINUE) != 0;
+        if (more) {
+            m_message.assign(out.data, out.length);
+            m_realm.assign(realm.data, realm.length);
+        }
         krb5_free_data_contents(get(), &out);
         krb5_free_data_contents(get(), &realm);
-        if (code != 0) return status(code);
-        if ((flags & KRB5_INIT_CREDS_STEP_FLAG_CONTINUE) == 0) return {};
-        if (KrbStatus sent = m_kdc.exchange(realmText, message, !convincing, reply); !sent.ok()) return sent;
+        if (!more) return status(code);
+        if (KrbStatus sent = m_kdc.exchange(m_realm, m_message, !m_convincing, reply); !sent.ok()) {
+            m_message.clear();
+            return sent;
+        }
         const krb5_error_code error = errorIn(get(), reply);
         // The library would go on to another way of showing the same password.
-        if (convincing && error == KRB5KDC_ERR_PREAUTH_FAILED) return status(error);
-        if (error == KRB5KDC_ERR_PREAUTH_REQUIRED) convincing = true;
+        if (m_convincing && error == KRB5KDC_ERR_PREAUTH_FAILED) return status(error);
+        if (error == KRB5KDC_ERR_PREAUTH_REQUIRED) m_convincing = true;
     }
     return {KRB5_KDCREP_MODIFIED, "the controller asks without end"};
 }
@@ -271,6 +277,17 @@ KrbStatus Kerberos::firstCredentials(krb5_principal client, const Prepare& prepa
     if (code != 0) return status(code);
     if (KrbStatus done = steps(context); !done.ok()) return done;
     return status(krb5_init_creds_get_creds(get(), context, &credentials));
+}
+
+void Kerberos::levelRefusal(const std::string& password) {
+    if (m_convincing || m_message.empty()) return;
+    krb5_data text = {KV5M_DATA, static_cast<unsigned>(password.size()), const_cast<char*>(password.data())};
+    krb5_data salt = {KV5M_DATA, static_cast<unsigned>(m_realm.size()), m_realm.data()};
+    krb5_keyblock key{};
+    if (krb5_c_string_to_key(get(), ENCTYPE_AES256_CTS_HMAC_SHA1_96, &text, &salt, &key) == 0)
+        krb5_free_keyblock_contents(get(), &key);
+    std::string reply;
+    m_kdc.exchange(m_realm, m_message, true, reply);
 }
 
 // ------------------------------------------------------------------- keytab

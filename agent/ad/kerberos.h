@@ -67,6 +67,11 @@ class Kerberos {
     using Prepare = std::function<krb5_error_code(krb5_init_creds_context)>;
     KrbStatus firstCredentials(krb5_principal client, const Prepare& prepare, krb5_creds& credentials);
 
+    // After credentials that were refused before the KDC wanted to see a password: asks
+    // and computes what it would have taken to be refused for a wrong one. Otherwise
+    // does nothing.
+    void levelRefusal(const std::string& password);
+
   private:
     struct FreeContext {
         void operator()(krb5_context context) const { krb5_free_context(context); }
@@ -75,6 +80,9 @@ class Kerberos {
     KrbStatus steps(krb5_init_creds_context context);
 
     KdcConversation& m_kdc;
+    std::string m_message;      // the last one that was answered
+    std::string m_realm;        // that it was for
+    bool m_convincing = false;  // whether it says more than who asks
     std::unique_ptr<std::remove_pointer_t<krb5_context>, FreeContext> m_context;
 };
 

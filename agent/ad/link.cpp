@@ -92,7 +92,8 @@ bool readPassword(const std::string& file, std::string& password) {
 }  // namespace
 
 LdapStatus outOfTime() {
-    return {LDAP_TIMELIMIT_EXCEEDED, "the time for the request is up"};
+    const std::string text = "the time for the request is up";
+    return {LDAP_TIMELIMIT_EXCEEDED, text, false, false, text};
 }
 
 bool isMissing(const LdapStatus& status) {
@@ -111,11 +112,14 @@ Result resultOf(const LdapStatus& status) {
         case LDAP_FILTER_ERROR:
             return Result::ldap(VEX_BAD_FILTER, status.code, "bad search filter");
         case LDAP_NO_MEMORY:
-            return Result::ldap(VEX_NO_MEMORY, status.code, status.text);
+            return Result::ldap(VEX_NO_MEMORY, status.code, "out of memory").because(status.text);
         default:
-            return Result::ldap(status.lost ? VEX_UNAVAILABLE : VEX_DIRECTORY_ERROR, status.code,
-                                status.text);
+            break;
     }
+    const vexCode code = status.lost ? VEX_UNAVAILABLE : VEX_DIRECTORY_ERROR;
+    std::string told = status.told;
+    if (told.empty()) told = status.lost ? "the domain is out of reach" : ldap_err2string(status.code);
+    return Result::ldap(code, status.code, told).because(status.text);
 }
 
 const Attribute* Entry::find(std::string_view name) const {

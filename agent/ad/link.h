@@ -19,12 +19,14 @@
 
 namespace vexagent {
 
-// How an LDAP operation ended: a result code of the library, and its text.
+// How an LDAP operation ended: a result code of the library, and its text, which is for
+// the log.
 struct LdapStatus {
     int code = LDAP_SUCCESS;
     std::string text{};
     bool lost = false;   // the controller did not answer as one should: another may
     bool again = false;  // lost, but asked in another way the same one may answer
+    std::string told{};  // what a client is told; empty: what the code says
     bool ok() const { return code == LDAP_SUCCESS; }
 };
 

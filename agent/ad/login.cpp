@@ -38,7 +38,7 @@ std::string whyExpired(const Entry& account) {
 }
 
 Result kerberosError(vexCode code, const KrbStatus& status, const std::string& text) {
-    return {code, VEX_ERR_KERBEROS, static_cast<int>(status.code), text + ": " + status.text};
+    return {code, VEX_ERR_KERBEROS, static_cast<int>(status.code), text, text + ": " + status.text};
 }
 
 // What follows "data " in a controller's text.
@@ -62,6 +62,10 @@ Result accountRefused(const std::string& why) {
     return Result::ldap(VEX_ACCOUNT_REFUSED, LDAP_INVALID_CREDENTIALS, why);
 }
 
+Result refusedUnseen(const std::string& why) {
+    return wrongPassword().because(why);
+}
+
 std::optional<Result> unreadableState(const Entry& account) {
     for (const char* name : kStateAttributes)
         if (!numberOf(account, name)) return accountRefused("the account's state cannot be read");
@@ -80,18 +84,19 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
         case KRB5KDC_ERR_PREAUTH_FAILED:
         case KRB5KRB_AP_ERR_BAD_INTEGRITY:
             return wrongPassword();
+        // A KDC may say all of these before it looks at the password.
         case KRB5KDC_ERR_CLIENT_REVOKED:
-            return accountRefused(whyRevoked(account, time));
+            return refusedUnseen(whyRevoked(account, time));
         case KRB5KDC_ERR_KEY_EXP:
-            return accountRefused(whyExpired(account));
+            return refusedUnseen(whyExpired(account));
         case KRB5KDC_ERR_NAME_EXP:
-            return accountRefused("the account has expired");
+            return refusedUnseen("the account has expired");
         case KRB5KDC_ERR_ETYPE_NOSUPP:
             // Whoever never had a password has no key: to a bind no password is right.
             if (passwordNeverSet(account)) return wrongPassword();
-            return accountRefused("the account has no password that Kerberos could check");
+            return refusedUnseen("the account has no password that Kerberos could check");
         case KRB5KDC_ERR_POLICY:
-            return accountRefused("the account may not log in here or now");
+            return refusedUnseen("the account may not log in here or now");
         case KRB5KRB_AP_ERR_SKEW:
             return kerberosError(VEX_DIRECTORY_ERROR, status,
                                  "the clocks of this host and the controller differ too much");
@@ -100,7 +105,8 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
             // The controllers answer, but not as KDCs: to a client the domain is out of
             // reach all the same.
             return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE,
-                                "no KDC of the domain can be reached to check the password: " + status.text);
+                                "no KDC of the domain can be reached to check the password")
+                .because("no KDC of the domain can be reached to check the password: " + status.text);
         default:
             return kerberosError(VEX_DIRECTORY_ERROR, status, "the password could not be checked");
     }
@@ -123,7 +129,7 @@ Verdict loginFailure(const LdapStatus& status) {
         case 0x773:
             return accountRefused("the password must be changed");
         case 0x775:
-            return accountRefused("the account is locked out");
+            return refusedUnseen("the account is locked out");  // said without regard to the password
         default:
             return wrongPassword();
     }

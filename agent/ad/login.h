@@ -26,6 +26,10 @@ std::optional<Result> unreadableState(const Entry& account);
 
 Result noSuchUser();
 Result wrongPassword();
+// The password was right.
 Result accountRefused(const std::string& why);
+// It may have been wrong: the client is told what it is told of a wrong one, so that it
+// learns nothing of the account.
+Result refusedUnseen(const std::string& why);
 
 }  // namespace vexagent

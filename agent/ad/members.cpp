@@ -54,7 +54,8 @@ std::vector<LdapSearch> searchesFor(const std::string& root, const char* name,
 
 LdapStatus tooManyGroups(std::size_t most) {
     return {LDAP_ADMINLIMIT_EXCEEDED,
-            "membership goes through more than " + std::to_string(most) + " groups (ad.groups.max)"};
+            "membership goes through more than " + std::to_string(most) + " groups (ad.groups.max)", false,
+            false, "membership goes through too many groups"};
 }
 
 // Runs them all and completes what came in parts.

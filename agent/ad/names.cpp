@@ -78,13 +78,18 @@ LdapStatus NameFinder::byDn(const std::string& dn, Rewritten rewritten, NamedEnt
     return found.real.empty() && !searches.empty() ? collect(dn, searches, found) : LdapStatus();
 }
 
+// Both are looked for whatever the first one finds: what is asked is the same for
+// everybody.
 LdapStatus NameFinder::byPrincipal(const std::string& name, NamedEntries& found) {
-    LdapStatus status = find("userPrincipalName", name, found.real);
     const std::size_t at = name.rfind('@');
-    if (!status.ok() || !found.real.empty() || at == 0 ||
-        !vorn::equalsIgnoreCase(std::string_view(name).substr(at + 1), m_domain.name()))
-        return status;
-    return find("sAMAccountName", name.substr(0, at), found.real);
+    const bool ours =
+        at != 0 && vorn::equalsIgnoreCase(std::string_view(name).substr(at + 1), m_domain.name());
+    LdapStatus status = find("userPrincipalName", name, found.real);
+    if (!status.ok() || !ours) return status;
+    std::vector<Entry> accounts;
+    status = find("sAMAccountName", name.substr(0, at), accounts);
+    if (found.real.empty()) found.real = std::move(accounts);
+    return status;
 }
 
 LdapStatus NameFinder::byAccount(const std::string& name, std::size_t backslash, NamedEntries& found) {

@@ -181,6 +181,10 @@ bool hasRanges(const Entry& entry) {
 
 namespace {
 
+LdapStatus oddPart(const std::string& text) {
+    return {LDAP_OTHER, text, false, false, text};
+}
+
 // Adds the parts after the first; each must lead further.
 LdapStatus readRest(Link& link, const std::string& dn, RangedName ranged, Attribute& attribute,
                     const Deadline& deadline) {
@@ -203,7 +207,7 @@ LdapStatus readRest(Link& link, const std::string& dn, RangedName ranged, Attrib
         // No such part: the value before was the last one, at the very end of its part.
         if (!more) return {};
         if (next != 0 && next <= ranged.next)
-            return {LDAP_OTHER, "the controller sends the parts of " + ranged.name + " without end"};
+            return oddPart("the controller sends the parts of " + ranged.name + " without end");
         ranged.next = next;
     }
     return {};
@@ -216,8 +220,8 @@ LdapStatus readRanges(Link& link, Entry& entry, const Deadline& deadline) {
         if (!isPart(attribute.name)) continue;
         RangedName ranged;
         if (!parseRange(attribute.name, ranged))
-            return {LDAP_OTHER,
-                    "the controller sends a part that leads nowhere: " + vorn::printable(attribute.name)};
+            return oddPart("the controller sends a part that leads nowhere: " +
+                           vorn::printable(attribute.name));
         attribute.name = ranged.name;
         if (LdapStatus status = readRest(link, entry.dn, ranged, attribute, deadline); !status.ok())
             return status;

@@ -148,9 +148,10 @@ Result runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline
         if (search->atEnd()) return begun;
         if (!lease.keep()) {
             lease.spoil();
-            return LdapStatus{LDAP_BUSY, "too many searches of " + source.domain.name() +
-                                             " are open: " + std::to_string(source.domain.mostLong()) +
-                                             ", four times ad.connections"};
+            return LdapStatus{LDAP_BUSY,
+                              "too many searches of " + source.domain.name() + " are open: " +
+                                  std::to_string(source.domain.mostLong()) + ", four times ad.connections",
+                              false, false, "too many searches are open"};
         }
         search->keep(std::move(lease));
         return begun;

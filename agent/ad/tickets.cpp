@@ -209,6 +209,7 @@ PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, cons
             return code != 0 ? code : krb5_init_creds_set_password(context, creds, password.c_str());
         },
         credentials.get());
+    if (!status.ok()) kerberos.levelRefusal(password);
     if (!status.ok()) return {status};
     if (!keytab.status().ok()) return {keytab.status(), false};
     if (self.get() == nullptr) return {kerberos.status(KRB5_KT_NOTFOUND), false};

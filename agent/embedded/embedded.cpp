@@ -12,7 +12,6 @@
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "agent/identifiers.h"
-#include "agent/log.h"
 #include "agent/passwords.h"
 #include "agent/secrets.h"
 #include "vorn/dn.h"
@@ -93,21 +92,19 @@ Result accountRefused(const char* why) {
 }
 
 std::string dnText(const ldb_message* message) {
-    return vorn::printable(ldb_dn_get_linearized(message->dn));
+    return ldb_dn_get_linearized(message->dn);
 }
 
 Result unavailable(const std::string& text) {
     return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE, text);
 }
 
-// Which objects a name means is for the log only.
-Result ambiguous(const std::string& name, const Named& named) {
+// Nobody's password was looked at.
+Result ambiguous(const Named& named) {
     std::string dns = named.real != nullptr ? dnText(named.real) : "";
     for (const ldb_message* message : named.rewritten)
         dns.append(dns.empty() ? "" : "; ").append(dnText(message));
-    AGENT_LOG(vorn::Logger::kWarning, "\"%s\" means more than one object: %s", vorn::printable(name).c_str(),
-              dns.c_str());
-    return accountRefused("the name means more than one object");
+    return wrongPassword().because("the name means more than one object: " + dns);
 }
 
 // The stored hashes, wiped when done with.
@@ -149,8 +146,9 @@ EmbeddedDirectory::EmbeddedDirectory(const EmbeddedOptions& options)
 
 Result EmbeddedDirectory::checkDomain(const std::string& domain) const {
     if (domain.empty() || domain == "$" || vorn::equalsIgnoreCase(domain, m_rules.domain)) return {};
-    return unavailable("no directory of the domain \"" + vorn::printable(domain) +
-                       "\": the embedded directory holds \"" + m_rules.domain + "\" only");
+    return unavailable("there is no such domain")
+        .because("no directory of the domain \"" + vorn::printable(domain) +
+                 "\": the embedded directory holds \"" + m_rules.domain + "\" only");
 }
 
 bool EmbeddedDirectory::isQuick(const Query& query) const {
@@ -270,7 +268,7 @@ Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::stri
     const ldb_message* object = named.only();
     const StoredHashes hashes(object);
     const std::optional<Accepted> accepted = acceptedByHash(password, hashes.values(), idle);
-    if (named.count() > 1) return ambiguous(user, named);
+    if (named.count() > 1) return ambiguous(named);
     if (object == nullptr) return noSuchUser();
     if (!accepted) return wrongPassword();
     if (std::optional<Result> refusal = refusalOf(object)) return *refusal;
@@ -299,7 +297,7 @@ Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
             }
             return true;
         });
-    if (!read.ok()) return Result::ldap(VEX_DIRECTORY_ERROR, read.code, read.text);
+    if (!read.ok()) return readFailure(read);
     names.assign(found.begin(), found.end());
     const std::lock_guard lock(m_namesMutex);
     m_names = names;
@@ -312,10 +310,10 @@ Result EmbeddedDirectory::health() {
         Database::Lease handle = m_database.lease();
         if (handle->sequence()) return {};
         const char* text = ldb_errstring(handle->ldb());
-        return unavailable(m_database.path() +
-                           ": cannot be read: " + (text != nullptr ? text : "unknown error"));
+        return unavailable("the directory cannot be read")
+            .because(m_database.path() + ": cannot be read: " + (text != nullptr ? text : "unknown error"));
     } catch (const DatabaseError& error) {
-        return unavailable(error.what());
+        return unavailable("the directory cannot be read").because(error.what());
     }
 }
 

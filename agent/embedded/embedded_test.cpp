@@ -173,7 +173,8 @@ TEST_F(EmbeddedTest, Domains) {
     std::unique_ptr<Cursor> rest;
     const Result result = m_directory->search(other, batch, rest);
     EXPECT_EQ(result.code, VEX_UNAVAILABLE);
-    EXPECT_EQ(result.errText,
+    EXPECT_EQ(result.errText, "there is no such domain");
+    EXPECT_EQ(result.detail,
               "no directory of the domain \"other.org\": the embedded directory holds \"example.com\" only");
 }
 
@@ -367,11 +368,17 @@ TEST(EmbeddedNames, WhoseOtherNamesAreUniqueLogsInByThem) {
         EXPECT_EQ(directory->authenticate(name, password).code(), VEX_OK) << name;
         EXPECT_EQ(directory->authenticate(name, "5").code(), VEX_WRONG_PASSWORD) << name;
     }
+    const auto whom = [&](const char* name, const char* password) {
+        const Result result = directory->authenticate(name, password).result();
+        EXPECT_EQ(result.code, VEX_WRONG_PASSWORD);
+        return result.detail;
+    };
     for (const char* password : {"1", "2", "3", "4"}) {
-        EXPECT_EQ(directory->authenticate("cn=ann,OU=People,DC=example,DC=com", password).code(),
-                  VEX_ACCOUNT_REFUSED);
-        EXPECT_EQ(directory->authenticate("cn=both,OU=People,DC=example,DC=com", password).code(),
-                  VEX_ACCOUNT_REFUSED);
+        EXPECT_EQ(whom("cn=ann,OU=People,DC=example,DC=com", password),
+                  "the name means more than one object: CN=ann,OU=People,DC=example,DC=com; "
+                  "CN=Two,OU=People,DC=example,DC=com");
+        EXPECT_THAT(whom("cn=both,OU=People,DC=example,DC=com", password),
+                    ::testing::AllOf(::testing::HasSubstr("CN=Three,"), ::testing::HasSubstr("CN=Four,")));
     }
 }
 
@@ -382,8 +389,9 @@ TEST(EmbeddedNames, OneThatMeansTwoObjectsIsRefused) {
         person("Four", "four", 4, "displayName: both\n" + hash) + person("five", "five", 5, hash));
     for (const char* name : {"cn=ann,OU=People,DC=example,DC=com", "cn=both,OU=People,DC=example,DC=com"}) {
         const Result result = directory->authenticate(name, "pass").result();
-        EXPECT_EQ(result.code, VEX_ACCOUNT_REFUSED) << name;
-        EXPECT_EQ(result.errText, "the name means more than one object");
+        EXPECT_EQ(result.code, VEX_WRONG_PASSWORD) << name;
+        EXPECT_EQ(result.errText, "wrong password");
+        EXPECT_THAT(result.detail, ::testing::StartsWith("the name means more than one object: CN="));
     }
     EXPECT_EQ(directory->authenticate("cn=five,OU=People,DC=example,DC=com", "pass").code(), VEX_OK);
 }

@@ -114,6 +114,10 @@ ParseTree* matchAll(void* pool) {
     return tree;
 }
 
+Result readFailure(const ReadResult& read) {
+    return Result::ldap(VEX_DIRECTORY_ERROR, read.code, "the directory cannot be read").because(read.text);
+}
+
 Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome) {
     Collector found(handle->ldb(), plan, query);
@@ -122,7 +126,7 @@ Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan
             found.add(message);
             return true;
         });
-    if (!read.ok()) return Result::ldap(VEX_DIRECTORY_ERROR, read.code, read.text);
+    if (!read.ok()) return readFailure(read);
     outcome.first.total = found.total();
     for (const ldb_message* message : found.messages())
         outcome.first.objects.push_back(makeObject(*handle, source.memberships, message, query.view));

@@ -36,6 +36,9 @@ struct Outcome {
 // A tree that every object matches, in the pool.
 ParseTree* matchAll(void* pool);
 
+// What it means to a client that a search of the database has failed.
+Result readFailure(const ReadResult& read);
+
 // The handle is a lease of the source's database.
 Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome);

@@ -108,7 +108,7 @@ class ScriptedPeer(contextlib.AbstractContextManager):
         self.index()
         self.passwords = {name.lower(): password for name, password in (passwords or {}).items()}
         self.unpaged_limit = self.value_limit = None
-        self.faults, self.requests = [], []
+        self.faults, self.requests, self.shown = [], [], []  # shown: name and password of each bind
         self.hang_handshake = self.hung = False
         self.connections = []
         self.lock = threading.Lock()
@@ -300,6 +300,7 @@ class Conversation:
     def bind(self, identifier, content):
         _, (_, name), (kind, password) = ber.elements(content)[:3]
         self.peer.note(("bind", name.decode()))
+        self.peer.shown.append((name.decode(), password.decode()))
         known = self.peer.passwords.get(name.decode().lower())
         if kind == 0x80 and known is not None and password.decode() == known:
             self.result(identifier, BIND_DONE, SUCCESS)

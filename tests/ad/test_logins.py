@@ -8,7 +8,7 @@ import pytest
 from gateway import SUFFIX, Slapd, failure, search
 from host import make_authority, make_certificate
 from played_domain import BASE, PASSWORD, SERVICE, PeerDirectory, entries, person
-from scripted_peer import ScriptedPeer, Stall
+from scripted_peer import ScriptedPeer, Search, Stall
 from world import World
 
 TIMEOUT = 2  # seconds, for what is to be waited for in vain
@@ -176,3 +176,42 @@ def test_a_state_that_cannot_be_read_refuses_the_log_in(gateway, peer, state):
     assert log_in(slapd, dn("ann"), "ann") == 0
     peer.entries[PEOPLE[0][0]].update(state)
     assert log_in(slapd, dn("ann"), "ann") == 49
+
+
+# ---- what a refusal tells
+
+def conversation(peer, slapd, who, password):
+    """What the controller is asked for a log-in, without names and values."""
+    before = len(peer.requests)
+    assert log_in(slapd, who, password) == 49
+    return [(request.scope, request.filter[0]) if isinstance(request, Search) else request[0] for request in peer.requests[before:]]
+
+
+def test_what_is_asked_for_a_refused_log_in_tells_nobody_who_exists(gateway, peer):
+    slapd = gateway()
+    assert log_in(slapd, dn("ann"), "ann") == 0
+    peer.passwords[PEOPLE[1][0].lower()] = "80090308: LdapErr: DSID-0C090439, comment: AcceptSecurityContext error, data 533, v4563"
+    wrong = conversation(peer, slapd, dn("ann"), "wrong")
+    assert wrong[-1] == "bind" and len(wrong) > 1
+    for who, password in ((dn("nobody"), "ann"), (dn("ben"), "ben"), (dn("one"), "one"), (dn("both"), "wrong")):
+        assert conversation(peer, slapd, who, password) == wrong
+
+
+def test_no_password_of_anybody_goes_to_somebody_who_does_not_exist(gateway, peer):
+    slapd = gateway()
+    assert log_in(slapd, dn("nobody"), "my secret") == 49
+    [(who, password)] = [shown for shown in peer.shown if shown[0] != SERVICE]
+    assert who.lower() not in (name.lower() for name in peer.entries) and password != "my secret"
+
+
+def test_a_failure_tells_no_address(gateway, peer, tmp_path):
+    log = tmp_path / "agent.log"
+    slapd = gateway(ad__timeout=TIMEOUT, log__file=log)
+    peer.close()
+    for action in (lambda: search(slapd.connect(), LOOK_UP), lambda: slapd.connect(dn("ann"), "ann")):
+        with pytest.raises(ldap.UNAVAILABLE) as caught:
+            action()
+        text = failure(caught.value)[1]
+        assert "127.0.0.1" not in text and str(peer.port) not in text and "/" not in text and "ad." not in text
+        assert "the domain is out of reach" in text
+    assert f"127.0.0.1 port {peer.port}: Connection refused" in log.read_text(encoding="utf-8")

@@ -316,7 +316,7 @@ WINDOWS = "80090308: LdapErr: DSID-0C090439, comment: AcceptSecurityContext erro
 @pytest.mark.parametrize("data, why", [
     ("52e", None), ("525", None), ("530", "the account may not log in here or now"),
     ("531", "the account may not log in here or now"), ("532", "the password has expired"), ("533", "the account is disabled"),
-    ("701", "the account has expired"), ("773", "the password must be changed"), ("775", "the account is locked out")])
+    ("701", "the account has expired"), ("773", "the password must be changed"), ("775", None)])
 def test_what_a_windows_controller_says_of_an_account(served, data, why):
     connection, [peer], _ = served()
     for name in list(peer.passwords):

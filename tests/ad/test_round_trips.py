@@ -122,6 +122,14 @@ def test_a_bind(warm, relay):
         warm.connect(f"cn=s-good,ou=States,{SUFFIX}", "welcome")
 
 
+@pytest.mark.parametrize("name", ["s-nobody", "s-disabled", "s-expired", "s-locked", "s-pwexpired"])
+@pytest.mark.parametrize("password", ["wrong", "welcome"])
+def test_a_refused_bind_costs_the_same_for_everybody(warm, relay, name, password):
+    """As much as a wrong password: what is asked tells nobody who exists."""
+    with costs(relay, 4, 2), pytest.raises(ldap.INVALID_CREDENTIALS):
+        warm.connect(f"cn={name},ou=States,{SUFFIX}", password)
+
+
 def test_the_whole_forest(warm, relay):
     """The global catalog finds it, over a connection of its own, for which the ticket is
     there; then it is fetched from its own domain."""
