@@ -65,6 +65,8 @@ class Slab {
 
 }  // namespace
 
+void (*onHook)(bool) = nullptr;
+
 TestFilter::TestFilter(const std::string& attribute, const char* value)
     : m_name(attribute), m_value(value == nullptr ? "" : value) {
     m_description.ad_cname = bv(m_name);
@@ -118,7 +120,9 @@ std::vector<standin::Sent> Client::search(const Request& request, int* answer) {
     op->o_tmpmemctx = &slab;
 
     *operation.reply() = request.before;
+    if (onHook != nullptr) onHook(true);
     const int result = vex_back_search(op, operation.reply());
+    if (onHook != nullptr) onHook(false);
     m_allocations = slab.allocations();
     m_reply = *operation.reply();
     if (answer != nullptr) *answer = result;

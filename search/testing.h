@@ -74,6 +74,10 @@ class Client {
     SlapReply m_reply{};
 };
 
+// Called with true before each run of the search's hook and with false after it, when a
+// test sets it.
+extern void (*onHook)(bool runs);
+
 // The control value's cookie.
 std::string cookieOf(const standin::Sent& sent);
 

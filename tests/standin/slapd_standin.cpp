@@ -1,5 +1,6 @@
 #include <strings.h>
 
+#include "tests/standin/inside.h"
 #include "vorn/lock.h"
 
 #include "tests/standin/slapd_standin.h"
@@ -39,6 +40,7 @@ void FakeConnection::keep(SlapReply* rs, bool isEntry) {
 }
 
 void FakeConnection::sendResult(Operation* op, SlapReply* rs) {
+    const Inside inside;
     of(op).keep(rs, false);
     if (rs->sr_flags & REP_CTRLS_MUSTBEFREED) {  // as slapd: a second result carries no controls
         op->o_tmpfree(rs->sr_ctrls, op->o_tmpmemctx);
@@ -48,6 +50,7 @@ void FakeConnection::sendResult(Operation* op, SlapReply* rs) {
 }
 
 int FakeConnection::sendEntry(Operation* op, SlapReply* rs) {
+    const Inside inside;
     FakeConnection& self = of(op);
     if (self.m_entryCode != 0) return self.m_entryCode;
     if (self.m_losesEntries) return 0;

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <sstream>
 
+#include "tests/standin/inside.h"
+
 #include "tests/standin/slapd_standin.h"
 
 extern "C" {
@@ -191,6 +193,7 @@ std::string entryText(const Entry* entry) {
 extern "C" {
 
 int slap_str2ad(const char* name, AttributeDescription** description, const char** text) {
+    const standin::Inside inside;
     std::lock_guard guard(slapd().mutex);
     auto found = slapd().known.find(name ? name : "");
     if (found == slapd().known.end()) {
@@ -227,6 +230,7 @@ int slap_map_api2result(SlapReply* rs) {
 
 // The reply's controls and then these, in one new block of the operation's memory.
 int slap_add_ctrls(Operation* op, SlapReply* rs, LDAPControl** controls) {
+    const standin::Inside inside;
     std::vector<LDAPControl*> all;
     for (LDAPControl** one = rs->sr_ctrls; one && *one; ++one) all.push_back(*one);
     for (LDAPControl** one = controls; *one; ++one) all.push_back(*one);
@@ -252,6 +256,7 @@ int backend_add(BackendInfo* info) {
 }
 
 Entry* str2entry(char* text) {
+    const standin::Inside inside;
     {
         std::lock_guard guard(slapd().mutex);
         if (!slapd().rejected.empty() && std::strstr(text, slapd().rejected.c_str())) return nullptr;
@@ -270,6 +275,7 @@ int is_entry_objectclass(Entry* entry, ObjectClass* /*objectClass*/, unsigned fl
 }
 
 void entry_free(Entry* entry) {
+    const standin::Inside inside;
     while (Attribute* attribute = entry->e_attrs) {
         entry->e_attrs = attribute->a_next;
         ber_bvarray_free(attribute->a_vals);

@@ -1,6 +1,7 @@
 // The BER functions of vex/vex.h, done by liblber.
 #include <cstdarg>
 
+#include "tests/standin/inside.h"
 #include "tests/standin/state.h"
 
 namespace {
@@ -48,12 +49,14 @@ int printOne(BerElement* ber, char letter, va_list* arguments) {
 extern "C" {
 
 void vex_ber_init2(BerElement* ber, struct berval* value, int options) {
+    const standin::Inside inside;
     note("vex_ber_init2(ber, " + std::string(value ? "value" : "null") + ", " + std::to_string(options) +
          ")");
     ber_init2(ber, value, options);
 }
 
 int vex_ber_printf(BerElement* ber, const char* format, ...) {
+    const standin::Inside inside;
     note("vex_ber_printf(ber, \"" + std::string(format) + "\")");
     {
         std::lock_guard guard(standin::state().mutex);
@@ -71,6 +74,7 @@ int vex_ber_printf(BerElement* ber, const char* format, ...) {
 }
 
 int vex_ber_flatten2(BerElement* ber, struct berval* value, int alloc) {
+    const standin::Inside inside;
     note("vex_ber_flatten2(ber, value, " + std::to_string(alloc) + ")");
     {
         std::lock_guard guard(standin::state().mutex);
@@ -80,6 +84,7 @@ int vex_ber_flatten2(BerElement* ber, struct berval* value, int alloc) {
 }
 
 void vex_ber_free_buf(BerElement* ber) {
+    const standin::Inside inside;
     note("vex_ber_free_buf(ber)");
     ber_free_buf(ber);
 }

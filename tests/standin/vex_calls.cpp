@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "tests/standin/inside.h"
 #include "tests/standin/state.h"
 
 using namespace standin;
@@ -109,6 +110,7 @@ class Call {
         if (milliseconds > 0) std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
     }
 
+    const Inside m_inside;  // before what allocates
     const std::string m_function;
     std::string m_line;
     State& m_state;
@@ -231,6 +233,7 @@ vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* f
                           const char* const* attributes, int scope, int sizeLimit, int pageSize,
                           vexSearchHandle** search) {
     mayWait();
+    const Inside inside;
     Call call("vexLdapSearchOpen", named(session), quoted(domain), quoted(filter), quoted(base),
               quoted(attributes), std::to_string(scope), std::to_string(sizeLimit), std::to_string(pageSize));
     if (int code = call.answer(session)) return code;
@@ -285,6 +288,7 @@ vexCode vexLdapSearchClose(vexSearchHandle* handle) {
 vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, const char* const* attributes,
                      vexObject** object) {
     mayWait();
+    const Inside inside;
     Call call("vexLdapFetch", named(session), quoted(domain), quoted(dn), quoted(attributes));
     if (int code = call.answer(session)) return code;
     return giveLookup(call, call.tables().fetches, dn, object);
@@ -292,12 +296,14 @@ vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, co
 
 vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject** object) {
     mayWait();
+    const Inside inside;
     Call call("vexLookupObjectByGuid", named(session), quoted(guid));
     if (int code = call.answer(session)) return code;
     return giveLookup(call, call.tables().lookups, guid, object);
 }
 
 vexCode vexGetAttributeStr(vexSession* session, const vexObject* object, const char* name, char** value) {
+    const Inside inside;
     Call call("vexGetAttributeStr", named(session), named(object), quoted(name));
     int code;
     const Attribute* attribute = toRead(call, object, name, &code);
@@ -307,6 +313,7 @@ vexCode vexGetAttributeStr(vexSession* session, const vexObject* object, const c
 }
 
 vexCode vexGetAttributeBool(vexSession* session, const vexObject* object, const char* name, int* value) {
+    const Inside inside;
     Call call("vexGetAttributeBool", named(session), named(object), quoted(name));
     int code;
     const Attribute* attribute = toRead(call, object, name, &code);
@@ -318,6 +325,7 @@ vexCode vexGetAttributeBool(vexSession* session, const vexObject* object, const 
 
 vexCode vexGetAttributeBlobList(vexSession* session, const vexObject* object, const char* name,
                                 vexBlob** values, int* count) {
+    const Inside inside;
     Call call("vexGetAttributeBlobList", named(session), named(object), quoted(name));
     int code;
     const Attribute* attribute = toRead(call, object, name, &code);
@@ -365,6 +373,7 @@ vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, cons
         std::lock_guard guard(state().mutex);
         show = state().showPasswords;
     }
+    const Inside inside;
     Call call("vexAuthValidatePlainTextUser", named(session), quoted(user),
               show ? quoted(password) : std::string("<hidden>"), std::to_string(flags));
     if (int code = call.answer(session)) return code;
@@ -407,6 +416,7 @@ vexCode vexGetLastProtocolError(vexSession* session, int* errSystem, int* errCod
 }
 
 void vexFreeString(char* text) {
+    const Inside inside;
     std::string shown = "null";
     bool known = false;
     {
@@ -423,6 +433,7 @@ void vexFreeString(char* text) {
 }
 
 void vexFreeAttributeBlobList(vexBlob* values, int count) {
+    const Inside inside;
     std::string shown = values ? "unknown" : "null";
     {
         std::lock_guard guard(state().mutex);
@@ -438,6 +449,7 @@ void vexFreeAttributeBlobList(vexBlob* values, int count) {
 }
 
 void vexFreeStringSet(vexStringSet* names) {
+    const Inside inside;
     std::string shown = names ? "unknown" : "null";
     {
         std::lock_guard guard(state().mutex);

@@ -157,4 +157,4 @@ def limit():
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 30, 1 << 30))
-    resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))
+    resource.setrlimit(resource.RLIMIT_DATA, (8 << 30, 8 << 30))
