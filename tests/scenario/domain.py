@@ -96,7 +96,7 @@ class PlayedDomain(PeerDirectory):
                        for address, peer in zip(outer.addresses, peers)]
         self.resolv = folder / "resolv.conf"
         self.resolv.write_text(f"nameserver {outer.addresses[0]}\noptions timeout:1 attempts:1\n", encoding="utf-8")
-        self.questions, self.names = set(), None
+        self.earlier_questions, self.names = set(), None
         self.names_back()
 
     def names_back(self):
@@ -104,9 +104,14 @@ class PlayedDomain(PeerDirectory):
         hosts = {f"{name}.{DNS_NAME}": relay.address for name, relay in zip(NAMES, self.relays)}
         self.names = NameServer(self.relays[0].address, services, hosts)
 
+    def questions(self):
+        """The names that were asked for."""
+        return self.earlier_questions | set(self.names.questions if self.names else ())
+
     def names_gone(self):
-        self.questions |= set(self.names.questions)
+        self.earlier_questions = self.questions()
         self.names.close()
+        self.names = None
 
     def settings(self, folder):
         settings = {**super().settings(folder), "ad.auth.cache": "true", "ad.auth.cache.file": folder / "logins"}

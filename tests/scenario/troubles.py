@@ -17,7 +17,7 @@ class Trouble:
 
     def __init__(self, lane, name, begin, end=lambda: None):
         self.lane, self.name, self.begin, self.end = lane, name, begin, end
-        self.mortal, self.aftermath = False, 0
+        self.mortal, self.aftermath = False, lambda: 0  # seconds
 
 
 def plan(random, troubles, rounds, length):
@@ -66,7 +66,7 @@ class Troublemaker:
     def end(self, trouble):
         self.open.remove(trouble)
         trouble.end()
-        self.over = max(self.over, time.monotonic() + trouble.aftermath)
+        self.over = max(self.over, time.monotonic() + trouble.aftermath())
 
     def stop(self):
         for trouble in list(self.open):
@@ -79,9 +79,12 @@ def agent_stopped(agent):
     return Trouble("agent", "agent stopped", lambda: agent.signal(signal.SIGSTOP), lambda: agent.signal(signal.SIGCONT))
 
 
-def agent_dead(agent, name, die):
+def agent_dead(agent, name, die, domain):
+    """Where the name service has gone meanwhile, it finds nobody, and asks again after a
+    quarter of a minute."""
     trouble = Trouble("agent", name, die, agent.start)
     trouble.mortal = True
+    trouble.aftermath = lambda: 17 if domain and domain.names is None else 0
     return trouble
 
 
@@ -138,15 +141,12 @@ def false_certificate(number, peer, relay, kind):
 
 
 def no_names(domain):
-    """An agent that starts meanwhile finds nobody, and asks again after a quarter of a minute."""
-    trouble = Trouble("names", "DNS gone", domain.names_gone, domain.names_back)
-    trouble.aftermath = 17
-    return trouble
+    return Trouble("names", "DNS gone", domain.names_gone, domain.names_back)
 
 
-def of_servers(agent, slapd):
-    return [agent_stopped(agent), agent_dead(agent, "agent killed", agent.kill),
-            agent_dead(agent, "agent restarted", agent.stop), dumps(slapd, agent)]
+def of_servers(agent, slapd, domain):
+    return [agent_stopped(agent), agent_dead(agent, "agent killed", agent.kill, domain),
+            agent_dead(agent, "agent restarted", agent.stop, domain), dumps(slapd, agent)]
 
 
 def of_domain(domain, random, deadlines):
