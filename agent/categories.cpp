@@ -87,9 +87,9 @@ std::span<const std::string_view> unixClasses() {
 
 bool isInvalidEntry(std::string_view category, const UnixFacts& facts) {
     const bool account = facts.uidNumber && facts.gidNumber && facts.home;
-    if (category == AD_USER_CATEGORY) return !account;
-    if (category == "Group") return !facts.gidNumber;
-    if (category == "Computer") return !account && !facts.address;
+    if (category == AD_USER_CATEGORY) return facts.refused || !account;
+    if (category == "Group") return facts.refused || !facts.gidNumber;
+    if (category == "Computer") return facts.refused || (!account && !facts.address);
     return false;
 }
 

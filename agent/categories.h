@@ -32,12 +32,13 @@ struct UnixFacts {
     bool gidNumber = false;
     bool home = false;     // unixHomeDirectory
     bool address = false;  // ipHostNumber or macAddress
+    bool refused = false;  // its own number is one that hosts are not shown (UnixIds)
 };
 
 // Whether the object cannot be used as a UNIX entry: a person without uidNumber,
 // gidNumber or unixHomeDirectory, a group without gidNumber, a computer that is
-// neither such a person nor has an ipHostNumber or macAddress. Nothing else is
-// ever marked.
+// neither such a person nor has an ipHostNumber or macAddress, and any of them whose own
+// number is refused. Nothing else is ever marked.
 bool isInvalidEntry(std::string_view category, const UnixFacts& facts);
 
 }  // namespace vexagent

@@ -141,7 +141,9 @@ AdOptions adOptions(const Reader& reader) {
     if (ad.transport != Transport::Gssapi) {
         ad.bindName = reader.required(vorn::SETTING_AD_BIND_NAME);
         ad.bindPasswordFile = reader.required(vorn::SETTING_AD_BIND_PASSWORD_FILE);
-        reader.required(vorn::SETTING_AD_TLS_CA);
+        // None by default: a public authority vouches for anybody's name.
+        if (ad.tlsCa.empty())
+            reader.fail(vorn::SETTING_AD_TLS_CA, std::string("is not set: ") + kHowToGetAuthority);
     }
     ad.timeout = std::chrono::seconds(reader.number(vorn::SETTING_AD_TIMEOUT, 1, 3600));
     ad.connections = static_cast<std::size_t>(reader.number(vorn::SETTING_AD_CONNECTIONS, 1, 64));
@@ -181,6 +183,8 @@ Config readConfig(const vorn::Properties& settings, const std::string& file) {
         reader.fail(vorn::SETTING_DOMAIN_NAME, "is \"" + config.domain + "\", not a DNS name");
     config.loginAttributes = words(reader.text(vorn::SETTING_LOGIN_ATTRIBUTES));
     config.zone = reader.text(vorn::SETTING_ZONE_REALNAME);
+    config.leastId = static_cast<std::uint32_t>(reader.number(vorn::SETTING_UNIX_ID_MIN, 0, INT32_MAX));
+    config.ad.ids.least = config.leastId;
     config.ad.domain = config.domain;
     config.ad.loginAttributes = config.loginAttributes;
     return config;

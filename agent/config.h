@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,6 +34,7 @@ struct Config {
     std::string domain;
     std::string zone;  // the zone's DN; may be empty
     std::vector<std::string> loginAttributes;
+    std::uint32_t leastId = 1;  // that hosts are shown
 };
 
 // Reads the settings; file names them in complaints about what is missing.

@@ -42,7 +42,7 @@ TEST(Config, DefaultsOfADomain) {
     EXPECT_TRUE(config.ad.servers.empty());
     EXPECT_EQ(config.ad.transport, Transport::Gssapi);
     EXPECT_EQ(config.ad.keytab, "/etc/krb5.keytab");
-    EXPECT_EQ(config.ad.tlsCa, "/etc/ssl/certs/ca-certificates.crt");
+    EXPECT_EQ(config.ad.tlsCa, "");
     EXPECT_EQ(config.ad.timeout, std::chrono::seconds(8));
     EXPECT_EQ(config.ad.connections, 8u);
     EXPECT_EQ(config.ad.mostGroups, 100'000u);
@@ -61,12 +61,16 @@ TEST(Config, ADomainsSettingsAreRead) {
     const Config config = read(
         "domain.name = example.com\ndirectory = ad\nad.servers = dc1 [::1]:390\nad.site = North\n"
         "ad.transport = starttls\nad.bind.name = svc@example.com\nad.bind.password.file = /p\n"
+        "ad.tls.ca = /ca\nunix.id.min = 1000\n"
         "ad.ids.from.sid = true\nad.auth.cache = true\nzone.dn = CN=z,DC=example,DC=com\n");
     EXPECT_THAT(config.ad.servers, ::testing::ElementsAre("dc1", "[::1]:390"));
     EXPECT_EQ(config.ad.site, "North");
     EXPECT_EQ(config.ad.transport, Transport::StartTls);
     EXPECT_EQ(config.ad.bindName, "svc@example.com");
     EXPECT_EQ(config.ad.bindPasswordFile, "/p");
+    EXPECT_EQ(config.ad.tlsCa, "/ca");
+    EXPECT_EQ(config.ad.ids.least, 1000u);
+    EXPECT_EQ(config.leastId, 1000u);
     EXPECT_TRUE(config.ad.ids.fromSid);
     EXPECT_TRUE(config.ad.authCache.enabled);
     EXPECT_EQ(config.zone, "CN=z,DC=example,DC=com");
@@ -107,11 +111,17 @@ TEST(Config, MistakesNameTheirPlace) {
 }
 
 TEST(Config, MistakesInADomainsSettingsNameTheirPlace) {
+    const std::string kNoAuthority = std::string("host.conf: ad.tls.ca is not set: ") + kHowToGetAuthority;
     const std::pair<const char*, const char*> cases[] = {
         {"ad.servers = dc1 dc2:x", "host.conf:3: ad.servers names \"dc2:x\", which is no host or host:port"},
         {"ad.transport = plain", "host.conf:3: ad.transport is \"plain\", not gssapi, starttls or ldaps"},
         {"ad.transport = ldaps", "host.conf: ad.bind.name is not set"},
         {"ad.transport = ldaps\nad.bind.name = x", "host.conf: ad.bind.password.file is not set"},
+        {"ad.transport = ldaps\nad.bind.name = x\nad.bind.password.file = /p", kNoAuthority.c_str()},
+        {"ad.transport = starttls\nad.bind.name = x\nad.bind.password.file = /p", kNoAuthority.c_str()},
+        {"unix.id.min = -1", "host.conf:3: unix.id.min is \"-1\", not a number from 0 to 2147483647"},
+        {"unix.id.min = 2147483648",
+         "host.conf:3: unix.id.min is \"2147483648\", not a number from 0 to 2147483647"},
         {"ad.ids.from.sid = yes", "host.conf:3: ad.ids.from.sid is \"yes\", not true or false"},
         {"ad.ids.slices = 20000",
          "host.conf:3: ad.ids.slices times ad.ids.slice.size is more than there are ids"},

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,6 +24,7 @@
 #include "agent/log.h"
 #include "agent/notify.h"
 #include "agent/server.h"
+#include "agent/wiping_memory.h"
 #include "vorn/dn.h"
 #include "vorn/settings.h"
 
@@ -117,8 +119,17 @@ void buildIfMissing(const Config& config) {
     buildDatabase(config.database, config.ldif, vorn::DN::dnFromDomain(config.domain));
 }
 
+// The file stays behind when the database is built, with all that is in it.
+void warnOfOpenHashes(const std::string& ldif) {
+    if (ldif.empty() || !showsHashes(ldif)) return;
+    const std::string line = ldif + ": others can read the password hashes in it (embedded.ldif); " +
+                             "install -o vexagent -m 400 makes a copy that is the agent's alone";
+    std::fprintf(stderr, "vexagent: %s\n", line.c_str());
+    AGENT_LOG(vorn::Logger::kWarning, "%s", line.c_str());
+}
+
 EmbeddedOptions embeddedOptions(const Config& config) {
-    return {config.database, config.domain, config.loginAttributes, vorn::systemTime};
+    return {config.database, config.domain, config.loginAttributes, vorn::systemTime, config.leastId};
 }
 
 std::unique_ptr<Directory> openDirectory(const Config& config) {
@@ -137,6 +148,16 @@ int check(const Config& config) {
     }
     if (exists(config.database)) EmbeddedDirectory(embeddedOptions(config));
     return 0;
+}
+
+// Nobody reads passwords out of this process but root: not from a core, which is not
+// written, and not through /proc or a debugger. The sanitizers' runtimes want both.
+void closeMemory() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    const rlimit none{};
+    ::setrlimit(RLIMIT_CORE, &none);
+    ::prctl(PR_SET_DUMPABLE, 0);
+#endif
 }
 
 // Every client is a descriptor.
@@ -237,6 +258,7 @@ int start(const Options& options) {
         raiseDescriptorLimit();
         if (options.check) return check(config);
         Agent agent(config);
+        if (config.directory == DirectoryKind::Embedded) warnOfOpenHashes(config.ldif);
         return agent.run();
     } catch (const std::exception& error) {
         complain(error.what());
@@ -248,5 +270,7 @@ int start(const Options& options) {
 }  // namespace vexagent
 
 int main(int count, char** words) {
+    vexagent::closeMemory();
+    vexagent::wipeLdapMemory();
     return vexagent::start(vexagent::parseOptions(count, words));
 }

@@ -43,6 +43,8 @@ inline constexpr Setting SETTING_ZONE_REALNAME = {"zone.dn", "",
 inline constexpr Setting SETTING_LOGIN_ATTRIBUTES = {
     "login.attributes", "sAMAccountName uid displayName",
     "attributes whose value may stand in a rewritten leading cn= of a DN"};
+inline constexpr Setting SETTING_UNIX_ID_MIN = {
+    "unix.id.min", "1", "the lowest uidNumber of a person and gidNumber of a group that hosts are shown"};
 inline constexpr Setting SETTING_LOG_FILE = {"log.file", "", "the log file (empty: none)"};
 inline constexpr Setting SETTING_LOG_LEVEL = {
     "log.level", "2",
@@ -67,8 +69,7 @@ inline constexpr Setting SETTING_AD_BIND_NAME = {
 inline constexpr Setting SETTING_AD_BIND_PASSWORD_FILE = {
     "ad.bind.password.file", "", "a file whose first line is the service account's password"};
 inline constexpr Setting SETTING_AD_TLS_CA = {
-    "ad.tls.ca", "/etc/ssl/certs/ca-certificates.crt",
-    "the certificate authorities that controllers' certificates come from"};
+    "ad.tls.ca", "", "a file with the domain's certificate authority, for starttls and ldaps"};
 inline constexpr Setting SETTING_AD_TIMEOUT = {
     "ad.timeout", "8", "seconds for one request to the domain, other controllers included"};
 inline constexpr Setting SETTING_AD_CONNECTIONS = {"ad.connections", "8",

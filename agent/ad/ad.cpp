@@ -8,6 +8,7 @@
 #include "agent/ad/login.h"
 #include "agent/identifiers.h"
 #include "agent/log.h"
+#include "agent/own_file.h"
 #include "agent/secrets.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
@@ -44,6 +45,14 @@ std::optional<std::string> guidBase(const std::string& base) {
     return guidText(guidBytes(std::string_view(base).substr(6, base.size() - 7)).value_or(""));
 }
 
+// A password that others may read is refused at once, not at the first request.
+const AdOptions& checked(const AdOptions& options) {
+    std::string password;
+    if (options.transport != Transport::Gssapi) readSecretLine(options.bindPasswordFile, password);
+    vorn::wipe(password);
+    return options;
+}
+
 // The name in "( 1.2.3 NAME 'cn' SYNTAX ...".
 std::string nameIn(const std::string& description) {
     const std::size_t at = description.find("NAME '");
@@ -76,7 +85,7 @@ Entry nobody(const Domain& domain) {
 // -------------------------------------------------------------------- domains
 
 AdDirectory::AdDirectory(const AdOptions& options)
-    : m_options(options),
+    : m_options(checked(options)),
       m_tickets(
           options.transport != Transport::Gssapi
               ? nullptr

@@ -22,7 +22,7 @@ class AdDirectory : public Directory {
   public:
     // Asks nothing yet: a domain that is out of reach is found out by the requests.
     // Changes this process's environment (see Tickets), so no other thread runs yet.
-    // Throws AuthCacheError.
+    // Throws OwnFileError.
     explicit AdDirectory(const AdOptions& options);
 
     bool isQuick(const Query& query) const override;

@@ -1,7 +1,6 @@
 #include "agent/ad/auth_cache.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,11 +20,6 @@ namespace vexagent {
 namespace {
 
 constexpr std::size_t kLargestFile = std::size_t{16} << 20;
-constexpr mode_t kOthers = 077;
-
-std::string reason(const std::string& file) {
-    return file + ": " + std::strerror(errno);
-}
 
 // Names may hold blanks and line ends: every such byte becomes a backslash and two
 // digits, and a backslash too.
@@ -33,25 +27,6 @@ std::string written(const std::string& name) {
     std::string text = vorn::printable(name);
     for (std::size_t at = 0; (at = text.find(' ', at)) != std::string::npos; at += 3)
         text.replace(at, 1, "\\20");
-    return text;
-}
-
-std::string readFile(const std::string& file) {
-    const vorn::Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (descriptor.get() < 0) {
-        if (errno == ENOENT) return {};
-        throw AuthCacheError(reason(file));
-    }
-    struct stat status {};
-    if (::fstat(descriptor.get(), &status) != 0) throw AuthCacheError(reason(file));
-    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || (status.st_mode & kOthers) != 0)
-        throw AuthCacheError(file + ": is not a file of the agent's own with mode 0600");
-    if (static_cast<std::size_t>(status.st_size) > kLargestFile)
-        throw AuthCacheError(file + ": is too large");
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    const ssize_t count = ::read(descriptor.get(), text.data(), text.size());
-    if (count < 0) throw AuthCacheError(reason(file));
-    text.resize(static_cast<std::size_t>(count));
     return text;
 }
 
@@ -75,7 +50,9 @@ AuthCache::AuthCache(const AuthCacheOptions& options, vorn::Clock clock)
 }
 
 void AuthCache::read() {
-    std::istringstream lines(readFile(m_options.file));
+    std::string text;
+    readOwnFile(m_options.file, kLargestFile, text);
+    std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {
         std::istringstream words(line);

@@ -11,18 +11,15 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include "agent/ad/options.h"
+#include "agent/own_file.h"
 #include "agent/verdict.h"
 
 namespace vexagent {
 
-class AuthCacheError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+using AuthCacheError = OwnFileError;
 
 // Safe for several threads and, in one process, for one object on one file.
 class AuthCache {

@@ -7,7 +7,9 @@
 #include "agent/ad/domain.h"
 #include "agent/ad/ids.h"
 #include "agent/identifiers.h"
+#include "agent/own_file.h"
 #include "vorn/dn.h"
+#include "vorn/secret.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -41,6 +43,7 @@ class Check {
             keytab();
         else
             account();
+        tls();
         if (controllers() && letIn()) {
             domain();
             if (!zone.empty()) checkZone(zone);
@@ -75,19 +78,37 @@ class Check {
     }
 
     void account() {
-        std::string line;
-        std::ifstream password(m_options.bindPasswordFile);
-        if (std::getline(password, line) && !line.empty())
-            ok("a password for " + m_options.bindName + " is in " + m_options.bindPasswordFile);
+        const std::string& file = m_options.bindPasswordFile;
+        std::string reason = "no password is in " + file;
+        if (hasPassword(file, reason))
+            ok("a password for " + m_options.bindName + " is in " + file);
         else
-            wrong("no password can be read from " + m_options.bindPasswordFile,
-                  "put the service account's password into its first line, mode 0600, owned by the agent's "
-                  "user");
+            wrong(reason,
+                  "put the service account's password into its first line: install -o vexagent -m 400 "
+                  "/dev/null " +
+                      file + ", then write it there");
         if (std::ifstream(m_options.tlsCa))
             ok("certificate authorities are in " + m_options.tlsCa);
         else
-            wrong("no certificate authorities can be read from " + m_options.tlsCa,
-                  "set ad.tls.ca to the file with the domain's certificate authority");
+            wrong("no certificate authorities can be read from " + m_options.tlsCa, kHowToGetAuthority);
+    }
+
+    static bool hasPassword(const std::string& file, std::string& reason) {
+        std::string line;
+        bool found = false;
+        try {
+            found = readSecretLine(file, line);
+        } catch (const OwnFileError& error) {
+            reason = error.what();
+        }
+        vorn::wipe(line);
+        return found;
+    }
+
+    void tls() {
+        const std::string package = tlsPackage();
+        ok("TLS comes from " + package + "; in slapd.conf, TLS before version 1.2 is refused by: " +
+           (package == "GnuTLS" ? "TLSCipherSuite NORMAL:-VERS-TLS1.0:-VERS-TLS1.1" : "TLSProtocolMin 3.3"));
     }
 
     bool controllers() {

@@ -27,7 +27,8 @@ constexpr milliseconds kLocateEvery{600'000};
 constexpr milliseconds kLocateSoon{15'000};  // when nothing was found
 constexpr milliseconds kLearnTime{1000};     // for the addresses of all controllers found
 constexpr milliseconds kFreshAnswer{2000};
-constexpr int kOtherSite = 1 << 16;  // above every priority
+constexpr std::size_t kMostStrangers = 64;  // that are told of
+constexpr int kOtherSite = 1 << 16;         // above every priority
 
 double randomFraction() {
     thread_local std::mt19937 generator{std::random_device{}()};
@@ -44,8 +45,12 @@ void readPartition(const Entry& partition, DomainInfo& info) {
 
 }  // namespace
 
-Domain::Domain(const LinkContext& context, std::string name, Kind kind)
-    : m_context(context), m_name(std::move(name)), m_kind(kind), m_controllers(randomFraction) {}
+Domain::Domain(const LinkContext& context, std::string name, Kind kind, std::string forest)
+    : m_context(context),
+      m_name(std::move(name)),
+      m_kind(kind),
+      m_forest(std::move(forest)),
+      m_controllers(randomFraction) {}
 
 std::uint16_t Domain::port() const {
     const bool tls = m_context.options.transport == Transport::Ldaps;
@@ -55,36 +60,62 @@ std::uint16_t Domain::port() const {
 
 // ---------------------------------------------------------------- controllers
 
-bool Domain::find(std::vector<Controller>& controllers, std::string& reason) const {
-    const AdOptions& options = m_context.options;
-    const bool listed = m_kind == Kind::Catalog || vorn::equalsIgnoreCase(m_name, options.domain);
-    if (listed && !options.servers.empty()) {
-        for (const std::string& server : options.servers) {
-            Peer peer;
-            if (!parsePeer(server, port(), peer)) continue;
-            if (m_kind == Kind::Catalog) peer.port = port();
-            controllers.push_back({peer, 0});
-        }
-        return true;
+std::vector<Controller> Domain::listed() const {
+    std::vector<Controller> controllers;
+    if (m_kind == Kind::Domain && !vorn::equalsIgnoreCase(m_name, m_context.options.domain)) return {};
+    for (const std::string& server : m_context.options.servers) {
+        Peer peer;
+        if (!parsePeer(server, port(), peer)) continue;
+        if (m_kind == Kind::Catalog) peer.port = port();
+        controllers.push_back({peer, 0});
     }
+    return controllers;
+}
+
+bool Domain::find(std::vector<Controller>& controllers, std::string& reason) {
+    controllers = listed();
+    if (!controllers.empty()) return true;
+    const std::string& site = m_context.options.site;
     const std::string service = m_kind == Kind::Catalog ? "_gc._tcp" : "_ldap._tcp";
     const std::string suffix = m_kind == Kind::Catalog ? m_name : "dc._msdcs." + m_name;
     std::vector<SrvRecord> records;
-    const auto add = [&](int rank) {
-        for (const SrvRecord& record : orderRecords(records, randomFraction)) {
-            // A record names the port without TLS.
-            const std::uint16_t at = options.transport == Transport::Ldaps ? port() : record.port;
-            const Peer peer{vorn::lower(record.target), at};
-            const bool known = std::any_of(controllers.begin(), controllers.end(),
-                                           [&](const Controller& other) { return other.peer == peer; });
-            if (!known) controllers.push_back({peer, rank + record.priority});
-        }
-    };
-    if (!options.site.empty() &&
-        querySrv(service + "." + options.site + "._sites." + suffix, records, reason))
-        add(0);
-    if (querySrv(service + "." + suffix, records, reason)) add(kOtherSite);
+    if (!site.empty() && querySrv(service + "." + site + "._sites." + suffix, records, reason))
+        take(records, 0, controllers, reason);
+    if (querySrv(service + "." + suffix, records, reason)) take(records, kOtherSite, controllers, reason);
     return !controllers.empty();
+}
+
+void Domain::take(const std::vector<SrvRecord>& records, int rank, std::vector<Controller>& controllers,
+                  std::string& reason) {
+    for (const SrvRecord& record : orderRecords(records, randomFraction)) {
+        if (!isOwnHost(record.target)) {
+            reason = "DNS names " + vorn::printable(record.target) + ", which is not below " + m_name;
+            continue;
+        }
+        // A record names the port without TLS.
+        const bool tls = m_context.options.transport == Transport::Ldaps;
+        const Peer peer{vorn::lower(record.target), tls ? port() : record.port};
+        const bool known = std::any_of(controllers.begin(), controllers.end(),
+                                       [&](const Controller& other) { return other.peer == peer; });
+        if (!known) controllers.push_back({peer, rank + record.priority});
+    }
+}
+
+// With TLS a certificate proves that a controller has its name, and that name comes from
+// DNS, which proves nothing: so it must be the domain's, or the forest's. Of tickets each
+// side proves itself.
+bool Domain::isOwnHost(const std::string& host) {
+    if (m_context.options.transport == Transport::Gssapi || liesBelow(host, m_name) ||
+        liesBelow(host, m_forest))
+        return true;
+    const std::lock_guard lock(m_mutex);
+    if (m_info && liesBelow(host, vorn::DN::domainFromDN(m_info->forest))) return true;
+    if (m_strangers.size() < kMostStrangers && m_strangers.insert(host).second)
+        AGENT_LOG(vorn::Logger::kWarning,
+                  "DNS names %s for %s: it is not asked, since it lies neither below that name nor below the "
+                  "forest's; if it is a controller, list it in ad.servers",
+                  vorn::printable(host).c_str(), m_name.c_str());
+    return false;
 }
 
 void Domain::locate() {
@@ -284,6 +315,7 @@ LdapStatus Domain::runOnAll(const Deadline& deadline, const Work& work) {
             m_lastAnswer = now();
             return status;
         }
+        if (status.barred) continue;
         status = fault(peer, open, deadline, status);
         if (deadline.passed()) break;
     }
@@ -421,6 +453,8 @@ LdapStatus Domain::info(const Deadline& deadline, std::shared_ptr<const DomainIn
     info = fresh;
     const std::lock_guard lock(m_mutex);
     m_info = info;
+    // Some may be the forest's.
+    if (!m_strangers.empty()) m_locateAgain = {};
     return {};
 }
 

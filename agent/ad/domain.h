@@ -8,11 +8,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "agent/ad/controllers.h"
 #include "agent/ad/link.h"
+#include "agent/ad/srv.h"
 
 namespace vexagent {
 
@@ -29,8 +31,9 @@ class Domain {
   public:
     enum class Kind { Domain, Catalog };
 
-    // name is the domain's DNS name, or the forest's. The context outlives it.
-    Domain(const LinkContext& context, std::string name, Kind kind);
+    // name is the domain's DNS name, or the forest's. forest is the DNS name of its forest
+    // where that is known already. The context outlives it.
+    Domain(const LinkContext& context, std::string name, Kind kind, std::string forest = {});
 
     // A connection for one thread, given back when the lease ends.
     class Lease {
@@ -116,7 +119,11 @@ class Domain {
     };
 
     std::uint16_t port() const;
-    bool find(std::vector<Controller>& controllers, std::string& reason) const;
+    std::vector<Controller> listed() const;
+    bool find(std::vector<Controller>& controllers, std::string& reason);
+    void take(const std::vector<SrvRecord>& records, int rank, std::vector<Controller>& controllers,
+              std::string& reason);
+    bool isOwnHost(const std::string& host);
     LdapStatus waitForControllers(const Deadline& deadline);
     bool acquire(const Deadline& deadline);
     void release();
@@ -140,6 +147,7 @@ class Domain {
     const LinkContext& m_context;
     const std::string m_name;
     const Kind m_kind;
+    const std::string m_forest;
     Controllers m_controllers;
     std::atomic<Moment> m_lastAnswer{Moment{}};
 
@@ -151,6 +159,7 @@ class Domain {
     bool m_located = false;                    // whether it has been tried
     Moment m_locateAgain{};
     std::string m_locateReason;
+    std::set<std::string> m_strangers;  // hosts that DNS names, and that are not asked
     std::shared_ptr<const DomainInfo> m_info;
     Moment m_lostAt{};    // when nobody answered last
     LdapStatus m_lost{};  // and why

@@ -187,6 +187,49 @@ TEST(AdObject, APartOfOneIsNotCalledUseless) {
     EXPECT_FALSE(marked(Part::OfCatalog));
 }
 
+// Made or not: a person is known by uidNumber, a group by gidNumber.
+TEST(AdObject, NumbersThatHostsAreNotShownMarkIt) {
+    IdOptions options;
+    options.least = 1000;
+    const Ids ids(options, "");
+    const auto marked = [&](Entry entry, std::vector<Attribute> more, Part part = Part::Whole) {
+        for (Attribute& attribute : more) entry.attributes.push_back(std::move(attribute));
+        return shown(makeObject(entry, {false, {"1.1"}}, ids, nullptr, part)).find("_nssEntryInvalid") !=
+               std::string::npos;
+    };
+    const Entry ann = person({{"objectCategory", {"CN=Person,CN=Schema,DC=x"}},
+                              {"gidNumber", {"100"}},
+                              {"unixHomeDirectory", {"/home/ann"}}});
+    EXPECT_FALSE(marked(ann, {{"uidNumber", {"1000"}}}));
+    for (const char* number : {"0", "999", "00", "-1", "0x3e8", "1000 ", "4294967295", "4294967296"})
+        EXPECT_TRUE(marked(ann, {{"uidNumber", {number}}})) << number;
+    EXPECT_TRUE(marked(ann, {{"uidNumber", {"1000", "0"}}}));
+    EXPECT_TRUE(marked(ann, {{"uidNumber", {"0"}}}, Part::OfCatalog));
+    EXPECT_FALSE(marked(ann, {{"uidNumber", {"1000"}}}, Part::OfCatalog));
+    const Entry group{"CN=g,DC=x", {{"objectClass", {"top", "group"}}}};
+    EXPECT_FALSE(marked(group, {{"gidNumber", {"1000"}}}));
+    EXPECT_TRUE(marked(group, {{"gidNumber", {"0"}}}));
+    const Entry computer{"CN=c,DC=x", {{"objectClass", {"computer"}}, {"ipHostNumber", {"10.0.0.1"}}}};
+    EXPECT_FALSE(marked(computer, {}));
+    EXPECT_TRUE(marked(computer, {{"uidNumber", {"0"}}}));
+}
+
+TEST(AdObject, AMadeNumberBelowTheLowestMarksIt) {
+    IdOptions options;
+    options.fromSid = true;
+    const std::string sid = sidBytes("S-1-5-21-1-2-3-1104").value();
+    const Entry bare =
+        person({{"objectSid", {sid}}, {"primaryGroupID", {"513"}}, {"sAMAccountName", {"ann"}}});
+    const std::uint32_t own = *idsOn().first() + 1104;
+    const auto marked = [&](std::uint32_t least) {
+        options.least = least;
+        const Ids ids(options, sidBytes("S-1-5-21-1-2-3").value());
+        return shown(makeObject(bare, {}, ids, nullptr)).find("_nssEntryInvalid") != std::string::npos;
+    };
+    EXPECT_FALSE(marked(own));
+    EXPECT_TRUE(marked(own + 1));
+}
+
 TEST(AdObject, ComputedMembersTakeThePlaceOfStoredOnes) {
     Entry group{"CN=g,DC=x",
                 {{"objectClass", {"top", "group"}}, {"gidNumber", {"5"}}, {"memberUid", {"old"}}}};

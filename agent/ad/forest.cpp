@@ -17,8 +17,9 @@ constexpr char kCatalog[] = "$";  // no domain has this name
 }  // namespace
 
 Forest::Forest(const LinkContext& context)
-    : m_context(context),
-      m_joined(add(vorn::lower(context.options.domain), context.options.domain, Domain::Kind::Domain)) {
+    : m_context(context), m_joined(add(vorn::lower(context.options.domain), [&context] {
+          return std::make_unique<Domain>(context, context.options.domain, Domain::Kind::Domain);
+      })) {
     // A list of servers needs nobody to look for them.
     if (!context.options.servers.empty()) m_joined.locate();
     const vorn::SignalsBlocked blocked;
@@ -57,12 +58,12 @@ Domain* Forest::known(const std::string& key) {
     return domain == m_domains.end() ? nullptr : domain->second.get();
 }
 
-Domain& Forest::add(const std::string& key, const std::string& name, Domain::Kind kind) {
+Domain& Forest::add(const std::string& key, const std::function<std::unique_ptr<Domain>()>& make) {
     Domain* added = nullptr;
     {
         const std::lock_guard lock(m_mutex);
         std::unique_ptr<Domain>& place = m_domains[key];
-        if (!place) place = std::make_unique<Domain>(m_context, name, kind);
+        if (!place) place = make();
         added = place.get();
     }
     const std::lock_guard lock(m_houseMutex);
@@ -81,9 +82,12 @@ LdapStatus Forest::catalog(const Deadline& deadline, Domain*& domain) {
     if (domain != nullptr) return {};
     std::shared_ptr<const DomainInfo> info;
     LdapStatus status = m_joined.info(deadline, info);
-    if (status.ok())
-        domain = &add(kCatalog, vorn::lower(vorn::DN::domainFromDN(info->forest)), Domain::Kind::Catalog);
-    return status;
+    if (!status.ok()) return status;
+    domain = &add(kCatalog, [&] {
+        const std::string forest = vorn::lower(vorn::DN::domainFromDN(info->forest));
+        return std::make_unique<Domain>(m_context, forest, Domain::Kind::Catalog);
+    });
+    return {};
 }
 
 LdapStatus Forest::find(const std::string& name, const Deadline& deadline, Domain*& domain) {
@@ -92,8 +96,11 @@ LdapStatus Forest::find(const std::string& name, const Deadline& deadline, Domai
     domain = nullptr;
     std::shared_ptr<const KnownDomains> known;
     LdapStatus status = names(deadline, known);
-    if (status.ok() && known->contains(name))
-        domain = &add(vorn::lower(name), vorn::lower(name), Domain::Kind::Domain);
+    const std::string key = vorn::lower(name);
+    if (status.ok() && known->contains(key))
+        domain = &add(key, [&] {
+            return std::make_unique<Domain>(m_context, key, Domain::Kind::Domain, known->forest());
+        });
     return status;
 }
 
@@ -112,7 +119,7 @@ LdapStatus Forest::learn(const Deadline& deadline, std::shared_ptr<const KnownDo
     std::shared_ptr<const DomainInfo> info;
     LdapStatus status = m_joined.info(deadline, info);
     if (!status.ok()) return status;
-    auto fresh = std::make_shared<KnownDomains>();
+    auto fresh = std::make_shared<KnownDomains>(vorn::DN::domainFromDN(info->forest));
     std::vector<Entry> entries;
     status = m_joined.search({"CN=Partitions,CN=Configuration," + info->forest, LDAP_SCOPE_ONELEVEL,
                               "(objectCategory=crossRef)", KnownDomains::kPartitionAttributes},

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,7 +43,7 @@ class Forest {
 
   private:
     Domain* known(const std::string& key);
-    Domain& add(const std::string& key, const std::string& name, Domain::Kind kind);
+    Domain& add(const std::string& key, const std::function<std::unique_ptr<Domain>()>& make);
     LdapStatus names(const Deadline& deadline, std::shared_ptr<const KnownDomains>& names);
     LdapStatus learn(const Deadline& deadline, std::shared_ptr<const KnownDomains>& names);
     void refresh();

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "agent/ad/options.h"
+#include "agent/unix_ids.h"
 
 namespace vexagent {
 
@@ -30,6 +31,9 @@ class Ids {
 
     // The SID that an id was made from; empty when it was made from none.
     std::string sidOf(std::uint32_t id) const;
+
+    // The numbers that hosts are shown.
+    UnixIds allowed() const { return UnixIds(m_options.least); }
 
     // The home folder of a login name.
     std::string homeOf(const std::string& name) const;

@@ -189,8 +189,13 @@ KrbStatus KdcConversation::exchange(const std::string& realm, std::string_view m
     if (controllers == nullptr) return {KRB5_REALM_UNKNOWN, "no controllers of the realm " + realm};
     std::vector<Controllers::Choice> choices = controllers->order(now());
     std::stable_partition(choices.begin(), choices.end(), [&](const Controllers::Choice& choice) {
-        return realm == m_realm && choice.peer.host == m_host;
+        return realm == m_realm && choice.peer == m_peer;
     });
+    const auto barred = [this](const Controllers::Choice& choice) {
+        return m_admits && !m_admits(choice.peer);
+    };
+    if (std::erase_if(choices, barred) != 0 && choices.empty())
+        return {KRB5_KDC_UNREACH, "the domain refuses the machine's key; it is tried again later", true};
     KrbStatus status = {KRB5_KDC_UNREACH, "no controller of the realm " + realm + " is known"};
     for (std::size_t i = 0; i < choices.size() && !m_deadline.passed(); ++i) {
         const bool last = i + 1 == choices.size() || !repeatable;
@@ -200,7 +205,7 @@ KrbStatus KdcConversation::exchange(const std::string& realm, std::string_view m
         status = ask(choices[i].peer.host, message, until, reply, sent);
         if (status.ok()) {
             m_realm = realm;
-            m_host = choices[i].peer.host;
+            m_peer = choices[i].peer;
             return status;
         }
         // One that had less time than it might need is at fault only if it says nothing at all.

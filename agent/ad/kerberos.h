@@ -21,6 +21,7 @@ namespace vexagent {
 struct KrbStatus {
     krb5_error_code code = 0;
     std::string text;
+    bool barred = false;  // the agent's own key is refused, or was a short while ago
     bool ok() const { return code == 0; }
 };
 
@@ -39,14 +40,22 @@ class KdcConversation {
     KrbStatus exchange(const std::string& realm, std::string_view message, bool repeatable,
                        std::string& reply);
 
+    // From now on only controllers are asked that this is true for; null for all.
+    using Admits = std::function<bool(const Peer&)>;
+    void askOnly(Admits admits) { m_admits = std::move(admits); }
+
+    // Who answered last; no host before the first answer.
+    const Peer& answered() const { return m_peer; }
+
   private:
     KrbStatus ask(const std::string& host, std::string_view message, const Deadline& deadline,
                   std::string& reply, bool& sent) const;
 
     const ControllersOf m_controllersOf;
     const Deadline m_deadline;
-    std::string m_realm;  // of m_host
-    std::string m_host;   // that answered
+    Admits m_admits;
+    std::string m_realm;  // of m_peer
+    Peer m_peer;          // that answered
 };
 
 // A library context for one thread, with settings of the agent's own; the

@@ -17,6 +17,11 @@ namespace vexagent {
 
 class KnownDomains {
   public:
+    // forest is the DNS name of the forest that it is about.
+    explicit KnownDomains(std::string forest = {}) : m_forest(std::move(forest)) {}
+
+    const std::string& forest() const { return m_forest; }
+
     // From an object of the class crossRef below the forest's partitions. Partitions
     // that are no domain, and places outside the forest, do not count.
     void addPartition(const Entry& partition);
@@ -40,6 +45,7 @@ class KnownDomains {
   private:
     void add(const std::string& name);
 
+    const std::string m_forest;
     std::set<std::string> m_names;  // in lower case
 };
 

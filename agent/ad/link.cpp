@@ -9,11 +9,12 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <mutex>
 
 #include "agent/ad/login.h"
 #include "agent/ad/results.h"
+#include "agent/log.h"
+#include "agent/own_file.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
 
@@ -25,6 +26,7 @@ constexpr milliseconds kPatience{1500};  // without a sign before the controller
 constexpr int kPatienceShare = 4;        // or this part of the time that is left
 constexpr milliseconds kGrace{100};      // before a call that is late is ended by force
 constexpr milliseconds kGoodbyeTime{200};
+constexpr milliseconds kTurnTime{1000};  // for another attempt of the agent's to be let in
 constexpr std::size_t kUnderWay = 8;
 constexpr std::time_t kTicketReserve = 60;
 
@@ -84,9 +86,32 @@ void prepareLibldap(bool tls) {
     ldap_unbind_ext(ldap, nullptr, nullptr);
 }
 
-bool readPassword(const std::string& file, std::string& password) {
-    std::ifstream stream(file);
-    return static_cast<bool>(std::getline(stream, password)) && !password.empty();
+// TLS 1.2 at least. Where the library takes TLS from GnuTLS, its setting for the lowest
+// version does nothing: that wants the versions among the ciphers, as OpenSSL does not.
+bool refuseOldTls(LDAP* ldap) {
+    if (tlsPackage() == "GnuTLS")
+        return ldap_set_option(ldap, LDAP_OPT_X_TLS_CIPHER_SUITE,
+                               "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2") == LDAP_OPT_SUCCESS;
+    const int least = LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
+    return ldap_set_option(ldap, LDAP_OPT_X_TLS_PROTOCOL_MIN, &least) == LDAP_OPT_SUCCESS;
+}
+
+// The service account, or the machine, is refused: nobody is asked for a while.
+LdapStatus barred(const std::string& what) {
+    return {LDAP_UNAVAILABLE, "the domain refuses " + what + "; it is tried again later", true, false, {}, true};
+}
+
+std::string serviceName(const AdOptions& options) {
+    return options.bindName + " (ad.bind.name)";
+}
+
+void tellRefusal(const AdOptions& options, const std::string& reason) {
+    AGENT_LOG(
+        vorn::Logger::kError,
+        "the domain refuses %s: %s. Put its password into the first line of %s (ad.bind.password.file), "
+        "and see that the account is neither locked nor disabled; what is there now is tried again "
+        "after 5 seconds, and then ever more rarely, up to every 15 minutes",
+        serviceName(options).c_str(), vorn::printable(reason).c_str(), options.bindPasswordFile.c_str());
 }
 
 }  // namespace
@@ -94,6 +119,13 @@ bool readPassword(const std::string& file, std::string& password) {
 LdapStatus outOfTime() {
     const std::string text = "the time for the request is up";
     return {LDAP_TIMELIMIT_EXCEEDED, text, false, false, text};
+}
+
+std::string tlsPackage() {
+    char* package = nullptr;
+    ldap_get_option(nullptr, LDAP_OPT_X_TLS_PACKAGE, &package);
+    const std::unique_ptr<char, FreeMemory> owner(package);
+    return package != nullptr ? package : "";
 }
 
 bool isMissing(const LdapStatus& status) {
@@ -187,6 +219,7 @@ LdapStatus Link::startTls(const Deadline& deadline) {
     const std::string& authorities = m_context.options.tlsCa;
     const int demand = LDAP_OPT_X_TLS_DEMAND;
     const int client = 0;
+    if (!refuseOldTls(ldap)) return {LDAP_LOCAL_ERROR, "TLS before version 1.2 cannot be refused"};
     if (ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, authorities.c_str()) != LDAP_OPT_SUCCESS ||
         ldap_set_option(ldap, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) != LDAP_OPT_SUCCESS ||
         ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client) != LDAP_OPT_SUCCESS)
@@ -214,8 +247,11 @@ LdapStatus Link::startTls(const Deadline& deadline) {
 
 LdapStatus Link::bindWithTicket(const std::string& domain, const Deadline& deadline) {
     if (const KrbStatus ticket = m_context.tickets->prepare(domain, m_peer.host, deadline, m_end);
-        !ticket.ok())
-        return lost(LDAP_LOCAL_ERROR, "no ticket for ldap/" + m_peer.host + ": " + ticket.text);
+        !ticket.ok()) {
+        LdapStatus status = lost(LDAP_LOCAL_ERROR, "no ticket for ldap/" + m_peer.host + ": " + ticket.text);
+        status.barred = ticket.barred;
+        return status;
+    }
     LDAP* ldap = m_ldap.get();
     ldap_set_option(ldap, LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
     // At least 56 bits: signed and sealed.
@@ -268,15 +304,35 @@ Verdict Link::checkPassword(const std::string& dn, const std::string& password, 
     return BindProof::make();
 }
 
-LdapStatus Link::bindAsService(const Deadline& deadline) {
+LdapStatus Link::showPassword(const Deadline& deadline) {
+    const AdOptions& options = m_context.options;
     std::string password;
-    if (!readPassword(m_context.options.bindPasswordFile, password))
-        return lost(LDAP_LOCAL_ERROR,
-                    "no password in " + m_context.options.bindPasswordFile + " (ad.bind.password.file)");
-    LdapStatus status = bind(m_context.options.bindName, password, deadline);
+    try {
+        if (!readSecretLine(options.bindPasswordFile, password))
+            return lost(LDAP_LOCAL_ERROR,
+                        "no password in " + options.bindPasswordFile + " (ad.bind.password.file)");
+    } catch (const OwnFileError& error) {
+        return lost(LDAP_LOCAL_ERROR, std::string(error.what()) + " (ad.bind.password.file)");
+    }
+    LdapStatus status = bind(options.bindName, password, deadline);
     vorn::wipe(password);
-    if (!status.ok() && !status.lost)
-        return lost(status.code, "as " + m_context.options.bindName + " (ad.bind.name): " + status.text);
+    return status;
+}
+
+LdapStatus Link::bindAsService(const Deadline& deadline) {
+    const AdOptions& options = m_context.options;
+    OwnLogin& own = m_context.ownLogin;
+    const auto turn = own.takeTurn(now(), deadline.atMost(kTurnTime));
+    own.use(stampOf(options.bindPasswordFile));
+    if (!own.mayTry(m_peer, now())) return barred(serviceName(options));
+    LdapStatus status = showPassword(deadline);
+    if (status.ok() && own.accepted(m_peer, now()))
+        AGENT_LOG(vorn::Logger::kInfo, "the domain lets %s in again", serviceName(options).c_str());
+    if (status.ok() || status.lost || status.code < 0) return status;
+    // Not the code: nobody's password but the agent's own was wrong.
+    if (own.refused(m_peer, now())) tellRefusal(options, status.text);
+    status = lost(LDAP_UNAVAILABLE, "as " + serviceName(options) + ": " + status.text);
+    status.barred = true;
     return status;
 }
 
@@ -295,6 +351,10 @@ LdapStatus Link::openAnonymous(const LinkContext& context, const Peer& peer, con
 
 LdapStatus Link::open(const LinkContext& context, const std::string& domain, const Peer& peer,
                       const Deadline& deadline, std::unique_ptr<Link>& link) {
+    if (context.options.transport != Transport::Gssapi) {
+        context.ownLogin.use(stampOf(context.options.bindPasswordFile));
+        if (!context.ownLogin.mayTry(peer, now())) return barred(serviceName(context.options));
+    }
     std::unique_ptr<Link> fresh;
     LdapStatus status = openAnonymous(context, peer, deadline, fresh);
     if (status.ok()) status = fresh->introduce(domain, deadline);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent/ad/options.h"
+#include "agent/ad/own_login.h"
 #include "agent/ad/sockets.h"
 #include "agent/ad/tickets.h"
 #include "agent/ad/watchdog.h"
@@ -27,6 +28,7 @@ struct LdapStatus {
     bool lost = false;   // the controller did not answer as one should: another may
     bool again = false;  // lost, but asked in another way the same one may answer
     std::string told{};  // what a client is told; empty: what the code says
+    bool barred = false;  // lost, because the agent itself is not let in: the controller is there
     bool ok() const { return code == LDAP_SUCCESS; }
 };
 
@@ -38,6 +40,9 @@ bool isMissing(const LdapStatus& status);
 
 // The same in the terms of the client interface.
 Result resultOf(const LdapStatus& status);
+
+// What libldap, and so slapd, takes TLS from: "GnuTLS" or "OpenSSL".
+std::string tlsPackage();
 
 // An entry as the controller sent it.
 struct Entry {
@@ -70,6 +75,7 @@ struct LinkContext {
     Watchdog& watchdog;
     Tickets* tickets;                                  // null without GSSAPI
     mutable std::atomic<Moment> pagesUntil{Moment{}};  // until when Results asks for pages at once
+    mutable OwnLogin ownLogin{};                       // of the service account
 };
 
 class Results;
@@ -143,6 +149,7 @@ class Link {
     LdapStatus introduce(const std::string& domain, const Deadline& deadline);
     LdapStatus bindWithTicket(const std::string& domain, const Deadline& deadline);
     LdapStatus bindAsService(const Deadline& deadline);
+    LdapStatus showPassword(const Deadline& deadline);
     LdapStatus waitFor(int id, const Deadline& deadline, LDAPMessage*& message);
     LdapStatus readAll(Results& results, const Deadline& deadline, const Visitor& visit);
     LdapStatus readEntry(LDAPMessage* message, Entry& entry);

@@ -88,6 +88,27 @@ TEST(SrvOrder, NothingStaysNothing) {
     EXPECT_TRUE(orderRecords({}, [] { return 0.5; }).empty());
 }
 
+TEST(SrvTarget, LiesBelowADomainOrDoesNot) {
+    const struct {
+        const char* host;
+        const char* domain;
+        bool below;
+    } cases[] = {
+        {"dc1.example.com", "example.com", true},
+        {"DC1.Site.EXAMPLE.com", "example.COM", true},
+        {"example.com", "example.com", true},
+        {"dcexample.com", "example.com", false},
+        {"dc1.example.com.evil.net", "example.com", false},
+        {"com", "example.com", false},
+        {".com", "example.com", false},
+        {"dc1.example.comx", "example.com", false},
+        {"127.0.0.1", "example.com", false},
+        {"dc1.example.com", "", false},
+        {"", "", false},
+    };
+    for (const auto& [host, domain, below] : cases) EXPECT_EQ(liesBelow(host, domain), below) << host;
+}
+
 // A DNS answer to a question about "x" with one record of the type and data.
 std::string answer(std::uint16_t type, const std::string& data) {
     std::string bytes("\0\1\x84\0\0\1\0\1\0\0\0\0", 12);

@@ -65,6 +65,19 @@ Made makeIds(const Entry& entry, const std::string& category, const Ids& ids) {
     return made;
 }
 
+// Whether the number that stands for it, its own or a made one, is none that hosts are shown.
+bool isRefused(const Entry& entry, const std::string& category, const Made& made, const UnixIds& ids) {
+    const std::string_view name = ownIdAttribute(category);
+    if (name.empty()) return false;
+    std::vector<std::string_view> numbers;
+    if (const Attribute* stored = entry.find(name))
+        numbers.assign(stored->values.begin(), stored->values.end());
+    const auto& id = category == "Group" ? made.gidNumber : made.uidNumber;
+    const std::string text = id ? std::to_string(*id) : "";
+    if (id) numbers.push_back(text);
+    return ids.refuses(entry.dn, name, numbers);
+}
+
 bool isInvalid(const Entry& entry, const std::string& category, const Made& made) {
     const auto has = [&](const char* name) { return !entry.first(name).empty(); };
     const UnixFacts facts = {has("uidNumber") || made.uidNumber, has("gidNumber") || made.gidNumber,
@@ -132,7 +145,8 @@ Object makeObject(const Entry& entry, const View& view, const Ids& ids,
     object.push_back({AD_OBJECT_DN_TEXT, {entry.dn}});
     object.push_back({AD_OBJECT_GUID_TEXT, {guidText(entry.first("objectGUID"))}});
     object.push_back({VORN_OBJECT_CATEGORY, {category}});
-    if (part == Part::Whole && isInvalid(entry, category, made))
+    if (isRefused(entry, category, made, ids.allowed()) ||
+        (part == Part::Whole && isInvalid(entry, category, made)))
         object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
     for (const Attribute& attribute : entry.attributes) {
         if (attribute.values.empty() || isSecretAttribute(attribute.name) || !isWanted(view, attribute.name))

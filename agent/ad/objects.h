@@ -28,7 +28,8 @@ std::string memberName(const Entry& entry, const Ids& ids);
 // The object: its own _dn, _GUID, _objectCategory and perhaps _nssEntryInvalid
 // first, then the attributes in the controller's order, secrets left out. members
 // is the computed memberUid, null where none is shown. An entry of the catalog is but
-// a part of an object, which cannot tell whether the whole is of use: it gets no mark.
+// a part of an object, which cannot tell whether the whole is of use: it gets no mark but for a
+// number that hosts are not shown.
 enum class Part { Whole, OfCatalog };
 Object makeObject(const Entry& entry, const View& view, const Ids& ids,
                   const std::vector<std::string>* members, Part part = Part::Whole);

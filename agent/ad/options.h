@@ -23,6 +23,7 @@ struct IdOptions {
     std::uint32_t first = 200'000;      // the lowest id
     std::uint32_t slices = 10'000;      // domains are spread over so many slices
     std::uint32_t sliceSize = 200'000;  // ids of one slice
+    std::uint32_t least = 1;            // number that hosts are shown at all, made or not
     std::string home = "/home/%u";      // for accounts without one; %u is the login name
 };
 
@@ -33,6 +34,13 @@ struct AuthCacheOptions {
     std::chrono::seconds maxAge{7 * 86'400};
     int attempts = 5;  // wrong ones in a row, after which a record is not asked any more
 };
+
+// How the file of the setting ad.tls.ca is come by.
+inline constexpr char kHowToGetAuthority[] =
+    "copy the certificate of the authority that signed the controllers' certificates to this host, as PEM: a "
+    "Windows authority writes it with \"certutil -ca.cert ca.cer\" (and \"openssl x509 -inform der\" makes "
+    "it "
+    "PEM), Samba keeps it as private/tls/ca.pem; a list of public authorities would let in whoever DNS names";
 
 struct AdOptions {
     std::string domain;                        // the joined domain's DNS name

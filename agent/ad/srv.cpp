@@ -9,6 +9,8 @@
 #include <array>
 #include <cerrno>
 
+#include "vorn/strings.h"
+
 namespace vexagent {
 namespace {
 
@@ -84,6 +86,12 @@ std::vector<SrvRecord> orderRecords(std::vector<SrvRecord> records, const std::f
         std::rotate(first, chosen, chosen + 1);
     }
     return records;
+}
+
+bool liesBelow(std::string_view host, std::string_view domain) {
+    if (domain.empty() || host.size() < domain.size()) return false;
+    const std::size_t rest = host.size() - domain.size();
+    return vorn::equalsIgnoreCase(host.substr(rest), domain) && (rest == 0 || host[rest - 1] == '.');
 }
 
 bool querySrv(const std::string& name, std::vector<SrvRecord>& records, std::string& reason) {

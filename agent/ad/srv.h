@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/ad/deadline.h"
@@ -24,6 +25,9 @@ bool parseSrvAnswer(const unsigned char* bytes, int size, std::vector<SrvRecord>
 // In the order in which to ask them: by priority, and within one drawn by weight.
 // random gives numbers from 0 up to, not including, 1.
 std::vector<SrvRecord> orderRecords(std::vector<SrvRecord> records, const std::function<double()>& random);
+
+// Whether a host's name is a domain's, or stands below it.
+bool liesBelow(std::string_view host, std::string_view domain);
 
 // Asks the host's name servers for the records of a name. False with the reason
 // when there are none or nobody answers; takes a few seconds at most.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "agent/log.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -93,6 +94,22 @@ krb5_principal ownName(const Kerberos& kerberos, const KrbKeytab& keytab, const 
     return host != nullptr ? host : machineName(kerberos, keytab, options);
 }
 
+// Whether a KDC has refused the machine itself, and would again.
+bool isRefusal(krb5_error_code code) {
+    switch (code) {
+        case KRB5KDC_ERR_PREAUTH_FAILED:
+        case KRB5KRB_AP_ERR_BAD_INTEGRITY:
+        case KRB5KDC_ERR_CLIENT_REVOKED:
+        case KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN:
+        case KRB5KDC_ERR_KEY_EXP:
+        case KRB5KDC_ERR_NAME_EXP:
+        case KRB5KDC_ERR_POLICY:
+            return true;
+        default:
+            return false;
+    }
+}
+
 // Empty when there is no memory for it.
 std::string nameWithoutRealm(krb5_context context, krb5_const_principal principal) {
     char* text = nullptr;
@@ -135,6 +152,26 @@ KrbStatus Tickets::renew(Kerberos& kerberos, krb5_ccache cache) {
     return {};
 }
 
+// The machine's ticket, asked for as long as its key may be shown.
+KrbStatus Tickets::logIn(Kerberos& kerberos, KdcConversation& kdc, krb5_ccache cache) {
+    m_own.use(stampOf(m_options.keytab));
+    kdc.askOnly([this](const Peer& peer) { return m_own.mayTry(peer, now()); });
+    KrbStatus status = renew(kerberos, cache);
+    kdc.askOnly(nullptr);
+    if (status.ok() && m_own.accepted(kdc.answered(), now()))
+        AGENT_LOG(vorn::Logger::kInfo, "the domain lets the machine in again");
+    if (!isRefusal(status.code)) return status;
+    status.barred = true;
+    if (m_own.refused(kdc.answered(), now()))
+        AGENT_LOG(
+            vorn::Logger::kError,
+            "the domain refuses the key in %s: %s. Join the domain anew (adcli join, or realm join), or "
+            "see that the machine's account is neither locked nor disabled; what is there now is tried "
+            "again after 5 seconds, and then ever more rarely, up to every 15 minutes",
+            m_options.keytab.c_str(), status.text.c_str());
+    return status;
+}
+
 KrbStatus Tickets::serviceTicket(Kerberos& kerberos, krb5_ccache cache, const std::string& domain,
                                  const std::string& host, std::time_t& end) {
     krb5_context context = kerberos.get();
@@ -172,7 +209,7 @@ KrbStatus Tickets::prepare(const std::string& domain, const std::string& host, c
     const std::time_t time = m_options.clock();
     const std::time_t rest = std::max<std::time_t>(kLeastLeft, (m_end - m_start) / kRestOfLife);
     if (time + rest >= m_end)
-        if (KrbStatus status = renew(kerberos, cache.get()); !status.ok()) {
+        if (KrbStatus status = logIn(kerberos, kdc, cache.get()); !status.ok()) {
             // An old one serves as long as it is valid.
             if (time + kLeastLeft >= m_end) return status;
         }

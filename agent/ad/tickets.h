@@ -9,6 +9,7 @@
 
 #include "agent/ad/kerberos.h"
 #include "agent/ad/options.h"
+#include "agent/ad/own_login.h"
 #include "agent/verdict.h"
 
 namespace vexagent {
@@ -34,12 +35,14 @@ class Tickets {
     std::shared_lock<std::shared_timed_mutex> lockForUse() { return std::shared_lock(m_mutex); }
 
   private:
+    KrbStatus logIn(Kerberos& kerberos, KdcConversation& kdc, krb5_ccache cache);
     KrbStatus renew(Kerberos& kerberos, krb5_ccache cache);
     KrbStatus serviceTicket(Kerberos& kerberos, krb5_ccache cache, const std::string& domain,
                             const std::string& host, std::time_t& end);
 
     const AdOptions& m_options;
     const KdcConversation::ControllersOf m_controllersOf;
+    OwnLogin m_own;
     std::shared_timed_mutex m_mutex;  // guards the cache's content
     std::time_t m_start = 0;          // of the machine's ticket; guarded by m_mutex
     std::time_t m_end = 0;

@@ -142,6 +142,7 @@ EmbeddedDirectory::EmbeddedDirectory(const EmbeddedOptions& options)
     : m_rules{options.domain, options.loginAttributes},
       m_domainDn(vorn::DN::dnFromDomain(options.domain)),
       m_clock(options.clock),
+      m_ids(options.leastId),
       m_database(options.database) {}
 
 Result EmbeddedDirectory::checkDomain(const std::string& domain) const {
@@ -196,7 +197,7 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     if (selection == Selection::Some) selection = loosen(pool.get(), plan);
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) plan.tree = matchAll(pool.get());
-    return runSearch({m_database, m_memberships}, handle, plan, query, {first, rest});
+    return runSearch(source(), handle, plan, query, {first, rest});
 }
 
 Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,
@@ -208,7 +209,7 @@ Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn
     const ldb_message* message = named.real != nullptr ? named.real : named.only();
     if (message == nullptr)
         return Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
-    object = makeObject(*handle, m_memberships, message, view);
+    object = makeObject(*handle, source(), message, view);
     return {};
 }
 
@@ -219,7 +220,7 @@ Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Obje
     const ldb_message* message = bytes ? handle->readByGuid(pool.get(), *bytes) : nullptr;
     if (message == nullptr)
         return Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
-    object = makeObject(*handle, m_memberships, message, view);
+    object = makeObject(*handle, source(), message, view);
     return {};
 }
 

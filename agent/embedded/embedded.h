@@ -11,6 +11,7 @@
 #include "agent/embedded/database.h"
 #include "agent/embedded/memberships.h"
 #include "agent/embedded/names.h"
+#include "agent/embedded/objects.h"
 #include "vorn/clock.h"
 
 namespace vexagent {
@@ -20,6 +21,7 @@ struct EmbeddedOptions {
     std::string domain;                        // the joined domain's DNS name
     std::vector<std::string> loginAttributes;  // see NameRules
     vorn::Clock clock = vorn::systemTime;
+    std::uint32_t leastId = 1;  // that hosts are shown, see UnixIds
 };
 
 class EmbeddedDirectory : public Directory {
@@ -42,10 +44,12 @@ class EmbeddedDirectory : public Directory {
     Result findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base);
     std::optional<Result> refusalOf(const ldb_message* user) const;
     std::string idleSetting(Handle& handle);
+    Source source() { return {m_database, m_memberships, m_ids}; }
 
     const NameRules m_rules;
     const std::string m_domainDn;
     const vorn::Clock m_clock;
+    const UnixIds m_ids;
     Database m_database;
     Memberships m_memberships;
 

@@ -208,6 +208,29 @@ TEST_F(EmbeddedTest, EveryObjectCarriesItsOwnAttributes) {
     EXPECT_EQ(value(batch.objects[0], "_objectCategory"), "Person");
 }
 
+// By default only what would be root.
+TEST(EmbeddedIds, NumbersThatHostsAreNotShownMarkAnEntry) {
+    TestDirectory directory(units() + person("Root", "root", 0) + person("Low", "low", 999) +
+                            person("High", "high", 1000) + group("wheel", 0, {}) + group("many", 1000, {}));
+    const auto marked = [](EmbeddedDirectory& asked, const char* cn) {
+        Object object;
+        const std::string place =
+            std::string(cn) == "wheel" || std::string(cn) == "many" ? "Groups" : "People";
+        EXPECT_TRUE(asked.fetch("", std::string("CN=") + cn + ",OU=" + place + "," + kRoot, {}, object).ok());
+        return value(object, "_nssEntryInvalid") == "TRUE";
+    };
+    EXPECT_TRUE(marked(*directory, "Root"));
+    EXPECT_FALSE(marked(*directory, "Low"));
+    EXPECT_TRUE(marked(*directory, "wheel"));
+    EXPECT_FALSE(marked(*directory, "many"));
+    EmbeddedDirectory strict({directory.database(), kDomain, {"sAMAccountName"}, testClock, 1000});
+    EXPECT_TRUE(marked(strict, "Low"));
+    EXPECT_FALSE(marked(strict, "High"));
+    ASSERT_TRUE(directory.change(std::string("dn: CN=High,OU=People,") + kRoot +
+                                 "\nchangetype: modify\nadd: uidNumber\nuidNumber: 0\n"));
+    EXPECT_TRUE(marked(strict, "High"));
+}
+
 TEST_F(EmbeddedTest, EntriesThatUnixCannotUseAreMarked) {
     const std::pair<const char*, bool> cases[] = {
         {"CN=Ann Lee,OU=People", false}, {"CN=Plain,OU=People", true},  {"CN=pc1,OU=People", true},

@@ -1,10 +1,25 @@
 #include "agent/embedded/kinds.h"
 
+#include <vector>
+
+#include "vorn/strings.h"
+
 namespace vexagent {
 namespace {
 
 bool has(const ldb_message* message, const char* name) {
     return !firstValue(message, name).empty();
+}
+
+bool isRefused(const ldb_message* message, std::string_view attribute, const UnixIds& ids) {
+    std::vector<std::string_view> numbers;
+    for (unsigned i = 0; i < message->num_elements; ++i) {
+        const ldb_message_element& element = message->elements[i];
+        if (!vorn::equalsIgnoreCase(element.name, attribute)) continue;
+        for (unsigned value = 0; value < element.num_values; ++value)
+            numbers.push_back(bytesOf(element.values[value]));
+    }
+    return ids.refuses(ldb_dn_get_linearized(message->dn), attribute, numbers);
 }
 
 }  // namespace
@@ -27,10 +42,11 @@ bool isUnixKind(const ldb_message* message) {
     return false;
 }
 
-bool isInvalidEntry(const ldb_message* message, std::string_view category) {
+bool isInvalidEntry(const ldb_message* message, std::string_view category, const UnixIds& ids) {
     const UnixFacts facts = {has(message, "uidNumber"), has(message, "gidNumber"),
                              has(message, "unixHomeDirectory"),
-                             has(message, "ipHostNumber") || has(message, "macAddress")};
+                             has(message, "ipHostNumber") || has(message, "macAddress"),
+                             isRefused(message, ownIdAttribute(category), ids)};
     return isInvalidEntry(category, facts);
 }
 

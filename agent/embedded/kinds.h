@@ -6,6 +6,7 @@
 
 #include "agent/categories.h"
 #include "agent/ldb.h"
+#include "agent/unix_ids.h"
 
 namespace vexagent {
 
@@ -18,7 +19,7 @@ std::string_view specificClass(const ldb_message* message);
 // Whether one of the object's classes is that of a UNIX kind.
 bool isUnixKind(const ldb_message* message);
 
-// Whether the record cannot be used as a UNIX entry.
-bool isInvalidEntry(const ldb_message* message, std::string_view category);
+// Whether the record cannot be used as a UNIX entry, by what it has or by its number.
+bool isInvalidEntry(const ldb_message* message, std::string_view category, const UnixIds& ids);
 
 }  // namespace vexagent

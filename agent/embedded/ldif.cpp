@@ -254,4 +254,14 @@ void buildDatabase(const std::string& path, const std::string& ldifPath, const s
     file.moveTo(path);
 }
 
+bool showsHashes(const std::string& ldifPath) {
+    struct stat status {};
+    if (::stat(ldifPath.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || (status.st_mode & 077) == 0)
+        return false;
+    std::ifstream file(ldifPath);
+    for (std::string line; std::getline(file, line);)
+        if (vorn::startsWithIgnoreCase(line, "userPassword:")) return true;
+    return false;
+}
+
 }  // namespace vexagent

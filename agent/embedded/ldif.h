@@ -19,4 +19,7 @@ namespace vexagent {
 // entries does not matter, and an entry's parent need not be there.
 void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn);
 
+// Whether the file holds passwords' hashes and somebody else than its owner may read it.
+bool showsHashes(const std::string& ldifPath);
+
 }  // namespace vexagent

@@ -99,6 +99,30 @@ TEST(LdifLoad, OnlyItsOwnerMayReadTheFile) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
+TEST(LdifLoad, HashesThatOthersCanReadAreSeen) {
+    const TemporaryFolder folder;
+    const std::string hash = "USERpassword: {CRYPT}$y$x\n";
+    const struct {
+        std::string text;
+        mode_t mode;
+        bool shown;
+    } cases[] = {
+        {units() + person("Ann", "ann", 1, hash), 0644, true},
+        {units() + person("Ann", "ann", 1, hash), 0640, true},
+        {units() + person("Ann", "ann", 1, hash), 0600, false},
+        {units() + person("Ann", "ann", 1, hash), 0400, false},
+        {units() + person("Ann", "ann", 1, "userPassword:: e0NSWVBUfQ==\n"), 0644, true},
+        {units() + person("Ann", "ann", 1), 0644, false},
+    };
+    for (const auto& [text, mode, shown] : cases) {
+        const std::string file = folder.write("in.ldif", text);
+        ASSERT_EQ(::chmod(file.c_str(), mode), 0);
+        EXPECT_EQ(showsHashes(file), shown) << mode << text;
+    }
+    EXPECT_FALSE(showsHashes(folder.file("none")));
+    EXPECT_FALSE(showsHashes(folder.path()));
+}
+
 TEST(LdifLoad, DoesNotReplaceAFile) {
     const TemporaryFolder folder;
     const std::string file = folder.write("out.ldb", "precious");

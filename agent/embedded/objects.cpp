@@ -27,14 +27,14 @@ void addStored(Object& object, const ldb_message_element& element) {
 
 }  // namespace
 
-Object makeObject(Handle& handle, Memberships& memberships, const ldb_message* message, const View& view) {
+Object makeObject(Handle& handle, const Source& source, const ldb_message* message, const View& view) {
     Object object;
     object.reserve(message->num_elements + 4);
     const std::string category = shortCategory(message);
     object.push_back({AD_OBJECT_DN_TEXT, {ldb_dn_get_linearized(message->dn)}});
     object.push_back({AD_OBJECT_GUID_TEXT, {guidText(firstValue(message, "objectGUID"))}});
     object.push_back({VORN_OBJECT_CATEGORY, {category}});
-    if (isInvalidEntry(message, category)) object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
+    if (isInvalidEntry(message, category, source.ids)) object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
 
     const bool computed = view.zone && category == "Group";
     for (unsigned i = 0; i < message->num_elements; ++i) {
@@ -45,7 +45,7 @@ Object makeObject(Handle& handle, Memberships& memberships, const ldb_message* m
         addStored(object, element);
     }
     if (computed && isWanted(view, "memberUid")) {
-        const Memberships::Names names = memberships.of(handle, message);
+        const Memberships::Names names = source.memberships.of(handle, message);
         if (!names->empty()) object.push_back({"memberUid", *names});
     }
     return object;

@@ -4,13 +4,21 @@
 #include "agent/directory.h"
 #include "agent/embedded/database.h"
 #include "agent/embedded/memberships.h"
+#include "agent/unix_ids.h"
 
 namespace vexagent {
+
+// What objects are made from. Database and memberships outlive every cursor.
+struct Source {
+    Database& database;
+    Memberships& memberships;
+    UnixIds ids;
+};
 
 // The object as the view wants it: first its own _dn, _GUID, _objectCategory and
 // perhaps _nssEntryInvalid, then the stored attributes in their order, secrets
 // left out; in the zone's view a group's memberUid is the computed one.
-Object makeObject(Handle& handle, Memberships& memberships, const ldb_message* message, const View& view);
+Object makeObject(Handle& handle, const Source& source, const ldb_message* message, const View& view);
 
 // About how many bytes the object takes in a batch.
 std::size_t objectBytes(const Object& object);

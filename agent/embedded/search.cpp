@@ -2,7 +2,6 @@
 
 #include "agent/embedded/folding.h"
 #include "agent/embedded/kinds.h"
-#include "agent/embedded/objects.h"
 #include "agent/identifiers.h"
 #include "vex/wire.h"
 
@@ -48,7 +47,7 @@ class GuidCursor : public Cursor {
             const Pool pool = newPool();
             const ldb_message* message = handle->readByGuid(pool.get(), m_guids.take());
             if (message == nullptr) continue;
-            batch.objects.push_back(makeObject(*handle, m_source.memberships, message, m_view));
+            batch.objects.push_back(makeObject(*handle, m_source, message, m_view));
             bytes += objectBytes(batch.objects.back());
         }
         return {};
@@ -129,7 +128,7 @@ Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan
     if (!read.ok()) return readFailure(read);
     outcome.first.total = found.total();
     for (const ldb_message* message : found.messages())
-        outcome.first.objects.push_back(makeObject(*handle, source.memberships, message, query.view));
+        outcome.first.objects.push_back(makeObject(*handle, source, message, query.view));
     Guids guids = found.takeGuids();
     if (!guids.empty())
         outcome.rest = std::make_unique<GuidCursor>(source, std::move(guids), query.view, found.total());

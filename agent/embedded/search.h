@@ -10,8 +10,7 @@
 #include <memory>
 
 #include "agent/directory.h"
-#include "agent/embedded/database.h"
-#include "agent/embedded/memberships.h"
+#include "agent/embedded/objects.h"
 
 namespace vexagent {
 
@@ -19,12 +18,6 @@ struct Plan {
     ldb_dn* base = nullptr;
     ParseTree* tree = nullptr;   // what LDB is asked for
     ParseTree* match = nullptr;  // what its objects are then matched against; null when tree says all
-};
-
-// What objects are made from. Both outlive every cursor.
-struct Source {
-    Database& database;
-    Memberships& memberships;
 };
 
 // Where a search's outcome goes.

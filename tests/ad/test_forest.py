@@ -53,7 +53,7 @@ class Forest:
         make_authority(folder)
         slot = stack.enter_context(contextlib.closing(Slot()))
         near, far = slot.addresses
-        make_certificate(folder, [f"IP:{near}", "DNS:dc.far.example.com"], folder / "cert.pem", folder / "key.pem")
+        make_certificate(folder, [f"IP:{near}", "DNS:dc.far.example.com", "DNS:dc.example.com"], folder / "cert.pem", folder / "key.pem")
         passwords = {SERVICE: PASSWORD, far_person()[0]: "welcome", person(1)[0]: "welcome"}
 
         def peer(holding, where):
@@ -188,6 +188,16 @@ def test_a_domain_whose_controllers_are_gone_is_a_failure(forest):
     try:
         assert bind_code(forest, FAR_PERSON) == 52
         assert bind_code(forest, FAR_PERSON, "wrong") == 52
+    finally:
+        forest.names.services.update(forest.services)
+
+
+def test_another_domain_s_controllers_may_have_the_forest_s_name(forest):
+    forest.names.services["_ldap._tcp.dc._msdcs.far.example.com"] = ("dc.example.com", forest.far.port)
+    forest.names.hosts["dc.example.com"] = forest.far.address
+    forest.forget()
+    try:
+        assert bind_code(forest, FAR_PERSON) == 0
     finally:
         forest.names.services.update(forest.services)
 

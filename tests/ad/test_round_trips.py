@@ -1,12 +1,14 @@
 """What each kind of request costs a controller: requests to LDAP and to the KDC, counted
 by a relay. The numbers are exact, so that one more is seen."""
 import contextlib
+import time
 
 import ldap
 import pytest
 
 from gateway import SUFFIX, search, values
 from relay import CATALOG, KDC, LDAP, Relay
+from test_failures import keytab_with
 
 
 @pytest.fixture(scope="module")
@@ -68,6 +70,17 @@ def test_the_first_look_up_of_an_agent(start, relay):
     slapd = start()
     with costs(relay, 3 + 3 + 1, 3):
         assert len(person(slapd.connect(), "s-good")) == 1
+
+
+def test_a_key_that_is_refused_is_shown_ever_more_rarely(start, relay, world):
+    """Each time takes two messages: the machine's name, and then its key."""
+    begun, before = time.monotonic(), relay.asked(KDC)
+    connection = start(ad__keytab=keytab_with(world.folder, "ZXHOST$@EXAMPLE.COM")).connect()
+    for _ in range(10):
+        with pytest.raises(ldap.UNAVAILABLE):
+            person(connection, "s-good")
+    rounds = 1 + sum(time.monotonic() - begun > delay for delay in (5, 15, 35, 75))
+    assert 2 <= relay.asked(KDC) - before <= 2 * rounds
 
 
 def test_a_person_by_name_and_by_number(warm, relay):

@@ -163,6 +163,23 @@ def run(*words):
     return subprocess.run([BUILD / "agent/vexagent", *words], capture_output=True, text=True, timeout=SECONDS)
 
 
+def test_hashes_that_others_can_read_are_told_of(world):
+    """With what to do: the file stays when the database is built."""
+    ldif = world.folder / "people.ldif"
+    ldif.write_bytes((ROOT / "examples/example.ldif").read_bytes())
+    ldif.chmod(0o644)
+    agent = world.agent(embedded__ldif=ldif).start()
+    line = wait_until(lambda: agent.log() and one_line(agent.log()), "the warning")
+    assert line == (f"vexagent: {ldif}: others can read the password hashes in it (embedded.ldif); "
+                    "install -o vexagent -m 400 makes a copy that is the agent's alone")
+    agent.stop()
+    agent.log_file = world.folder / "again.log"
+    ldif.chmod(0o400)
+    agent.start()
+    agent.stop()
+    assert agent.log() == ""
+
+
 def test_help_and_version():
     text = run("--help")
     assert (text.returncode, text.stderr) == (0, "")

@@ -5,8 +5,10 @@ included. There a password stands as it came over the wire (RFC 4511, 4.2): behi
 DN, the tag of a simple bind, which slapd overwrites with the NUL that ends the DN, and
 its length. Any other copy would be the module's or libvex's.
 """
+import os
 import pathlib
 import random
+import re
 import socket
 import string
 
@@ -14,7 +16,7 @@ import ldap
 import pytest
 
 import crowd
-from gateway import SUFFIX, wait_until
+from gateway import SANITIZER, SUFFIX, wait_until
 
 BLOCK = 1 << 24
 LARGEST = 1 << 28  # a sanitizer's shadow memory is larger
@@ -92,3 +94,19 @@ def test_the_scan_sees_what_there_is(gateway):
                            + bytes([len(WHO)]) + WHO.encode() + bytes([0x80, len(secret)]) + secret.encode())
         wait_until(lambda: f",{SUFFIX}".encode() + bytes([0x80, len(secret)]) in copies(gateway, secret),
                    "the password is seen in slapd")
+
+
+@pytest.mark.embedded
+@pytest.mark.skipif(os.geteuid() != 0, reason="becoming another user takes root")
+@pytest.mark.skipif(bool(SANITIZER.kind), reason="a sanitizer's runtime wants to look, too")
+def test_only_root_can_look_into_the_agent(world):
+    """It writes no core, and what /proc has of it is root's, whoever it runs as."""
+    os.chown(world.folder, 65534, 65534)
+    agent = world.agent()
+    command = agent.command
+    agent.command = lambda: ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", *command()]
+    agent.start()
+    process = pathlib.Path(f"/proc/{agent.process.pid}")
+    assert "Uid:\t65534" in (process / "status").read_text(encoding="utf-8")
+    assert (process / "environ").stat().st_uid == 0
+    assert re.search(r"^Max core file size +0 +0 ", (process / "limits").read_text(encoding="utf-8"), re.MULTILINE)

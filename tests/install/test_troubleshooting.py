@@ -142,7 +142,7 @@ def test_slapd_s_user_outside_the_group(host):
 
 @pytest.mark.parametrize("settings, quotation", [
     ("directory = ad\ndomain.name = example.com\nad.servers = 127.0.0.9\nad.transport = ldaps\nad.bind.name = x@example.com\n"
-     "ad.bind.password.file = /etc/zanthe/password\n", "Connection refused"),
+     "ad.bind.password.file = /etc/zanthe/password\nad.tls.ca = /etc/zanthe/authority.pem\n", "Connection refused"),
     ("directory = ad\ndomain.name = example.com\nad.servers = 127.0.0.9\n",
      "no ticket for ldap/...: keytab /etc/krb5.keytab: ... is nonexistent or empty"),
 ])
