@@ -98,7 +98,8 @@ bool refuseOldTls(LDAP* ldap) {
 
 // The service account, or the machine, is refused: nobody is asked for a while.
 LdapStatus barred(const std::string& what) {
-    return {LDAP_UNAVAILABLE, "the domain refuses " + what + "; it is tried again later", true, false, {}, true};
+    return {
+        LDAP_UNAVAILABLE, "the domain refuses " + what + "; it is tried again later", true, false, {}, true};
 }
 
 std::string serviceName(const AdOptions& options) {

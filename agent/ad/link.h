@@ -25,9 +25,9 @@ namespace vexagent {
 struct LdapStatus {
     int code = LDAP_SUCCESS;
     std::string text{};
-    bool lost = false;   // the controller did not answer as one should: another may
-    bool again = false;  // lost, but asked in another way the same one may answer
-    std::string told{};  // what a client is told; empty: what the code says
+    bool lost = false;    // the controller did not answer as one should: another may
+    bool again = false;   // lost, but asked in another way the same one may answer
+    std::string told{};   // what a client is told; empty: what the code says
     bool barred = false;  // lost, because the agent itself is not let in: the controller is there
     bool ok() const { return code == LDAP_SUCCESS; }
 };
