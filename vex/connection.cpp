@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <iterator>
 
 #include "vex/wire.h"
 
@@ -112,7 +113,7 @@ Sent Connection::send(std::span<const std::uint8_t> bytes, const Deadline& deadl
                          {const_cast<std::uint8_t*>(bytes.data()) + ofBytes, bytes.size() - ofBytes}};
         msghdr message{};
         message.msg_iov = parts;
-        message.msg_iovlen = 2;
+        message.msg_iovlen = std::size(parts);
         const ssize_t sent = ::sendmsg(m_socket.descriptor(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
             done += static_cast<std::size_t>(sent);

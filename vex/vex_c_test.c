@@ -98,6 +98,7 @@ static void encode(void) {
 
     vex_ber_init2(ours, NULL, LBER_USE_DER);
     EXPECT(vex_ber_printf(ours, "{y}") == -1);
+    EXPECT(vex_ber_printf(ours, "") == 0);
     vex_ber_free_buf(ours);
 
     char* zeros = vex_ber_memcalloc(4, 2);
