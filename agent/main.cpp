@@ -1,6 +1,7 @@
 // vexagent: the directory agent of this host.
 
 #include <getopt.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -24,7 +25,6 @@
 #include "agent/log.h"
 #include "agent/notify.h"
 #include "agent/server.h"
-#include "agent/wiping_memory.h"
 #include "vorn/dn.h"
 #include "vorn/settings.h"
 
@@ -33,6 +33,7 @@ namespace {
 
 constexpr int kStartFailed = 1;
 constexpr int kBadUsage = 2;
+constexpr int kFreed = 0x5a;                  // what freed memory is overwritten with
 constexpr std::chrono::seconds kStopTime{2};  // for requests at work, when the agent stops
 
 constexpr char kUsage[] =
@@ -157,6 +158,11 @@ void closeMemory() {
     const rlimit none{};
     ::setrlimit(RLIMIT_CORE, &none);
     ::prctl(PR_SET_DUMPABLE, 0);
+    // libldap composes a bind in a buffer of its own, password and all, and frees it as it
+    // is; functions for its memory that overwrite it are passed over by all but a few of its
+    // calls. The C library overwrites all but the smallest blocks (which such a buffer never
+    // is) when they are freed.
+    ::mallopt(M_PERTURB, kFreed);
 #endif
 }
 
@@ -271,6 +277,5 @@ int start(const Options& options) {
 
 int main(int count, char** words) {
     vexagent::closeMemory();
-    vexagent::wipeLdapMemory();
     return vexagent::start(vexagent::parseOptions(count, words));
 }

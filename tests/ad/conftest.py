@@ -12,7 +12,7 @@ import pytest  # noqa: E402
 from directories import Domain  # noqa: E402
 from gateway import BUILD  # noqa: E402
 from observed import TABLE  # noqa: E402
-from world import make_world, pytest_runtest_makereport  # noqa: E402,F401 (a hook)
+from world import make_world, pytest_configure, pytest_runtest_makereport  # noqa: E402,F401 (hooks)
 
 
 def pytest_sessionstart(session):
