@@ -4,17 +4,18 @@ import contextlib
 import pathlib
 import socket
 import ssl
+import subprocess
 import time
 
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search, wait_until
+from gateway import BUILD, SUFFIX, Slapd, failure, search, wait_until
 from host import Slot, make_authority, make_certificate
 from name_server import NameServer
 from played_domain import PASSWORD, SERVICE, PeerDirectory, entries, person
 from scripted_peer import ScriptedPeer
-from test_peer import certificate, peers, served, transport  # noqa: F401 (fixtures)
+from test_peer import certificate, make_peer, peers, served, transport  # noqa: F401 (fixtures)
 from world import World
 
 LOOK_UP = "(&(objectClass=posixAccount)(uid=p0007))"
@@ -168,3 +169,30 @@ def test_the_controller_of_that_test_speaks_it(certificate, version):
         with socket.create_connection((peer.address, peer.port)) as plain, \
                 context.wrap_socket(plain, server_hostname="peer.example.com") as secured:
             assert secured.version() == f"TLSv{version}".removesuffix(".0")
+
+
+# ---- what the check says of it
+
+def test_the_check_says_what_is_open_and_what_slapd_wants(certificate, transport):
+    with make_peer(certificate, transport) as peer:
+        world = World(PeerDirectory(certificate, transport, [peer]))
+        try:
+            agent = world.agent()
+            password = pathlib.Path(agent.settings["ad.bind.password.file"])
+            good = check(agent)
+            package = ldap.get_option(ldap.OPT_X_TLS_PACKAGE)
+            line = {"GnuTLS": "TLSCipherSuite NORMAL:-VERS-TLS1.0:-VERS-TLS1.1", "OpenSSL": "TLSProtocolMin 3.3"}[package]
+            assert f"ok: TLS comes from {package}; in slapd.conf, TLS before version 1.2 is refused by: {line}\n" in good
+            assert f"ok: a password for {SERVICE} is in {password}\n" in good and "ok: the domain lets the agent in\n" in good
+            password.chmod(0o644)
+            bad = check(agent)
+            assert f"wrong: {password}: is not a file of the agent's own with mode 0600\n   do: put" in bad
+            assert "install -o vexagent -m 400" in bad and SERVICE not in bad.partition("wrong: ")[0]
+        finally:
+            world.close()
+            world.remove()
+
+
+def check(agent):
+    return subprocess.run([BUILD / "agent/vexagent", "--config", agent.settings_file, "--check"], capture_output=True, text=True,
+                          timeout=60).stdout
