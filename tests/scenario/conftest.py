@@ -11,6 +11,7 @@ sys.path += [str(TESTS / "e2e"), str(TESTS / "ad")]
 
 import pytest  # noqa: E402
 
+from domain import Certificates  # noqa: E402
 from gateway import BUILD  # noqa: E402
 from world import pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 
@@ -18,3 +19,8 @@ from world import pytest_runtest_makereport  # noqa: E402,F401 (a hook)
 def pytest_sessionstart(session):
     if not (BUILD / "agent/vexagent").exists():
         pytest.exit(f"{BUILD} is not built: run make build", returncode=2)
+
+
+@pytest.fixture(scope="session")
+def certificates(tmp_path_factory):
+    return Certificates(tmp_path_factory.mktemp("tls"))

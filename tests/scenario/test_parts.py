@@ -1,11 +1,14 @@
 """The scenario's own parts: that the oracle sees what is wrong, that a seed is a plan, that
 growth is found."""
+import contextlib
 import random
 
 import ldap
 import pytest
 
 from company import ABOVE, Company
+from domain import Controller
+from host import Slot
 from ledger import Memory
 from oracle import CANNOT_TELL, Oracle, WrongAnswer, judge, refused
 from troubles import ROUGH, Trouble, plan
@@ -71,6 +74,25 @@ def test_an_entry_is_wrong_that_is_another_s_or_nobody_s():
     for uid in ("p0002", "p9999"):
         with pytest.raises(WrongAnswer):
             ORACLE.check_part({uid: entry})
+
+
+def bind_blindly(peer):
+    """As somebody does who believes every certificate."""
+    connection = ldap.initialize(f"ldaps://{peer.address}:{peer.port}")
+    connection.set_option(ldap.OPT_X_TLS_REQUIRE_CERT, ldap.OPT_X_TLS_NEVER)
+    connection.set_option(ldap.OPT_X_TLS_NEWCTX, 0)
+    with pytest.raises(ldap.INVALID_CREDENTIALS):
+        connection.simple_bind_s("somebody", "wrong")
+    connection.unbind_ext()
+
+
+def test_a_password_that_goes_to_a_false_controller_is_seen(certificates):
+    with contextlib.closing(Slot()) as slot, \
+            Controller(COMPANY.entries(), slot.addresses[0], "ldaps", certificates.of["dc1"], {}) as peer:
+        for betrayed, shown in enumerate(("true", "another name", "another authority")):
+            peer.show(shown)
+            bind_blindly(peer)
+            assert peer.betrayed == betrayed
 
 
 TROUBLES = [Trouble("agent", "stopped", None), Trouble("agent", "killed", None), Trouble("names", "gone", None)]

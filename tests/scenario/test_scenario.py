@@ -19,7 +19,7 @@ import pytest
 import troubles
 from company import Company
 from directories import Embedded
-from domain import Certificates, PlayedDomain
+from domain import PlayedDomain
 from gateway import ROOT, SANITIZER, Server, Slapd, search, wait_until
 from ledger import GROWTH, Memory, descriptors
 from weather import Weather
@@ -112,11 +112,6 @@ class Gateway:
 
     def troubles(self, chance):
         return troubles.of_servers(self.agent, self.slapd, self.domain) + (troubles.of_domain(self.domain, chance, DEADLINES) if self.domain else [])
-
-
-@pytest.fixture(scope="session")
-def certificates(tmp_path_factory):
-    return Certificates(tmp_path_factory.mktemp("tls"))
 
 
 @pytest.fixture(params=["embedded", "starttls", "ldaps"])
