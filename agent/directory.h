@@ -73,9 +73,9 @@ class Directory {
   public:
     virtual ~Directory() = default;
 
-    // Whether the search is answered in microseconds, from indexes; cheap, and
-    // allowed to be wrong.
-    virtual bool isQuick(const Query& query) const = 0;
+    // Whether a search of that scope is answered in microseconds, from indexes;
+    // cheap, and allowed to be wrong.
+    virtual bool isQuick(int scope, const std::string& filter) const = 0;
 
     // Runs a search up to its first batch. rest becomes null when that was all.
     virtual Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) = 0;

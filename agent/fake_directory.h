@@ -15,12 +15,15 @@ namespace vexagent {
 class FakeDirectory : public Directory {
   public:
     bool healthy = true;
+    int searches = 0;
+    int fetches = 0;
     int logins = 0;
     LoginOptions loginOptions;  // of the last login
 
-    bool isQuick(const Query& query) const override { return query.filter == "quick"; }
+    bool isQuick(int, const std::string& filter) const override { return filter == "quick"; }
 
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override {
+        ++searches;
         if (query.filter == "fail") return Result::ldap(VEX_BAD_FILTER, -7, "bad search filter");
         if (query.filter == "throw") throw std::runtime_error("thrown");
         if (query.filter == "huge") {
@@ -42,6 +45,7 @@ class FakeDirectory : public Directory {
     }
 
     Result fetch(const std::string&, const std::string& dn, const View&, Object& object) override {
+        ++fetches;
         if (dn != "there") return Result::ldap(VEX_NO_SUCH_OBJECT, 32, "no object has this DN");
         object = {{"_dn", {dn}}};
         return {};

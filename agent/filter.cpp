@@ -9,7 +9,7 @@
 #include "agent/attributes.h"
 #include "agent/categories.h"
 #include "agent/identifiers.h"
-#include "agent/secrets.h"
+#include "vorn/attribute_name.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -26,6 +26,12 @@ std::optional<long long> toNumber(std::string_view text) {
     return number;
 }
 
+const char* newText(void* pool, const std::string& text) {
+    const char* copy = talloc_strdup(pool, text.c_str());
+    if (copy == nullptr) throw std::bad_alloc();
+    return copy;
+}
+
 // One rewriting of one filter.
 class Rewriting {
   public:
@@ -39,9 +45,9 @@ class Rewriting {
 
   private:
     Selection rewriteAssertion(ParseTree*& tree, bool negated) {
-        const char* name = assertedAttribute(tree);
         // Undefined: counts as true below a NOT, so that the NOT is false.
-        if (name == nullptr || isSecretAttribute(name)) return negated ? Selection::All : Selection::Nothing;
+        if (!isDefined(tree)) return negated ? Selection::All : Selection::Nothing;
+        const char* name = assertedAttribute(tree);
         if (m_context.first) {
             const std::optional<Selection> decided = m_context.first(m_pool, tree);
             if (decided) return *decided;
@@ -50,6 +56,17 @@ class Rewriting {
         if (tree->operation == LDB_OP_EQUALITY) return rewriteEquality(tree);
         if (tree->operation == LDB_OP_GREATER || tree->operation == LDB_OP_LESS) return rewriteOrdering(tree);
         return Selection::Some;
+    }
+
+    // Gives an attribute that is called by its number its name first.
+    bool isDefined(ParseTree* tree) {
+        static const Schema kNone;
+        const Schema& schema = m_context.schema != nullptr ? *m_context.schema : kNone;
+        const char* asked = assertedAttribute(tree);
+        const std::optional<std::string> name = asked == nullptr ? std::nullopt : schema.nameOf(asked);
+        if (!name || schema.isSecret(*name)) return false;
+        if (*name != asked) renameAsserted(tree, newText(m_pool, *name));
+        return true;
     }
 
     Selection rewriteEquality(ParseTree* tree) {
@@ -141,15 +158,42 @@ std::string withoutOwnNames(const std::string& text) {
     return result;
 }
 
+// Whether all assertions are on attributes that can be written so.
+bool namesAttributes(const ParseTree* tree) {
+    const auto& list = tree->u.list;
+    switch (tree->operation) {
+        case LDB_OP_AND:
+        case LDB_OP_OR:
+            return std::all_of(list.elements, list.elements + list.num_elements, namesAttributes);
+        case LDB_OP_NOT:
+            return namesAttributes(tree->u.isnot.child);
+        case LDB_OP_EXTENDED:
+            if (const char* rule = tree->u.extended.rule_id;
+                rule != nullptr && !vorn::isAttributeName(rule))
+                return false;
+            [[fallthrough]];
+        default:
+            const char* name = assertedAttribute(tree);
+            return name == nullptr || vorn::isAttributeName(name);
+    }
+}
+
+Result badFilter() {
+    return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
+}
+
 }  // namespace
 
 Result parseFilter(void* pool, const std::string& text, ParseTree*& tree) {
     tree = nullptr;
     if (text.empty()) return {};
     // A NUL would end the text early for LDB.
-    if (text.find('\0') == std::string::npos) tree = ldb_parse_tree(pool, withoutOwnNames(text).c_str());
-    if (tree != nullptr) return {};
-    return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
+    if (text.find('\0') != std::string::npos) return badFilter();
+    const FilterShape shape = shapeOf(text);
+    if (shape.size > kMostAssertions)
+        return Result::ldap(VEX_REFUSED, LDAP_ADMINLIMIT_EXCEEDED, "the search filter has too many parts");
+    if (shape.whole) tree = ldb_parse_tree(pool, withoutOwnNames(text).c_str());
+    return tree != nullptr && namesAttributes(tree) ? Result() : badFilter();
 }
 
 Selection rewriteAssertions(void* pool, ParseTree*& tree, const FilterContext& context) {
@@ -185,16 +229,14 @@ ParseTree* newList(void* pool, ldb_parse_op operation, const std::vector<ParseTr
 
 ParseTree* newEquality(void* pool, const char* attribute, std::string_view value) {
     ParseTree* node = newNode(pool, LDB_OP_EQUALITY);
-    node->u.equality.attr = talloc_strdup(node, attribute);
-    if (node->u.equality.attr == nullptr) throw std::bad_alloc();
+    node->u.equality.attr = newText(node, attribute);
     node->u.equality.value = newValue(node, value);
     return node;
 }
 
 ParseTree* newPresence(void* pool, const char* attribute) {
     ParseTree* node = newNode(pool, LDB_OP_PRESENT);
-    node->u.present.attr = talloc_strdup(node, attribute);
-    if (node->u.present.attr == nullptr) throw std::bad_alloc();
+    node->u.present.attr = newText(node, attribute);
     return node;
 }
 

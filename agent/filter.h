@@ -8,14 +8,17 @@
 #include <vector>
 
 #include "agent/directory.h"
+#include "agent/filter_shape.h"
+#include "agent/schema.h"
 #include "agent/tree.h"
 
 namespace vexagent {
 
 // What the filter's meaning hangs on besides its text.
 struct FilterContext {
-    ldb_context* ldb = nullptr;  // for DNs
-    std::string rootDn;          // the forest's root, below which objectCategory's short names point
+    ldb_context* ldb = nullptr;      // for DNs
+    const Schema* schema = nullptr;  // null: a schema that knows nothing
+    std::string rootDn;              // the forest's root, below which objectCategory's short names point
     // The GUID bytes of the groups that show this memberUid; unset outside the
     // zone's view, where memberUid is an attribute like any other.
     std::function<std::vector<std::string>(std::string_view)> groupsOf;
@@ -27,12 +30,14 @@ struct FilterContext {
 // Parses RFC 4515 text into the pool; empty text is null. _GUID, _dn and
 // _objectCategory become the attributes that directories hold instead.
 // VEX_BAD_FILTER with the LDAP client library's LDAP_FILTER_ERROR for text that is
-// no filter.
+// no filter, or more than one, or asserts something of what is no attribute
+// description; VEX_REFUSED with LDAP_ADMINLIMIT_EXCEEDED for more than kMostAssertions.
 Result parseFilter(void* pool, const std::string& text, ParseTree*& tree);
 
 // Rewrites the tree in place:
-//   - an assertion on a secret is undefined (RFC 4511, 4.5.1.7): neither it nor
-//     its negation matches anything;
+//   - an attribute that is called by its number gets its name;
+//   - an assertion on a secret, or on a number that the schema does not know, is
+//     undefined (RFC 4511, 4.5.1.7): neither it nor its negation matches anything;
 //   - the text forms of objectGUID and objectSid, other spellings of a DN, and
 //     objectCategory's short names become what the database holds;
 //   - memberUid becomes the person's own groups (see FilterContext);

@@ -80,12 +80,72 @@ Bytes frameOf(const Builder& builder) {
     return frame;
 }
 
+// What a request's texts come to. None of them is read.
+class Texts {
+  public:
+    using Text = flatbuffers::String;
+    using Names = flatbuffers::Vector<flatbuffers::Offset<Text>>;
+
+    void add(const Text* text) {
+        if (text != nullptr) m_bytes += text->size();
+    }
+
+    void addSearch(const wire::SearchOpen& search) {
+        for (const Text* text : {search.domain(), search.filter(), search.base()}) add(text);
+        addNames(search.attributes());
+    }
+
+    void addFetch(const wire::Fetch& fetch) {
+        for (const Text* text : {fetch.domain(), fetch.dn()}) add(text);
+        addNames(fetch.attributes());
+    }
+
+    bool tooManyNames() const { return m_tooManyNames; }
+    std::size_t bytes() const { return m_bytes; }
+
+  private:
+    void addNames(const Names* names) {
+        if (names == nullptr) return;
+        m_tooManyNames = names->size() > wire::kMaxRequestedAttributes;
+        if (!m_tooManyNames)
+            for (const Text* name : *names) add(name);
+    }
+
+    std::size_t m_bytes = 0;
+    bool m_tooManyNames = false;
+};
+
 }  // namespace
 
 const wire::Request* readRequest(const Bytes& frame) {
     flatbuffers::Verifier verifier(frame.data(), frame.size(), wire::kMaxDepth, wire::kMaxTables);
     if (!verifier.VerifyBuffer<wire::Request>(wire::kRequestIdentifier)) return nullptr;
     return flatbuffers::GetRoot<wire::Request>(frame.data());
+}
+
+const char* whyRefused(const wire::Request& request) {
+    Texts texts;
+    switch (request.body_type()) {
+        case wire::Body::SearchOpen:
+            texts.addSearch(*request.body_as_SearchOpen());
+            break;
+        case wire::Body::Fetch:
+            texts.addFetch(*request.body_as_Fetch());
+            break;
+        case wire::Body::Lookup:
+            texts.add(request.body_as_Lookup()->guid());
+            break;
+        case wire::Body::Authenticate:
+            texts.add(request.body_as_Authenticate()->user());
+            texts.add(request.body_as_Authenticate()->password());
+            break;
+        default:
+            break;
+    }
+    if (texts.tooManyNames()) return "too many attributes asked for";
+    if (texts.bytes() > wire::kMaxRequestBytes) return "the texts of the request are too long";
+    const bool tooManyOptions = request.options() != nullptr && request.options()->size() > wire::kMaxOptions;
+    return tooManyOptions ? "too many options" : nullptr;
 }
 
 Bytes writeResponse(std::uint64_t id, const Answer& answer) {

@@ -16,6 +16,10 @@ using Bytes = std::vector<std::uint8_t>;
 // that are none. It lives as long as the bytes.
 const vex::wire::Request* readRequest(const Bytes& frame);
 
+// Why a request is refused before any of it is copied; null when it is not. The parts
+// of a buffer may be shared: a small one can name more text than there is memory.
+const char* whyRefused(const vex::wire::Request& request);
+
 // What a response carries besides its code.
 struct Answer {
     Result result{};

@@ -6,9 +6,9 @@
 #include <new>
 
 #include "agent/log.h"
-#include "agent/secrets.h"
 #include "vex/wire.h"
 #include "vorn/secret.h"
+#include "vorn/secret_names.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -54,10 +54,6 @@ View viewOf(const wire::Request& request, const Names* attributes) {
     return view;
 }
 
-bool tooManyNames(const Names* names) {
-    return names != nullptr && names->size() > wire::kMaxRequestedAttributes;
-}
-
 // A search that is to give N objects is asked for one more, which tells its
 // client whether the limit was reached.
 std::size_t firstBatch(const wire::SearchOpen& search) {
@@ -91,8 +87,8 @@ Answer refused(const char* why) {
 std::string subject(const wire::Request& request) {
     if (const auto* search = request.body_as_SearchOpen()) {
         const std::string filter = text(search->filter());
-        return "\"" + (mentionsSecret(filter) ? std::string("(hidden)") : forLog(filter)) + "\" below \"" +
-               forLog(text(search->base())) + "\"";
+        return "\"" + forLog(vorn::withoutSecrets(filter)) + "\" below \"" + forLog(text(search->base())) +
+               "\"";
     }
     if (const auto* fetch = request.body_as_Fetch()) return "\"" + forLog(text(fetch->dn())) + "\"";
     if (const auto* lookup = request.body_as_Lookup()) return "\"" + forLog(text(lookup->guid())) + "\"";
@@ -131,10 +127,15 @@ bool Service::isKnown(const wire::Request& request) {
     return kind > 0 && kind < kKinds;
 }
 
+// In the I/O thread, before anything has been looked at: makes one text, no more.
+bool Service::isQuick(const wire::SearchOpen& search) const {
+    return m_directory.isQuick(search.scope(), text(search.filter()));
+}
+
 Lane Service::lane(const wire::Request& request) const {
     switch (request.body_type()) {
         case Body::SearchOpen:
-            return m_directory.isQuick(queryOf(request)) ? Lane::Quick : Lane::Slow;
+            return isQuick(*request.body_as_SearchOpen()) ? Lane::Quick : Lane::Slow;
         case Body::SearchNext:
         case Body::Authenticate:
         case Body::SupportedAttributes:
@@ -148,7 +149,8 @@ std::optional<Bytes> Service::handle(const Client& client, const wire::Request& 
     const auto start = std::chrono::steady_clock::now();
     Answer answer;
     try {
-        answer = dispatch(client, request);
+        const char* refusal = whyRefused(request);
+        answer = refusal != nullptr ? refused(refusal) : dispatch(client, request);
     } catch (const std::bad_alloc&) {
         answer = {.result = Result::agent(VEX_NO_MEMORY, "out of memory")};
     } catch (const std::exception& error) {
@@ -194,7 +196,6 @@ Answer Service::dispatch(const Client& client, const wire::Request& request) {
 
 Answer Service::openSearch(const Client& client, const wire::Request& request) {
     const wire::SearchOpen& search = *request.body_as_SearchOpen();
-    if (tooManyNames(search.attributes())) return refused("too many attributes asked for");
     if (search.scope() < 0 || search.scope() > 3)
         return {.result = Result::agent(VEX_INVALID_ARGUMENT, "unknown search scope")};
     Answer answer;
@@ -228,7 +229,6 @@ Answer Service::continueSearch(const Client& client, std::uint64_t id) {
 
 Answer Service::fetch(const wire::Request& request) {
     const wire::Fetch& wanted = *request.body_as_Fetch();
-    if (tooManyNames(wanted.attributes())) return refused("too many attributes asked for");
     Answer answer;
     Object object;
     answer.result = m_directory.fetch(text(wanted.domain()), text(wanted.dn()),

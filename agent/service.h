@@ -78,6 +78,7 @@ class Service {
         int searches = 0;
     };
 
+    bool isQuick(const vex::wire::SearchOpen& search) const;
     Answer dispatch(const Client& client, const vex::wire::Request& request);
     Answer openSearch(const Client& client, const vex::wire::Request& request);
     Answer continueSearch(const Client& client, std::uint64_t id);

@@ -102,6 +102,35 @@ TEST_F(ServiceTest, RefusesWhatIsOutOfRange) {
     EXPECT_EQ(reply.errText, "too many attributes asked for");
 }
 
+// A frame of some kB whose texts come to more than a request may be.
+TEST_F(ServiceTest, TextsThatShareTheirBytesAreRefusedUncopied) {
+    const std::string text(4096, 'x');
+    const std::size_t many = wire::kMaxRequestBytes / text.size();
+    const auto frame = [&](wire::Body kind, std::size_t references, std::size_t options) {
+        return sharingFrame(kind, text, references, options);
+    };
+    for (const wire::Body kind : {wire::Body::SearchOpen, wire::Body::Fetch}) {
+        EXPECT_LT(frame(kind, many, 0).size(), 3 * text.size());
+        EXPECT_NE(ask(m_ann, frame(kind, many - 4, 0)).code, VEX_REFUSED);
+        const Reply reply = ask(m_ann, frame(kind, many, 0));
+        EXPECT_EQ(reply.code, VEX_REFUSED);
+        EXPECT_EQ(reply.errText, "the texts of the request are too long");
+    }
+    EXPECT_EQ(m_directory.searches, 1);
+    EXPECT_EQ(m_directory.fetches, 1);
+    const std::string half(wire::kMaxRequestBytes / 2 + 1, 'x');
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Authenticate, half, 0, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(m_directory.logins, 0);
+}
+
+TEST_F(ServiceTest, OptionsAreLimited) {
+    const auto code = [&](std::size_t options) {
+        return ask(m_ann, sharingFrame(wire::Body::Fetch, "x", 1, options)).code;
+    };
+    EXPECT_EQ(code(wire::kMaxOptions), VEX_NO_SUCH_OBJECT);
+    EXPECT_EQ(code(wire::kMaxOptions + 1), VEX_REFUSED);
+}
+
 TEST_F(ServiceTest, AFailureOfTheDirectoryReachesTheClient) {
     const Reply reply = ask(m_ann, searchFrame(1, "fail"));
     EXPECT_EQ(reply.code, VEX_BAD_FILTER);

@@ -34,6 +34,29 @@ inline Bytes searchFrame(std::uint64_t id, const std::string& filter, int scope 
     });
 }
 
+// A search, a fetch, a look-up or a log-in that has one text in all its places, and so
+// many times as a requested attribute; the text, and an option, are there once.
+inline Bytes sharingFrame(wire::Body kind, const std::string& text, std::size_t references,
+                          std::size_t options) {
+    flatbuffers::FlatBufferBuilder builder;
+    const auto one = builder.CreateString(text);
+    const auto option = wire::CreateOption(builder, 1, 1);
+    const auto names =
+        builder.CreateVector(std::vector<flatbuffers::Offset<flatbuffers::String>>(references, one));
+    const auto list = builder.CreateVector(std::vector<flatbuffers::Offset<wire::Option>>(options, option));
+    flatbuffers::Offset<void> body;
+    if (kind == wire::Body::SearchOpen)
+        body = wire::CreateSearchOpen(builder, one, one, one, names).Union();
+    else if (kind == wire::Body::Fetch)
+        body = wire::CreateFetch(builder, one, one, names).Union();
+    else if (kind == wire::Body::Lookup)
+        body = wire::CreateLookup(builder, one).Union();
+    else
+        body = wire::CreateAuthenticate(builder, one, one).Union();
+    builder.Finish(wire::CreateRequest(builder, 1, list, kind, body), wire::kRequestIdentifier);
+    return {builder.GetBufferPointer(), builder.GetBufferPointer() + builder.GetSize()};
+}
+
 inline Bytes nextFrame(std::uint64_t id, std::uint64_t search) {
     return requestFrame(id, wire::Body::SearchNext,
                         [&](auto& builder) { return wire::CreateSearchNext(builder, search); });

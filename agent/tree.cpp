@@ -31,25 +31,35 @@ Selection simplifyNot(ParseTree* tree, bool negated, const Decide& decide) {
     return Selection::Some;
 }
 
-}  // namespace
-
-const char* assertedAttribute(const ParseTree* tree) {
+// Where an assertion has its attribute; null for AND, OR and NOT.
+const char* const* attributeOf(const ParseTree* tree) {
     switch (tree->operation) {
         case LDB_OP_EQUALITY:
-            return tree->u.equality.attr;
+            return &tree->u.equality.attr;
         case LDB_OP_SUBSTRING:
-            return tree->u.substring.attr;
+            return &tree->u.substring.attr;
         case LDB_OP_GREATER:
         case LDB_OP_LESS:
         case LDB_OP_APPROX:
-            return tree->u.comparison.attr;
+            return &tree->u.comparison.attr;
         case LDB_OP_PRESENT:
-            return tree->u.present.attr;
+            return &tree->u.present.attr;
         case LDB_OP_EXTENDED:
-            return tree->u.extended.attr;
+            return &tree->u.extended.attr;
         default:
             return nullptr;
     }
+}
+
+}  // namespace
+
+const char* assertedAttribute(const ParseTree* tree) {
+    const char* const* place = attributeOf(tree);
+    return place == nullptr ? nullptr : *place;
+}
+
+void renameAsserted(ParseTree* tree, const char* name) {
+    *const_cast<const char**>(attributeOf(tree)) = name;
 }
 
 Selection simplify(ParseTree*& tree, bool negated, const Decide& decide) {

@@ -18,6 +18,9 @@ enum class Selection {
 // extensible match without one.
 const char* assertedAttribute(const ParseTree* tree);
 
+// Puts another attribute in its place. The name lives as long as the tree.
+void renameAsserted(ParseTree* assertion, const char* name);
+
 // Decides one assertion, and may put another tree in its place. negated: whether
 // an odd number of NOTs stands above.
 using Decide = std::function<Selection(ParseTree*& assertion, bool negated)>;

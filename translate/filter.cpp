@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "backend/log.h"
-#include "translate/attribute_description.h"
 #include "translate/map.h"
 #include "vex/vex.h"
+#include "vorn/attribute_name.h"
 #include "vorn/exception.h"
 #include "vorn/strings.h"
 
@@ -167,7 +167,7 @@ int Writer::writeElements(const Filter* node) {
 // nothing.
 bool Writer::openItem(std::optional<std::string_view> name) {
     if (!name || name->empty()) return false;
-    if (!isAttributeDescription(*name)) refuseName();
+    if (!vorn::isAttributeDescription(*name)) refuseName();
     const std::size_t start = m_out.size();
     m_out += '(';
     if (m_map == nullptr) {

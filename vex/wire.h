@@ -34,12 +34,14 @@ inline constexpr std::size_t kLengthBytes = 4;
 inline constexpr char kRequestIdentifier[] = "VXQ1";
 inline constexpr char kResponseIdentifier[] = "VXR1";
 
-// Limits on what a peer may send.
+// Limits on what a peer may send. A request's texts together are no longer than a
+// request may be, each counted as often as the request has it.
 inline constexpr std::size_t kMaxRequestBytes = std::size_t{1} << 20;    // 1 MiB
 inline constexpr std::size_t kMaxResponseBytes = std::size_t{64} << 20;  // 64 MiB
 inline constexpr int kMaxDepth = 16;                                     // of nested tables
 inline constexpr std::uint32_t kMaxTables = 4'000'000;                   // in one frame
 inline constexpr std::size_t kMaxRequestedAttributes = 1024;
+inline constexpr std::size_t kMaxOptions = 64;
 inline constexpr int kMaxSearchesPerClient = 20'000;  // open and not read to their end
 inline constexpr int kSearchIdleSeconds = 3600;
 

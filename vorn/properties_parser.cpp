@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "vorn/properties.h"
+#include "vorn/utf8.h"
 
 namespace vorn {
 namespace {
@@ -11,7 +12,6 @@ namespace {
 constexpr char32_t kFirstHighSurrogate = 0xD800;
 constexpr char32_t kFirstLowSurrogate = 0xDC00;
 constexpr char32_t kAfterSurrogates = 0xE000;
-constexpr char32_t kLastCodePoint = 0x10FFFF;
 
 constexpr bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\f';
@@ -24,34 +24,6 @@ constexpr bool isSeparator(char c) {
 }
 constexpr bool isSurrogate(char32_t c) {
     return c >= kFirstHighSurrogate && c < kAfterSurrogates;
-}
-
-// How many bytes follow the first one of a UTF-8 sequence; -1 for a byte that
-// cannot begin one.
-int followers(unsigned char first) {
-    if (first < 0x80) return 0;
-    if (first >= 0xC2 && first <= 0xDF) return 1;
-    if (first >= 0xE0 && first <= 0xEF) return 2;
-    if (first >= 0xF0 && first <= 0xF4) return 3;
-    return -1;
-}
-
-// The length of the UTF-8 sequence that the text begins with, 0 for none.
-// Overlong forms, surrogates and what lies beyond Unicode are none.
-std::size_t sequenceLength(std::string_view text) {
-    static constexpr char32_t kLeast[] = {0, 0x80, 0x800, 0x10000};
-    const auto first = static_cast<unsigned char>(text[0]);
-    const int count = followers(first);
-    if (count == 0) return 1;
-    if (count < 0 || text.size() <= static_cast<std::size_t>(count)) return 0;
-    char32_t code = first & (0x3Fu >> count);
-    for (int i = 1; i <= count; ++i) {
-        const auto next = static_cast<unsigned char>(text[static_cast<std::size_t>(i)]);
-        if ((next & 0xC0) != 0x80) return 0;
-        code = code << 6 | (next & 0x3Fu);
-    }
-    const bool good = code >= kLeast[count] && code <= kLastCodePoint && !isSurrogate(code);
-    return good ? static_cast<std::size_t>(count) + 1 : 0;
 }
 
 void appendUtf8(std::string& out, char32_t code) {
@@ -166,7 +138,7 @@ class Parser {
 
     void copyCharacter(std::string& out) {
         if (m_text[m_next] == '\0') fail("a NUL byte");
-        const std::size_t length = sequenceLength(m_text.substr(m_next));
+        const std::size_t length = utf8Length(m_text.substr(m_next));
         if (length == 0) fail("text that is not UTF-8");
         out += m_text.substr(m_next, length);
         m_next += length;

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <random>
-#include <set>
 
 #include "agent/ad/filters.h"
 #include "agent/ad/login.h"
 #include "agent/identifiers.h"
 #include "agent/log.h"
+#include "agent/member_groups.h"
 #include "agent/own_file.h"
-#include "agent/secrets.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
@@ -19,7 +18,7 @@ namespace {
 
 constexpr int kSubordinate = 3;  // RFC 4511 does not know it, and neither do controllers
 constexpr milliseconds kHealthTime{3000};
-constexpr milliseconds kNamesTime{3'600'000};
+constexpr std::size_t kMostNames = 64;  // whose groups one filter asks for
 constexpr char kCatalog[] = "$";
 
 Result unavailable(const std::string& text) {
@@ -51,13 +50,6 @@ const AdOptions& checked(const AdOptions& options) {
     if (options.transport != Transport::Gssapi) readSecretLine(options.bindPasswordFile, password);
     vorn::wipe(password);
     return options;
-}
-
-// The name in "( 1.2.3 NAME 'cn' SYNTAX ...".
-std::string nameIn(const std::string& description) {
-    const std::size_t at = description.find("NAME '");
-    if (at == std::string::npos) return {};
-    return description.substr(at + 6, description.find('\'', at + 6) - at - 6);
 }
 
 bool isRefusal(vexCode code) {
@@ -96,7 +88,8 @@ AdDirectory::AdDirectory(const AdOptions& options)
                                          : nullptr),
       m_memberships(options.mostGroups),
       m_forest(m_context),
-      m_joined(m_forest.joined()) {}
+      m_joined(m_forest.joined()),
+      m_schema(m_joined) {}
 
 Result AdDirectory::catalog(const Deadline& deadline, Domain*& domain) {
     return resultOf(m_forest.catalog(deadline, domain));
@@ -137,8 +130,8 @@ AdSource AdDirectory::source(Domain& domain) {
 
 // ------------------------------------------------------------------- searches
 
-bool AdDirectory::isQuick(const Query& query) const {
-    return query.scope == LDAP_SCOPE_BASE || leadsToFew(query.filter);
+bool AdDirectory::isQuick(int scope, const std::string& filter) const {
+    return shapeOf(filter).size <= kMostForQuick && (scope == LDAP_SCOPE_BASE || leadsToFew(filter));
 }
 
 Result AdDirectory::findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan) {
@@ -171,35 +164,37 @@ Result AdDirectory::readBase(Domain& domain, const Deadline& deadline, AdPlan& p
 
 Result AdDirectory::prepare(const Query& query, Domain& domain, Domain& members, const Deadline& deadline,
                             AdPlan& plan, bool& nothing) {
-    Result failed;  // of a look-up on the way
     std::shared_ptr<const Ids> ids;
     if (Result result = idsOf(members, deadline, ids); !result.ok()) return result;
+    if (const LdapStatus status = m_schema.get(deadline, plan.schema); !status.ok()) return resultOf(status);
     FilterContext context;
     context.ldb = dnContext();
+    context.schema = plan.schema.get();
     std::shared_ptr<const DomainInfo> info;
     if (const LdapStatus status = members.info(deadline, info); !status.ok()) return resultOf(status);
     context.rootDn = info->forest;
-    const auto groupsOf = [&](std::string_view name) {
-        std::vector<std::string> guids;
-        const LdapStatus status = m_memberships.groupsOf(members, *ids, std::string(name), deadline, guids);
-        if (!status.ok()) failed = resultOf(status);
-        return guids;
-    };
+    MemberGroups groups(
+        [&](const std::string& name, std::vector<std::string>& guids) {
+            return resultOf(m_memberships.groupsOf(members, *ids, name, deadline, guids));
+        },
+        kMostNames);
     context.first = [&](void* pool, ParseTree*& tree) {
         std::optional<Selection> decided;
-        if (query.view.zone) decided = rewriteMemberAssertion(pool, tree, groupsOf);
+        if (query.view.zone)
+            decided =
+                rewriteMemberAssertion(pool, tree, [&](std::string_view name) { return groups.of(name); });
         if (!decided && ids->enabled()) decided = rewriteIdAssertion(pool, tree, *ids);
         return decided;
     };
     Selection selection = Selection::Some;
     if (Result made = makeAdFilter(query, context, plan.search.filter, selection); !made.ok()) return made;
-    if (!failed.ok()) return failed;
+    if (!groups.result().ok()) return groups.result();
     nothing = selection == Selection::Nothing;
     plan.ids = ids;
-    plan.view = query.view;
+    plan.view = plan.schema->resolve(query.view);
     plan.typed = query.typed;
     plan.firstBatch = query.firstBatch;
-    plan.search.attributes = attributesFor(query.view, *ids);
+    plan.search.attributes = attributesFor(plan.view, *ids);
     plan.search.extent = leadsToFew(plan.search.filter) ? Extent::Any : Extent::Many;
     return findBase(query, domain, deadline, plan);
 }
@@ -229,11 +224,17 @@ Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cur
     return runAdSearch(from, std::move(plan), end, first, rest);
 }
 
-Result AdDirectory::showOne(Domain& domain, std::vector<Entry> entries, const View& view,
-                            const Deadline& deadline, Object& object) {
-    AdPlan plan;
-    plan.view = view;
+// What one object is asked for and made with.
+Result AdDirectory::prepareOne(Domain& domain, const View& view, const Deadline& deadline, AdPlan& plan) {
     if (Result result = idsOf(domain, deadline, plan.ids); !result.ok()) return result;
+    if (const LdapStatus status = m_schema.get(deadline, plan.schema); !status.ok()) return resultOf(status);
+    plan.view = plan.schema->resolve(view);
+    plan.search.attributes = attributesFor(plan.view, *plan.ids);
+    return {};
+}
+
+Result AdDirectory::showOne(Domain& domain, std::vector<Entry> entries, const AdPlan& plan,
+                            const Deadline& deadline, Object& object) {
     std::vector<Object> objects;
     Result result = makeObjects(source(domain), plan, entries, deadline, objects);
     if (result.ok()) object = std::move(objects.front());
@@ -246,14 +247,14 @@ Result AdDirectory::fetch(const std::string& domainName, const std::string& dn, 
     const Deadline end = deadline();
     Domain* domain = nullptr;
     if (Result result = placeOf(domainName, dn, end, domain); !result.ok()) return result;
-    std::shared_ptr<const Ids> ids;
-    if (Result result = idsOf(*domain, end, ids); !result.ok()) return result;
+    AdPlan plan;
+    if (Result result = prepareOne(*domain, view, end, plan); !result.ok()) return result;
     NamedEntries found;
-    NameFinder finder(*domain, m_options, attributesFor(view, *ids), end);
+    NameFinder finder(*domain, m_options, plan.search.attributes, end);
     const LdapStatus status = finder.byDn(dn, NameFinder::Rewritten::IfNotReal, found);
     if (!status.ok()) return resultOf(status);
     if (found.only() == nullptr) return missing;
-    return showOne(*domain, {std::move(*found.only())}, view, end, object);
+    return showOne(*domain, {std::move(*found.only())}, plan, end, object);
 }
 
 Result AdDirectory::lookup(const std::string& guid, const View& view, Object& object) {
@@ -261,10 +262,10 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
     const auto bytes = guidBytes(guid);
     if (!bytes) return missing;
     const Deadline end = deadline();
-    std::shared_ptr<const Ids> ids;
-    if (Result result = idsOf(m_joined, end, ids); !result.ok()) return result;
+    AdPlan plan;
+    if (Result result = prepareOne(m_joined, view, end, plan); !result.ok()) return result;
     const LdapSearch wanted = {"<GUID=" + guidText(*bytes) + ">", LDAP_SCOPE_BASE, "(objectClass=*)",
-                               attributesFor(view, *ids)};
+                               plan.search.attributes};
     std::vector<Entry> entries;
     LdapStatus status = m_joined.search(wanted, end, entries);
     if (status.code == LDAP_NO_SUCH_OBJECT || (status.ok() && entries.empty())) {
@@ -280,7 +281,7 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
         return fetch(kCatalog, entries[0].dn, view, object);
     }
     if (!status.ok()) return resultOf(status);
-    return showOne(m_joined, std::move(entries), view, end, object);
+    return showOne(m_joined, std::move(entries), plan, end, object);
 }
 
 // -------------------------------------------------------------- authentication
@@ -362,36 +363,11 @@ Verdict AdDirectory::authenticate(const std::string& user, const std::string& pa
 // ------------------------------------------------------------------ diagnosis
 
 Result AdDirectory::supportedAttributes(std::vector<std::string>& names) {
-    {
-        const std::lock_guard lock(m_namesMutex);
-        if (now() < m_namesUntil) {
-            names = m_names;
-            return {};
-        }
-    }
-    const Deadline end = deadline();
-    std::shared_ptr<const DomainInfo> info;
-    LdapStatus status = m_joined.info(end, info);
-    std::vector<Entry> entries;
-    if (status.ok())
-        status = m_joined.search({"CN=Aggregate,CN=Schema,CN=Configuration," + info->forest,
-                                  LDAP_SCOPE_BASE,
-                                  "(objectClass=*)",
-                                  {"attributeTypes"}},
-                                 end, entries);
-    if (!status.ok()) return resultOf(status);
-    std::set<std::string, vorn::StringCaseLessThan> found;
-    for (const Entry& entry : entries)
-        if (const Attribute* types = entry.find("attributeTypes"))
-            for (const std::string& description : types->values) found.insert(nameIn(description));
-    std::erase_if(found, [](const std::string& name) { return name.empty() || isSecretAttribute(name); });
-    if (found.empty())
-        return Result::ldap(VEX_DIRECTORY_ERROR, LDAP_OTHER, "the controller does not tell its schema");
-    names.assign(found.begin(), found.end());
-    const std::lock_guard lock(m_namesMutex);
-    m_names = names;
-    m_namesUntil = now() + kNamesTime;
-    return {};
+    std::shared_ptr<const Schema> schema;
+    if (const LdapStatus status = m_schema.get(deadline(), schema); !status.ok()) return resultOf(status);
+    names = schema->names();
+    if (!names.empty()) return {};
+    return Result::ldap(VEX_DIRECTORY_ERROR, LDAP_OTHER, "the controller does not tell its schema");
 }
 
 Result AdDirectory::health() {

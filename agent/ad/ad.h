@@ -11,6 +11,7 @@
 #include "agent/ad/members.h"
 #include "agent/ad/names.h"
 #include "agent/ad/options.h"
+#include "agent/ad/schema.h"
 #include "agent/ad/search.h"
 #include "agent/ad/tickets.h"
 #include "agent/ad/watchdog.h"
@@ -25,7 +26,7 @@ class AdDirectory : public Directory {
     // Throws OwnFileError.
     explicit AdDirectory(const AdOptions& options);
 
-    bool isQuick(const Query& query) const override;
+    bool isQuick(int scope, const std::string& filter) const override;
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
@@ -44,7 +45,8 @@ class AdDirectory : public Directory {
                    AdPlan& plan, bool& nothing);
     Result findBase(const Query& query, Domain& domain, const Deadline& deadline, AdPlan& plan);
     Result readBase(Domain& domain, const Deadline& deadline, AdPlan& plan);
-    Result showOne(Domain& domain, std::vector<Entry> entries, const View& view, const Deadline& deadline,
+    Result prepareOne(Domain& domain, const View& view, const Deadline& deadline, AdPlan& plan);
+    Result showOne(Domain& domain, std::vector<Entry> entries, const AdPlan& plan, const Deadline& deadline,
                    Object& object);
     AdSource source(Domain& domain);
 
@@ -72,9 +74,7 @@ class AdDirectory : public Directory {
     Forest m_forest;
     Domain& m_joined;
 
-    std::mutex m_namesMutex;
-    std::vector<std::string> m_names;  // guarded by m_namesMutex, as the next
-    Moment m_namesUntil{};
+    AdSchema m_schema;
 };
 
 }  // namespace vexagent

@@ -24,11 +24,23 @@ const Ids& idsOn() {
     return ids;
 }
 
+const Schema& schema() {
+    static const Schema known = [] {
+        Schema schema;
+        schema.addAttribute("1.2.840.113556.1.4.1910", "unixUserPassword");
+        schema.addAttribute("0.9.2342.19200300.100.1.1", "uid");
+        schema.addConfidential("shoeSize");
+        return schema;
+    }();
+    return known;
+}
+
 // What a controller is asked; groupsOf knows two groups of "ann".
 std::string asked(const std::string& filter, bool typed = false, bool withIds = false, int scope = 2) {
     FilterContext rules;
     rules.ldb = context();
     rules.rootDn = "DC=example,DC=com";
+    rules.schema = &schema();
     const GroupsOf groupsOf = [](std::string_view name) {
         return name == "ann" ? std::vector<std::string>{std::string(16, 'A'), std::string(16, 'B')}
                              : std::vector<std::string>{};
@@ -73,6 +85,26 @@ TEST(AdFilter, BecomesWhatAControllerAnswersQuickly) {
         {"(memberUid=ben)", "nothing"},
         {"(!(memberUid=ben))", "(objectClass=*)"},
         {"(memberUid=*)", "(|(memberUid=*)(member=*))"},
+    };
+    for (const auto& [filter, expected] : cases) EXPECT_EQ(asked(filter), expected) << filter;
+}
+
+TEST(AdFilter, NoNumberAndNoSecretReachesAController) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"(0.9.2342.19200300.100.1.1=ann)", "(uid=ann)"},
+        {"(OID.0.9.2342.19200300.100.1.1=a*)", "(uid=a*)"},
+        {"(oid.0.9.2342.19200300.100.1.1>=a)", "(uid>=a)"},
+        {"(0.9.2342.19200300.100.1.1=*)", "(uid=*)"},
+        {"(0.9.2342.19200300.100.1.1:caseExactMatch:=a)", "(uid:caseExactMatch:=a)"},
+        {"(1.2.840.113556.1.4.1910=S3cr*)", "nothing"},
+        {"(!(OID.1.2.840.113556.1.4.1910=*))", "nothing"},
+        {"(|(uid=ann)(1.2.840.113556.1.4.1910>=S))", "(uid=ann)"},
+        {"(1.2.840.113556.1.4.1910:caseExactMatch:=S)", "nothing"},
+        {"(1.2.3=x)", "nothing"},  // unknown
+        {"(!(1.2.3=x))", "nothing"},
+        {"(shoeSize=44)", "nothing"},  // confidential
+        {"(!(SHOESIZE=44))", "nothing"},
+        {"(uid=ann)(cn=ben)", "bad search filter"},
     };
     for (const auto& [filter, expected] : cases) EXPECT_EQ(asked(filter), expected) << filter;
 }

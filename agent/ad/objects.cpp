@@ -5,8 +5,8 @@
 
 #include "agent/categories.h"
 #include "agent/identifiers.h"
-#include "agent/secrets.h"
 #include "vex/vex.h"
+#include "vorn/secret_names.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -102,7 +102,7 @@ std::vector<std::string> attributesFor(const View& view, const Ids& ids) {
     const bool all = view.attributes.empty() || holds(view.attributes, "*");
     if (all) names.emplace_back("*");
     for (const std::string& name : view.attributes)
-        if (!name.empty() && name[0] != '_' && name != "1.1" && !isSecretAttribute(name))
+        if (!name.empty() && name[0] != '_' && name != "1.1" && !vorn::isSecretName(name))
             addOnce(names, name);
     if (all) return names;
     for (const char* name : kAlways) addOnce(names, name);
@@ -149,7 +149,7 @@ Object makeObject(const Entry& entry, const View& view, const Ids& ids,
         (part == Part::Whole && isInvalid(entry, category, made)))
         object.push_back({VORN_NSSENTRY_INVALID, {"TRUE"}});
     for (const Attribute& attribute : entry.attributes) {
-        if (attribute.values.empty() || isSecretAttribute(attribute.name) || !isWanted(view, attribute.name))
+        if (attribute.values.empty() || vorn::isSecretName(attribute.name) || !isWanted(view, attribute.name))
             continue;
         if (members != nullptr && vorn::equalsIgnoreCase(attribute.name, "memberUid")) continue;
         object.push_back(attribute);

@@ -125,6 +125,7 @@ Result makeObjects(const AdSource& source, const AdPlan& plan, std::vector<Entry
         status = source.memberships.memberUids(source.members, *plan.ids, groups, deadline, names);
     if (!status.ok()) return resultOf(status);
     std::size_t at = 0;
+    for (Entry& entry : entries) plan.schema->removeSecrets(entry.attributes);
     const Part part = source.domain.kind() == Domain::Kind::Catalog ? Part::OfCatalog : Part::Whole;
     for (const Entry& entry : entries) {
         const bool isGroup = at < groups.size() && groups[at] == &entry;

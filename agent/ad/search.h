@@ -7,6 +7,7 @@
 #include "agent/ad/members.h"
 #include "agent/ad/objects.h"
 #include "agent/directory.h"
+#include "agent/schema.h"
 
 namespace vexagent {
 
@@ -25,6 +26,7 @@ struct AdPlan {
     std::size_t firstBatch = 0;  // as in Query
     View view;
     std::shared_ptr<const Ids> ids;
+    std::shared_ptr<const Schema> schema;
 };
 
 // Entries are read only as far as they are asked for; meanwhile the controller goes

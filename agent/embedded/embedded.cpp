@@ -12,10 +12,11 @@
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "agent/identifiers.h"
+#include "agent/member_groups.h"
 #include "agent/passwords.h"
-#include "agent/secrets.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
+#include "vorn/secret_names.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -152,11 +153,12 @@ Result EmbeddedDirectory::checkDomain(const std::string& domain) const {
                  "\": the embedded directory holds \"" + m_rules.domain + "\" only");
 }
 
-bool EmbeddedDirectory::isQuick(const Query& query) const {
-    if (query.scope == 0) return true;
+bool EmbeddedDirectory::isQuick(int scope, const std::string& filter) const {
+    if (shapeOf(filter).size > kMostForQuick) return false;
+    if (scope == 0) return true;
     const Pool pool = newPool();
     ParseTree* tree = nullptr;
-    return !parseFilter(pool.get(), query.filter, tree).ok() || isQuickFilter(tree);
+    return !parseFilter(pool.get(), filter, tree).ok() || isQuickFilter(tree);
 }
 
 Result EmbeddedDirectory::findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base) {
@@ -192,8 +194,15 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     FilterContext context;
     context.ldb = handle->ldb();
     context.rootDn = m_domainDn;
-    if (query.view.zone) context.groupsOf = [&](std::string_view uid) { return groupsOf(*handle, uid); };
+    MemberGroups groups(
+        [&](const std::string& uid, std::vector<std::string>& guids) {
+            guids = groupsOf(*handle, uid);
+            return Result();
+        },
+        kMostAssertions);
+    if (query.view.zone) context.groupsOf = [&](std::string_view uid) { return groups.of(uid); };
     Selection selection = rewriteFilter(pool.get(), plan.tree, context);
+    if (!groups.result().ok()) return groups.result();
     if (selection == Selection::Some) selection = loosen(pool.get(), plan);
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) plan.tree = matchAll(pool.get());
@@ -294,7 +303,7 @@ Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
         handle->search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr, [&](ldb_message* message) {
             for (unsigned i = 0; i < message->num_elements; ++i) {
                 const std::string_view name = message->elements[i].name;
-                if (!isSecretAttribute(name) && !found.contains(name)) found.emplace(name);
+                if (!vorn::isSecretName(name) && !found.contains(name)) found.emplace(name);
             }
             return true;
         });

@@ -29,7 +29,7 @@ class EmbeddedDirectory : public Directory {
     // Throws DatabaseError.
     explicit EmbeddedDirectory(const EmbeddedOptions& options);
 
-    bool isQuick(const Query& query) const override;
+    bool isQuick(int scope, const std::string& filter) const override;
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "agent/embedded/test_directory.h"
+#include "agent/filter_shape.h"
 #include "agent/passwords.h"
 
 namespace vexagent {
@@ -120,6 +121,22 @@ TEST_F(EmbeddedTest, MatchingRules) {
     EXPECT_THAT(found("(_dn=CN=Ben,OU=People,DC=example,DC=com)"), ElementsAre("Ben"));
     EXPECT_THAT(found("(uidNumber>=1002)"), UnorderedElementsAre("Ben", "Cleo"));
     EXPECT_THAT(found("((("), ElementsAre("code 11"));
+}
+
+TEST_F(EmbeddedTest, AFilterOfManyPartsIsAnsweredAndOneOfTooManyIsNot) {
+    const auto anyOf = [](std::size_t count) {
+        std::string filter = "(|";
+        for (std::size_t i = 0; i < count; ++i) filter += i % 2 == 0 ? "(memberUid=ann)" : "(memberUid=cleo)";
+        return filter + ")";
+    };
+    EXPECT_THAT(found(anyOf(kMostAssertions), true),
+                UnorderedElementsAre("outer", "inner", "Domain Users", "stored"));
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    const Result result = m_directory->search(query(anyOf(kMostAssertions + 1), true), batch, rest);
+    EXPECT_EQ(result.code, VEX_REFUSED);
+    EXPECT_EQ(result.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(result.errCode, LDAP_ADMINLIMIT_EXCEEDED);
 }
 
 TEST_F(EmbeddedTest, TypedSelectsUnixKinds) {
@@ -573,10 +590,19 @@ TEST(Health, FollowsTheDatabase) {
 
 TEST(Quick, IsWhatIndexesAnswer) {
     const TestDirectory directory(units());
-    EXPECT_TRUE(directory->isQuick(query("(sAMAccountName=a)")));
-    EXPECT_TRUE(directory->isQuick(below("DC=example,DC=com", 0)));
-    EXPECT_TRUE(directory->isQuick(query("(((")));  // refused at once
-    EXPECT_FALSE(directory->isQuick(query("")));
+    EXPECT_TRUE(directory->isQuick(2, "(sAMAccountName=a)"));
+    EXPECT_TRUE(directory->isQuick(0, ""));
+    EXPECT_TRUE(directory->isQuick(2, "((("));  // refused at once
+    EXPECT_FALSE(directory->isQuick(2, ""));
+    const auto anyOf = [](std::size_t count) {
+        std::string filter = "(|";
+        for (std::size_t i = 0; i < count; ++i) filter += "(memberUid=a)";
+        return filter + ")";
+    };
+    for (const int scope : {0, 2}) {
+        EXPECT_TRUE(directory->isQuick(scope, anyOf(kMostForQuick)));
+        EXPECT_FALSE(directory->isQuick(scope, anyOf(kMostForQuick + 1)));
+    }
 }
 
 }  // namespace

@@ -50,6 +50,11 @@ TEST(RewriteFilter, Cases) {
         {"(!(&(cn=a)(userPassword=x)))", "(!(cn=a))"},
         {"(!(|(cn=a)(userPassword=x)))", "none"},
         {"(UNIXUSERPASSWORD=a)", "none"},
+        // so is what is called by its number: no schema tells what it means
+        {"(2.5.4.35=x)", "none"},
+        {"(!(OID.2.5.4.35=*))", "none"},
+        {"(|(cn=a)(1.2.840.113556.1.4.1910=S3c*))", "(cn=a)"},
+        {"(sambaNTPassword=x*)", "none"},
         // what no stored number can equal
         {"(uidNumber=abc)", "none"},
         {"(!(uidNumber=abc))", "all"},

@@ -18,6 +18,7 @@ def sid(rid):
 def person(cn, name, number, *groups):
     """(DN, entry) of somebody who logs in by that name and is in the groups of these DNs."""
     return f"CN={cn},OU=People,{BASE}", {
+        "shoeSize": [44],
         "objectClass": ["top", "person", "organizationalPerson", "user"], "cn": [cn], "name": [cn], "sAMAccountName": [name],
         "userPrincipalName": [f"{name}@example.com"], "uid": [name], "uidNumber": [10000 + number], "gidNumber": [10000],
         "unixHomeDirectory": [f"/home/{name}"], "loginShell": ["/bin/sh"], "objectGUID": [guid(1000 + number)],
@@ -58,7 +59,11 @@ def own_entries():
            for number, name in enumerate(("People", "Groups"))},
         f"CN=Aggregate,CN=Schema,CN=Configuration,{BASE}": {
             "objectClass": ["top", "subSchema"], "cn": ["Aggregate"],
-            "attributeTypes": [f"( 1.2.3.{number} NAME '{name}' SYNTAX '1.3.6' )" for number, name in enumerate(names)]}}
+            "attributeTypes": [f"( 1.2.3.{number} NAME '{name}' SYNTAX '1.3.6' )"
+                               for number, name in [*enumerate(names), (100, "shoeSize")]]},
+        **{f"CN={name},CN=Schema,CN=Configuration,{BASE}": {
+            "objectClass": ["top", "attributeSchema"], "lDAPDisplayName": [name], "searchFlags": [flags]}
+           for name, flags in (("cn", 1), ("shoeSize", 128 + 16))}}
 
 
 def entries(people_and_groups):

@@ -21,6 +21,7 @@ import ber
 BIND, SEARCH, EXTENDED, ABANDON, UNBIND = 0x60, 0x63, 0x77, 0x50, 0x42
 ENTRY, REFERENCE, DONE, BIND_DONE, EXTENDED_DONE = 0x64, 0x73, 0x65, 0x61, 0x78
 PAGED, START_TLS = "1.2.840.113556.1.4.319", "1.3.6.1.4.1.1466.20037"
+BITS = b"1.2.840.113556.1.4.803"
 NOTICE = "1.3.6.1.4.1.1466.20036"
 SUCCESS, OPERATIONS_ERROR, SIZE_LIMIT, REFERRAL, NO_SUCH_OBJECT, INVALID, BUSY, UNAVAILABLE = 0, 1, 4, 10, 32, 49, 51, 52
 
@@ -58,8 +59,8 @@ class Search:
 
 
 def matches(filter, dn, entry):
-    """Whether an entry matches: and, or, not, equality, presence, substrings, orderings.
-    Anything else is false."""
+    """Whether an entry matches: and, or, not, equality, presence, substrings, orderings,
+    and whether a number has certain bits. Anything else is false."""
     tag, content = filter
     if tag in (0xA0, 0xA1):
         return (all if tag == 0xA0 else any)(matches(part, dn, entry) for part in ber.elements(content))
@@ -67,6 +68,10 @@ def matches(filter, dn, entry):
         return not matches(ber.elements(content)[0], dn, entry)
     if tag == 0x87:
         return bool(values_of(dn, entry, content.decode()))
+    if tag == 0xA9:
+        parts = dict(ber.elements(content))
+        values, wanted = values_of(dn, entry, parts[0x82].decode()), parts[0x83]
+        return parts.get(0x81) == BITS and any(int(value) & int(wanted) == int(wanted) for value in values)
     if tag not in (0xA3, 0xA4, 0xA5, 0xA6):
         return False
     (_, name), (_, wanted) = ber.elements(content)

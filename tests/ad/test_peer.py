@@ -108,6 +108,26 @@ def test_an_entry(served):
     assert found == {f"cn=p0007,ou=People,{SUFFIX}": {"uid": [b"p0007"], "uidNumber": [b"10007"], "homeDirectory": [b"/home/p0007"]}}
 
 
+SHOE_SIZE = "44"
+
+
+def test_what_the_schema_marks_as_confidential_is_neither_shown_nor_asked_for(served):
+    """By its name and by its number, in the filter and among the attributes."""
+    connection, [peer], _ = served()
+    who = f"cn=p0007,ou=People,{SUFFIX}"
+    for name in ("shoeSize", "1.2.3.100"):
+        for filter in (f"({name}={SHOE_SIZE})", f"({name}=4*)", f"(!({name}=1))"):
+            assert search(connection, f"(&(uid=p0007){filter})", ["uid"]) == {}
+    assert list(search(connection, "(&(objectClass=posixAccount)(1.2.3.1=p0007))", ["uid"])) == [who]
+    [entry] = search(connection, LOOK_UP, ["uid", "shoeSize", "1.2.3.100"]).values()
+    assert list(entry) == ["uid"]
+    [entry] = search(connection, LOOK_UP).values()
+    assert not {"shoesize", "1.2.3.100"} & {name.lower() for name in entry}
+    for request in peer.searches():
+        assert b"shoeSize" not in request.filter[1] and b"1.2.3." not in request.filter[1]
+        assert not {"shoeSize", "1.2.3.100"} & set(request.attributes)
+
+
 def everybody_once(connection):
     found = connection.search_s(SUFFIX, ldap.SCOPE_SUBTREE, EVERYBODY, ["uid"])
     assert sorted(values(entry, "uid")[0] for _, entry in found) == NAMES

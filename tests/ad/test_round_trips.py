@@ -66,9 +66,10 @@ def groups(connection, name):
 
 def test_the_first_look_up_of_an_agent(start, relay):
     """The machine's ticket (asked for, then with its key), and one for the service; a
-    bind in three messages; what the domain is, in three searches; the look-up."""
+    bind in three messages; what the domain is, in three searches; its schema, in two; the
+    look-up."""
     slapd = start()
-    with costs(relay, 3 + 3 + 1, 3):
+    with costs(relay, 3 + 3 + 2 + 1, 3):
         assert len(person(slapd.connect(), "s-good")) == 1
 
 

@@ -200,7 +200,8 @@ def test_binary_identifiers(anonymous):
 
 @pytest.mark.parametrize("filter", [
     "(userPassword=*)", "(&(objectClass=posixAccount)(uid=ann)(userPassword=*))", "(unixUserPassword=*)",
-    "(unicodePwd=*)",
+    "(unicodePwd=*)", "(2.5.4.35=*)", "(1.2.840.113556.1.4.1910=*)", "(1.2.840.113556.1.4.90=*)",
+    "(!(1.2.840.113556.1.4.1910=x))",
 ])
 def test_passwords_are_no_condition_and_no_answer(anonymous, filter):
     assert search(anonymous, filter, ["userPassword", "uid"]) == {}

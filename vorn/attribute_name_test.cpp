@@ -1,9 +1,10 @@
-#include "translate/attribute_description.h"
+#include "vorn/attribute_name.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+namespace vorn {
 namespace {
 
 using namespace std::string_literals;
@@ -29,4 +30,21 @@ TEST(AttributeDescription, IsNothingElse) {
     for (const std::string& text : cases) EXPECT_FALSE(isAttributeDescription(text)) << text;
 }
 
+TEST(AttributeName, ANumberMayHaveAWordInFront) {
+    for (const char* name : {"uid", "2.5.4.3", "OID.2.5.4.3", "oid.2.5.4.3;binary"})
+        EXPECT_TRUE(isAttributeName(name)) << name;
+    for (const char* name : {"", "OID.", "OID.cn", "OID.1", "OID.OID.1.2", "1.02", "uidNumber>", "_dn"})
+        EXPECT_FALSE(isAttributeName(name)) << name;
+}
+
+TEST(AttributeName, ANumberIsToldFromAName) {
+    for (const char* name : {"2.5.4.3", "OID.2.5.4.3", "oid.2.5.4.3", "1", "OID."})
+        EXPECT_TRUE(isNumericName(name)) << name;
+    for (const char* name : {"", "cn", "oid", "oidx", "o1"}) EXPECT_FALSE(isNumericName(name)) << name;
+    EXPECT_EQ(numberOf("OID.2.5.4.3;binary"), "2.5.4.3");
+    EXPECT_EQ(numberOf("2.5.4.3"), "2.5.4.3");
+    EXPECT_EQ(withoutOptions("cn;binary;x"), "cn");
+}
+
 }  // namespace
+}  // namespace vorn
