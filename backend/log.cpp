@@ -4,25 +4,13 @@
 #include <cstdio>
 #include <memory>
 
+#include "vorn/log_text.h"
 #include "vorn/logger.h"
+#include "vorn/secret_names.h"
 
 #include "backend/slapd.h"
 
 namespace {
-
-// With the terminating NUL; what is longer is cut without a mark.
-constexpr std::size_t kLineBytes = 1022;
-
-class Line {
-  public:
-    __attribute__((format(printf, 2, 0))) Line(const char* format, std::va_list arguments) {
-        std::vsnprintf(m_text, sizeof m_text, format, arguments);
-    }
-    const char* text() const { return m_text; }
-
-  private:
-    char m_text[kLineBytes] = "";
-};
 
 // The thread's own, looked up once.
 const std::shared_ptr<vorn::Logger>& dirgate() {
@@ -34,34 +22,55 @@ bool admits(const std::shared_ptr<vorn::Logger>& logger, int level) {
     return logger != nullptr && logger->admits(level);
 }
 
+// The source label and lines are those that log readers know these records by.
+constexpr vorn::LogSource kInformation = {"search", 92, "JPrintf"};
+constexpr vorn::LogSource kError = {"search", 105, "JError"};
+constexpr char kErrorMark[] = "dirgate ERROR: ";
+
+void inform(const vorn::BoundedLine& line) {
+    const auto& logger = dirgate();
+    if (admits(logger, vorn::Logger::kInfo)) logger->write(vorn::Logger::kInfo, kInformation, line.text());
+    if (slap_debug != 0) std::fprintf(stderr, "%s\n", line.c_str());
+}
+
 }  // namespace
 
-// The source label and lines are those that log readers know these records by.
-
 void JPrintf(const char* format, ...) {
-    const auto& logger = dirgate();
-    const bool toLogger = admits(logger, vorn::Logger::kInfo);
-    if (!toLogger && slap_debug == 0) return;
-
+    if (!JPrintfEnabled()) return;
+    vorn::BoundedLine line;
     std::va_list arguments;
     va_start(arguments, format);
-    const Line line(format, arguments);
+    vorn::formatForLog(line, format, arguments);
     va_end(arguments);
-    if (toLogger) logger->log(vorn::Logger::kInfo, "search", 92, "JPrintf", "%s", line.text());
-    if (slap_debug != 0) std::fprintf(stderr, "%s\n", line.text());
+    inform(line);
+}
+
+void JPrintfLines(const char* introduction, std::string_view lines) {
+    if (!JPrintfEnabled()) return;
+    vorn::BoundedLine line;
+    line.append(introduction);
+    vorn::appendForLog(line, lines, vorn::LineEnds::Kept);
+    inform(line);
 }
 
 void JError(const char* format, ...) {
+    vorn::BoundedLine line;
     std::va_list arguments;
     va_start(arguments, format);
-    const Line line(format, arguments);
+    vorn::formatForLog(line, format, arguments);
     va_end(arguments);
 
     const auto& logger = dirgate();
     if (admits(logger, vorn::Logger::kError)) {
-        logger->log(vorn::Logger::kError, "search", 105, "JError", "dirgate ERROR: %s", line.text());
+        char marked[sizeof kErrorMark + vorn::BoundedLine::kMost];
+        std::snprintf(marked, sizeof marked, "%s%s", kErrorMark, line.c_str());
+        logger->write(vorn::Logger::kError, kError, marked);
     }
-    std::fprintf(stderr, "dirgate ERROR: %s\n", line.text());
+    std::fprintf(stderr, "%s%s\n", kErrorMark, line.c_str());
+}
+
+std::string filterForLog(const std::string& filter) {
+    return JPrintfEnabled() ? vorn::withoutSecrets(filter) : std::string();
 }
 
 bool JPrintfEnabled() {

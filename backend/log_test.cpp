@@ -112,6 +112,33 @@ TEST_F(LoggingTest, AMessageOf2000CharactersIsCutToItsFirst1021) {
     EXPECT_TRUE(log.has("dirgate ERROR: " + cut));
 }
 
+TEST_F(LoggingTest, WhatIsPutIntoALineWritesNoOther) {
+    const standin::CapturedLog log;
+    const standin::CapturedStderr captured;
+    slap_debug = 1;
+    JPrintf("vex bind : called for dn: %s, with id: %lu", "cn=a\ndirgate ERROR: forged\xff", 7UL);
+    JError("filter %s", "(cn=\r\nx)");
+    JPrintf("filter = %s,\nold attrs = %s", "a", "b\nc");
+    JPrintfLines("out_ldif = \n", "dn: a\ncn: b\n");
+    const std::string bind = "vex bind : called for dn: cn=a\\0Adirgate ERROR: forged\\FF, with id: 7";
+    const std::string error = "dirgate ERROR: filter (cn=\\0D\\0Ax)";
+    EXPECT_EQ(captured.text(),
+              bind + "\n" + error + "\nfilter = a,\nold attrs = b\\0Ac\nout_ldif = \ndn: a\ncn: b\n\n");
+    EXPECT_TRUE(log.has(bind));
+    EXPECT_TRUE(log.has(error));
+    EXPECT_TRUE(log.has("old attrs = b\\0Ac"));
+}
+
+TEST_F(LoggingTest, AFilterIsShownWithoutWhatItAssertsOfSecrets) {
+    const std::string filter = "(&(uid=ann)(userPassword=welcome))";
+    {
+        const standin::CapturedLog log;
+        EXPECT_EQ(filterForLog(filter), "(&(uid=ann)(userPassword=***))");
+    }
+    const standin::CapturedLog log(vorn::Logger::kNothing);
+    EXPECT_EQ(filterForLog(filter), "");
+}
+
 TEST_F(LoggingTest, AMessageOf1021CharactersIsWhole) {
     const standin::CapturedStderr captured;
     const std::string text(1021, 'y');

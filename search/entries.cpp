@@ -49,7 +49,7 @@ EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, 
     }
     *entry = parse(ldif);
     if (*entry == nullptr) {
-        JPrintf("Skipping object, invalid ldif %s", ldif.c_str());
+        JPrintfLines("Skipping object, invalid ldif ", ldif);
         return Result::Skipped;
     }
     // An error is logged each time.
@@ -75,7 +75,7 @@ EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject*
 
 std::string EntryMaker::toLdif(vexSession* session, const vexObject* object, bool* complained) const {
     std::string ldif = object_to_ldif(session, object, m_ldifRequest, complained);
-    JPrintf("After translation: out_ldif = \n%s", ldif.c_str());
+    JPrintfLines("After translation: out_ldif = \n", ldif);
     return ldif;
 }
 

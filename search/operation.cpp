@@ -60,7 +60,7 @@ bool SearchOperation::prepare() {
     if (const auto rejection = prepareBase({m_op->o_req_dn.bv_val, m_op->o_req_dn.bv_len}, &m_request))
         return reject(*rejection);
     m_omitDn = m_request.base.empty() && m_op->ors_scope == LDAP_SCOPE_BASE;
-    JPrintf("vex search after translation filter = %s", m_request.filter.c_str());
+    JPrintf("vex search after translation filter = %s", filterForLog(m_request.filter).c_str());
     JPrintf("vex search using base: %s", m_request.base.c_str());
     return true;
 }
@@ -76,7 +76,7 @@ void SearchOperation::initializeCache() {
 
 void SearchOperation::logStart() try {
     const std::string filter = filter_as_string("", m_op->ors_filter, nullptr);
-    JPrintf("vex search start with filterstr: %s", filter.c_str());
+    JPrintf("vex search start with filterstr: %s", filterForLog(filter).c_str());
 } catch (const std::exception& error) {
     JPrintf("filter_as_string failed: %s", error.what());
 }
@@ -98,8 +98,9 @@ bool SearchOperation::resumeOrOpen() {
     prepareAttributes(m_op->ors_attrs, &m_request);
     prepareCaching(m_cache->isEnabled(), m_op->ors_scope, &m_request);
     JPrintf("vex search num attrs = %d, req_dn = '%s', filter = %s,\nold attrs = %s,\nnew attrs = %s",
-            static_cast<int>(m_request.attributes.size()), m_request.base.c_str(), m_request.filter.c_str(),
-            m_request.oldAttributes.c_str(), m_request.newAttributes.c_str());
+            static_cast<int>(m_request.attributes.size()), m_request.base.c_str(),
+            filterForLog(m_request.filter).c_str(), m_request.oldAttributes.c_str(),
+            m_request.newAttributes.c_str());
     return true;
 }
 
@@ -127,7 +128,7 @@ bool SearchOperation::answerDomainEntry() {
     const SharedEntry entry = EntryMaker::parse(ldif);
     if (entry == nullptr) {
         std::snprintf(failureText, sizeof failureText, "str2entry Failed, bad ldif: %s", ldif.c_str());
-        JPrintf("%s", failureText);
+        JPrintfLines("", failureText);
         reject({LDAP_INVALID_SYNTAX, failureText});
     } else {
         sendIfMatching(entry.get());
@@ -171,7 +172,7 @@ bool SearchOperation::takeCachedList() {
     switch (m_cache->getList(m_request.key, list)) {
         case SearchCacheManager::kHit:
             JPrintf("Successfully find search result in memory cache. req_dn = '%s', filter = %s, scope = %d",
-                    m_request.base.c_str(), m_request.filter.c_str(), m_op->ors_scope);
+                    m_request.base.c_str(), filterForLog(m_request.filter).c_str(), m_op->ors_scope);
             m_handle->cache.guidList = std::move(list);
             break;
         case SearchCacheManager::kNegativeHit:

@@ -162,7 +162,8 @@ void prepareFetchByUid(int scope, SearchRequest* request) {
         request->filter =
             "(&(objectClass=" + request->agentType + ")(" + attribute + "=" + uidAsAssertion(uid) + "))";
     }
-    JPrintf("vex search after fetchbydnuid transformation, filter = %s", request->filter.c_str());
+    JPrintf("vex search after fetchbydnuid transformation, filter = %s",
+            filterForLog(request->filter).c_str());
     request->fetchByUidDone = true;
 }
 

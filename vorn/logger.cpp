@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <map>
 #include <new>
 
 #include "vorn/log_registry.h"
+#include "vorn/log_text.h"
 
 namespace vorn {
 namespace {
@@ -21,17 +21,6 @@ struct ThreadLoggers {
 };
 
 thread_local ThreadLoggers threadLoggers;
-
-__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, std::va_list arguments) {
-    std::va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    if (length <= 0) return {};
-    std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
-}
 
 const char* orEmpty(const char* text) {
     return text != nullptr ? text : "";
@@ -117,19 +106,28 @@ void Logger::log(int level, const char* sourceLabel, int sourceLine, const char*
     std::va_list arguments;
     va_start(arguments, format);
     try {
-        const bool toFile = fileThreshold() <= level;
-        const bool toSyslog = syslogThreshold() <= level;
-        if (toFile || toSyslog) {
-            const std::string text = formatted(format, arguments);
-            const LogRecord record = {level,      m_channel,         orEmpty(sourceLabel),
-                                      sourceLine, orEmpty(function), text};
-            if (toFile) LogRegistry::instance().writeToFile(record);
-            if (toSyslog) LogRegistry::instance().writeToSyslog(record);
+        if (admits(level)) {
+            std::string text;
+            formatForLog(text, format, arguments);
+            write(level, {sourceLabel, sourceLine, function}, text);
         }
     } catch (const std::exception&) {
         // Out of memory: the record is lost, the caller's work is not.
     }
     va_end(arguments);
+    errno = savedErrno;
+}
+
+void Logger::write(int level, const LogSource& source, std::string_view text) {
+    const int savedErrno = errno;
+    try {
+        const LogRecord record = {
+            level, m_channel, orEmpty(source.label), source.line, orEmpty(source.function), text};
+        if (fileThreshold() <= level) LogRegistry::instance().writeToFile(record);
+        if (syslogThreshold() <= level) LogRegistry::instance().writeToSyslog(record);
+    } catch (const std::exception&) {
+        // As above.
+    }
     errno = savedErrno;
 }
 

@@ -28,6 +28,13 @@
 
 namespace vorn {
 
+// Where a record says that it comes from.
+struct LogSource {
+    const char* label;
+    int line;
+    const char* function;
+};
+
 class Logger {
   public:
     static constexpr int kUnset = -1;
@@ -60,9 +67,13 @@ class Logger {
     bool admits(int level);
 
     // Writes one record to each place whose threshold admits it. The text is
-    // never cut. Leaves errno alone and throws nothing.
+    // never cut; what is put into it is escaped (see log_text.h). Leaves errno alone and
+    // throws nothing.
     void log(int level, const char* sourceLabel, int sourceLine, const char* function, const char* format,
              ...) __attribute__((format(printf, 6, 7)));
+
+    // The same with a text that is made already, and stands as it is.
+    void write(int level, const LogSource& source, std::string_view text);
 
     const std::string& channel() const { return m_channel; }
 
