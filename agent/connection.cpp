@@ -75,6 +75,10 @@ void Connection::giveUp() {
     close();
 }
 
+void Connection::drop() {
+    m_busy ? giveUp() : close();
+}
+
 // A deadline that moves on, as it does with every request, costs nothing: the timer
 // finds out when it is due.
 void Connection::setDeadline(std::chrono::milliseconds time) {
@@ -88,8 +92,7 @@ void Connection::armTimer() {
     m_timer.async_wait([self = shared_from_this()](const error_code& error) {
         if (error || self->m_closed) return;  // another wait has taken its place
         self->m_armed = false;
-        if (self->m_deadline <= std::chrono::steady_clock::now())
-            return self->m_busy ? self->giveUp() : self->close();
+        if (self->m_deadline <= std::chrono::steady_clock::now()) return self->drop();
         if (self->m_deadline != Moment::max()) self->armTimer();
     });
 }
@@ -179,6 +182,7 @@ void Connection::process() {
     m_busy = true;
     if (!Service::isKnown(*request)) m_lastOne = true;  // and is answered so
     const Lane lane = m_shared.service.lane(*request);
+    m_atWork = true;
     m_shared.pool.post(lane, [self = shared_from_this()]() mutable {
         Connection& connection = *self;
         connection.work();
@@ -206,6 +210,7 @@ void Connection::sendAtOnce() {
 }
 
 void Connection::onWorked() {
+    m_atWork = false;
     m_written < m_output.size() ? write() : onWritten(0);
 }
 

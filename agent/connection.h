@@ -45,11 +45,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // Ends the connection, now or when the answer at hand is written.
     void finish();
 
-    void close();
+    // Ends the connection without waiting for its client any longer. Not while it is at
+    // work.
+    void drop();
 
-  private:
     using Moment = std::chrono::steady_clock::time_point;
 
+    const Client& client() const { return m_client; }
+    // Whether a worker has its request.
+    bool isAtWork() const { return m_atWork; }
+    // Until when its client is waited for.
+    Moment deadline() const { return m_deadline; }
+
+  private:
     void waitForRequest();
     void waitForBytes();
     void onReadable();
@@ -63,6 +71,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void sendAtOnce();
     void write();
     void giveUp();
+    void close();
     void onWritten(std::size_t bytes);
     void setDeadline(std::chrono::milliseconds time);
     void armTimer();
@@ -83,6 +92,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::size_t m_written = 0;
     std::uint64_t m_search = 0;  // that the last answer leaves open
     bool m_busy = false;         // a request is being worked on or answered
+    bool m_atWork = false;       // it is being worked on
     bool m_lastOne = false;      // close after the answer
     bool m_closed = false;
 };

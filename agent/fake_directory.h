@@ -1,7 +1,9 @@
 // A directory in memory for tests: a search's filter says what it finds.
 #pragma once
 
+#include <atomic>
 #include <charconv>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -11,12 +13,14 @@
 namespace vexagent {
 
 // "N" finds N objects, one to a batch; "quick" nothing; "large" an object of 16
-// MiB; "fail", "throw" and "huge" do what they say. The password "right" is everybody's.
+// MiB; "fail", "throw", "wait" and "huge" do what they say. The password "right" is everybody's.
 class FakeDirectory : public Directory {
   public:
     bool healthy = true;
     int searches = 0;
     int fetches = 0;
+    std::mutex gate;  // that "wait" waits for
+    std::atomic<int> waiting = 0;
     int logins = 0;
     LoginOptions loginOptions;  // of the last login
 
@@ -24,6 +28,10 @@ class FakeDirectory : public Directory {
 
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override {
         ++searches;
+        if (query.filter == "wait") {
+            ++waiting;
+            const std::lock_guard wait(gate);
+        }
         if (query.filter == "fail") return Result::ldap(VEX_BAD_FILTER, -7, "bad search filter");
         if (query.filter == "throw") throw std::runtime_error("thrown");
         if (query.filter == "huge") {

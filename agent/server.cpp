@@ -29,7 +29,7 @@ Server::Server(boost::asio::io_context& io, Service& service, WorkerPool& pool, 
     : m_shared{io,           service,
                pool,         options.timeout,
                options.idle, [this](const std::shared_ptr<Connection>& connection) { onClosed(connection); }},
-      m_maxClients(options.maxClients),
+      m_shares(options.maxClients),
       m_acceptor(io),
       m_acceptTimer(io),
       m_sweepTimer(io) {}
@@ -60,14 +60,31 @@ void Server::waitToAccept() {
 void Server::admit(Socket socket) {
     Client client;
     if (!peerOf(socket.native_handle(), client)) return;
-    if (m_connections.size() >= m_maxClients) {
+    if (!m_shares.hasPlaceFor(client) && !makeRoom(client)) {
         AGENT_LOG(vorn::Logger::kWarning, "refused a connection of pid %d uid %u: %zu are open",
                   static_cast<int>(client.pid), static_cast<unsigned>(client.uid), m_connections.size());
         return;
     }
     auto connection = std::make_shared<Connection>(std::move(socket), client, m_shared);
     m_connections.insert(connection);
+    m_shares.add(client);
     connection->start();
+}
+
+// Ends the connection that has waited for its client longest, of the one who holds most:
+// a client finds that out before it sends, and connects anew. What is being worked on is
+// worked on.
+bool Server::makeRoom(const Client& newcomer) {
+    std::shared_ptr<Connection> last;
+    for (const auto& connection : m_connections) {
+        if (connection->isAtWork() || !m_shares.mayTake(newcomer, connection->client())) continue;
+        if (!last || m_shares.holdsMore(connection->client(), last->client()) ||
+            (!m_shares.holdsMore(last->client(), connection->client()) &&
+             connection->deadline() < last->deadline()))
+            last = connection;
+    }
+    if (last) last->drop();
+    return last != nullptr;
 }
 
 void Server::sweep() {
@@ -81,6 +98,7 @@ void Server::sweep() {
 
 void Server::onClosed(const std::shared_ptr<Connection>& connection) {
     m_connections.erase(connection);
+    m_shares.remove(connection->client());
     if (m_connections.empty() && m_stopped) m_stopped();
 }
 

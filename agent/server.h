@@ -13,13 +13,14 @@
 #include <set>
 
 #include "agent/connection.h"
+#include "agent/shares.h"
 
 namespace vexagent {
 
 struct ServerOptions {
     std::chrono::milliseconds timeout{10'000};  // see Connection::Shared
     std::chrono::milliseconds idle{vex::wire::kSearchIdleSeconds * 1000};
-    std::size_t maxClients = 1024;  // connections at once
+    std::size_t maxClients = 1024;  // connections at once; see Shares
 };
 
 class Server {
@@ -44,12 +45,13 @@ class Server {
 
     void accept();
     void admit(Socket socket);
+    bool makeRoom(const Client& newcomer);
     void waitToAccept();
     void sweep();
     void onClosed(const std::shared_ptr<Connection>& connection);
 
     Connection::Shared m_shared;
-    const std::size_t m_maxClients;
+    Shares m_shares;
     boost::asio::local::stream_protocol::acceptor m_acceptor;
     boost::asio::steady_timer m_acceptTimer;
     boost::asio::steady_timer m_sweepTimer;

@@ -318,16 +318,46 @@ TEST_F(ServerTest, LeavingInTheMidstHarmsNobody) {
     EXPECT_TRUE(serves());
 }
 
-TEST_F(ServerTest, ConnectionsAreLimited) {
+TEST_F(ServerTest, TheConnectionThatIsIdleLongestMakesRoom) {
+    run(std::chrono::seconds(10), 2);
+    const RawClient first(path());
+    ASSERT_TRUE(first.isGreeted());
+    const RawClient second(path());
+    ASSERT_TRUE(second.isGreeted());
+    ASSERT_TRUE(first.sendFrame(healthFrame(1)));
+    EXPECT_EQ(first.receiveReply().code, VEX_OK);
+    const RawClient third(path());
+    ASSERT_TRUE(third.isGreeted());
+    EXPECT_TRUE(second.isClosed());
+    for (const RawClient* client : {&first, &third}) {
+        ASSERT_TRUE(client->sendFrame(healthFrame(2)));
+        EXPECT_EQ(client->receiveReply().code, VEX_OK);
+    }
+}
+
+TEST_F(ServerTest, ConnectionsAtWorkAreLimited) {
+    run(std::chrono::seconds(10), 2);
+    const std::unique_lock held(m_directory.gate);
+    const RawClient first(path());
+    const RawClient second(path());
+    for (const RawClient* client : {&first, &second}) {
+        ASSERT_TRUE(client->isGreeted());
+        ASSERT_TRUE(client->sendFrame(searchFrame(1, "wait")));
+    }
+    while (m_directory.waiting < 2) std::this_thread::yield();
+    const RawClient third(path());
+    EXPECT_TRUE(third.isClosed());
+}
+
+TEST_F(ServerTest, AHalfSentRequestHoldsNoPlace) {
     run(std::chrono::seconds(10), 2);
     const RawClient first(path());
     const RawClient second(path());
-    ASSERT_TRUE(first.isGreeted());
-    ASSERT_TRUE(second.isGreeted());
-    const RawClient third(path());
-    EXPECT_TRUE(third.isClosed());
-    ASSERT_TRUE(first.sendFrame(healthFrame(1)));
-    EXPECT_EQ(first.receiveReply().code, VEX_OK);
+    for (const RawClient* client : {&first, &second}) {
+        ASSERT_TRUE(client->isGreeted());
+        ASSERT_TRUE(client->send({20, 0, 0}));
+    }
+    EXPECT_TRUE(serves());
 }
 
 TEST_F(ServerTest, SearchesEndWithTheProcesssLastConnection) {

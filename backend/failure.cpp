@@ -1,9 +1,12 @@
 #include "backend/failure.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "backend/log.h"
 #include "vex/vex.h"
@@ -37,6 +40,15 @@ struct AgentError {
 
     const char* textOrNone() const { return text ? text.get() : "<No Message>"; }
 };
+
+// Whether clients know it: the codes of RFC 4511 and what extensions have added.
+bool isResultCode(int code) {
+    static constexpr std::pair<int, int> kRanges[] = {{0, 8},   {10, 14},   {16, 21},    {32, 36},
+                                                      {47, 54}, {60, 61},   {64, 71},    {76, 76},
+                                                      {80, 80}, {113, 123}, {4096, 4096}};
+    return std::any_of(std::begin(kRanges), std::end(kRanges),
+                       [code](const auto& range) { return code >= range.first && code <= range.second; });
+}
 
 // What the client is told: a result code and a text of limited length.
 class Diagnosis {
@@ -108,7 +120,8 @@ class Diagnosis {
         if (error.system != VEX_ERR_LDAP) return LDAP_OTHER;
         SlapReply reply{};
         reply.sr_err = error.code;
-        return slap_map_api2result(&reply);
+        const int result = slap_map_api2result(&reply);
+        return isResultCode(result) ? result : LDAP_OTHER;
     }
 
     const int m_size;

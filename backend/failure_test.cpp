@@ -118,16 +118,24 @@ TEST_P(ProtocolErrorTest, MapsToAResult) {
                              ", errCode=" + std::to_string(one.code) + ", errString=as the directory says");
 }
 
-INSTANTIATE_TEST_SUITE_P(ErrorSystems, ProtocolErrorTest,
-                         testing::Values(ProtocolErrorCase{2, LDAP_SERVER_DOWN, LDAP_UNAVAILABLE},
-                                         ProtocolErrorCase{2, LDAP_TIMEOUT, LDAP_UNAVAILABLE},
-                                         ProtocolErrorCase{2, LDAP_CONNECT_ERROR, LDAP_UNAVAILABLE},
-                                         ProtocolErrorCase{2, LDAP_LOCAL_ERROR, LDAP_OTHER},
-                                         ProtocolErrorCase{2, LDAP_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT},
-                                         ProtocolErrorCase{2, 0, LDAP_SUCCESS},  // as slapd maps it
-                                         ProtocolErrorCase{1, LDAP_SERVER_DOWN, LDAP_OTHER},
-                                         ProtocolErrorCase{3, 32, LDAP_OTHER},
-                                         ProtocolErrorCase{4, 32, LDAP_OTHER}));
+INSTANTIATE_TEST_SUITE_P(
+    ErrorSystems, ProtocolErrorTest,
+    testing::Values(ProtocolErrorCase{2, LDAP_SERVER_DOWN, LDAP_UNAVAILABLE},
+                    ProtocolErrorCase{2, LDAP_TIMEOUT, LDAP_UNAVAILABLE},
+                    ProtocolErrorCase{2, LDAP_CONNECT_ERROR, LDAP_UNAVAILABLE},
+                    ProtocolErrorCase{2, LDAP_LOCAL_ERROR, LDAP_OTHER},
+                    ProtocolErrorCase{2, LDAP_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT},
+                    ProtocolErrorCase{2, 0, LDAP_SUCCESS},  // as slapd maps it
+                    ProtocolErrorCase{2, LDAP_ADMINLIMIT_EXCEEDED, LDAP_ADMINLIMIT_EXCEEDED},
+                    ProtocolErrorCase{2, LDAP_X_PROXY_AUTHZ_FAILURE, LDAP_X_PROXY_AUTHZ_FAILURE},
+                    ProtocolErrorCase{2, 9, LDAP_OTHER}, ProtocolErrorCase{2, 15, LDAP_OTHER},
+                    ProtocolErrorCase{2, 72, LDAP_OTHER}, ProtocolErrorCase{2, 81, LDAP_OTHER},
+                    ProtocolErrorCase{2, 2592, LDAP_OTHER}, ProtocolErrorCase{2, 50331680, LDAP_OTHER},
+                    ProtocolErrorCase{2, 2147483647, LDAP_OTHER},
+                    ProtocolErrorCase{2, -2147483647 - 1, LDAP_OTHER},
+                    ProtocolErrorCase{2, -4711, LDAP_OTHER},
+                    ProtocolErrorCase{1, LDAP_SERVER_DOWN, LDAP_OTHER}, ProtocolErrorCase{3, 32, LDAP_OTHER},
+                    ProtocolErrorCase{4, 32, LDAP_OTHER}));
 
 TEST_F(FailureTest, AProtocolErrorThatCannotBeReadForABrokenSessionIsUnavailable) {
     standin::answer("vexGetLastProtocolError", 6);
