@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "vorn/attribute_name.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -24,6 +25,32 @@ constexpr std::array<std::string_view, 18> kExact = {
     "nisNetgroupTriple", "memberNisNetgroup", "nisMapEntry",
     "ipServiceProtocol", "bootFile",          "supplementalCredentials"};
 
+// Values that are no text.
+constexpr std::array<std::string_view, 24> kBinary = {"objectGUID",
+                                                      "objectSid",
+                                                      "sIDHistory",
+                                                      "jpegPhoto",
+                                                      "photo",
+                                                      "thumbnailPhoto",
+                                                      "thumbnailLogo",
+                                                      "audio",
+                                                      "userCertificate",
+                                                      "userCert",
+                                                      "userSMIMECertificate",
+                                                      "userPKCS12",
+                                                      "cACertificate",
+                                                      "certificateRevocationList",
+                                                      "authorityRevocationList",
+                                                      "crossCertificatePair",
+                                                      "logonHours",
+                                                      "userParameters",
+                                                      "unicodePwd",
+                                                      "unixUserPassword",
+                                                      "userPassword",
+                                                      "nTSecurityDescriptor",
+                                                      "supplementalCredentials",
+                                                      "msDS-ManagedPassword"};
+
 bool holds(std::span<const std::string_view> list, std::string_view name) {
     return std::any_of(list.begin(), list.end(),
                        [name](std::string_view other) { return vorn::equalsIgnoreCase(other, name); });
@@ -41,6 +68,12 @@ std::span<const std::string_view> exactAttributes() {
 
 bool isIntegerAttribute(std::string_view attribute) {
     return holds(kIntegers, attribute);
+}
+
+bool isBinaryAttribute(std::string_view attribute) {
+    const std::string_view bare = vorn::withoutOptions(attribute);
+    return holds(kBinary, bare) ||
+           vorn::lower(attribute.substr(bare.size())).find(";binary") != std::string::npos;
 }
 
 bool ignoresCase(std::string_view attribute) {

@@ -13,6 +13,10 @@ bool isIntegerAttribute(std::string_view attribute);
 // Not so the object's own DN, which is no text.
 bool ignoresCase(std::string_view attribute);
 
+// Whether the attribute's values are bytes of any kind, by its name or its ";binary".
+// All others are text.
+bool isBinaryAttribute(std::string_view attribute);
+
 // Those that are compared as numbers, and those that are compared byte by byte.
 std::span<const std::string_view> integerAttributes();
 std::span<const std::string_view> exactAttributes();

@@ -117,7 +117,10 @@ void buildIfMissing(const Config& config) {
     const FolderLock lock(config.database);
     if (exists(config.database)) return;
     AGENT_LOG(vorn::Logger::kInfo, "building %s from %s", config.database.c_str(), config.ldif.c_str());
-    buildDatabase(config.database, config.ldif, vorn::DN::dnFromDomain(config.domain));
+    std::vector<std::string> complaints;
+    buildDatabase(config.database, config.ldif, vorn::DN::dnFromDomain(config.domain), complaints);
+    for (const std::string& complaint : complaints)
+        AGENT_LOG(vorn::Logger::kWarning, "%s", complaint.c_str());
 }
 
 // The file stays behind when the database is built, with all that is in it.

@@ -18,7 +18,8 @@ class DatabaseReads : public testing::Test {
     DatabaseReads() {
         const std::string people =
             person("Ann", "ann", 1) + person("Ben", "ben", 2) + person("Eve", "eve", 3);
-        buildDatabase(file(), m_folder.write("directory.ldif", units() + people), kRoot);
+        std::vector<std::string> complaints;
+        buildDatabase(file(), m_folder.write("directory.ldif", units() + people), kRoot, complaints);
         m_database.emplace(file());
     }
 

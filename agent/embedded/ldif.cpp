@@ -12,9 +12,11 @@
 #include <optional>
 #include <sstream>
 
+#include "agent/attributes.h"
 #include "agent/embedded/kinds.h"
 #include "agent/identifiers.h"
 #include "vorn/strings.h"
+#include "vorn/utf8.h"
 
 namespace vexagent {
 namespace {
@@ -167,6 +169,18 @@ void checkWhole(const Chunk& chunk, const ldb_message* message) {
     if (countValues(chunk.text) != read) throw DatabaseError("malformed LDIF");
 }
 
+// Names the values that are to be text and are not.
+void checkTexts(const ldb_message* message, const std::function<void(const std::string&)>& complain) {
+    for (unsigned i = 0; i < message->num_elements; ++i) {
+        const ldb_message_element& element = message->elements[i];
+        if (isBinaryAttribute(element.name)) continue;
+        for (unsigned k = 0; k < element.num_values; ++k)
+            if (!vorn::isUtf8(bytesOf(element.values[k])))
+                complain(ldb_dn_get_linearized(message->dn) + std::string(": ") + element.name +
+                         ": a value is not UTF-8, and is not shown");
+    }
+}
+
 void addRecord(ldb_context* ldb, const Chunk& chunk, const std::function<void(ldb_message*)>& complete) {
     const char* text = chunk.text.c_str();
     ldb_ldif* record = ldb_ldif_read_string(ldb, &text);
@@ -200,17 +214,22 @@ void addSchema(ldb_context* ldb) {
     }
 }
 
-void addEntries(ldb_context* ldb, const std::string& ldifPath, const std::string& domainDn) {
+void addEntries(ldb_context* ldb, const std::string& ldifPath, const std::string& domainDn,
+                std::vector<std::string>& complaints) {
     errno = 0;
     std::ifstream file(ldifPath);
     if (!file) throw DatabaseError(ldifPath + ": " + std::strerror(errno != 0 ? errno : EIO));
     Chunks chunks(file);
     Chunk chunk;
     while (chunks.next(chunk)) {
+        const std::string place = ldifPath + ":" + std::to_string(chunk.line) + ": ";
         try {
-            addRecord(ldb, chunk, [&](ldb_message* message) { completeEntry(ldb, message, domainDn); });
+            addRecord(ldb, chunk, [&](ldb_message* message) {
+                completeEntry(ldb, message, domainDn);
+                checkTexts(message, [&](const std::string& text) { complaints.push_back(place + text); });
+            });
         } catch (const DatabaseError& error) {
-            throw DatabaseError(ldifPath + ":" + std::to_string(chunk.line) + ": " + error.what());
+            throw DatabaseError(place + error.what());
         }
     }
     if (file.bad()) throw DatabaseError(ldifPath + ": cannot be read");
@@ -244,12 +263,13 @@ class Unfinished {
 
 }  // namespace
 
-void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn) {
+void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn,
+                   std::vector<std::string>& complaints) {
     Unfinished file(path);
     {
         const LdbContext ldb = openLdb(file.path(), true);
         inTransaction(ldb.get(), [&] { addSchema(ldb.get()); });
-        inTransaction(ldb.get(), [&] { addEntries(ldb.get(), ldifPath, domainDn); });
+        inTransaction(ldb.get(), [&] { addEntries(ldb.get(), ldifPath, domainDn, complaints); });
     }
     file.moveTo(path);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "agent/embedded/database.h"
 
@@ -17,7 +18,11 @@ namespace vexagent {
 // the attribute of the RDN. objectGUID and objectSid may be given as text. DNs in
 // member, manager and memberOf are stored in one spelling. The order of
 // entries does not matter, and an entry's parent need not be there.
-void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn);
+//
+// A value of a text attribute that is not UTF-8 is loaded, but clients will not see it:
+// complaints gets "FILE:LINE: DN: ATTRIBUTE: reason" for each.
+void buildDatabase(const std::string& path, const std::string& ldifPath, const std::string& domainDn,
+                   std::vector<std::string>& complaints);
 
 // Whether the file holds passwords' hashes and somebody else than its owner may read it.
 bool showsHashes(const std::string& ldifPath);

@@ -16,8 +16,9 @@ using ::testing::ElementsAre;
 std::string loadError(const std::string& ldif) {
     const TemporaryFolder folder;
     const std::string file = folder.write("in.ldif", ldif);
+    std::vector<std::string> complaints;
     try {
-        buildDatabase(folder.file("out.ldb"), file, kRoot);
+        buildDatabase(folder.file("out.ldb"), file, kRoot, complaints);
     } catch (const DatabaseError& error) {
         EXPECT_FALSE(std::filesystem::exists(folder.file("out.ldb")));
         EXPECT_FALSE(std::filesystem::exists(folder.file("out.ldb.new")));
@@ -60,10 +61,26 @@ TEST(LdifLoad, FailuresNameTheRecordsLineAndLeaveNothing) {
     for (const auto& [ldif, expected] : cases) EXPECT_EQ(loadError(ldif), expected) << ldif;
 }
 
+TEST(LdifLoad, TextsThatAreNotUtf8AreNamed) {
+    const TemporaryFolder folder;
+    const std::string latin = "SvxyZ2Vu";  // "J", 0xFC, "rgen" in base64
+    const std::string file = folder.write(
+        "in.ldif",
+        "dn: CN=a,DC=x\nobjectClass: user\ndescription: J\xc3\xbcrgen\n\n"
+        "dn: CN=b,DC=x\nobjectClass: user\ndescription: fine\ndescription:: " +
+            latin + "\ntitle: J\xfcrgen\nthumbnailPhoto:: " + latin + "\nx-own;binary:: " + latin + "\n");
+    std::vector<std::string> complaints;
+    buildDatabase(folder.file("out.ldb"), file, kRoot, complaints);
+    EXPECT_THAT(complaints,
+                ElementsAre(file + ":5: CN=b,DC=x: description: a value is not UTF-8, and is not shown",
+                            file + ":5: CN=b,DC=x: title: a value is not UTF-8, and is not shown"));
+}
+
 TEST(LdifLoad, AMissingFileIsNamed) {
     const TemporaryFolder folder;
+    std::vector<std::string> complaints;
     try {
-        buildDatabase(folder.file("out.ldb"), folder.file("none.ldif"), kRoot);
+        buildDatabase(folder.file("out.ldb"), folder.file("none.ldif"), kRoot, complaints);
         FAIL();
     } catch (const DatabaseError& error) {
         EXPECT_EQ(error.what(), folder.file("none.ldif") + ": No such file or directory");
@@ -126,7 +143,8 @@ TEST(LdifLoad, HashesThatOthersCanReadAreSeen) {
 TEST(LdifLoad, DoesNotReplaceAFile) {
     const TemporaryFolder folder;
     const std::string file = folder.write("out.ldb", "precious");
-    EXPECT_THROW(buildDatabase(file, folder.write("in.ldif", units()), kRoot), DatabaseError);
+    std::vector<std::string> complaints;
+    EXPECT_THROW(buildDatabase(file, folder.write("in.ldif", units()), kRoot, complaints), DatabaseError);
     std::string content;
     std::getline(std::ifstream(file) >> std::ws, content);
     EXPECT_EQ(content, "precious");

@@ -54,7 +54,8 @@ inline std::time_t testClock() {
 class TestDirectory {
   public:
     explicit TestDirectory(const std::string& ldif) {
-        buildDatabase(database(), m_folder.write("directory.ldif", ldif), kRoot);
+        std::vector<std::string> complaints;
+        buildDatabase(database(), m_folder.write("directory.ldif", ldif), kRoot, complaints);
         m_directory = std::make_unique<EmbeddedDirectory>(
             EmbeddedOptions{database(), kDomain, {"sAMAccountName", "uid", "displayName"}, testClock});
     }
