@@ -2,12 +2,12 @@
 
 #include <grp.h>
 
-#include <charconv>
 #include <optional>
 #include <sstream>
 
 #include "agent/ad/sockets.h"
 #include "vorn/dn.h"
+#include "vorn/numbers.h"
 #include "vorn/settings.h"
 
 namespace vexagent {
@@ -28,11 +28,11 @@ class Reader {
 
     int number(const vorn::Setting& setting, int least, int most) const {
         const std::string value = text(setting);
-        int result = 0;
-        if (!parse(value, 10, result) || result < least || result > most)
+        const auto result = vorn::parseNumber<int>(value);
+        if (!result || *result < least || *result > most)
             fail(setting, "is \"" + value + "\", not a number from " + std::to_string(least) + " to " +
                               std::to_string(most));
-        return result;
+        return *result;
     }
 
     bool flag(const vorn::Setting& setting) const {
@@ -43,10 +43,9 @@ class Reader {
 
     unsigned mode(const vorn::Setting& setting) const {
         const std::string value = text(setting);
-        int result = 0;
-        if (!parse(value, 8, result) || result < 0 || result > 0777)
-            fail(setting, "is \"" + value + "\", not an octal mode such as 0660");
-        return static_cast<unsigned>(result);
+        const auto result = vorn::parseNumber<unsigned>(value, 8);
+        if (!result || *result > 0777) fail(setting, "is \"" + value + "\", not an octal mode such as 0660");
+        return *result;
     }
 
     std::string socketPath(const vorn::Setting& setting) const {
@@ -72,11 +71,6 @@ class Reader {
     }
 
   private:
-    static bool parse(const std::string& value, int base, int& result) {
-        const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), result, base);
-        return error == std::errc() && end == value.data() + value.size();
-    }
-
     const vorn::Properties& m_settings;
     const std::string m_file;
 };

@@ -3,13 +3,13 @@
 #include <ldap.h>
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
 
 #include "agent/attributes.h"
 #include "agent/categories.h"
 #include "agent/identifiers.h"
 #include "vorn/attribute_name.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -17,13 +17,6 @@ namespace {
 
 bool is(std::string_view name, std::string_view other) {
     return vorn::equalsIgnoreCase(name, other);
-}
-
-std::optional<long long> toNumber(std::string_view text) {
-    long long number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return number;
 }
 
 const char* newText(void* pool, const std::string& text) {
@@ -110,7 +103,7 @@ class Rewriting {
 
     // In plain decimal: LDB would take a leading zero for octal.
     Selection rewriteNumber(ldb_val& value) {
-        const std::optional<long long> number = toNumber(bytesOf(value));
+        const auto number = vorn::parseNumber<long long>(bytesOf(value));
         if (!number) return Selection::Nothing;
         value = newValue(m_pool, std::to_string(*number));
         return Selection::Some;
@@ -168,8 +161,7 @@ bool namesAttributes(const ParseTree* tree) {
         case LDB_OP_NOT:
             return namesAttributes(tree->u.isnot.child);
         case LDB_OP_EXTENDED:
-            if (const char* rule = tree->u.extended.rule_id;
-                rule != nullptr && !vorn::isAttributeName(rule))
+            if (const char* rule = tree->u.extended.rule_id; rule != nullptr && !vorn::isAttributeName(rule))
                 return false;
             [[fallthrough]];
         default:

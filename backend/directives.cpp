@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -70,9 +71,12 @@ bool setInteger(std::int64_t* setting, const char* value, std::int32_t least) {
 }
 
 bool setReal(float* setting, const char* value) {
-    const auto number = static_cast<float>(std::strtod(value, nullptr));
-    if (!(number > 0)) return false;
-    *setting = number;
+    const double number = std::strtod(value, nullptr);
+    // What a float cannot hold is infinite: converting it would have no defined result.
+    const double most = std::numeric_limits<float>::max();
+    const float real = number > most ? std::numeric_limits<float>::infinity() : static_cast<float>(number);
+    if (!(real > 0)) return false;
+    *setting = real;
     return true;
 }
 

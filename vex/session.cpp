@@ -1,7 +1,6 @@
 #include "vex/session.h"
 
-#include <charconv>
-
+#include "vorn/numbers.h"
 #include "vorn/settings.h"
 
 namespace vex {
@@ -10,11 +9,9 @@ namespace {
 // A time that is no number of seconds from 1 to a day is as good as not set.
 Milliseconds timeoutFrom(const std::string& text) {
     constexpr int kLongest = 24 * 60 * 60;
-    int seconds = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, seconds);
-    const bool isGood = error == std::errc() && stop == end && seconds >= 1 && seconds <= kLongest;
-    return std::chrono::seconds(isGood ? seconds : VEX_DEADLINE_SECONDS);
+    const auto seconds = vorn::parseNumber<int>(text);
+    const bool isGood = seconds && *seconds >= 1 && *seconds <= kLongest;
+    return std::chrono::seconds(isGood ? *seconds : VEX_DEADLINE_SECONDS);
 }
 
 }  // namespace

@@ -4,24 +4,20 @@
 #include <spdlog/sinks/sink.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdio>
 #include <optional>
 #include <system_error>
 
 #include "vorn/logger.h"
+#include "vorn/numbers.h"
 #include "vorn/settings.h"
 
 namespace vorn {
 namespace {
 
 std::optional<int> parseLevel(std::string_view text) {
-    int level = 0;
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, level);
-    if (error != std::errc() || rest != end) return std::nullopt;
-    if (level < Logger::kTrace || level > Logger::kNothing) return std::nullopt;
-    return level;
+    const auto level = parseNumber<int>(text);
+    return level && *level >= Logger::kTrace && *level <= Logger::kNothing ? level : std::nullopt;
 }
 
 void report(const std::string& line) {

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 
 #include "agent/categories.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -66,13 +66,6 @@ ParseTree* notNode(void* pool, ParseTree* child) {
 
 std::string_view valueOf(const ParseTree* tree) {
     return bytesOf(tree->u.equality.value);
-}
-
-std::optional<std::uint32_t> number(std::string_view text) {
-    std::uint32_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
 }
 
 ParseTree* without(void* pool, const char* attribute, std::vector<ParseTree*> all) {
@@ -155,7 +148,7 @@ std::optional<Selection> rewriteIdAssertion(void* pool, ParseTree*& tree, const 
         any.push_back(newEquality(pool, "objectCategory", "person"));
         if (is(name, "gidNumber")) any.push_back(newEquality(pool, "objectCategory", "group"));
     } else if (tree->operation == LDB_OP_EQUALITY) {
-        const auto id = number(valueOf(tree));
+        const auto id = vorn::parseNumber<std::uint32_t>(valueOf(tree));
         const std::string sid = id ? ids.sidOf(*id) : std::string();
         if (sid.empty()) return std::nullopt;
         for (ParseTree* holder : holdersOf(pool, attribute, sid, *id - *ids.first())) any.push_back(holder);

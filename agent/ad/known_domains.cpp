@@ -1,10 +1,10 @@
 #include "agent/ad/known_domains.h"
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
 
 #include "vorn/dn.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -13,14 +13,6 @@ namespace {
 constexpr int kDomainPartition = 0x1 | 0x2;  // of systemFlags: in this forest, and a domain
 constexpr int kTheyTrustUs = 0x1;            // of trustDirection
 constexpr int kWithControllers = 2;          // of trustType; others are realms and old servers
-
-// Nothing for text that is no number.
-std::optional<int> number(std::string_view text) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
 
 // What may stand in a name that DNS is asked for.
 bool isNameByte(char c) {
@@ -45,15 +37,17 @@ void KnownDomains::addPartition(const Entry& partition) {
     // Domains have a short name; flags that are there must say the same.
     if (partition.first("nETBIOSName").empty()) return;
     const std::string_view flags = partition.first("systemFlags");
-    if (!flags.empty() && (number(flags).value_or(0) & kDomainPartition) != kDomainPartition) return;
+    if (!flags.empty() && (vorn::parseNumber<int>(flags).value_or(0) & kDomainPartition) != kDomainPartition)
+        return;
     const std::string root(partition.first("nCName"));
     const std::string name = vorn::DN::domainFromDN(root);
     if (vorn::equalsIgnoreCase(vorn::DN::dnFromDomain(name), root)) add(name);
 }
 
 void KnownDomains::addTrust(const Entry& trust) {
-    const bool letsUsIn = (number(trust.first("trustDirection")).value_or(0) & kTheyTrustUs) != 0;
-    if (letsUsIn && number(trust.first("trustType")) == kWithControllers)
+    const bool letsUsIn =
+        (vorn::parseNumber<int>(trust.first("trustDirection")).value_or(0) & kTheyTrustUs) != 0;
+    if (letsUsIn && vorn::parseNumber<int>(trust.first("trustType")) == kWithControllers)
         add(std::string(trust.first("trustPartner")));
 }
 

@@ -1,7 +1,6 @@
 #include "agent/ad/members.h"
 
 #include <algorithm>
-#include <charconv>
 #include <set>
 #include <unordered_set>
 
@@ -9,6 +8,7 @@
 #include "agent/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/dn.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -287,11 +287,9 @@ class GroupWalk {
 
     void addPerson(const Entry& person) {
         addParents(person);
-        std::uint32_t rid = 0;
-        const std::string_view primary = person.first("primaryGroupID");
-        std::from_chars(primary.data(), primary.data() + primary.size(), rid);
-        std::string sid = sidWithRid(person.first("objectSid"), rid);
-        if (rid != 0 && !sid.empty()) m_sids.push_back(std::move(sid));
+        const auto rid = vorn::parseNumber<std::uint32_t>(person.first("primaryGroupID"));
+        std::string sid = sidWithRid(person.first("objectSid"), rid.value_or(0));
+        if (rid.value_or(0) != 0 && !sid.empty()) m_sids.push_back(std::move(sid));
     }
 
     LdapStatus run(std::vector<std::string>& guids) {

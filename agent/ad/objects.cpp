@@ -1,11 +1,11 @@
 #include "agent/ad/objects.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "agent/categories.h"
 #include "agent/identifiers.h"
 #include "vex/vex.h"
+#include "vorn/numbers.h"
 #include "vorn/secret_names.h"
 #include "vorn/strings.h"
 
@@ -55,10 +55,8 @@ Made makeIds(const Entry& entry, const std::string& category, const Ids& ids) {
     const std::optional<std::uint32_t> own = ids.idOf(entry.first("objectSid"));
     if (person && entry.first("uidNumber").empty()) made.uidNumber = own;
     if (entry.first("gidNumber").empty()) {
-        std::uint32_t rid = 0;
-        const std::string_view group = entry.first("primaryGroupID");
-        std::from_chars(group.data(), group.data() + group.size(), rid);
-        made.gidNumber = person ? ids.idOf(ids.sidWith(rid)) : own;
+        const auto rid = vorn::parseNumber<std::uint32_t>(entry.first("primaryGroupID"));
+        made.gidNumber = person ? ids.idOf(ids.sidWith(rid.value_or(0))) : own;
     }
     if (person && entry.first("unixHomeDirectory").empty() && own)
         made.home = ids.homeOf(std::string(entry.first("sAMAccountName")));
@@ -181,10 +179,9 @@ bool parseRange(const std::string& text, RangedName& ranged) {
     ranged.next = 0;
     const std::string_view last = range.substr(dash + 1);
     if (last == "*") return true;
-    std::size_t end = 0;
-    const auto [stop, error] = std::from_chars(last.data(), last.data() + last.size(), end);
-    if (error != std::errc() || stop != last.data() + last.size() || end > kMostValues) return false;
-    ranged.next = end + 1;
+    const auto end = vorn::parseNumber<std::size_t>(last);
+    if (!end || *end > kMostValues) return false;
+    ranged.next = *end + 1;
     return true;
 }
 

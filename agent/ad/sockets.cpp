@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <charconv>
 #include <condition_variable>
 #include <cstring>
 #include <map>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "vorn/numbers.h"
 #include "vorn/signals_blocked.h"
 
 namespace vexagent {
@@ -191,8 +191,9 @@ bool parsePeer(const std::string& text, std::uint16_t port, Peer& peer) {
     }
     if (host.empty() || host.find_first_of(" \t/@") != std::string::npos) return false;
     if (!number.empty()) {
-        const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), port);
-        if (error != std::errc() || end != number.data() + number.size() || port == 0) return false;
+        const auto given = vorn::parseNumber<std::uint16_t>(number);
+        if (!given || *given == 0) return false;
+        port = *given;
     }
     peer = {host, port};
     return true;

@@ -1,13 +1,13 @@
 #include "agent/embedded/zone.h"
 
 #include <algorithm>
-#include <charconv>
 #include <set>
 #include <unordered_set>
 
 #include "agent/embedded/kinds.h"
 #include "agent/identifiers.h"
 #include "vex/vex.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -99,11 +99,9 @@ class Groups {
 
     void addPerson(const ldb_message* person) {
         m_pending.push_back(spelledDn(person->dn));
-        std::uint32_t rid = 0;
-        const std::string_view primary = firstValue(person, "primaryGroupID");
-        std::from_chars(primary.data(), primary.data() + primary.size(), rid);
-        const std::string sid = sidWithRid(firstValue(person, "objectSid"), rid);
-        if (rid != 0 && !sid.empty()) addHolders("objectSid", sid);
+        const auto rid = vorn::parseNumber<std::uint32_t>(firstValue(person, "primaryGroupID"));
+        const std::string sid = sidWithRid(firstValue(person, "objectSid"), rid.value_or(0));
+        if (rid.value_or(0) != 0 && !sid.empty()) addHolders("objectSid", sid);
     }
 
     std::vector<std::string> walk() {
