@@ -130,6 +130,23 @@ TEST_F(LoggerTest, EachLevelHasItsName) {
     }
 }
 
+TEST_F(LoggerTest, WhatIsPutIntoARecordWritesNoOther) {
+    configureWithFile("log.level = 0\nlog.syslog.level = 0\n");
+    say("vexagent", Logger::kWarning, "cn=a\n2026-11-22 error vexagent forged\xff");
+    EXPECT_EQ(records(), 1);
+    EXPECT_NE(logged().find("cn=a\\0A2026-11-22 error vexagent forged\\FF\n"), std::string::npos);
+    const auto syslog = takeSyslog();
+    ASSERT_EQ(syslog.size(), 1U);
+    EXPECT_EQ(syslog[0].second.find('\n'), std::string::npos);
+}
+
+TEST_F(LoggerTest, ATextThatIsMadeAlreadyStandsAsItIs) {
+    configureWithFile("log.level = 0\n");
+    const LogSource source = {"search", 92, "JPrintf"};
+    Logger::GetThreadPrivateLogger("dirgate")->write(Logger::kInfo, source, "a %s\nb");
+    EXPECT_NE(logged().find("JPrintf a %s\nb\n"), std::string::npos);
+}
+
 TEST_F(LoggerTest, NothingIsCut) {
     configureWithFile("log.level = 0\n");
     const std::string text(5000, 'x');
