@@ -30,12 +30,14 @@ std::vector<Controllers::Choice> Controllers::order(Moment now) const {
     std::vector<const State*> states;
     for (const State& state : m_states) states.push_back(&state);
     const auto isDue = [now](const State& state) { return state.failures == 0 || state.retry <= now; };
+    const auto isLate = [now](const State& state) { return now < state.lateUntil; };
     std::stable_sort(states.begin(), states.end(), [&](const State* a, const State* b) {
         if (isDue(*a) != isDue(*b)) return isDue(*a);
         if (!isDue(*a)) return a->retry < b->retry;
         // One that has failed waits for a trial apart from the requests, as long as
         // another is there.
         if ((a->failures == 0) != (b->failures == 0)) return a->failures == 0;
+        if (isLate(*a) != isLate(*b)) return isLate(*b);
         if (a->controller.rank != b->controller.rank) return a->controller.rank < b->controller.rank;
         return a->controller.peer == m_current && b->controller.peer != m_current;
     });
@@ -50,6 +52,7 @@ void Controllers::succeeded(const Peer& peer) {
     State* state = find(peer);
     if (state == nullptr) return;
     state->failures = 0;
+    state->lateUntil = {};
     // A trial of one that is no better does not take the place of the one in use.
     const State* current = find(m_current);
     if (current != nullptr && current->failures == 0 && current->controller.rank <= state->controller.rank)
@@ -61,7 +64,10 @@ bool Controllers::failed(const Peer& peer, Moment now, const std::string& reason
                          std::optional<Moment> waitedSince) {
     const std::lock_guard lock(m_mutex);
     State* state = find(peer);
-    if (state != nullptr && waitedSince && state->answered >= *waitedSince) return false;
+    if (state != nullptr && waitedSince && state->answered >= *waitedSince) {
+        state->lateUntil = now + kLateTime;
+        return false;
+    }
     m_reason = reason;
     if (state == nullptr) return true;
     // Requests that fail together count once.

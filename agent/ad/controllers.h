@@ -49,8 +49,8 @@ class Controllers {
     // What came of asking one.
     void succeeded(const Peer& peer);
     // waitedSince is set where it was only waited for in vain, by a request that began
-    // then. That is no failure of one that has answered anybody since: false, and
-    // nothing is changed.
+    // then. That is no failure of one that has answered anybody since: false, and for a
+    // while others like it are asked before it.
     bool failed(const Peer& peer, Moment now, const std::string& reason,
                 std::optional<Moment> waitedSince = std::nullopt);
 
@@ -71,13 +71,15 @@ class Controllers {
 
     static constexpr milliseconds kFirstDelay{1000};
     static constexpr milliseconds kLongestDelay{120'000};
+    static constexpr milliseconds kLateTime{60'000};  // for which one that was late comes after others
 
   private:
     struct State {
         Controller controller;
-        int failures = 0;  // in a row
-        Moment retry{};    // when it is due again
-        Moment answered{};
+        int failures = 0;    // in a row
+        Moment retry{};      // when it is due again
+        Moment answered{};   // last
+        Moment lateUntil{};  // until when others come first
     };
     const State* find(const Peer& peer) const;
     State* find(const Peer& peer);

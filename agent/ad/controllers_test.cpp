@@ -47,7 +47,7 @@ TEST_F(ControllersTest, OneThatHasAnsweredSinceARequestBeganIsNotAtFaultForBeing
     m_controllers.answered(kOne, Moment{});  // told late of an earlier one
     m_now += milliseconds(8000);
     EXPECT_FALSE(m_controllers.failed(kOne, m_now, "no answer in time", begin));
-    EXPECT_THAT(order(), ElementsAre("one", "two"));
+    EXPECT_FALSE(m_controllers.allDown(m_now));
     EXPECT_EQ(m_controllers.lastReason(), "");
     // A request that began after that answer; and one that was cut off.
     EXPECT_TRUE(m_controllers.failed(kOne, m_now, "no answer in time", begin + milliseconds(101)));
@@ -56,6 +56,28 @@ TEST_F(ControllersTest, OneThatHasAnsweredSinceARequestBeganIsNotAtFaultForBeing
     EXPECT_TRUE(m_controllers.failed(kTwo, m_now, "reset by peer"));
     EXPECT_TRUE(m_controllers.allDown(m_now));
     EXPECT_TRUE(m_controllers.failed(kFar, m_now, "nobody's", begin));  // that is no more among them
+}
+
+// It may be that it answers everything but what it is there for.
+TEST_F(ControllersTest, OneThatWasLateComesAfterOthersForAWhile) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}, {kFar, 1}});
+    m_controllers.succeeded(kOne);
+    const auto late = [this](const Peer& peer) {
+        m_controllers.answered(peer, m_now);
+        EXPECT_FALSE(m_controllers.failed(peer, m_now, "no answer in time", m_now));
+    };
+    late(kOne);
+    EXPECT_THAT(order(), ElementsAre("two", "far", "one"));
+    m_now += Controllers::kLateTime - milliseconds(1);
+    EXPECT_THAT(order(), ElementsAre("two", "far", "one"));
+    m_now += milliseconds(1);
+    EXPECT_THAT(order(), ElementsAre("one", "two", "far"));
+    late(kOne);
+    m_controllers.succeeded(kOne);  // with another request
+    EXPECT_THAT(order(), ElementsAre("one", "two", "far"));
+    for (const Peer& peer : {kOne, kTwo, kFar}) late(peer);
+    EXPECT_THAT(order(), ElementsAre("one", "two", "far"));
+    EXPECT_FALSE(m_controllers.allDown(m_now));
 }
 
 TEST_F(ControllersTest, WhenOneHasAnsweredIsKnownForEach) {

@@ -265,6 +265,18 @@ def test_a_slow_search_is_not_asked_of_another_peer_while_the_first_lives(served
     assert len(search(connection, LOOK_UP, ["uid"])) == 1
 
 
+def test_a_peer_that_answers_all_but_the_searches_is_not_asked_first_again(served):
+    """It is there, so that nobody takes it for one that has failed."""
+    connection, made, _ = served(2, ad__timeout=TIMEOUT)
+    assert len(search(connection, LOOK_UP, ["uid"])) == 1
+    for _ in range(2):
+        made[0].fault(Stall(0), lambda request: request.scope == 2)
+    with pytest.raises(ldap.TIMELIMIT_EXCEEDED):
+        search(connection, LOOK_UP, ["uid"])
+    assert len(search(connection, LOOK_UP, ["uid"])) == 1
+    assert len(made[0].faults) == 1
+
+
 @pytest.mark.parametrize("hung", ["at first", "later"])
 def test_a_handshake_that_hangs(served, hung):
     connection, [peer], agent = served(ad__timeout=TIMEOUT)
