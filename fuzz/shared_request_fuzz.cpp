@@ -26,9 +26,10 @@ class CountingDirectory : public FakeDirectory {
         count({&domain, &dn}, view);
         return {};
     }
-    Result authenticate(const std::string& user, const std::string& password, LoginOptions) override {
+    Verdict authenticate(const std::string& user, const std::string& password,
+                         LoginOptions options) override {
         count({&user, &password}, {});
-        return {};
+        return FakeDirectory::authenticate(user, password, options);
     }
 
   private:
