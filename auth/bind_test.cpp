@@ -341,6 +341,51 @@ TEST_F(Bind, CountsAndWritesItsStatistics) {
                           "1, success from vexagent average time: 25ms, auth failed: 3\n"));
 }
 
+// A gateway whose binds are all first ones tells of them, too.
+TEST_F(Bind, WritesItsStatisticsAfterABindThatTheAgentAnswered) {
+    gLogInterval = 60;
+    standin::user("CN=bob,DC=x", "secret");
+    bind(kDn, "secret");
+    theTime = 1060;
+    standin::CapturedStderr captured;
+    slap_debug = 1;
+    bind("CN=bob,DC=x", "secret");
+    EXPECT_THAT(
+        captured.text(),
+        HasSubstr("creation success\nauth total: 2, success from cache: 0, success from vexagent: 2, "));
+}
+
+// From before the session is opened until it is closed; what it takes to remember the
+// password is not the agent's.
+TEST_F(Bind, MeasuresTheAgentFromOpeningToClosing) {
+    gLogInterval = 60;
+    delete back_vex_creds;
+    back_vex_creds = new CredManager([] {
+        theMicroseconds += 1'000'000;
+        return theTime;
+    });
+    lutilFaults().onHash = [] { theMicroseconds += 2'000'000; };
+    for (const char* call : {"vexSessionOpen", "vexSessionClose"}) {
+        standin::onCall(call, [] { theMicroseconds += 10'000; });
+    }
+    bind(kDn, "secret");
+    EXPECT_EQ(statistics.counters().averageMilliseconds, 20u);
+}
+
+TEST_F(Bind, AllowsCachedAuthenticationAlsoWhereItCannotBePreferred) {
+    standin::answer("vexSetOption", VEX_NOT_SUPPORTED);
+    EXPECT_EQ(bind(kDn, "secret"), 0);
+    EXPECT_THAT(standin::requests(), Contains("vexSetOption(session1, 256, 1)"));
+    EXPECT_THAT(standin::requests(), Contains("vexSetOption(session1, 4096, 1)"));
+}
+
+TEST_F(Bind, AnEmptyDnIsADnLikeAnyOther) {
+    standin::user("", "secret");
+    EXPECT_EQ(bind("", "secret"), 0);
+    EXPECT_EQ(bind("", "secret"), 0);
+    EXPECT_THAT(standin::requests(), IsEmpty()) << "the second is answered from the cache";
+}
+
 TEST_F(Bind, WithoutAnIntervalNothingIsCountedButThePeriodStarts) {
     statistics.setCounters({5, 5, 5, 5});
     bind(kDn, "secret");

@@ -116,63 +116,63 @@ void CredManager::addCreds(unsigned long connection, const std::string& dn, cons
     t_bind_info& made = fresh[dn];
     made.credential =
         std::make_unique<Credential>(Credential{dn, std::move(hash), std::move(salt), m_clock()});
-    made.uses[connection] = 0;
+    made.holders = std::make_shared<Holders>();
     Order place{nullptr};
 
     const vorn::WriterLock guard(m_lock);
-    point(connection, dn);
-    install(&fresh, &place);
+    Connection& user = pointed(connection, dn);
+    count(user, install(&fresh, &place));
+    while (m_binds.size() > static_cast<std::size_t>(gCredMax)) forget(m_binds.find(*m_order.front()));
     JPrintf("vex bind : Cache credential for '%s' creation success", dn.c_str());
 }
 
-// Takes over what was made of one DN for one connection, and counts the bind. All that
-// takes memory has been made by now: nothing here can fail halfway. What is replaced
-// is left to the caller's, and destroyed with it.
-void CredManager::install(Binds* fresh, Order* place) {
+// Takes over what was made of one DN. All that takes memory has been made by now: nothing
+// here can fail halfway. What is replaced is left to the caller, and destroyed with the
+// rest.
+CredManager::t_bind_info& CredManager::install(Binds* fresh, Order* place) {
     const auto made = fresh->begin();
-    const unsigned long connection = made->second.uses.begin()->first;
-    auto bind = m_binds.find(made->first);
-    if (bind == m_binds.end()) {
-        bind = m_binds.insert(fresh->extract(made)).position;
-        place->front() = &bind->first;
-        bind->second.place = place->begin();
-        m_order.splice(m_order.end(), *place);
-    } else {
-        bind->second.credential.swap(made->second.credential);
-        bind->second.uses.merge(made->second.uses);
-        touch(bind->second);
+    const auto present = m_binds.find(made->first);
+    if (present != m_binds.end()) {
+        present->second.credential.swap(made->second.credential);
+        return present->second;
     }
-    ++bind->second.uses.find(connection)->second;
-    while (m_binds.size() > static_cast<std::size_t>(gCredMax)) forget(m_binds.find(*m_order.front()));
+    const auto bind = m_binds.insert(fresh->extract(made)).position;
+    place->front() = &bind->first;
+    bind->second.place = place->begin();
+    m_order.splice(m_order.end(), *place);
+    return bind->second;
 }
 
 void CredManager::addConnID(unsigned long connection, const std::string& dn) {
     if (dn.empty()) return;
     const vorn::WriterLock guard(m_lock);
-    point(connection, dn);
-    const auto bind = m_binds.find(dn);
-    if (bind == m_binds.end()) return;
-    ++bind->second.uses[connection];
-    touch(bind->second);
+    Connection& user = pointed(connection, dn);
+    if (const auto bind = m_binds.find(dn); bind != m_binds.end()) count(user, bind->second);
 }
 
-// Notes the DN that the connection binds with now. Changes nothing when memory runs out.
-void CredManager::point(unsigned long connection, const std::string& dn) {
-    std::string& last = m_connections.try_emplace(connection, dn).first->second;
-    if (last == dn) return;
-    std::string name = dn;
-    leave(last, connection);
-    last.swap(name);
+// The connection's record, with the DN as its last. When memory runs out, nothing has
+// changed. Its binds with another DN stay with that for good: should it come back, there
+// is one more for its end to take.
+CredManager::Connection& CredManager::pointed(unsigned long connection, const std::string& dn) {
+    Connection& user = m_connections.try_emplace(connection, dn).first->second;
+    if (user.dn == dn) return user;
+    user.dn = dn;
+    if (user.holders != nullptr) {
+        user.holders->forGood = true;
+        --user.holders->connections;
+        user.holders.reset();
+    }
+    return user;
 }
 
-// The connection does not come back for what it used of this DN: should it bind with
-// it again, then that use is what its end takes back.
-void CredManager::leave(const std::string& dn, unsigned long connection) {
-    const auto bind = m_binds.find(dn);
-    if (bind != m_binds.end() && bind->second.uses.erase(connection) > 0) bind->second.kept = true;
-}
-
-void CredManager::touch(t_bind_info& bind) {
+// Counts one bind of the connection, whose last DN is the credential's.
+void CredManager::count(Connection& user, const t_bind_info& bind) {
+    if (user.holders != bind.holders) {
+        user.holders = bind.holders;
+        user.binds = 0;
+        ++bind.holders->connections;
+    }
+    ++user.binds;
     m_order.splice(m_order.end(), m_order, bind.place);
 }
 
@@ -181,19 +181,20 @@ void CredManager::forget(Binds::iterator bind) {
     m_binds.erase(bind);
 }
 
-// A connection that bound several times has several uses and takes back one of them,
-// of its last DN: the others keep their credentials until the end.
+// A connection that bound several times takes back one bind, of its last DN: the others
+// keep their credentials until the end.
 void CredManager::delCreds(unsigned long connection) {
     const vorn::WriterLock guard(m_lock);
     const auto closed = m_connections.find(connection);
     if (closed == m_connections.end()) return;
-    if (const auto bind = m_binds.find(closed->second); bind != m_binds.end()) {
-        t_bind_info& info = bind->second;
-        if (const auto use = info.uses.find(connection); use != info.uses.end()) {
-            info.kept = info.kept || use->second > 1;
-            info.uses.erase(use);
-        }
-        if (info.uses.empty() && !info.kept) forget(bind);
+    const Connection& user = closed->second;
+    if (user.holders != nullptr) {
+        Holders& holders = *user.holders;
+        --holders.connections;
+        if (user.binds > 1) holders.forGood = true;
+        const auto bind = m_binds.find(user.dn);
+        const bool isTheirs = bind != m_binds.end() && bind->second.holders == user.holders;
+        if (isTheirs && holders.connections == 0 && !holders.forGood) forget(bind);
     }
     m_connections.erase(closed);
 }

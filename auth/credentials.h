@@ -47,34 +47,42 @@ class CredManager {
 
   private:
     struct Credential;
-    using Uses = std::map<unsigned long, std::uint64_t>;
     using Order = std::list<const std::string*>;
 
-    // A DN's credential, and who holds it: each bind is one use, a connection that
-    // closes takes back one of those of the DN that it bound with last, and what is
-    // left of uses then keeps the credential. So a use that no closing can take back
-    // any more is as good as one that was never counted: it is kept as a flag.
+    // Who holds a DN's credential. Each bind is one element; a connection that closes takes
+    // back one of those of the DN that it bound with last, and what is left of elements then
+    // keeps the credential. So of a connection that is open the number counts, and what no
+    // closing can take back any more is as good as one element of nobody's.
+    struct Holders {
+        std::size_t connections = 0;  // whose last DN it is
+        bool forGood = false;
+    };
     struct t_bind_info {
         std::unique_ptr<Credential> credential;  // never null
-        Uses uses;                               // by connection; of those whose last DN this is
-        bool kept = false;                       // uses are left for good
+        std::shared_ptr<Holders> holders;        // never null
         Order::iterator place;                   // in m_order
     };
+    struct Connection {
+        explicit Connection(const std::string& name) : dn(name) {}
+        std::string dn;                    // the one last bound with
+        std::shared_ptr<Holders> holders;  // of the credential that its binds count for; may be null,
+        std::uint64_t binds = 0;           // or of one that is gone
+    };
     using Binds = std::map<std::string, t_bind_info, std::less<>>;
+    using Connections = std::map<unsigned long, Connection>;
 
     bool vouches(const Credential& credential, const char* dn, const char* password) const;
 
     // All below are called with the write lock held.
-    void point(unsigned long connection, const std::string& dn);
-    void leave(const std::string& dn, unsigned long connection);
-    void touch(t_bind_info& bind);
-    void install(Binds* fresh, Order* place);
+    Connection& pointed(unsigned long connection, const std::string& dn);
+    t_bind_info& install(Binds* fresh, Order* place);
+    void count(Connection& connection, const t_bind_info& bind);
     void forget(Binds::iterator bind);
 
     const vorn::Clock m_clock;
-    Binds m_binds;                                       // by DN, as bytes; guarded by m_lock
-    std::map<unsigned long, std::string> m_connections;  // the DN last bound with; guarded by m_lock
-    Order m_order;  // the DNs of m_binds, least recently used first; the same
+    Binds m_binds;              // by DN, as bytes; guarded by m_lock
+    Connections m_connections;  // guarded by m_lock
+    Order m_order;              // the DNs of m_binds, the least recently used first; guarded by m_lock
     vorn::ReaderWriterLock m_lock;
 };
 

@@ -398,6 +398,39 @@ TEST_F(Credentials, ClearingForgetsConnectionsToo) {
     EXPECT_EQ(creds.doCacheAuth(kDn, "secret"), 1000);
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep books of their own
+TEST_F(Credentials, ClearingReleasesWhatConnectionsTake) {
+    const std::size_t before = mallinfo2().uordblks;
+    for (unsigned long connection = 1; connection <= 1000; ++connection) creds.addConnID(connection, kDn);
+    EXPECT_GT(mallinfo2().uordblks, before + 10'000);
+    creds.clearCreds();
+    EXPECT_LE(mallinfo2().uordblks, before + 1000);
+}
+#endif
+
+// Hashing takes longest: nobody waits for another's. What a thread's own lock would keep
+// it from ends the process.
+TEST_F(Credentials, WhileOneIsCheckedOthersAre) {
+    creds.addCreds(1, kDn, "secret");
+    creds.addCreds(2, "CN=bob,DC=x", "other");
+    std::time_t bob = 0;
+    lutilFaults().onHash = [&] { bob = creds.doCacheAuth("CN=bob,DC=x", "other"); };
+    EXPECT_EQ(creds.doCacheAuth(kDn, "secret"), 1000);
+    EXPECT_EQ(bob, 1000);
+}
+
+TEST_F(Credentials, WhileOneIsMadeOthersAreCheckedAndMade) {
+    creds.addCreds(2, "CN=bob,DC=x", "other");
+    std::time_t bob = 0;
+    lutilFaults().onHash = [&] {
+        bob = creds.doCacheAuth("CN=bob,DC=x", "other");
+        creds.addCreds(3, "CN=cid,DC=x", "third");
+    };
+    creds.addCreds(1, kDn, "secret");
+    EXPECT_EQ(bob, 1000);
+    EXPECT_EQ(creds.doCacheAuth("CN=cid,DC=x", "third"), 1000);
+}
+
 TEST_F(Credentials, ShreddersHoldMoveAndForget) {
     for (const char* text : {"", "short", "longer than any short-string buffer is"}) {
         Shredder first{std::string_view(text)};

@@ -1,6 +1,7 @@
 #include "auth/lutil_faults.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "backend/slapd.h"
 
@@ -26,6 +27,7 @@ int __wrap_lutil_entropy(unsigned char* bytes, ber_len_t size) {
 int __wrap_lutil_passwd_hash(const berval* secret, const char* scheme, berval* hash, const char** text) {
     LutilFaults& faults = lutilFaults();
     if (faults.record) faults.hashed.emplace_back(secret->bv_val, secret->bv_len);
+    if (faults.onHash) std::exchange(faults.onHash, nullptr)();
     if (faults.hashFails) return -1;
     return __real_lutil_passwd_hash(secret, scheme, hash, text);
 }

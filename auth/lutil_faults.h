@@ -2,6 +2,7 @@
 // linked so that the calls come here first.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@ struct LutilFaults {
     bool hashFails = false;
     bool record = false;
     std::vector<std::string> hashed;  // with record: the texts that were hashed
+    std::function<void()> onHash;     // runs while something is hashed
 };
 
 // The process's one; tests that use threads leave it alone.
