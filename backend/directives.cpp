@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -80,6 +82,23 @@ bool setReal(float* setting, const char* value) {
     return true;
 }
 
+// A number of bytes, in units of 1,024 and its powers where a letter says so. The word
+// is read whole: where other numbers are read in a lax way, a slip here would cost a
+// machine its memory.
+bool setBytes(std::uint64_t* setting, std::string_view word) {
+    static constexpr std::string_view kUnits = "KMG";
+    const std::size_t unit =
+        word.empty() ? std::string_view::npos : kUnits.find(vorn::upper(word.substr(word.size() - 1)));
+    const unsigned shift = unit == std::string_view::npos ? 0 : 10 * (static_cast<unsigned>(unit) + 1);
+    if (shift != 0) word.remove_suffix(1);
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+    if (error != std::errc() || end != word.data() + word.size()) return false;
+    if (number > std::numeric_limits<std::uint64_t>::max() >> shift) return false;
+    *setting = number << shift;
+    return true;
+}
+
 struct Boolean {
     bool* setting;
     bool operator()(const char* value) const { return setBoolean(setting, value); }
@@ -94,9 +113,14 @@ struct Real {
     bool operator()(const char* value) const { return setReal(setting, value); }
 };
 
+struct Bytes {
+    std::uint64_t* setting;
+    bool operator()(const char* value) const { return setBytes(setting, value); }
+};
+
 struct Directive {
     const char* name;
-    std::variant<Boolean, Integer, Real> set;
+    std::variant<Boolean, Integer, Real, Bytes> set;
 };
 
 const std::array kDirectives = {
@@ -105,6 +129,7 @@ const std::array kDirectives = {
     Directive{"dirgate.cache.enabled", Boolean{&gCacheEnabled}},
     Directive{"dirgate.cache.max.lists", Integer{&gCacheMaxLists, 1}},
     Directive{"dirgate.cache.max.objects", Integer{&gCacheMaxObjects, 1}},
+    Directive{"dirgate.cache.max.bytes", Bytes{&gCacheMaxBytes}},
     Directive{"dirgate.cache.ttl", Integer{&gCacheTTL, 1}},
     Directive{"dirgate.cache.negative.ttl", Integer{&gCacheNegTTL, 1}},
     Directive{"dirgate.cache.hash.loadfactor", Real{&gCacheHashLoadFactor}},

@@ -40,6 +40,7 @@ struct Settings {
     std::int64_t maxLists = gCacheMaxLists, maxObjects = gCacheMaxObjects, ttl = gCacheTTL;
     std::int64_t negTtl = gCacheNegTTL, credExpire = gCredExpire, credMax = gCredMax,
                  logInterval = gLogInterval;
+    std::uint64_t maxBytes = gCacheMaxBytes;
     float loadFactor = gCacheHashLoadFactor;
     vorn::Properties* map = gTranslationMap;
 
@@ -48,6 +49,7 @@ struct Settings {
         gPreferCacheAuth = preferCache, gPagedCritical = pagedCritical, gSearchReportErrors = reportErrors;
         gCacheMaxLists = maxLists, gCacheMaxObjects = maxObjects, gCacheTTL = ttl;
         gCacheNegTTL = negTtl, gCredExpire = credExpire, gCredMax = credMax, gLogInterval = logInterval;
+        gCacheMaxBytes = maxBytes;
         gCacheHashLoadFactor = loadFactor;
         gTranslationMap = map;
     }
@@ -90,6 +92,7 @@ TEST(SettingsTest, HaveTheirDefaultsBeforeAnyDirective) {
     EXPECT_FALSE(gCacheEnabled);
     EXPECT_EQ(gCacheMaxLists, 100);
     EXPECT_EQ(gCacheMaxObjects, 3000);
+    EXPECT_EQ(gCacheMaxBytes, std::uint64_t{256} << 20);
     EXPECT_EQ(gCacheTTL, 3600);
     EXPECT_EQ(gCacheNegTTL, 300);
     EXPECT_EQ(gCredExpire, 300);
@@ -203,6 +206,40 @@ TEST_F(DirectivesTest, TheLoadFactorIsAPositiveSinglePrecisionNumber) {
                   std::string("dirgate ERROR: slapd.conf: line 7: dirgate.cache.hash.loadfactor's value '") +
                       word + "' is invalid.\n");
         EXPECT_EQ(gCacheHashLoadFactor, 0.75F);
+    }
+}
+
+TEST_F(DirectivesTest, TheMostBytesAreANumberWithAUnitAndNothingElse) {
+    constexpr std::uint64_t kOne = 1;
+    const struct {
+        const char* word;
+        std::uint64_t bytes;
+    } good[] = {
+        {"0", 0},
+        {"1", 1},
+        {"010", 10},
+        {"4294967296", kOne << 32},
+        {"18446744073709551615", ~std::uint64_t{0}},
+        {"0K", 0},
+        {"3K", 3 << 10},
+        {"3k", 3 << 10},
+        {"256M", 256 << 20},
+        {"5m", 5 << 20},
+        {"8G", kOne << 33},
+        {"17179869183g", (~std::uint64_t{0} >> 30) << 30},
+    };
+    for (const auto& one : good) {
+        gCacheMaxBytes = 77;
+        EXPECT_EQ(configure({"dirgate.cache.max.bytes", one.word}), 0) << one.word;
+        EXPECT_EQ(gCacheMaxBytes, one.bytes) << one.word;
+    }
+    gCacheMaxBytes = 77;
+    for (const char* word : {"", "K", "-1", "+1", " 1", "1 ", "1.5G", "1T", "1KB", "1MM", "0x10", "many",
+                             "1e6", "18446744073709551616", "17179869184G", "36893488147419103232"}) {
+        EXPECT_EQ(complaint({"dirgate.cache.max.bytes", word}),
+                  std::string("dirgate ERROR: slapd.conf: line 7: dirgate.cache.max.bytes's value '") + word +
+                      "' is invalid.\n");
+        EXPECT_EQ(gCacheMaxBytes, 77U) << word;
     }
 }
 

@@ -3,6 +3,7 @@
 bool gCacheEnabled = false;
 std::int64_t gCacheMaxLists = 100;
 std::int64_t gCacheMaxObjects = 3000;
+std::uint64_t gCacheMaxBytes = 256 << 20;
 std::int64_t gCacheTTL = 3600;
 std::int64_t gCacheNegTTL = 300;
 float gCacheHashLoadFactor = 1.3F;

@@ -12,6 +12,7 @@
 extern bool gCacheEnabled;             // search cache on or off
 extern std::int64_t gCacheMaxLists;    // largest number of cached result lists
 extern std::int64_t gCacheMaxObjects;  // largest number of cached objects
+extern std::uint64_t gCacheMaxBytes;   // largest number of bytes that the search cache holds; 0: any
 extern std::int64_t gCacheTTL;         // seconds that a cached result lives
 extern std::int64_t gCacheNegTTL;      // seconds that a cached empty result lives
 extern float gCacheHashLoadFactor;     // maximum load factor of the cache's tables

@@ -5,8 +5,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "cache/testing.h"
 
@@ -14,6 +16,16 @@ namespace cachetest {
 namespace {
 
 const std::string kRule(62, '-');
+
+template <typename Condition>
+bool becomesTrue(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
 
 // Each dump goes to a new folder that goes with the test.
 class Dump : public CacheTest {
@@ -224,6 +236,66 @@ TEST_F(Dump, LogsAFailureAndGoesOn) {
     EXPECT_EQ(get("g"), "ann");
 }
 
+TEST_F(Dump, TellsLocalTimes) {
+    setenv("TZ", "XST-3:30", 1);  // three and a half hours ahead
+    tzset();
+    startHere({.ttl = 60});
+    m_cache->putList("key", guids({"g"}));
+    m_cache->dumpCache();
+    m_path = m_folder + "/out_2024-03-05-17-37-09";
+    EXPECT_THAT(dumped(), testing::HasSubstr("Cache expiry time: Tue Mar  5 17:38:09 2024\n"));
+}
+
+// What comes while the dump holds its lock: the dump's look at the clock is the place.
+std::function<void()> atTheDump;
+std::time_t dumpsClock() {
+    if (const auto action = std::exchange(atTheDump, nullptr)) action();
+    return now;
+}
+
+TEST_F(Dump, LetsOthersRead) {
+    start({}, {dumpsClock, sleepOn, m_folder + "/out_"});
+    m_cache->putList("key", guids({}));
+    bool expired = true;
+    // Under a lock of its own that is not shared, this would end the process.
+    atTheDump = [&] { expired = m_cache->negativeExpired("key"); };
+    m_cache->dumpCache();
+    EXPECT_FALSE(expired);
+    EXPECT_EQ(files(), 1U);
+}
+
+// A look-up counts, and may remove: it asks for the write lock, which a thread that
+// reads must not do twice.
+using DumpDeath = Dump;
+TEST_F(DumpDeath, KeepsLookUpsWaiting) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto duringADump = [&](const std::function<void()>& action) {
+        start({}, {dumpsClock, sleepOn, m_folder + "/out_"});
+        m_cache->putList("key", guids({"g"}));
+        atTheDump = action;
+        m_cache->dumpCache();
+    };
+    EXPECT_DEATH(duringADump([&] { list("key"); }), "");
+    EXPECT_DEATH(duringADump([&] { get("g"); }), "");
+}
+
+TEST_F(Dump, SaysThatItStartsBeforeItWaits) {
+    const standin::CapturedLog log;
+    start({}, {dumpsClock, sleepOn, m_folder + "/out_"});
+    std::thread dump;
+    bool said = false;
+    atTheDump = [&] {  // while a list is stored
+        dump = std::thread([&] { m_cache->dumpCache(); });
+        said = becomesTrue([&] {
+            return log.count("Starting to dump memory cache setting, statistics and entire content...") == 1;
+        });
+    };
+    m_cache->putList("key", guids({"g"}));
+    dump.join();
+    EXPECT_TRUE(said);
+    EXPECT_EQ(files(), 1U);
+}
+
 // The watcher, with a sleep that tells how often it slept.
 std::atomic<int> rounds = 0;
 std::atomic<bool> halfASecond = true;
@@ -231,16 +303,6 @@ void countedSleep(long seconds, long milliseconds, long microseconds, long nanos
     if (seconds != 0 || milliseconds != 500 || microseconds != 0 || nanoseconds != 0) halfASecond = false;
     ++rounds;
     vorn::Thread::sleep(0, 1, 0, 0);
-}
-
-template <typename Condition>
-bool becomesTrue(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 // The kernel keeps 15 characters of a thread's name.

@@ -5,6 +5,17 @@
 #include "cache/search_cache.h"
 #include "vorn/strings.h"
 
+namespace {
+
+std::size_t bytesOf(const GuidList& guids) {
+    std::size_t bytes =
+        heapBytes(kSharedRecord + sizeof guids) + heapBytes(guids.capacity() * sizeof guids.front());
+    for (const std::string& guid : guids) bytes += heapBytes(guid);
+    return bytes;
+}
+
+}  // namespace
+
 // Here and below: what an operation removes is destroyed after its lock is
 // released, so the trash is declared before the lock's guard. An object's last
 // share may take a while to free, and an attachment's deleter may take locks of
@@ -15,12 +26,11 @@ std::string SearchCacheManager::listKey(const std::string& filter, const std::st
 }
 
 int SearchCacheManager::getList(const std::string& key, std::shared_ptr<GuidList>& out) {
-    ListTable::Trash lists;
-    ObjTable::Trash objects;
+    Trash trash;
     const vorn::ReaderLock guard(m_lock);
     m_lock.upgradeToWriterLock();  // every lookup counts, and some remove
     if (!m_enabled) return kMiss;
-    return lookUpList(key, out, &lists, &objects);
+    return lookUpList(key, out, &trash);
 }
 
 int SearchCacheManager::getList(const std::string& filter, const std::string& baseDn, int scope,
@@ -28,8 +38,7 @@ int SearchCacheManager::getList(const std::string& filter, const std::string& ba
     return getList(listKey(filter, baseDn, scope), out);
 }
 
-int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidList>& out,
-                                   ListTable::Trash* lists, ObjTable::Trash* objects) {
+int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidList>& out, Trash* trash) {
     const ListTable::Node* node = m_listCache.find(key);
     if (node == nullptr) {
         ++m_misses;
@@ -47,20 +56,19 @@ int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidL
         ++m_hits;
         return kHit;
     }
-    expireList(*node, now, lists, objects);
+    expireList(*node, now, trash);
     ++m_expires;
     return kMiss;
 }
 
 // Takes along those of the list's own objects that have expired too: nobody else
 // is as likely to look for them.
-void SearchCacheManager::expireList(const ListTable::Node& list, std::time_t now, ListTable::Trash* lists,
-                                    ObjTable::Trash* objects) {
+void SearchCacheManager::expireList(const ListTable::Node& list, std::time_t now, Trash* trash) {
     for (const std::string& guid : *list.value.guidList) {
         const ObjTable::Node* object = m_objCache.find(guid);
-        if (object != nullptr && now > object->value.expiryTime) m_objCache.erase(guid, objects);
+        if (object != nullptr && now > object->value.expiryTime) m_objCache.erase(guid, &trash->objects);
     }
-    m_listCache.erase(list.key, lists);
+    m_listCache.erase(list.key, &trash->lists);
 }
 
 bool SearchCacheManager::negativeExpired(const std::string& key) {
@@ -72,16 +80,32 @@ bool SearchCacheManager::negativeExpired(const std::string& key) {
 
 void SearchCacheManager::putList(const std::string& key, std::shared_ptr<GuidList> guids) {
     {
-        ListTable::Trash trash;
+        Trash trash;
         const vorn::WriterLock guard(m_lock);
         if (!m_enabled) return;
+        if (!mayKeep(key, *guids)) {
+            ++m_refused;
+            return;
+        }
         // Before any look at the key: storing a known key again in a full table
         // makes room too.
-        if (m_listCache.size() >= m_maxLists) overFlowListCache(&trash);
-        const unsigned long lifetime = guids->empty() ? m_negTtl : m_ttl;
-        m_listCache.insert(key, {std::move(guids), expiryAfter(lifetime)});
+        if (m_listCache.size() >= m_maxLists) overFlowListCache(&trash.lists);
+        store(key, std::move(guids), &trash);
     }
     JPrintf("Put GUID list to cache successfully.");
+}
+
+bool SearchCacheManager::mayKeep(std::string_view key, const GuidList& guids) const {
+    return key.size() <= kMaxKeyBytes && (guids.size() <= kLongList || guids.size() <= m_maxObjects);
+}
+
+void SearchCacheManager::store(const std::string& key, std::shared_ptr<GuidList> guids, Trash* trash) {
+    if (m_listCache.find(key) != nullptr) return;
+    const std::size_t bytes = bytesOf(*guids);
+    const unsigned long lifetime = guids->empty() ? m_negTtl : m_ttl;
+    if (!makeRoomForBytes(ListTable::entryBytes(key, bytes), trash)) return;
+    const auto kept = m_listCache.insert(key, {std::move(guids), expiryAfter(lifetime)}, bytes);
+    if (kept.first == nullptr) ++m_refused;
 }
 
 void SearchCacheManager::putList(const std::string& filter, const std::string& baseDn, int scope,

@@ -1,7 +1,17 @@
 // The object cache: clones of the agent's objects by GUID.
+#include <cstring>
 #include <utility>
 
 #include "cache/search_cache.h"
+
+namespace {
+
+// A handle and the buffer that it shares.
+std::size_t bytesOf(const vexObject* object) {
+    return heapBytes(sizeof(void*)) + heapBytes(vexGetObjectSize(object));
+}
+
+}  // namespace
 
 int SearchCacheManager::getObj(const std::string& guid, vexObject** out) {
     CachedObject cached;
@@ -36,12 +46,19 @@ int SearchCacheManager::getObj(const std::string& guid, CachedObject* out) {
 }
 
 void SearchCacheManager::putObj(const char* guid, const vexObject* object) {
-    ObjTable::Trash trash;
+    Trash trash;
     const vorn::WriterLock guard(m_lock);
-    if (!m_enabled || !makeRoomForObj(guid, &trash)) return;
+    if (!m_enabled || !makeRoomForObj(guid, &trash.objects)) return;
     vex::UniqueObject clone(ChmCloneObject(object));
     if (clone == nullptr) return;
-    m_objCache.insert(guid, {std::move(clone), expiryAfter(m_ttl), nullptr});
+    const std::size_t bytes = bytesOf(object);
+    if (std::strlen(guid) > kMaxKeyBytes) {
+        ++m_refused;
+        return;
+    }
+    if (!makeRoomForBytes(ObjTable::entryBytes(guid, bytes), &trash)) return;
+    const auto kept = m_objCache.insert(guid, {std::move(clone), expiryAfter(m_ttl), nullptr}, bytes);
+    if (kept.first == nullptr) ++m_refused;
 }
 
 // Whether the GUID is without an entry now; a live one is never replaced. A full
@@ -56,12 +73,16 @@ bool SearchCacheManager::makeRoomForObj(const char* guid, ObjTable::Trash* trash
 }
 
 void SearchCacheManager::setAttachment(const std::string& guid, std::uint64_t serial,
-                                       CacheAttachment attachment) {
+                                       CacheAttachment attachment, std::size_t bytes) {
+    Trash trash;
     // The attachment that makes way goes out through the argument, which outlives
     // the lock's guard.
     const vorn::WriterLock guard(m_lock);
-    ObjTable::Node* node = m_objCache.find(guid);
-    if (node != nullptr && node->serial == serial) node->value.attachment.swap(attachment);
+    if (!makeRoomForBytes(bytes, &trash)) return;
+    ObjTable::Node* node = m_objCache.find(guid);  // only now: it may have made room
+    if (node == nullptr || node->serial != serial) return;
+    node->value.attachment.swap(attachment);
+    m_objCache.setBytesElsewhere(node, bytesOf(node->value.object.get()) + bytes);
 }
 
 void SearchCacheManager::overFlowObjCache(ObjTable::Trash* trash) {

@@ -104,7 +104,7 @@ class Attachments : public CacheTest {
   protected:
     CacheAttachment attach(const std::string& guid, std::uint64_t serial) {
         const auto attachment = std::make_shared<const int>(0);
-        m_cache->setAttachment(guid, serial, attachment);
+        m_cache->setAttachment(guid, serial, attachment, 0);
         return attachment;
     }
     CachedObject hit(const std::string& guid) {
@@ -141,7 +141,7 @@ TEST_F(Attachments, GiveWayToNewerOnes) {
     const auto second = attach("g", hit("g").serial);
     EXPECT_TRUE(first.expired());
     EXPECT_EQ(hit("g").attachment, second);
-    m_cache->setAttachment("g", hit("g").serial, nullptr);
+    m_cache->setAttachment("g", hit("g").serial, nullptr, 0);
     EXPECT_EQ(hit("g").attachment, nullptr);
 }
 
@@ -208,12 +208,29 @@ TEST_F(Attachments, AreFreedWithoutTheCachesLock) {
         ++calls;
         EXPECT_EQ(get("absent"), "miss");  // would not return inside of the lock
     };
-    m_cache->setAttachment("g", hit("g").serial, std::shared_ptr<const int>(new int(1), deleter));
+    m_cache->setAttachment("g", hit("g").serial, std::shared_ptr<const int>(new int(1), deleter), 0);
     put("h", "bob");  // eviction
     EXPECT_EQ(calls, 1);
-    m_cache->setAttachment("h", hit("h").serial, std::shared_ptr<const int>(new int(1), deleter));
-    m_cache->setAttachment("h", hit("h").serial, nullptr);
+    m_cache->setAttachment("h", hit("h").serial, std::shared_ptr<const int>(new int(1), deleter), 0);
+    m_cache->setAttachment("h", hit("h").serial, nullptr, 0);
     EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Objects, AnExpiredOneIsGoneEvenWhenItsSuccessorCannotBeCloned) {
+    start({.ttl = 10});
+    put("g", "ann");
+    now += 11;
+    standin::answer("ChmCloneObject", 3);
+    put("g", "bob");
+    EXPECT_EQ(get("g"), "miss");
+    EXPECT_EQ(counts(), "0 0 1 0 0 0") << "a miss, and nothing that expired";
+}
+
+TEST_F(Objects, AStoreIntoAFullTableIsCountedEvenWhenNothingCanMakeRoom) {
+    start({.maxObjects = 0});
+    put("g", "ann");
+    EXPECT_EQ(get("g"), "ann");
+    EXPECT_EQ(counts(), "1 0 0 0 1 0");
 }
 
 }  // namespace

@@ -3,12 +3,17 @@
 #include <cmath>
 #include <csignal>
 #include <limits>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 #include "backend/log.h"
 #include "vorn/strings.h"
 
 namespace {
+
+// No entry is larger: the tables count an entry's bytes in 32 bits.
+constexpr std::size_t kMostBytesOfAnEntry = 1U << 30;
 
 // The division is done in single precision: the bucket counts are part of what
 // operators see in the log.
@@ -45,13 +50,13 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
     m_negTtl = negTtl;
     m_loadFactor = loadFactor;
     m_logInterval = logInterval;
-    m_enabled = enabled;
+    const bool works = enabled && makeTables();
+    m_enabled = works;
     m_initialized = true;
-    if (!enabled) return;
+    if (!works) return;
 
     m_nextLogTime = expiryAfter(logInterval);
     m_hits = m_negHits = m_misses = m_expires = m_overflows = m_cloneErrs = 0;
-    sizeTables();
     startWatcher();
     JPrintf(
         "Init memory cache successfully. max lists: %u, max objects: %u, ttl: %u, negative ttl: %u, "
@@ -61,19 +66,65 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
         static_cast<unsigned>(m_listCache.bucketCount()), static_cast<unsigned>(m_objCache.bucketCount()));
 }
 
-void SearchCacheManager::sizeTables() {
+// Searches are answered without a cache, too: one that cannot be had is no failure of
+// the search that happens to be the first.
+bool SearchCacheManager::makeTables() try {
     // Written so that a NaN is refused too.
     if (!(m_loadFactor > 0)) vorn::assertionFailed("loadFactor > 0");
+    const auto bytes = [this](unsigned long entries) {
+        return ListTable::bucketBytes(primeBuckets(bucketRequest(entries, m_loadFactor)));
+    };
+    if (m_maxBytes != 0 && bytes(m_maxLists) + bytes(m_maxObjects) > m_maxBytes) throw std::bad_alloc();
+    sizeTables();
+    return true;
+} catch (const std::bad_alloc&) {
+    JError(
+        "The memory cache stays off: no room for its tables. max lists: %lu, max objects: %lu, load factor: "
+        "%g, max bytes: %llu",
+        m_maxLists, m_maxObjects, static_cast<double>(m_loadFactor),
+        static_cast<unsigned long long>(m_maxBytes));
+    return false;
+}
+
+void SearchCacheManager::sizeTables() {
     m_listCache.setMaxLoadFactor(m_loadFactor);
     m_listCache.requestBuckets(bucketRequest(m_maxLists, m_loadFactor));
     m_objCache.setMaxLoadFactor(m_loadFactor);
-    m_objCache.requestBuckets(bucketRequest(m_maxObjects, m_loadFactor));
+    try {
+        m_objCache.requestBuckets(bucketRequest(m_maxObjects, m_loadFactor));
+    } catch (const std::bad_alloc&) {
+        m_listCache.requestBuckets(0);  // of no use alone
+        throw;
+    }
 }
 
 void SearchCacheManager::startWatcher() {
     vorn::ConfigSignalHandler(SIGUSR1, SigHandleDumpCache);
     m_checkThread = std::make_unique<vorn::Thread>();
     m_checkThread->start("checkSignalThread", checkThread, this, 50);
+}
+
+void SearchCacheManager::setMaxBytes(std::uint64_t bytes) {
+    const vorn::WriterLock guard(m_lock);
+    m_maxBytes = bytes;
+}
+
+// Makes room for so many more; false when there is none for them at all. Room is made
+// in the larger table: what fills it is what there is too much of.
+bool SearchCacheManager::makeRoomForBytes(std::size_t bytes, Trash* trash) {
+    const std::size_t entries = m_listCache.bytesOfEntries() + m_objCache.bytesOfEntries();
+    if (bytes > kMostBytesOfAnEntry || (m_maxBytes != 0 && bytesHeld() - entries + bytes > m_maxBytes)) {
+        ++m_refused;
+        return false;
+    }
+    while (m_maxBytes != 0 && bytesHeld() + bytes > m_maxBytes) {
+        ++m_evictedForBytes;
+        if (m_listCache.bytesOfEntries() > m_objCache.bytesOfEntries())
+            m_listCache.evict(&trash->lists);
+        else
+            m_objCache.evict(&trash->objects);
+    }
+    return true;
 }
 
 // A lifetime too long for the clock lasts as long as the clock does.
@@ -93,7 +144,23 @@ std::string SearchCacheManager::getStatisticsInfo() {
     return statisticsLine();
 }
 
+std::string SearchCacheManager::getStateInfo() {
+    const vorn::ReaderLock guard(m_lock);
+    return "cache bytes: " + std::to_string(bytesHeld()) + ", max bytes: " + std::to_string(m_maxBytes) +
+           ", lists: " + std::to_string(m_listCache.size()) +
+           ", objects: " + std::to_string(m_objCache.size()) +
+           ", evicted for bytes: " + std::to_string(m_evictedForBytes) +
+           ", refused: " + std::to_string(m_refused);
+}
+
 std::string SearchCacheManager::statisticsLine() const {
+    // Operators' tools know where the counts wrap.
+    static_assert(std::is_same_v<decltype(m_hits), std::uint32_t> &&
+                  std::is_same_v<decltype(m_negHits), std::uint32_t> &&
+                  std::is_same_v<decltype(m_misses), std::uint32_t> &&
+                  std::is_same_v<decltype(m_expires), std::uint32_t> &&
+                  std::is_same_v<decltype(m_overflows), std::uint32_t> &&
+                  std::is_same_v<decltype(m_cloneErrs), std::uint32_t>);
     return "cache hits: " + std::to_string(m_hits) + ", negHits: " + std::to_string(m_negHits) +
            ", misses: " + std::to_string(m_misses) + ", expires: " + std::to_string(m_expires) +
            ", overflows: " + std::to_string(m_overflows) + ", cloneErrs: " + std::to_string(m_cloneErrs);

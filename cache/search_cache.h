@@ -2,9 +2,11 @@
 //
 // Two tables: lists of GUIDs by search key, and objects by GUID. Both expire
 // entries by age and make room, one entry an insertion, by a round-robin sweep
-// over their buckets, with no regard to age or use.
+// over their buckets, with no regard to age or use. Together they keep below a bound
+// of bytes: where an entry would exceed it, as many make room as it takes.
 //
 //     SearchCacheManager* cache = SearchCacheManager::GetCacheManager();
+//     cache->setMaxBytes(256 << 20);
 //     if (!cache->isInitialized()) cache->init(true, 100, 3000, 3600, 300, 0, 1.3F);
 //     std::shared_ptr<GuidList> guids;
 //     switch (cache->getList(key, guids)) { ... }
@@ -58,6 +60,9 @@ class SearchCacheManager {
     static constexpr int kNegativeHit = 1;
     static constexpr int kMiss = 2;
 
+    // Longer keys are not cached.
+    static constexpr std::size_t kMaxKeyBytes = 4096;
+
     // The process's one manager, created at the first call.
     static SearchCacheManager* GetCacheManager();
     // Deletes it, if there is one. Nobody may be using it any more.
@@ -72,9 +77,14 @@ class SearchCacheManager {
     // Applies the settings; only the first call does anything. Disabled, every
     // other operation does nothing and lookups report a miss. Enabled, sizes the
     // tables and starts the watcher that dumps the cache at SIGUSR1. A load factor
-    // that is not more than 0 ends the process.
+    // that is not more than 0 ends the process. Where memory, or the bound of bytes, has
+    // no room for the tables, the cache is disabled, and the error log says so.
     void init(bool enabled, unsigned long maxLists, unsigned long maxObjects, unsigned long ttl,
               unsigned long negTtl, unsigned long logInterval, float loadFactor);
+
+    // The bytes of the heap that the tables may take with all that is in them; 0, as it
+    // is at first: any number. Counts from the next insertion on.
+    void setMaxBytes(std::uint64_t bytes);
 
     bool isInitialized() const { return m_initialized; }
     bool isEnabled() const { return m_enabled; }
@@ -96,7 +106,10 @@ class SearchCacheManager {
     bool negativeExpired(const std::string& key);
 
     // Shares the caller's list (never null), which must not be modified afterwards.
-    // A key that is there keeps its list and its expiry.
+    // A key that is there keeps its list and its expiry. Not kept is a list of more than
+    // kLongList GUIDs when it is also longer than the most objects: it could only be
+    // answered by looking most of them up again.
+    static constexpr std::size_t kLongList = 1000;
     void putList(const std::string& key, std::shared_ptr<GuidList> guids);
     void putList(const std::string& filter, const std::string& baseDn, int scope,
                  std::shared_ptr<GuidList> guids);
@@ -117,14 +130,18 @@ class SearchCacheManager {
     // Keeps an attachment with the entry that a getObj handed out under this
     // serial, in place of the one it may have; when that entry has gone, or made
     // way for a newer one, nothing is kept. The cache lets go of the attachment
-    // together with the object.
-    void setAttachment(const std::string& guid, std::uint64_t serial, CacheAttachment attachment);
+    // together with the object. bytes: what it takes of the heap.
+    void setAttachment(const std::string& guid, std::uint64_t serial, CacheAttachment attachment,
+                       std::size_t bytes);
 
     // ---- statistics and dump
 
     // The counts as one line when it is due, at most once per log interval; else
     // empty.
     std::string getStatisticsInfo();
+
+    // What the cache holds, as one line.
+    std::string getStateInfo();
 
     // Writes settings and counts to the log, and both tables to a new file. Whoever
     // changes the cache, or counts a lookup, waits for its end.
@@ -143,21 +160,28 @@ class SearchCacheManager {
     using ListTable = CacheTable<CacheListNode>;
     using ObjTable = CacheTable<CacheObjNode>;
     struct InstanceMutex;
+    struct Trash {
+        ListTable::Trash lists;
+        ObjTable::Trash objects;
+    };
 
     // The watcher's body; manager is a SearchCacheManager. Runs until the sleep
     // ends the thread.
     static void* checkThread(void* manager);
 
     // All below are called with the lock held.
+    bool makeTables();
     void sizeTables();
     void startWatcher();
-    int lookUpList(const std::string& key, std::shared_ptr<GuidList>& out, ListTable::Trash* lists,
-                   ObjTable::Trash* objects);
-    void expireList(const ListTable::Node& list, std::time_t now, ListTable::Trash* lists,
-                    ObjTable::Trash* objects);
+    int lookUpList(const std::string& key, std::shared_ptr<GuidList>& out, Trash* trash);
+    void expireList(const ListTable::Node& list, std::time_t now, Trash* trash);
+    bool mayKeep(std::string_view key, const GuidList& guids) const;
+    void store(const std::string& key, std::shared_ptr<GuidList> guids, Trash* trash);
     void overFlowListCache(ListTable::Trash* trash);
     void overFlowObjCache(ObjTable::Trash* trash);
     bool makeRoomForObj(const char* guid, ObjTable::Trash* trash);
+    bool makeRoomForBytes(std::size_t bytes, Trash* trash);
+    std::uint64_t bytesHeld() const { return m_listCache.bytes() + m_objCache.bytes(); }
     std::time_t expiryAfter(unsigned long lifetime) const;
     std::string statisticsLine() const;
     void logSettings() const;
@@ -183,6 +207,7 @@ class SearchCacheManager {
     unsigned long m_negTtl = 300;
     std::atomic<unsigned long> m_logInterval = 0;
     float m_loadFactor = 1.3F;
+    std::uint64_t m_maxBytes = 0;
     vorn::ReaderWriterLock m_lock;  // guards all members above and below
     std::unique_ptr<vorn::Thread> m_checkThread;
     std::atomic<std::time_t> m_nextLogTime = 0;
@@ -192,6 +217,8 @@ class SearchCacheManager {
     std::uint32_t m_expires = 0;
     std::uint32_t m_overflows = 0;
     std::uint32_t m_cloneErrs = 0;
+    std::uint64_t m_evictedForBytes = 0;
+    std::uint64_t m_refused = 0;  // what was too long, too large, or one too many for its chain
     // Each table has its eviction's place inside: several managers in one process
     // (tests make them) must not move each other's.
     ObjTable m_objCache;

@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "backend/log.h"
 #include "cache/testing.h"
 
 namespace cachetest {
@@ -121,6 +122,29 @@ TEST_F(Manager, SaysHowItEnds) {
     m_cache.reset();
     EXPECT_EQ(log.count("Cleaning up signal check thread..."), 1);
     EXPECT_EQ(log.count("Finished cleaning up signal check thread"), 1);
+}
+
+// The watcher's stack is unwound when it is killed.
+struct SaysThatItEnds {
+    ~SaysThatItEnds() { JPrintf("the watcher ends"); }
+};
+void sleepAndSay(long, long, long, long) {
+    const SaysThatItEnds says;
+    watcherSleeps = true;
+    vorn::Thread::sleep(1000, 0, 0, 0);
+}
+
+TEST_F(Manager, SaysThatItHasEndedWhenItsWatcherHas) {
+    watcherSleeps = false;
+    start({}, {clock, sleepAndSay, ""});
+    waitForTheWatcher();
+    const standin::CapturedLog log;
+    m_cache.reset();
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 3U);
+    EXPECT_THAT(records[0], testing::EndsWith("Cleaning up signal check thread..."));
+    EXPECT_THAT(records[1], testing::EndsWith("the watcher ends"));
+    EXPECT_THAT(records[2], testing::EndsWith("Finished cleaning up signal check thread"));
 }
 
 using ManagerDeath = Manager;

@@ -11,6 +11,12 @@
 // runs from its newest entry to its oldest. The table grows on its own only when
 // an insertion would exceed the maximum load factor.
 //
+// A chain has an end: an entry that would be one too many for its bucket is not taken.
+// So nobody who chooses keys makes each look at his bucket a long walk.
+//
+// The table knows the bytes that it takes of the heap: its buckets and nodes and their
+// keys by itself, what a value has elsewhere as the caller tells it.
+//
 // An entry is one node that stays where it is until it is removed. What is
 // removed goes to a Trash, so that the owner chooses when the values are
 // destroyed: after a lock has been released, say. Not safe for several threads.
@@ -26,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "cache/heap.h"
 #include "cache/prime_buckets.h"
 #include "vorn/hash.h"
 
@@ -39,6 +46,7 @@ class CacheTable {
         const std::string key;
         Value value;
         const std::uint32_t hash;
+        std::uint32_t bytes = 0;     // the table's own: what the entry takes of the heap
         const std::uint64_t serial;  // counts the table's insertions from 1: never the same twice
         Node* next = nullptr;        // the table's own
     };
@@ -70,6 +78,26 @@ class CacheTable {
     bool empty() const { return m_size == 0; }
     std::size_t bucketCount() const { return m_buckets.size(); }
     float maxLoadFactor() const { return m_maxLoadFactor; }
+    std::size_t maxChain() const {
+        return std::max(kLeastMaxChain, static_cast<std::size_t>(std::min(8 * m_maxLoadFactor, 1e9F)));
+    }
+
+    // Bytes of the heap: of all, and of an entry with that key whose value has so many
+    // elsewhere.
+    std::size_t bytes() const { return m_bytes + bucketBytes(bucketCount()); }
+    std::size_t bytesOfEntries() const { return m_bytes; }
+    static std::size_t bucketBytes(std::size_t count) { return heapBytes(count * sizeof(Node*)); }
+    static std::size_t entryBytes(std::string_view key, std::size_t elsewhere) {
+        const std::size_t keyBytes = key.size() <= std::string().capacity() ? 0 : heapBytes(key.size() + 1);
+        return heapBytes(sizeof(Node)) + keyBytes + elsewhere;
+    }
+
+    // Says anew how many bytes an entry's value has elsewhere, which are less than 4 GiB.
+    void setBytesElsewhere(Node* node, std::size_t elsewhere) {
+        m_bytes -= node->bytes;
+        node->bytes = static_cast<std::uint32_t>(entryBytes(node->key, elsewhere));
+        m_bytes += node->bytes;
+    }
 
     // More than 0, and raised to 0.001. Moves nothing: the next insertion or
     // request for buckets looks at it.
@@ -90,15 +118,17 @@ class CacheTable {
     }
 
     // The entry of this key, and whether it is new; the value of a key that is
-    // there already is dropped.
-    std::pair<Node*, bool> insert(std::string_view key, Value value) {
+    // there already is dropped. No entry when the key's chain takes no more.
+    std::pair<Node*, bool> insert(std::string_view key, Value value, std::size_t elsewhere = 0) {
         const std::uint32_t hash = vorn::murhash{}(key);
         if (Node* present = *linkTo(key, hash)) return {present, false};
         auto node = std::make_unique<Node>(key, std::move(value), hash, m_serial + 1);
         if (exceedsLoad(m_size + 1)) requestBuckets(bucketsFor(m_size + 1));
+        if (chainLength(hash) >= maxChain()) return {nullptr, false};
         ++m_serial;
         ++m_size;
         pushFront(node.get());
+        setBytesElsewhere(node.get(), elsewhere);
         return {node.release(), true};
     }
 
@@ -121,7 +151,7 @@ class CacheTable {
 
     void clear() {
         for (Node*& head : m_buckets) freeChain(std::exchange(head, nullptr));
-        m_size = 0;
+        m_size = m_bytes = 0;
     }
 
     // Bucket by bucket, each chain from its head. The table must not change
@@ -136,6 +166,7 @@ class CacheTable {
   private:
     static constexpr std::size_t kInitialRequest = 10;
     static constexpr float kLeastLoadFactor = 0.001F;
+    static constexpr std::size_t kLeastMaxChain = 64;
 
     static void freeChain(Node* node) {
         while (node != nullptr) delete std::exchange(node, node->next);
@@ -158,6 +189,12 @@ class CacheTable {
         return link;
     }
 
+    std::size_t chainLength(std::uint32_t hash) const {
+        std::size_t length = 0;
+        for (const Node* node = m_buckets[hash % bucketCount()]; node != nullptr; node = node->next) ++length;
+        return length;
+    }
+
     static Node** lastLink(Node** link) {
         while ((*link)->next != nullptr) link = &(*link)->next;
         return link;
@@ -173,6 +210,7 @@ class CacheTable {
         Node* node = *link;
         *link = node->next;
         --m_size;
+        m_bytes -= node->bytes;
         trash->add(node);
     }
 
@@ -193,6 +231,7 @@ class CacheTable {
 
     std::vector<Node*> m_buckets;  // chain heads, owned; never empty
     std::size_t m_size = 0;
+    std::size_t m_bytes = 0;  // of the nodes
     float m_maxLoadFactor = 1.0F;
     std::size_t m_sweep = 0;  // the bucket that the next eviction looks at first
     std::uint64_t m_serial = 0;

@@ -104,6 +104,77 @@ TEST(Table, FindsByBytesAndKeepsTheFirstValueOfAKey) {
     EXPECT_EQ(table.size(), 4U);
 }
 
+// They share all 32 bits, not only the bucket.
+TEST(Table, TellsKeysWithOneHashApart) {
+    const std::string ann = "(uid=u49449)dc=example,dc=com2", bob = "(uid=u62172)dc=example,dc=com2";
+    ASSERT_EQ(vorn::murhash{}(ann), 0x937104eaU);
+    ASSERT_EQ(vorn::murhash{}(bob), 0x937104eaU);
+    IntTable table;
+    IntTable::Trash trash;
+    table.insert(ann, 1);
+    EXPECT_EQ(table.find(bob), nullptr);
+    table.erase(bob, &trash);
+    ASSERT_NE(table.find(ann), nullptr);
+    EXPECT_TRUE(table.insert(bob, 2).second);
+    EXPECT_EQ(table.find(ann)->value, 1);
+    EXPECT_EQ(table.find(bob)->value, 2);
+    table.erase(ann, &trash);
+    EXPECT_EQ(table.find(ann), nullptr);
+    EXPECT_EQ(table.find(bob)->value, 2);
+}
+
+TEST(Table, AFullChainTakesNoMore) {
+    const struct {
+        float loadFactor;
+        std::size_t longest;
+    } cases[] = {{1.3F, 64}, {8.0F, 64}, {8.5F, 68}, {100.0F, 800}};
+    for (const auto& one : cases) {
+        IntTable table;
+        IntTable::Trash trash;
+        table.setMaxLoadFactor(one.loadFactor);
+        table.requestBuckets(10'000'000 / static_cast<std::size_t>(1000 * one.loadFactor));
+        ASSERT_EQ(table.maxChain(), one.longest);
+        const auto keys = keysOfBucket(3, table.bucketCount(), one.longest + 2);
+        const std::string& last = keys[one.longest];
+        for (std::size_t i = 0; i < one.longest; ++i) ASSERT_TRUE(table.insert(keys[i], 0).second);
+        const std::size_t bytes = table.bytes();
+        EXPECT_EQ(table.insert(last, 0), (std::pair<IntTable::Node*, bool>(nullptr, false)));
+        EXPECT_EQ(table.find(last), nullptr);
+        EXPECT_EQ(table.size(), one.longest);
+        EXPECT_EQ(table.bytes(), bytes);
+        EXPECT_FALSE(table.insert(keys[0], 1).second) << "what is there stays there";
+        EXPECT_NE(table.find(keys[0]), nullptr);
+        EXPECT_TRUE(table.insert(keysOfBucket(4, table.bucketCount(), 1)[0], 0).second);
+        table.erase(keys[5], &trash);
+        EXPECT_TRUE(table.insert(last, 0).second) << "room again";
+    }
+}
+
+TEST(Table, KnowsItsBytes) {
+    IntTable table;
+    IntTable::Trash trash;
+    const std::size_t empty = table.bytes();
+    EXPECT_EQ(empty, IntTable::bucketBytes(11));
+    EXPECT_EQ(table.bytesOfEntries(), 0U);
+    const std::string longKey(100, 'k');
+    table.insert("short", 0, 40);
+    IntTable::Node* node = table.insert(longKey, 0).first;
+    const std::size_t both = IntTable::entryBytes("short", 40) + IntTable::entryBytes(longKey, 0);
+    EXPECT_EQ(IntTable::entryBytes(longKey, 0), IntTable::entryBytes("short", 0) + heapBytes(101));
+    EXPECT_EQ(table.bytesOfEntries(), both);
+    table.insert("short", 0, 4000);
+    EXPECT_EQ(table.bytesOfEntries(), both) << "was there already";
+    table.setBytesElsewhere(node, 500);
+    EXPECT_EQ(table.bytesOfEntries(), both + 500);
+    table.erase(longKey, &trash);
+    EXPECT_EQ(table.bytes(), empty + IntTable::entryBytes("short", 40));
+    table.evict(&trash);
+    EXPECT_EQ(table.bytes(), empty);
+    table.insert("short", 0, 40);
+    table.clear();
+    EXPECT_EQ(table.bytes(), empty);
+}
+
 TEST(Table, NumbersItsInsertionsAndNeverRepeatsANumber) {
     IntTable table;
     EXPECT_EQ(table.insert("a", 1).first->serial, 1U);

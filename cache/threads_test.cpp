@@ -63,7 +63,7 @@ class Threads : public CacheTest {
         CachedObject cached;
         if (m_cache->getObj(name, &cached) != 0) return true;
         if (cached.attachment == nullptr) {
-            m_cache->setAttachment(name, cached.serial, std::make_shared<const std::string>(name));
+            m_cache->setAttachment(name, cached.serial, std::make_shared<const std::string>(name), 0);
         } else if (*static_cast<const std::string*>(cached.attachment.get()) != name) {
             return false;
         }

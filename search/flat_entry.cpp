@@ -19,10 +19,16 @@ bool hasOwnNormalValues(const Attribute& attribute) {
     return attribute.a_nvals != nullptr && attribute.a_nvals != attribute.a_vals;
 }
 
+// A block is one of words, which are aligned as records want it.
+using Word = std::uint64_t;
+static_assert(alignof(Word) >= alignof(Entry));
+
 // A block's layout: records first, which are all aligned alike, and text behind them.
 struct Sizes {
     std::size_t records = sizeof(Entry);
     std::size_t text = 0;
+
+    std::size_t words() const { return (records + text + sizeof(Word) - 1) / sizeof(Word); }
 
     explicit Sizes(const Entry& entry) : text(textSize(entry.e_name) + textSize(entry.e_nname)) {
         for (const Attribute* one = entry.e_attrs; one != nullptr; one = one->a_next) {
@@ -102,10 +108,10 @@ class Copier {
 
 SharedEntry flatCopy(const Entry& entry) {
     const Sizes sizes(entry);
-    // Of words, which are aligned as records want it.
-    using Word = std::uint64_t;
-    static_assert(alignof(Word) >= alignof(Entry));
-    const std::size_t words = (sizes.records + sizes.text + sizeof(Word) - 1) / sizeof(Word);
-    const auto block = std::make_shared_for_overwrite<Word[]>(words);
+    const auto block = std::make_shared_for_overwrite<Word[]>(sizes.words());
     return {block, Copier(reinterpret_cast<std::byte*>(block.get()), sizes).entry(entry)};
+}
+
+std::size_t flatSize(const Entry& entry) {
+    return Sizes(entry).words() * sizeof(Word);
 }

@@ -4,6 +4,8 @@
 // together with thousands of others, is read faster, and takes less, in one piece.
 #pragma once
 
+#include <cstddef>
+
 #include "search/handles.h"
 
 #include "backend/slapd.h"
@@ -12,3 +14,6 @@
 // last share. slapd must never be told to free or to modify it. Descriptions of
 // attributes are shared with the original: they are the schema's.
 SharedEntry flatCopy(const Entry& entry);
+
+// The bytes of that block.
+std::size_t flatSize(const Entry& entry);

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "cache/heap.h"
 #include "search/flat_entry.h"
 
 #include "backend/slapd.h"
@@ -25,6 +26,15 @@ void noteSpecialClasses(Entry& entry) {
         entry.e_ocflags |= SLAP_OC__END;
 }
 
+// What an entry kept with its inputs takes of the heap.
+std::size_t bytesOf(const LdifRequest& inputs, const Entry& entry) {
+    std::size_t bytes = heapBytes(kSharedRecord + sizeof(KeptEntry)) +
+                        heapBytes(kSharedRecord + flatSize(entry)) + heapBytes(inputs.objectType) +
+                        heapBytes(inputs.requested.size() * sizeof(std::string));
+    for (const std::string& name : inputs.requested) bytes += heapBytes(name);
+    return bytes;
+}
+
 }  // namespace
 
 SharedEntry KeptEntries::find(const FoundObject& found) const {
@@ -37,5 +47,6 @@ void KeptEntries::keep(const FoundObject& found, Entry* entry) const {
     if (m_cache == nullptr || found.cachedAs == nullptr) return;
     noteSpecialClasses(*entry);
     m_cache->setAttachment(*found.cachedAs, found.serial,
-                           std::make_shared<const KeptEntry>(KeptEntry{m_inputs, flatCopy(*entry)}));
+                           std::make_shared<const KeptEntry>(KeptEntry{m_inputs, flatCopy(*entry)}),
+                           bytesOf(m_inputs, *entry));
 }

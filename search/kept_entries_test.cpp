@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <memory>
@@ -86,6 +87,41 @@ TEST_F(KeptEntriesTest, TheSecondReplayMakesNoEntry) {
     EXPECT_EQ(text(second.sent), text(first.sent));
     EXPECT_EQ(second.sent.size(), 3U);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep books of their own
+TEST_F(KeptEntriesTest, TheirBytesAreCounted) {
+    SearchCacheManager cache;
+    cache.init(true, 100, 3000, 3600, 300, 0, 1.3F);
+    const auto counted = [&] {
+        const std::string state = cache.getStateInfo();
+        return std::stoul(state.substr(state.find(": ") + 2));
+    };
+    constexpr std::size_t kCount = 500;
+    std::vector<std::string> guids;
+    for (std::size_t i = 0; i < kCount; ++i) {
+        guids.push_back("guid" + std::to_string(i));
+        const vex::UniqueObject object(standin::makeObject(colleague(guids[i])));
+        cache.putObj(guids[i].c_str(), object.get());
+    }
+    std::vector<FoundObject> found(kCount);
+    std::vector<SharedEntry> entries;
+    for (std::size_t i = 0; i < kCount; ++i) {
+        CachedObject cached;
+        ASSERT_EQ(cache.getObj(guids[i], &cached), SearchCacheManager::kHit);
+        found[i] = {std::move(cached.object), &guids[i], cached.serial, nullptr};
+        entries.push_back(
+            EntryMaker::parse("dn: cn=" + guids[i] + ",dc=x\nmail: " + std::string(i, 'm') + "\n"));
+    }
+    const LdifRequest inputs{
+        "anObjectClassOfALongName", true, {"mail", "anAttributeOfALongName", "uid"}, false};
+    const KeptEntries kept(&cache, inputs);
+    const std::size_t before = mallinfo2().uordblks, countedBefore = counted();
+    for (std::size_t i = 0; i < kCount; ++i) kept.keep(found[i], entries[i].get());
+    const auto grown = static_cast<double>(mallinfo2().uordblks - before);
+    EXPECT_GT(grown, kCount * 300.0);
+    EXPECT_NEAR(static_cast<double>(counted() - countedBefore), grown, grown / 20);
+}
+#endif
 
 // Every query, first with each entry made anew, then with those of the query before
 // it, which may differ in any input, then with its own.

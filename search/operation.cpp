@@ -68,6 +68,7 @@ bool SearchOperation::prepare() {
 // The cache takes its settings at the first search.
 void SearchOperation::initializeCache() {
     if (m_cache->isInitialized()) return;
+    m_cache->setMaxBytes(gCacheMaxBytes);
     m_cache->init(gCacheEnabled, static_cast<unsigned long>(gCacheMaxLists),
                   static_cast<unsigned long>(gCacheMaxObjects), static_cast<unsigned long>(gCacheTTL),
                   static_cast<unsigned long>(gCacheNegTTL), static_cast<unsigned long>(gLogInterval),
@@ -340,7 +341,10 @@ void SearchOperation::finish() {
     JPrintf("vex search complete on connection: %lu", m_op->o_connid);
 
     const std::string statistics = m_cache->getStatisticsInfo();
-    if (!statistics.empty()) JPrintf("%s", statistics.c_str());
+    if (!statistics.empty()) {
+        JPrintf("%s", statistics.c_str());
+        JPrintf("%s", m_cache->getStateInfo().c_str());
+    }
     storeList();
     releaseHandle();
 }

@@ -5,6 +5,7 @@
 
 #include "backend/log.h"
 #include "backend/settings.h"
+#include "cache/search_cache.h"
 #include "search/attributes.h"
 #include "translate/filter.h"
 #include "translate/map.h"
@@ -143,7 +144,8 @@ void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
     // The key's text is in lower case: what finds nothing for one spelling must not
     // answer for another.
     if (request->caseCounts) request->cacheable = false;
-    request->key = vorn::lower(request->filter) + vorn::lower(request->base) + vorn::itoa(scope, 10);
+    request->key = vorn::lower(request->filter + request->base) + vorn::itoa(scope, 10);
+    if (request->key.size() > SearchCacheManager::kMaxKeyBytes) request->cacheable = false;
 }
 
 void prepareFetchByUid(int scope, SearchRequest* request) {

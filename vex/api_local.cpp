@@ -172,6 +172,10 @@ vexObject* ChmCloneObject(const vexObject* object) {
     return object ? new (std::nothrow) vexObject{object->content} : nullptr;
 }
 
+size_t vexGetObjectSize(const vexObject* object) {
+    return object ? object->content.memory() : 0;
+}
+
 void vexFreeString(char* text) {
     std::free(text);
 }

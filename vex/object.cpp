@@ -67,7 +67,7 @@ bool carries(const wire::Object& object, std::string_view name) {
 ObjectRef ObjectRef::copyOf(std::span<const std::uint8_t> bytes) {
     void* memory = ::operator new(sizeof(Buffer) + bytes.size());
     ObjectRef object;
-    object.m_buffer = new (memory) Buffer;
+    object.m_buffer = new (memory) Buffer{.size = static_cast<std::uint32_t>(bytes.size())};
     std::memcpy(static_cast<std::uint8_t*>(memory) + sizeof(Buffer), bytes.data(), bytes.size());
     return object;
 }

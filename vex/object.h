@@ -35,10 +35,14 @@ class ObjectRef {
     const wire::Object& operator*() const { return *flatbuffers::GetRoot<wire::Object>(m_buffer + 1); }
     const wire::Object* operator->() const { return &**this; }
 
+    // The bytes of the buffer, its count included; there must be one.
+    std::size_t memory() const { return sizeof(Buffer) + m_buffer->size; }
+
   private:
     // The bytes follow in the same allocation.
     struct alignas(8) Buffer {
         std::atomic<std::uint32_t> shares{1};
+        std::uint32_t size;
     };
 
     void release() noexcept;

@@ -229,6 +229,9 @@ vexCode vexGetNextAttribute(vexSession* session, const vexObject* object, unsign
 /* Another handle to the same immutable object; copies no bytes. Null when out of memory or given null. */
 vexObject* ChmCloneObject(const vexObject* object);
 
+/* The bytes of memory that the object takes, which its clones share; 0 for null. For who keeps many. */
+size_t vexGetObjectSize(const vexObject* object);
+
 /* ---------------------------------------------------------- authentication */
 
 /*

@@ -236,6 +236,38 @@ def test_the_statistics_are_logged_at_their_interval(bound, standin):
     hits, negative = re.fullmatch(
         r"cache hits: (\d+), negHits: (\d+), misses: 2, expires: 0, overflows: 0, cloneErrs: 0", line).groups()
     assert hits == "2" and 1 <= int(negative) <= count
+    lines = slapd.lines()
+    state = lines[lines.index(line) + 1]
+    held, most = re.fullmatch(r"cache bytes: (\d+), max bytes: (\d+), lists: 2, objects: 1, evicted for bytes: 0, "
+                              r"refused: 0", state).groups()
+    assert 25_000 < int(held) < 30_000 and int(most) == 256 << 20
+
+
+def test_the_cache_keeps_below_its_bytes(bound, standin):
+    slapd = bound("dirgate.cache.max.bytes 32K", "dirgate.performance.log.interval 1")
+    connection = slapd.connect()
+    for number in range(100):
+        search(connection, f"(uid={'x' * 300}{number})", ["cn"])
+
+    def state():
+        search(connection, NOBODY, NAME_AND_NUMBER)
+        return [re.match(r"cache bytes: (\d+), max bytes: 32768, .* evicted for bytes: [1-9]", line)
+                for line in slapd.lines() if line.startswith("cache bytes: ")][-1:]
+    (line,) = wait_until(lambda: [one for one in state() if one], "a line that tells of evictions")
+    assert int(line.group(1)) <= 32768
+
+
+@pytest.mark.parametrize("directive", ["dirgate.cache.max.bytes 1K", "dirgate.cache.hash.loadfactor 1e-38",
+                                       "dirgate.cache.max.objects 2147483647"])
+def test_a_cache_that_cannot_be_had_is_said_once_and_searches_are_answered(bound, standin, directive):
+    slapd = bound(directive)
+    connection = slapd.connect()
+    for _ in range(2):
+        assert list(search(connection, FILTER, NAME_AND_NUMBER)) == [SHOWN]
+        assert asked(standin) == SEARCHED
+    said = slapd.module_log.read_text(encoding="utf-8")
+    assert said.count("The memory cache stays off: no room for its tables.") == 1
+    assert "Init memory cache successfully" not in said
 
 
 # ---- the dump

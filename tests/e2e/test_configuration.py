@@ -13,6 +13,7 @@ COUNTS = ("dirgate.cache.max.lists", "dirgate.cache.max.objects", "dirgate.cache
           "dirgate.cache.credential.expires", "dirgate.cache.credential.max")
 BAD = ([(name, "yes") for name in BOOLEANS] + [(name, "") for name in BOOLEANS[:1]] +
        [(name, value) for name in COUNTS for value in ("0", "-5", "many", "2147483648")] +
+       [("dirgate.cache.max.bytes", value) for value in ("-1", "many", "1.5G", "17179869184G")] +
        [("dirgate.performance.log.interval", "-1"), ("dirgate.cache.hash.loadfactor", "0"),
         ("dirgate.cache.hash.loadfactor", "1e-50")])
 

@@ -360,6 +360,17 @@ vexCode vexGetNextAttribute(vexSession* session, const vexObject* object, unsign
     return code;
 }
 
+// Local, and no matter for who reads the calls.
+size_t vexGetObjectSize(const vexObject* object) {
+    if (object == nullptr) return 0;
+    size_t bytes = 0;
+    for (const Attribute& attribute : *object->content) {
+        bytes += attribute.name.size();
+        for (const Value& value : attribute.values) bytes += value.bytes.size();
+    }
+    return bytes;
+}
+
 vexObject* ChmCloneObject(const vexObject* object) {
     Call call("ChmCloneObject", named(object));
     if (!call.usable(object) || call.answer() != 0) return nullptr;
