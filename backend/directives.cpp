@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <array>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -19,8 +18,10 @@
 #include "backend/log.h"
 #include "backend/overlays.h"
 #include "vorn/logger.h"
+#include "vorn/numbers.h"
 #include "vorn/properties.h"
 #include "vorn/settings.h"
+#include "vorn/strings.h"
 
 #include "backend/slapd.h"
 
@@ -91,11 +92,9 @@ bool setBytes(std::uint64_t* setting, std::string_view word) {
         word.empty() ? std::string_view::npos : kUnits.find(vorn::upper(word.substr(word.size() - 1)));
     const unsigned shift = unit == std::string_view::npos ? 0 : 10 * (static_cast<unsigned>(unit) + 1);
     if (shift != 0) word.remove_suffix(1);
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
-    if (error != std::errc() || end != word.data() + word.size()) return false;
-    if (number > std::numeric_limits<std::uint64_t>::max() >> shift) return false;
-    *setting = number << shift;
+    const auto number = vorn::parseNumber<std::uint64_t>(word);
+    if (!number || *number > std::numeric_limits<std::uint64_t>::max() >> shift) return false;
+    *setting = *number << shift;
     return true;
 }
 
