@@ -8,6 +8,7 @@
 #include "auth/credentials.h"
 #include "auth/shredder.h"
 #include "auth/statistics.h"
+#include "backend/agent_turns.h"
 #include "backend/failure.h"
 #include "backend/log.h"
 #include "backend/settings.h"
@@ -36,7 +37,8 @@ int fail(vexSession* session, const char* context, vexCode code, Operation* op, 
 vexCode provideSupportedAttributes(vexSession* session) {
     if (gSupportedObjectAttrList.load(std::memory_order_acquire) != nullptr) return VEX_OK;
     vexStringSet* names = nullptr;
-    if (const vexCode code = vexGetObjectSupportedAttributes(session, &names); code != VEX_OK) return code;
+    const vexCode code = inTurn([&] { return vexGetObjectSupportedAttributes(session, &names); });
+    if (code != VEX_OK) return code;
     publishSupportedAttributes(vex::UniqueStringSet(names));
     return VEX_OK;
 }
@@ -61,7 +63,8 @@ bool namesNobody(const berval& dn) {
 vexCode validate(vexSession* session, const Operation* op) {
     if (namesNobody(op->o_req_dn)) return VEX_NO_SUCH_USER;
     if (holdsNul(op->orb_cred)) return VEX_WRONG_PASSWORD;
-    return vexAuthValidatePlainTextUser(session, op->o_req_dn.bv_val, op->orb_cred.bv_val, 0);
+    return inTurn(
+        [&] { return vexAuthValidatePlainTextUser(session, op->o_req_dn.bv_val, op->orb_cred.bv_val, 0); });
 }
 
 // Keeps what the agent has just validated. The agent accepts neither an absent name

@@ -176,6 +176,28 @@ TEST_F(Bind, WithoutADnNothingIsCached) {
     EXPECT_EQ(standin::requests().back(), "vexSessionClose(session2)");
 }
 
+TEST_F(Bind, WhileAllTurnsAreTakenOnlyWhatIsRememberedIsAnswered) {
+    connection_pool_max = 2;
+    bind(kDn, "secret");
+    int remembered = -1;
+    int refused = -1;
+    standin::onCall("vexAuthValidatePlainTextUser", [&] {
+        standin::onCall("vexAuthValidatePlainTextUser", nullptr);
+        remembered = bind(kDn, "secret");
+        refused = bind(kDn, "other");
+    });
+    EXPECT_EQ(bind(kDn, "wrong"), 49);
+    EXPECT_EQ(remembered, 0);
+    EXPECT_NE(refused, 0);
+    expectSent(49, "vexAuth : cannot bind to server due to invalid user or password.");
+    standin::onCall("vexAuthValidatePlainTextUser", [&] {
+        standin::onCall("vexAuthValidatePlainTextUser", nullptr);
+        bind(kDn, "other");
+        expectSent(51, "vex dirgate: too many requests wait for the agent");
+    });
+    bind(kDn, "wrong");
+}
+
 // What the agent, or the credential cache, would read of such a text is its beginning.
 TEST_F(Bind, ANulMakesANameNobodysAndAPasswordWrong) {
     const struct {

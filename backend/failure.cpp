@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "vex/vex.h"
 
@@ -55,7 +56,9 @@ class Diagnosis {
   public:
     Diagnosis(vexSession* session, const char* context, vexCode code, int size)
         : m_size(size < kFailureTextBytes ? size : kFailureTextBytes) {
-        if (sessionIsBroken(code)) {
+        if (code == kTooManyWait) {
+            say(LDAP_BUSY, "%s", kTooManyWaitText);
+        } else if (sessionIsBroken(code)) {
             say(LDAP_UNAVAILABLE, "%s: Failed to communicate with vexagent due to broken session handle",
                 context);
         } else {
@@ -82,10 +85,13 @@ class Diagnosis {
         int condition = 1;
         AgentError error;
         char* errString = nullptr;
-        const vexCode asked =
-            vexSystemHealthInfo(session, 0, &condition, &error.system, &error.code, &errString);
+        const vexCode asked = inTurn([&] {
+            return vexSystemHealthInfo(session, 0, &condition, &error.system, &error.code, &errString);
+        });
         error.text.reset(errString);
-        if (asked != VEX_OK) {
+        if (asked == kTooManyWait) {
+            say(LDAP_BUSY, "%s", kTooManyWaitText);
+        } else if (asked != VEX_OK) {
             say(LDAP_UNAVAILABLE, "%s: Failed to retrieve last system error, due to broken session handle.",
                 context);
         } else if (condition != 0) {

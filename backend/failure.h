@@ -8,9 +8,12 @@
 // The texts of failures go to buffers of this size; the reply points into one.
 inline constexpr int kFailureTextBytes = 512;
 
+// What a client is told, with result 51, whose request had no turn at the agent.
+inline constexpr char kTooManyWaitText[] = "vex dirgate: too many requests wait for the agent";
+
 // Finds out why a call to the agent failed (a broken session, an unhealthy
 // agent, wrong credentials, or the directory's own error), logs it and sends the
-// LDAP result, exactly one.
+// LDAP result, exactly one. kTooManyWait is a reason of its own.
 //
 // context begins the text: the failing call's name and a blank. code is what it
 // answered. text and size name the caller's buffer; the reply's text points into

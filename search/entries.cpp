@@ -1,7 +1,9 @@
 #include "search/entries.h"
 
 #include <utility>
+#include <vector>
 
+#include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "vorn/dn.h"
 #include "vorn/strings.h"
@@ -66,8 +68,8 @@ EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject*
     object->reset();
     JPrintf("Calling vexLdapFetch with domain = %s, dn = %s", domain.c_str(), dn.get());
     vexObject* whole = nullptr;
-    *code =
-        vexLdapFetch(session, domain.c_str(), dn.get(), namesForAgent(m_request.attributes).data(), &whole);
+    const std::vector<const char*> names = namesForAgent(m_request.attributes);
+    *code = inTurn([&] { return vexLdapFetch(session, domain.c_str(), dn.get(), names.data(), &whole); });
     if (*code != VEX_OK) return Result::NotFetched;
     object->reset(whole);
     return Result::Made;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "vex/handles.h"
 
@@ -25,7 +26,9 @@ bool ObjectSource::isFailure(vexCode end) const {
 
 vexCode ObjectSource::nextFromAgent(FoundObject* found) {
     vexObject* next = nullptr;
-    const vexCode code = vexLdapSearchNext(m_handle->search, &next);
+    const auto take = [&] { return vexLdapSearchNext(m_handle->search, &next); };
+    // What the last batch has left is here already: nobody waits for it.
+    const vexCode code = m_handle->search->isLastPage != 0 ? take() : inTurn(take);
     if (code != VEX_OK) return code;
     found->object.reset(next);
     if (m_handle->storable) store(next);
@@ -53,7 +56,8 @@ vexCode ObjectSource::nextFromList(FoundObject* found) {
 
 vexCode ObjectSource::lookUp(const std::string& guid, FoundObject* found) {
     vexObject* object = nullptr;
-    const vexCode code = vexLookupObjectByGuid(m_handle->session(), guid.c_str(), &object);
+    const vexCode code =
+        inTurn([&] { return vexLookupObjectByGuid(m_handle->session(), guid.c_str(), &object); });
     if (code != VEX_OK) {
         JPrintf("Fetch object(%s) from vexagent by GUID failed. error code: %d", guid.c_str(), code);
         if (saysGone(code)) {

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "backend/settings.h"
 #include "search/objects.h"
@@ -207,9 +208,11 @@ bool SearchOperation::openAgentSearch() {
     } else if (m_request.agentType.empty()) {
         domain = m_request.zoneDomain;
     }
-    const vexCode code = vexLdapSearchOpen(m_session.get(), domain.c_str(), m_request.filter.c_str(),
-                                           m_request.base.c_str(), asked, m_op->ors_scope, m_op->ors_slimit,
-                                           m_paging.requested() ? m_paging.pageSize() : 0, &m_handle->search);
+    const vexCode code = inTurn([&] {
+        return vexLdapSearchOpen(m_session.get(), domain.c_str(), m_request.filter.c_str(),
+                                 m_request.base.c_str(), asked, m_op->ors_scope, m_op->ors_slimit,
+                                 m_paging.requested() ? m_paging.pageSize() : 0, &m_handle->search);
+    });
     if (code != VEX_OK) {
         reportFailure("vexLdapSearch ", code);
         m_session.reset();
@@ -235,7 +238,7 @@ bool SearchOperation::deliver() {
         if (delivery == Delivery::PageIsFull) return true;
         if (delivery == Delivery::Ended) return false;
     }
-    if (gSearchReportErrors && source.isFailure(m_endCode)) {
+    if (m_endCode == kTooManyWait || (gSearchReportErrors && source.isFailure(m_endCode))) {
         reportFailure("vexLdapSearch ", m_endCode);
         m_nothingSent = false;  // what is sent again is the failure
         return false;

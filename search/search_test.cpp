@@ -32,6 +32,57 @@ using testing::IsEmpty;
 
 class SearchTest : public searchtest::Fixture {};
 
+// --------------------------------------------------------- turns at the agent
+
+// One request may wait for the agent, and does: what others get meanwhile.
+TEST_F(SearchTest, WhileAllTurnsAreTakenOnlyWhatNeedsNoAgentIsAnswered) {
+    vorn::Thread::SetThreadsActive(true);
+    connection_pool_max = 2;
+    useCache();
+    standin::searchFor({"(uid=ann)"}, {{person("ann")}});
+    m_client.search(Request{});  // cached from here on
+    searchtest::Client other(2);
+    std::vector<standin::Sent> cached;
+    std::vector<standin::Sent> refused;
+    Request uncached;
+    uncached.value = "bob";
+    standin::onCall("vexLdapSearchOpen", [&] {
+        standin::onCall("vexLdapSearchOpen", nullptr);
+        cached = other.search(Request{});
+        refused = other.search(uncached);
+    });
+    const auto sent = m_client.search(uncached);
+    EXPECT_EQ(sent.back().code, LDAP_NO_SUCH_OBJECT) << "who had the turn is answered";
+    ASSERT_EQ(cached.size(), 2U);
+    EXPECT_THAT(cached[0].text, HasSubstr("CN=ann"));
+    ASSERT_EQ(refused.size(), 2U) << "as with every failure, the result comes twice";
+    for (const auto& result : refused) {
+        EXPECT_EQ(result.code, LDAP_BUSY);
+        EXPECT_EQ(result.text, "vex dirgate: too many requests wait for the agent");
+    }
+    EXPECT_EQ(other.search(uncached).back().code, LDAP_NO_SUCH_OBJECT) << "the turn is free again";
+}
+
+// It has been answered in part, and must not look whole.
+TEST_F(SearchTest, WithoutATurnForItsNextBatchASearchIsBusyToo) {
+    connection_pool_max = 2;
+    standin::searchFinds({{person("ann"), person("bob")}, VEX_END_OF_RESULTS, -1, 0});
+    searchtest::Client other(2);
+    std::vector<standin::Sent> inMidway;
+    Request another;
+    another.value = "bob";
+    int batches = 0;
+    standin::onCall("vexLdapSearchNext", [&] {
+        if (++batches != 1) return;
+        standin::searchFinds({{person("cid")}, VEX_END_OF_RESULTS, -1, 0});
+        standin::onCall("vexLdapSearchOpen", nullptr);
+        inMidway = other.search(another);
+    });
+    EXPECT_EQ(m_client.search(Request{}).back().code, LDAP_SUCCESS);
+    ASSERT_EQ(inMidway.size(), 2U);
+    EXPECT_EQ(inMidway[0].code, LDAP_BUSY);
+}
+
 // ------------------------------------------------------------- the plain way
 
 TEST_F(SearchTest, APlainSearchOpensAsksSendsAndCloses) {

@@ -7,6 +7,9 @@ using namespace vex;
 
 namespace {
 
+// How long an agent may take to greet before it counts as busy.
+constexpr Milliseconds kGreetingPatience{100};
+
 bool isUsable(const vexSession* session) {
     return session && session->isOpen();
 }
@@ -70,7 +73,10 @@ vexCode vexSessionOpen(int kind, int level, vexSession** session) {
         auto opened = std::make_shared<vexSession>(configuredEndpoint());
         // A session holds no connection, but it is no use when none can be had.
         std::unique_ptr<Connection> connection = Pool::process().take(opened->endpoint.path);
-        if (!connection) connection = Connection::open(opened->endpoint, Deadline(opened->endpoint.timeout));
+        // Of an agent that hangs, the request will tell; the session may not need one.
+        if (!connection)
+            connection = Connection::reach(opened->endpoint, Deadline(opened->endpoint.timeout),
+                                           std::min(opened->endpoint.timeout, kGreetingPatience));
         if (!connection) return VEX_BROKEN_SESSION;
         Pool::process().give(std::move(connection));
         opened->self = opened;

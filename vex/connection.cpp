@@ -64,6 +64,14 @@ std::unique_ptr<Connection> Connection::open(const Endpoint& endpoint, const Dea
     return connection;
 }
 
+std::unique_ptr<Connection> Connection::reach(const Endpoint& endpoint, const Deadline& deadline,
+                                              Milliseconds patience) {
+    std::unique_ptr<Connection> connection(new Connection(endpoint));
+    if (!connection->connect(deadline)) return nullptr;
+    if (!connection->wait(POLLIN, Deadline(patience))) return connection;
+    return connection->readGreeting(deadline) ? std::move(connection) : nullptr;
+}
+
 bool Connection::connect(const Deadline& deadline) {
     const int descriptor = m_socket.descriptor();
     sockaddr_un address;
@@ -88,8 +96,9 @@ bool Connection::readGreeting(const Deadline& deadline) {
         if (more == 0) return false;
         have += more;
     }
-    return std::memcmp(greeting, wire::kMagic, sizeof wire::kMagic) == 0 &&
-           flatbuffers::ReadScalar<std::uint32_t>(greeting + sizeof wire::kMagic) == wire::kVersion;
+    m_greeted = std::memcmp(greeting, wire::kMagic, sizeof wire::kMagic) == 0 &&
+                flatbuffers::ReadScalar<std::uint32_t>(greeting + sizeof wire::kMagic) == wire::kVersion;
+    return m_greeted;
 }
 
 bool Connection::isQuiet() const {
@@ -97,10 +106,12 @@ bool Connection::isQuiet() const {
     ssize_t found;
     do found = ::recv(m_socket.descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     while (found < 0 && errno == EINTR);
+    if (found > 0) return !m_greeted;  // the greeting has come since
     return found < 0 && wouldBlock(errno);
 }
 
 Sent Connection::send(std::span<const std::uint8_t> bytes, const Deadline& deadline) {
+    if (!m_greeted && !readGreeting(deadline)) return Sent::Nothing;
     std::uint8_t length[wire::kLengthBytes];
     flatbuffers::WriteScalar(length, static_cast<std::uint32_t>(bytes.size()));
     const std::size_t total = sizeof length + bytes.size();

@@ -35,14 +35,23 @@ class Connection {
     // protocol answers within the deadline.
     static std::unique_ptr<Connection> open(const Endpoint& endpoint, const Deadline& deadline);
 
+    // Connects. A greeting that does not come within the patience is left to whoever
+    // sends the first request. Null when no agent listens, or it is one of another
+    // protocol.
+    static std::unique_ptr<Connection> reach(const Endpoint& endpoint, const Deadline& deadline,
+                                             Milliseconds patience);
+
     // Over a connected socket that it takes, after the greeting.
     Connection(const Endpoint& endpoint, int descriptor)
-        : m_path(endpoint.path), m_timeout(endpoint.timeout), m_socket(descriptor) {}
+        : m_path(endpoint.path), m_timeout(endpoint.timeout), m_socket(descriptor), m_greeted(true) {}
 
     // Whether the agent is still there and has sent nothing unasked. One system call.
     bool isQuiet() const;
 
-    // Sends the bytes as one frame.
+    // Whether the agent has greeted, so that sending waits for nothing but room.
+    bool greeted() const { return m_greeted; }
+
+    // Sends the bytes as one frame, to an agent that has greeted by then.
     Sent send(std::span<const std::uint8_t> bytes, const Deadline& deadline);
 
     // Receives one frame; empty when none came that can be used, whatever the
@@ -72,6 +81,7 @@ class Connection {
     const Milliseconds m_timeout;
     Socket m_socket;
     pid_t m_agent = 0;
+    bool m_greeted = false;
     std::unique_ptr<std::uint8_t[]> m_buffer;
     std::size_t m_capacity = 0;
     std::size_t m_filled = 0;

@@ -1,5 +1,6 @@
 #include "vex/exchange.h"
 
+#include "vex/closings.h"
 #include "vex/object.h"
 #include "vex/wire.h"
 
@@ -83,11 +84,28 @@ const wire::Response* Exchange::ask(const Request& request) {
     const auto* response = flatbuffers::GetRoot<wire::Response>(bytes.data());
     if (response->id() != request.id()) return nullptr;
     m_inOrder = true;
+    tellClosings();
     return response;
 }
 
-void Exchange::tell(const Request& request) {
-    if (send(request)) m_inOrder = true;
+bool Exchange::tell(const Request& request) {
+    m_connection = Pool::process().take(m_endpoint.path);
+    if (!isUsable()) return false;
+    m_inOrder = true;
+    if (!m_connection->greeted()) return false;
+    const Sent sent = m_connection->send(request.bytes(), Deadline(Milliseconds(0)));
+    m_inOrder = sent != Sent::Partly;
+    return sent == Sent::Whole;
+}
+
+// The agent has just answered: it reads, and what it is told now is soon read.
+void Exchange::tellClosings() {
+    for (const std::uint64_t search : Closings::process().take(agent())) {
+        Request request;
+        request.finish(Options(), wire::CreateSearchClose(request.builder(), search));
+        if (m_inOrder) m_inOrder = m_connection->send(request.bytes(), m_deadline) == Sent::Whole;
+        if (!m_inOrder) Closings::process().add(agent(), search);
+    }
 }
 
 }  // namespace vex

@@ -30,8 +30,8 @@ class Exchange {
     // not sent again.
     const wire::Response* ask(const Request& request);
 
-    // Sends a request that has no answer.
-    void tell(const Request& request);
+    // Sends a request that has no answer, if that takes no waiting; whether it was sent.
+    bool tell(const Request& request);
 
     // The answer cannot be accepted: the connection is not used again.
     void reject() { m_inOrder = false; }
@@ -42,6 +42,7 @@ class Exchange {
     bool send(const Request& request);
     void connect();
     bool isUsable();
+    void tellClosings();
 
     const Endpoint& m_endpoint;
     const Deadline& m_deadline;

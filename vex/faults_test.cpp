@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <thread>
 
 #include "vex/handles.h"
@@ -256,7 +257,7 @@ TEST_P(Greetings, MakeNoSession) {
 }
 
 INSTANTIATE_TEST_SUITE_P(OfAnother, Greetings,
-                         testing::Values(Greeting{"none", ""}, Greeting{"half", "VEXA"},
+                         testing::Values(Greeting{"half", "VEXA"},
                                          Greeting{"magic", std::string("VEXB\1\0\0\0", 8)},
                                          Greeting{"version", std::string("VEXA\2\0\0\0", 8)},
                                          Greeting{"largeVersion", std::string("VEXA\1\0\0\1", 8)}),
@@ -265,6 +266,53 @@ INSTANTIATE_TEST_SUITE_P(OfAnother, Greetings,
 struct Agent : testing::Test {
     ScriptedAgent agent{1};
 };
+
+// What is answered from a cache opens a session and asks nothing.
+TEST_F(Agent, ThatDoesNotGreetKeepsNoSessionFromOpeningAndEveryRequestFromEnding) {
+    agent.greetWith("");
+    const UniqueSession session = openSession();
+    const UniqueSession another = openSession();
+    EXPECT_EQ(agent.connections(), 1);
+    expectInTime(VEX_BROKEN_SESSION, [&] { return lookUp(session.get()); });
+    EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() == 0; }));
+    EXPECT_EQ(agent.requests(), 0) << "nothing is said to who has not shown that he understands";
+}
+
+TEST_F(Agent, ThatGreetsLateIsUnderstood) {
+    agent.greetWith("");
+    const UniqueSession session = openSession();
+    agent.onRequest(answerWell);
+    ASSERT_TRUE(agent.eventually([&] { return agent.tellAll(std::string("VEXA\1\0\0\0", 8)) == 1; }));
+    EXPECT_EQ(lookUp(session.get()), VEX_OK);
+    EXPECT_EQ(agent.connections(), 1);
+}
+
+// The one connection is taken by a request that the agent does not answer.
+TEST_F(Agent, ThatHangsIsToldLaterThatASearchIsOver) {
+    std::promise<void> released;
+    std::promise<void> hanging;
+    agent.onRequest([&](const Peer& peer, const wire::Request& request) {
+        if (request.body_type() == wire::Body::Lookup) {
+            hanging.set_value();
+            released.get_future().wait();
+            answerWell(peer, request);
+        } else if (request.body_type() == wire::Body::SearchOpen) {
+            peer.answer(request, {.objects = {packed(person("ann"))}, .search = 7});
+        }
+    });
+    const UniqueSession session = openSession();
+    vexSearchHandle* search = nullptr;
+    ASSERT_EQ(vexLdapSearchOpen(session.get(), "", "", "", nullptr, 2, -1, 0, &search), VEX_OK);
+    auto waiting = std::async(std::launch::async, [&] { return lookUp(session.get()); });
+    hanging.get_future().wait();
+    EXPECT_EQ(vexLdapSearchClose(search), VEX_OK);
+    EXPECT_EQ(agent.connections(), 1) << "none is opened for it";
+    EXPECT_EQ(agent.requests(), 2);
+    released.set_value();
+    EXPECT_EQ(waiting.get(), VEX_OK);
+    EXPECT_TRUE(agent.eventually([&] { return agent.requests() == 3; }));
+    EXPECT_EQ(agent.bodies().back(), "SearchClose");
+}
 
 TEST_F(Agent, ThatSpeaksUnaskedLosesTheConnection) {
     std::atomic<bool> spoken{false};

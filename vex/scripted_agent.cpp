@@ -151,6 +151,12 @@ void ScriptedAgent::greetWith(const std::string& bytes) {
     m_greeting = bytes;
 }
 
+std::size_t ScriptedAgent::tellAll(const std::string& bytes) const {
+    std::lock_guard guard(m_lock);
+    for (const int descriptor : m_descriptors) Peer(descriptor).send(bytes);
+    return m_descriptors.size();
+}
+
 std::vector<std::string> ScriptedAgent::bodies() const {
     std::lock_guard guard(m_lock);
     return m_bodies;

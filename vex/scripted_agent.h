@@ -75,6 +75,8 @@ class ScriptedAgent {
     void onRequest(Handler handler);
     // What is sent to a new connection instead of the greeting.
     void greetWith(const std::string& bytes);
+    // Sends the bytes on each open connection; how many there are.
+    std::size_t tellAll(const std::string& bytes) const;
 
     // Ends the listening and all connections; start begins anew on the same path.
     void stop();

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "vex/closings.h"
 #include "vex/session.h"
 
 namespace vex {
@@ -79,7 +80,7 @@ void Search::close() {
     const Deadline deadline(m_owner->endpoint.timeout);
     Exchange exchange(m_owner->endpoint, deadline);
     exchange.expectAgent(m_agent);
-    exchange.tell(request);
+    if (!exchange.tell(request)) Closings::process().add(m_agent, m_id);
 }
 
 }  // namespace vex

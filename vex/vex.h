@@ -112,7 +112,8 @@ enum {
 
 /*
  * Opens a session: a small record that holds no connection between requests.
- * Asks the agent nothing, but fails at once when no agent listens.
+ * Asks the agent nothing, but fails at once when no agent listens. An agent that
+ * listens and hangs does not keep it long.
  *
  * kind is VEX_SESSION_LOCAL and level VEX_INTERFACE_LEVEL. Returns VEX_OK,
  * VEX_INVALID_ARGUMENT (no place for the session), VEX_NOT_SUPPORTED (another
@@ -167,7 +168,10 @@ vexCode vexLdapSearchOpen(vexSession* session, const char* domain, const char* f
  */
 vexCode vexLdapSearchNext(vexSearchHandle* search, vexObject** object);
 
-/* Ends a search and frees its handle; works on a search of a closed session too. */
+/*
+ * Ends a search and frees its handle; works on a search of a closed session too. Never
+ * waits for the agent: one that cannot be told now is told with a later request.
+ */
 vexCode vexLdapSearchClose(vexSearchHandle* search);
 
 /* Reads one object by DN. VEX_NO_SUCH_OBJECT when there is none. */

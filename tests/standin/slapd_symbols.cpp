@@ -12,6 +12,7 @@
 
 extern "C" {
 int slap_debug = 0;
+int connection_pool_max = 16;
 struct slap_control_ids slap_cids;
 char* slap_known_controls[SLAP_MAX_CIDS + 1];
 struct slap_internal_schema slap_schema;
@@ -143,6 +144,7 @@ void resetSlapd() {
     s.backend = nullptr;
     s.registrationAnswer = 0;
     slap_debug = 0;
+    connection_pool_max = 16;
 }
 
 AttributeDescription* knowAttribute(const std::string& name, bool binarySyntax) {

@@ -1,0 +1,40 @@
+// Searches that are over, of which the agent could not be told without waiting for it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+namespace vex {
+
+// Safe for use by several threads.
+class Closings {
+  public:
+    // More than these are forgotten: the agent ends a search by itself that nobody asks for.
+    static constexpr std::size_t kMost = 20'000;
+
+    // Those of this process; never destroyed.
+    static Closings& process();
+
+    void add(pid_t agent, std::uint64_t search);
+
+    // Takes out all that this agent is to be told. What others were to be told is
+    // forgotten: they are gone, or the searches are a parent process's.
+    std::vector<std::uint64_t> take(pid_t agent);
+
+  private:
+    struct Closing {
+        pid_t agent;
+        unsigned generation;
+        std::uint64_t search;
+    };
+
+    std::atomic<bool> m_any{false};
+    std::mutex m_lock;
+    std::vector<Closing> m_closings;  // guarded by m_lock
+};
+
+}  // namespace vex
