@@ -6,6 +6,7 @@
 #include <new>
 
 #include "agent/log.h"
+#include "agent/uid_base.h"
 #include "vex/wire.h"
 #include "vorn/secret.h"
 #include "vorn/secret_names.h"
@@ -76,6 +77,7 @@ Query queryOf(const wire::Request& request) {
     query.typed = option(request, VEX_OPTION_TYPED) != 0;
     query.firstBatch = firstBatch(search);
     query.view = viewOf(request, search.attributes());
+    searchByUid(&query);
     return query;
 }
 
