@@ -176,8 +176,7 @@ const Ending kEndings[] = {
      [](World& world) { return searchThatFails(world, 2, VEX_BROKEN_SESSION); }, false},
     {"agentGoneAtOnceNotReported", 32, Kept::Nothing,
      [](World& world) { return searchThatFails(world, 1, VEX_BROKEN_SESSION); }, false},
-    {"pagesReadToTheEnd", 32, Kept::List,
-     [](World& world) { return secondPage(world, [] {}); }},
+    {"pagesReadToTheEnd", 32, Kept::List, [](World& world) { return secondPage(world, [] {}); }},
     {"halfReadPages", 0, Kept::Nothing,
      [](World& world) {
          find(three());
@@ -195,8 +194,7 @@ const Ending kEndings[] = {
      }},
     {"failedSendOnALaterPage", 50, Kept::Nothing,
      [](World& world) {
-         return secondPage(world,
-                           [&] { world.client.connection().entriesAnswer(LDAP_INSUFFICIENT_ACCESS); });
+         return secondPage(world, [&] { world.client.connection().entriesAnswer(LDAP_INSUFFICIENT_ACCESS); });
      }},
     {"connectionClosedBetweenPages", 0, Kept::Nothing,
      [](World& world) {

@@ -39,7 +39,7 @@ TEST_F(SearchTest, WhileAllTurnsAreTakenOnlyWhatNeedsNoAgentIsAnswered) {
     vorn::Thread::SetThreadsActive(true);
     connection_pool_max = 2;
     useCache();
-    standin::searchFor({"(uid=ann)"}, {{person("ann")}});
+    standin::search({person("ann")});
     m_client.search(Request{});  // cached from here on
     searchtest::Client other(2);
     std::vector<standin::Sent> cached;

@@ -505,6 +505,7 @@ class SignalStorm {
 TEST_F(Agent, IsUnderstoodAndGivenUpInTimeAmidSignals) {
     const SignalStorm storm;
     agent.onRequest([](const Peer& peer, const wire::Request& request) {
+        if (request.body_type() == wire::Body::SearchClose) return;  // one-way, of a test before
         peer.sendInPieces(frame(goodAnswer(request)));
     });
     for (int i = 0; i < 20; ++i) {

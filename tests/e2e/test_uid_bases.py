@@ -17,7 +17,7 @@ def looked_up(shared_world):
     connection = shared_world.slapd(agent, directives=directives).start().connect()
 
     def look_up(base, filter="(objectClass=*)"):
-        found = search(connection, filter, ["uid", "uidNumber"], base, ldap.SCOPE_BASE)
+        found = search(connection, filter, None, base, ldap.SCOPE_BASE)
         return {dn.lower(): values(entry, "uid") for dn, entry in found.items()}
     return look_up
 
