@@ -42,9 +42,10 @@ struct AgentError {
     const char* textOrNone() const { return text ? text.get() : "<No Message>"; }
 };
 
-// Whether clients know it: the codes of RFC 4511 and what extensions have added.
-bool isResultCode(int code) {
-    static constexpr std::pair<int, int> kRanges[] = {{0, 8},   {10, 14},   {16, 21},    {32, 36},
+// Whether a failure can be told by it: the codes of RFC 4511 and what extensions have
+// added. Success is none, whatever an agent says: a client that reads it has logged in.
+bool tellsFailure(int code) {
+    static constexpr std::pair<int, int> kRanges[] = {{1, 8},   {10, 14},   {16, 21},    {32, 36},
                                                       {47, 54}, {60, 61},   {64, 71},    {76, 76},
                                                       {80, 80}, {113, 123}, {4096, 4096}};
     return std::any_of(std::begin(kRanges), std::end(kRanges),
@@ -127,7 +128,7 @@ class Diagnosis {
         SlapReply reply{};
         reply.sr_err = error.code;
         const int result = slap_map_api2result(&reply);
-        return isResultCode(result) ? result : LDAP_OTHER;
+        return tellsFailure(result) ? result : LDAP_OTHER;
     }
 
     const int m_size;

@@ -125,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ProtocolErrorCase{2, LDAP_CONNECT_ERROR, LDAP_UNAVAILABLE},
                     ProtocolErrorCase{2, LDAP_LOCAL_ERROR, LDAP_OTHER},
                     ProtocolErrorCase{2, LDAP_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT},
-                    ProtocolErrorCase{2, 0, LDAP_SUCCESS},  // as slapd maps it
+                    ProtocolErrorCase{2, 0, LDAP_OTHER},  // what has failed is no success
                     ProtocolErrorCase{2, LDAP_ADMINLIMIT_EXCEEDED, LDAP_ADMINLIMIT_EXCEEDED},
                     ProtocolErrorCase{2, LDAP_X_PROXY_AUTHZ_FAILURE, LDAP_X_PROXY_AUTHZ_FAILURE},
                     ProtocolErrorCase{2, 9, LDAP_OTHER}, ProtocolErrorCase{2, 15, LDAP_OTHER},
