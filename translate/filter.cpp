@@ -46,21 +46,20 @@ bool isDomainComponent(std::string_view text, std::size_t at) {
 }
 
 bool isDistinguishedName(std::string_view text) {
-    for (std::size_t at = text.find_first_of("Dd"); at != std::string_view::npos;
-         at = text.find_first_of("Dd", at + 1)) {
-        if (isDomainComponent(text, at)) return true;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (vorn::lower(text[at]) == 'd' && isDomainComponent(text, at)) return true;
     }
     return false;
 }
 
 // The value as a signed char: what is not ASCII is below zero.
-bool needsEscape(char c) {
+constexpr auto needsEscape = [](char c) {
     return c == '\\' || c == '(' || c == ')' || c == '*' || c == 0x7F || static_cast<signed char>(c) <= 0x1F;
-}
+};
 
 void appendEscaped(std::string* out, std::string_view text) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
-    if (isDistinguishedName(text)) {
+    if (std::none_of(text.begin(), text.end(), needsEscape) || isDistinguishedName(text)) {
         out->append(text);
         return;
     }

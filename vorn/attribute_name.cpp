@@ -9,17 +9,11 @@ namespace {
 
 constexpr std::string_view kOid = "OID.";
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-bool isLetter(char c) {
-    return lower(c) >= 'a' && lower(c) <= 'z';
-}
-
-bool isKeyChar(char c) {
-    return isLetter(c) || isDigit(c) || c == '-';
-}
+// Function objects, which the algorithms below can take in: each name of a filter passes
+// through here.
+constexpr auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+constexpr auto isLetter = [](char c) { return lower(c) >= 'a' && lower(c) <= 'z'; };
+constexpr auto isKeyChar = [](char c) { return isLetter(c) || isDigit(c) || c == '-'; };
 
 bool isWord(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), isKeyChar);
@@ -64,7 +58,8 @@ bool isAttributeName(std::string_view text) {
 
 bool isAttributeDescription(std::string_view text) {
     const std::string_view bare = withoutOptions(text);
-    if (!isNumericOid(bare) && !(isWord(bare) && isLetter(bare[0]))) return false;
+    const bool isNamed = isWord(bare) && isLetter(bare[0]);
+    if (!isNamed && !isNumericOid(bare)) return false;
     for (std::string_view rest = text.substr(bare.size()); !rest.empty();) {
         rest.remove_prefix(1);  // the semicolon
         const std::string_view option = withoutOptions(rest);
