@@ -87,11 +87,10 @@ std::string DN::dnFromDomain(const std::string& domain) {
 }
 
 bool DN::holdsNul(std::string_view dn) {
-    for (std::size_t i = 0; i < dn.size(); ++i) {
-        if (dn[i] == '\0') return true;
-        if (dn[i] != '\\') continue;
-        if (dn.substr(i + 1).starts_with("00")) return true;
-        ++i;  // the character that it escapes, which may be a backslash
+    if (dn.find('\0') != std::string_view::npos) return true;
+    // Behind a backslash stands the character that it escapes, which may be another one.
+    for (std::size_t at = dn.find('\\'); at != std::string_view::npos; at = dn.find('\\', at + 2)) {
+        if (dn.substr(at + 1).starts_with("00")) return true;
     }
     return false;
 }

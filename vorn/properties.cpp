@@ -103,7 +103,8 @@ std::optional<std::string> Properties::find(std::string_view key) const {
 }
 
 std::string Properties::get(std::string_view key, std::string_view fallback) const {
-    return find(key).value_or(std::string(fallback));
+    std::optional<std::string> value = find(key);
+    return value ? *std::move(value) : std::string(fallback);
 }
 
 std::unique_ptr<Properties::Map> Properties::getMap(std::string_view prefix) const {
