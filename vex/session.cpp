@@ -14,12 +14,25 @@ Milliseconds timeoutFrom(const std::string& text) {
     return std::chrono::seconds(isGood ? *seconds : VEX_DEADLINE_SECONDS);
 }
 
-}  // namespace
-
-Endpoint configuredEndpoint() {
-    const vorn::Properties& settings = vorn::Props(false, false);
+Endpoint endpointFrom(const vorn::Properties& settings) {
     return {vorn::loadSetting(vorn::SETTING_AGENT_SOCKET, settings),
             timeoutFrom(vorn::loadSetting(vorn::SETTING_AGENT_TIMEOUT, settings))};
+}
+
+// What the thread read last, and of which settings: each session begins with it.
+struct LastEndpoint {
+    std::uint64_t version = 0;
+    Endpoint endpoint{};
+};
+
+}  // namespace
+
+const Endpoint& configuredEndpoint() {
+    thread_local LastEndpoint last;
+    const vorn::Properties& settings = vorn::Props(false, false);
+    const std::uint64_t version = settings.version();
+    if (last.version != version) last = {version, endpointFrom(settings)};
+    return last.endpoint;
 }
 
 }  // namespace vex

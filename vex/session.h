@@ -24,8 +24,9 @@ struct ProtocolError {
     std::optional<std::string> text;
 };
 
-// Where the settings say that the agent is. Throws what reading settings throws.
-Endpoint configuredEndpoint();
+// Where the settings say that the agent is; stays until the thread asks again. Throws
+// what reading settings throws.
+const Endpoint& configuredEndpoint();
 
 }  // namespace vex
 
