@@ -62,6 +62,20 @@ void Logger::ReconfigureLevels(const Properties& settings) {
     LogRegistry::instance().configure(settings);
 }
 
+// The two steps of each look at a threshold; what they seldom need stands apart.
+
+inline void Logger::followSettings() {
+    if (!m_followsSettings) return;
+    const unsigned generation = LogRegistry::instance().generation();
+    if (m_generation.load(std::memory_order_relaxed) != generation) takeLevels(generation);
+}
+
+// After followSettings.
+inline int Logger::resolve(Threshold Logger::*threshold) {
+    const int own = (this->*threshold).load(std::memory_order_relaxed);
+    return own != kUnset ? own : inherit(threshold);
+}
+
 int Logger::fileThreshold() {
     return current(&Logger::m_fileThreshold);
 }
@@ -71,30 +85,24 @@ int Logger::syslogThreshold() {
 }
 
 int Logger::current(Threshold Logger::*threshold) {
-    if (m_followsSettings) followSettings();
+    followSettings();
     return resolve(threshold);
 }
 
 bool Logger::admits(int level) {
-    if (m_followsSettings) followSettings();
+    followSettings();
     return resolve(&Logger::m_fileThreshold) <= level || resolve(&Logger::m_syslogThreshold) <= level;
 }
 
-// After followSettings.
-int Logger::resolve(Threshold Logger::*threshold) {
-    const int own = (this->*threshold).load(std::memory_order_relaxed);
-    if (own != kUnset) return own;
+int Logger::inherit(Threshold Logger::*threshold) {
     const int inherited = m_parent == nullptr ? kNothing : m_parent->current(threshold);
     (this->*threshold).store(inherited, std::memory_order_relaxed);
     return inherited;
 }
 
 // Forgets what was taken from ancestors as well, since theirs may have changed.
-void Logger::followSettings() {
-    LogRegistry& registry = LogRegistry::instance();
-    const unsigned generation = registry.generation();
-    if (m_generation.load(std::memory_order_relaxed) == generation) return;
-    const LogLevels levels = registry.levels(m_channel);
+void Logger::takeLevels(unsigned generation) {
+    const LogLevels levels = LogRegistry::instance().levels(m_channel);
     m_fileThreshold.store(levels.file, std::memory_order_relaxed);
     m_syslogThreshold.store(levels.syslog, std::memory_order_relaxed);
     m_generation.store(generation, std::memory_order_relaxed);

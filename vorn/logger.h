@@ -83,7 +83,9 @@ class Logger {
     static std::shared_ptr<Logger> makeForThread(std::string_view channel);
     int current(Threshold Logger::*threshold);
     int resolve(Threshold Logger::*threshold);
+    int inherit(Threshold Logger::*threshold);
     void followSettings();
+    void takeLevels(unsigned generation);
 
     const std::string m_channel;
     // Atomic so that a handle that strays into another thread does no harm.
