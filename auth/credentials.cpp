@@ -143,7 +143,7 @@ CredManager::t_bind_info& CredManager::install(Binds* fresh, Order* place) {
     return bind->second;
 }
 
-void CredManager::addConnID(unsigned long connection, const std::string& dn) {
+void CredManager::addConnID(unsigned long connection, std::string_view dn) {
     if (dn.empty()) return;
     const vorn::WriterLock guard(m_lock);
     Connection& user = pointed(connection, dn);
@@ -153,7 +153,7 @@ void CredManager::addConnID(unsigned long connection, const std::string& dn) {
 // The connection's record, with the DN as its last. When memory runs out, nothing has
 // changed. Its binds with another DN stay with that for good: should it come back, there
 // is one more for its end to take.
-CredManager::Connection& CredManager::pointed(unsigned long connection, const std::string& dn) {
+CredManager::Connection& CredManager::pointed(unsigned long connection, std::string_view dn) {
     Connection& user = m_connections.try_emplace(connection, dn).first->second;
     if (user.dn == dn) return user;
     user.dn = dn;

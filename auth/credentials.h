@@ -37,7 +37,7 @@ class CredManager {
     void addCreds(unsigned long connection, const std::string& dn, const std::string& password);
 
     // Records that a connection bound with a DN that was answered from the cache.
-    void addConnID(unsigned long connection, const std::string& dn);
+    void addConnID(unsigned long connection, std::string_view dn);
 
     // Forgets a closed connection, and the credential that it was the last to use.
     void delCreds(unsigned long connection);
@@ -63,7 +63,7 @@ class CredManager {
         Order::iterator place;                   // in m_order
     };
     struct Connection {
-        explicit Connection(const std::string& name) : dn(name) {}
+        explicit Connection(std::string_view name) : dn(name) {}
         std::string dn;                    // the one last bound with
         std::shared_ptr<Holders> holders;  // of the credential that its binds count for; may be null,
         std::uint64_t binds = 0;           // or of one that is gone
@@ -74,7 +74,7 @@ class CredManager {
     bool vouches(const Credential& credential, const char* dn, const char* password) const;
 
     // All below are called with the write lock held.
-    Connection& pointed(unsigned long connection, const std::string& dn);
+    Connection& pointed(unsigned long connection, std::string_view dn);
     t_bind_info& install(Binds* fresh, Order* place);
     void count(Connection& connection, const t_bind_info& bind);
     void forget(Binds::iterator bind);
