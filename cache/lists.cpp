@@ -1,4 +1,5 @@
 // The list cache: GUID lists by search key.
+#include <algorithm>
 #include <utility>
 
 #include "backend/log.h"
@@ -22,7 +23,11 @@ std::size_t bytesOf(const GuidList& guids) {
 // its own.
 
 std::string SearchCacheManager::listKey(const std::string& filter, const std::string& baseDn, int scope) {
-    return vorn::lower(filter) + vorn::lower(baseDn) + vorn::itoa(scope, 10);
+    std::string key;
+    key.reserve(filter.size() + baseDn.size() + 1);  // a scope has one digit
+    key.append(filter).append(baseDn);
+    std::transform(key.begin(), key.end(), key.begin(), [](char c) { return vorn::lower(c); });
+    return key.append(vorn::itoa(scope, 10));
 }
 
 int SearchCacheManager::getList(const std::string& key, std::shared_ptr<GuidList>& out) {

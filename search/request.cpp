@@ -144,7 +144,7 @@ void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
     // The key's text is in lower case: what finds nothing for one spelling must not
     // answer for another.
     if (request->caseCounts) request->cacheable = false;
-    request->key = vorn::lower(request->filter + request->base) + vorn::itoa(scope, 10);
+    request->key = SearchCacheManager::listKey(request->filter, request->base, scope);
     if (request->key.size() > SearchCacheManager::kMaxKeyBytes) request->cacheable = false;
 }
 
