@@ -5,48 +5,35 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cstddef>
 #include <functional>
-#include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "backend/settings.h"
 #include "search/fixture.h"
 #include "search/testing.h"
-#include "tests/standin/inside.h"
+#include "tests/standin/scarce_memory.h"
 #include "vorn/thread.h"
 
 #include "tests/standin/slapd_standin.h"
 
 namespace {
 
-// Allocations that succeed before the one that does not; none fails below zero. Those of
-// the stand-ins do not count.
-long left = -1;
-bool runsOut = false;
-bool hookRuns = false;
+// The allocation of the next search that fails, counted from 1; 0 for none.
+std::size_t failing = 0;
+bool ranOut = false;
+std::optional<standin::ScarceMemory> scarce;
 
-bool isRefused() {
-    if (!runsOut || !hookRuns || standin::Inside::any()) return false;
-    return left-- == 0;
+void onHook(bool runs) {
+    if (runs && failing > 0) {
+        scarce.emplace(failing);
+    } else if (scarce) {
+        ranOut = scarce->ranOut();
+        scarce.reset();
+    }
 }
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    void* const memory = isRefused() ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
-namespace {
 
 using searchtest::cookieOf;
 using searchtest::Paged;
@@ -57,7 +44,7 @@ using searchtest::Request;
 class Attempt : public searchtest::Fixture {
   public:
     Attempt() {
-        searchtest::onHook = [](bool runs) { hookRuns = runs; };
+        searchtest::onHook = onHook;
         vorn::Thread::SetThreadsActive(true);
         standin::searchFor({}, {{person("ann"), person("bob"), person("cyd")}});
         for (const char* name : {"ann", "bob", "cyd"}) {
@@ -98,10 +85,10 @@ void PrintTo(const Case& one, std::ostream* out) {
 
 class MemoryTest : public testing::TestWithParam<Case> {
   protected:
-    ~MemoryTest() override { runsOut = false, left = -1, searchtest::onHook = nullptr; }
+    ~MemoryTest() override { failing = 0, searchtest::onHook = nullptr; }
 
-    // The watched search's answer when so many allocations succeed.
-    static std::string answer(Attempt& attempt, long allocations) {
+    // The watched search's answer when the allocation of that number fails; 0 for none.
+    static std::string answer(Attempt& attempt, std::size_t number) {
         const Case& one = GetParam();
         Request request = one.request;
         Paged paged{2, ""};
@@ -110,36 +97,36 @@ class MemoryTest : public testing::TestWithParam<Case> {
             attempt.search(request);
             paged.cookie = attempt.cookie();
         }
-        left = allocations, runsOut = allocations >= 0;
+        failing = number, ranOut = false;
         std::string text = attempt.search(request);
-        runsOut = false;
+        failing = 0;
         return text;
     }
     // A fresh attempt's usual answer, and the same search's afterwards.
     static std::string usual() {
         Attempt attempt;
         GetParam().before(attempt);
-        return answer(attempt, -1);
+        return answer(attempt, 0);
     }
 };
 
 TEST_P(MemoryTest, ASearchThatRunsOutOfItEndsInOrder) {
     const std::string whole = usual();
-    long allocations = 0;
-    for (bool ranOut = true; ranOut; ++allocations) {
-        ASSERT_LT(allocations, 5000);
+    std::size_t number = 1;
+    for (bool more = true; more; ++number) {
+        ASSERT_LT(number, 5000u);
         Attempt attempt;
         GetParam().before(attempt);
-        const std::string told = answer(attempt, allocations);
-        ranOut = left < 0;
+        const std::string told = answer(attempt, number);
+        more = ranOut;
         if (told != whole) {
             EXPECT_TRUE(ranOut);
-            EXPECT_TRUE(told.ends_with("80 std::bad_alloc\n")) << allocations << ": " << told;
+            EXPECT_TRUE(told.ends_with("80 std::bad_alloc\n")) << number << ": " << told;
         }
         if (GetParam().laterPage) continue;  // its page is the connection's only once
-        EXPECT_EQ(answer(attempt, -1), whole) << "after " << allocations;
+        EXPECT_EQ(answer(attempt, 0), whole) << "after " << number;
     }
-    EXPECT_GT(allocations, 1);
+    EXPECT_GT(number, 2u);
 }
 
 void nothing(Attempt& /*attempt*/) {}

@@ -117,24 +117,29 @@ def refusal(action):
 
 
 def test_too_many_groups_are_a_failure_and_no_part_of_the_answer(world):
-    connection = world.slapd(world.agent(ad__groups__max=5).start()).start().connect()
+    log = world.folder / "agent.log"
+    connection = world.slapd(world.agent(ad__groups__max=5, log__file=log).start()).start().connect()
     why = (11, "vexLdapSearch :directory error (vexRC=8), errSystem=LDAP, errCode=11, "
-               "errString=membership goes through more than 5 groups (ad.groups.max)")
+               "errString=membership goes through too many groups")
     assert members(connection, "g-level08") == ["s-good"]
     assert refusal(lambda: members(connection, "g-level07")) == why
     assert groups_of(connection, "s-other") == {*CYCLE, "Domain Users"}
     assert refusal(lambda: groups_of(connection, "s-good")) == why
+    assert "membership goes through more than 5 groups (ad.groups.max)" in log.read_text(encoding="utf-8")
 
 
 def test_too_many_open_searches_are_told_so(world):
     """Each holds a connection to the domain until it is read to its end or given up."""
-    slapd = world.slapd(world.agent(ad__connections=1).start()).start()
+    log = world.folder / "agent.log"
+    slapd = world.slapd(world.agent(ad__connections=1, log__file=log).start()).start()
     everybody = "(&(objectClass=posixAccount)(uid=m0*))"
     reading = [pages(slapd.connect(), everybody, 10) for _ in range(4)]
     assert [len(next(each)) for each in reading] == [10] * 4
     assert refusal(lambda: next(pages(slapd.connect(), everybody, 10))) == (
         51, "vexLdapSearch :directory error (vexRC=8), errSystem=LDAP, errCode=51, "
-            "errString=too many searches of example.com are open: 4, four times ad.connections")
+            "errString=too many searches are open")
+    told = "too many searches of example.com are open: 4, four times ad.connections"
+    assert told in log.read_text(encoding="utf-8")
     assert len(search(slapd.connect(), "(&(objectClass=posixAccount)(uid=s-good))")) == 1
     assert sum(map(len, reading[0])) == 990
     assert len(next(pages(slapd.connect(), everybody, 10))) == 10
