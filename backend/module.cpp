@@ -9,6 +9,7 @@
 #include "backend/backend.h"
 #include "backend/log.h"
 #include "cache/search_cache.h"
+#include "search/entries.h"
 #include "search/handles.h"
 #include "search/search.h"
 #include "vex/vex.h"
@@ -84,6 +85,7 @@ int vex_back_destroy(BackendDB* /*be*/, ConfigReply* /*reply*/) {
         delete back_vex_search_handle;
     }
     SearchCacheManager::Destroy();
+    EntryMaker::forgetRefused();
     if (vexStringSet* names = gSupportedObjectAttrList.load()) vexFreeStringSet(names);
     return 0;
 }

@@ -6,11 +6,20 @@
 #include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "vorn/dn.h"
+#include "vorn/remembered.h"
 #include "vorn/strings.h"
 
 #include "backend/slapd.h"
 
 namespace {
+
+// slapd does not give back all that it took for a text which it refuses in the end, and
+// the same object makes the same text with each search: so none is given to it twice.
+constexpr std::size_t kMostRefused = std::size_t{8} << 20;
+vorn::Remembered& refusedTexts() {
+    static vorn::Remembered& theOne = *new vorn::Remembered(kMostRefused);
+    return theOne;
+}
 
 // The mark's presence alone disqualifies an object, whatever its value.
 bool isMarkedInvalid(vexSession* session, const vexObject* object) {
@@ -49,8 +58,9 @@ EntryMaker::Result EntryMaker::convert(vexSession* session, FoundObject* found, 
         ldif = toLdif(session, found->object.get(), &complained);
         if (ldif.empty()) return Result::Skipped;
     }
-    *entry = parse(ldif);
+    if (!refusedTexts().has(ldif)) *entry = parse(ldif);
     if (*entry == nullptr) {
+        refusedTexts().add(ldif);
         JPrintfLines("Skipping object, invalid ldif ", ldif);
         return Result::Skipped;
     }
@@ -84,6 +94,10 @@ std::string EntryMaker::toLdif(vexSession* session, const vexObject* object, boo
 SharedEntry EntryMaker::parse(std::string ldif) {
     Entry* const entry = str2entry(ldif.data());
     return entry == nullptr ? nullptr : SharedEntry(entry, entry_free);
+}
+
+void EntryMaker::forgetRefused() {
+    refusedTexts().forget();
 }
 
 // A base search answers with the base itself, or with nothing; the rewritten

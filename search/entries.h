@@ -35,6 +35,9 @@ class EntryMaker {
     // the text itself, and the caller's copy is what a complaint shows.
     static SharedEntry parse(std::string ldif);
 
+    // slapd is given no text of an object twice that it has refused: but after this it is.
+    static void forgetRefused();
+
   private:
     Result convert(vexSession* session, FoundObject* found, SharedEntry* entry, vexCode* code) const;
     Result fetchByDn(vexSession* session, vex::UniqueObject* object, vexCode* code) const;

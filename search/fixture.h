@@ -10,6 +10,7 @@
 #include "backend/settings.h"
 #include "backend/supported_attributes.h"
 #include "cache/search_cache.h"
+#include "search/entries.h"
 #include "search/handles.h"
 #include "search/testing.h"
 #include "tests/standin/vex_standin.h"
@@ -31,6 +32,7 @@ class Fixture : public testing::Test {
         m_handles.clearAllSearchHandle();
         back_vex_search_handle = nullptr;
         SearchCacheManager::Destroy();
+        EntryMaker::forgetRefused();
         if (vexStringSet* names = gSupportedObjectAttrList.exchange(nullptr)) vexFreeStringSet(names);
         gTranslationMap = nullptr;
         gFetchByDnUID = gNetgroupUseRfc2307 = gSearchReportErrors = gCacheEnabled = false;

@@ -172,6 +172,38 @@ TEST_F(SearchTest, AnObjectWhoseLdifIsNoEntryIsSkipped) {
     EXPECT_THAT(log.records(), testing::Contains(HasSubstr("Skipping object, invalid ldif dn: CN=ann")));
 }
 
+// slapd keeps some of what it took for it, each time.
+TEST_F(SearchTest, AnObjectWhoseLdifIsNoEntryIsGivenToSlapdOnceAndToldEachTime) {
+    const standin::CapturedLog log;
+    standin::rejectEntriesWith("CN=ann");
+    for (int time = 1; time <= 3; ++time) {
+        standin::search({person("ann"), person("bob")});
+        const auto sent = m_client.search(Request{});
+        ASSERT_EQ(sent.size(), 2U);
+        EXPECT_THAT(sent[0].text, HasSubstr("CN=bob"));
+        EXPECT_EQ(standin::parsedTexts(), time + 1) << "ann once, bob each time";
+        const auto records = log.records();
+        EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                                [](const std::string& line) {
+                                    return line.find("Skipping object, invalid ldif dn: CN=ann") !=
+                                           std::string::npos;
+                                }),
+                  time);
+    }
+}
+
+TEST_F(SearchTest, AnObjectThatHasChangedIsGivenToSlapdAgain) {
+    standin::rejectEntriesWith("right@");
+    auto ann = person("ann");
+    ann.push_back({"info", {"wright@"}});
+    standin::search({ann});
+    EXPECT_EQ(m_client.search(Request{}).size(), 1U);
+    ann.back() = {"info", {"left@"}};
+    standin::search({ann});
+    EXPECT_EQ(m_client.search(Request{}).size(), 2U);
+    EXPECT_EQ(standin::parsedTexts(), 2);
+}
+
 TEST_F(SearchTest, TheLinesOfASearchAreLogged) {
     const standin::CapturedLog log;
     standin::search({person("ann")});

@@ -33,6 +33,8 @@ AttributeDescription* knowAttributeWithFlags(const std::string& name, unsigned s
 void filterAnswers(int code);
 // str2entry refuses texts that hold this; besides, those without a "dn:" line.
 void rejectEntriesWith(const std::string& part);
+// How many texts str2entry was given since resetSlapd.
+int parsedTexts();
 // How many entries str2entry has made that entry_free has not freed.
 int liveEntries();
 // backend_add answers this, when it is not 0, after it has taken the record.

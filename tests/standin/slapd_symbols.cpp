@@ -40,6 +40,7 @@ struct Slapd {
     std::map<std::string, std::unique_ptr<Known>, IgnoringCase> undefined;
     std::string rejected;
     int filterCode = LDAP_COMPARE_TRUE;
+    int parsedTexts = 0;
     int liveEntries = 0;
     BackendInfo* backend = nullptr;
     int registrationAnswer = 0;
@@ -140,6 +141,7 @@ void resetSlapd() {
     s.undefined.clear();
     s.rejected.clear();
     s.filterCode = LDAP_COMPARE_TRUE;
+    s.parsedTexts = 0;
     s.liveEntries = 0;
     s.backend = nullptr;
     s.registrationAnswer = 0;
@@ -164,6 +166,11 @@ void filterAnswers(int code) {
 void rejectEntriesWith(const std::string& part) {
     std::lock_guard guard(slapd().mutex);
     slapd().rejected = part;
+}
+
+int parsedTexts() {
+    std::lock_guard guard(slapd().mutex);
+    return slapd().parsedTexts;
 }
 
 int liveEntries() {
@@ -261,6 +268,7 @@ Entry* str2entry(char* text) {
     const standin::Inside inside;
     {
         std::lock_guard guard(slapd().mutex);
+        slapd().parsedTexts++;
         if (!slapd().rejected.empty() && std::strstr(text, slapd().rejected.c_str())) return nullptr;
         slapd().liveEntries++;
     }
