@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "backend/log.h"
@@ -10,7 +11,9 @@
 #include "translate/map.h"
 #include "vex/handles.h"
 #include "vorn/dn.h"
+#include "vorn/remembered.h"
 #include "vorn/strings.h"
+#include "vorn/utf8.h"
 
 #include "backend/slapd.h"
 
@@ -18,6 +21,9 @@ namespace {
 
 // Room for the text of a common object.
 constexpr std::size_t kUsualLength = 4096;
+
+// Room for the names of attributes, each with its object's DN, that were complained of.
+constexpr std::size_t kMostLeftOut = std::size_t{1} << 20;
 
 constexpr char kNoText[] = "<binary data>";
 
@@ -49,11 +55,32 @@ vexBlob blobOf(std::string_view text) {
     return {static_cast<std::uint32_t>(text.size()), reinterpret_cast<const unsigned char*>(text.data())};
 }
 
-bool hasBinarySyntax(const char* name) {
+// The syntax of an attribute's values; null when slapd does not know the attribute.
+Syntax* syntaxOf(const char* name) {
     AttributeDescription* description = nullptr;
     const char* reason = nullptr;
-    return slap_str2ad(name, &description, &reason) == LDAP_SUCCESS &&
-           (description->ad_type->sat_syntax->ssyn_flags & SLAP_SYNTAX_BINARY) != 0;
+    return slap_str2ad(name, &description, &reason) == LDAP_SUCCESS ? description->ad_type->sat_syntax
+                                                                    : nullptr;
+}
+
+bool isBinary(const Syntax* syntax) {
+    return syntax != nullptr && (syntax->ssyn_flags & SLAP_SYNTAX_BINARY) != 0;
+}
+
+// Whether these bytes, which are not UTF-8, can be no value of the syntax, as they can
+// be none of a text's.
+bool refuses(Syntax* syntax, std::string_view bytes) {
+    if (syntax == nullptr || isBinary(syntax) || syntax->ssyn_validate == nullptr) return false;
+    std::string copy(bytes);
+    berval value = {copy.size(), copy.data()};
+    return syntax->ssyn_validate(syntax, &value) != LDAP_SUCCESS;
+}
+
+// Whether slapd would refuse the value, and the entry with it, for bytes that are no text.
+bool isUnreadableText(const char* name, const vexBlob& value) {
+    if (value.data == nullptr) return false;
+    const std::string_view bytes = bytesOf(value);
+    return !vorn::isUtf8(bytes) && refuses(syntaxOf(name), bytes);
 }
 
 // A graphic character of ASCII.
@@ -98,6 +125,9 @@ class Conversion {
     void writeRemainingAttribute(const char* name);
     bool replaceWhileMapping(const char* name);
     void writeAsItIs(const char* name);
+
+    void writeValues(const char* name, const vex::BlobList& values);
+    void tellOfLeftOut(const char* name);
 
     bool isRequested(std::string_view name) const {
         return m_request.requested.empty() || vorn::stringInList(m_request.requested, name, false);
@@ -217,7 +247,7 @@ void Conversion::writeMappedAttribute(const std::string& key, const std::string&
     if (!m_request.includeCn && vorn::equalsIgnoreCase(ldapName, AD_CN)) return;
     if (vorn::equalsIgnoreCase(ldapName, "dn")) return;
     if (m_logs) JPrintf("object_to_ldif: mapping %s to %s", agentAttribute.c_str(), ldapName);
-    attr_values_to_ldif(&m_ldif, ldapName, values.values(), values.count());
+    writeValues(ldapName, values);
     m_written.emplace_back(ldapName);
 }
 
@@ -263,15 +293,36 @@ void Conversion::writeAsItIs(const char* name) {
         JPrintf("object_to_ldif: Error rc = %s (%d) from vexGetAttributeList", codeText(code), code);
         return;
     }
-    const bool binary = hasBinarySyntax(name);
+    const bool binary = isBinary(syntaxOf(name));
     if (m_logs) {
         JPrintf("object_to_ldif: attrName = %s, value[0] = %s", name, shownValue(values, binary));
     }
     if (binary) {
         attr_values_to_ldif(&m_ldif, std::string(name) + ";binary", values.values(), values.count());
     } else {
-        attr_values_to_ldif(&m_ldif, name, values.values(), values.count());
+        writeValues(name, values);
     }
+}
+
+// One value that slapd cannot take would cost the person all the others.
+void Conversion::writeValues(const char* name, const vex::BlobList& values) {
+    bool whole = true;
+    for (const vexBlob& value : std::span(values.values(), static_cast<std::size_t>(values.count()))) {
+        if (isUnreadableText(name, value))
+            whole = false;
+        else
+            attr_values_to_ldif(&m_ldif, name, &value, 1);
+    }
+    if (!whole) tellOfLeftOut(name);
+}
+
+// Once: the object is read again and again.
+void Conversion::tellOfLeftOut(const char* name) {
+    static vorn::Remembered& told = *new vorn::Remembered(kMostLeftOut);
+    vex::UniqueString dn;
+    if (vex::readAttribute(m_session, m_object, AD_OBJECT_DN_TEXT, &dn) != VEX_OK) return;
+    if (!told.add(std::string(name) + ' ' + dn.get())) return;
+    JError("object_to_ldif: left out what is not UTF-8 of %s of %s", name, dn.get());
 }
 
 }  // namespace

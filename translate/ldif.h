@@ -19,10 +19,11 @@ struct LdifRequest {
 
 // The object's text: the DN line, the attributes that gTranslationMap names, then
 // the others. Lines end in "\n". Never fails: what cannot be read is logged and
-// left out; a text without a DN line is none that str2entry takes. The DN is
-// written as it is, not as base64, unless it holds a line break. Safe for several
-// threads, each with its own session. complained, if given, is set when an error was
-// logged, and left alone otherwise.
+// left out; a text without a DN line is none that str2entry takes. Values that are not
+// UTF-8 are left out where slapd knows the attribute's syntax as one of text, which is
+// logged once for an object's attribute. The DN is written as it is, not as base64,
+// unless it holds a line break. Safe for several threads, each with its own session.
+// complained, if given, is set when another error was logged, and left alone otherwise.
 std::string object_to_ldif(vexSession* session, const vexObject* object, const LdifRequest& request,
                            bool* complained = nullptr);
 

@@ -9,6 +9,7 @@
 #include "tests/standin/vex_standin.h"
 #include "translate/ldif_reader.h"
 #include "vex/handles.h"
+#include "vorn/utf8.h"
 
 #include "tests/standin/slapd_standin.h"
 
@@ -311,6 +312,75 @@ TEST_F(Ldif, BinarySyntaxIsMarked) {
     m_map.parse("posixAccount.userCertificate = cert\n", "test");
     const std::string ldif = convert(person({{"cert", {"\x01"}}}), posixAccount());
     EXPECT_NE(ldif.find("userCertificate:: AQ==\n"), std::string::npos);
+}
+
+// As slapd's text syntaxes, an octet string's, and one that is known and never looked at.
+int isText(Syntax* /*syntax*/, berval* value) {
+    return vorn::isUtf8({value->bv_val, value->bv_len}) ? LDAP_SUCCESS : LDAP_INVALID_SYNTAX;
+}
+int isAnything(Syntax* /*syntax*/, berval* /*value*/) {
+    return LDAP_SUCCESS;
+}
+void knowWithValidator(const char* name, slap_syntax_validate_func* validate, bool binary = false) {
+    standin::knowAttribute(name, binary)->ad_type->sat_syntax->ssyn_validate = validate;
+}
+
+TEST_F(Ldif, ValuesThatAreNotUtf8AreLeftOutOfTextsAndNowhereElse) {
+    knowWithValidator("description", isText);
+    knowWithValidator("gecos", isText);
+    knowWithValidator("objectSid", isAnything);
+    knowWithValidator("userCertificate", isText, true);
+    standin::knowAttribute("photo");
+    const standin::CapturedStderr errors;
+    EXPECT_EQ(
+        convert(person({{"description", {"one", "J\xFCrgen", "J\xC3\xBCrgen"}},
+                        {"objectSid", {"\xFC"}},
+                        {"userCertificate", {"\xFC"}},
+                        {"photo", {"\xFC"}},
+                        {"unheardOf", {"\xFC"}},
+                        {"displayName", {"Ann", "\xC3"}}}),
+                posixAccount()),
+        "dn: cn=ann,OU=Staff,DC=example,DC=com\ngecos: Ann\nuid: ann\nsAMAccountName: ann\n"
+        "description: one\ndescription:: SsO8cmdlbg==\nobjectSid:: /A==\nuserCertificate;binary:: /A==\n"
+        "photo:: /A==\nunheardOf:: /A==\ndisplayName: Ann\ndisplayName:: ww==\n");
+}
+
+TEST_F(Ldif, WhatIsLeftOutIsToldOnceForAnObjectsAttribute) {
+    for (const char* name : {"description", "info"}) knowWithValidator(name, isText);
+    const standin::CapturedLog log;
+    const standin::CapturedStderr errors;
+    const auto told = [&](const std::string& attribute, const std::string& dn) {
+        return log.count("dirgate ERROR: object_to_ldif: left out what is not UTF-8 of " + attribute +
+                         " of " + dn);
+    };
+    for (int time = 0; time < 3; ++time) {
+        convert({{"_dn", {"CN=odd 1"}}, {"description", {"\xFC", "\xFD"}}, {"info", {"\xFC"}}}, {});
+        convert({{"_dn", {"CN=odd 2"}}, {"description", {"\xFC"}}, {"info", {"fine"}}}, {});
+    }
+    EXPECT_EQ(told("description", "CN=odd 1"), 1);
+    EXPECT_EQ(told("info", "CN=odd 1"), 1);
+    EXPECT_EQ(told("description", "CN=odd 2"), 1);
+    EXPECT_EQ(told("info", "CN=odd 2"), 0);
+}
+
+// slapd is asked about bytes that are not UTF-8 alone.
+TEST_F(Ldif, ATextIsNotValidated) {
+    static int asked = 0;
+    knowWithValidator("description", [](Syntax*, berval*) { return ++asked; });
+    convert({{"_dn", {"CN=a"}}, {"description", {"", "one", "\xC3\xBC", std::string(5000, 'x')}}}, {});
+    EXPECT_EQ(asked, 0);
+    const standin::CapturedStderr errors;
+    convert({{"_dn", {"CN=a"}}, {"description", {"one", "\xFC"}}}, {});
+    EXPECT_EQ(asked, 1);
+}
+
+TEST_F(Ldif, WhatIsLeftOutIsNoErrorOfTheConversion) {
+    knowWithValidator("description", isText);
+    const standin::CapturedStderr errors;
+    const vex::UniqueObject object(standin::makeObject({{"_dn", {"CN=odd 3"}}, {"description", {"\xFC"}}}));
+    bool complained = false;
+    EXPECT_EQ(object_to_ldif(nullptr, object.get(), {}, &complained), "dn: CN=odd 3\n");
+    EXPECT_FALSE(complained) << "so the entry may be kept";
 }
 
 TEST_F(Ldif, GeneratedObjectsComeBackWhole) {
