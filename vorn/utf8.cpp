@@ -1,5 +1,8 @@
 #include "vorn/utf8.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace vorn {
 namespace {
 
@@ -18,6 +21,17 @@ int followers(unsigned char first) {
 
 bool isScalar(char32_t code) {
     return code <= kLastCodePoint && (code < kFirstSurrogate || code > kLastSurrogate);
+}
+
+// How many bytes of ASCII the text begins with, counted in whole words: most texts are of
+// nothing else.
+std::size_t wordsOfAscii(std::string_view text) {
+    std::size_t length = 0;
+    for (std::uint64_t word; length + sizeof word <= text.size(); length += sizeof word) {
+        std::memcpy(&word, text.data() + length, sizeof word);
+        if ((word & 0x8080808080808080U) != 0) break;
+    }
+    return length;
 }
 
 }  // namespace
@@ -39,6 +53,7 @@ std::size_t utf8Length(std::string_view text) {
 }
 
 bool isUtf8(std::string_view text) {
+    text.remove_prefix(wordsOfAscii(text));
     while (!text.empty()) {
         const std::size_t length = utf8Length(text);
         if (length == 0) return false;

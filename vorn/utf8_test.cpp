@@ -41,5 +41,21 @@ TEST(Utf8, TheWholeTextCounts) {
     EXPECT_FALSE(isUtf8("J\xc3\xbcrgen\xc3"));
 }
 
+// Whatever the length and the place: ASCII is passed over in words.
+TEST(Utf8, AByteThatIsNoneIsSeenAnywhere) {
+    for (std::size_t length = 1; length < 40; ++length) {
+        const std::string ascii(length, '\x7f');
+        EXPECT_TRUE(isUtf8(ascii)) << length;
+        for (std::size_t at = 0; at < length; ++at) {
+            for (const char odd : {'\x80', '\xfc', '\xff'}) {
+                std::string text = ascii;
+                text[at] = odd;
+                EXPECT_FALSE(isUtf8(text)) << at << " of " << length;
+            }
+            EXPECT_TRUE(isUtf8(std::string(ascii).insert(at, "\xf0\x9f\x98\x80"))) << at << " of " << length;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace vorn
