@@ -92,7 +92,7 @@ TEST(DN, EscapeValue) {
 
 TEST(DN, HoldsNul) {
     for (const std::string& dn :
-         {"cn=ann\0x,dc=x"s, "cn=ann\\00x,dc=x"s, "cn=ann,dc=x\\00"s, "\0"s, "cn=a\\\\\\00"s})
+         {"cn=ann\0x,dc=x"s, "cn=ann\\00x,dc=x"s, "cn=ann,dc=x\\00"s, "\0"s, "cn=a\\\\\\00"s, "cn=a\\\0b"s})
         EXPECT_TRUE(DN::holdsNul(dn)) << dn;
     for (const std::string& dn : {""s, "cn=ann,dc=x"s, "cn=a\\\\00b"s, "cn=a00b"s, "cn=a\\0Ab"s,
                                   "cn=a\\,00b"s, "cn=a\\0"s, "cn=a\\"s})

@@ -24,6 +24,7 @@ void wipe(void* memory, std::size_t size) {
 // reachable.
 void wipe(std::string& text) {
     wipeBuffer(text);
+    if (text.capacity() == std::string().capacity()) return;  // that was the short one
     std::string longBuffer;
     longBuffer.swap(text);
     wipeBuffer(text);
