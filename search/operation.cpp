@@ -61,8 +61,10 @@ bool SearchOperation::prepare() {
     if (const auto rejection = prepareBase({m_op->o_req_dn.bv_val, m_op->o_req_dn.bv_len}, &m_request))
         return reject(*rejection);
     m_omitDn = m_request.base.empty() && m_op->ors_scope == LDAP_SCOPE_BASE;
-    JPrintf("vex search after translation filter = %s", filterForLog(m_request.filter).c_str());
-    JPrintf("vex search using base: %s", m_request.base.c_str());
+    if (JPrintfEnabled()) {
+        JPrintf("vex search after translation filter = %s", filterForLog(m_request.filter).c_str());
+        JPrintf("vex search using base: %s", m_request.base.c_str());
+    }
     return true;
 }
 
@@ -99,11 +101,15 @@ bool SearchOperation::resumeOrOpen() {
     }
     prepareAttributes(m_op->ors_attrs, &m_request);
     prepareCaching(m_cache->isEnabled(), m_op->ors_scope, &m_request);
+    if (JPrintfEnabled()) logRequest();
+    return true;
+}
+
+void SearchOperation::logRequest() {
     JPrintf("vex search num attrs = %d, req_dn = '%s', filter = %s,\nold attrs = %s,\nnew attrs = %s",
             static_cast<int>(m_request.attributes.size()), m_request.base.c_str(),
             filterForLog(m_request.filter).c_str(), m_request.oldAttributes.c_str(),
             m_request.newAttributes.c_str());
-    return true;
 }
 
 bool SearchOperation::openSession() {

@@ -40,6 +40,7 @@ class SearchOperation {
 
     bool openSession();
     bool answerDomainEntry();
+    void logRequest();
     void sendIfMatching(Entry* entry);
 
     bool takeCachedList();
