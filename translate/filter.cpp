@@ -86,7 +86,9 @@ bool namesClasses(std::string_view attribute) {
 // One translation: writes a tree into one text, from left to right.
 class Writer {
   public:
-    Writer(std::string_view objectType, const vorn::Properties* map) : m_objectType(objectType), m_map(map) {}
+    Writer(std::string_view objectType, const vorn::Properties* map) : m_objectType(objectType), m_map(map) {
+        m_out.reserve(kUsualBytes);
+    }
 
     void write(const Filter* node);
     int writeElements(const Filter* node);
@@ -103,6 +105,8 @@ class Writer {
     void noteCase(std::string_view attribute, std::string_view value);
     [[noreturn]] static void refuse(const Filter* node);
     [[noreturn]] static void refuseName();
+
+    static constexpr std::size_t kUsualBytes = 127;  // few filters have to move to grow
 
     const std::string_view m_objectType;
     const vorn::Properties* const m_map;
