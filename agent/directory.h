@@ -87,6 +87,10 @@ class Directory {
     // One object by the text of its GUID: VEX_OBJECT_GONE when there is none.
     virtual Result lookup(const std::string& guid, const View& view, Object& object) = 0;
 
+    // Whether a look-up is answered on this host, in no time that a client would notice:
+    // then many are made for who will ask for them next.
+    virtual bool isAtHand() const { return false; }
+
     // Whether this is the user's password: accepted, VEX_NO_SUCH_USER,
     // VEX_WRONG_PASSWORD, VEX_ACCOUNT_REFUSED, or why it could not be told.
     virtual Verdict authenticate(const std::string& user, const std::string& password,

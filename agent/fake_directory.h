@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <charconv>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,11 @@ class FakeDirectory : public Directory {
     int logins = 0;
     LoginOptions loginOptions;  // of the last login
 
+    bool atHand = true;
+    std::function<void()> onLookup;
+    std::size_t lookupBytes = 0;  // that each object is larger by
+
+    bool isAtHand() const override { return atHand; }
     bool isQuick(int, const std::string& filter) const override { return filter == "quick"; }
 
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override {
@@ -60,7 +66,10 @@ class FakeDirectory : public Directory {
     }
 
     Result lookup(const std::string& guid, const View& view, Object& object) override {
-        return fetch("", guid, view, object);
+        if (onLookup) onLookup();
+        const Result result = fetch("", guid, view, object);
+        if (result.ok() && lookupBytes > 0) object.push_back({"data", {std::string(lookupBytes, 'x')}});
+        return result;
     }
 
     Verdict authenticate(const std::string&, const std::string& password, LoginOptions options) override {

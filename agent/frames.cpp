@@ -100,19 +100,29 @@ class Texts {
         addNames(fetch.attributes());
     }
 
+    void addLookup(const wire::Lookup& lookup) {
+        add(lookup.guid());
+        m_tooManyGuids = !addAll(lookup.more(), wire::kMaxLookupsAhead);
+    }
+
     bool tooManyNames() const { return m_tooManyNames; }
+    bool tooManyGuids() const { return m_tooManyGuids; }
     std::size_t bytes() const { return m_bytes; }
 
   private:
-    void addNames(const Names* names) {
-        if (names == nullptr) return;
-        m_tooManyNames = names->size() > wire::kMaxRequestedAttributes;
-        if (!m_tooManyNames)
-            for (const Text* name : *names) add(name);
+    void addNames(const Names* names) { m_tooManyNames = !addAll(names, wire::kMaxRequestedAttributes); }
+
+    // False when there are more than the most.
+    bool addAll(const Names* texts, std::size_t most) {
+        if (texts == nullptr) return true;
+        if (texts->size() > most) return false;
+        for (const Text* text : *texts) add(text);
+        return true;
     }
 
     std::size_t m_bytes = 0;
     bool m_tooManyNames = false;
+    bool m_tooManyGuids = false;
 };
 
 }  // namespace
@@ -133,7 +143,7 @@ const char* whyRefused(const wire::Request& request) {
             texts.addFetch(*request.body_as_Fetch());
             break;
         case wire::Body::Lookup:
-            texts.add(request.body_as_Lookup()->guid());
+            texts.addLookup(*request.body_as_Lookup());
             break;
         case wire::Body::Authenticate:
             texts.add(request.body_as_Authenticate()->user());
@@ -143,6 +153,7 @@ const char* whyRefused(const wire::Request& request) {
             break;
     }
     if (texts.tooManyNames()) return "too many attributes asked for";
+    if (texts.tooManyGuids()) return "too many objects looked up at once";
     if (texts.bytes() > wire::kMaxRequestBytes) return "the texts of the request are too long";
     const bool tooManyOptions = request.options() != nullptr && request.options()->size() > wire::kMaxOptions;
     return tooManyOptions ? "too many options" : nullptr;

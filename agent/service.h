@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -39,8 +40,11 @@ class Service {
   public:
     using IdSource = std::function<std::uint64_t()>;
 
+    using Moment = std::chrono::steady_clock::time_point;
+
     // The directory outlives the service.
-    Service(Directory& directory, vorn::Clock clock, IdSource newId = randomId);
+    Service(Directory& directory, vorn::Clock clock, IdSource newId = randomId,
+            Moment (*moment)() = std::chrono::steady_clock::now);
 
     // A connection of the process was accepted or has ended. With the last one its
     // searches end.
@@ -78,12 +82,15 @@ class Service {
         int searches = 0;
     };
 
+    using Guids = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
+
     bool isQuick(const vex::wire::SearchOpen& search) const;
     Answer dispatch(const Client& client, const vex::wire::Request& request);
     Answer openSearch(const Client& client, const vex::wire::Request& request);
     Answer continueSearch(const Client& client, std::uint64_t id);
     Answer fetch(const vex::wire::Request& request);
     Answer lookup(const vex::wire::Request& request);
+    void lookUpAhead(const Guids& guids, const View& view, std::vector<Object>& objects);
     Answer authenticate(const Client& client, const vex::wire::Request& request);
     Answer listNames();
     Answer health();
@@ -100,6 +107,7 @@ class Service {
     Directory& m_directory;
     const vorn::Clock m_clock;
     const IdSource m_newId;
+    Moment (*const m_moment)();
 
     mutable std::mutex m_mutex;
     std::map<std::uint64_t, OpenSearch> m_searches;  // guarded by m_mutex

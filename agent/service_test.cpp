@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "agent/fake_directory.h"
 #include "agent/test_frames.h"
 
@@ -13,6 +15,8 @@ std::time_t serviceNow = 1000;
 std::time_t serviceClock() {
     return serviceNow;
 }
+
+std::chrono::steady_clock::time_point serviceMoment;
 
 class ServiceTest : public ::testing::Test {
   protected:
@@ -33,7 +37,7 @@ class ServiceTest : public ::testing::Test {
     const Client m_ben{11, 1};
     FakeDirectory m_directory;
     std::uint64_t m_nextId = 1;
-    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }};
+    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }, [] { return serviceMoment; }};
 };
 
 TEST_F(ServiceTest, ASearchGoesOnUntilItsLastBatch) {
@@ -190,6 +194,56 @@ TEST_F(ServiceTest, ALoginSaysWhetherTheAgentsMemoryMayAnswer) {
     EXPECT_TRUE(m_directory.loginOptions.allowCached);
 }
 
+// ------------------------------------------------------------ look-ups ahead
+
+TEST_F(ServiceTest, ALookUpBringsWhatFollowsItInItsOrder) {
+    const Reply reply = ask(m_ann, lookupFrame(1, "there", {"there", "nowhere", "there"}));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.dns, (std::vector<std::string>{"there", "there", "there"}));
+    EXPECT_EQ(reply.total, 1);
+    EXPECT_EQ(m_directory.fetches, 4);
+}
+
+TEST_F(ServiceTest, ALookUpThatFailsBringsNothing) {
+    const Reply reply = ask(m_ann, lookupFrame(1, "nowhere", {"there"}));
+    EXPECT_EQ(reply.code, VEX_NO_SUCH_OBJECT);
+    EXPECT_EQ(reply.errText, "no object has this DN");
+    EXPECT_TRUE(reply.dns.empty());
+    EXPECT_EQ(m_directory.fetches, 1);
+}
+
+TEST_F(ServiceTest, ADirectoryFarAwayIsAskedForOneObjectOnly) {
+    m_directory.atHand = false;
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {"there"})).dns.size(), 1u);
+    EXPECT_EQ(m_directory.fetches, 1);
+}
+
+TEST_F(ServiceTest, WhatALookUpBringsFitsIntoABatch) {
+    m_directory.lookupBytes = wire::kBatchBytes / 4;
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {4, "there"})).dns.size(), 3u);
+    m_directory.lookupBytes = wire::kBatchBytes + 1;
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {4, "there"})).dns.size(), 1u) << "the one asked for comes";
+}
+
+TEST_F(ServiceTest, ALookUpWaitsForNoSlowOneAhead) {
+    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(40); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {100, "there"})).dns.size(), 4u) << "100 ms after its own";
+    m_directory.onLookup = [] { serviceMoment += std::chrono::seconds(5); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {100, "there"})).dns.size(), 2u);
+}
+
+TEST_F(ServiceTest, LookUpsAheadAreLimited) {
+    const std::vector<std::string> most(wire::kMaxLookupsAhead, "there");
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", most)).dns.size(), 1 + wire::kMaxLookupsAhead);
+    const int before = m_directory.fetches;
+    const Reply reply = ask(m_ann, lookupFrame(2, "there", {wire::kMaxLookupsAhead + 1, "there"}));
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many objects looked up at once");
+    const std::string text(wire::kMaxRequestBytes / 8, 'x');
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Lookup, text, 8, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(m_directory.fetches, before);
+}
+
 TEST_F(ServiceTest, StatisticsCountByKind) {
     ask(m_ann, searchFrame(1, "3"));
     ask(m_ann, loginFrame(2, "ann", "wrong"));
@@ -206,6 +260,8 @@ TEST_F(ServiceTest, LanesFollowTheCost) {
     EXPECT_EQ(lane(nextFrame(1, 1)), Lane::Slow);
     EXPECT_EQ(lane(loginFrame(1, "a", "b")), Lane::Slow);
     EXPECT_EQ(lane(healthFrame(1)), Lane::Quick);
+    EXPECT_EQ(lane(lookupFrame(1, "x", {})), Lane::Quick);
+    EXPECT_EQ(lane(lookupFrame(1, "x", {"y"})), Lane::Slow);
 }
 
 TEST(RandomId, IsNeverZeroNorTwiceTheSame) {

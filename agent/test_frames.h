@@ -34,8 +34,16 @@ inline Bytes searchFrame(std::uint64_t id, const std::string& filter, int scope 
     });
 }
 
+inline Bytes lookupFrame(std::uint64_t id, const std::string& guid, const std::vector<std::string>& more) {
+    return requestFrame(id, wire::Body::Lookup, [&](auto& builder) {
+        const auto text = builder.CreateString(guid);
+        return wire::CreateLookup(builder, text, more.empty() ? 0 : builder.CreateVectorOfStrings(more));
+    });
+}
+
 // A search, a fetch, a look-up or a log-in that has one text in all its places, and so
-// many times as a requested attribute; the text, and an option, are there once.
+// many times as a requested attribute or a GUID to come; the text, and an option, are
+// there once.
 inline Bytes sharingFrame(wire::Body kind, const std::string& text, std::size_t references,
                           std::size_t options) {
     flatbuffers::FlatBufferBuilder builder;
@@ -50,7 +58,7 @@ inline Bytes sharingFrame(wire::Body kind, const std::string& text, std::size_t 
     else if (kind == wire::Body::Fetch)
         body = wire::CreateFetch(builder, one, one, names).Union();
     else if (kind == wire::Body::Lookup)
-        body = wire::CreateLookup(builder, one).Union();
+        body = wire::CreateLookup(builder, one, names).Union();
     else
         body = wire::CreateAuthenticate(builder, one, one).Union();
     builder.Finish(wire::CreateRequest(builder, 1, list, kind, body), wire::kRequestIdentifier);

@@ -45,6 +45,19 @@ int SearchCacheManager::getObj(const std::string& guid, CachedObject* out) {
     return kHit;
 }
 
+std::vector<std::size_t> SearchCacheManager::missingObjs(const GuidList& guids, std::size_t from,
+                                                         std::size_t to) {
+    std::vector<std::size_t> places;
+    places.reserve(to - from);
+    const vorn::ReaderLock guard(m_lock);
+    const std::time_t now = m_environment.clock();
+    for (std::size_t place = from; place < to; ++place) {
+        const ObjTable::Node* node = m_enabled ? m_objCache.find(guids[place]) : nullptr;
+        if (node == nullptr || node->value.expiryTime < now) places.push_back(place);
+    }
+    return places;
+}
+
 void SearchCacheManager::putObj(const char* guid, const vexObject* object) {
     Trash trash;
     const vorn::WriterLock guard(m_lock);

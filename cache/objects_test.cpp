@@ -54,6 +54,18 @@ TEST_F(Objects, ExpiredOnesAreReplaced) {
     EXPECT_EQ(counts(), "1 0 0 0 0 0");
 }
 
+TEST_F(Objects, ThoseThatALookWouldMissAreToldUncounted) {
+    start();
+    put("old", "ann");
+    now = 1'003'601;
+    put("b", "bob");
+    const GuidList list = {"b", "old", "absent", "b", "last"};
+    EXPECT_THAT(m_cache->missingObjs(list, 0, 5), testing::ElementsAre(1, 2, 4));
+    EXPECT_THAT(m_cache->missingObjs(list, 2, 4), testing::ElementsAre(2));
+    EXPECT_THAT(m_cache->missingObjs(list, 5, 5), testing::IsEmpty());
+    EXPECT_EQ(counts(), "0 0 0 0 0 0");
+}
+
 TEST_F(Objects, OneOfAFullTableMakesRoom) {
     start({.maxObjects = 1});
     put("a", "ann");

@@ -124,6 +124,10 @@ class SearchCacheManager {
     // The same, with what is kept beside the object, in one step.
     int getObj(const std::string& guid, CachedObject* out);
 
+    // The places in [from, to) of a list whose objects getObj would miss now. Counts
+    // nothing and hands out nothing.
+    std::vector<std::size_t> missingObjs(const GuidList& guids, std::size_t from, std::size_t to);
+
     // Stores a clone; the object stays the caller's. A live entry is never replaced.
     void putObj(const char* guid, const vexObject* object);
 

@@ -26,6 +26,13 @@ class CountingDirectory : public FakeDirectory {
         count({&domain, &dn}, view);
         return {};
     }
+    Result lookup(const std::string& guid, const View& view, Object& object) override {
+        m_lookedUp += guid.size();
+        if (m_lookedUp > wire::kMaxRequestBytes || ++m_lookups > 1 + wire::kMaxLookupsAhead) abort();
+        count({&guid}, view);
+        object = {{"_dn", {guid}}};
+        return {};
+    }
     Verdict authenticate(const std::string& user, const std::string& password,
                          LoginOptions options) override {
         count({&user, &password}, {});
@@ -33,6 +40,9 @@ class CountingDirectory : public FakeDirectory {
     }
 
   private:
+    std::size_t m_lookedUp = 0;
+    std::size_t m_lookups = 0;
+
     static void count(std::initializer_list<const std::string*> texts, const View& view) {
         std::size_t bytes = 0;
         for (const std::string* text : texts) bytes += text->size();
@@ -94,7 +104,7 @@ class SharingRequest {
             case wire::Body::Fetch:
                 return wire::CreateFetch(m_builder, first, second, names()).Union();
             case wire::Body::Lookup:
-                return wire::CreateLookup(m_builder, first).Union();
+                return wire::CreateLookup(m_builder, first, names()).Union();
             case wire::Body::Authenticate:
                 return wire::CreateAuthenticate(m_builder, first, second).Union();
             default:

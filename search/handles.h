@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cache/search_cache.h"
 #include "search/page_name.h"
@@ -32,6 +33,7 @@ struct CacheLdapHandle {
     vexSession* session = nullptr;       // set only for a replay: an agent search has its own
     std::shared_ptr<GuidList> guidList;  // shared with the list cache when it came from there
     std::size_t cursor = 0;              // the next GUID to replay
+    std::vector<std::size_t> expected;   // the places that the agent's library was told of last, in order
 };
 
 // One open search: in the agent, or as a list of GUIDs that is replayed. Ends the

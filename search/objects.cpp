@@ -1,12 +1,16 @@
 #include "search/objects.h"
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "backend/agent_turns.h"
 #include "backend/log.h"
 #include "vex/handles.h"
 
 namespace {
+
+constexpr std::size_t kMostAhead = VEX_MOST_AHEAD;
 
 bool saysGone(vexCode code) {
     return code == VEX_OBJECT_GONE || code == VEX_NO_SUCH_OBJECT;
@@ -46,12 +50,31 @@ void ObjectSource::store(const vexObject* object) {
 vexCode ObjectSource::nextFromList(FoundObject* found) {
     CacheLdapHandle& list = m_handle->cache;
     if (list.cursor >= list.guidList->size()) return VEX_END_OF_RESULTS;
-    const std::string& guid = (*list.guidList)[list.cursor++];
+    const std::size_t place = list.cursor++;
+    const std::string& guid = (*list.guidList)[place];
     CachedObject cached;
-    if (m_cache->getObj(guid, &cached) != SearchCacheManager::kHit) return lookUp(guid, found);
+    if (m_cache->getObj(guid, &cached) != SearchCacheManager::kHit) {
+        expectFrom(place);
+        return lookUp(guid, found);
+    }
     JPrintf("Find object(%s) from cache successfully.", guid.c_str());
     *found = {std::move(cached.object), &guid, cached.serial, std::move(cached.attachment)};
     return VEX_OK;
+}
+
+// Tells libvex which look-ups will follow the one at this place, so that it need not make
+// a round trip for each. Once for many of them, and for none that will not be made.
+void ObjectSource::expectFrom(std::size_t place) {
+    CacheLdapHandle& list = m_handle->cache;
+    if (std::binary_search(list.expected.begin(), list.expected.end(), place)) return;
+    const std::size_t left = list.guidList->size() - place;
+    const std::size_t window = std::min({left, m_most, kMostAhead});
+    list.expected = m_cache->missingObjs(*list.guidList, place, place + window);
+    if (list.expected.size() < 2) return;
+    std::vector<const char*> guids;
+    for (const std::size_t at : list.expected) guids.push_back((*list.guidList)[at].c_str());
+    guids.push_back(nullptr);
+    vexExpectLookups(m_handle->session(), guids.data());
 }
 
 vexCode ObjectSource::lookUp(const std::string& guid, FoundObject* found) {

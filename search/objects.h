@@ -24,7 +24,9 @@ struct FoundObject {
 // the handle's search may be stored.
 class ObjectSource {
   public:
-    ObjectSource(LdapSearchHandle* handle, SearchCacheManager* cache) : m_handle(handle), m_cache(cache) {}
+    // most: the request will not take more objects.
+    ObjectSource(LdapSearchHandle* handle, SearchCacheManager* cache, std::size_t most)
+        : m_handle(handle), m_cache(cache), m_most(most) {}
 
     // VEX_OK with an object, VEX_END_OF_RESULTS after the last one, or why there
     // are no more objects to be had.
@@ -38,9 +40,11 @@ class ObjectSource {
     bool replays() const { return m_handle->search == nullptr; }
     vexCode nextFromAgent(FoundObject* found);
     vexCode nextFromList(FoundObject* found);
+    void expectFrom(std::size_t place);
     vexCode lookUp(const std::string& guid, FoundObject* found);
     void store(const vexObject* object);
 
     LdapSearchHandle* const m_handle;
     SearchCacheManager* const m_cache;
+    const std::size_t m_most;
 };

@@ -1,8 +1,10 @@
 #include "search/operation.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -237,7 +239,7 @@ bool SearchOperation::deliver() {
 
     m_nothingSent = true;
     const EntryMaker maker(m_request, m_op->ors_scope, m_omitDn, m_cache);
-    ObjectSource source(m_handle.get(), m_cache);
+    ObjectSource source(m_handle.get(), m_cache, mostObjects());
     FoundObject found;
     while ((m_endCode = source.next(&found)) == VEX_OK) {
         const Delivery delivery = deliverObject(maker, &found);
@@ -250,6 +252,15 @@ bool SearchOperation::deliver() {
         return false;
     }
     return true;
+}
+
+// What a page, or the size limit, leaves to be asked for, and the one by which its end is
+// noticed.
+std::size_t SearchOperation::mostObjects() const {
+    int most = std::numeric_limits<int>::max();
+    if (m_paging.requested()) most = std::min(most, m_paging.pageSize());
+    if (m_op->ors_slimit != SLAP_NO_LIMIT) most = std::min(most, m_op->ors_slimit);
+    return static_cast<std::size_t>(std::max(most - m_rs->sr_nentries, 0)) + 1;
 }
 
 SearchOperation::Delivery SearchOperation::deliverObject(const EntryMaker& maker, FoundObject* found) {

@@ -51,6 +51,7 @@ class SearchOperation {
     bool send(const SharedEntry& entry);
 
     bool belowSizeLimit() const;
+    std::size_t mostObjects() const;
     void storeList();
     void releaseHandle();
 

@@ -220,6 +220,107 @@ TEST_F(ReplayTest, AnObjectThatWasLookedUpIsCached) {
     EXPECT_THAT(requestsOf(), Not(Contains(HasSubstr("vexLookupObjectByGuid"))));
 }
 
+// ------------------------------------------------------- look-ups told ahead
+
+class ReplayTellsAhead : public ReplayTest {
+  protected:
+    ReplayTellsAhead() { standin::recordHints(true); }
+
+    static std::string name(int number) { return std::to_string(100 + number); }
+    // A list of so many people that is in the cache, and its objects at the agent.
+    static void rememberPeople(int count) {
+        GuidList guids;
+        for (int i = 0; i < count; ++i) {
+            guids.push_back("guid-" + name(i));
+            standin::lookup(guids.back(), person(name(i)));
+        }
+        remember(guids);
+    }
+    static std::string hint(const std::vector<int>& numbers) {
+        std::string texts;
+        for (const int number : numbers)
+            texts += (texts.empty() ? "\"guid-" : ",\"guid-") + name(number) + "\"";
+        return "vexExpectLookups(session1, [" + texts + "])";
+    }
+    static std::string lookUp(int number) {
+        return "vexLookupObjectByGuid(session1, \"guid-" + name(number) + "\")";
+    }
+    static std::vector<int> range(int from, int to) {
+        std::vector<int> numbers;
+        for (; from < to; ++from) numbers.push_back(from);
+        return numbers;
+    }
+    // The hints and the look-ups of the requests.
+    static std::vector<std::string> told(std::vector<std::string> lines) {
+        std::erase_if(lines, [](const std::string& line) {
+            return line.find("ExpectLookups") == line.npos && line.find("LookupObject") == line.npos;
+        });
+        return lines;
+    }
+};
+
+TEST_F(ReplayTellsAhead, WhichObjectsItWillLookUpAndLooksThemUpOneByOne) {
+    rememberPeople(3);
+    EXPECT_THAT(told(requestsOf()), ElementsAre(hint({0, 1, 2}), lookUp(0), lookUp(1), lookUp(2)));
+    EXPECT_THAT(told(requestsOf()), testing::IsEmpty()) << "all are cached";
+}
+
+TEST_F(ReplayTellsAhead, NothingOfWhatIsCached) {
+    rememberPeople(6);
+    for (const int cached : {0, 2, 3}) {
+        const vex::UniqueObject object(standin::makeObject(person(name(cached))));
+        cache().putObj(("guid-" + name(cached)).c_str(), object.get());
+    }
+    EXPECT_THAT(told(requestsOf()), ElementsAre(hint({1, 4, 5}), lookUp(1), lookUp(4), lookUp(5)));
+}
+
+TEST_F(ReplayTellsAhead, NothingWhereOneObjectOnlyIsMissing) {
+    rememberPeople(1);
+    EXPECT_THAT(told(requestsOf()), ElementsAre(lookUp(0)));
+}
+
+TEST_F(ReplayTellsAhead, AtMostSoManyAtOnce) {
+    rememberPeople(VEX_MOST_AHEAD + 2);
+    const auto lines = told(requestsOf());
+    ASSERT_EQ(lines.size(), VEX_MOST_AHEAD + 2u + 2u);
+    EXPECT_EQ(lines[0], hint(range(0, VEX_MOST_AHEAD)));
+    EXPECT_EQ(lines[VEX_MOST_AHEAD], lookUp(VEX_MOST_AHEAD - 1));
+    EXPECT_EQ(lines[VEX_MOST_AHEAD + 1], hint({VEX_MOST_AHEAD, VEX_MOST_AHEAD + 1}));
+}
+
+TEST_F(ReplayTellsAhead, NoMoreThanThePageTakes) {
+    rememberPeople(6);
+    const Paged first{2, ""};
+    Request request;
+    request.paged = &first;
+    const auto sent = search(request);
+    EXPECT_THAT(told(requests()), ElementsAre(hint({0, 1, 2}), lookUp(0), lookUp(1), lookUp(2)));
+    const Paged second{2, cookieOf(sent.back())};
+    request.paged = &second;
+    EXPECT_THAT(told(requestsOf(request)), ElementsAre(hint({3, 4}), lookUp(3), lookUp(4)));
+}
+
+TEST_F(ReplayTellsAhead, NoMoreThanTheSizeLimitTakes) {
+    rememberPeople(6);
+    Request request;
+    request.sizeLimit = 1;
+    EXPECT_THAT(told(requestsOf(request)), ElementsAre(hint({0, 1}), lookUp(0), lookUp(1)));
+}
+
+TEST_F(ReplayTellsAhead, AnObjectThatLeftTheCacheMeanwhileIsToldWithWhatFollowsIt) {
+    gCacheMaxObjects = 1;
+    rememberPeople(3);
+    const vex::UniqueObject object(standin::makeObject(person(name(1))));
+    cache().putObj(("guid-" + name(1)).c_str(), object.get());
+    EXPECT_THAT(told(requestsOf()), ElementsAre(hint({0, 2}), lookUp(0), hint({1, 2}), lookUp(1), lookUp(2)));
+}
+
+TEST_F(ReplayTellsAhead, AHintThatFailsChangesNothing) {
+    rememberPeople(3);
+    standin::answerAlways("vexExpectLookups", VEX_NO_MEMORY);
+    EXPECT_EQ(shape(search()), "100 101 102 0");
+}
+
 class ObjectIsGone : public ReplayTest, public testing::WithParamInterface<int> {};
 
 TEST_P(ObjectIsGone, ErasesTheListAndTheNextSearchAsksTheAgent) {

@@ -14,8 +14,8 @@ bool isUsable(const vexSession* session) {
     return session && session->isOpen();
 }
 
-// Asks for one object by a finished request.
-vexCode fetchObject(vexSession& session, const Request& request, vexObject** object) {
+// Asks for one object by a finished request. Of a look-up so many more may come with it.
+vexCode fetchObject(vexSession& session, const Request& request, vexObject** object, std::size_t more = 0) {
     if (request.isTooLarge()) return session.notAnswered(VEX_REFUSED);
     const Deadline deadline(session.endpoint.timeout);
     Exchange exchange(session.endpoint, deadline);
@@ -23,12 +23,13 @@ vexCode fetchObject(vexSession& session, const Request& request, vexObject** obj
     if (!response) return session.notAnswered();
     if (response->code() != VEX_OK) return session.answered(*response);
     const auto* objects = response->objects();
-    if (!objects || objects->size() != 1) {
+    if (!objects || objects->size() == 0 || objects->size() > 1 + more) {
         exchange.reject();
         return session.notAnswered();
     }
     const auto* bytes = objects->Get(0)->bytes();
     *object = new vexObject{ObjectRef::copyOf({bytes->data(), bytes->size()})};
+    if (more > 0) session.lookAhead.keep(*objects);
     return session.answered(*response);
 }
 
@@ -99,7 +100,9 @@ vexCode vexSetOption(vexSession* session, int option, const void* value, size_t 
         std::int32_t number;
         if (!value || size != sizeof number) return VEX_INVALID_ARGUMENT;
         std::memcpy(&number, value, sizeof number);
-        return session->setOption(option, number) ? VEX_OK : VEX_NOT_SUPPORTED;
+        if (!session->setOption(option, number)) return VEX_NOT_SUPPORTED;
+        session->lookAhead.dropObjects();  // they were made for other options
+        return VEX_OK;
     });
 }
 
@@ -160,10 +163,24 @@ vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject**
     return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;
         if (!guid || !object) return session->notAnswered(VEX_INVALID_ARGUMENT);
+        if (std::optional<ObjectRef> came = session->lookAhead.take(guid)) {
+            *object = new vexObject{*std::move(came)};
+            return session->succeeded();
+        }
+        const std::vector<const char*> more = session->lookAhead.missing();
         Request request;
         const auto guidText = request.text(guid);
-        request.finish(session->options(), wire::CreateLookup(request.builder(), guidText));
-        return fetchObject(*session, request, object);
+        const auto moreTexts = request.names(more.data());
+        request.finish(session->options(), wire::CreateLookup(request.builder(), guidText, moreTexts));
+        return fetchObject(*session, request, object, more.size() - 1);
+    });
+}
+
+vexCode vexExpectLookups(vexSession* session, const char* const* guids) {
+    return guarded([&]() -> vexCode {
+        if (!isUsable(session)) return VEX_BROKEN_HANDLE;
+        session->lookAhead.expect(guids);
+        return VEX_OK;
     });
 }
 

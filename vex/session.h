@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "vex/exchange.h"
+#include "vex/look_ahead.h"
 #include "vex/object.h"
 #include "vex/vex.h"
 
@@ -53,6 +54,9 @@ struct vexSession {
     vexCode lastError(vex::ProtocolError& error) const;
 
     const vex::Endpoint endpoint;
+
+    // For the thread that uses the session; its searches leave it alone.
+    vex::LookAhead lookAhead;
 
     // What keeps it alive until it is closed.
     std::shared_ptr<vexSession> self;

@@ -182,6 +182,24 @@ vexCode vexLdapFetch(vexSession* session, const char* domain, const char* dn, co
  */
 vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject** object);
 
+/*
+ * A hint: the GUIDs that this session will look up next, in their order, in a
+ * null-terminated array that is copied. In place of an earlier hint; null or an empty
+ * array takes it back. Local, and asks nothing by itself.
+ *
+ * The next vexLookupObjectByGuid of one of them fetches some of those that follow it in
+ * the same round trip, and their look-ups are answered from what came: for
+ * VEX_AHEAD_SECONDS, each once, and until an option of the session is set. The answers
+ * are the same with and without a hint: what did not come is asked for when it is looked
+ * up. One that is passed over is not expected any more.
+ *
+ * Of more than VEX_MOST_AHEAD GUIDs the first ones count, and none that is longer than
+ * a GUID's text can be. An agent that does not know of hints answers as ever. Returns
+ * VEX_OK, VEX_BROKEN_HANDLE or VEX_NO_MEMORY.
+ */
+enum { VEX_MOST_AHEAD = 128, VEX_AHEAD_SECONDS = 2 };
+vexCode vexExpectLookups(vexSession* session, const char* const* guids);
+
 /* ---------------------------------------------------------------- objects */
 
 /* The attributes that every object carries. */

@@ -26,6 +26,7 @@ static void callOnNothing(void) {
     EXPECT(vexLdapSearchClose(NULL) == VEX_BROKEN_HANDLE);
     EXPECT(vexLdapFetch(NULL, "", "", NULL, &object) == VEX_BROKEN_HANDLE);
     EXPECT(vexLookupObjectByGuid(NULL, "", &object) == VEX_BROKEN_HANDLE);
+    EXPECT(vexExpectLookups(NULL, NULL) == VEX_BROKEN_HANDLE);
     EXPECT(vexAuthValidatePlainTextUser(NULL, "u", "p", 0) == VEX_BROKEN_HANDLE);
     EXPECT(vexGetObjectSupportedAttributes(NULL, &names) == VEX_BROKEN_HANDLE);
     EXPECT(vexSystemHealthInfo(NULL, 0, &number, &number, &number, &text) == VEX_BROKEN_HANDLE);

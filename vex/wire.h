@@ -42,11 +42,14 @@ inline constexpr int kMaxDepth = 16;                                     // of n
 inline constexpr std::uint32_t kMaxTables = 4'000'000;                   // in one frame
 inline constexpr std::size_t kMaxRequestedAttributes = 1024;
 inline constexpr std::size_t kMaxOptions = 64;
+inline constexpr std::size_t kMaxLookupsAhead = 128;  // GUIDs beside the one that is looked up
 inline constexpr int kMaxSearchesPerClient = 20'000;  // open and not read to their end
 inline constexpr int kSearchIdleSeconds = 3600;
 
 // A batch is full when it holds this many objects or this many bytes.
 inline constexpr std::size_t kBatchObjects = 256;
 inline constexpr std::size_t kBatchBytes = std::size_t{256} << 10;  // 256 KiB
+
+static_assert(1 + kMaxLookupsAhead <= kBatchObjects, "what a look-up brings is a batch");
 
 }  // namespace vex::wire

@@ -90,6 +90,7 @@ struct State {
     std::vector<std::string> failures;
     bool showPasswords = true;
     bool acceptEveryone = false;
+    bool recordHints = false;
     // Set by the shared object: called before each call, and instead of keeping lines.
     std::function<void(State&)> beforeCall;
     std::function<void(const std::string&)> sink;

@@ -302,6 +302,20 @@ vexCode vexLookupObjectByGuid(vexSession* session, const char* guid, vexObject**
     return giveLookup(call, call.tables().lookups, guid, object);
 }
 
+// Local, and changes no answer: no matter for who reads the calls, unless he says so.
+vexCode vexExpectLookups(vexSession* session, const char* const* guids) {
+    bool recorded;
+    {
+        std::lock_guard guard(state().mutex);
+        recorded = state().recordHints;
+        if (session && session->closed) state().fail("vexExpectLookups: the session is closed");
+    }
+    if (!recorded) return session && !session->closed ? VEX_OK : VEX_BROKEN_HANDLE;
+    const Inside inside;
+    Call call("vexExpectLookups", named(session), quoted(guids));
+    return call.answer(session);
+}
+
 vexCode vexGetAttributeStr(vexSession* session, const vexObject* object, const char* name, char** value) {
     const Inside inside;
     Call call("vexGetAttributeStr", named(session), named(object), quoted(name));

@@ -18,6 +18,7 @@ constexpr std::string_view kRequests[] = {"vexSessionOpen",
                                           "vexLdapFetch",
                                           "vexSystemHealthInfo",
                                           "vexLookupObjectByGuid",
+                                          "vexExpectLookups",
                                           "vexGetLastProtocolError",
                                           "vexGetObjectSupportedAttributes",
                                           "vexAuthValidatePlainTextUser"};
@@ -101,6 +102,7 @@ void reset() {
     s.failures.clear();
     s.showPasswords = true;
     s.acceptEveryone = false;
+    s.recordHints = false;
 }
 
 void answer(std::string_view function, int code) {
@@ -154,6 +156,11 @@ void user(const std::string& name, const std::string& password, int code) {
 void acceptEveryone(bool accept) {
     std::lock_guard guard(state().mutex);
     state().acceptEveryone = accept;
+}
+
+void recordHints(bool record) {
+    std::lock_guard guard(state().mutex);
+    state().recordHints = record;
 }
 
 void showPasswords(bool show) {

@@ -92,6 +92,9 @@ void fetchFails(const std::string& dn, int code);
 void lookup(const std::string& guid, Object object);
 void lookupFails(const std::string& guid, int code);
 
+// Whether vexExpectLookups is recorded, and answered as scripted; without, it succeeds.
+void recordHints(bool record);
+
 // An object as the code under test would get it; freed with vexFreeObject.
 vexObject* makeObject(Object object);
 
