@@ -15,7 +15,8 @@ import time
 import ldap
 import pytest
 
-from gateway import SLAPD, SUFFIX, ScriptedAgent, Slapd, search, values, wait_until
+import crowd
+from gateway import SLAPD, SUFFIX, ScriptedAgent, Slapd, pages, search, values, wait_until
 
 CACHE = ("dirgate.cache.enabled true",)
 ANN = f"cn=Ann Lee,ou=Staff,{SUFFIX}"
@@ -451,6 +452,27 @@ def test_signals_disturb_neither_searches_nor_binds(world, start):
         signalling = False
         assert all(future.result() > 0 for future in clients)
     slapd.wait_for_line(STARTING)
+
+
+@pytest.mark.embedded
+def test_a_replay_whose_objects_left_the_cache_makes_few_round_trips(world):
+    """The agent's count of look-ups is one of round trips: each brings what follows it."""
+    agent = world.agent(embedded__ldif=crowd.write(world.folder, 600)).start()
+    slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, *CACHE, "dirgate.cache.max.objects 50")).start()
+    connection = slapd.connect(crowd.dn(1), "right")
+    first = search(connection, "(objectClass=posixAccount)", NAME_AND_NUMBER)
+    assert len(first) == 600
+    before = agent.served()
+    assert search(connection, "(objectClass=posixAccount)", NAME_AND_NUMBER) == first
+    after = agent.served()
+    assert after["search"] == before["search"]
+    assert 0 < after["lookup"] - before["lookup"] <= 60
+    before = after
+    paged = dict(entry for page in pages(connection, "(objectClass=posixAccount)", 100) for entry in page)
+    assert set(paged) == set(first)
+    after = agent.served()
+    assert after["search"] == before["search"]
+    assert 0 < after["lookup"] - before["lookup"] <= 60
 
 
 def test_nothing_of_it_is_left_outside(bound):
