@@ -102,6 +102,8 @@ TEST_F(HandlesTest, SearchesAreClosedWithoutTheLock) {
     EXPECT_EQ(asked, 14);
     for (std::size_t i = 0; i < kMaxOfConnection + 1; ++i) issue(1, "IP=a", i, openSearch());
     EXPECT_EQ(asked, 16) << "one beyond the bound";
+    m_handles.clearAllSearchHandle();
+    EXPECT_EQ(asked, 16 + 2 * static_cast<int>(kMaxOfConnection));
 }
 
 TEST_F(HandlesTest, BeyondItsBoundAConnectionsOldestPageEnds) {
