@@ -38,13 +38,14 @@ CRASHES = (signal.SIGSEGV, signal.SIGABRT, signal.SIGBUS, signal.SIGFPE, signal.
 
 
 def wait_until(condition, what, seconds=SECONDS):
-    """Polls until the condition gives something true, and returns that."""
+    """Polls until the condition gives something true, and returns that. What is waited for
+    is a text, or makes one of what is there in the end."""
     deadline = time.monotonic() + seconds
     while True:
         result = condition()
         if result:
             return result
-        assert time.monotonic() < deadline, f"not within {seconds} seconds: {what}"
+        assert time.monotonic() < deadline, f"not within {seconds} seconds: {what() if callable(what) else what}"
         time.sleep(0.01)
 
 

@@ -159,7 +159,8 @@ def settle(gateway, before):
     wait_until(gateway.answers, "the gateway answers again", 3 * 60)
     gateway.close_connections()
     wait_until(lambda: gateway.agent.open_searches() == 0, "no search stays open")
-    wait_until(lambda: left_open(before, gateway.descriptors()) == {}, "nothing stays open")
+    wait_until(lambda: left_open(before, gateway.descriptors()) == {},
+               lambda: f"nothing stays open: {left_open(before, gateway.descriptors())}")
 
 
 def left_open(before, after):
