@@ -78,7 +78,7 @@ TEST(LogText, ALineIsCutAfterEscaping) {
     EXPECT_EQ(cut.substr(0, 7), "x\\0A\\0A");
     EXPECT_EQ(bounded("%s", std::string(5000, 'y').c_str()), std::string(BoundedLine::kMost, 'y'));
     EXPECT_EQ(bounded("%s%d", std::string(BoundedLine::kMost - 1, 'y').c_str(), 123),
-              std::string(BoundedLine::kMost - 1, 'y') + "1");
+              std::string(BoundedLine::kMost - 1, 'y').append("1"));
 }
 
 }  // namespace
