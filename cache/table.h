@@ -86,6 +86,7 @@ class CacheTable {
     // elsewhere.
     std::size_t bytes() const { return m_bytes + bucketBytes(bucketCount()); }
     std::size_t bytesOfEntries() const { return m_bytes; }
+    // A bucket is a pointer. NOLINTNEXTLINE(bugprone-sizeof-expression)
     static std::size_t bucketBytes(std::size_t count) { return heapBytes(count * sizeof(Node*)); }
     static std::size_t entryBytes(std::string_view key, std::size_t elsewhere) {
         const std::size_t keyBytes = key.size() <= std::string().capacity() ? 0 : heapBytes(key.size() + 1);
