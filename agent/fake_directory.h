@@ -18,8 +18,8 @@ namespace vexagent {
 class FakeDirectory : public Directory {
   public:
     bool healthy = true;
-    int searches = 0;
-    int fetches = 0;
+    std::atomic<int> searches = 0;
+    std::atomic<int> fetches = 0;
     std::mutex gate;  // that "wait" waits for
     std::atomic<int> waiting = 0;
     int logins = 0;
