@@ -17,6 +17,7 @@ namespace {
 
 constexpr milliseconds kRememberTime{60'000};
 constexpr milliseconds kRememberNobody{10'000};
+constexpr milliseconds kStoredTime{100};  // for which what is stored with groups is good, at least
 constexpr int kReadRarely = 20;
 constexpr std::size_t kMostPeople = 200'000;
 // A controller compares every entry that it finds with every element of an OR, so
@@ -377,7 +378,7 @@ LdapStatus AdMemberships::addStored(Domain& domain, const std::string& memberUid
         for (const Entry& group : groups)
             for (std::string& name : values(group, "memberUid"))
                 stored->groups.emplace(std::move(name), group.first("objectGUID"));
-        stored->until = now() + kReadRarely * (now() - start);
+        stored->until = now() + std::max<Moment::duration>(kReadRarely * (now() - start), kStoredTime);
     }
     const auto [first, last] = stored->groups.equal_range(memberUid);
     for (auto group = first; group != last; ++group) guids.push_back(group->second);
