@@ -1,7 +1,8 @@
 #include "agent/account_state.h"
 
-#include <charconv>
 #include <limits>
+
+#include "vorn/numbers.h"
 
 namespace vexagent {
 namespace {
@@ -16,12 +17,7 @@ constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
 
 std::optional<std::int64_t> stateNumber(const std::vector<std::string_view>& values) {
     if (values.empty()) return 0;
-    const std::string_view text = values.front();
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool whole = error == std::errc() && end == text.data() + text.size();
-    if (values.size() > 1 || !whole) return std::nullopt;
-    return number;
+    return values.size() == 1 ? vorn::parseNumber<std::int64_t>(values.front()) : std::nullopt;
 }
 
 bool isDisabled(std::int64_t control) {

@@ -1,7 +1,6 @@
 #include "agent/unix_ids.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <mutex>
 #include <set>
@@ -9,6 +8,7 @@
 
 #include "agent/log.h"
 #include "vex/vex.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -27,10 +27,8 @@ bool isFirstTime(std::string_view dn) {
 }  // namespace
 
 bool UnixIds::allows(std::string_view number) const {
-    std::uint32_t value = 0;
-    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
-    return error == std::errc() && end == number.data() + number.size() && value >= m_least &&
-           value != kNobody;
+    const auto value = vorn::parseNumber<std::uint32_t>(number);
+    return value && *value >= m_least && *value != kNobody;
 }
 
 bool UnixIds::refuses(std::string_view dn, std::string_view attribute,

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "agent/fake_directory.h"
-#include "agent/service.h"
+#include "serve_request.h"
 #include "vex/wire.h"
 
 namespace {
@@ -122,14 +122,8 @@ class SharingRequest {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Choices choices(data, size);
     const Bytes frame = SharingRequest(choices).finish();
-    const wire::Request* request = frame.size() <= wire::kMaxRequestBytes ? readRequest(frame) : nullptr;
-    if (request == nullptr) return 0;
+    if (frame.size() > wire::kMaxRequestBytes) return 0;
     CountingDirectory directory;
-    Service service(directory, vorn::systemTime, [] { return std::uint64_t{1}; });
-    const Client client{1, 1};
-    service.connected(client);
-    service.lane(*request);
-    service.handle(client, *request);
-    service.disconnected(client);
+    serveRequest(directory, frame);
     return 0;
 }

@@ -63,7 +63,7 @@ void appendEscaped(Line& line, std::string_view text, LineEnds ends) {
 
 // One conversion of a format, such as "%-5.2lu", with what stands for its asterisks.
 struct Conversion {
-    std::string specification;
+    std::string format;
     std::string length;
     int precision = -1;
     char kind = 0;
@@ -109,19 +109,19 @@ class Formatting {
     }
 
     void readConversion(Conversion& conversion) {
-        conversion.specification = *m_next++;
-        takeAll(conversion.specification, "-+ #0");
-        readSize(conversion.specification);
+        conversion.format = *m_next++;
+        takeAll(conversion.format, "-+ #0");
+        readSize(conversion.format);
         if (*m_next == '.') {
-            conversion.specification += *m_next++;
-            const std::size_t begin = conversion.specification.size();
-            readSize(conversion.specification);
-            conversion.precision = std::atoi(conversion.specification.c_str() + begin);
+            conversion.format += *m_next++;
+            const std::size_t begin = conversion.format.size();
+            readSize(conversion.format);
+            conversion.precision = std::atoi(conversion.format.c_str() + begin);
         }
         takeAll(conversion.length, "hlLzjt");
         conversion.kind = *m_next;
         if (*m_next != '\0') ++m_next;
-        conversion.specification += conversion.length + conversion.kind;
+        conversion.format += conversion.length + conversion.kind;
     }
 
     void takeAll(std::string& taken, const char* of) {
@@ -130,10 +130,10 @@ class Formatting {
         m_next += count;
     }
 
-    void readSize(std::string& specification) {
-        if (*m_next != '*') return takeAll(specification, "0123456789");
+    void readSize(std::string& format) {
+        if (*m_next != '*') return takeAll(format, "0123456789");
         ++m_next;
-        specification += std::to_string(va_arg(m_arguments, int));
+        format += std::to_string(va_arg(m_arguments, int));
     }
 
     // Some bytes more than there is room for, so that no character is cut before its time.
@@ -166,11 +166,11 @@ class Formatting {
 
     template <typename Value>
     void append(const Conversion& conversion, Value value) {
-        // The specification is one that the compiler has checked, as a part of the format.
+        // The compiler has checked it, as a part of the whole format.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
         char text[512];
-        const int length = std::snprintf(text, sizeof text, conversion.specification.c_str(), value);
+        const int length = std::snprintf(text, sizeof text, conversion.format.c_str(), value);
 #pragma GCC diagnostic pop
         if (length > 0)
             m_line.append(

@@ -5,7 +5,7 @@ import contextlib
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search, values
+from gateway import SUFFIX, Slapd, log_in, search, values
 from host import Slot, make_authority, make_certificate
 from name_server import NameServer
 from scripted_peer import Fail, ScriptedPeer
@@ -128,33 +128,22 @@ def made_up(number):
     return f"cn=p0001,ou=People,dc=made-up-{number},{SUFFIX}"
 
 
-def bind_code(forest, who, password="welcome"):
-    connection = forest.slapd.connect()
-    try:
-        connection.simple_bind_s(who, password)
-        return 0
-    except ldap.LDAPError as error:
-        return failure(error)[0]
-    finally:
-        forest.slapd.close_connection(connection)
-
-
 def test_a_domain_that_a_client_makes_up_gets_no_packet(forest):
     """Nor does anybody who may be asked where it is; its people are nobody."""
     forest.forget()
-    assert bind_code(forest, made_up(0)) == 49
+    assert log_in(forest.slapd, made_up(0), "welcome") == 49
     before = forest.packets()
-    assert [bind_code(forest, made_up(number)) for number in range(1, 41)] == [49] * 40
+    assert [log_in(forest.slapd, made_up(number), "welcome") for number in range(1, 41)] == [49] * 40
     assert forest.packets() == before
     assert not [name for name in forest.names.questions if "made-up" in name]
 
 
 def test_made_up_domains_leave_the_others_room(forest):
     forest.forget()
-    assert [bind_code(forest, made_up(number)) for number in range(40)] == [49] * 40
-    assert bind_code(forest, FAR_PERSON) == 0
-    assert bind_code(forest, NEAR_PERSON) == 0
-    assert bind_code(forest, FAR_PERSON, "wrong") == 49
+    assert [log_in(forest.slapd, made_up(number), "welcome") for number in range(40)] == [49] * 40
+    assert log_in(forest.slapd, FAR_PERSON, "welcome") == 0
+    assert log_in(forest.slapd, NEAR_PERSON, "welcome") == 0
+    assert log_in(forest.slapd, FAR_PERSON, "wrong") == 49
 
 
 def lists_domains(request):
@@ -164,20 +153,20 @@ def lists_domains(request):
 def test_which_domains_there_are_and_cannot_be_asked_is_a_failure(forest):
     """Neither a wrong password nor nobody: who is asked again later may get in."""
     forest.forget()
-    assert bind_code(forest, NEAR_PERSON) == 0
+    assert log_in(forest.slapd, NEAR_PERSON, "welcome") == 0
     for who in (FAR_PERSON, made_up(0)):
         forest.joined.fault(Fail(1, "00002020: Operation unavailable"), lists_domains)
-        assert bind_code(forest, who) == 52
+        assert log_in(forest.slapd, who, "welcome") == 52
     assert forest.joined.faults == []
-    assert (bind_code(forest, FAR_PERSON), bind_code(forest, made_up(0))) == (0, 49)
+    assert (log_in(forest.slapd, FAR_PERSON, "welcome"), log_in(forest.slapd, made_up(0), "welcome")) == (0, 49)
 
 
 def test_what_the_joined_domain_has_named_counts_while_it_is_gone(forest):
     forest.forget()
-    assert bind_code(forest, FAR_PERSON) == 0
+    assert log_in(forest.slapd, FAR_PERSON, "welcome") == 0
     forest.joined.hung = True
     try:
-        assert bind_code(forest, FAR_PERSON) == 0
+        assert log_in(forest.slapd, FAR_PERSON, "welcome") == 0
     finally:
         forest.joined.hung = False
 
@@ -186,8 +175,8 @@ def test_a_domain_whose_controllers_are_gone_is_a_failure(forest):
     forest.forget()
     forest.names.services.clear()
     try:
-        assert bind_code(forest, FAR_PERSON) == 52
-        assert bind_code(forest, FAR_PERSON, "wrong") == 52
+        assert log_in(forest.slapd, FAR_PERSON, "welcome") == 52
+        assert log_in(forest.slapd, FAR_PERSON, "wrong") == 52
     finally:
         forest.names.services.update(forest.services)
 
@@ -197,7 +186,7 @@ def test_another_domain_s_controllers_may_have_the_forest_s_name(forest):
     forest.names.hosts["dc.example.com"] = forest.far.address
     forest.forget()
     try:
-        assert bind_code(forest, FAR_PERSON) == 0
+        assert log_in(forest.slapd, FAR_PERSON, "welcome") == 0
     finally:
         forest.names.services.update(forest.services)
 
@@ -216,5 +205,5 @@ def test_a_place_outside_the_forest_is_none_of_its_domains(forest):
         "flatName": ["MADEUP1"], "trustDirection": [3], "trustType": [2], "trustAttributes": [8]}
     forest.joined.index()
     forest.forget()
-    assert [bind_code(forest, made_up(number)) for number in (0, 1)] == [49, 49]
+    assert [log_in(forest.slapd, made_up(number), "welcome") for number in (0, 1)] == [49, 49]
     assert not [name for name in forest.names.questions if "made-up" in name]

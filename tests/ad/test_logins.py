@@ -5,7 +5,7 @@ import contextlib
 import ldap
 import pytest
 
-from gateway import SUFFIX, Slapd, failure, search
+from gateway import SUFFIX, Slapd, failure, log_in, search
 from host import make_authority, make_certificate
 from played_domain import BASE, PASSWORD, SERVICE, PeerDirectory, entries, person
 from scripted_peer import ScriptedPeer, Search, Stall
@@ -70,18 +70,6 @@ def remembering(gateway, tmp_path):
     def start(**settings):
         return gateway("vex-auth-prefer-cache true", ad__auth__cache="true", ad__auth__cache__file=memory, **settings)
     return start
-
-
-def log_in(slapd, who, password):
-    """The result of a bind, by a connection that is gone afterwards."""
-    connection = slapd.connect()
-    try:
-        connection.simple_bind_s(who, password)
-        return 0
-    except ldap.LDAPError as error:
-        return failure(error)[0]
-    finally:
-        slapd.close_connection(connection)
 
 
 def asks_for(value):

@@ -117,7 +117,9 @@ def test_a_host_that_dns_names_lies_below_the_domain(tmp_path, transport, target
         stack.callback(world.close)
         log = tmp_path / "agent.log"
         agent = world.agent(ad__servers="", ad__timeout=4, log__file=log, log__level__vexagent=2)
-        resolving(agent, tmp_path / "resolv.conf", other)
+        resolv = tmp_path / "resolv.conf"
+        resolv.write_text(f"nameserver {other}\noptions timeout:1 attempts:1\n", encoding="utf-8")
+        agent.resolve_by(resolv)
         slapd = world.slapd(agent.start(), directives=Slapd.DIRECTIVES).start()
         connection = slapd.connect()
         if shown:
@@ -127,14 +129,6 @@ def test_a_host_that_dns_names_lies_below_the_domain(tmp_path, transport, target
         assert [code(lambda: search(connection, LOOK_UP)) for _ in range(3)] == [52] * 3
         assert peer.requests == peer.connections == []
         assert log.read_text(encoding="utf-8").count(f"DNS names {target} for example.com") == 1
-
-
-def resolving(agent, file, nameserver):
-    """The agent has a name server of its own."""
-    file.write_text(f"nameserver {nameserver}\noptions timeout:1 attempts:1\n", encoding="utf-8")
-    command = agent.command
-    agent.command = lambda: ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
-                             'mount --bind "$0" /etc/resolv.conf && exec "$@"', file, *command()]
 
 
 # ---- over which TLS

@@ -10,6 +10,7 @@ from gateway import SUFFIX, Slapd, search, values
 from host import make_authority, make_certificate
 from played_domain import PASSWORD, SERVICE, PeerDirectory
 from scripted_peer import ScriptedPeer
+from test_peer import certificate  # noqa: F401 (a fixture)
 from world import World
 
 FILTER = "(&(objectClass=posixAccount)(uid={}))"
@@ -26,14 +27,6 @@ def make_entries():
     where, zoe = played_domain.person(WITHOUT, WITHOUT, RID - 10000)
     zoe = {name: some for name, some in zoe.items() if name not in ("uidNumber", "gidNumber", "unixHomeDirectory")}
     return played_domain.entries([*(played_domain.person(name, name, number) for number, name in enumerate(NAMES)), (where, zoe)])
-
-
-@pytest.fixture(scope="module")
-def certificate(tmp_path_factory):
-    folder = tmp_path_factory.mktemp("tls")
-    make_authority(folder)
-    make_certificate(folder, ["IP:127.0.0.1", "DNS:peer.example.com"], folder / "cert.pem", folder / "key.pem")
-    return folder
 
 
 @pytest.fixture

@@ -306,6 +306,18 @@ class Slapd(Server):
         return super().stop()
 
 
+def log_in(slapd, who, password):
+    """The result of a bind, by a connection that is gone afterwards."""
+    connection = slapd.connect()
+    try:
+        connection.simple_bind_s(who, password)
+        return 0
+    except ldap.LDAPError as error:
+        return failure(error)[0]
+    finally:
+        slapd.close_connection(connection)
+
+
 def search(connection, filter, attributes=None, base=SUFFIX, scope=ldap.SCOPE_SUBTREE, **limits):
     """The entries found, as {DN: {attribute: [bytes]}}; none when the answer is 32."""
     try:
