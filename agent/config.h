@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "agent/ad/options.h"
-#include "agent/server.h"
-#include "agent/socket_file.h"
+#include "agent/server/server.h"
+#include "agent/server/socket_file.h"
 #include "vorn/properties.h"
 
 namespace vexagent {

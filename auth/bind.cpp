@@ -8,15 +8,15 @@
 #include "auth/credentials.h"
 #include "auth/shredder.h"
 #include "auth/statistics.h"
-#include "backend/agent_turns.h"
-#include "backend/failure.h"
-#include "backend/log.h"
-#include "backend/settings.h"
-#include "backend/supported_attributes.h"
+#include "backend/base/agent_turns.h"
+#include "backend/base/failure.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
+#include "backend/base/supported_attributes.h"
 #include "vex/handles.h"
 #include "vorn/dn.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <stdexcept>
 
 #include "auth/credentials.h"
-#include "auth/lutil_faults.h"
-#include "backend/settings.h"
+#include "auth/lutil_faults_testing.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/vex_standin.h"
 

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <utility>
 
-#include "backend/log.h"
-#include "backend/settings.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 CredManager* back_vex_creds = nullptr;
 

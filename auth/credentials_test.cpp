@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "auth/lutil_faults.h"
-#include "backend/settings.h"
+#include "auth/lutil_faults_testing.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 
 #include "tests/standin/slapd_standin.h"

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "auth/credentials.h"
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/scarce_memory.h"
 #include "tests/standin/vex_standin.h"

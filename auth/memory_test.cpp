@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "auth/credentials.h"
-#include "auth/lutil_faults.h"
-#include "backend/settings.h"
+#include "auth/lutil_faults_testing.h"
+#include "backend/base/settings.h"
 #include "tests/standin/vex_standin.h"
-#include "vorn/memory_scan.h"
+#include "vorn/memory_scan_testing.h"
 
 #include "auth/bind.h"
 #include "tests/standin/slapd_standin.h"

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "backend/log.h"
-#include "backend/settings.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
 
 vorn::ReaderWriterLock gStatisticsLock;
 

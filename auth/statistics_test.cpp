@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 
 #include "tests/standin/slapd_standin.h"

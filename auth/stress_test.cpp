@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "auth/credentials.h"
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "tests/standin/vex_standin.h"
 
 #include "auth/bind.h"

@@ -6,9 +6,9 @@
 // concurrently on slapd's worker threads.
 #pragma once
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // The module's entry: registers the back-end type "zanthedx".
 extern "C" int init_module(int argc, char* argv[]);

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "backend/backend.h"
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "backend/overlays.h"
 #include "vorn/logger.h"
 #include "vorn/numbers.h"
@@ -23,7 +23,7 @@
 #include "vorn/settings.h"
 #include "vorn/strings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "backend/backend.h"
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "tests/standin/captured.h"
 #include "vorn/logger.h"
 #include "vorn/settings.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 #include "tests/standin/slapd_standin.h"
 

@@ -7,7 +7,7 @@
 #include "auth/bind.h"
 #include "auth/credentials.h"
 #include "backend/backend.h"
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "cache/search_cache.h"
 #include "search/entries.h"
 #include "search/handles.h"
@@ -16,7 +16,7 @@
 #include "vorn/thread.h"
 #include "vorn/ulimit.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

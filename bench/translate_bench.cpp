@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "translate/filter.h"
-#include "translate/filter_builder.h"
+#include "translate/filter_builder_testing.h"
 #include "translate/ldif.h"
 #include "vex/handles.h"
 #include "vex/object.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 #include "vorn/properties.h"
 
 #include "tests/standin/slapd_standin.h"

@@ -1,7 +1,7 @@
 // What the cache does not take, and what makes room for it.
 #include <sys/resource.h>
 
-#include "cache/testing.h"
+#include "cache/cache_testing.h"
 
 namespace cachetest {
 namespace {

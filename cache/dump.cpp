@@ -3,7 +3,7 @@
 #include <ostream>
 #include <string>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "cache/search_cache.h"
 #include "vorn/secure_file.h"
 #include "vorn/strings.h"

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "cache/testing.h"
+#include "cache/cache_testing.h"
 
 namespace cachetest {
 namespace {

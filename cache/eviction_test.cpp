@@ -8,7 +8,7 @@
 #include <random>
 #include <tuple>
 
-#include "cache/testing.h"
+#include "cache/cache_testing.h"
 #include "vorn/hash.h"
 
 namespace cachetest {

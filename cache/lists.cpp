@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "cache/search_cache.h"
 #include "vorn/strings.h"
 

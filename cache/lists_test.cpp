@@ -1,4 +1,4 @@
-#include "cache/testing.h"
+#include "cache/cache_testing.h"
 
 namespace cachetest {
 namespace {

@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "vorn/strings.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <thread>
 #include <utility>
 
-#include "backend/log.h"
-#include "cache/testing.h"
+#include "backend/base/log.h"
+#include "cache/cache_testing.h"
 
 namespace cachetest {
 namespace {

@@ -5,7 +5,7 @@
 #include <random>
 #include <thread>
 
-#include "cache/testing.h"
+#include "cache/cache_testing.h"
 
 namespace cachetest {
 namespace {

@@ -15,6 +15,9 @@ if(ZX_SANITIZE)
   add_compile_definitions(ZX_SANITIZED=1)
 endif()
 
+# Made anew each time: a folder that was one before may hold others now.
+file(REMOVE_RECURSE "${PROJECT_BINARY_DIR}/roots")
+
 # zx_folder(TARGET FOLDER): lets TARGET's users include "FOLDER/x.h".
 function(zx_folder target folder)
   set(root "${PROJECT_BINARY_DIR}/roots/${target}")

@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <span>
 
-#include "translate/filter_builder.h"
+#include "translate/filter_builder_testing.h"
 #include "vorn/exception.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

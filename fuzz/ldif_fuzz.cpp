@@ -5,10 +5,10 @@
 #include <cstdlib>
 
 #include "translate/ldif.h"
-#include "translate/ldif_reader.h"
+#include "translate/ldif_reader_testing.h"
 #include "vex/handles.h"
 #include "vex/object.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "agent/fake_directory.h"
+#include "agent/directory/fake_directory_testing.h"
 #include "serve_request.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "agent/service.h"
+#include "agent/server/service.h"
 
 inline void serveRequest(vexagent::Directory& directory, const vexagent::Bytes& frame) {
     const vex::wire::Request* request = vexagent::readRequest(frame);

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "agent/fake_directory.h"
+#include "agent/directory/fake_directory_testing.h"
 #include "serve_request.h"
 #include "vex/wire.h"
 

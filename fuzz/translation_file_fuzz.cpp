@@ -9,15 +9,15 @@
 #include <string_view>
 #include <vector>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "translate/filter.h"
-#include "translate/filter_builder.h"
+#include "translate/filter_builder_testing.h"
 #include "translate/ldif.h"
 #include "translate/map.h"
 #include "vex/object.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

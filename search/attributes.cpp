@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <utility>
 
-#include "backend/settings.h"
-#include "backend/supported_attributes.h"
+#include "backend/base/settings.h"
+#include "backend/base/supported_attributes.h"
 #include "translate/map.h"
 #include "vex/vex.h"
 #include "vorn/strings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

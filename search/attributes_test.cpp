@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "search/fixture.h"
+#include "search/fixture_testing.h"
 
 #include "tests/standin/slapd_standin.h"
 

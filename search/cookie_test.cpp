@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "backend/settings.h"
-#include "search/fixture.h"
-#include "search/testing.h"
+#include "backend/base/settings.h"
+#include "search/fixture_testing.h"
+#include "search/search_testing.h"
 #include "tests/standin/captured.h"
 #include "vorn/settings.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 #include "tests/standin/slapd_standin.h"
 

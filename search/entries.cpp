@@ -3,13 +3,13 @@
 #include <utility>
 #include <vector>
 
-#include "backend/agent_turns.h"
-#include "backend/log.h"
+#include "backend/base/agent_turns.h"
+#include "backend/base/log.h"
 #include "vorn/dn.h"
 #include "vorn/remembered.h"
 #include "vorn/strings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <new>
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

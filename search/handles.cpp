@@ -4,9 +4,9 @@
 #include <string_view>
 #include <utility>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 SearchHandleManager* back_vex_search_handle = nullptr;
 

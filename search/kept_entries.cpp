@@ -5,7 +5,7 @@
 #include "cache/heap.h"
 #include "search/flat_entry.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "search/entries.h"
-#include "search/fixture.h"
-#include "search/testing.h"
+#include "search/fixture_testing.h"
+#include "search/search_testing.h"
 #include "tests/standin/captured.h"
 #include "vorn/thread.h"
 

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "backend/settings.h"
-#include "search/fixture.h"
-#include "search/testing.h"
+#include "backend/base/settings.h"
+#include "search/fixture_testing.h"
+#include "search/search_testing.h"
 #include "tests/standin/scarce_memory.h"
 #include "vorn/thread.h"
 

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "backend/agent_turns.h"
-#include "backend/log.h"
+#include "backend/base/agent_turns.h"
+#include "backend/base/log.h"
 #include "vex/handles.h"
 
 namespace {

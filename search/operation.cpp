@@ -8,16 +8,16 @@
 #include <utility>
 #include <vector>
 
-#include "backend/agent_turns.h"
-#include "backend/log.h"
-#include "backend/settings.h"
+#include "backend/base/agent_turns.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
 #include "search/objects.h"
 #include "translate/filter.h"
 #include "translate/map.h"
 #include "vorn/strings.h"
 
-#include "backend/failure.h"
-#include "backend/slapd.h"
+#include "backend/base/failure.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "search/request.h"
 #include "vex/handles.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // The state of one request, and its steps in their order. Each step but finish
 // tells whether the request goes on; what it cannot go on with, it has reported

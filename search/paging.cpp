@@ -4,10 +4,10 @@
 #include <string_view>
 #include <utility>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "vex/vex.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "search/page_name.h"
 #include "search/request.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // The control of one request.
 class PagedResults {

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <set>
 
-#include "backend/settings.h"
-#include "search/fixture.h"
-#include "search/testing.h"
+#include "backend/base/settings.h"
+#include "search/fixture_testing.h"
+#include "search/search_testing.h"
 #include "tests/standin/captured.h"
 #include "vorn/thread.h"
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "backend/log.h"
-#include "backend/settings.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
 #include "cache/search_cache.h"
 #include "search/attributes.h"
 #include "translate/filter.h"
@@ -14,7 +14,7 @@
 #include "vorn/settings.h"
 #include "vorn/strings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

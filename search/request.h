@@ -12,7 +12,7 @@
 #include "translate/ldif.h"
 #include "vex/vex.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // Why a request ends before the agent is asked.
 struct Rejection {

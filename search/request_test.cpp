@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <memory>
 
-#include "backend/settings.h"
-#include "search/fixture.h"
+#include "backend/base/settings.h"
+#include "search/fixture_testing.h"
 #include "tests/standin/captured.h"
-#include "translate/filter_builder.h"
+#include "translate/filter_builder_testing.h"
 #include "vorn/settings.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 #include "tests/standin/slapd_standin.h"
 

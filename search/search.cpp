@@ -5,7 +5,7 @@
 
 #include "search/operation.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

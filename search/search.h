@@ -1,7 +1,7 @@
 // The search operation.
 #pragma once
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // slapd's search hook. Answers the whole request itself; 0, save when an
 // unexpected exception was reported to the client: then 1.

@@ -11,13 +11,13 @@
 #include <stdexcept>
 #include <thread>
 
-#include "backend/settings.h"
-#include "search/fixture.h"
-#include "search/testing.h"
+#include "backend/base/settings.h"
+#include "search/fixture_testing.h"
+#include "search/search_testing.h"
 #include "tests/standin/captured.h"
 #include "vorn/logger.h"
 #include "vorn/settings.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 #include "vorn/thread.h"
 
 #include "tests/standin/slapd_standin.h"

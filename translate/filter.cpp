@@ -5,14 +5,14 @@
 #include <optional>
 #include <utility>
 
-#include "backend/log.h"
+#include "backend/base/log.h"
 #include "translate/map.h"
 #include "vex/vex.h"
 #include "vorn/attribute_name.h"
 #include "vorn/exception.h"
 #include "vorn/strings.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

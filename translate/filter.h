@@ -12,7 +12,7 @@
 
 #include "vorn/properties.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 // The filter in the agent's vocabulary; possibly empty. objectType may be empty;
 // a null map renames nothing. Greater-or-equal and less-or-equal become equality.

@@ -8,7 +8,7 @@
 #include <random>
 
 #include "tests/standin/captured.h"
-#include "translate/filter_builder.h"
+#include "translate/filter_builder_testing.h"
 #include "vorn/exception.h"
 
 #include "tests/standin/slapd_standin.h"

@@ -6,8 +6,8 @@
 #include <span>
 #include <utility>
 
-#include "backend/log.h"
-#include "backend/settings.h"
+#include "backend/base/log.h"
+#include "backend/base/settings.h"
 #include "translate/map.h"
 #include "vex/handles.h"
 #include "vorn/dn.h"
@@ -15,7 +15,7 @@
 #include "vorn/strings.h"
 #include "vorn/utf8.h"
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/vex_standin.h"
 #include "vex/handles.h"

@@ -4,10 +4,10 @@
 
 #include <random>
 
-#include "backend/settings.h"
+#include "backend/base/settings.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/vex_standin.h"
-#include "translate/ldif_reader.h"
+#include "translate/ldif_reader_testing.h"
 #include "vex/handles.h"
 #include "vorn/utf8.h"
 

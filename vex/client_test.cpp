@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "vex/handles.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 #include "vex/wire.h"
 #include "vorn/settings.h"
 

@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "vex/handles.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 #include "vex/wire.h"
 
 namespace vextest {

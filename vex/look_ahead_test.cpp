@@ -6,7 +6,7 @@
 
 #include "vex/handles.h"
 #include "vex/look_ahead.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 #include "vex/session.h"
 #include "vex/wire.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "vex/handles.h"
-#include "vex/scripted_agent.h"
+#include "vex/scripted_agent_testing.h"
 
 namespace vextest {
 namespace {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "vorn/settings.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace {
 

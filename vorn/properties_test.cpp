@@ -7,7 +7,7 @@
 #include <ostream>
 #include <thread>
 
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vorn {
 namespace {

@@ -11,7 +11,7 @@
 #include <functional>
 
 #include "vorn/file_refusal.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vorn {
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vorn {
 namespace {

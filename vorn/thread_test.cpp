@@ -15,7 +15,7 @@
 
 #include "vorn/lock.h"
 #include "vorn/logger.h"
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vorn {
 namespace {

@@ -10,8 +10,8 @@
 #include "agent/ad/auth_cache.h"
 #include "agent/ad/ids.h"
 #include "agent/ad/login.h"
-#include "agent/identifiers.h"
-#include "vorn/temporary_folder.h"
+#include "agent/directory/identifiers.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
 namespace {

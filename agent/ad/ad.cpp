@@ -5,11 +5,11 @@
 
 #include "agent/ad/filters.h"
 #include "agent/ad/login.h"
-#include "agent/identifiers.h"
-#include "agent/log.h"
-#include "agent/member_groups.h"
-#include "agent/own_file.h"
+#include "agent/directory/identifiers.h"
+#include "agent/directory/log.h"
+#include "agent/directory/member_groups.h"
 #include "vorn/dn.h"
+#include "vorn/own_file.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
 
@@ -47,7 +47,7 @@ std::optional<std::string> guidBase(const std::string& base) {
 // A password that others may read is refused at once, not at the first request.
 const AdOptions& checked(const AdOptions& options) {
     std::string password;
-    if (options.transport != Transport::Gssapi) readSecretLine(options.bindPasswordFile, password);
+    if (options.transport != Transport::Gssapi) vorn::readSecretLine(options.bindPasswordFile, password);
     vorn::wipe(password);
     return options;
 }

@@ -14,7 +14,7 @@
 #include "agent/ad/search.h"
 #include "agent/ad/tickets.h"
 #include "agent/ad/watchdog.h"
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
 
 namespace vexagent {
 
@@ -22,7 +22,7 @@ class AdDirectory : public Directory {
   public:
     // Asks nothing yet: a domain that is out of reach is found out by the requests.
     // Changes this process's environment (see Tickets), so no other thread runs yet.
-    // Throws OwnFileError.
+    // Throws vorn::OwnFileError.
     explicit AdDirectory(const AdOptions& options);
 
     bool isQuick(int scope, const std::string& filter) const override;

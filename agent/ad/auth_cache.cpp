@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "agent/ad/login.h"
-#include "agent/log.h"
-#include "agent/passwords.h"
+#include "agent/directory/log.h"
+#include "agent/directory/passwords.h"
 #include "vorn/descriptor.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
@@ -51,7 +51,7 @@ AuthCache::AuthCache(const AuthCacheOptions& options, vorn::Clock clock)
 
 void AuthCache::read() {
     std::string text;
-    readOwnFile(m_options.file, kLargestFile, text);
+    vorn::readOwnFile(m_options.file, kLargestFile, text);
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {

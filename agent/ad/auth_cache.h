@@ -14,12 +14,12 @@
 #include <string>
 
 #include "agent/ad/options.h"
-#include "agent/own_file.h"
-#include "agent/verdict.h"
+#include "agent/directory/verdict.h"
+#include "vorn/own_file.h"
 
 namespace vexagent {
 
-using AuthCacheError = OwnFileError;
+using AuthCacheError = vorn::OwnFileError;
 
 // Safe for several threads and, in one process, for one object on one file.
 class AuthCache {

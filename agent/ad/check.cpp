@@ -6,9 +6,9 @@
 
 #include "agent/ad/domain.h"
 #include "agent/ad/ids.h"
-#include "agent/identifiers.h"
-#include "agent/own_file.h"
+#include "agent/directory/identifiers.h"
 #include "vorn/dn.h"
+#include "vorn/own_file.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
 
@@ -97,8 +97,8 @@ class Check {
         std::string line;
         bool found = false;
         try {
-            found = readSecretLine(file, line);
-        } catch (const OwnFileError& error) {
+            found = vorn::readSecretLine(file, line);
+        } catch (const vorn::OwnFileError& error) {
             reason = error.what();
         }
         vorn::wipe(line);

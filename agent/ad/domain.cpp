@@ -6,7 +6,7 @@
 
 #include "agent/ad/login.h"
 #include "agent/ad/srv.h"
-#include "agent/log.h"
+#include "agent/directory/log.h"
 #include "vorn/dn.h"
 #include "vorn/strings.h"
 

@@ -5,7 +5,7 @@
 
 #include "agent/ad/filters.h"
 #include "agent/ad/objects.h"
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
 
 namespace vexagent {
 namespace {

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-#include "agent/categories.h"
+#include "agent/directory/categories.h"
 #include "vorn/numbers.h"
 #include "vorn/strings.h"
 

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "agent/ad/ids.h"
-#include "agent/directory.h"
-#include "agent/filter.h"
+#include "agent/directory/directory.h"
+#include "agent/directory/filter.h"
 
 namespace vexagent {
 

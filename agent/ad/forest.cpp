@@ -1,6 +1,6 @@
 #include "agent/ad/forest.h"
 
-#include "agent/log.h"
+#include "agent/directory/log.h"
 #include "vorn/dn.h"
 #include "vorn/signals_blocked.h"
 #include "vorn/strings.h"

@@ -1,6 +1,6 @@
 #include "agent/ad/ids.h"
 
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
 #include "vorn/hash.h"
 
 namespace vexagent {

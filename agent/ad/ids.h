@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "agent/ad/options.h"
-#include "agent/unix_ids.h"
+#include "agent/directory/unix_ids.h"
 
 namespace vexagent {
 

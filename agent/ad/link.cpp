@@ -13,8 +13,8 @@
 
 #include "agent/ad/login.h"
 #include "agent/ad/results.h"
-#include "agent/log.h"
-#include "agent/own_file.h"
+#include "agent/directory/log.h"
+#include "vorn/own_file.h"
 #include "vorn/secret.h"
 #include "vorn/strings.h"
 
@@ -309,10 +309,10 @@ LdapStatus Link::showPassword(const Deadline& deadline) {
     const AdOptions& options = m_context.options;
     std::string password;
     try {
-        if (!readSecretLine(options.bindPasswordFile, password))
+        if (!vorn::readSecretLine(options.bindPasswordFile, password))
             return lost(LDAP_LOCAL_ERROR,
                         "no password in " + options.bindPasswordFile + " (ad.bind.password.file)");
-    } catch (const OwnFileError& error) {
+    } catch (const vorn::OwnFileError& error) {
         return lost(LDAP_LOCAL_ERROR, std::string(error.what()) + " (ad.bind.password.file)");
     }
     LdapStatus status = bind(options.bindName, password, deadline);

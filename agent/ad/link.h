@@ -16,7 +16,7 @@
 #include "agent/ad/sockets.h"
 #include "agent/ad/tickets.h"
 #include "agent/ad/watchdog.h"
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
 
 namespace vexagent {
 

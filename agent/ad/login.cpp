@@ -3,7 +3,7 @@
 #include <charconv>
 #include <optional>
 
-#include "agent/account_state.h"
+#include "agent/directory/account_state.h"
 
 namespace vexagent {
 namespace {

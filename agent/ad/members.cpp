@@ -5,7 +5,7 @@
 #include <unordered_set>
 
 #include "agent/ad/filters.h"
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/dn.h"
 #include "vorn/numbers.h"

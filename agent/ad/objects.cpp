@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "agent/categories.h"
-#include "agent/identifiers.h"
+#include "agent/directory/categories.h"
+#include "agent/directory/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/numbers.h"
 #include "vorn/secret_names.h"

@@ -6,7 +6,7 @@
 
 #include "agent/ad/ids.h"
 #include "agent/ad/link.h"
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
 
 namespace vexagent {
 

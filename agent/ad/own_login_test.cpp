@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "vorn/temporary_folder.h"
+#include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
 namespace {

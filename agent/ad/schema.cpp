@@ -1,7 +1,7 @@
 #include "agent/ad/schema.h"
 
 #include "agent/ad/objects.h"
-#include "agent/log.h"
+#include "agent/directory/log.h"
 
 namespace vexagent {
 namespace {

@@ -5,7 +5,7 @@
 #include <mutex>
 
 #include "agent/ad/domain.h"
-#include "agent/schema.h"
+#include "agent/directory/schema.h"
 
 namespace vexagent {
 

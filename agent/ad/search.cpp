@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "agent/ad/results.h"
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
 #include "vex/wire.h"
 #include "vorn/strings.h"
 

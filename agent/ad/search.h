@@ -6,8 +6,8 @@
 #include "agent/ad/domain.h"
 #include "agent/ad/members.h"
 #include "agent/ad/objects.h"
-#include "agent/directory.h"
-#include "agent/schema.h"
+#include "agent/directory/directory.h"
+#include "agent/directory/schema.h"
 
 namespace vexagent {
 

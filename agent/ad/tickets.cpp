@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "agent/log.h"
+#include "agent/directory/log.h"
 #include "vorn/strings.h"
 
 namespace vexagent {

@@ -10,7 +10,7 @@
 #include "agent/ad/kerberos.h"
 #include "agent/ad/options.h"
 #include "agent/ad/own_login.h"
-#include "agent/verdict.h"
+#include "agent/directory/verdict.h"
 
 namespace vexagent {
 

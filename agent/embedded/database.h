@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/attributes.h"
-#include "agent/ldb.h"
+#include "agent/directory/attributes.h"
+#include "agent/directory/ldb.h"
 
 namespace vexagent {
 

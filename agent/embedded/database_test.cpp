@@ -7,8 +7,8 @@
 #include <optional>
 #include <thread>
 
+#include "agent/embedded/directory_testing.h"
 #include "agent/embedded/search.h"
-#include "agent/embedded/test_directory.h"
 
 namespace vexagent {
 namespace {

@@ -4,16 +4,16 @@
 
 #include <set>
 
-#include "agent/account_state.h"
+#include "agent/directory/account_state.h"
+#include "agent/directory/identifiers.h"
+#include "agent/directory/member_groups.h"
+#include "agent/directory/passwords.h"
 #include "agent/embedded/filter.h"
 #include "agent/embedded/folding.h"
 #include "agent/embedded/kinds.h"
 #include "agent/embedded/objects.h"
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
-#include "agent/identifiers.h"
-#include "agent/member_groups.h"
-#include "agent/passwords.h"
 #include "vorn/dn.h"
 #include "vorn/secret.h"
 #include "vorn/secret_names.h"

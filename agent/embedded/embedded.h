@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
 #include "agent/embedded/database.h"
 #include "agent/embedded/memberships.h"
 #include "agent/embedded/names.h"

@@ -12,9 +12,9 @@
 #include <cmath>
 #include <thread>
 
-#include "agent/embedded/test_directory.h"
-#include "agent/filter_shape.h"
-#include "agent/passwords.h"
+#include "agent/directory/filter_shape.h"
+#include "agent/directory/passwords.h"
+#include "agent/embedded/directory_testing.h"
 
 namespace vexagent {
 namespace {

@@ -1,7 +1,7 @@
 // What a filter costs on LDB.
 #pragma once
 
-#include "agent/filter.h"
+#include "agent/directory/filter.h"
 
 namespace vexagent {
 

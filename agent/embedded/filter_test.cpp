@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
 
 namespace vexagent {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/tree.h"
+#include "agent/directory/tree.h"
 
 namespace vexagent {
 

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/embedded/directory_testing.h"
 #include "agent/embedded/filter.h"
-#include "agent/embedded/test_directory.h"
 
 namespace vexagent {
 namespace {

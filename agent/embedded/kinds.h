@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "agent/categories.h"
-#include "agent/ldb.h"
-#include "agent/unix_ids.h"
+#include "agent/directory/categories.h"
+#include "agent/directory/ldb.h"
+#include "agent/directory/unix_ids.h"
 
 namespace vexagent {
 

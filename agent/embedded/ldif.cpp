@@ -1,5 +1,5 @@
 #include "agent/embedded/ldif.h"
-#include "agent/account_state.h"
+#include "agent/directory/account_state.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,9 +12,9 @@
 #include <optional>
 #include <sstream>
 
-#include "agent/attributes.h"
+#include "agent/directory/attributes.h"
+#include "agent/directory/identifiers.h"
 #include "agent/embedded/kinds.h"
-#include "agent/identifiers.h"
 #include "vorn/strings.h"
 #include "vorn/utf8.h"
 

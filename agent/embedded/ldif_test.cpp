@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "agent/embedded/test_directory.h"
-#include "agent/identifiers.h"
+#include "agent/directory/identifiers.h"
+#include "agent/embedded/directory_testing.h"
 
 namespace vexagent {
 namespace {

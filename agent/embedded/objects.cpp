@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/directory/identifiers.h"
 #include "agent/embedded/kinds.h"
-#include "agent/identifiers.h"
 #include "vorn/secret_names.h"
 #include "vorn/strings.h"
 

@@ -1,10 +1,10 @@
 // From a database record to the object that a client sees.
 #pragma once
 
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
+#include "agent/directory/unix_ids.h"
 #include "agent/embedded/database.h"
 #include "agent/embedded/memberships.h"
-#include "agent/unix_ids.h"
 
 namespace vexagent {
 

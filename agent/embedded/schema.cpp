@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "agent/attributes.h"
+#include "agent/directory/attributes.h"
 #include "agent/embedded/database.h"
 #include "vorn/strings.h"
 

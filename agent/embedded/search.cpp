@@ -1,8 +1,8 @@
 #include "agent/embedded/search.h"
 
+#include "agent/directory/identifiers.h"
 #include "agent/embedded/folding.h"
 #include "agent/embedded/kinds.h"
-#include "agent/identifiers.h"
 #include "vex/wire.h"
 
 namespace vexagent {

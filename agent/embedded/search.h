@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "agent/directory.h"
+#include "agent/directory/directory.h"
 #include "agent/embedded/objects.h"
 
 namespace vexagent {

@@ -4,8 +4,8 @@
 #include <set>
 #include <unordered_set>
 
+#include "agent/directory/identifiers.h"
 #include "agent/embedded/kinds.h"
-#include "agent/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/numbers.h"
 #include "vorn/strings.h"

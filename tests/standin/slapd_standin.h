@@ -1,6 +1,6 @@
 // A stand-in for the functions of slapd that the module calls, and operations to
 // call its hooks with, for tests without a running slapd. Included last, as
-// backend/slapd.h is.
+// backend/base/slapd.h is.
 //
 //     standin::FakeConnection connection(7);
 //     standin::FakeOperation operation(connection);
@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "backend/slapd.h"
+#include "backend/base/slapd.h"
 
 namespace standin {
 

@@ -1,0 +1,236 @@
+#include "agent/server/connection.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <cerrno>
+
+#include "agent/directory/log.h"
+#include "vorn/secret.h"
+
+namespace vexagent {
+namespace {
+
+namespace asio = boost::asio;
+namespace wire = vex::wire;
+using boost::system::error_code;
+
+// So much is read, or written, at a time: a length is a claim until the bytes
+// are there.
+constexpr std::size_t kStep = 65536;
+
+void wipe(Bytes& bytes) {
+    if (!bytes.empty()) vorn::wipe(bytes.data(), bytes.size());
+    bytes.clear();
+}
+
+Bytes greeting() {
+    Bytes bytes(std::begin(wire::kMagic), std::end(wire::kMagic));
+    for (int shift = 0; shift < 32; shift += 8)
+        bytes.push_back(static_cast<std::uint8_t>(wire::kVersion >> shift));
+    return bytes;
+}
+
+}  // namespace
+
+Connection::Connection(Socket socket, const Client& client, const Shared& shared)
+    : m_socket(std::move(socket)), m_timer(shared.io), m_client(client), m_shared(shared) {}
+
+// A request that nobody has worked on may hold a password.
+Connection::~Connection() {
+    wipe(m_request);
+}
+
+void Connection::start() {
+    m_shared.service.connected(m_client);
+    m_busy = true;
+    m_output = greeting();
+    write();
+}
+
+void Connection::finish() {
+    m_lastOne = true;
+    if (!m_busy) close();
+}
+
+// Not while a worker is at it: nothing but the work's end is waited for then.
+void Connection::close() {
+    if (m_closed) return;
+    m_closed = true;
+    m_timer.cancel();
+    error_code ignored;
+    m_socket.close(ignored);
+    wipe(m_request);
+    m_shared.service.disconnected(m_client);
+    m_shared.closed(shared_from_this());
+}
+
+// The client has gone without the last answer: nobody will ask for the rest of a search
+// that only this answer names.
+void Connection::giveUp() {
+    if (m_closed) return;
+    if (m_search != 0) m_shared.service.closeSearch(m_client, m_search);
+    close();
+}
+
+void Connection::drop() {
+    m_busy ? giveUp() : close();
+}
+
+// A deadline that moves on, as it does with every request, costs nothing: the timer
+// finds out when it is due.
+void Connection::setDeadline(std::chrono::milliseconds time) {
+    m_deadline = std::chrono::steady_clock::now() + time;
+    if (!m_armed || m_deadline < m_timer.expiry()) armTimer();
+}
+
+void Connection::armTimer() {
+    m_armed = true;
+    m_timer.expires_at(m_deadline);
+    m_timer.async_wait([self = shared_from_this()](const error_code& error) {
+        if (error || self->m_closed) return;  // another wait has taken its place
+        self->m_armed = false;
+        if (self->m_deadline <= std::chrono::steady_clock::now()) return self->drop();
+        if (self->m_deadline != Moment::max()) self->armTimer();
+    });
+}
+
+void Connection::waitForRequest() {
+    m_busy = false;
+    if (m_lastOne) return close();
+    m_haveLength = m_haveRequest = 0;
+    setDeadline(m_shared.idle);
+    waitForBytes();
+}
+
+void Connection::waitForBytes() {
+    m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
+        if (self->m_closed) return;
+        if (error) return self->close();
+        self->onReadable();
+    });
+}
+
+// Reads what has come. Mostly that is a whole request, and no clock has to be set.
+void Connection::onReadable() {
+    const bool begun = m_haveLength > 0;
+    if (readLength() && readBody()) return process();
+    if (m_closed) return;
+    // For the whole of it: who sends byte by byte gains no time.
+    if (!begun && m_haveLength > 0) setDeadline(m_shared.timeout);
+    waitForBytes();
+}
+
+// Reads until there are so many bytes. False when they have not all come yet, or
+// never will: then the connection is closed.
+bool Connection::receive(std::uint8_t* place, std::size_t size, std::size_t& have) {
+    while (have < size) {
+        const ssize_t got = ::recv(m_socket.native_handle(), place + have, size - have, MSG_DONTWAIT);
+        if (got > 0)
+            have += static_cast<std::size_t>(got);
+        else if (got < 0 && errno == EAGAIN)
+            return false;
+        else if (got < 0 && errno == ECONNRESET)  // what was sent has not all been read
+            return giveUp(), false;
+        else if (got == 0 || errno != EINTR)
+            return close(), false;
+    }
+    return true;
+}
+
+bool Connection::readLength() {
+    if (m_haveLength == m_length.size()) return true;
+    if (!receive(m_length.data(), m_length.size(), m_haveLength)) return false;
+    m_expected = 0;
+    for (std::size_t i = wire::kLengthBytes; i-- > 0;) m_expected = m_expected << 8 | m_length[i];
+    if (m_expected > 0 && m_expected <= wire::kMaxRequestBytes) return true;
+    AGENT_LOG(vorn::Logger::kWarning, "refused a frame of %zu bytes from pid %d uid %u", m_expected,
+              static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
+    close();
+    return false;
+}
+
+// Makes room for the next step. A longer buffer is filled by hand, so that the
+// shorter one, which may hold a password, is wiped.
+bool Connection::grow() {
+    const std::size_t have = m_request.size();
+    if (have == m_expected) return false;
+    Bytes longer(std::min(m_expected, have + std::max(have, kStep)));
+    std::copy(m_request.begin(), m_request.end(), longer.begin());
+    wipe(m_request);
+    m_request = std::move(longer);
+    return true;
+}
+
+bool Connection::readBody() {
+    do {
+        if (!receive(m_request.data(), m_request.size(), m_haveRequest)) return false;
+    } while (grow());
+    return true;
+}
+
+void Connection::process() {
+    m_deadline = Moment::max();
+    const wire::Request* request = readRequest(m_request);
+    if (request == nullptr) {
+        AGENT_LOG(vorn::Logger::kWarning, "refused a malformed request of pid %d uid %u",
+                  static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
+        return close();
+    }
+    m_busy = true;
+    if (!Service::isKnown(*request)) m_lastOne = true;  // and is answered so
+    const Lane lane = m_shared.service.lane(*request);
+    m_atWork = true;
+    m_shared.pool.post(lane, [self = shared_from_this()]() mutable {
+        Connection& connection = *self;
+        connection.work();
+        // The connection goes on, and may end, in the I/O thread only.
+        asio::post(connection.m_shared.io, [self = std::move(self)] { self->onWorked(); });
+    });
+}
+
+// In a worker. The client need not wait for the I/O thread to wake up.
+void Connection::work() {
+    std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request));
+    wipe(m_request);
+    m_output = frame ? std::move(*frame) : Bytes();
+    m_search = searchIn(m_output);
+    m_written = 0;
+    sendAtOnce();
+}
+
+// As much as the socket takes. What failed fails once more, in the I/O thread.
+void Connection::sendAtOnce() {
+    if (m_output.empty()) return;
+    const ssize_t sent =
+        ::send(m_socket.native_handle(), m_output.data(), m_output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0) m_written = static_cast<std::size_t>(sent);
+}
+
+void Connection::onWorked() {
+    m_atWork = false;
+    m_written < m_output.size() ? write() : onWritten(0);
+}
+
+void Connection::write() {
+    setDeadline(m_shared.timeout);
+    const std::size_t size = std::min(m_output.size() - m_written, kStep);
+    asio::async_write(m_socket, asio::buffer(m_output.data() + m_written, size),
+                      [self = shared_from_this()](const error_code& error, std::size_t bytes) {
+                          if (self->m_closed) return;
+                          if (error) return self->giveUp();
+                          self->onWritten(bytes);
+                      });
+}
+
+void Connection::onWritten(std::size_t bytes) {
+    m_written += bytes;
+    if (m_written < m_output.size()) return write();
+    m_output = Bytes();
+    m_written = 0;
+    waitForRequest();
+}
+
+}  // namespace vexagent

@@ -1,0 +1,100 @@
+// One client's connection.
+//
+// It greets, then reads one request at a time, has it worked on, and writes the
+// answer before it reads on: a client that sends faster than it reads waits in
+// its own socket. All its members are used by the thread of the I/O context;
+// while a request is worked on, the frames are the worker's, who writes as much
+// of the answer as the socket takes, and nobody else touches the socket.
+#pragma once
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "agent/server/frames.h"
+#include "agent/server/pool.h"
+#include "agent/server/service.h"
+#include "vex/wire.h"
+
+namespace vexagent {
+
+class Connection : public std::enable_shared_from_this<Connection> {
+  public:
+    using Socket = boost::asio::local::stream_protocol::socket;
+    using Closed = std::function<void(const std::shared_ptr<Connection>&)>;
+
+    // What connections share. All of it outlives them.
+    struct Shared {
+        boost::asio::io_context& io;
+        Service& service;
+        WorkerPool& pool;
+        std::chrono::milliseconds timeout;  // for a frame to arrive, or to be taken
+        std::chrono::milliseconds idle;     // between two requests
+        Closed closed;                      // told once
+    };
+
+    Connection(Socket socket, const Client& client, const Shared& shared);
+    ~Connection();
+
+    void start();
+
+    // Ends the connection, now or when the answer at hand is written.
+    void finish();
+
+    // Ends the connection without waiting for its client any longer. Not while it is at
+    // work.
+    void drop();
+
+    using Moment = std::chrono::steady_clock::time_point;
+
+    const Client& client() const { return m_client; }
+    // Whether a worker has its request.
+    bool isAtWork() const { return m_atWork; }
+    // Until when its client is waited for.
+    Moment deadline() const { return m_deadline; }
+
+  private:
+    void waitForRequest();
+    void waitForBytes();
+    void onReadable();
+    bool readLength();
+    bool readBody();
+    bool receive(std::uint8_t* place, std::size_t size, std::size_t& have);
+    bool grow();
+    void process();
+    void work();
+    void onWorked();
+    void sendAtOnce();
+    void write();
+    void giveUp();
+    void close();
+    void onWritten(std::size_t bytes);
+    void setDeadline(std::chrono::milliseconds time);
+    void armTimer();
+
+    Socket m_socket;
+    boost::asio::steady_timer m_timer;
+    Moment m_deadline = Moment::max();  // of what is waited for; the timer may be due earlier
+    bool m_armed = false;
+    const Client m_client;
+    const Shared& m_shared;
+
+    std::array<std::uint8_t, vex::wire::kLengthBytes> m_length{};
+    std::size_t m_haveLength = 0;  // bytes of it that are there
+    std::size_t m_expected = 0;    // bytes of the frame being read
+    Bytes m_request;
+    std::size_t m_haveRequest = 0;
+    Bytes m_output;
+    std::size_t m_written = 0;
+    std::uint64_t m_search = 0;  // that the last answer leaves open
+    bool m_busy = false;         // a request is being worked on or answered
+    bool m_atWork = false;       // it is being worked on
+    bool m_lastOne = false;      // close after the answer
+    bool m_closed = false;
+};
+
+}  // namespace vexagent

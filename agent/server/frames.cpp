@@ -1,0 +1,180 @@
+#include "agent/server/frames.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "vex/wire.h"
+
+namespace vexagent {
+namespace {
+
+namespace wire = vex::wire;
+using Builder = flatbuffers::FlatBufferBuilder;
+
+flatbuffers::Offset<flatbuffers::String> createText(Builder& builder, const std::string& text) {
+    return builder.CreateString(text.data(), text.size());
+}
+
+// An object as a buffer of its own, aligned within the response.
+flatbuffers::Offset<wire::PackedObject> pack(Builder& builder, Builder& scratch, const Object& object) {
+    scratch.Clear();
+    std::vector<flatbuffers::Offset<wire::Attribute>> attributes;
+    attributes.reserve(object.size());
+    for (const Attribute& attribute : object) {
+        std::vector<flatbuffers::Offset<flatbuffers::String>> values;
+        values.reserve(attribute.values.size());
+        for (const std::string& value : attribute.values) values.push_back(createText(scratch, value));
+        const auto valueList = scratch.CreateVector(values);
+        attributes.push_back(wire::CreateAttribute(scratch, createText(scratch, attribute.name), valueList));
+    }
+    scratch.Finish(wire::CreateObject(scratch, scratch.CreateVector(attributes)));
+    builder.ForceVectorAlignment(scratch.GetSize(), 1, sizeof(flatbuffers::largest_scalar_t));
+    return wire::CreatePackedObject(builder,
+                                    builder.CreateVector(scratch.GetBufferPointer(), scratch.GetSize()));
+}
+
+void finish(Builder& builder, std::uint64_t id, const Answer& answer) {
+    Builder scratch;
+    std::vector<flatbuffers::Offset<wire::PackedObject>> objects;
+    objects.reserve(answer.objects.size());
+    for (const Object& object : answer.objects) objects.push_back(pack(builder, scratch, object));
+    std::vector<flatbuffers::Offset<flatbuffers::String>> names;
+    names.reserve(answer.names.size());
+    for (const std::string& name : answer.names) names.push_back(createText(builder, name));
+
+    const auto objectList = builder.CreateVector(objects);
+    const auto nameList = builder.CreateVector(names);
+    flatbuffers::Offset<wire::Error> error = 0;
+    if (answer.result.errSystem != 0) {
+        const auto text = createText(builder, answer.result.errText);
+        error = wire::CreateError(builder, answer.result.errSystem, answer.result.errCode, text);
+    }
+    constexpr std::uint64_t kMost = std::numeric_limits<std::int32_t>::max();
+    wire::ResponseBuilder response(builder);
+    response.add_id(id);
+    response.add_code(answer.result.code);
+    if (!error.IsNull()) response.add_error(error);
+    if (!answer.objects.empty()) response.add_objects(objectList);
+    if (!answer.names.empty()) response.add_names(nameList);
+    response.add_search(answer.search);
+    response.add_total(static_cast<std::int32_t>(std::min(answer.total, kMost)));
+    response.add_condition(answer.condition);
+    builder.Finish(response.Finish(), wire::kResponseIdentifier);
+}
+
+// A buffer larger than FlatBuffers can address must never be begun.
+bool mayFit(const Answer& answer) {
+    std::size_t bytes = 0;
+    for (const Object& object : answer.objects)
+        for (const Attribute& attribute : object)
+            for (const std::string& value : attribute.values) bytes += value.size() + 8;
+    for (const std::string& name : answer.names) bytes += name.size() + 8;
+    return bytes <= wire::kMaxResponseBytes;
+}
+
+Bytes frameOf(const Builder& builder) {
+    const std::uint32_t size = builder.GetSize();
+    Bytes frame(wire::kLengthBytes + size);
+    for (std::size_t i = 0; i < wire::kLengthBytes; ++i) frame[i] = static_cast<std::uint8_t>(size >> 8 * i);
+    std::copy_n(builder.GetBufferPointer(), size, frame.begin() + wire::kLengthBytes);
+    return frame;
+}
+
+// What a request's texts come to. None of them is read.
+class Texts {
+  public:
+    using Text = flatbuffers::String;
+    using Names = flatbuffers::Vector<flatbuffers::Offset<Text>>;
+
+    void add(const Text* text) {
+        if (text != nullptr) m_bytes += text->size();
+    }
+
+    void addSearch(const wire::SearchOpen& search) {
+        for (const Text* text : {search.domain(), search.filter(), search.base()}) add(text);
+        addNames(search.attributes());
+    }
+
+    void addFetch(const wire::Fetch& fetch) {
+        for (const Text* text : {fetch.domain(), fetch.dn()}) add(text);
+        addNames(fetch.attributes());
+    }
+
+    void addLookup(const wire::Lookup& lookup) {
+        add(lookup.guid());
+        m_tooManyGuids = !addAll(lookup.more(), wire::kMaxLookupsAhead);
+    }
+
+    bool tooManyNames() const { return m_tooManyNames; }
+    bool tooManyGuids() const { return m_tooManyGuids; }
+    std::size_t bytes() const { return m_bytes; }
+
+  private:
+    void addNames(const Names* names) { m_tooManyNames = !addAll(names, wire::kMaxRequestedAttributes); }
+
+    // False when there are more than the most.
+    bool addAll(const Names* texts, std::size_t most) {
+        if (texts == nullptr) return true;
+        if (texts->size() > most) return false;
+        for (const Text* text : *texts) add(text);
+        return true;
+    }
+
+    std::size_t m_bytes = 0;
+    bool m_tooManyNames = false;
+    bool m_tooManyGuids = false;
+};
+
+}  // namespace
+
+const wire::Request* readRequest(const Bytes& frame) {
+    flatbuffers::Verifier verifier(frame.data(), frame.size(), wire::kMaxDepth, wire::kMaxTables);
+    if (!verifier.VerifyBuffer<wire::Request>(wire::kRequestIdentifier)) return nullptr;
+    return flatbuffers::GetRoot<wire::Request>(frame.data());
+}
+
+const char* whyRefused(const wire::Request& request) {
+    Texts texts;
+    switch (request.body_type()) {
+        case wire::Body::SearchOpen:
+            texts.addSearch(*request.body_as_SearchOpen());
+            break;
+        case wire::Body::Fetch:
+            texts.addFetch(*request.body_as_Fetch());
+            break;
+        case wire::Body::Lookup:
+            texts.addLookup(*request.body_as_Lookup());
+            break;
+        case wire::Body::Authenticate:
+            texts.add(request.body_as_Authenticate()->user());
+            texts.add(request.body_as_Authenticate()->password());
+            break;
+        default:
+            break;
+    }
+    if (texts.tooManyNames()) return "too many attributes asked for";
+    if (texts.tooManyGuids()) return "too many objects looked up at once";
+    if (texts.bytes() > wire::kMaxRequestBytes) return "the texts of the request are too long";
+    const bool tooManyOptions = request.options() != nullptr && request.options()->size() > wire::kMaxOptions;
+    return tooManyOptions ? "too many options" : nullptr;
+}
+
+Bytes writeResponse(std::uint64_t id, const Answer& answer) {
+    if (mayFit(answer)) {
+        Builder builder(4096);
+        finish(builder, id, answer);
+        if (builder.GetSize() <= wire::kMaxResponseBytes) return frameOf(builder);
+    }
+    Answer tooLarge;
+    tooLarge.result = Result::agent(VEX_DIRECTORY_ERROR, "the answer is larger than a response may be");
+    Builder builder(1024);
+    finish(builder, id, tooLarge);
+    return frameOf(builder);
+}
+
+std::uint64_t searchIn(const Bytes& response) {
+    if (response.size() <= wire::kLengthBytes) return 0;
+    return flatbuffers::GetRoot<wire::Response>(response.data() + wire::kLengthBytes)->search();
+}
+
+}  // namespace vexagent

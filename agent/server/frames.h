@@ -1,0 +1,40 @@
+// The bytes of requests and responses.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "agent/directory/directory.h"
+#include "vex/protocol_generated.h"
+
+namespace vexagent {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// The request in a frame's bytes, once they have been verified; null for bytes
+// that are none. It lives as long as the bytes.
+const vex::wire::Request* readRequest(const Bytes& frame);
+
+// Why a request is refused before any of it is copied; null when it is not. The parts
+// of a buffer may be shared: a small one can name more text than there is memory.
+const char* whyRefused(const vex::wire::Request& request);
+
+// What a response carries besides its code.
+struct Answer {
+    Result result{};
+    std::vector<Object> objects{};
+    std::vector<std::string> names{};
+    std::uint64_t search = 0;
+    std::uint64_t total = 0;
+    int condition = 0;  // of a health request
+};
+
+// A whole frame, its length in front. An answer that is larger than a frame may
+// be becomes a failure that says so.
+Bytes writeResponse(std::uint64_t id, const Answer& answer);
+
+// The search that such a frame leaves open for its client; 0 for none.
+std::uint64_t searchIn(const Bytes& response);
+
+}  // namespace vexagent

@@ -1,0 +1,404 @@
+#include "agent/server/service.h"
+
+#include <sys/random.h>
+
+#include <chrono>
+#include <new>
+
+#include "agent/directory/log.h"
+#include "agent/server/uid_base.h"
+#include "vex/wire.h"
+#include "vorn/secret.h"
+#include "vorn/secret_names.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+namespace wire = vex::wire;
+using wire::Body;
+
+constexpr const char* kKindNames[] = {"none",   "search",       "next",       "close", "fetch",
+                                      "lookup", "authenticate", "attributes", "health"};
+constexpr std::size_t kLongestInLog = 200;
+constexpr std::size_t kLongestDetail = 800;
+constexpr std::chrono::milliseconds kMostTimeAhead{100};  // for objects that nobody waits for yet
+
+std::string text(const flatbuffers::String* string) {
+    return string == nullptr ? std::string() : string->str();
+}
+
+std::string forLog(const std::string& value, std::size_t most = kLongestInLog) {
+    std::string shown = vorn::printable(value.substr(0, most));
+    if (value.size() > most) shown += "...";
+    return shown;
+}
+
+int option(const wire::Request& request, int id) {
+    int value = 0;
+    if (request.options() == nullptr) return value;
+    for (const wire::Option* entry : *request.options())
+        if (entry != nullptr && entry->id() == id) value = entry->value();
+    return value;
+}
+
+LoginOptions loginOptions(const wire::Request& request) {
+    return {option(request, VEX_OPTION_PREFER_CACHED) != 0, option(request, VEX_OPTION_ALLOW_CACHED) != 0};
+}
+
+using Names = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
+
+View viewOf(const wire::Request& request, const Names* attributes) {
+    View view;
+    view.zone = option(request, VEX_OPTION_ZONE_VIEW) != 0;
+    if (attributes == nullptr) return view;
+    for (const flatbuffers::String* name : *attributes) view.attributes.push_back(text(name));
+    return view;
+}
+
+// A search that is to give N objects is asked for one more, which tells its
+// client whether the limit was reached.
+std::size_t firstBatch(const wire::SearchOpen& search) {
+    std::size_t wanted = 0;
+    for (const int hint : {search.size_limit(), search.page_size()}) {
+        if (hint <= 0) continue;
+        const std::size_t size = static_cast<std::size_t>(hint) + 1;
+        wanted = wanted == 0 ? size : std::min(wanted, size);
+    }
+    return wanted;
+}
+
+Query queryOf(const wire::Request& request) {
+    const wire::SearchOpen& search = *request.body_as_SearchOpen();
+    Query query;
+    query.domain = text(search.domain());
+    query.filter = text(search.filter());
+    query.base = text(search.base());
+    query.scope = search.scope();
+    query.typed = option(request, VEX_OPTION_TYPED) != 0;
+    query.firstBatch = firstBatch(search);
+    query.view = viewOf(request, search.attributes());
+    searchByUid(&query);
+    return query;
+}
+
+// What an object takes of a batch.
+std::size_t sizeOf(const Object& object) {
+    std::size_t bytes = 0;
+    for (const Attribute& attribute : object) {
+        bytes += attribute.name.size();
+        for (const std::string& value : attribute.values) bytes += value.size();
+    }
+    return bytes;
+}
+
+Answer refused(const char* why) {
+    return {.result = Result::agent(VEX_REFUSED, why)};
+}
+
+// What a request was about, without what it must not show.
+std::string subject(const wire::Request& request) {
+    if (const auto* search = request.body_as_SearchOpen()) {
+        const std::string filter = text(search->filter());
+        return "\"" + forLog(vorn::withoutSecrets(filter)) + "\" below \"" + forLog(text(search->base())) +
+               "\"";
+    }
+    if (const auto* fetch = request.body_as_Fetch()) return "\"" + forLog(text(fetch->dn())) + "\"";
+    if (const auto* lookup = request.body_as_Lookup()) return "\"" + forLog(text(lookup->guid())) + "\"";
+    if (const auto* login = request.body_as_Authenticate()) return "\"" + forLog(text(login->user())) + "\"";
+    return {};
+}
+
+}  // namespace
+
+std::uint64_t randomId() {
+    std::uint64_t id = 0;
+    while (id == 0)
+        if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id)) id = 0;
+    return id;
+}
+
+Service::Service(Directory& directory, vorn::Clock clock, IdSource newId, Moment (*moment)())
+    : m_directory(directory), m_clock(clock), m_newId(std::move(newId)), m_moment(moment) {}
+
+void Service::connected(const Client& client) {
+    const std::lock_guard lock(m_mutex);
+    ++m_clients[client].connections;
+}
+
+void Service::disconnected(const Client& client) {
+    const std::lock_guard lock(m_mutex);
+    const auto state = m_clients.find(client);
+    if (state == m_clients.end() || --state->second.connections > 0) return;
+    for (auto search = m_searches.begin(); search != m_searches.end();)
+        search = search->second.client == client ? m_searches.erase(search) : std::next(search);
+    m_clients.erase(state);
+}
+
+bool Service::isKnown(const wire::Request& request) {
+    const auto kind = static_cast<std::size_t>(request.body_type());
+    return kind > 0 && kind < kKinds;
+}
+
+// In the I/O thread, before anything has been looked at: makes one text, no more.
+bool Service::isQuick(const wire::SearchOpen& search) const {
+    return m_directory.isQuick(search.scope(), text(search.filter()));
+}
+
+Lane Service::lane(const wire::Request& request) const {
+    switch (request.body_type()) {
+        case Body::SearchOpen:
+            return isQuick(*request.body_as_SearchOpen()) ? Lane::Quick : Lane::Slow;
+        case Body::Lookup:
+            return request.body_as_Lookup()->more() == nullptr ? Lane::Quick : Lane::Slow;
+        case Body::SearchNext:
+        case Body::Authenticate:
+        case Body::SupportedAttributes:
+            return Lane::Slow;
+        default:
+            return Lane::Quick;
+    }
+}
+
+std::optional<Bytes> Service::handle(const Client& client, const wire::Request& request) {
+    const auto start = m_moment();
+    Answer answer;
+    try {
+        const char* refusal = whyRefused(request);
+        answer = refusal != nullptr ? refused(refusal) : dispatch(client, request);
+    } catch (const std::bad_alloc&) {
+        answer = {.result = Result::agent(VEX_NO_MEMORY, "out of memory")};
+    } catch (const std::exception& error) {
+        answer = {
+            .result =
+                Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
+    }
+    const auto kind = static_cast<std::size_t>(request.body_type());
+    m_served[kind < kKinds ? kind : 0].fetch_add(1, std::memory_order_relaxed);
+    if (!answer.result.ok()) m_failed.fetch_add(1, std::memory_order_relaxed);
+    const auto time = m_moment() - start;
+    logRequest(client, request, answer, std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+    if (request.body_type() == Body::SearchClose) return std::nullopt;
+    Bytes frame = writeResponse(request.id(), answer);
+    // The client is not told of a search whose batch is too large for a frame.
+    if (answer.search != 0 && searchIn(frame) == 0) closeSearch(client, answer.search);
+    return frame;
+}
+
+Answer Service::dispatch(const Client& client, const wire::Request& request) {
+    switch (request.body_type()) {
+        case Body::SearchOpen:
+            return openSearch(client, request);
+        case Body::SearchNext:
+            return continueSearch(client, request.body_as_SearchNext()->search());
+        case Body::SearchClose:
+            closeSearch(client, request.body_as_SearchClose()->search());
+            return {};
+        case Body::Fetch:
+            return fetch(request);
+        case Body::Lookup:
+            return lookup(request);
+        case Body::Authenticate:
+            return authenticate(client, request);
+        case Body::SupportedAttributes:
+            return listNames();
+        case Body::Health:
+            return health();
+        default:
+            return refused("unknown request");
+    }
+}
+
+Answer Service::openSearch(const Client& client, const wire::Request& request) {
+    const wire::SearchOpen& search = *request.body_as_SearchOpen();
+    if (search.scope() < 0 || search.scope() > 3)
+        return {.result = Result::agent(VEX_INVALID_ARGUMENT, "unknown search scope")};
+    Answer answer;
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    answer.result = m_directory.search(queryOf(request), batch, rest);
+    if (!answer.result.ok()) return answer;
+    if (rest) {
+        answer.search = keep(client, std::move(rest));
+        if (answer.search == 0) return refused("too many open searches");
+    }
+    answer.objects = std::move(batch.objects);
+    answer.total = batch.total;
+    return answer;
+}
+
+Answer Service::continueSearch(const Client& client, std::uint64_t id) {
+    std::unique_ptr<Cursor> cursor = take(client, id);
+    if (!cursor) return {.result = Result::agent(VEX_BROKEN_HANDLE, "no such search is open")};
+    Answer answer;
+    Batch batch;
+    answer.result = cursor->next(batch);
+    const bool over = !answer.result.ok() || cursor->atEnd();
+    putBack(id, over ? nullptr : std::move(cursor));
+    if (!answer.result.ok()) return answer;
+    answer.search = over ? 0 : id;
+    answer.objects = std::move(batch.objects);
+    answer.total = batch.total;
+    return answer;
+}
+
+Answer Service::fetch(const wire::Request& request) {
+    const wire::Fetch& wanted = *request.body_as_Fetch();
+    Answer answer;
+    Object object;
+    answer.result = m_directory.fetch(text(wanted.domain()), text(wanted.dn()),
+                                      viewOf(request, wanted.attributes()), object);
+    if (!answer.result.ok()) return answer;
+    answer.objects.push_back(std::move(object));
+    answer.total = 1;
+    return answer;
+}
+
+Answer Service::lookup(const wire::Request& request) {
+    const wire::Lookup& wanted = *request.body_as_Lookup();
+    const View view = viewOf(request, nullptr);
+    Answer answer;
+    Object object;
+    answer.result = m_directory.lookup(text(wanted.guid()), view, object);
+    if (!answer.result.ok()) return answer;
+    answer.objects.push_back(std::move(object));
+    answer.total = 1;
+    if (wanted.more() != nullptr && m_directory.isAtHand()) lookUpAhead(*wanted.more(), view, answer.objects);
+    return answer;
+}
+
+// Adds what the client will ask for next, as far as it keeps nobody waiting and fits into
+// a batch. What is left out here, for whatever reason, the client asks for by itself.
+void Service::lookUpAhead(const Guids& guids, const View& view, std::vector<Object>& objects) {
+    const auto end = m_moment() + kMostTimeAhead;
+    std::size_t bytes = sizeOf(objects.front());
+    for (const flatbuffers::String* guid : guids) {
+        if (m_moment() >= end) return;
+        Object object;
+        if (!m_directory.lookup(text(guid), view, object).ok()) continue;
+        bytes += sizeOf(object);
+        if (bytes > wire::kBatchBytes) return;
+        objects.push_back(std::move(object));
+    }
+}
+
+Answer Service::authenticate(const Client& client, const wire::Request& request) {
+    const wire::Authenticate& login = *request.body_as_Authenticate();
+    std::string user = text(login.user());
+    std::string password = text(login.password());
+    Answer answer;
+    try {
+        answer.result = m_directory.authenticate(user, password, loginOptions(request)).result();
+    } catch (...) {
+        vorn::wipe(password);
+        throw;
+    }
+    vorn::wipe(password);
+    if (!answer.result.ok())
+        AGENT_LOG(vorn::Logger::kWarning, "authentication of \"%s\" failed for pid %d uid %u: %s (code %d)",
+                  forLog(user).c_str(), static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
+                  forLog(answer.result.whole(), kLongestDetail).c_str(), answer.result.code);
+    return answer;
+}
+
+Answer Service::listNames() {
+    Answer answer;
+    answer.result = m_directory.supportedAttributes(answer.names);
+    return answer;
+}
+
+// The request itself succeeds; what it found is the condition.
+Answer Service::health() {
+    Answer answer;
+    answer.result = m_directory.health();
+    answer.condition = answer.result.code;
+    answer.result.code = VEX_OK;
+    return answer;
+}
+
+std::uint64_t Service::keep(const Client& client, std::unique_ptr<Cursor> cursor) {
+    const std::lock_guard lock(m_mutex);
+    const auto state = m_clients.find(client);
+    // A client that has gone meanwhile will not ask for the rest.
+    if (state == m_clients.end() || state->second.searches >= wire::kMaxSearchesPerClient) return 0;
+    std::uint64_t id = m_newId();
+    while (id == 0 || m_searches.contains(id)) id = m_newId();
+    m_searches.emplace(id, OpenSearch{client, std::move(cursor), m_clock()});
+    ++state->second.searches;
+    return id;
+}
+
+std::unique_ptr<Cursor> Service::take(const Client& client, std::uint64_t id) {
+    const std::lock_guard lock(m_mutex);
+    const auto search = m_searches.find(id);
+    if (search == m_searches.end() || search->second.client != client) return nullptr;
+    search->second.lastUsed = m_clock();
+    return std::move(search->second.cursor);
+}
+
+void Service::putBack(std::uint64_t id, std::unique_ptr<Cursor> cursor) {
+    const std::lock_guard lock(m_mutex);
+    const auto search = m_searches.find(id);
+    if (search == m_searches.end()) return;  // closed meanwhile
+    if (!cursor) return erase(search);
+    search->second.cursor = std::move(cursor);
+    search->second.lastUsed = m_clock();
+}
+
+void Service::closeSearch(const Client& client, std::uint64_t id) {
+    const std::lock_guard lock(m_mutex);
+    const auto search = m_searches.find(id);
+    if (search != m_searches.end() && search->second.client == client) erase(search);
+}
+
+// m_mutex is held.
+void Service::erase(std::map<std::uint64_t, OpenSearch>::iterator search) {
+    const auto state = m_clients.find(search->second.client);
+    if (state != m_clients.end()) --state->second.searches;
+    m_searches.erase(search);
+}
+
+void Service::expireSearches() {
+    const std::lock_guard lock(m_mutex);
+    const std::time_t now = m_clock();
+    for (auto search = m_searches.begin(); search != m_searches.end();) {
+        const auto next = std::next(search);
+        const bool idle = search->second.cursor && now - search->second.lastUsed > wire::kSearchIdleSeconds;
+        if (idle) erase(search);
+        search = next;
+    }
+}
+
+std::size_t Service::openSearches() const {
+    const std::lock_guard lock(m_mutex);
+    return m_searches.size();
+}
+
+std::string Service::statistics() const {
+    std::string line = "requests served:";
+    for (std::size_t kind = 1; kind < kKinds; ++kind)
+        line += std::string(" ") + kKindNames[kind] + " " + std::to_string(m_served[kind].load()) + ",";
+    line += " failed " + std::to_string(m_failed.load());
+    const std::lock_guard lock(m_mutex);
+    return line + "; open searches: " + std::to_string(m_searches.size()) +
+           "; client processes: " + std::to_string(m_clients.size());
+}
+
+void Service::logRequest(const Client& client, const wire::Request& request, const Answer& answer,
+                         long micros) {
+    const auto kind = static_cast<std::size_t>(request.body_type());
+    AGENT_LOG(vorn::Logger::kInfo, "%s %s from pid %d uid %u: code %d, %zu objects, %ld us",
+              kKindNames[kind < kKinds ? kind : 0], subject(request).c_str(), static_cast<int>(client.pid),
+              static_cast<unsigned>(client.uid), answer.result.code, answer.objects.size(), micros);
+    // What a client is not told; of log-ins it has been written already.
+    if (!answer.result.ok() && !answer.result.detail.empty() && request.body_type() != Body::Authenticate)
+        AGENT_LOG(vorn::Logger::kWarning, "%s failed for pid %d uid %u: %s",
+                  kKindNames[kind < kKinds ? kind : 0], static_cast<int>(client.pid),
+                  static_cast<unsigned>(client.uid), forLog(answer.result.detail, kLongestDetail).c_str());
+    if (answer.result.code == VEX_REFUSED)
+        AGENT_LOG(vorn::Logger::kWarning, "refused a request of pid %d uid %u: %s",
+                  static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
+                  answer.result.errText.c_str());
+}
+
+}  // namespace vexagent

@@ -1,0 +1,274 @@
+#include "agent/server/service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "agent/directory/fake_directory_testing.h"
+#include "agent/server/frames_testing.h"
+
+namespace vexagent {
+namespace {
+
+std::time_t serviceNow = 1000;
+std::time_t serviceClock() {
+    return serviceNow;
+}
+
+std::chrono::steady_clock::time_point serviceMoment;
+
+class ServiceTest : public ::testing::Test {
+  protected:
+    ServiceTest() {
+        serviceNow = 1000;
+        m_service.connected(m_ann);
+        m_service.connected(m_ben);
+    }
+
+    Reply ask(const Client& client, const Bytes& frame) {
+        const wire::Request* request = readRequest(frame);
+        EXPECT_NE(request, nullptr);
+        const std::optional<Bytes> answer = m_service.handle(client, *request);
+        return answer ? readReply(*answer) : Reply{};
+    }
+
+    const Client m_ann{10, 1};
+    const Client m_ben{11, 1};
+    FakeDirectory m_directory;
+    std::uint64_t m_nextId = 1;
+    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }, [] { return serviceMoment; }};
+};
+
+TEST_F(ServiceTest, ASearchGoesOnUntilItsLastBatch) {
+    Reply reply = ask(m_ann, searchFrame(7, "3"));
+    EXPECT_EQ(reply.id, 7u);
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.total, 3);
+    ASSERT_NE(reply.search, 0u);
+    const std::uint64_t search = reply.search;
+    EXPECT_EQ(ask(m_ann, nextFrame(8, search)).search, search);
+    reply = ask(m_ann, nextFrame(9, search));
+    EXPECT_EQ(reply.search, 0u);
+    EXPECT_EQ(reply.dns, (std::vector<std::string>{"object 3"}));
+    EXPECT_EQ(m_service.openSearches(), 0u);
+    EXPECT_EQ(ask(m_ann, nextFrame(10, search)).code, VEX_BROKEN_HANDLE);
+}
+
+TEST_F(ServiceTest, ASearchBelongsToItsProcess) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "3")).search;
+    EXPECT_EQ(ask(m_ben, nextFrame(2, search)).code, VEX_BROKEN_HANDLE);
+    ask(m_ben, closeFrame(3, search));
+    EXPECT_EQ(m_service.openSearches(), 1u);
+    m_service.connected(m_ann);
+    m_service.disconnected(m_ann);
+    EXPECT_EQ(ask(m_ann, nextFrame(4, search)).code, VEX_OK);
+    m_service.disconnected(m_ann);
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, ACloseIsNotAnswered) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "3")).search;
+    const Bytes frame = closeFrame(2, search);
+    EXPECT_EQ(m_service.handle(m_ann, *readRequest(frame)), std::nullopt);
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, AnIdleSearchEndsAfterItsTime) {
+    const std::uint64_t search = ask(m_ann, searchFrame(1, "5")).search;
+    serviceNow += wire::kSearchIdleSeconds;
+    m_service.expireSearches();
+    EXPECT_EQ(ask(m_ann, nextFrame(2, search)).code, VEX_OK);  // and counts anew
+    serviceNow += wire::kSearchIdleSeconds;
+    m_service.expireSearches();
+    EXPECT_EQ(m_service.openSearches(), 1u);
+    ++serviceNow;
+    m_service.expireSearches();
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, OpenSearchesAreLimitedForEachProcess) {
+    const Bytes frame = searchFrame(1, "3");
+    for (int i = 0; i < wire::kMaxSearchesPerClient; ++i)
+        ASSERT_NE(m_service.handle(m_ann, *readRequest(frame)), std::nullopt);
+    const Reply reply = ask(m_ann, frame);
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many open searches");
+    EXPECT_EQ(ask(m_ben, frame).code, VEX_OK);
+}
+
+TEST_F(ServiceTest, RefusesWhatIsOutOfRange) {
+    EXPECT_EQ(ask(m_ann, searchFrame(1, "1", 4)).code, VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(ask(m_ann, searchFrame(1, "1", -1)).code, VEX_INVALID_ARGUMENT);
+    const std::vector<std::string> names(wire::kMaxRequestedAttributes + 1, "cn");
+    const Reply reply = ask(m_ann, searchFrame(1, "1", 2, names));
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many attributes asked for");
+}
+
+// A frame of some kB whose texts come to more than a request may be.
+TEST_F(ServiceTest, TextsThatShareTheirBytesAreRefusedUncopied) {
+    const std::string text(4096, 'x');
+    const std::size_t many = wire::kMaxRequestBytes / text.size();
+    const auto frame = [&](wire::Body kind, std::size_t references, std::size_t options) {
+        return sharingFrame(kind, text, references, options);
+    };
+    for (const wire::Body kind : {wire::Body::SearchOpen, wire::Body::Fetch}) {
+        EXPECT_LT(frame(kind, many, 0).size(), 3 * text.size());
+        EXPECT_NE(ask(m_ann, frame(kind, many - 4, 0)).code, VEX_REFUSED);
+        const Reply reply = ask(m_ann, frame(kind, many, 0));
+        EXPECT_EQ(reply.code, VEX_REFUSED);
+        EXPECT_EQ(reply.errText, "the texts of the request are too long");
+    }
+    EXPECT_EQ(m_directory.searches, 1);
+    EXPECT_EQ(m_directory.fetches, 1);
+    const std::string half(wire::kMaxRequestBytes / 2 + 1, 'x');
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Authenticate, half, 0, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(m_directory.logins, 0);
+}
+
+TEST_F(ServiceTest, OptionsAreLimited) {
+    const auto code = [&](std::size_t options) {
+        return ask(m_ann, sharingFrame(wire::Body::Fetch, "x", 1, options)).code;
+    };
+    EXPECT_EQ(code(wire::kMaxOptions), VEX_NO_SUCH_OBJECT);
+    EXPECT_EQ(code(wire::kMaxOptions + 1), VEX_REFUSED);
+}
+
+TEST_F(ServiceTest, AFailureOfTheDirectoryReachesTheClient) {
+    const Reply reply = ask(m_ann, searchFrame(1, "fail"));
+    EXPECT_EQ(reply.code, VEX_BAD_FILTER);
+    EXPECT_EQ(reply.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(reply.errCode, -7);
+    EXPECT_EQ(reply.errText, "bad search filter");
+}
+
+TEST_F(ServiceTest, WhatAClientNeedNotKnowStaysHere) {
+    const Reply thrown = ask(m_ann, searchFrame(1, "throw"));
+    EXPECT_EQ(thrown.code, VEX_DIRECTORY_ERROR);
+    EXPECT_EQ(thrown.errText, "the directory cannot answer");
+    m_directory.healthy = false;
+    EXPECT_EQ(ask(m_ann, healthFrame(2)).errText, "away");
+}
+
+TEST_F(ServiceTest, APasswordsStartDoesNotPassForIt) {
+    EXPECT_EQ(ask(m_ann, loginFrame(1, "ann", std::string("right\0", 6))).code, VEX_WRONG_PASSWORD);
+    EXPECT_EQ(ask(m_ann, loginFrame(2, "ann", std::string("right\0junk", 10))).code, VEX_WRONG_PASSWORD);
+}
+
+TEST_F(ServiceTest, AnAnswerLargerThanAFrameIsAFailure) {
+    const Reply reply = ask(m_ann, searchFrame(1, "huge"));
+    EXPECT_EQ(reply.code, VEX_DIRECTORY_ERROR);
+    EXPECT_EQ(reply.errText, "the answer is larger than a response may be");
+    EXPECT_TRUE(reply.dns.empty());
+    EXPECT_EQ(m_service.openSearches(), 0u) << "nobody knows how to ask for the rest";
+}
+
+TEST_F(ServiceTest, HealthIsAConditionOfASucceedingRequest) {
+    Reply reply = ask(m_ann, healthFrame(5));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.condition, VEX_OK);
+    m_directory.healthy = false;
+    reply = ask(m_ann, healthFrame(6));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.condition, VEX_UNAVAILABLE);
+    EXPECT_EQ(reply.errSystem, VEX_ERR_AGENT);
+    EXPECT_EQ(reply.errText, "away");
+}
+
+TEST_F(ServiceTest, LoginsArePassedOnOnce) {
+    EXPECT_EQ(ask(m_ann, loginFrame(1, "ann", "right")).code, VEX_OK);
+    EXPECT_EQ(ask(m_ann, loginFrame(2, "ann", "wrong")).code, VEX_WRONG_PASSWORD);
+    EXPECT_EQ(m_directory.logins, 2);
+}
+
+TEST_F(ServiceTest, ALoginSaysWhetherTheAgentsMemoryMayAnswer) {
+    ask(m_ann, loginFrame(1, "ann", "right"));
+    EXPECT_FALSE(m_directory.loginOptions.preferCached);
+    EXPECT_FALSE(m_directory.loginOptions.allowCached);
+    ask(m_ann, loginFrame(2, "ann", "right", {0x100}));
+    EXPECT_TRUE(m_directory.loginOptions.preferCached);
+    EXPECT_FALSE(m_directory.loginOptions.allowCached);
+    ask(m_ann, loginFrame(3, "ann", "right", {0x1000}));
+    EXPECT_FALSE(m_directory.loginOptions.preferCached);
+    EXPECT_TRUE(m_directory.loginOptions.allowCached);
+}
+
+// ------------------------------------------------------------ look-ups ahead
+
+TEST_F(ServiceTest, ALookUpBringsWhatFollowsItInItsOrder) {
+    const Reply reply = ask(m_ann, lookupFrame(1, "there", {"there", "nowhere", "there"}));
+    EXPECT_EQ(reply.code, VEX_OK);
+    EXPECT_EQ(reply.dns, (std::vector<std::string>{"there", "there", "there"}));
+    EXPECT_EQ(reply.total, 1);
+    EXPECT_EQ(m_directory.fetches, 4);
+}
+
+TEST_F(ServiceTest, ALookUpThatFailsBringsNothing) {
+    const Reply reply = ask(m_ann, lookupFrame(1, "nowhere", {"there"}));
+    EXPECT_EQ(reply.code, VEX_NO_SUCH_OBJECT);
+    EXPECT_EQ(reply.errText, "no object has this DN");
+    EXPECT_TRUE(reply.dns.empty());
+    EXPECT_EQ(m_directory.fetches, 1);
+}
+
+TEST_F(ServiceTest, ADirectoryFarAwayIsAskedForOneObjectOnly) {
+    m_directory.atHand = false;
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {"there"})).dns.size(), 1u);
+    EXPECT_EQ(m_directory.fetches, 1);
+}
+
+TEST_F(ServiceTest, WhatALookUpBringsFitsIntoABatch) {
+    m_directory.lookupBytes = wire::kBatchBytes / 4;
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {4, "there"})).dns.size(), 3u);
+    m_directory.lookupBytes = wire::kBatchBytes + 1;
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {4, "there"})).dns.size(), 1u) << "the one asked for comes";
+}
+
+TEST_F(ServiceTest, ALookUpWaitsForNoSlowOneAhead) {
+    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(40); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {100, "there"})).dns.size(), 4u) << "100 ms after its own";
+    m_directory.onLookup = [] { serviceMoment += std::chrono::seconds(5); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {100, "there"})).dns.size(), 2u);
+}
+
+TEST_F(ServiceTest, LookUpsAheadAreLimited) {
+    const std::vector<std::string> most(wire::kMaxLookupsAhead, "there");
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", most)).dns.size(), 1 + wire::kMaxLookupsAhead);
+    const int before = m_directory.fetches;
+    const Reply reply = ask(m_ann, lookupFrame(2, "there", {wire::kMaxLookupsAhead + 1, "there"}));
+    EXPECT_EQ(reply.code, VEX_REFUSED);
+    EXPECT_EQ(reply.errText, "too many objects looked up at once");
+    const std::string text(wire::kMaxRequestBytes / 8, 'x');
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Lookup, text, 8, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(m_directory.fetches, before);
+}
+
+TEST_F(ServiceTest, StatisticsCountByKind) {
+    ask(m_ann, searchFrame(1, "3"));
+    ask(m_ann, loginFrame(2, "ann", "wrong"));
+    EXPECT_EQ(m_service.statistics(),
+              "requests served: search 1, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
+              "health 0, "
+              "failed 1; open searches: 1; client processes: 2");
+}
+
+TEST_F(ServiceTest, LanesFollowTheCost) {
+    const auto lane = [this](const Bytes& frame) { return m_service.lane(*readRequest(frame)); };
+    EXPECT_EQ(lane(searchFrame(1, "quick")), Lane::Quick);
+    EXPECT_EQ(lane(searchFrame(1, "3")), Lane::Slow);
+    EXPECT_EQ(lane(nextFrame(1, 1)), Lane::Slow);
+    EXPECT_EQ(lane(loginFrame(1, "a", "b")), Lane::Slow);
+    EXPECT_EQ(lane(healthFrame(1)), Lane::Quick);
+    EXPECT_EQ(lane(lookupFrame(1, "x", {})), Lane::Quick);
+    EXPECT_EQ(lane(lookupFrame(1, "x", {"y"})), Lane::Slow);
+}
+
+TEST(RandomId, IsNeverZeroNorTwiceTheSame) {
+    const std::uint64_t first = randomId();
+    EXPECT_NE(first, 0u);
+    EXPECT_NE(randomId(), first);
+}
+
+}  // namespace
+}  // namespace vexagent

@@ -1,0 +1,22 @@
+// Telling an LDAP client why the agent failed.
+#pragma once
+
+#include "vex/vex.h"
+
+#include "backend/base/slapd.h"
+
+// The texts of failures go to buffers of this size; the reply points into one.
+inline constexpr int kFailureTextBytes = 512;
+
+// What a client is told, with result 51, whose request had no turn at the agent.
+inline constexpr char kTooManyWaitText[] = "vex dirgate: too many requests wait for the agent";
+
+// Finds out why a call to the agent failed (a broken session, an unhealthy
+// agent, wrong credentials, or the directory's own error), logs it and sends the
+// LDAP result, exactly one. kTooManyWait is a reason of its own.
+//
+// context begins the text: the failing call's name and a blank. code is what it
+// answered. text and size name the caller's buffer; the reply's text points into
+// it, so it must live until the result is sent.
+void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
+                       Operation* op, SlapReply* rs);
