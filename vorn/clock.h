@@ -1,6 +1,7 @@
-// The time, passed in where a test wants to choose it.
+// The time, passed in where a test wants to choose it. Nothing but this reads it.
 #pragma once
 
+#include <chrono>
 #include <ctime>
 
 namespace vorn {
@@ -11,5 +12,21 @@ using Clock = std::time_t (*)();
 inline std::time_t systemTime() {
     return std::time(nullptr);
 }
+
+// A point on the clock that nobody sets: for how long things take, never for dates.
+using Moment = std::chrono::steady_clock::time_point;
+
+// Tells the moment. Safe for several threads.
+class SteadyClock {
+  public:
+    SteadyClock() = default;
+    SteadyClock(const SteadyClock&) = delete;
+    SteadyClock& operator=(const SteadyClock&) = delete;
+    virtual ~SteadyClock() = default;
+    virtual Moment now() const = 0;
+};
+
+// The system's. Lives as long as the process.
+const SteadyClock& systemSteadyClock();
 
 }  // namespace vorn
