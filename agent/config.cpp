@@ -5,7 +5,7 @@
 #include <optional>
 #include <sstream>
 
-#include "agent/ad/sockets.h"
+#include "agent/ad/net/sockets.h"
 #include "vorn/dn.h"
 #include "vorn/numbers.h"
 #include "vorn/settings.h"

@@ -17,7 +17,7 @@
 #include <cstring>
 
 #include "agent/ad/ad.h"
-#include "agent/ad/check.h"
+#include "agent/ad/net/check.h"
 #include "agent/config.h"
 #include "agent/directory/log.h"
 #include "agent/embedded/embedded.h"

@@ -6,14 +6,14 @@
 #include <vector>
 
 #include "agent/ad/auth_cache.h"
-#include "agent/ad/forest.h"
 #include "agent/ad/members.h"
 #include "agent/ad/names.h"
+#include "agent/ad/net/forest.h"
+#include "agent/ad/net/tickets.h"
+#include "agent/ad/net/watchdog.h"
 #include "agent/ad/options.h"
 #include "agent/ad/schema.h"
 #include "agent/ad/search.h"
-#include "agent/ad/tickets.h"
-#include "agent/ad/watchdog.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {

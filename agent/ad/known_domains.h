@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/ad/link.h"
+#include "agent/ad/net/link.h"
 #include "vorn/strings.h"
 
 namespace vexagent {

@@ -4,8 +4,8 @@
 #include <ctime>
 #include <optional>
 
-#include "agent/ad/link.h"
-#include "agent/ad/tickets.h"
+#include "agent/ad/net/link.h"
+#include "agent/ad/net/tickets.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {

@@ -16,7 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "agent/ad/domain.h"
+#include "agent/ad/net/domain.h"
 #include "agent/ad/objects.h"
 
 namespace vexagent {

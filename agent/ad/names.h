@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/domain.h"
+#include "agent/ad/net/domain.h"
 
 namespace vexagent {
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "agent/ad/ids.h"
-#include "agent/ad/link.h"
+#include "agent/ad/net/link.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {

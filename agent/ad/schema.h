@@ -4,7 +4,7 @@
 #include <memory>
 #include <mutex>
 
-#include "agent/ad/domain.h"
+#include "agent/ad/net/domain.h"
 #include "agent/directory/schema.h"
 
 namespace vexagent {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "agent/ad/results.h"
+#include "agent/ad/net/results.h"
 #include "agent/directory/identifiers.h"
 #include "vex/wire.h"
 #include "vorn/strings.h"

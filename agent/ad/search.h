@@ -3,8 +3,8 @@
 
 #include <memory>
 
-#include "agent/ad/domain.h"
 #include "agent/ad/members.h"
+#include "agent/ad/net/domain.h"
 #include "agent/ad/objects.h"
 #include "agent/directory/directory.h"
 #include "agent/directory/schema.h"

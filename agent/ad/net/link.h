@@ -11,11 +11,11 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/ad/net/own_login.h"
+#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/tickets.h"
+#include "agent/ad/net/watchdog.h"
 #include "agent/ad/options.h"
-#include "agent/ad/own_login.h"
-#include "agent/ad/sockets.h"
-#include "agent/ad/tickets.h"
-#include "agent/ad/watchdog.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {

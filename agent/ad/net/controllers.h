@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/deadline.h"
-#include "agent/ad/sockets.h"
+#include "agent/ad/net/deadline.h"
+#include "agent/ad/net/sockets.h"
 
 namespace vexagent {
 

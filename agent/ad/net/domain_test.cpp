@@ -1,6 +1,6 @@
 // What a domain answers when its controllers cannot be asked.
 
-#include "agent/ad/domain.h"
+#include "agent/ad/net/domain.h"
 
 #include <gtest/gtest.h>
 

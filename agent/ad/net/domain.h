@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/controllers.h"
-#include "agent/ad/link.h"
-#include "agent/ad/srv.h"
+#include "agent/ad/net/controllers.h"
+#include "agent/ad/net/link.h"
+#include "agent/ad/net/srv.h"
 
 namespace vexagent {
 

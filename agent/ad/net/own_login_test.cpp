@@ -1,6 +1,6 @@
 // How often the agent shows its own password.
 
-#include "agent/ad/own_login.h"
+#include "agent/ad/net/own_login.h"
 
 #include <gtest/gtest.h>
 

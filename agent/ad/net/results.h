@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/link.h"
+#include "agent/ad/net/link.h"
 
 namespace vexagent {
 

@@ -1,4 +1,4 @@
-#include "agent/ad/link.h"
+#include "agent/ad/net/link.h"
 
 #include <fcntl.h>
 #include <openldap.h>
@@ -12,7 +12,7 @@
 #include <mutex>
 
 #include "agent/ad/login.h"
-#include "agent/ad/results.h"
+#include "agent/ad/net/results.h"
 #include "agent/directory/log.h"
 #include "vorn/own_file.h"
 #include "vorn/secret.h"

@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "agent/ad/controllers.h"
-#include "agent/ad/deadline.h"
+#include "agent/ad/net/controllers.h"
+#include "agent/ad/net/deadline.h"
 
 namespace vexagent {
 

@@ -1,4 +1,4 @@
-#include "agent/ad/controllers.h"
+#include "agent/ad/net/controllers.h"
 
 #include <algorithm>
 

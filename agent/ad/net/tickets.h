@@ -7,9 +7,9 @@
 #include <shared_mutex>
 #include <string>
 
-#include "agent/ad/kerberos.h"
+#include "agent/ad/net/kerberos.h"
+#include "agent/ad/net/own_login.h"
 #include "agent/ad/options.h"
-#include "agent/ad/own_login.h"
 #include "agent/directory/verdict.h"
 
 namespace vexagent {

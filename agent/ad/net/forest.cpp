@@ -1,4 +1,4 @@
-#include "agent/ad/forest.h"
+#include "agent/ad/net/forest.h"
 
 #include "agent/directory/log.h"
 #include "vorn/dn.h"

@@ -1,4 +1,4 @@
-#include "agent/ad/tickets.h"
+#include "agent/ad/net/tickets.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

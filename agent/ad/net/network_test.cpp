@@ -5,9 +5,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "agent/ad/sockets.h"
-#include "agent/ad/srv.h"
-#include "agent/ad/watchdog.h"
+#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/srv.h"
+#include "agent/ad/net/watchdog.h"
 
 namespace vexagent {
 namespace {

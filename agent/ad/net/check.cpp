@@ -1,11 +1,11 @@
-#include "agent/ad/check.h"
+#include "agent/ad/net/check.h"
 
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 
-#include "agent/ad/domain.h"
 #include "agent/ad/ids.h"
+#include "agent/ad/net/domain.h"
 #include "agent/directory/identifiers.h"
 #include "vorn/dn.h"
 #include "vorn/own_file.h"

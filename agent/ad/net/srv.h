@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/ad/deadline.h"
+#include "agent/ad/net/deadline.h"
 
 namespace vexagent {
 

@@ -1,4 +1,4 @@
-#include "agent/ad/watchdog.h"
+#include "agent/ad/net/watchdog.h"
 
 #include <sys/socket.h>
 

@@ -1,4 +1,4 @@
-#include "agent/ad/own_login.h"
+#include "agent/ad/net/own_login.h"
 
 #include <sys/stat.h>
 

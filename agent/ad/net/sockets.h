@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "agent/ad/deadline.h"
+#include "agent/ad/net/deadline.h"
 #include "vorn/descriptor.h"
 
 namespace vexagent {

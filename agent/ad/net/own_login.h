@@ -13,8 +13,8 @@
 #include <mutex>
 #include <string>
 
-#include "agent/ad/deadline.h"
-#include "agent/ad/sockets.h"
+#include "agent/ad/net/deadline.h"
+#include "agent/ad/net/sockets.h"
 
 namespace vexagent {
 

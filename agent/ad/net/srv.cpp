@@ -1,4 +1,4 @@
-#include "agent/ad/srv.h"
+#include "agent/ad/net/srv.h"
 
 #include <arpa/nameser.h>
 #include <netinet/in.h>

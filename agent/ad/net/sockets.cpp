@@ -1,4 +1,4 @@
-#include "agent/ad/sockets.h"
+#include "agent/ad/net/sockets.h"
 
 #include <fcntl.h>
 #include <netdb.h>

@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
-#include "agent/ad/domain.h"
 #include "agent/ad/known_domains.h"
+#include "agent/ad/net/domain.h"
 
 namespace vexagent {
 

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <thread>
 
-#include "agent/ad/deadline.h"
+#include "agent/ad/net/deadline.h"
 
 namespace vexagent {
 

@@ -1,4 +1,4 @@
-#include "agent/ad/results.h"
+#include "agent/ad/net/results.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "agent/ad/kerberos.h"
+#include "agent/ad/net/kerberos.h"
 
 #include <profile.h>
 
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <new>
 
-#include "agent/ad/sockets.h"
+#include "agent/ad/net/sockets.h"
 #include "vorn/strings.h"
 
 namespace vexagent {

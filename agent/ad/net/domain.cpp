@@ -1,11 +1,11 @@
-#include "agent/ad/domain.h"
+#include "agent/ad/net/domain.h"
 
 #include <algorithm>
 #include <future>
 #include <random>
 
 #include "agent/ad/login.h"
-#include "agent/ad/srv.h"
+#include "agent/ad/net/srv.h"
 #include "agent/directory/log.h"
 #include "vorn/dn.h"
 #include "vorn/strings.h"
