@@ -4,7 +4,7 @@ PYTHON := /usr/bin/python3
 FILES = $(shell git ls-files '*.c' '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
-.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz mutants bench clean
+.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz mutants coverage bench clean
 
 help:
 	@echo 'make run       build all, start the gateway with the example directory, look something up'
@@ -21,6 +21,7 @@ help:
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make mutants   small changes to the code that no unit test notices, in ten minutes'
 	@echo '               MUTANTS_FLAGS= as tools/mutants takes them, such as --minutes 0 --seed 2'
+	@echo 'make coverage  the lines that the unit tests run, by folder: build/coverage/coverage.txt'
 	@echo 'make bench     the gateway beside others, in a quarter of an hour: build/bench/results.md'
 	@echo '               BENCH_FLAGS=--quick for a minute'
 	@echo 'make clean     removes build/'
@@ -109,6 +110,10 @@ fuzz: build-fuzz
 MUTANTS_FLAGS ?=
 mutants: setup-dev build
 	@nice -n 10 $(PYTHON) tools/mutants $(MUTANTS_FLAGS)
+
+# In a build of its own, whose programs count. It shows each line, too.
+coverage: setup-dev build-coverage
+	@nice -n 10 $(PYTHON) tools/coverage
 
 # The contenders first, then the parts by themselves. BENCH_FLAGS are bench/run.py's.
 BENCH_FLAGS ?=
