@@ -43,7 +43,7 @@ install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zanthedx
 install(FILES examples/zanthedx.schema examples/rfc2307.map DESTINATION ${shared})
 
 # What people read. The folders are those of the source tree, so that links hold.
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN man EXCLUDE)
 install(FILES docs/man/vexagent.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES docs/man/slapd-zanthedx.5 docs/man/zanthe.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)

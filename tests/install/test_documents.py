@@ -6,7 +6,7 @@ import pytest
 
 from gateway import BUILD, ROOT
 
-PAGES = sorted([ROOT / "README.md", ROOT / "bench/README.md", ROOT / "tests/ad/README.md", *(ROOT / "docs").glob("*.md")])
+PAGES = sorted([*ROOT.glob("*.md"), ROOT / "bench/README.md", ROOT / "tests/ad/README.md", *(ROOT / "docs").glob("*.md")])
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 
 
@@ -64,3 +64,18 @@ def test_make_help_lists_what_the_readme_names():
                                                                  check=True).stdout))
     sentence = re.search(r"`make help` lists the rest: (.*?)\.", (ROOT / "README.md").read_text(encoding="utf-8"))[1]
     assert set(re.findall(r"`(\w+)`", sentence)) == listed - {"run", "test", "build"}
+
+
+def test_developers_are_sent_to_files_that_are_there():
+    page = prose(ROOT / "docs/developing.md")
+    folders = "|".join(path.name for path in ROOT.iterdir() if path.is_dir() and path.name != "build")
+    named = re.findall(rf"`((?:{folders})/[\w./-]+)`", page)
+    assert len(named) > 40
+    assert [name for name in named if not (ROOT / name).exists()] == []
+
+
+def test_the_changelog_s_last_version_is_the_one_that_is_built():
+    listed = re.findall(r"(?m)^## \[(.*)\]", (ROOT / "CHANGELOG.md").read_text(encoding="utf-8"))
+    built = subprocess.run([BUILD / "agent/vexagent", "--version"], check=True, capture_output=True, text=True).stdout
+    assert listed[0] == "Unreleased"
+    assert listed[1] in built.split()

@@ -39,7 +39,7 @@ PROGRAMS = ("usr/lib/ldap/libback_zanthedx.so.0", f"{LIBRARIES}/libvex.so.0", "u
 def documents():
     """The source tree's, with the folders that they lie in there."""
     shown = {f"{folder}/{name}" for folder in ("docs", "examples") for name in files_below(ROOT / folder)}
-    return {"README.md"} | {name for name in shown if not name.startswith("docs/man/")}
+    return {"README.md", "CHANGELOG.md", "CONTRIBUTING.md", "LICENSE", "SECURITY.md"} | {name for name in shown if not name.startswith("docs/man/")}
 
 
 def look(path):
