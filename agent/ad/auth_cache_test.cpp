@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -163,6 +165,116 @@ TEST_F(AuthCacheTest, AFileThatOthersCanReadIsRefused) {
     } catch (const AuthCacheError& error) {
         EXPECT_EQ(error.what(), m_options.file + ": is not a file of the agent's own with mode 0600");
     }
+}
+
+// What a stored hash is good for does not matter here.
+std::string line(std::time_t time, int failures, const std::string& name) {
+    return std::to_string(time) + " " + std::to_string(failures) + " hash " + name + "\n";
+}
+
+TEST_F(AuthCacheTest, TheOldestRecordMakesRoomForAnother) {
+    std::string full;
+    for (std::size_t i = 0; i < AuthCache::kMostRecords; ++i)
+        full += line(memoryNow - 100 - (i == 7 ? 1 : 0), 0, "name" + std::to_string(i));
+    m_folder.write("logins", full);
+    ASSERT_EQ(::chmod(m_options.file.c_str(), 0600), 0);
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "", "secret");
+    const std::string after = text();
+    EXPECT_EQ(std::count(after.begin(), after.end(), '\n'), AuthCache::kMostRecords);
+    EXPECT_EQ(after.find(" name7\n"), std::string::npos);
+    EXPECT_NE(after.find(" ann\n"), std::string::npos);
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, OneMoreThanAlmostAllNeedsNoRoom) {
+    std::string almost;
+    for (std::size_t i = 1; i < AuthCache::kMostRecords; ++i)
+        almost += line(memoryNow, 0, "n" + std::to_string(i));
+    m_folder.write("logins", almost);
+    ASSERT_EQ(::chmod(m_options.file.c_str(), 0600), 0);
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "", "secret");
+    const std::string after = text();
+    EXPECT_EQ(std::count(after.begin(), after.end(), '\n'), AuthCache::kMostRecords);
+}
+
+TEST_F(AuthCacheTest, LinesThatAreNoRecordsAreLeftOut) {
+    m_folder.write("logins", "\nnonsense\n1 2\n" + line(memoryNow, 0, "ann") + "x 0 hash ben\n" +
+                                 line(memoryNow - 3601, 0, "old") + "1 0 hash\n");
+    ASSERT_EQ(::chmod(m_options.file.c_str(), 0600), 0);
+    AuthCache cache(m_options, memoryClock);
+    EXPECT_TRUE(cache.hasAnswers());
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Wrong);
+    EXPECT_EQ(ask(cache, "ben", "secret"), Answer::Unknown);
+    EXPECT_EQ(ask(cache, "old", "secret"), Answer::Unknown);
+    EXPECT_EQ(text(), line(memoryNow, 1, "ann") + line(memoryNow - 3601, 0, "old"));
+}
+
+TEST_F(AuthCacheTest, AFileOfAnyGreaterSizeIsNotRead) {
+    m_folder.write("logins", "");
+    ASSERT_EQ(::chmod(m_options.file.c_str(), 0600), 0);
+    constexpr off_t kMost = off_t{16} << 20;
+    ASSERT_EQ(::truncate(m_options.file.c_str(), kMost), 0);
+    EXPECT_FALSE(open().hasAnswers());
+    ASSERT_EQ(::truncate(m_options.file.c_str(), kMost + 1), 0);
+    EXPECT_THROW(open(), AuthCacheError);
+}
+
+TEST_F(AuthCacheTest, WhatIsForgottenOrCountedIsSoAfterARestart) {
+    {
+        AuthCache cache(m_options, memoryClock);
+        cache.remember("ann", "guid", "secret");
+        cache.remember("ben", "", "secret");
+        EXPECT_EQ(ask(cache, "ben", "wrong"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ben", "wrong"), Answer::Wrong);
+        EXPECT_EQ(ask(cache, "ben", "secret"), Answer::Right);
+        cache.forget("ann", "guid");
+    }
+    EXPECT_EQ(text().find("ann"), std::string::npos);
+    AuthCache again(m_options, memoryClock);
+    EXPECT_EQ(ask(again, "ben", "wrong"), Answer::Wrong);
+    EXPECT_EQ(ask(again, "ben", "wrong"), Answer::Wrong);
+    EXPECT_EQ(ask(again, "ben", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, TheFileIsWrittenOnlyWhenSomethingIsForgotten) {
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "", "secret");
+    ASSERT_EQ(::unlink(m_options.file.c_str()), 0);
+    cache.forget("nobody", "guid");
+    EXPECT_NE(::access(m_options.file.c_str(), F_OK), 0);
+    cache.forget("ann", "");
+    EXPECT_EQ(::access(m_options.file.c_str(), F_OK), 0);
+}
+
+TEST_F(AuthCacheTest, WhatStandsInTheWayOfANewFileIsNotWrittenTo) {
+    m_folder.write("elsewhere", "mine");
+    ASSERT_EQ(::symlink(m_folder.file("elsewhere").c_str(), (m_options.file + ".new").c_str()), 0);
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "", "secret");
+    EXPECT_NE(text().find(" ann\n"), std::string::npos);
+    EXPECT_NE(::access((m_options.file + ".new").c_str(), F_OK), 0);
+    std::ostringstream other;
+    other << std::ifstream(m_folder.file("elsewhere")).rdbuf();
+    EXPECT_EQ(other.str(), "mine");
+}
+
+TEST_F(AuthCacheTest, WhereNothingCanBeWrittenItGoesOnInMemory) {
+    m_options.file = m_folder.file("no such folder") + "/logins";
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("ann", "", "secret");
+    EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, NamesStandInTheFileInAWayThatIsReadBack) {
+    AuthCache cache(m_options, memoryClock);
+    cache.remember("a  b\\20c", "g 1", "secret");
+    EXPECT_NE(text().find(" a\\20\\20b\\5c20c g\\201\n"), std::string::npos) << text();
+    AuthCache again(m_options, memoryClock);
+    EXPECT_EQ(ask(again, "A  B\\20C", "secret"), Answer::Right);
+    again.forget("", "g 1");
+    EXPECT_EQ(ask(again, "a  b\\20c", "secret"), Answer::Unknown);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/directory/identifiers.h"
+#include "vorn/strings.h"
 
 namespace vexagent {
 namespace {
@@ -134,6 +135,81 @@ TEST(AdFilter, ComposedOnesCannotBeBrokenOutOf) {
     EXPECT_EQ(escapeFilterValue(std::string("\\\0 \xc3\xa4", 5)), "\\5c\\00\\20\\c3\\a4");
     EXPECT_EQ(anyOf("uid", {"x"}), "(uid=x)");
     EXPECT_EQ(anyOf("uid", {"x", "*"}), "(|(uid=x)(uid=\\2a))");
+}
+
+TEST(AdFilter, IsQuickWhereAnIndexLeadsToFew) {
+    const auto isQuick = [](const std::string& filter) {
+        const Pool pool = newPool();
+        ParseTree* tree = nullptr;
+        EXPECT_TRUE(parseFilter(pool.get(), filter, tree).ok()) << filter;
+        return isQuickAdFilter(tree);
+    };
+    for (const char* name : {"sAMAccountName", "uidNumber", "cn", "name", "displayName", "userPrincipalName",
+                             "mail", "objectSid", "objectGUID", "distinguishedName", "servicePrincipalName",
+                             "proxyAddresses", "SAMACCOUNTNAME"})
+        EXPECT_TRUE(isQuick(std::string("(") + name + "=x)")) << name;
+    for (const char* name : {"uid", "memberUid", "gidNumber", "objectClass", "description", "n"})
+        EXPECT_FALSE(isQuick(std::string("(") + name + "=x)")) << name;
+    for (const char* filter :
+         {"(&(objectClass=user)(cn=x))", "(|(cn=x)(mail=x))", "(|(&(uid=x)(cn=x))(cn=y))"})
+        EXPECT_TRUE(isQuick(filter)) << filter;
+    for (const char* filter :
+         {"", "(|(cn=x)(uid=x))", "(!(cn=x))", "(cn>=x)", "(cn=*)", "(cn=x*)", "(&(uid=x)(cn=*))"})
+        EXPECT_FALSE(isQuick(filter)) << filter;
+}
+
+TEST(AdFilter, TheCheapestPartsComeFirst) {
+    EXPECT_EQ(asked("(&(!(description=x))(objectClass=user)(primaryGroupID=513)(cn=ann))"),
+              "(&(cn=ann)(primaryGroupID=513)(objectClass=user)(!(description=x)))");
+    EXPECT_EQ(asked("(&(description=x*)(uid=ann)(GIDNUMBER=5))"),
+              "(&(GIDNUMBER=5)(uid=ann)(description=x*))");
+    EXPECT_EQ(asked("(|(description=x*)(cn=ann))"), "(|(description=x*)(cn=ann))");
+}
+
+TEST(AdFilter, OneThatNamesClassesAlreadyGetsNoMore) {
+    const auto isTyped = [](const std::string& filter) {
+        return asked(filter, true).find("(objectClass=automount)") != std::string::npos;
+    };
+    for (const char* filter : {"(objectClass=user)", "(OBJECTCATEGORY=cn=x)", "(&(uid=x)(objectClass=user))",
+                               "(|(objectClass=user)(objectClass=group))"})
+        EXPECT_FALSE(isTyped(filter)) << filter;
+    for (const char* filter : {"(uid=x)", "(!(objectClass=user))", "(objectClass=*)",
+                               "(|(uid=x)(objectClass=user))", "(&(uid=x)(description=x))", "(objectClas=x)"})
+        EXPECT_TRUE(isTyped(filter)) << filter;
+    EXPECT_EQ(asked("(!(memberUid=ben))", true).find("(|(objectClass=user)"), 0u);
+}
+
+TEST(AdFilter, OnlyEqualityAsksForSomebodysGroups) {
+    EXPECT_EQ(asked("(memberUid=a*)"), "(memberUid=a*)");
+    EXPECT_EQ(asked("(memberUid>=a)"), "(memberUid>=a)");
+    EXPECT_EQ(asked("(MEMBERUID=ann)"), "(|(objectGUID=AAAAAAAAAAAAAAAA)(objectGUID=BBBBBBBBBBBBBBBB))");
+}
+
+TEST(AdFilter, HoldersOfAMadeIdAreThoseWithoutANumberOfTheirOwn) {
+    const std::string id = std::to_string(*idsOn().first() + 1104);
+    const std::string person = "(objectCategory=person)";
+    const auto folded = [](std::string text) { return vorn::lower(text); };
+    const auto found = [&](const std::string& filter) { return folded(asked(filter, false, true)); };
+    const std::string holder = "(&(objectsid=" + found("(objectSid=S-1-5-21-1-2-3-1104)").substr(11);
+    EXPECT_EQ(found("(UIDNumber=" + id + ")"), "(|(uidnumber=" + id + ")" + holder + "(!(uidnumber=*))))");
+    EXPECT_EQ(found("(gidNumber=" + id + ")"),
+              "(|(gidnumber=" + id + ")" + holder + "(!(gidnumber=*)))" +
+                  folded("(&(primaryGroupID=1104)" + person + "(!(gidNumber=*))))"));
+}
+
+TEST(AdFilter, WhoeverHasASidHasANumber) {
+    EXPECT_EQ(asked("(uidNumber=*)", false, true), "(|(uidNumber=*)(objectCategory=person))");
+    EXPECT_EQ(asked("(gidNumber=*)", false, true),
+              "(|(gidNumber=*)(objectCategory=person)(objectCategory=group))");
+    EXPECT_EQ(asked("(uidNumber>=5)", false, true), "(uidNumber>=5)");
+    EXPECT_EQ(asked("(uid=*)", false, true), "(uid=*)");
+    EXPECT_EQ(asked("(uidNumber=x)", false, true), "nothing");
+}
+
+TEST(AdFilter, NothingButPrintableAsciiStandsUnescaped) {
+    EXPECT_EQ(escapeFilterValue("!~aZ09=,+\"#;<>"), "!~aZ09=,+\"#;<>");
+    EXPECT_EQ(escapeFilterValue(" \x1f\x7f\x80\xff"), "\\20\\1f\\7f\\80\\ff");
+    EXPECT_EQ(escapeFilterValue(""), "");
 }
 
 }  // namespace

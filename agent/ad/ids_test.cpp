@@ -61,5 +61,47 @@ TEST(Ids, AHomeHoldsTheLoginName) {
     EXPECT_EQ(Ids(options, "").homeOf("%u"), "/%u/home/%u");
 }
 
+TEST(Ids, TheLastSliceEndsWithTheLargestId) {
+    IdOptions options = idsOn();
+    options.slices = 1;
+    options.first = UINT32_MAX - options.sliceSize;
+    const Ids last(options, sid(kDomainSid));
+    ASSERT_TRUE(last.enabled());
+    EXPECT_EQ(*last.first(), options.first);
+    EXPECT_EQ(last.idOf(sid(std::string(kDomainSid) + "-199999")), UINT32_MAX - 1);
+    ++options.first;
+    const Ids beyond(options, sid(kDomainSid));
+    EXPECT_FALSE(beyond.enabled());
+    EXPECT_EQ(beyond.idOf(sid(std::string(kDomainSid) + "-1104")), std::nullopt);
+    EXPECT_EQ(beyond.sidOf(options.first), "");
+}
+
+TEST(Ids, TheFirstIdIsThatOfNumberZero) {
+    const Ids ids(idsOn(), sid(kDomainSid));
+    EXPECT_EQ(sidText(ids.sidOf(*ids.first())), std::string(kDomainSid) + "-0");
+    EXPECT_EQ(ids.idOf(sid(std::string(kDomainSid) + "-0")), ids.first());
+}
+
+TEST(Ids, ASidIsTheDomainsWithTheNumberBehind) {
+    const Ids ids(idsOn(), sid(kDomainSid));
+    EXPECT_EQ(sidText(ids.sidWith(0xfedcba98)), std::string(kDomainSid) + "-4275878552");
+    EXPECT_EQ(Ids(idsOn(), "").sidWith(513), "");
+    EXPECT_EQ(Ids(idsOn(), "1234567").sidWith(513), "");
+    EXPECT_EQ(sidText(Ids(idsOn(), std::string("\1\0\0\0\0\0\0\5", 8)).sidWith(32)), "S-1-5-32");
+}
+
+TEST(Ids, WithoutThemNoIdLeadsAnywhere) {
+    const std::uint32_t id = *Ids(idsOn(), sid(kDomainSid)).first() + 513;
+    EXPECT_EQ(Ids(IdOptions{}, sid(kDomainSid)).sidOf(id), "");
+    EXPECT_EQ(Ids(idsOn(), "").sidOf(id), "");
+}
+
+TEST(Ids, HostsAreShownThoseFromTheLowestOn) {
+    IdOptions options;
+    options.least = 1000;
+    EXPECT_TRUE(Ids(options, "").allowed().allows("1000"));
+    EXPECT_FALSE(Ids(options, "").allowed().allows("999"));
+}
+
 }  // namespace
 }  // namespace vexagent

@@ -36,19 +36,35 @@ TEST(LoginResult, OfKerberos) {
         {KRB5KDC_ERR_CLIENT_REVOKED,
          account({{"accountExpires", {"9223372036854775807"}}, {"lockoutTime", {"1"}}}),
          "14 2 49 wrong password | the account is locked out"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({}), "14 2 49 wrong password | the account may not log in now"},
+        {KRB5KDC_ERR_CLIENT_REVOKED,
+         account({{"userAccountControl", {"x"}}, {"accountExpires", {"x"}}, {"lockoutTime", {"0"}}}),
+         "14 2 49 wrong password | the account may not log in now"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({{"lockoutTime", {"x"}}}),
+         "14 2 49 wrong password | the account is locked out"},
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({{"accountExpires", {"132444736000000000"}}}),
+         "14 2 49 wrong password | the account has expired"},  // just now
+        {KRB5KDC_ERR_CLIENT_REVOKED, account({{"accountExpires", {"132444736010000000"}}}),
+         "14 2 49 wrong password | the account may not log in now"},  // in a second
         {KRB5KDC_ERR_CLIENT_REVOKED, plain, "14 2 49 wrong password | the account may not log in now"},
         {KRB5KDC_ERR_NAME_EXP, plain, "14 2 49 wrong password | the account has expired"},
         {KRB5KDC_ERR_KEY_EXP, plain, "14 2 49 wrong password | the password has expired"},
         {KRB5KDC_ERR_KEY_EXP, account({{"pwdLastSet", {"0"}}}),
          "14 2 49 wrong password | the password must be changed"},
+        {KRB5KDC_ERR_KEY_EXP, account({}), "14 2 49 wrong password | the password has expired"},
         {KRB5KDC_ERR_POLICY, plain, "14 2 49 wrong password | the account may not log in here or now"},
         {KRB5KDC_ERR_ETYPE_NOSUPP, account({{"pwdLastSet", {"0"}}}), "14 2 49 wrong password"},
+        {KRB5KDC_ERR_ETYPE_NOSUPP, account({}),
+         "14 2 49 wrong password | the account has no password that Kerberos could check"},
         {KRB5KDC_ERR_ETYPE_NOSUPP, plain,
          "14 2 49 wrong password | the account has no password that Kerberos could check"},
         {KRB5KRB_AP_ERR_SKEW, plain,
          "8 3 -1765328347 the clocks of this host and the controller differ too much | "
          "the clocks of this host and the controller differ too much: text"},
         {KRB5_KDC_UNREACH, plain,
+         "12 2 52 no KDC of the domain can be reached to check the password | "
+         "no KDC of the domain can be reached to check the password: text"},
+        {KRB5_REALM_UNKNOWN, plain,
          "12 2 52 no KDC of the domain can be reached to check the password | "
          "no KDC of the domain can be reached to check the password: text"},
         {KRB5KDC_ERR_S_PRINCIPAL_UNKNOWN, plain,
@@ -125,6 +141,12 @@ TEST(LoginResult, OfABind) {
               "12 2 -1 the domain is out of reach | gone");
     EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})),
               "8 2 8 Strong(er) authentication required | stronger");
+}
+
+TEST(LoginResult, ATextWithoutAReasonIsAWrongPassword) {
+    for (const char* text : {"", "Invalid credentials", "data", "data ", "data  533", "533"})
+        EXPECT_EQ(loginFailure(LdapStatus{LDAP_INVALID_CREDENTIALS, text}).code(), VEX_WRONG_PASSWORD)
+            << text;
 }
 
 }  // namespace

@@ -175,5 +175,154 @@ TEST(AdObject, MadeIdsFillOnlyGaps) {
     EXPECT_EQ(memberName(numbered, noIds()), "annie");
 }
 
+TEST(Range, AnEndBeyondAnyAttributesValuesIsNone) {
+    RangedName ranged;
+    EXPECT_TRUE(parseRange("member;range=0-5000000", ranged));
+    EXPECT_EQ(ranged.next, 5'000'001u);
+    EXPECT_FALSE(parseRange("member;range=0-5000001", ranged));
+}
+
+TEST(Range, TheNameKeepsItsCaseAndItsOptions) {
+    RangedName ranged;
+    ASSERT_TRUE(parseRange("memberOf;binary;RANGE=0-9", ranged));
+    EXPECT_EQ(ranged.name, "memberOf;binary");
+}
+
+TEST(Range, OneAttributeInPartsIsEnough) {
+    EXPECT_FALSE(hasRanges({"CN=g", {}}));
+    EXPECT_FALSE(hasRanges({"CN=g", {{"member", {"a"}}, {"range", {"b"}}}}));
+    EXPECT_TRUE(hasRanges({"CN=g", {{"cn", {"g"}}, {"member;Range=0-1", {"a"}}}}));
+}
+
+TEST(AttributesAsked, ThoseForMembersOnlyInTheZonesView) {
+    const std::vector<std::string> plain = attributesFor({false, {"memberUid"}}, noIds());
+    EXPECT_THAT(plain, ::testing::Not(::testing::Contains("member")));
+    EXPECT_THAT(attributesFor({true, {"cn"}}, noIds()), ::testing::Not(::testing::Contains("member")));
+    EXPECT_THAT(attributesFor({true, {"memberUid"}}, noIds()),
+                ::testing::IsSupersetOf({"member", "objectSid"}));
+}
+
+TEST(AttributesAsked, ThoseForIdsWhereTheyAreMade) {
+    EXPECT_THAT(attributesFor({true, {"cn"}}, idsOn()),
+                ElementsAre("cn", "objectGUID", "objectClass", "objectCategory", "uidNumber", "gidNumber",
+                            "unixHomeDirectory", "ipHostNumber", "macAddress", "objectSid", "primaryGroupID",
+                            "sAMAccountName"));
+    EXPECT_THAT(attributesFor({true, {}}, idsOn()), ElementsAre("*"));
+}
+
+TEST(AttributesAsked, EachOnceAndNoneThatMeansNothing) {
+    EXPECT_THAT(
+        attributesFor({false, {"CN", "cn", "", "_GUID", "1.1", "OBJECTGUID", "userPassword", "*"}}, noIds()),
+        ElementsAre("*", "CN", "OBJECTGUID"));
+}
+
+TEST(AdObject, TheMostSpecificClassCountsWhereNoCategoryIsGiven) {
+    EXPECT_EQ(categoryOf({"CN=x", {{"objectClass", {"user", "computer"}}}}), "Computer");
+    EXPECT_EQ(categoryOf({"CN=x", {{"objectCategory", {"CN=Group,CN=x"}}, {"objectClass", {"user"}}}}),
+              "Group");
+    EXPECT_EQ(categoryOf({"CN=x", {}}), "");
+    EXPECT_EQ(categoryOf({"CN=x", {{"objectClass", {}}}}), "");
+}
+
+TEST(AdObject, OfAUnixKindByAnyOfItsClasses) {
+    EXPECT_TRUE(isUnixKind({"CN=x", {{"objectClass", {"top", "POSIXGROUP", "other"}}}}));
+    EXPECT_FALSE(isUnixKind({"CN=x", {{"objectClass", {"top", "container"}}}}));
+    EXPECT_FALSE(isUnixKind({"CN=x", {}}));
+}
+
+TEST(AdObject, MemberIsWhoeverIsAPersonWithANumber) {
+    const std::vector<Attribute> numbered = {{"uidNumber", {"7"}}, {"sAMAccountName", {"ann"}}};
+    EXPECT_EQ(memberName(person(numbered), noIds()), "ann");
+    EXPECT_EQ(memberName(person({{"sAMAccountName", {"ann"}}, {"uid", {"annie"}}}), noIds()), "");
+    Entry computer = person(numbered);
+    computer.attributes.push_back({"objectCategory", {"CN=Computer,CN=x"}});
+    EXPECT_EQ(memberName(computer, noIds()), "");
+    EXPECT_EQ(memberName(person({{"objectSid", {sidBytes("S-1-5-21-9-9-9-1104").value()}},
+                                 {"sAMAccountName", {"ann"}}}),
+                         idsOn()),
+              "");
+}
+
+std::string numbersOf(const Entry& entry) {
+    const Object object =
+        makeObject(entry, {false, {"uidNumber", "gidNumber", "unixHomeDirectory"}}, idsOn(), nullptr);
+    std::string text = shown(object);
+    return text.substr(text.find("_objectCategory"));
+}
+
+TEST(AdObject, MadeIdsAreThoseOfPeopleAndGroups) {
+    const std::string sid = sidBytes("S-1-5-21-1-2-3-1104").value();
+    const std::string own = std::to_string(*idsOn().first() + 1104);
+    const std::vector<Attribute> account = {{"objectSid", {sid}}, {"primaryGroupID", {"513"}}};
+    const auto with = [&](const char* category) {
+        Entry entry = person(account);
+        entry.attributes.push_back({"objectCategory", {std::string("CN=") + category + ",CN=x"}});
+        return numbersOf(entry);
+    };
+    EXPECT_EQ(with("Group"), "_objectCategory=Group, gidNumber=" + own + ", ");
+    EXPECT_EQ(with("Computer"), "_objectCategory=Computer, _nssEntryInvalid=TRUE, ");
+    EXPECT_EQ(with("Person"), "_objectCategory=Person, uidNumber=" + own + ", gidNumber=" +
+                                  std::to_string(*idsOn().first() + 513) + ", unixHomeDirectory=/home/, ");
+}
+
+TEST(AdObject, StoredNumbersStandBesideMadeOnes) {
+    const std::string sid = sidBytes("S-1-5-21-1-2-3-1104").value();
+    const std::string own = std::to_string(*idsOn().first() + 1104);
+    EXPECT_EQ(numbersOf(person({{"objectSid", {sid}},
+                                {"gidNumber", {"5"}},
+                                {"unixHomeDirectory", {"/h"}},
+                                {"sAMAccountName", {"ann"}}})),
+              "_objectCategory=Person, gidNumber=5, unixHomeDirectory=/h, uidNumber=" + own + ", ");
+    // Without a primary group that can be read there is none of the number 0.
+    EXPECT_EQ(numbersOf(person({{"objectSid", {sid}}, {"uidNumber", {"7"}}, {"sAMAccountName", {"ann"}}})),
+              "_objectCategory=Person, uidNumber=7, gidNumber=" + std::to_string(*idsOn().first()) +
+                  ", unixHomeDirectory=/home/ann, ");
+    // Nobody of another domain gets a home.
+    EXPECT_EQ(numbersOf(person({{"objectSid", {sidBytes("S-1-5-21-9-9-9-1104").value()}}})),
+              "_objectCategory=Person, _nssEntryInvalid=TRUE, gidNumber=" + std::to_string(*idsOn().first()) +
+                  ", ");
+}
+
+TEST(AdObject, OfUseIsWhatUnixCanDoWith) {
+    const auto marked = [](std::vector<Attribute> attributes) {
+        const Entry entry{"CN=x", std::move(attributes)};
+        return shown(makeObject(entry, {}, noIds(), nullptr)).find("_nssEntryInvalid") != std::string::npos;
+    };
+    const Attribute isPerson{"objectClass", {"user"}}, isComputer{"objectClass", {"computer"}};
+    const Attribute uid{"uidNumber", {"7"}}, gid{"gidNumber", {"8"}}, home{"unixHomeDirectory", {"/h"}};
+    EXPECT_FALSE(marked({isPerson, uid, gid, home}));
+    EXPECT_TRUE(marked({isPerson, gid, home}));
+    EXPECT_TRUE(marked({isPerson, uid, home}));
+    EXPECT_TRUE(marked({isPerson, uid, gid}));
+    EXPECT_FALSE(marked({isComputer, {"ipHostNumber", {"10.0.0.1"}}}));
+    EXPECT_FALSE(marked({isComputer, {"macAddress", {"0:0:0:0:0:1"}}}));
+    EXPECT_FALSE(marked({isComputer, uid, gid, home}));
+    EXPECT_TRUE(marked({isComputer, uid, gid}));
+    EXPECT_FALSE(marked({{"objectClass", {"organizationalUnit"}}, {"uidNumber", {"0"}}}));
+}
+
+TEST(AdObject, WhatIsNotWantedIsNotShown) {
+    const Entry entry = person({{"cn", {"Ann"}}, {"Mail", {"a@b"}}, {"memberUid", {"x"}}});
+    const std::vector<std::string> members = {"ann"}, none;
+    const auto names = [&](const View& view, const std::vector<std::string>* computed) {
+        std::vector<std::string> found;
+        for (const Attribute& attribute : makeObject(entry, view, noIds(), computed))
+            found.push_back(attribute.name);
+        return std::vector<std::string>(found.begin() + 4, found.end());
+    };
+    EXPECT_THAT(names({true, {"mail"}}, nullptr), ElementsAre("Mail"));
+    EXPECT_THAT(names({true, {"x", "*"}}, nullptr),
+                ElementsAre("objectGUID", "objectClass", "cn", "Mail", "memberUid"));
+    EXPECT_THAT(names({true, {}}, &members),
+                ElementsAre("objectGUID", "objectClass", "cn", "Mail", "memberUid"));
+    EXPECT_THAT(names({true, {"memberUid"}}, &none), ElementsAre());
+}
+
+TEST(AdObject, ItsSizeIsThatOfItsTextsAndSomeMore) {
+    EXPECT_EQ(entryBytes({"", {}}), 64u);
+    EXPECT_EQ(entryBytes({"CN=x", {{"cn", {"abc", "d"}}, {"sn", {}}}}),
+              64u + 4 + (24 + 2) + (12 + 3) + (12 + 1) + (24 + 2));
+}
+
 }  // namespace
 }  // namespace vexagent
