@@ -79,6 +79,18 @@ TEST(KnownDomains, AreNotWhatIsLikeThem) {
     EXPECT_FALSE(domains.contains(std::string("far.example.com\0", 16)));
 }
 
+TEST(KnownDomains, HaveNamesThatDnsCanBeAskedFor) {
+    const auto counts = [](const std::string& name) {
+        KnownDomains domains;
+        domains.addTrust(trust(name, "3", "2"));
+        return domains.contains(name);
+    };
+    for (const std::string name : {"az.AZ", "09.x-y_z", "\x80\xbf.\xff", "a"})
+        EXPECT_TRUE(counts(name)) << name;
+    for (const std::string name : {"a`b", "a{b", "a@b", "a[b", "a/b", "a:b", "a,b", "a b", "a\x7f", ""})
+        EXPECT_FALSE(counts(name)) << name;
+}
+
 TEST(KnownDomains, HaveABound) {
     KnownDomains domains;
     for (std::size_t i = 0; i < KnownDomains::kMost + 10; ++i)
