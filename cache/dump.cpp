@@ -80,7 +80,7 @@ void SearchCacheManager::dumpCache() {
     JPrintf("Starting to dump memory cache setting, statistics and entire content...");
     const vorn::ReaderLock guard(m_lock);
     logSettings();
-    JPrintf("%s", statisticsLine().c_str());
+    JPrintf("%s", m_counts.line().c_str());
     JPrintf("Starting to dump entire cache content...");
     const std::string path = dumpFileName();
     try {
@@ -98,9 +98,10 @@ void SearchCacheManager::logSettings() const {
     JPrintf(
         "memory cache %s, max lists: %u, max objects: %u, ttl: %u, negative ttl: %u, load factor: %f, "
         "log interval: %u",
-        m_enabled ? "enabled" : "not enabled", static_cast<unsigned>(m_maxLists),
-        static_cast<unsigned>(m_maxObjects), static_cast<unsigned>(m_ttl), static_cast<unsigned>(m_negTtl),
-        static_cast<double>(m_loadFactor), static_cast<unsigned>(m_logInterval.load()));
+        m_enabled ? "enabled" : "not enabled", static_cast<unsigned>(m_settings.maxLists),
+        static_cast<unsigned>(m_settings.maxObjects), static_cast<unsigned>(m_settings.ttl),
+        static_cast<unsigned>(m_settings.negTtl), static_cast<double>(m_settings.loadFactor),
+        static_cast<unsigned>(m_logInterval.load()));
 }
 
 std::string SearchCacheManager::dumpFileName() const {

@@ -46,23 +46,23 @@ int SearchCacheManager::getList(const std::string& filter, const std::string& ba
 int SearchCacheManager::lookUpList(const std::string& key, std::shared_ptr<GuidList>& out, Trash* trash) {
     const ListTable::Node* node = m_listCache.find(key);
     if (node == nullptr) {
-        ++m_misses;
+        ++m_counts.misses;
         return kMiss;
     }
     // Before any look at its age: a negative entry is reported as long as it is
     // there, and who needs to know asks negativeExpired.
     if (node->value.guidList->empty()) {
-        ++m_negHits;
+        ++m_counts.negHits;
         return kNegativeHit;
     }
     const std::time_t now = m_environment.clock();
     if (now <= node->value.expiryTime) {
         out = node->value.guidList;
-        ++m_hits;
+        ++m_counts.hits;
         return kHit;
     }
     expireList(*node, now, trash);
-    ++m_expires;
+    ++m_counts.expires;
     return kMiss;
 }
 
@@ -89,28 +89,28 @@ void SearchCacheManager::putList(const std::string& key, std::shared_ptr<GuidLis
         const vorn::WriterLock guard(m_lock);
         if (!m_enabled) return;
         if (!mayKeep(key, *guids)) {
-            ++m_refused;
+            ++m_counts.refused;
             return;
         }
         // Before any look at the key: storing a known key again in a full table
         // makes room too.
-        if (m_listCache.size() >= m_maxLists) overFlowListCache(&trash.lists);
+        if (m_listCache.size() >= m_settings.maxLists) overFlowListCache(&trash.lists);
         store(key, std::move(guids), &trash);
     }
     JPrintf("Put GUID list to cache successfully.");
 }
 
 bool SearchCacheManager::mayKeep(std::string_view key, const GuidList& guids) const {
-    return key.size() <= kMaxKeyBytes && (guids.size() <= kLongList || guids.size() <= m_maxObjects);
+    return key.size() <= kMaxKeyBytes && (guids.size() <= kLongList || guids.size() <= m_settings.maxObjects);
 }
 
 void SearchCacheManager::store(const std::string& key, std::shared_ptr<GuidList> guids, Trash* trash) {
     if (m_listCache.find(key) != nullptr) return;
     const std::size_t bytes = bytesOf(*guids);
-    const unsigned long lifetime = guids->empty() ? m_negTtl : m_ttl;
+    const unsigned long lifetime = guids->empty() ? m_settings.negTtl : m_settings.ttl;
     if (!makeRoomForBytes(ListTable::entryBytes(key, bytes), trash)) return;
     const auto kept = m_listCache.insert(key, {std::move(guids), expiryAfter(lifetime)}, bytes);
-    if (kept.first == nullptr) ++m_refused;
+    if (kept.first == nullptr) ++m_counts.refused;
 }
 
 void SearchCacheManager::putList(const std::string& filter, const std::string& baseDn, int scope,
@@ -125,6 +125,6 @@ void SearchCacheManager::eraseList(const std::string& key) {
 }
 
 void SearchCacheManager::overFlowListCache(ListTable::Trash* trash) {
-    ++m_overflows;
+    ++m_counts.overflows;
     m_listCache.evict(trash);
 }

@@ -27,21 +27,21 @@ int SearchCacheManager::getObj(const std::string& guid, CachedObject* out) {
     m_lock.upgradeToWriterLock();  // every lookup counts, and some remove
     const ObjTable::Node* node = m_objCache.find(guid);
     if (node == nullptr) {
-        ++m_misses;
+        ++m_counts.misses;
         return kMiss;
     }
     if (node->value.expiryTime < m_environment.clock()) {
         m_objCache.erase(guid, &trash);
-        ++m_expires;
+        ++m_counts.expires;
         return kMiss;
     }
     vex::UniqueObject clone(ChmCloneObject(node->value.object.get()));
     if (clone == nullptr) {
-        ++m_cloneErrs;
+        ++m_counts.cloneErrs;
         return kMiss;
     }
     *out = {std::move(clone), node->value.attachment, node->serial};
-    ++m_hits;
+    ++m_counts.hits;
     return kHit;
 }
 
@@ -66,18 +66,19 @@ void SearchCacheManager::putObj(const char* guid, const vexObject* object) {
     if (clone == nullptr) return;
     const std::size_t bytes = bytesOf(object);
     if (std::strlen(guid) > kMaxKeyBytes) {
-        ++m_refused;
+        ++m_counts.refused;
         return;
     }
     if (!makeRoomForBytes(ObjTable::entryBytes(guid, bytes), &trash)) return;
-    const auto kept = m_objCache.insert(guid, {std::move(clone), expiryAfter(m_ttl), nullptr}, bytes);
-    if (kept.first == nullptr) ++m_refused;
+    const auto kept =
+        m_objCache.insert(guid, {std::move(clone), expiryAfter(m_settings.ttl), nullptr}, bytes);
+    if (kept.first == nullptr) ++m_counts.refused;
 }
 
 // Whether the GUID is without an entry now; a live one is never replaced. A full
 // table loses an entry first, even when nothing is stored then.
 bool SearchCacheManager::makeRoomForObj(const char* guid, ObjTable::Trash* trash) {
-    if (m_objCache.size() >= m_maxObjects) overFlowObjCache(trash);
+    if (m_objCache.size() >= m_settings.maxObjects) overFlowObjCache(trash);
     const ObjTable::Node* present = m_objCache.find(guid);
     if (present == nullptr) return true;
     if (present->value.expiryTime >= m_environment.clock()) return false;
@@ -99,6 +100,6 @@ void SearchCacheManager::setAttachment(const std::string& guid, std::uint64_t se
 }
 
 void SearchCacheManager::overFlowObjCache(ObjTable::Trash* trash) {
-    ++m_overflows;
+    ++m_counts.overflows;
     m_objCache.evict(trash);
 }

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <limits>
 #include <new>
-#include <type_traits>
 #include <utility>
 
 #include "backend/base/log.h"
@@ -44,11 +43,7 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
                               float loadFactor) {
     const vorn::WriterLock guard(m_lock);
     if (m_initialized) return;
-    m_maxLists = maxLists;
-    m_maxObjects = maxObjects;
-    m_ttl = ttl;
-    m_negTtl = negTtl;
-    m_loadFactor = loadFactor;
+    m_settings = {maxLists, maxObjects, ttl, negTtl, loadFactor};
     m_logInterval = logInterval;
     const bool works = enabled && makeTables();
     m_enabled = works;
@@ -56,7 +51,7 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
     if (!works) return;
 
     m_nextLogTime = expiryAfter(logInterval);
-    m_hits = m_negHits = m_misses = m_expires = m_overflows = m_cloneErrs = 0;
+    m_counts = {};
     startWatcher();
     JPrintf(
         "Init memory cache successfully. max lists: %u, max objects: %u, ttl: %u, negative ttl: %u, "
@@ -70,28 +65,29 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
 // the search that happens to be the first.
 bool SearchCacheManager::makeTables() try {
     // Written so that a NaN is refused too.
-    if (!(m_loadFactor > 0)) vorn::assertionFailed("loadFactor > 0");
+    if (!(m_settings.loadFactor > 0)) vorn::assertionFailed("loadFactor > 0");
     const auto bytes = [this](unsigned long entries) {
-        return ListTable::bucketBytes(primeBuckets(bucketRequest(entries, m_loadFactor)));
+        return ListTable::bucketBytes(primeBuckets(bucketRequest(entries, m_settings.loadFactor)));
     };
-    if (m_maxBytes != 0 && bytes(m_maxLists) + bytes(m_maxObjects) > m_maxBytes) throw std::bad_alloc();
+    if (m_maxBytes != 0 && bytes(m_settings.maxLists) + bytes(m_settings.maxObjects) > m_maxBytes)
+        throw std::bad_alloc();
     sizeTables();
     return true;
 } catch (const std::bad_alloc&) {
     JError(
         "The memory cache stays off: no room for its tables. max lists: %lu, max objects: %lu, load factor: "
         "%g, max bytes: %llu",
-        m_maxLists, m_maxObjects, static_cast<double>(m_loadFactor),
+        m_settings.maxLists, m_settings.maxObjects, static_cast<double>(m_settings.loadFactor),
         static_cast<unsigned long long>(m_maxBytes));
     return false;
 }
 
 void SearchCacheManager::sizeTables() {
-    m_listCache.setMaxLoadFactor(m_loadFactor);
-    m_listCache.requestBuckets(bucketRequest(m_maxLists, m_loadFactor));
-    m_objCache.setMaxLoadFactor(m_loadFactor);
+    m_listCache.setMaxLoadFactor(m_settings.loadFactor);
+    m_listCache.requestBuckets(bucketRequest(m_settings.maxLists, m_settings.loadFactor));
+    m_objCache.setMaxLoadFactor(m_settings.loadFactor);
     try {
-        m_objCache.requestBuckets(bucketRequest(m_maxObjects, m_loadFactor));
+        m_objCache.requestBuckets(bucketRequest(m_settings.maxObjects, m_settings.loadFactor));
     } catch (const std::bad_alloc&) {
         m_listCache.requestBuckets(0);  // of no use alone
         throw;
@@ -114,11 +110,11 @@ void SearchCacheManager::setMaxBytes(std::uint64_t bytes) {
 bool SearchCacheManager::makeRoomForBytes(std::size_t bytes, Trash* trash) {
     const std::size_t entries = m_listCache.bytesOfEntries() + m_objCache.bytesOfEntries();
     if (bytes > kMostBytesOfAnEntry || (m_maxBytes != 0 && bytesHeld() - entries + bytes > m_maxBytes)) {
-        ++m_refused;
+        ++m_counts.refused;
         return false;
     }
     while (m_maxBytes != 0 && bytesHeld() + bytes > m_maxBytes) {
-        ++m_evictedForBytes;
+        ++m_counts.evictedForBytes;
         if (m_listCache.bytesOfEntries() > m_objCache.bytesOfEntries())
             m_listCache.evict(&trash->lists);
         else
@@ -141,7 +137,7 @@ std::string SearchCacheManager::getStatisticsInfo() {
     const vorn::WriterLock guard(m_lock);
     if (m_nextLogTime > m_environment.clock()) return "";  // another thread was first
     m_nextLogTime = expiryAfter(m_logInterval);
-    return statisticsLine();
+    return m_counts.line();
 }
 
 std::string SearchCacheManager::getStateInfo() {
@@ -149,19 +145,6 @@ std::string SearchCacheManager::getStateInfo() {
     return "cache bytes: " + std::to_string(bytesHeld()) + ", max bytes: " + std::to_string(m_maxBytes) +
            ", lists: " + std::to_string(m_listCache.size()) +
            ", objects: " + std::to_string(m_objCache.size()) +
-           ", evicted for bytes: " + std::to_string(m_evictedForBytes) +
-           ", refused: " + std::to_string(m_refused);
-}
-
-std::string SearchCacheManager::statisticsLine() const {
-    // Operators' tools know where the counts wrap.
-    static_assert(std::is_same_v<decltype(m_hits), std::uint32_t> &&
-                  std::is_same_v<decltype(m_negHits), std::uint32_t> &&
-                  std::is_same_v<decltype(m_misses), std::uint32_t> &&
-                  std::is_same_v<decltype(m_expires), std::uint32_t> &&
-                  std::is_same_v<decltype(m_overflows), std::uint32_t> &&
-                  std::is_same_v<decltype(m_cloneErrs), std::uint32_t>);
-    return "cache hits: " + std::to_string(m_hits) + ", negHits: " + std::to_string(m_negHits) +
-           ", misses: " + std::to_string(m_misses) + ", expires: " + std::to_string(m_expires) +
-           ", overflows: " + std::to_string(m_overflows) + ", cloneErrs: " + std::to_string(m_cloneErrs);
+           ", evicted for bytes: " + std::to_string(m_counts.evictedForBytes) +
+           ", refused: " + std::to_string(m_counts.refused);
 }

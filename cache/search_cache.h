@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cache/counts.h"
 #include "cache/table.h"
 #include "vex/handles.h"
 #include "vex/vex.h"
@@ -161,6 +162,13 @@ class SearchCacheManager {
         std::time_t expiryTime;
         CacheAttachment attachment;
     };
+    struct Settings {
+        unsigned long maxLists = 100;
+        unsigned long maxObjects = 3000;
+        unsigned long ttl = 3600;
+        unsigned long negTtl = 300;
+        float loadFactor = 1.3F;
+    };
     using ListTable = CacheTable<CacheListNode>;
     using ObjTable = CacheTable<CacheObjNode>;
     struct InstanceMutex;
@@ -187,7 +195,6 @@ class SearchCacheManager {
     bool makeRoomForBytes(std::size_t bytes, Trash* trash);
     std::uint64_t bytesHeld() const { return m_listCache.bytes() + m_objCache.bytes(); }
     std::time_t expiryAfter(unsigned long lifetime) const;
-    std::string statisticsLine() const;
     void logSettings() const;
     void writeDumpFile(const std::string& path) const;
     std::string dumpFileName() const;
@@ -205,24 +212,13 @@ class SearchCacheManager {
     // taken again under the lock.
     std::atomic<bool> m_initialized = false;
     std::atomic<bool> m_enabled = false;
-    unsigned long m_maxLists = 100;
-    unsigned long m_maxObjects = 3000;
-    unsigned long m_ttl = 3600;
-    unsigned long m_negTtl = 300;
+    Settings m_settings;
     std::atomic<unsigned long> m_logInterval = 0;
-    float m_loadFactor = 1.3F;
     std::uint64_t m_maxBytes = 0;
     vorn::ReaderWriterLock m_lock;  // guards all members above and below
     std::unique_ptr<vorn::Thread> m_checkThread;
     std::atomic<std::time_t> m_nextLogTime = 0;
-    std::uint32_t m_hits = 0;
-    std::uint32_t m_negHits = 0;
-    std::uint32_t m_misses = 0;
-    std::uint32_t m_expires = 0;
-    std::uint32_t m_overflows = 0;
-    std::uint32_t m_cloneErrs = 0;
-    std::uint64_t m_evictedForBytes = 0;
-    std::uint64_t m_refused = 0;  // what was too long, too large, or one too many for its chain
+    CacheCounts m_counts;
     // Each table has its eviction's place inside: several managers in one process
     // (tests make them) must not move each other's.
     ObjTable m_objCache;
