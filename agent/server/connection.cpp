@@ -5,10 +5,9 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
-#include <cerrno>
 
 #include "agent/directory/log.h"
-#include "vorn/secret.h"
+#include "vex/wire.h"
 
 namespace vexagent {
 namespace {
@@ -17,14 +16,8 @@ namespace asio = boost::asio;
 namespace wire = vex::wire;
 using boost::system::error_code;
 
-// So much is read, or written, at a time: a length is a claim until the bytes
-// are there.
+// So much is written at a time.
 constexpr std::size_t kStep = 65536;
-
-void wipe(Bytes& bytes) {
-    if (!bytes.empty()) vorn::wipe(bytes.data(), bytes.size());
-    bytes.clear();
-}
 
 Bytes greeting() {
     Bytes bytes(std::begin(wire::kMagic), std::end(wire::kMagic));
@@ -38,31 +31,25 @@ Bytes greeting() {
 Connection::Connection(Socket socket, const Client& client, const Shared& shared)
     : m_socket(std::move(socket)), m_timer(shared.io), m_client(client), m_shared(shared) {}
 
-// A request that nobody has worked on may hold a password.
-Connection::~Connection() {
-    wipe(m_request);
-}
-
 void Connection::start() {
     m_shared.service.connected(m_client);
-    m_busy = true;
     m_output = greeting();
     write();
 }
 
 void Connection::finish() {
     m_lastOne = true;
-    if (!m_busy) close();
+    if (m_state == State::Waiting) close();
 }
 
 // Not while a worker is at it: nothing but the work's end is waited for then.
 void Connection::close() {
-    if (m_closed) return;
-    m_closed = true;
+    if (m_state == State::Closed) return;
+    m_state = State::Closed;
     m_timer.cancel();
     error_code ignored;
     m_socket.close(ignored);
-    wipe(m_request);
+    m_request.clear();
     m_shared.service.disconnected(m_client);
     m_shared.closed(shared_from_this());
 }
@@ -70,13 +57,13 @@ void Connection::close() {
 // The client has gone without the last answer: nobody will ask for the rest of a search
 // that only this answer names.
 void Connection::giveUp() {
-    if (m_closed) return;
+    if (m_state == State::Closed) return;
     if (m_search != 0) m_shared.service.closeSearch(m_client, m_search);
     close();
 }
 
 void Connection::drop() {
-    m_busy ? giveUp() : close();
+    m_state == State::Waiting ? close() : giveUp();
 }
 
 // A deadline that moves on, as it does with every request, costs nothing: the timer
@@ -90,7 +77,7 @@ void Connection::armTimer() {
     m_armed = true;
     m_timer.expires_at(m_deadline);
     m_timer.async_wait([self = shared_from_this()](const error_code& error) {
-        if (error || self->m_closed) return;  // another wait has taken its place
+        if (error || self->m_state == State::Closed) return;  // another wait has taken its place
         self->m_armed = false;
         if (self->m_deadline <= std::chrono::steady_clock::now()) return self->drop();
         if (self->m_deadline != Moment::max()) self->armTimer();
@@ -98,16 +85,16 @@ void Connection::armTimer() {
 }
 
 void Connection::waitForRequest() {
-    m_busy = false;
+    m_state = State::Waiting;
     if (m_lastOne) return close();
-    m_haveLength = m_haveRequest = 0;
+    m_request.clear();
     setDeadline(m_shared.idle);
     waitForBytes();
 }
 
 void Connection::waitForBytes() {
     m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
-        if (self->m_closed) return;
+        if (self->m_state == State::Closed) return;
         if (error) return self->close();
         self->onReadable();
     });
@@ -115,74 +102,37 @@ void Connection::waitForBytes() {
 
 // Reads what has come. Mostly that is a whole request, and no clock has to be set.
 void Connection::onReadable() {
-    const bool begun = m_haveLength > 0;
-    if (readLength() && readBody()) return process();
-    if (m_closed) return;
-    // For the whole of it: who sends byte by byte gains no time.
-    if (!begun && m_haveLength > 0) setDeadline(m_shared.timeout);
-    waitForBytes();
-}
-
-// Reads until there are so many bytes. False when they have not all come yet, or
-// never will: then the connection is closed.
-bool Connection::receive(std::uint8_t* place, std::size_t size, std::size_t& have) {
-    while (have < size) {
-        const ssize_t got = ::recv(m_socket.native_handle(), place + have, size - have, MSG_DONTWAIT);
-        if (got > 0)
-            have += static_cast<std::size_t>(got);
-        else if (got < 0 && errno == EAGAIN)
-            return false;
-        else if (got < 0 && errno == ECONNRESET)  // what was sent has not all been read
-            return giveUp(), false;
-        else if (got == 0 || errno != EINTR)
-            return close(), false;
+    const bool begun = m_request.begun();
+    switch (m_request.read(m_socket.native_handle())) {
+        case IncomingFrame::Progress::Whole:
+            return process();
+        case IncomingFrame::Progress::Partly:
+            // For the whole of it: who sends byte by byte gains no time.
+            if (!begun && m_request.begun()) setDeadline(m_shared.timeout);
+            return waitForBytes();
+        case IncomingFrame::Progress::Ended:
+            return close();
+        case IncomingFrame::Progress::Broken:
+            return giveUp();
+        case IncomingFrame::Progress::BadLength:
+            AGENT_LOG(vorn::Logger::kWarning, "refused a frame of %zu bytes from pid %d uid %u",
+                      m_request.length(), static_cast<int>(m_client.pid),
+                      static_cast<unsigned>(m_client.uid));
+            return close();
     }
-    return true;
-}
-
-bool Connection::readLength() {
-    if (m_haveLength == m_length.size()) return true;
-    if (!receive(m_length.data(), m_length.size(), m_haveLength)) return false;
-    m_expected = 0;
-    for (std::size_t i = wire::kLengthBytes; i-- > 0;) m_expected = m_expected << 8 | m_length[i];
-    if (m_expected > 0 && m_expected <= wire::kMaxRequestBytes) return true;
-    AGENT_LOG(vorn::Logger::kWarning, "refused a frame of %zu bytes from pid %d uid %u", m_expected,
-              static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
-    close();
-    return false;
-}
-
-// Makes room for the next step. A longer buffer is filled by hand, so that the
-// shorter one, which may hold a password, is wiped.
-bool Connection::grow() {
-    const std::size_t have = m_request.size();
-    if (have == m_expected) return false;
-    Bytes longer(std::min(m_expected, have + std::max(have, kStep)));
-    std::copy(m_request.begin(), m_request.end(), longer.begin());
-    wipe(m_request);
-    m_request = std::move(longer);
-    return true;
-}
-
-bool Connection::readBody() {
-    do {
-        if (!receive(m_request.data(), m_request.size(), m_haveRequest)) return false;
-    } while (grow());
-    return true;
 }
 
 void Connection::process() {
     m_deadline = Moment::max();
-    const wire::Request* request = readRequest(m_request);
+    const wire::Request* request = readRequest(m_request.bytes());
     if (request == nullptr) {
         AGENT_LOG(vorn::Logger::kWarning, "refused a malformed request of pid %d uid %u",
                   static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
         return close();
     }
-    m_busy = true;
     if (!Service::isKnown(*request)) m_lastOne = true;  // and is answered so
     const Lane lane = m_shared.service.lane(*request);
-    m_atWork = true;
+    m_state = State::AtWork;
     m_shared.pool.post(lane, [self = shared_from_this()]() mutable {
         Connection& connection = *self;
         connection.work();
@@ -193,8 +143,8 @@ void Connection::process() {
 
 // In a worker. The client need not wait for the I/O thread to wake up.
 void Connection::work() {
-    std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request));
-    wipe(m_request);
+    std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request.bytes()));
+    m_request.clear();
     m_output = frame ? std::move(*frame) : Bytes();
     m_search = searchIn(m_output);
     m_written = 0;
@@ -210,7 +160,7 @@ void Connection::sendAtOnce() {
 }
 
 void Connection::onWorked() {
-    m_atWork = false;
+    m_state = State::Answering;
     m_written < m_output.size() ? write() : onWritten(0);
 }
 
@@ -219,7 +169,7 @@ void Connection::write() {
     const std::size_t size = std::min(m_output.size() - m_written, kStep);
     asio::async_write(m_socket, asio::buffer(m_output.data() + m_written, size),
                       [self = shared_from_this()](const error_code& error, std::size_t bytes) {
-                          if (self->m_closed) return;
+                          if (self->m_state == State::Closed) return;
                           if (error) return self->giveUp();
                           self->onWritten(bytes);
                       });

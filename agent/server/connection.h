@@ -7,7 +7,6 @@
 // of the answer as the socket takes, and nobody else touches the socket.
 #pragma once
 
-#include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -16,9 +15,9 @@
 #include <memory>
 
 #include "agent/server/frames.h"
+#include "agent/server/incoming_frame.h"
 #include "agent/server/pool.h"
 #include "agent/server/service.h"
-#include "vex/wire.h"
 
 namespace vexagent {
 
@@ -38,7 +37,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     };
 
     Connection(Socket socket, const Client& client, const Shared& shared);
-    ~Connection();
 
     void start();
 
@@ -53,18 +51,21 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     const Client& client() const { return m_client; }
     // Whether a worker has its request.
-    bool isAtWork() const { return m_atWork; }
+    bool isAtWork() const { return m_state == State::AtWork; }
     // Until when its client is waited for.
     Moment deadline() const { return m_deadline; }
 
   private:
+    enum class State {
+        Waiting,    // for a request, or the rest of one
+        AtWork,     // a worker has the request
+        Answering,  // what was answered, or the greeting, is being written
+        Closed
+    };
+
     void waitForRequest();
     void waitForBytes();
     void onReadable();
-    bool readLength();
-    bool readBody();
-    bool receive(std::uint8_t* place, std::size_t size, std::size_t& have);
-    bool grow();
     void process();
     void work();
     void onWorked();
@@ -83,18 +84,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
     const Client m_client;
     const Shared& m_shared;
 
-    std::array<std::uint8_t, vex::wire::kLengthBytes> m_length{};
-    std::size_t m_haveLength = 0;  // bytes of it that are there
-    std::size_t m_expected = 0;    // bytes of the frame being read
-    Bytes m_request;
-    std::size_t m_haveRequest = 0;
+    State m_state = State::Answering;
+    IncomingFrame m_request;
     Bytes m_output;
     std::size_t m_written = 0;
     std::uint64_t m_search = 0;  // that the last answer leaves open
-    bool m_busy = false;         // a request is being worked on or answered
-    bool m_atWork = false;       // it is being worked on
     bool m_lastOne = false;      // close after the answer
-    bool m_closed = false;
 };
 
 }  // namespace vexagent

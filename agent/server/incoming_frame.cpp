@@ -1,0 +1,77 @@
+#include "agent/server/incoming_frame.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "vorn/secret.h"
+
+namespace vexagent {
+namespace {
+
+namespace wire = vex::wire;
+
+// So much is made room for at a time, at least.
+constexpr std::size_t kStep = 65536;
+
+void wipe(Bytes& bytes) {
+    if (!bytes.empty()) vorn::wipe(bytes.data(), bytes.size());
+    bytes.clear();
+}
+
+}  // namespace
+
+void IncomingFrame::clear() {
+    wipe(m_bytes);
+    m_haveLength = m_expected = m_have = 0;
+}
+
+// Reads until there are so many bytes.
+IncomingFrame::Progress IncomingFrame::receive(int socket, std::uint8_t* place, std::size_t size,
+                                               std::size_t& have) {
+    while (have < size) {
+        const ssize_t got = ::recv(socket, place + have, size - have, MSG_DONTWAIT);
+        if (got > 0)
+            have += static_cast<std::size_t>(got);
+        else if (got < 0 && errno == EAGAIN)
+            return Progress::Partly;
+        else if (got < 0 && errno == ECONNRESET)
+            return Progress::Broken;
+        else if (got == 0 || errno != EINTR)
+            return Progress::Ended;
+    }
+    return Progress::Whole;
+}
+
+IncomingFrame::Progress IncomingFrame::readLength(int socket) {
+    if (m_haveLength == m_length.size()) return Progress::Whole;
+    const Progress progress = receive(socket, m_length.data(), m_length.size(), m_haveLength);
+    if (progress != Progress::Whole) return progress;
+    m_expected = 0;
+    for (std::size_t i = wire::kLengthBytes; i-- > 0;) m_expected = m_expected << 8 | m_length[i];
+    return m_expected > 0 && m_expected <= wire::kMaxRequestBytes ? Progress::Whole : Progress::BadLength;
+}
+
+// Makes room for the next step. A longer buffer is filled by hand, so that the
+// shorter one is wiped.
+bool IncomingFrame::grow() {
+    const std::size_t have = m_bytes.size();
+    if (have == m_expected) return false;
+    Bytes longer(std::min(m_expected, have + std::max(have, kStep)));
+    std::copy(m_bytes.begin(), m_bytes.end(), longer.begin());
+    wipe(m_bytes);
+    m_bytes = std::move(longer);
+    return true;
+}
+
+IncomingFrame::Progress IncomingFrame::read(int socket) {
+    Progress progress = readLength(socket);
+    while (progress == Progress::Whole) {
+        progress = receive(socket, m_bytes.data(), m_bytes.size(), m_have);
+        if (progress == Progress::Whole && !grow()) break;
+    }
+    return progress;
+}
+
+}  // namespace vexagent
