@@ -371,7 +371,7 @@ Result AdDirectory::supportedAttributes(std::vector<std::string>& names) {
 }
 
 Result AdDirectory::health() {
-    const LdapStatus status = m_joined.health(Deadline::in(std::min(kHealthTime, m_options.timeout)));
+    const LdapStatus status = m_joined.health(within(std::min(kHealthTime, m_options.timeout)));
     if (status.ok() || (m_memory && m_memory->hasAnswers())) return {};
     Result result = resultOf(status);
     if (result.code != VEX_UNAVAILABLE) result.code = VEX_UNAVAILABLE;

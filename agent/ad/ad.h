@@ -34,7 +34,7 @@ class AdDirectory : public Directory {
     Result health() override;
 
   private:
-    Deadline deadline() const { return Deadline::in(m_options.timeout); }
+    Deadline deadline() const { return within(m_options.timeout); }
     Result domainOf(const std::string& name, const std::string& dn, const Deadline& deadline,
                     Domain*& domain);
     Result placeOf(const std::string& name, const std::string& dn, const Deadline& deadline, Domain*& domain);

@@ -157,15 +157,6 @@ Object makeObject(const Entry& entry, const View& view, const Ids& ids,
     return object;
 }
 
-std::size_t entryBytes(const Entry& entry) {
-    std::size_t bytes = 64 + entry.dn.size();
-    for (const Attribute& attribute : entry.attributes) {
-        bytes += 24 + attribute.name.size();
-        for (const std::string& value : attribute.values) bytes += 12 + value.size();
-    }
-    return bytes;
-}
-
 // --------------------------------------------------------------------- ranges
 
 bool parseRange(const std::string& text, RangedName& ranged) {

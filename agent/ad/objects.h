@@ -34,9 +34,6 @@ enum class Part { Whole, OfCatalog };
 Object makeObject(const Entry& entry, const View& view, const Ids& ids,
                   const std::vector<std::string>* members, Part part = Part::Whole);
 
-// About how many bytes the entry takes as an object.
-std::size_t entryBytes(const Entry& entry);
-
 // "member;range=0-1499": the values of a large attribute come in parts. first is
 // the next part's first value; it is 0 when this part is the last.
 struct RangedName {

@@ -54,7 +54,7 @@ class AdSearch final : public Cursor {
     }
 
     Result next(Batch& batch) override {
-        const Deadline deadline = Deadline::in(m_source.options.timeout);
+        const Deadline deadline = within(m_source.options.timeout);
         std::vector<Entry> entries;
         LdapStatus status = read(**m_lease, vex::wire::kBatchObjects, deadline, entries);
         if (!status.ok()) {

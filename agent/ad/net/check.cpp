@@ -59,7 +59,7 @@ class Check {
     }
 
     void keytab() {
-        KdcConversation nobody([](const std::string&) { return nullptr; }, Deadline::in(kTime));
+        KdcConversation nobody([](const std::string&) { return nullptr; }, within(kTime));
         const Kerberos kerberos(m_options.domain, nobody);
         const KrbKeytab keytab(kerberos, m_options.keytab);
         const std::string join =
@@ -129,7 +129,7 @@ class Check {
     }
 
     bool checkController(const Peer& peer) {
-        const Deadline deadline = Deadline::in(kTime);
+        const Deadline deadline = within(kTime);
         const std::string name = "controller " + peer.host + " port " + std::to_string(peer.port);
         std::unique_ptr<Link> link;
         std::vector<Entry> entries;
@@ -161,7 +161,7 @@ class Check {
     }
 
     bool letIn() {
-        const Deadline deadline = Deadline::in(kTime);
+        const Deadline deadline = within(kTime);
         const LdapStatus status =
             m_domain.run(deadline, [&](Domain::Lease& lease) { return lease->probe(deadline); });
         if (status.ok()) {
@@ -178,7 +178,7 @@ class Check {
 
     void domain() {
         std::shared_ptr<const DomainInfo> info;
-        const LdapStatus status = m_domain.info(Deadline::in(kTime), info);
+        const LdapStatus status = m_domain.info(within(kTime), info);
         if (!status.ok() || info->sid.empty())
             return wrong("the controllers do not hold " + vorn::DN::dnFromDomain(m_options.domain),
                          "compare domain.name with the domain that the host has joined");
@@ -194,8 +194,8 @@ class Check {
 
     void checkZone(const std::string& zone) {
         std::vector<Entry> entries;
-        const LdapStatus status = m_domain.search({zone, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}},
-                                                  Deadline::in(kTime), entries);
+        const LdapStatus status =
+            m_domain.search({zone, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}}, within(kTime), entries);
         if (status.ok() && !entries.empty()) return ok("zone " + zone + " is there");
         wrong("zone " + zone + " cannot be read: " + status.text,
               "set zone.dn to the DN of the zone, and let the machine's account read it");

@@ -129,7 +129,7 @@ void Domain::locate(std::string& reason) {
     // Where DNS has gone, those known before are still worth asking.
     if (found) m_controllers.set(controllers);
     // Those that no request has gone to yet must be reached without DNS, too.
-    const Deadline learning = Deadline::in(kLearnTime);
+    const Deadline learning = within(kLearnTime);
     for (const Controller& controller : controllers) learnAddresses(controller.peer.host, learning);
     const std::lock_guard lock(m_mutex);
     if (!found && reason != m_locateReason)
@@ -163,7 +163,7 @@ LdapStatus Domain::probe(const Peer& peer, const Deadline& deadline) {
 
 bool Domain::stillThere(const Peer& peer, const Deadline& deadline) {
     const milliseconds time = deadline.share(kShortTime, kProbeShare);
-    return time < kLeastProbe || probe(peer, Deadline::in(time)).ok();
+    return time < kLeastProbe || probe(peer, within(time)).ok();
 }
 
 bool Domain::answersNow() {
@@ -171,9 +171,8 @@ bool Domain::answersNow() {
     std::vector<std::future<bool>> answers;
     answers.reserve(choices.size());
     for (const Controllers::Choice& choice : choices)
-        answers.push_back(std::async(std::launch::async, [this, peer = choice.peer] {
-            return probe(peer, Deadline::in(kShortTime)).ok();
-        }));
+        answers.push_back(std::async(
+            std::launch::async, [this, peer = choice.peer] { return probe(peer, within(kShortTime)).ok(); }));
     bool any = false;
     for (std::future<bool>& answer : answers) any = answer.get() || any;
     return any;
@@ -197,7 +196,7 @@ void Domain::tend() {
     if (locateNow) locate();
     Peer peer;
     if (!m_controllers.dueAgain(now(), peer)) return;
-    const LdapStatus status = probe(peer, Deadline::in(kShortTime));
+    const LdapStatus status = probe(peer, within(kShortTime));
     if (status.ok()) {
         AGENT_LOG(vorn::Logger::kInfo, "controller %s answers again", peer.host.c_str());
         m_controllers.succeeded(peer);
@@ -335,14 +334,13 @@ LdapStatus Domain::fault(const Peer& peer, const Deadline& until, const Deadline
         dropIdle(peer);
         return status;
     }
-    return deadline.passed() ? outOfTime() : status;
+    return deadline.passed() ? timeIsUp() : status;
 }
 
 LdapStatus Domain::blame(const Link& link, const Deadline& deadline, const LdapStatus& status) {
     if (!status.lost) return status;
     m_controllers.answered(link.peer(), link.answeredAt());
-    if (deadline.passed() && m_controllers.hasAnsweredSince(link.peer(), deadline.begin()))
-        return outOfTime();
+    if (deadline.passed() && m_controllers.hasAnsweredSince(link.peer(), deadline.begin())) return timeIsUp();
     noteLost(status);
     return status;
 }
@@ -353,7 +351,7 @@ LdapStatus Domain::run(const Deadline& deadline, const Work& work) {
     if (!acquire(deadline)) {
         AGENT_LOG(vorn::Logger::kWarning, "all connections to %s are in use (ad.connections)",
                   m_name.c_str());
-        return outOfTime();
+        return timeIsUp();
     }
     struct Release {
         Domain& domain;
@@ -380,7 +378,7 @@ LdapStatus Domain::search(const LdapSearch& search, const Deadline& deadline, st
 
 Verdict Domain::tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
     if (const LdapStatus status = waitForControllers(deadline); !status.ok()) return loginFailure(status);
-    LdapStatus failed = outOfTime();
+    LdapStatus failed = timeIsUp();
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
         const Peer& peer = choices[i].peer;
@@ -394,7 +392,7 @@ Verdict Domain::tryPassword(const std::string& dn, const std::string& password, 
         }
         Verdict verdict = link->checkPassword(dn, password, deadline);
         const bool late = verdict.code() == VEX_UNAVAILABLE && deadline.passed();
-        return late && m_controllers.hasAnsweredSince(peer, deadline.begin()) ? loginFailure(outOfTime())
+        return late && m_controllers.hasAnsweredSince(peer, deadline.begin()) ? loginFailure(timeIsUp())
                                                                               : verdict;
     }
     return loginFailure(failed);

@@ -18,15 +18,6 @@
 
 namespace vexagent {
 
-// What the root DSE and the partitions of a domain say. Does not change.
-struct DomainInfo {
-    std::string root;     // the domain's DN
-    std::string forest;   // the DN of the forest's root domain
-    std::string sid;      // bytes
-    std::string netbios;  // the domain's short name
-    int domains = 1;      // in the forest
-};
-
 class Domain {
   public:
     enum class Kind { Domain, Catalog };

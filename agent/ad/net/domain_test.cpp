@@ -17,7 +17,7 @@ class DomainTest : public ::testing::Test {
         options.transport = Transport::Ldaps;
         return options;
     }
-    static Deadline over() { return Deadline(now() - milliseconds(1)); }
+    static Deadline over() { return Deadline(vorn::systemSteadyClock(), now() - milliseconds(1)); }
 
     const AdOptions m_options = options();
     Watchdog m_watchdog;
@@ -32,7 +32,7 @@ TEST_F(DomainTest, APasswordThatNobodyWasAskedAboutIsNotAccepted) {
     EXPECT_FALSE(late.accepted());
     EXPECT_EQ(late.result().errCode, LDAP_TIMELIMIT_EXCEEDED);
     const Verdict alone =
-        m_domain.tryPassword("CN=ann,DC=example,DC=com", "welcome", Deadline::in(milliseconds(5000)));
+        m_domain.tryPassword("CN=ann,DC=example,DC=com", "welcome", within(milliseconds(5000)));
     EXPECT_EQ(alone.code(), VEX_UNAVAILABLE);
 }
 

@@ -148,7 +148,7 @@ void Forest::refresh() {
         m_learnAgain = now() + kLearnSoon;
     }
     std::shared_ptr<const KnownDomains> names;
-    if (const LdapStatus status = learn(Deadline::in(kRefreshTime), names); !status.ok())
+    if (const LdapStatus status = learn(within(kRefreshTime), names); !status.ok())
         AGENT_LOG(vorn::Logger::kWarning, "%s cannot be asked which domains there are: %s",
                   m_joined.name().c_str(), status.text.c_str());
 }

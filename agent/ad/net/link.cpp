@@ -117,9 +117,16 @@ void tellRefusal(const AdOptions& options, const std::string& reason) {
 
 }  // namespace
 
-LdapStatus outOfTime() {
-    const std::string text = "the time for the request is up";
-    return {LDAP_TIMELIMIT_EXCEEDED, text, false, false, text};
+LdapFailure failureOf(const LdapStatus& status) {
+    return {status.code, status.text, status.lost, status.told};
+}
+
+LdapStatus statusOf(const LdapFailure& failure) {
+    return {failure.code, failure.text, failure.lost, false, failure.told};
+}
+
+LdapStatus timeIsUp() {
+    return statusOf(outOfTime());
 }
 
 std::string tlsPackage() {
@@ -130,40 +137,11 @@ std::string tlsPackage() {
 }
 
 bool isMissing(const LdapStatus& status) {
-    return status.code == LDAP_NO_SUCH_OBJECT || status.code == LDAP_INVALID_DN_SYNTAX ||
-           status.code == LDAP_REFERRAL;
+    return !status.ok() && isMissing(failureOf(status));
 }
 
 Result resultOf(const LdapStatus& status) {
-    switch (status.code) {
-        case LDAP_SUCCESS:
-            return {};
-        case LDAP_NO_SUCH_OBJECT:
-        case LDAP_INVALID_DN_SYNTAX:
-        case LDAP_REFERRAL:  // an object of another directory
-            return Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "the search base does not exist");
-        case LDAP_FILTER_ERROR:
-            return Result::ldap(VEX_BAD_FILTER, status.code, "bad search filter");
-        case LDAP_NO_MEMORY:
-            return Result::ldap(VEX_NO_MEMORY, status.code, "out of memory").because(status.text);
-        default:
-            break;
-    }
-    const vexCode code = status.lost ? VEX_UNAVAILABLE : VEX_DIRECTORY_ERROR;
-    std::string told = status.told;
-    if (told.empty()) told = status.lost ? "the domain is out of reach" : ldap_err2string(status.code);
-    return Result::ldap(code, status.code, told).because(status.text);
-}
-
-const Attribute* Entry::find(std::string_view name) const {
-    for (const Attribute& attribute : attributes)
-        if (vorn::equalsIgnoreCase(attribute.name, name)) return &attribute;
-    return nullptr;
-}
-
-std::string_view Entry::first(std::string_view name) const {
-    const Attribute* attribute = find(name);
-    return attribute == nullptr || attribute->values.empty() ? std::string_view() : attribute->values[0];
+    return status.ok() ? Result() : resultOf(failureOf(status));
 }
 
 // ------------------------------------------------------------------- opening
@@ -373,7 +351,7 @@ LdapStatus Link::open(const LinkContext& context, const std::string& domain, con
 Link::~Link() {
     if (!m_ldap) return;
     // What is said at parting is not waited for.
-    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), Deadline::in(kGoodbyeTime));
+    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), within(kGoodbyeTime));
     m_ldap.reset();
 }
 
@@ -398,7 +376,7 @@ LdapStatus Link::start(const LdapSearch& search, const std::string& cookie, int&
     std::vector<char*> names;
     for (const std::string& name : search.attributes) names.push_back(const_cast<char*>(name.c_str()));
     names.push_back(nullptr);
-    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), Deadline::in(m_context.options.timeout));
+    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), within(m_context.options.timeout));
     code = ldap_search_ext(ldap, search.base.c_str(), search.scope, search.filter.c_str(),
                            search.attributes.empty() ? nullptr : names.data(), 0, controls, nullptr, nullptr,
                            LDAP_NO_LIMIT, &id);
@@ -406,7 +384,8 @@ LdapStatus Link::start(const LdapSearch& search, const std::string& cookie, int&
 }
 
 LdapStatus Link::waitFor(int id, const Deadline& deadline, LDAPMessage*& message) {
-    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), Deadline(deadline.end() + kGrace));
+    const Watchdog::Watch watch(m_context.watchdog, m_socket.get(),
+                                Deadline(deadline.clock(), deadline.end() + kGrace));
     const milliseconds patience = deadline.share(kPatience, kPatienceShare);
     for (;;) {
         const milliseconds time = m_stillThere ? std::min(deadline.left(), patience) : deadline.left();

@@ -15,6 +15,7 @@
 #include "agent/ad/net/sockets.h"
 #include "agent/ad/net/tickets.h"
 #include "agent/ad/net/watchdog.h"
+#include "agent/ad/network.h"
 #include "agent/ad/options.h"
 #include "agent/directory/directory.h"
 
@@ -32,8 +33,12 @@ struct LdapStatus {
     bool ok() const { return code == LDAP_SUCCESS; }
 };
 
+// The same as a failure that left this folder; not of a status that is good.
+LdapFailure failureOf(const LdapStatus& status);
+LdapStatus statusOf(const LdapFailure& failure);
+
 // The request has used up its own time: nobody else's failure.
-LdapStatus outOfTime();
+LdapStatus timeIsUp();
 
 // Whether an object is not there, or not in this directory.
 bool isMissing(const LdapStatus& status);
@@ -43,31 +48,6 @@ Result resultOf(const LdapStatus& status);
 
 // What libldap, and so slapd, takes TLS from: "GnuTLS" or "OpenSSL".
 std::string tlsPackage();
-
-// An entry as the controller sent it.
-struct Entry {
-    std::string dn;
-    std::vector<Attribute> attributes;
-
-    // Null, or empty, when the entry does not carry the attribute.
-    const Attribute* find(std::string_view name) const;
-    std::string_view first(std::string_view name) const;
-};
-
-// How much a search may find.
-enum class Extent {
-    Few,  // as much as any controller sends at once
-    Any,
-    Many  // a good part of the directory, which a controller collects before it answers
-};
-
-struct LdapSearch {
-    std::string base;
-    int scope = LDAP_SCOPE_SUBTREE;
-    std::string filter = "(objectClass=*)";
-    std::vector<std::string> attributes{};  // empty: all
-    Extent extent = Extent::Any;
-};
 
 // What the connections of an agent share. Everything outlives them.
 struct LinkContext {

@@ -41,14 +41,15 @@ TEST(Peer, IsAHostAndPerhapsAPort) {
 }
 
 TEST(Deadline, AShareLeavesTimeForOthers) {
-    EXPECT_EQ(Deadline::in(milliseconds(60'000)).share(milliseconds(1500), 4), milliseconds(1500));
-    EXPECT_LE(Deadline::in(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(500));
-    EXPECT_GT(Deadline::in(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(0));
-    EXPECT_EQ(Deadline(now() - milliseconds(1)).share(milliseconds(1500), 4), milliseconds(0));
+    EXPECT_EQ(within(milliseconds(60'000)).share(milliseconds(1500), 4), milliseconds(1500));
+    EXPECT_LE(within(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(500));
+    EXPECT_GT(within(milliseconds(2000)).share(milliseconds(1500), 4), milliseconds(0));
+    EXPECT_EQ(Deadline(vorn::systemSteadyClock(), now() - milliseconds(1)).share(milliseconds(1500), 4),
+              milliseconds(0));
 }
 
 TEST(Deadline, APartOfItBelongsToTheSameRequest) {
-    const Deadline whole = Deadline::in(milliseconds(60'000));
+    const Deadline whole = within(milliseconds(60'000));
     EXPECT_EQ(whole.atMost(milliseconds(10)).begin(), whole.begin());
     EXPECT_LT(whole.atMost(milliseconds(10)).end(), whole.end());
     EXPECT_LE(whole.begin(), now());
@@ -69,7 +70,7 @@ TEST(Watchdog, EndsAReadThatOverstays) {
     const Pair pair;
     Watchdog dog;
     const Moment start = now();
-    const Watchdog::Watch watch(dog, pair.ours.get(), Deadline::in(milliseconds(50)));
+    const Watchdog::Watch watch(dog, pair.ours.get(), within(milliseconds(50)));
     char byte = 0;
     EXPECT_EQ(::recv(pair.ours.get(), &byte, 1, 0), 0);
     EXPECT_GE(now() - start, milliseconds(50));
@@ -79,8 +80,8 @@ TEST(Watchdog, TheFirstDeadlineCountsWhateverTheOrder) {
     const Pair late;
     const Pair soon;
     Watchdog dog;
-    const Watchdog::Watch first(dog, late.ours.get(), Deadline::in(milliseconds(60'000)));
-    const Watchdog::Watch second(dog, soon.ours.get(), Deadline::in(milliseconds(20)));
+    const Watchdog::Watch first(dog, late.ours.get(), within(milliseconds(60'000)));
+    const Watchdog::Watch second(dog, soon.ours.get(), within(milliseconds(20)));
     char byte = 0;
     EXPECT_EQ(::recv(soon.ours.get(), &byte, 1, 0), 0);
     EXPECT_FALSE(isDisturbed(late.ours.get()));
@@ -90,9 +91,9 @@ TEST(Watchdog, LeavesACallAloneThatEndedInTime) {
     const Pair watched;
     const Pair other;
     Watchdog dog;
-    { const Watchdog::Watch watch(dog, watched.ours.get(), Deadline::in(milliseconds(30))); }
+    { const Watchdog::Watch watch(dog, watched.ours.get(), within(milliseconds(30))); }
     // Whatever it would have done to the first is done when it has ended this one.
-    const Watchdog::Watch watch(dog, other.ours.get(), Deadline::in(milliseconds(40)));
+    const Watchdog::Watch watch(dog, other.ours.get(), within(milliseconds(40)));
     char byte = 0;
     EXPECT_EQ(::recv(other.ours.get(), &byte, 1, 0), 0);
     EXPECT_FALSE(isDisturbed(watched.ours.get()));
@@ -101,8 +102,8 @@ TEST(Watchdog, LeavesACallAloneThatEndedInTime) {
 TEST(Watchdog, IsNotHeldUpByAWatchThatHasEnded) {
     const Pair pair;
     Watchdog dog;
-    { const Watchdog::Watch watch(dog, pair.ours.get(), Deadline::in(milliseconds(60'000))); }
-    const Watchdog::Watch watch(dog, pair.ours.get(), Deadline::in(milliseconds(20)));
+    { const Watchdog::Watch watch(dog, pair.ours.get(), within(milliseconds(60'000))); }
+    const Watchdog::Watch watch(dog, pair.ours.get(), within(milliseconds(20)));
     char byte = 0;
     EXPECT_EQ(::recv(pair.ours.get(), &byte, 1, 0), 0);
 }
@@ -110,17 +111,17 @@ TEST(Watchdog, IsNotHeldUpByAWatchThatHasEnded) {
 TEST(Sockets, AReadEndsAtItsDeadline) {
     const Pair pair;
     std::string bytes;
-    EXPECT_TRUE(writeAll(pair.theirs.get(), "ab", Deadline::in(milliseconds(5000))));
-    EXPECT_TRUE(readExactly(pair.ours.get(), 2, bytes, Deadline::in(milliseconds(5000))));
+    EXPECT_TRUE(writeAll(pair.theirs.get(), "ab", within(milliseconds(5000))));
+    EXPECT_TRUE(readExactly(pair.ours.get(), 2, bytes, within(milliseconds(5000))));
     EXPECT_EQ(bytes, "ab");
-    EXPECT_TRUE(writeAll(pair.theirs.get(), "c", Deadline::in(milliseconds(5000))));
-    EXPECT_FALSE(readExactly(pair.ours.get(), 2, bytes, Deadline::in(milliseconds(20))));
+    EXPECT_TRUE(writeAll(pair.theirs.get(), "c", within(milliseconds(5000))));
+    EXPECT_FALSE(readExactly(pair.ours.get(), 2, bytes, within(milliseconds(20))));
 }
 
 TEST(Sockets, APeerThatHasGoneOrTalksUnaskedDisturbs) {
     Pair pair;
     EXPECT_FALSE(isDisturbed(pair.ours.get()));
-    EXPECT_TRUE(writeAll(pair.theirs.get(), "x", Deadline::in(milliseconds(5000))));
+    EXPECT_TRUE(writeAll(pair.theirs.get(), "x", within(milliseconds(5000))));
     EXPECT_TRUE(isDisturbed(pair.ours.get()));
     Pair gone;
     gone.theirs = vorn::Descriptor(-1);
@@ -138,7 +139,7 @@ TEST(Sockets, NobodyAtAPortIsToldAtOnce) {
     ASSERT_EQ(::getsockname(taken.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
     std::string reason;
     const std::uint16_t port = ntohs(address.sin_port);
-    EXPECT_LT(connectTo({"127.0.0.1", port}, Deadline::in(milliseconds(5000)), reason).get(), 0);
+    EXPECT_LT(connectTo({"127.0.0.1", port}, within(milliseconds(5000)), reason).get(), 0);
     EXPECT_EQ(reason, "127.0.0.1 port " + std::to_string(port) + ": Connection refused");
 }
 

@@ -110,18 +110,16 @@ TEST(OwnLogin, IsShownByOneAtATimeUntilOneIsLetIn) {
     OwnLogin login;
     const Moment time = now();
     {
-        const auto turn = login.takeTurn(time, Deadline::in(milliseconds(5000)));
+        const auto turn = login.takeTurn(time, within(milliseconds(5000)));
         EXPECT_TRUE(turn.owns_lock());
-        std::thread([&] {
-            EXPECT_FALSE(login.takeTurn(time, Deadline::in(milliseconds(20))).owns_lock());
-        }).join();
+        std::thread([&] { EXPECT_FALSE(login.takeTurn(time, within(milliseconds(20))).owns_lock()); }).join();
     }
     login.accepted(kFirst, time);
-    EXPECT_FALSE(login.takeTurn(time + seconds(9), Deadline::in(milliseconds(5000))).owns_lock());
-    EXPECT_TRUE(login.takeTurn(time + seconds(10), Deadline::in(milliseconds(5000))).owns_lock());
+    EXPECT_FALSE(login.takeTurn(time + seconds(9), within(milliseconds(5000))).owns_lock());
+    EXPECT_TRUE(login.takeTurn(time + seconds(10), within(milliseconds(5000))).owns_lock());
     login.accepted(kFirst, time);
     login.refused(kFirst, time);
-    EXPECT_TRUE(login.takeTurn(time, Deadline::in(milliseconds(5000))).owns_lock());
+    EXPECT_TRUE(login.takeTurn(time, within(milliseconds(5000))).owns_lock());
 }
 
 }  // namespace
