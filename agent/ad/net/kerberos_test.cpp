@@ -8,7 +8,7 @@ namespace vexagent {
 namespace {
 
 const Deadline& soon() {
-    static const Deadline deadline = Deadline::in(milliseconds(60'000));
+    static const Deadline deadline = within(milliseconds(60'000));
     return deadline;
 }
 
