@@ -6,7 +6,6 @@
 
 #include "auth/binder.h"
 #include "auth/credentials.h"
-#include "auth/shredder.h"
 #include "auth/statistics.h"
 #include "backend/base/agent_turns.h"
 #include "backend/base/failure.h"
@@ -71,10 +70,8 @@ vexCode validate(vexSession* session, const Operation* op) {
 // nor an absent password; if it ever did, there would be nothing to remember it by.
 void remember(const Operation* op) {
     const char* dn = op->o_req_dn.bv_val;
-    const char* text = op->orb_cred.bv_val;
-    if (dn == nullptr || text == nullptr) return;
-    const Shredder password{std::string_view(text)};
-    back_vex_creds->addCreds(op->o_connid, dn, password.text());
+    const char* password = op->orb_cred.bv_val;
+    if (dn != nullptr && password != nullptr) back_vex_creds->addCreds(op->o_connid, dn, password);
 }
 
 }  // namespace
@@ -127,7 +124,7 @@ int Binder::bind(Operation* op, SlapReply* rs) {
 // a failed bind does.
 int vex_back_bind(Operation* op, SlapReply* rs) try {
     static BindStatistics statistics(gStatisticsLock, vorn::systemTime);
-    static Binder binder(statistics, wallMicroseconds);
+    static Binder binder(statistics, vorn::systemMicroseconds);
     return binder.bind(op, rs);
 } catch (const std::exception& error) {
     JError("vex bind : %s", error.what());

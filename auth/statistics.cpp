@@ -1,7 +1,5 @@
 #include "auth/statistics.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <limits>
 
@@ -9,12 +7,6 @@
 #include "backend/base/settings.h"
 
 vorn::ReaderWriterLock gStatisticsLock;
-
-std::int64_t wallMicroseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-}
 
 // An interval can be as large as its type: the sum then stays at the end of time.
 void BindStatistics::scheduleNext() {

@@ -10,7 +10,6 @@
 
 // The calendar time in microseconds.
 using MicrosecondClock = std::int64_t (*)();
-std::int64_t wallMicroseconds();
 
 // Guards the process's bind statistics.
 extern vorn::ReaderWriterLock gStatisticsLock;

@@ -133,9 +133,4 @@ TEST_F(Statistics, AnEndlessIntervalNeverWrites) {
     EXPECT_EQ(captured.text(), "");
 }
 
-TEST_F(Statistics, TheWallClockHasMicroseconds) {
-    const std::int64_t now = wallMicroseconds();
-    EXPECT_NEAR(static_cast<double>(now) / 1e6, static_cast<double>(std::time(nullptr)), 2);
-}
-
 }  // namespace

@@ -78,7 +78,7 @@ class Stress : public testing::Test {
 
     vorn::ReaderWriterLock lock;
     BindStatistics statistics{lock, [] { return theTime.load(); }};
-    Binder binder{statistics, wallMicroseconds};
+    Binder binder{statistics, vorn::systemMicroseconds};
     std::atomic<unsigned> wrongAnswers{0}, bound{0}, refused{0};
 };
 

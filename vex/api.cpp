@@ -17,7 +17,7 @@ bool isUsable(const vexSession* session) {
 // Asks for one object by a finished request. Of a look-up so many more may come with it.
 vexCode fetchObject(vexSession& session, const Request& request, vexObject** object, std::size_t more = 0) {
     if (request.isTooLarge()) return session.notAnswered(VEX_REFUSED);
-    const Deadline deadline(session.endpoint.timeout);
+    const vorn::Deadline deadline = session.endpoint.deadline();
     Exchange exchange(session.endpoint, deadline);
     const wire::Response* response = exchange.ask(request);
     if (!response) return session.notAnswered();
@@ -36,7 +36,7 @@ vexCode fetchObject(vexSession& session, const Request& request, vexObject** obj
 // Asks for nothing but the response's code.
 vexCode askForCode(vexSession& session, const Request& request) {
     if (request.isTooLarge()) return session.notAnswered(VEX_REFUSED);
-    const Deadline deadline(session.endpoint.timeout);
+    const vorn::Deadline deadline = session.endpoint.deadline();
     Exchange exchange(session.endpoint, deadline);
     const wire::Response* response = exchange.ask(request);
     return response ? session.answered(*response) : session.notAnswered();
@@ -76,7 +76,7 @@ vexCode vexSessionOpen(int kind, int level, vexSession** session) {
         std::unique_ptr<Connection> connection = Pool::process().take(opened->endpoint.path);
         // Of an agent that hangs, the request will tell; the session may not need one.
         if (!connection)
-            connection = Connection::reach(opened->endpoint, Deadline(opened->endpoint.timeout),
+            connection = Connection::reach(opened->endpoint, opened->endpoint.deadline(),
                                            std::min(opened->endpoint.timeout, kGreetingPatience));
         if (!connection) return VEX_BROKEN_SESSION;
         Pool::process().give(std::move(connection));
@@ -205,7 +205,7 @@ vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** name
         if (!names) return session->notAnswered(VEX_INVALID_ARGUMENT);
         Request request;
         request.finish(session->options(), wire::CreateSupportedAttributes(request.builder()));
-        const Deadline deadline(session->endpoint.timeout);
+        const vorn::Deadline deadline = session->endpoint.deadline();
         Exchange exchange(session->endpoint, deadline);
         const wire::Response* response = exchange.ask(request);
         if (!response) return session->notAnswered();
@@ -223,7 +223,7 @@ vexCode vexSystemHealthInfo(vexSession* session, int flags, int* condition, int*
         if (flags != 0 || !condition) return VEX_INVALID_ARGUMENT;
         Request request;
         request.finish(session->options(), wire::CreateHealth(request.builder()));
-        const Deadline deadline(session->endpoint.timeout);
+        const vorn::Deadline deadline = session->endpoint.deadline();
         Exchange exchange(session->endpoint, deadline);
         const wire::Response* response = exchange.ask(request);
         if (!response) return VEX_BROKEN_SESSION;

@@ -58,28 +58,28 @@ bool wouldBlock(int error) {
 
 }  // namespace
 
-std::unique_ptr<Connection> Connection::open(const Endpoint& endpoint, const Deadline& deadline) {
+std::unique_ptr<Connection> Connection::open(const Endpoint& endpoint, const vorn::Deadline& deadline) {
     std::unique_ptr<Connection> connection(new Connection(endpoint));
     if (!connection->connect(deadline) || !connection->readGreeting(deadline)) return nullptr;
     return connection;
 }
 
-std::unique_ptr<Connection> Connection::reach(const Endpoint& endpoint, const Deadline& deadline,
+std::unique_ptr<Connection> Connection::reach(const Endpoint& endpoint, const vorn::Deadline& deadline,
                                               Milliseconds patience) {
     std::unique_ptr<Connection> connection(new Connection(endpoint));
     if (!connection->connect(deadline)) return nullptr;
-    if (!connection->wait(POLLIN, Deadline(patience))) return connection;
+    if (!connection->wait(POLLIN, deadline.atMost(patience))) return connection;
     return connection->readGreeting(deadline) ? std::move(connection) : nullptr;
 }
 
-bool Connection::connect(const Deadline& deadline) {
+bool Connection::connect(const vorn::Deadline& deadline) {
     const int descriptor = m_socket.descriptor();
     sockaddr_un address;
     if (descriptor < 0 || !makeAddress(m_path, address)) return false;
     // An agent that accepts nobody has a full queue, and nothing can be polled
     // for then; but connect itself waits, as long as the send timeout says.
-    while (!deadline.over()) {
-        if (!setTimeout(descriptor, SO_SNDTIMEO, deadline.remaining())) return false;
+    while (!deadline.passed()) {
+        if (!setTimeout(descriptor, SO_SNDTIMEO, deadline.left())) return false;
         if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             m_agent = peerProcess(descriptor);
             return setTimeout(descriptor, SO_RCVTIMEO, m_timeout);
@@ -89,7 +89,7 @@ bool Connection::connect(const Deadline& deadline) {
     return false;
 }
 
-bool Connection::readGreeting(const Deadline& deadline) {
+bool Connection::readGreeting(const vorn::Deadline& deadline) {
     std::uint8_t greeting[wire::kGreetingBytes];
     for (std::size_t have = 0; have < sizeof greeting;) {
         const std::size_t more = receiveSome(std::span(greeting).subspan(have), deadline);
@@ -110,7 +110,7 @@ bool Connection::isQuiet() const {
     return found < 0 && wouldBlock(errno);
 }
 
-Sent Connection::send(std::span<const std::uint8_t> bytes, const Deadline& deadline) {
+Sent Connection::send(std::span<const std::uint8_t> bytes, const vorn::Deadline& deadline) {
     if (!m_greeted && !readGreeting(deadline)) return Sent::Nothing;
     std::uint8_t length[wire::kLengthBytes];
     flatbuffers::WriteScalar(length, static_cast<std::uint32_t>(bytes.size()));
@@ -136,7 +136,7 @@ Sent Connection::send(std::span<const std::uint8_t> bytes, const Deadline& deadl
     return Sent::Whole;
 }
 
-std::span<const std::uint8_t> Connection::receive(const Deadline& deadline) {
+std::span<const std::uint8_t> Connection::receive(const vorn::Deadline& deadline) {
     reserve(kSmallBuffer);
     m_filled = 0;
     std::size_t wanted = wire::kLengthBytes;
@@ -171,10 +171,10 @@ void Connection::shrink() {
     m_capacity = m_filled = 0;
 }
 
-bool Connection::wait(short events, const Deadline& deadline) const {
+bool Connection::wait(short events, const vorn::Deadline& deadline) const {
     pollfd descriptor = {m_socket.descriptor(), events, 0};
-    while (!deadline.over()) {
-        const auto left = std::min<Milliseconds::rep>(deadline.remaining().count(), INT_MAX);
+    while (!deadline.passed()) {
+        const auto left = std::min<Milliseconds::rep>(deadline.left().count(), INT_MAX);
         const int ready = ::poll(&descriptor, 1, static_cast<int>(left));
         if (ready > 0) return true;
         if (ready < 0 && errno != EINTR) return false;
@@ -183,7 +183,7 @@ bool Connection::wait(short events, const Deadline& deadline) const {
 }
 
 // Receives what there is, at least a byte; 0 when none comes any more.
-std::size_t Connection::receiveSome(std::span<std::uint8_t> place, const Deadline& deadline) const {
+std::size_t Connection::receiveSome(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const {
     ssize_t received = blockingReceive(place, deadline);
     while (received < 0 && (errno == EINTR || wouldBlock(errno))) {
         if (!wait(POLLIN, deadline)) return 0;
@@ -194,8 +194,8 @@ std::size_t Connection::receiveSome(std::span<std::uint8_t> place, const Deadlin
 
 // As long as the call has nearly all its time left, the socket's own timeout is
 // the deadline, and one system call does for waiting and reading.
-ssize_t Connection::blockingReceive(std::span<std::uint8_t> place, const Deadline& deadline) const {
-    const auto left = deadline.remaining();
+ssize_t Connection::blockingReceive(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const {
+    const auto left = deadline.left();
     const bool fresh = left <= m_timeout && left + kSlack >= m_timeout;
     return ::recv(m_socket.descriptor(), place.data(), place.size(),
                   fresh && left > kSlack ? 0 : MSG_DONTWAIT);

@@ -7,20 +7,26 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 
-#include "vex/deadline.h"
 #include "vex/socket.h"
+#include "vorn/deadline.h"
 
 namespace vex {
+
+using Milliseconds = std::chrono::milliseconds;
 
 // Where the agent is, and how long a call to it may take.
 struct Endpoint {
     std::string path;
     Milliseconds timeout;
+
+    // Of a call that begins now.
+    vorn::Deadline deadline() const { return {vorn::systemSteadyClock(), timeout}; }
 };
 
 enum class Sent {
@@ -33,12 +39,12 @@ class Connection {
   public:
     // Connects and reads the agent's greeting. Null when no agent of this
     // protocol answers within the deadline.
-    static std::unique_ptr<Connection> open(const Endpoint& endpoint, const Deadline& deadline);
+    static std::unique_ptr<Connection> open(const Endpoint& endpoint, const vorn::Deadline& deadline);
 
     // Connects. A greeting that does not come within the patience is left to whoever
     // sends the first request. Null when no agent listens, or it is one of another
     // protocol.
-    static std::unique_ptr<Connection> reach(const Endpoint& endpoint, const Deadline& deadline,
+    static std::unique_ptr<Connection> reach(const Endpoint& endpoint, const vorn::Deadline& deadline,
                                              Milliseconds patience);
 
     // Over a connected socket that it takes, after the greeting.
@@ -52,11 +58,11 @@ class Connection {
     bool greeted() const { return m_greeted; }
 
     // Sends the bytes as one frame, to an agent that has greeted by then.
-    Sent send(std::span<const std::uint8_t> bytes, const Deadline& deadline);
+    Sent send(std::span<const std::uint8_t> bytes, const vorn::Deadline& deadline);
 
     // Receives one frame; empty when none came that can be used, whatever the
     // reason. The bytes are aligned for reading and valid until the next call.
-    std::span<const std::uint8_t> receive(const Deadline& deadline);
+    std::span<const std::uint8_t> receive(const vorn::Deadline& deadline);
 
     // Gives back the memory of an unusually large answer.
     void shrink();
@@ -70,11 +76,11 @@ class Connection {
   private:
     explicit Connection(const Endpoint& endpoint) : m_path(endpoint.path), m_timeout(endpoint.timeout) {}
 
-    bool connect(const Deadline& deadline);
-    bool readGreeting(const Deadline& deadline);
-    bool wait(short events, const Deadline& deadline) const;
-    std::size_t receiveSome(std::span<std::uint8_t> place, const Deadline& deadline) const;
-    ssize_t blockingReceive(std::span<std::uint8_t> place, const Deadline& deadline) const;
+    bool connect(const vorn::Deadline& deadline);
+    bool readGreeting(const vorn::Deadline& deadline);
+    bool wait(short events, const vorn::Deadline& deadline) const;
+    std::size_t receiveSome(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const;
+    ssize_t blockingReceive(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const;
     void reserve(std::size_t bytes);
 
     const std::string m_path;

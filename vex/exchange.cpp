@@ -93,7 +93,7 @@ bool Exchange::tell(const Request& request) {
     if (!isUsable()) return false;
     m_inOrder = true;
     if (!m_connection->greeted()) return false;
-    const Sent sent = m_connection->send(request.bytes(), Deadline(Milliseconds(0)));
+    const Sent sent = m_connection->send(request.bytes(), m_deadline.atMost(Milliseconds(0)));
     m_inOrder = sent != Sent::Partly;
     return sent == Sent::Whole;
 }

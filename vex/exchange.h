@@ -16,7 +16,7 @@ bool isSoundResponse(std::span<const std::uint8_t> bytes);
 // connection that it borrowed is kept for others, unless the answer was none.
 class Exchange {
   public:
-    Exchange(const Endpoint& endpoint, const Deadline& deadline)
+    Exchange(const Endpoint& endpoint, const vorn::Deadline& deadline)
         : m_endpoint(endpoint), m_deadline(deadline) {}
     ~Exchange();
     Exchange(const Exchange&) = delete;
@@ -45,7 +45,7 @@ class Exchange {
     void tellClosings();
 
     const Endpoint& m_endpoint;
-    const Deadline& m_deadline;
+    const vorn::Deadline& m_deadline;
     pid_t m_expectedAgent = 0;
     std::unique_ptr<Connection> m_connection;
     bool m_inOrder = false;

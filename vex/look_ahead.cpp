@@ -1,6 +1,7 @@
 #include "vex/look_ahead.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -69,7 +70,7 @@ std::vector<const char*> LookAhead::missing() const {
 
 void LookAhead::keep(const Objects& objects) noexcept try {
     if (objects.size() < 2) return m_line.clear();
-    const Time until = m_clock() + std::chrono::seconds(VEX_AHEAD_SECONDS);
+    const vorn::Moment until = m_clock->now() + std::chrono::seconds(VEX_AHEAD_SECONDS);
     auto place = m_line.begin();
     for (unsigned i = 1; i < objects.size() && place != m_line.end(); ++i) {
         const auto* bytes = objects.Get(i)->bytes();

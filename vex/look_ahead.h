@@ -1,7 +1,6 @@
 // What a session will look up next, and what came of it ahead of its look-up.
 #pragma once
 
-#include <chrono>
 #include <deque>
 #include <optional>
 #include <string>
@@ -9,17 +8,17 @@
 #include <vector>
 
 #include "vex/object.h"
+#include "vorn/clock.h"
 
 namespace vex {
 
 // Used by one thread at a time. Holds VEX_MOST_AHEAD objects at most.
 class LookAhead {
   public:
-    using Time = std::chrono::steady_clock::time_point;
-    using Clock = Time (*)();
     using Objects = flatbuffers::Vector<flatbuffers::Offset<wire::PackedObject>>;
 
-    explicit LookAhead(Clock clock = std::chrono::steady_clock::now) : m_clock(clock) {}
+    // The clock outlives it.
+    explicit LookAhead(const vorn::SteadyClock& clock = vorn::systemSteadyClock()) : m_clock(&clock) {}
 
     // The GUIDs of a null-terminated array, or none for null, in place of those before.
     // An object that came for one of them stays.
@@ -46,14 +45,14 @@ class LookAhead {
     struct Expected {
         std::string guid;
         std::optional<ObjectRef> object = {};
-        Time until = {};  // when there is an object
+        vorn::Moment until = {};  // when there is an object
     };
     using Line = std::deque<Expected>;
 
     static Line::iterator find(Line& line, Line::iterator from, std::string_view guid);
-    bool isHere(const Expected& expected) const { return expected.object && m_clock() < expected.until; }
+    bool isHere(const Expected& expected) const { return expected.object && m_clock->now() < expected.until; }
 
-    Clock m_clock;
+    const vorn::SteadyClock* m_clock;
     Line m_line;
     bool m_inLine = false;  // the GUID that was taken last was expected
 };

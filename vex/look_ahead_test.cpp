@@ -9,6 +9,7 @@
 #include "vex/scripted_agent_testing.h"
 #include "vex/session.h"
 #include "vex/wire.h"
+#include "vorn/clock_testing.h"
 
 namespace vextest {
 namespace {
@@ -98,7 +99,8 @@ struct LookAheadOfASession : testing::Test {
     static UniqueSession open() {
         vexSession* opened = nullptr;
         EXPECT_EQ(vexSessionOpen(VEX_SESSION_LOCAL, VEX_INTERFACE_LEVEL, &opened), VEX_OK);
-        opened->lookAhead = LookAhead([] { return LookAhead::Time{}; });
+        static const vorn::test::ManualClock standingStill;
+        opened->lookAhead = LookAhead(standingStill);
         return UniqueSession(opened);
     }
 
@@ -260,8 +262,6 @@ TEST_F(LookAheadOfASession, ABrokenConnectionFailsTheLookUpThatMetIt) {
 
 // ------------------------------------------------------------------------ time
 
-LookAhead::Time aheadNow{};
-
 struct LookAheadInTime : testing::Test {
     // What an answer with the objects of these GUIDs leaves.
     void answer(const Guids& list) {
@@ -276,7 +276,8 @@ struct LookAheadInTime : testing::Test {
             if (one) list.push_back(one);
         return list;
     }
-    LookAhead ahead{[] { return aheadNow; }};
+    vorn::test::ManualClock clock;
+    LookAhead ahead{clock};
 };
 
 TEST_F(LookAheadInTime, WhatCameIsKeptForAShortTime) {
@@ -284,9 +285,10 @@ TEST_F(LookAheadInTime, WhatCameIsKeptForAShortTime) {
     EXPECT_FALSE(ahead.take(guid(0)));
     EXPECT_EQ(missing(), guids(1, 4));
     answer(guids(0, 4));
-    aheadNow += std::chrono::seconds(VEX_AHEAD_SECONDS) - std::chrono::nanoseconds(1);
+    const vorn::Moment end = clock.now() + std::chrono::seconds(VEX_AHEAD_SECONDS);
+    clock.set(end - std::chrono::nanoseconds(1));
     EXPECT_TRUE(ahead.take(guid(1)));
-    aheadNow += std::chrono::nanoseconds(1);
+    clock.set(end);
     EXPECT_FALSE(ahead.take(guid(2)));
     EXPECT_EQ(missing(), guids(3, 4)) << "and asked for anew";
     answer(guids(2, 4));
@@ -297,10 +299,10 @@ TEST_F(LookAheadInTime, ANewHintMakesNothingYounger) {
     ahead.expect(Pointers(guids(0, 3)).data());
     ahead.take(guid(0));
     answer(guids(0, 3));
-    aheadNow += std::chrono::seconds(1);
+    clock.advance(std::chrono::seconds(1));
     ahead.expect(Pointers(guids(1, 3)).data());
     EXPECT_TRUE(ahead.take(guid(1)));
-    aheadNow += std::chrono::seconds(1);
+    clock.advance(std::chrono::seconds(1));
     EXPECT_FALSE(ahead.take(guid(2)));
 }
 

@@ -10,12 +10,12 @@ Search::Search(std::shared_ptr<vexSession> owner)
     : vexSearchHandle{owner.get(), 0, 1}, m_owner(std::move(owner)), m_generation(generation()) {}
 
 vexCode Search::open(const Request& request) {
-    return ask(request, Deadline(m_owner->endpoint.timeout));
+    return ask(request, m_owner->endpoint.deadline());
 }
 
 vexCode Search::next(vexObject** object) {
     if (m_next == m_batch.size()) {
-        const vexCode code = fetchBatch(Deadline(m_owner->endpoint.timeout));
+        const vexCode code = fetchBatch(m_owner->endpoint.deadline());
         if (code != VEX_OK) return code;
     }
     *object = new vexObject{m_batch[m_next]};
@@ -25,11 +25,11 @@ vexCode Search::next(vexObject** object) {
 
 // Brings the next batch that is not empty. Empty ones are allowed while the
 // agent still looks, but only for as long as one call may take.
-vexCode Search::fetchBatch(const Deadline& deadline) {
+vexCode Search::fetchBatch(const vorn::Deadline& deadline) {
     if (m_end != VEX_OK) return m_end;
     while (m_next == m_batch.size()) {
         if (m_id == 0) return m_owner->succeeded(VEX_END_OF_RESULTS);
-        if (!isHeldByAgent() || deadline.over()) return m_end = m_owner->notAnswered();
+        if (!isHeldByAgent() || deadline.passed()) return m_end = m_owner->notAnswered();
         Request request;
         const auto body = wire::CreateSearchNext(request.builder(), m_id);
         request.finish(m_owner->options(), body);
@@ -42,7 +42,7 @@ vexCode Search::fetchBatch(const Deadline& deadline) {
     return VEX_OK;
 }
 
-vexCode Search::ask(const Request& request, const Deadline& deadline) {
+vexCode Search::ask(const Request& request, const vorn::Deadline& deadline) {
     Exchange exchange(m_owner->endpoint, deadline);
     exchange.expectAgent(m_agent);
     const wire::Response* response = exchange.ask(request);
@@ -77,7 +77,7 @@ void Search::close() {
     Request request;
     const auto body = wire::CreateSearchClose(request.builder(), m_id);
     request.finish(Options(), body);
-    const Deadline deadline(m_owner->endpoint.timeout);
+    const vorn::Deadline deadline = m_owner->endpoint.deadline();
     Exchange exchange(m_owner->endpoint, deadline);
     exchange.expectAgent(m_agent);
     if (!exchange.tell(request)) Closings::process().add(m_agent, m_id);

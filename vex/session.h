@@ -86,8 +86,8 @@ class Search : public vexSearchHandle {
     void close();
 
   private:
-    vexCode fetchBatch(const Deadline& deadline);
-    vexCode ask(const Request& request, const Deadline& deadline);
+    vexCode fetchBatch(const vorn::Deadline& deadline);
+    vexCode ask(const Request& request, const vorn::Deadline& deadline);
     vexCode takeBatch(Exchange& exchange, const wire::Response& response);
     bool isHeldByAgent() const { return m_id != 0 && m_generation == generation(); }
 

@@ -10,6 +10,12 @@ class SystemSteadyClock : public SteadyClock {
 
 }  // namespace
 
+std::int64_t systemMicroseconds() {
+    using std::chrono::microseconds;
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<microseconds>(sinceEpoch).count();
+}
+
 const SteadyClock& systemSteadyClock() {
     // Never destroyed: threads that outlive main may still ask for it.
     static const auto* const clock = new SystemSteadyClock;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 
 namespace vorn {
@@ -12,6 +13,9 @@ using Clock = std::time_t (*)();
 inline std::time_t systemTime() {
     return std::time(nullptr);
 }
+
+// The calendar time in microseconds.
+std::int64_t systemMicroseconds();
 
 // A point on the clock that nobody sets: for how long things take, never for dates.
 using Moment = std::chrono::steady_clock::time_point;

@@ -58,5 +58,9 @@ TEST(SystemSteadyClock, IsTheOneOfTheStandardLibrary) {
     EXPECT_LE(now, std::chrono::steady_clock::now());
 }
 
+TEST(SystemMicroseconds, AreTheSystemsCalendarTime) {
+    EXPECT_NEAR(static_cast<double>(systemMicroseconds()) / 1e6, static_cast<double>(std::time(nullptr)), 2);
+}
+
 }  // namespace
 }  // namespace vorn

@@ -17,13 +17,12 @@
 #include <system_error>
 #include <thread>
 
+#include "vorn/clock.h"
 #include "vorn/logger.h"
 #include "vorn/signals_blocked.h"
 
 namespace vorn {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kOwnPriority = 50;
 constexpr int kMostPriority = 99;
@@ -74,7 +73,7 @@ void run(const Task& task) {
     }
 }
 
-Clock::duration sumOf(long seconds, long milliseconds, long microseconds, long nanoseconds) {
+Moment::duration sumOf(long seconds, long milliseconds, long microseconds, long nanoseconds) {
     // A hundred years at most, so that the sum cannot overflow.
     constexpr long kLongest = 3'000'000'000;
     const long whole = std::clamp(seconds, -kLongest, kLongest);
@@ -95,7 +94,7 @@ struct Thread::State {
     bool mustEnd = false;  // guarded by lock
     std::thread thread;    // touched by the owner only
 
-    void sleepUntil(Clock::time_point deadline) {
+    void sleepUntil(Moment deadline) {
         std::unique_lock guard(lock);
         if (killAsked.wait_until(guard, deadline, [this] { return mustEnd; })) throw Killed();
     }
@@ -148,7 +147,7 @@ void Thread::kill() {
 }
 
 void Thread::sleep(long seconds, long milliseconds, long microseconds, long nanoseconds) {
-    const auto deadline = Clock::now() + sumOf(seconds, milliseconds, microseconds, nanoseconds);
+    const auto deadline = systemSteadyClock().now() + sumOf(seconds, milliseconds, microseconds, nanoseconds);
     if (State::current != nullptr) return State::current->sleepUntil(deadline);
     std::this_thread::sleep_until(deadline);
 }

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "vorn/deadline.h"
+
 namespace vexagent {
 namespace {
 
@@ -21,10 +23,10 @@ std::string folderOf(const std::string& path) {
 
 // 0, or the error with which the lock cannot be had.
 int lockWithin(int descriptor, std::chrono::milliseconds wait) {
-    const auto deadline = std::chrono::steady_clock::now() + wait;
+    const vorn::Deadline deadline(vorn::systemSteadyClock(), wait);
     while (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
         if (errno == EINTR) continue;
-        if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) return errno;
+        if (errno != EWOULDBLOCK || deadline.passed()) return errno;
         std::this_thread::sleep_for(kPoll);
     }
     return 0;
