@@ -12,8 +12,8 @@ CredManager* back_vex_creds = nullptr;
 
 struct CredManager::Credential {
     std::string dn;
-    Shredder hash;
-    Shredder salt;
+    vorn::Secret hash;
+    vorn::Secret salt;
     std::time_t created;
 };
 
@@ -29,48 +29,36 @@ __attribute__((noinline)) void wipeStackBelow() {
 }
 
 // Gives the hash that the library made, empty when it made none.
-Shredder takeHash(berval* hash) {
+vorn::Secret takeHash(berval* hash) {
     const auto release = [](char* text) { ber_memfree(text); };
     const std::unique_ptr<char, decltype(release)> owner(hash->bv_val, release);
-    if (!owner) return Shredder();
-    Shredder result(std::string_view(hash->bv_val, hash->bv_len));
+    if (!owner) return vorn::Secret();
+    vorn::Secret result(std::string_view(hash->bv_val, hash->bv_len));
     vorn::wipe(hash->bv_val, hash->bv_len);
     return result;
 }
 
 // Random bytes up to the first zero one, for a salt is kept as text; so it may be
 // shorter than it was asked for, even empty. False when there is no randomness.
-bool makeSalt(Shredder* salt) {
-    unsigned char bytes[kSaltBytes];
-    if (lutil_entropy(bytes, sizeof bytes) < 0) return false;
-    const char* text = reinterpret_cast<const char*>(bytes);
-    *salt = Shredder(std::string_view(text, strnlen(text, sizeof bytes)));
-    vorn::wipe(bytes, sizeof bytes);
+bool makeSalt(vorn::Secret* salt) {
+    salt->resize(kSaltBytes);
+    if (lutil_entropy(reinterpret_cast<unsigned char*>(salt->data()), kSaltBytes) < 0) return false;
+    salt->resize(strnlen(salt->data(), kSaltBytes));
     return true;
-}
-
-// How long it takes depends on the lengths alone, so that it tells nothing of how
-// much of a guess was right.
-bool equalInConstantTime(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) return false;
-    unsigned difference = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
-    return difference == 0;
 }
 
 }  // namespace
 
-Shredder HashPassword(const Shredder& password, const Shredder& salt) {
-    std::string whole;
-    whole.reserve(password.text().size() + salt.text().size());  // growing would leave a copy behind
-    whole.append(password.text()).append(salt.text());
+vorn::Secret HashPassword(std::string_view password, const vorn::Secret& salt) {
+    vorn::Secret whole(password);
+    whole.resize(password.size() + salt.size());
+    salt.text().copy(whole.data() + password.size(), salt.size());
 
     berval secret = {whole.size(), whole.data()};
     berval hash = {0, nullptr};
     const char* reason = nullptr;
     lutil_passwd_hash(&secret, "{SHA}", &hash, &reason);
     wipeStackBelow();
-    vorn::wipe(whole);
     if (hash.bv_val == nullptr) JError("Password hash generation failed");
     return takeHash(&hash);
 }
@@ -86,9 +74,7 @@ bool CredManager::vouches(const Credential& credential, const char* dn, const ch
         JPrintf("vex bind : Cached credential(DN: %s) expires, skip this one", dn);
         return false;
     }
-    if (credential.hash.text().empty()) return false;
-    const Shredder hash = HashPassword(Shredder(password), credential.salt);
-    return equalInConstantTime(hash.text(), credential.hash.text());
+    return !credential.hash.empty() && HashPassword(password, credential.salt) == credential.hash;
 }
 
 std::time_t CredManager::doCacheAuth(const char* dn, const char* password) {
@@ -104,14 +90,14 @@ std::time_t CredManager::doCacheAuth(const char* dn, const char* password) {
     return credential.created;
 }
 
-void CredManager::addCreds(unsigned long connection, const std::string& dn, const std::string& password) {
-    Shredder salt;
+void CredManager::addCreds(unsigned long connection, const std::string& dn, std::string_view password) {
+    vorn::Secret salt;
     if (!makeSalt(&salt)) {
         JError("vex bind : Salt generation failed");
         return;
     }
     // Hashing is the expensive part: it is done before anybody has to wait.
-    Shredder hash = HashPassword(Shredder(password), salt);
+    vorn::Secret hash = HashPassword(password, salt);
     Binds fresh;
     t_bind_info& made = fresh[dn];
     made.credential =

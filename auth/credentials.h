@@ -14,13 +14,13 @@
 #include <string>
 #include <string_view>
 
-#include "auth/shredder.h"
 #include "vorn/clock.h"
 #include "vorn/lock.h"
+#include "vorn/secret.h"
 
 // "{SHA}" and the base64 text of the SHA-1 digest of the password followed by
 // the salt; empty when hashing fails, which matches no password.
-Shredder HashPassword(const Shredder& password, const Shredder& salt);
+vorn::Secret HashPassword(std::string_view password, const vorn::Secret& salt);
 
 // Safe for use by several threads; one instance a process.
 class CredManager {
@@ -34,7 +34,7 @@ class CredManager {
     std::time_t doCacheAuth(const char* dn, const char* password);
 
     // Keeps a credential that the agent has just validated, used by a connection.
-    void addCreds(unsigned long connection, const std::string& dn, const std::string& password);
+    void addCreds(unsigned long connection, const std::string& dn, std::string_view password);
 
     // Records that a connection bound with a DN that was answered from the cache.
     void addConnID(unsigned long connection, std::string_view dn);

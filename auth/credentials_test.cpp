@@ -61,13 +61,13 @@ TEST_F(Credentials, HashesPasswordThenSalt) {
         {"", "", "{SHA}2jmj7l5rSw0yVb/vlWAYkK/YBwk="},
     };
     for (const auto& [password, salt, hash] : cases)
-        EXPECT_EQ(HashPassword(Shredder(password), Shredder(salt)).text(), hash) << password << salt;
+        EXPECT_EQ(HashPassword(password, vorn::Secret(salt)).text(), hash) << password << salt;
 }
 
 TEST_F(Credentials, AFailedHashIsReportedAndEmpty) {
     lutilFaults().hashFails = true;
     standin::CapturedStderr captured;
-    EXPECT_EQ(HashPassword(Shredder("secret"), Shredder("salt")).text(), "");
+    EXPECT_EQ(HashPassword("secret", vorn::Secret("salt")).text(), "");
     EXPECT_EQ(captured.text(), "dirgate ERROR: Password hash generation failed\n");
 }
 
@@ -429,19 +429,6 @@ TEST_F(Credentials, WhileOneIsMadeOthersAreCheckedAndMade) {
     creds.addCreds(1, kDn, "secret");
     EXPECT_EQ(bob, 1000);
     EXPECT_EQ(creds.doCacheAuth("CN=cid,DC=x", "third"), 1000);
-}
-
-TEST_F(Credentials, ShreddersHoldMoveAndForget) {
-    for (const char* text : {"", "short", "longer than any short-string buffer is"}) {
-        Shredder first{std::string_view(text)};
-        Shredder second(std::move(first));
-        EXPECT_EQ(second.text(), text);
-        EXPECT_EQ(first.text(), "");  // NOLINT: what moving leaves is the point
-        Shredder third("something else");
-        third = std::move(second);
-        EXPECT_EQ(third.text(), text);
-        EXPECT_EQ(second.text(), "");  // NOLINT
-    }
 }
 
 }  // namespace

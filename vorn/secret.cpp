@@ -1,6 +1,8 @@
 #include "vorn/secret.h"
 
 #include <cstring>
+#include <ostream>
+#include <utility>
 
 namespace vorn {
 namespace {
@@ -29,6 +31,36 @@ void wipe(std::string& text) {
     longBuffer.swap(text);
     wipeBuffer(text);
     text.swap(longBuffer);
+}
+
+bool equalInConstantTime(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    unsigned difference = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return difference == 0;
+}
+
+// A short string's bytes are still in the source after a move.
+void Secret::take(std::string& text) noexcept {
+    wipe(m_text);
+    m_text = std::move(text);
+    wipe(text);
+}
+
+void Secret::resize(std::size_t size) {
+    if (size < m_text.size()) wipe(m_text.data() + size, m_text.size() - size);
+    if (size > m_text.capacity()) {
+        // By hand: a string that grows by itself leaves a copy behind.
+        std::string longer;
+        longer.reserve(size);
+        longer.append(m_text);
+        take(longer);
+    }
+    m_text.resize(size);
+}
+
+std::ostream& operator<<(std::ostream& out, const Secret&) {
+    return out << "(a secret)";
 }
 
 }  // namespace vorn

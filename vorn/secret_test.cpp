@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+#include <utility>
+
+#include "vorn/memory_scan_testing.h"
 
 namespace vorn {
 namespace {
@@ -59,6 +63,90 @@ TEST(Wipe, LeavesTheStringUsable) {
     text = kLong;
     EXPECT_EQ(text, kLong);
 }
+
+const std::string kOther = "something else that is not short either";
+
+TEST(Secret, HoldsMovesAndForgets) {
+    for (const std::string& text : {std::string(), kShort, kLong}) {
+        Secret first{std::string_view(text)};
+        Secret second(std::move(first));
+        EXPECT_EQ(second.text(), text);
+        EXPECT_TRUE(first.empty());  // NOLINT: what moving leaves is the point
+        Secret third(kOther.c_str());
+        third = std::move(second);
+        EXPECT_EQ(third.text(), text);
+        EXPECT_TRUE(second.empty());  // NOLINT
+        third.clear();
+        EXPECT_EQ(third.text(), "");
+    }
+}
+
+TEST(Secret, IsComparedByItsBytes) {
+    EXPECT_EQ(Secret("abc"), Secret("abc"));
+    EXPECT_NE(Secret("abc"), Secret("abd"));
+    EXPECT_NE(Secret("abc"), Secret("ab"));
+    EXPECT_NE(Secret(std::string_view("a\0b", 3)), Secret(std::string_view("a\0c", 3)));
+    EXPECT_EQ(Secret(), Secret(""));
+}
+
+TEST(Secret, ShowsNothingWhenItIsPrinted) {
+    EXPECT_EQ(testing::PrintToString(Secret("Hunter2")), "(a secret)");
+}
+
+TEST(Secret, KeepsItsBytesAsItGrows) {
+    Secret secret("ab");
+    secret.resize(4);
+    EXPECT_EQ(secret.text(), std::string("ab\0\0", 4));
+    secret.resize(100);
+    secret.data()[99] = 'z';
+    EXPECT_EQ(secret.text(), "ab" + std::string(97, '\0') + "z");
+}
+
+TEST(Secret, LeavesNothingBehindItsEndWhenItShrinks) {
+    Secret secret(kLong.c_str());
+    const char* const buffer = secret.data();
+    secret.resize(2);
+    EXPECT_EQ(secret.text(), "a ");
+    ASSERT_EQ(static_cast<const void*>(secret.data()), buffer);
+    EXPECT_EQ(std::string(buffer + 2, kLong.size() - 2), std::string(kLong.size() - 2, '\0'));
+}
+
+// How often the text stands in the process's memory, beside its disguise.
+class SecretInMemory : public testing::TestWithParam<std::size_t> {
+  protected:
+    int count() { return m_scan.count(m_disguised); }
+    // The secret, with nothing of it left beside.
+    Secret made() const {
+        Secret secret;
+        secret.resize(m_disguised.size());
+        m_disguised.reveal(secret.data());
+        return secret;
+    }
+
+  private:
+    const test::Disguised m_disguised{GetParam()};
+    test::MemoryScan m_scan;
+};
+
+TEST_P(SecretInMemory, IsNoMoreThanWhereItIsHeld) {
+    Secret first = made();
+    EXPECT_EQ(count(), 1);
+    Secret second(std::move(first));
+    Secret third;
+    third = std::move(second);
+    EXPECT_EQ(count(), 1);
+    third.resize(1000);
+    EXPECT_EQ(count(), 1);
+    third = Secret("another");
+    EXPECT_EQ(count(), 0);
+    third = made();
+    third.clear();
+    EXPECT_EQ(count(), 0);
+    { const Secret last = made(); }
+    EXPECT_EQ(count(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, SecretInMemory, testing::Values(8, 15, 40));
 
 }  // namespace
 }  // namespace vorn

@@ -29,7 +29,7 @@ std::optional<bool> fits(const std::string& password, const std::string& hash) {
     const char* computed = crypt_r(password.c_str(), hash.c_str(), data.get());
     // crypt_r reports failure by null or by text that begins with "*".
     if (computed == nullptr || computed[0] == '*') return std::nullopt;
-    return equalSecrets(computed, hash);
+    return vorn::equalInConstantTime(computed, hash);
 }
 
 // The crypt(3) hash in a stored value; empty when there is none.
@@ -51,25 +51,16 @@ const std::string& newSetting() {
 
 }  // namespace
 
-bool equalSecrets(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    unsigned char difference = 0;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        difference = static_cast<unsigned char>(difference | (a[i] ^ b[i]));
-    return difference == 0;
-}
-
-bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues,
+bool fitsAnyHash(const std::string& password, const std::vector<std::string_view>& storedValues,
                  const std::string& idleSetting) {
     // crypt(3) reads up to a NUL: a longer password must not pass for its start.
     const bool whole = password.find('\0') == std::string::npos;
     bool fitting = false;
     bool tried = false;
-    for (const std::string& value : storedValues) {
-        std::string hash(hashIn(value));
+    for (const std::string_view value : storedValues) {
+        const vorn::Secret hash(hashIn(value));
         if (hash.empty()) continue;
-        const std::optional<bool> result = fits(password, hash);
-        vorn::wipe(hash);
+        const std::optional<bool> result = fits(password, hash.text());
         tried = tried || result.has_value();
         fitting = result.value_or(false) || fitting;
     }
@@ -83,7 +74,7 @@ class HashProof {
 };
 
 std::optional<Accepted> acceptedByHash(const std::string& password,
-                                       const std::vector<std::string>& storedValues,
+                                       const std::vector<std::string_view>& storedValues,
                                        const std::string& idleSetting) {
     if (!fitsAnyHash(password, storedValues, idleSetting)) return std::nullopt;
     return HashProof::make();

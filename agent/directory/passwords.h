@@ -15,12 +15,12 @@ namespace vexagent {
 // can be compared with, a hash is computed all the same, by idleSetting or, when
 // that is empty, of the strength of new ones: the time does not tell whether a user
 // exists.
-bool fitsAnyHash(const std::string& password, const std::vector<std::string>& storedValues,
+bool fitsAnyHash(const std::string& password, const std::vector<std::string_view>& storedValues,
                  const std::string& idleSetting = "");
 
 // The same for the hashes that a directory keeps of somebody's password.
 std::optional<Accepted> acceptedByHash(const std::string& password,
-                                       const std::vector<std::string>& storedValues,
+                                       const std::vector<std::string_view>& storedValues,
                                        const std::string& idleSetting = "");
 
 // A new hash of the password (yescrypt, with a salt of its own); empty when none can
@@ -30,8 +30,5 @@ std::string newHash(const std::string& password);
 // What a stored value says about how it was made (scheme, strength, salt), without
 // the hash; empty for a value that fits nothing.
 std::string settingOf(std::string_view storedValue);
-
-// Compares in a time that depends on the lengths only.
-bool equalSecrets(std::string_view a, std::string_view b);
 
 }  // namespace vexagent

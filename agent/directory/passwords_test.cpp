@@ -18,7 +18,7 @@ std::string hashOf(const std::string& password, const char* setting = "$5$rounds
 const std::string kIdle = "$5$rounds=1000$idle$";
 
 bool fits(const std::string& password, const std::vector<std::string>& stored) {
-    return fitsAnyHash(password, stored, kIdle);
+    return fitsAnyHash(password, {stored.begin(), stored.end()}, kIdle);
 }
 
 TEST(Passwords, FitTheirHash) {

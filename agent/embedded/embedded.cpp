@@ -15,7 +15,6 @@
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "vorn/dn.h"
-#include "vorn/secret.h"
 #include "vorn/secret_names.h"
 #include "vorn/strings.h"
 
@@ -73,13 +72,18 @@ constexpr const char* kAlwaysSupported[] = {"cn",
                                             "msSFU30Name",
                                             "msSFU30NisDomain"};
 
-// The number that an account's attribute gives; nothing when it cannot be read.
-std::optional<std::int64_t> numberOf(const ldb_message* user, const char* name) {
+// What the user's record holds of an attribute, for as long as it is there; nothing for nobody.
+std::vector<std::string_view> valuesOf(const ldb_message* user, const char* name) {
     std::vector<std::string_view> values;
-    const ldb_message_element* element = ldb_msg_find_element(user, name);
+    const ldb_message_element* element = user == nullptr ? nullptr : ldb_msg_find_element(user, name);
     for (unsigned i = 0; element != nullptr && i < element->num_values; ++i)
         values.push_back(bytesOf(element->values[i]));
-    return stateNumber(values);
+    return values;
+}
+
+// The number that an account's attribute gives; nothing when it cannot be read.
+std::optional<std::int64_t> numberOf(const ldb_message* user, const char* name) {
+    return stateNumber(valuesOf(user, name));
 }
 
 Result noSuchUser() {
@@ -107,27 +111,6 @@ Result ambiguous(const Named& named) {
         dns.append(dns.empty() ? "" : "; ").append(dnText(message));
     return wrongPassword().because("the name means more than one object: " + dns);
 }
-
-// The stored hashes, wiped when done with.
-class StoredHashes {
-  public:
-    explicit StoredHashes(const ldb_message* user) {
-        const ldb_message_element* element =
-            user == nullptr ? nullptr : ldb_msg_find_element(user, "userPassword");
-        for (unsigned i = 0; element != nullptr && i < element->num_values; ++i)
-            m_values.emplace_back(bytesOf(element->values[i]));
-    }
-    ~StoredHashes() {
-        for (std::string& value : m_values) vorn::wipe(value);
-    }
-    StoredHashes(const StoredHashes&) = delete;
-    StoredHashes& operator=(const StoredHashes&) = delete;
-
-    const std::vector<std::string>& values() const { return m_values; }
-
-  private:
-    std::vector<std::string> m_values;
-};
 
 // Has LDB asked for more where it would not fold the filter's letters itself.
 Selection loosen(void* pool, Plan& plan) {
@@ -276,8 +259,7 @@ Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::stri
         idle = idleSetting(*handle);
     }
     const ldb_message* object = named.only();
-    const StoredHashes hashes(object);
-    const std::optional<Accepted> accepted = acceptedByHash(password, hashes.values(), idle);
+    const std::optional<Accepted> accepted = acceptedByHash(password, valuesOf(object, "userPassword"), idle);
     if (named.count() > 1) return ambiguous(named);
     if (object == nullptr) return noSuchUser();
     if (!accepted) return wrongPassword();

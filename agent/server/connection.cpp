@@ -124,14 +124,14 @@ void Connection::onReadable() {
 
 void Connection::process() {
     m_deadline = Moment::max();
-    const wire::Request* request = readRequest(m_request.bytes());
-    if (request == nullptr) {
+    m_read = readRequest(m_request.bytes());
+    if (m_read == nullptr) {
         AGENT_LOG(vorn::Logger::kWarning, "refused a malformed request of pid %d uid %u",
                   static_cast<int>(m_client.pid), static_cast<unsigned>(m_client.uid));
         return close();
     }
-    if (!Service::isKnown(*request)) m_lastOne = true;  // and is answered so
-    const Lane lane = m_shared.service.lane(*request);
+    if (!Service::isKnown(*m_read)) m_lastOne = true;  // and is answered so
+    const Lane lane = m_shared.service.lane(*m_read);
     m_state = State::AtWork;
     m_shared.pool.post(lane, [self = shared_from_this()]() mutable {
         Connection& connection = *self;
@@ -143,7 +143,7 @@ void Connection::process() {
 
 // In a worker. The client need not wait for the I/O thread to wake up.
 void Connection::work() {
-    std::optional<Bytes> frame = m_shared.service.handle(m_client, *readRequest(m_request.bytes()));
+    std::optional<Bytes> frame = m_shared.service.handle(m_client, *m_read);
     m_request.clear();
     m_output = frame ? std::move(*frame) : Bytes();
     m_search = searchIn(m_output);

@@ -86,6 +86,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     State m_state = State::Answering;
     IncomingFrame m_request;
+    const vex::wire::Request* m_read = nullptr;  // what is in it, while it is being worked on
     Bytes m_output;
     std::size_t m_written = 0;
     std::uint64_t m_search = 0;  // that the last answer leaves open

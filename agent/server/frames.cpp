@@ -127,7 +127,7 @@ class Texts {
 
 }  // namespace
 
-const wire::Request* readRequest(const Bytes& frame) {
+const wire::Request* readRequest(std::span<const std::uint8_t> frame) {
     flatbuffers::Verifier verifier(frame.data(), frame.size(), wire::kMaxDepth, wire::kMaxTables);
     if (!verifier.VerifyBuffer<wire::Request>(wire::kRequestIdentifier)) return nullptr;
     return flatbuffers::GetRoot<wire::Request>(frame.data());

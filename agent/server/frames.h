@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 // The request in a frame's bytes, once they have been verified; null for bytes
 // that are none. It lives as long as the bytes.
-const vex::wire::Request* readRequest(const Bytes& frame);
+const vex::wire::Request* readRequest(std::span<const std::uint8_t> frame);
 
 // Why a request is refused before any of it is copied; null when it is not. The parts
 // of a buffer may be shared: a small one can name more text than there is memory.

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "vorn/secret.h"
-
 namespace vexagent {
 namespace {
 
@@ -15,23 +13,17 @@ namespace wire = vex::wire;
 // So much is made room for at a time, at least.
 constexpr std::size_t kStep = 65536;
 
-void wipe(Bytes& bytes) {
-    if (!bytes.empty()) vorn::wipe(bytes.data(), bytes.size());
-    bytes.clear();
-}
-
 }  // namespace
 
 void IncomingFrame::clear() {
-    wipe(m_bytes);
+    m_bytes.clear();
     m_haveLength = m_expected = m_have = 0;
 }
 
 // Reads until there are so many bytes.
-IncomingFrame::Progress IncomingFrame::receive(int socket, std::uint8_t* place, std::size_t size,
-                                               std::size_t& have) {
+IncomingFrame::Progress IncomingFrame::receive(int socket, void* place, std::size_t size, std::size_t& have) {
     while (have < size) {
-        const ssize_t got = ::recv(socket, place + have, size - have, MSG_DONTWAIT);
+        const ssize_t got = ::recv(socket, static_cast<char*>(place) + have, size - have, MSG_DONTWAIT);
         if (got > 0)
             have += static_cast<std::size_t>(got);
         else if (got < 0 && errno == EAGAIN)
@@ -53,15 +45,11 @@ IncomingFrame::Progress IncomingFrame::readLength(int socket) {
     return m_expected > 0 && m_expected <= wire::kMaxRequestBytes ? Progress::Whole : Progress::BadLength;
 }
 
-// Makes room for the next step. A longer buffer is filled by hand, so that the
-// shorter one is wiped.
+// Makes room for the next step.
 bool IncomingFrame::grow() {
     const std::size_t have = m_bytes.size();
     if (have == m_expected) return false;
-    Bytes longer(std::min(m_expected, have + std::max(have, kStep)));
-    std::copy(m_bytes.begin(), m_bytes.end(), longer.begin());
-    wipe(m_bytes);
-    m_bytes = std::move(longer);
+    m_bytes.resize(std::min(m_expected, have + std::max(have, kStep)));
     return true;
 }
 

@@ -4,9 +4,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
-#include "agent/server/frames.h"
 #include "vex/wire.h"
+#include "vorn/secret.h"
 
 namespace vexagent {
 
@@ -26,7 +27,6 @@ class IncomingFrame {
     IncomingFrame() = default;
     IncomingFrame(const IncomingFrame&) = delete;
     IncomingFrame& operator=(const IncomingFrame&) = delete;
-    ~IncomingFrame() { clear(); }
 
     // Takes what has come on this non-blocking read of the descriptor.
     Progress read(int socket);
@@ -36,20 +36,22 @@ class IncomingFrame {
     // What its length says; 0 until that is known.
     std::size_t length() const { return m_expected; }
     // The frame behind its length, once it is whole.
-    const Bytes& bytes() const { return m_bytes; }
+    std::span<const std::uint8_t> bytes() const {
+        return {reinterpret_cast<const std::uint8_t*>(m_bytes.text().data()), m_bytes.size()};
+    }
 
     // Forgets it. The next read begins another frame.
     void clear();
 
   private:
-    Progress receive(int socket, std::uint8_t* place, std::size_t size, std::size_t& have);
+    Progress receive(int socket, void* place, std::size_t size, std::size_t& have);
     Progress readLength(int socket);
     bool grow();
 
     std::array<std::uint8_t, vex::wire::kLengthBytes> m_length{};
     std::size_t m_haveLength = 0;  // bytes of it that are there
     std::size_t m_expected = 0;
-    Bytes m_bytes;
+    vorn::Secret m_bytes;
     std::size_t m_have = 0;
 };
 

@@ -284,16 +284,10 @@ void Service::lookUpAhead(const Guids& guids, const View& view, std::vector<Obje
 
 Answer Service::authenticate(const Client& client, const wire::Request& request) {
     const wire::Authenticate& login = *request.body_as_Authenticate();
-    std::string user = text(login.user());
-    std::string password = text(login.password());
+    const std::string user = text(login.user());
+    const vorn::Secret password(flatbuffers::GetStringView(login.password()));
     Answer answer;
-    try {
-        answer.result = m_directory.authenticate(user, password, loginOptions(request)).result();
-    } catch (...) {
-        vorn::wipe(password);
-        throw;
-    }
-    vorn::wipe(password);
+    answer.result = m_directory.authenticate(user, password.text(), loginOptions(request)).result();
     if (!answer.result.ok())
         AGENT_LOG(vorn::Logger::kWarning, "authentication of \"%s\" failed for pid %d uid %u: %s (code %d)",
                   forLog(user).c_str(), static_cast<int>(client.pid), static_cast<unsigned>(client.uid),

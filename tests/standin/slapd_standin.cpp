@@ -98,17 +98,13 @@ FakeOperation::FakeOperation(FakeConnection& connection) {
     m_database.bd_self = &m_database;
 }
 
-FakeOperation::~FakeOperation() {
-    for (auto& text : m_texts) explicit_bzero(text->data(), text->size());
-}
-
 berval FakeOperation::keep(const char* text) {
     return text ? keep(std::string(text)) : berval{0, nullptr};
 }
 
 berval FakeOperation::keep(const std::string& text) {
-    m_texts.push_back(std::make_unique<std::string>(text));
-    return {m_texts.back()->size(), m_texts.back()->data()};
+    vorn::Secret& kept = m_texts.emplace_back(std::string_view(text));
+    return {kept.size(), kept.data()};
 }
 
 void FakeOperation::bind(const char* name, const char* password) {

@@ -12,11 +12,14 @@
 // The functions of liblutil and libldap are the real ones.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "vorn/secret.h"
 
 #include "backend/base/slapd.h"
 
@@ -103,7 +106,6 @@ class FakeConnection {
 class FakeOperation {
   public:
     explicit FakeOperation(FakeConnection& connection);
-    ~FakeOperation();
     FakeOperation(const FakeOperation&) = delete;
     FakeOperation& operator=(const FakeOperation&) = delete;
 
@@ -129,7 +131,7 @@ class FakeOperation {
     SlapReply m_reply{};
     BackendInfo m_info{};
     BackendDB m_database{};
-    std::vector<std::unique_ptr<std::string>> m_texts;
+    std::deque<vorn::Secret> m_texts;
     std::vector<berval> m_suffixes;
 };
 
