@@ -9,6 +9,7 @@
 #include "translate/map.h"
 #include "vex/vex.h"
 #include "vorn/attribute_name.h"
+#include "vorn/escape.h"
 #include "vorn/exception.h"
 #include "vorn/strings.h"
 
@@ -52,25 +53,11 @@ bool isDistinguishedName(std::string_view text) {
     return false;
 }
 
-// The value as a signed char: what is not ASCII is below zero.
-constexpr auto needsEscape = [](char c) {
-    return c == '\\' || c == '(' || c == ')' || c == '*' || c == 0x7F || static_cast<signed char>(c) <= 0x1F;
-};
-
 void appendEscaped(std::string* out, std::string_view text) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    if (std::none_of(text.begin(), text.end(), needsEscape) || isDistinguishedName(text)) {
+    if (!vorn::needsFilterEscape(text) || isDistinguishedName(text))
         out->append(text);
-        return;
-    }
-    for (const char c : text) {
-        if (needsEscape(c)) {
-            const auto byte = static_cast<unsigned char>(c);
-            *out += {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
-        } else {
-            *out += c;
-        }
-    }
+    else
+        vorn::appendFilterValue(out, text);
 }
 
 bool hasUpperCase(std::string_view text) {

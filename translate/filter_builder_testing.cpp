@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "vorn/escape.h"
+
 #include "backend/base/slapd.h"
 
 namespace {
@@ -74,18 +76,7 @@ class Reader {
         return m_builder->substrings(name, piece(value.substr(0, first)), any, piece(value.substr(last + 1)));
     }
 
-    static std::string unescape(const std::string& text) {
-        std::string result;
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            if (text[i] != '\\') {
-                result += text[i];
-                continue;
-            }
-            result += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        }
-        return result;
-    }
+    static std::string unescape(std::string_view text) { return vorn::unescapeFilterValue(text).value(); }
 
     bool take(char c) {
         if (!m_text.starts_with(c)) return false;

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "vorn/escape.h"
 #include "vorn/strings.h"
 
 namespace vorn {
@@ -97,7 +98,6 @@ bool DN::holdsNul(std::string_view dn) {
 
 std::string DN::escapeValue(std::string_view value) {
     static constexpr std::string_view kSpecial = "\"+,;<>\\";
-    static constexpr char kDigits[] = "0123456789ABCDEF";
     std::string result;
     result.reserve(value.size());
     for (std::size_t i = 0; i < value.size(); ++i) {
@@ -105,8 +105,7 @@ std::string DN::escapeValue(std::string_view value) {
         const bool first = i == 0;
         const bool last = i + 1 == value.size();
         if (isControl(c)) {
-            const auto byte = static_cast<unsigned char>(c);
-            result += {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
+            result += EscapedByte(c);
             continue;
         }
         const bool special = kSpecial.find(c) != std::string_view::npos;

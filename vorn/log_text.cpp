@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vorn/escape.h"
 #include "vorn/utf8.h"
 
 namespace vorn {
@@ -34,12 +35,7 @@ std::size_t left(const std::string&) {
 
 template <typename Line>
 void appendBytes(Line& line, std::string_view bytes) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        const char escaped[] = {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
-        line.append(std::string_view(escaped, sizeof escaped));
-    }
+    for (const char c : bytes) line.append(std::string_view(EscapedByte(c)));
 }
 
 template <typename Line>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "vorn/escape.h"
 #include "vorn/properties.h"
 #include "vorn/utf8.h"
 
@@ -191,9 +192,8 @@ class Parser {
     }
 
     char32_t digitValue(char c) const {
-        static constexpr std::string_view kDigits = "0123456789abcdef";
-        const std::size_t value = kDigits.find(lower(std::string_view(&c, 1)));
-        if (value == std::string_view::npos) fail("\\u without four hexadecimal digits");
+        const int value = hexDigit(c);
+        if (value < 0) fail("\\u without four hexadecimal digits");
         return static_cast<char32_t>(value);
     }
 

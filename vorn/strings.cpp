@@ -6,6 +6,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "vorn/escape.h"
+
 namespace vorn {
 namespace {
 
@@ -82,16 +84,13 @@ bool isprintable(std::string_view value) {
 }
 
 std::string printable(std::string_view value) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string result;
     result.reserve(value.size());
     for (const char c : value) {
-        if (isPrintableAscii(c) && c != '\\') {
+        if (isPrintableAscii(c) && c != '\\')
             result += c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        result += {'\\', kDigits[byte >> 4], kDigits[byte & 15]};
+        else
+            result += EscapedByte(c, Digits::Lower);
     }
     return result;
 }

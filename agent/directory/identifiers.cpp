@@ -6,6 +6,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "vorn/escape.h"
+
 namespace vexagent {
 namespace {
 
@@ -19,13 +21,6 @@ constexpr std::size_t kMaxSubAuthorities = 15;
 
 bool dashBefore(std::size_t byte) {
     return byte == 4 || byte == 6 || byte == 8 || byte == 10;
-}
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
 }
 
 bool isSid(std::string_view bytes) {
@@ -78,8 +73,8 @@ std::optional<std::string> guidBytes(std::string_view text) {
     std::size_t at = 0;
     for (std::size_t i = 0; i < kGuidBytes; ++i) {
         if (dashBefore(i) && text[at++] != '-') return std::nullopt;
-        const int high = hexDigit(text[at]);
-        const int low = hexDigit(text[at + 1]);
+        const int high = vorn::hexDigit(text[at]);
+        const int low = vorn::hexDigit(text[at + 1]);
         if (high < 0 || low < 0) return std::nullopt;
         bytes[kPlaces[i]] = static_cast<char>(high << 4 | low);
         at += 2;

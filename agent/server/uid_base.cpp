@@ -2,13 +2,13 @@
 
 #include <ldap.h>
 
-#include <charconv>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "vorn/dn.h"
+#include "vorn/escape.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -26,24 +26,6 @@ std::optional<std::string> uidOf(const std::string& dn) {
     if (!vorn::equalsIgnoreCase({type.bv_val, type.bv_len}, "uid")) return std::nullopt;
     const berval& value = parsed[0]->la_value;
     return std::string(value.bv_val, value.bv_len);
-}
-
-// A filter's value without its escapes.
-std::optional<std::string> unescaped(std::string_view text) {
-    std::string value;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\') {
-            value += text[i];
-            continue;
-        }
-        if (text.size() - i < 3) return std::nullopt;
-        unsigned byte = 0;
-        const char* const digits = text.data() + i + 1;
-        if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) return std::nullopt;
-        value += static_cast<char>(byte);
-        i += 2;
-    }
-    return value;
 }
 
 // Takes the item "(NAME=VALUE)" off the text's front; its value, as it stands.
@@ -66,7 +48,7 @@ std::optional<std::string> assertedName(std::string_view filter) {
     filter.remove_prefix(2);
     if (!takeItem(&filter)) return std::nullopt;
     const auto value = takeItem(&filter);
-    return value && filter == ")" ? unescaped(*value) : std::nullopt;
+    return value && filter == ")" ? vorn::unescapeFilterValue(*value) : std::nullopt;
 }
 
 }  // namespace
