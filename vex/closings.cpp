@@ -12,9 +12,9 @@ Closings& Closings::process() {
 }
 
 void Closings::add(pid_t agent, std::uint64_t search) {
-    const std::lock_guard guard(m_lock);
-    if (m_closings.size() >= kMost) return;
-    m_closings.push_back({agent, generation(), search});
+    const auto closings = m_closings.lock();
+    if (closings->size() >= kMost) return;
+    closings->push_back({agent, generation(), search});
     m_any.store(true, std::memory_order_release);
 }
 
@@ -23,8 +23,8 @@ std::vector<std::uint64_t> Closings::take(pid_t agent) {
     if (!m_any.load(std::memory_order_acquire)) return searches;  // as a rule
     std::vector<Closing> closings;
     {
-        const std::lock_guard guard(m_lock);
-        closings.swap(m_closings);
+        const auto held = m_closings.lock();
+        closings.swap(*held);
         m_any.store(false, std::memory_order_release);
     }
     for (const Closing& closing : closings) {

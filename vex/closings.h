@@ -5,8 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <vector>
+
+#include "vorn/guarded.h"
 
 namespace vex {
 
@@ -32,9 +33,8 @@ class Closings {
         std::uint64_t search;
     };
 
-    std::atomic<bool> m_any{false};
-    std::mutex m_lock;
-    std::vector<Closing> m_closings;  // guarded by m_lock
+    std::atomic<bool> m_any{false};  // changed while m_closings is held
+    vorn::Guarded<std::vector<Closing>> m_closings;
 };
 
 }  // namespace vex

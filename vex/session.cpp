@@ -38,24 +38,20 @@ const Endpoint& configuredEndpoint() {
 }  // namespace vex
 
 bool vexSession::setOption(int option, std::int32_t value) {
-    std::lock_guard guard(m_lock);
-    return m_options.set(option, value);
+    return m_options.lock()->set(option, value);
 }
 
 vex::Options vexSession::options() const {
-    std::lock_guard guard(m_lock);
-    return m_options;
+    return *m_options.lock();
 }
 
 vexCode vexSession::succeeded(vexCode code) {
-    std::lock_guard guard(m_lock);
-    m_errorState = VEX_NO_SUCH_ATTRIBUTE;
+    m_lastError.lock()->state = VEX_NO_SUCH_ATTRIBUTE;
     return code;
 }
 
 vexCode vexSession::notAnswered(vexCode code) {
-    std::lock_guard guard(m_lock);
-    m_errorState = VEX_BROKEN_SESSION;
+    m_lastError.lock()->state = VEX_BROKEN_SESSION;
     return code;
 }
 
@@ -67,14 +63,12 @@ vexCode vexSession::answered(const vex::wire::Response& response) {
         error.code = told->code();
         if (told->text()) error.text.emplace(told->text()->c_str());
     }
-    std::lock_guard guard(m_lock);
-    m_errorState = VEX_OK;
-    m_error = std::move(error);
+    *m_lastError.lock() = {VEX_OK, std::move(error)};
     return response.code();
 }
 
 vexCode vexSession::lastError(vex::ProtocolError& error) const {
-    std::lock_guard guard(m_lock);
-    if (m_errorState == VEX_OK) error = m_error;
-    return m_errorState;
+    const auto last = m_lastError.lock();
+    if (last->state == VEX_OK) error = last->error;
+    return last->state;
 }

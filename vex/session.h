@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "vex/look_ahead.h"
 #include "vex/object.h"
 #include "vex/vex.h"
+#include "vorn/guarded.h"
 
 namespace vex {
 
@@ -64,11 +64,14 @@ struct vexSession {
   private:
     std::atomic<bool> m_open{true};
 
+    struct LastError {
+        vexCode state = VEX_NO_SUCH_ATTRIBUTE;  // what lastError returns
+        vex::ProtocolError error{};             // for VEX_OK
+    };
+
     // A search may work in one thread while its session is used in another.
-    mutable std::mutex m_lock;
-    vex::Options m_options;                        // guarded by m_lock
-    vexCode m_errorState = VEX_NO_SUCH_ATTRIBUTE;  // guarded by m_lock; what lastError returns
-    vex::ProtocolError m_error;                    // guarded by m_lock
+    vorn::Guarded<vex::Options> m_options;
+    vorn::Guarded<LastError> m_lastError;
 };
 
 namespace vex {

@@ -10,24 +10,21 @@ constexpr std::size_t kRecord = 80;
 
 bool Remembered::add(std::string_view text) {
     const std::size_t bytes = text.size() + kRecord;
-    const std::lock_guard guard(m_mutex);
-    if (m_texts.contains(text)) return false;
+    const auto known = m_known.lock();
+    if (known->texts.contains(text)) return false;
     if (bytes > m_most) return true;
-    if (m_bytes + bytes > m_most) m_texts.clear(), m_bytes = 0;
-    m_texts.emplace(text);
-    m_bytes += bytes;
+    if (known->bytes + bytes > m_most) *known = {};
+    known->texts.emplace(text);
+    known->bytes += bytes;
     return true;
 }
 
 bool Remembered::has(std::string_view text) const {
-    const std::lock_guard guard(m_mutex);
-    return m_texts.contains(text);
+    return m_known.lock()->texts.contains(text);
 }
 
 void Remembered::forget() {
-    const std::lock_guard guard(m_mutex);
-    m_texts.clear();
-    m_bytes = 0;
+    *m_known.lock() = {};
 }
 
 }  // namespace vorn

@@ -3,10 +3,11 @@
 
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
+
+#include "vorn/guarded.h"
 
 namespace vorn {
 
@@ -23,10 +24,13 @@ class Remembered {
     void forget();
 
   private:
+    struct Known {
+        std::set<std::string, std::less<>> texts;
+        std::size_t bytes = 0;  // what they take, about
+    };
+
     const std::size_t m_most;
-    mutable std::mutex m_mutex;
-    std::set<std::string, std::less<>> m_texts;  // guarded by m_mutex, as is
-    std::size_t m_bytes = 0;                     // what they take, about
+    Guarded<Known> m_known;
 };
 
 }  // namespace vorn

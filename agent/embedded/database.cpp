@@ -176,24 +176,20 @@ Database::Database(std::string path) : m_path(std::move(path)) {
     checkKind(m_path);
     auto first = std::make_unique<Handle>(openLdb(m_path, false));
     checkIndexes(first->ldb(), m_path);
-    m_idle.push_back(std::move(first));
+    m_idle.lock()->push_back(std::move(first));
 }
 
 Database::Lease Database::lease() {
-    {
-        const std::lock_guard lock(m_mutex);
-        if (!m_idle.empty()) {
-            std::unique_ptr<Handle> handle = std::move(m_idle.back());
-            m_idle.pop_back();
-            return {*this, std::move(handle)};
-        }
+    if (const auto idle = m_idle.lock(); !idle->empty()) {
+        std::unique_ptr<Handle> handle = std::move(idle->back());
+        idle->pop_back();
+        return {*this, std::move(handle)};
     }
     return {*this, std::make_unique<Handle>(openLdb(m_path, false))};
 }
 
 void Database::giveBack(std::unique_ptr<Handle> handle) {
-    const std::lock_guard lock(m_mutex);
-    m_idle.push_back(std::move(handle));
+    m_idle.lock()->push_back(std::move(handle));
 }
 
 }  // namespace vexagent

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,6 +16,7 @@
 
 #include "agent/directory/attributes.h"
 #include "agent/directory/ldb.h"
+#include "vorn/guarded.h"
 
 namespace vexagent {
 
@@ -112,8 +112,7 @@ class Database {
     void giveBack(std::unique_ptr<Handle> handle);
 
     const std::string m_path;
-    std::mutex m_mutex;
-    std::vector<std::unique_ptr<Handle>> m_idle;  // guarded by m_mutex
+    vorn::Guarded<std::vector<std::unique_ptr<Handle>>> m_idle;
 };
 
 // The attributes that have an index, and those of them whose values name one

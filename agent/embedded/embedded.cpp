@@ -231,8 +231,8 @@ std::optional<Result> EmbeddedDirectory::refusalOf(const ldb_message* user) cons
 // known users too, for the same reason; looked up once after a change.
 std::string EmbeddedDirectory::idleSetting(Handle& handle) {
     const std::optional<std::uint64_t> sequence = handle.sequence();
-    const std::lock_guard lock(m_idleMutex);
-    if (sequence && sequence == m_idleSequence) return m_idleSetting;
+    const auto known = m_idleSetting.lock();
+    if (known->isOf(sequence)) return known->value;
     std::string setting;
     const Pool pool = newPool();
     ldb_dn* root = ldb_dn_new(pool.get(), handle.ldb(), nullptr);
@@ -241,8 +241,7 @@ std::string EmbeddedDirectory::idleSetting(Handle& handle) {
         setting = settingOf(firstValue(message, "userPassword"));
         return setting.empty();
     });
-    m_idleSequence = sequence;
-    m_idleSetting = setting;
+    *known = {sequence, setting};
     return setting;
 }
 
@@ -270,12 +269,9 @@ Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::stri
 Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
     Database::Lease handle = m_database.lease();
     const std::optional<std::uint64_t> sequence = handle->sequence();
-    {
-        const std::lock_guard lock(m_namesMutex);
-        if (sequence && sequence == m_namesSequence) {
-            names = m_names;
-            return {};
-        }
+    if (const auto known = m_names.lock(); known->isOf(sequence)) {
+        names = known->value;
+        return {};
     }
     std::set<std::string, vorn::StringCaseLessThan> found(std::begin(kAlwaysSupported),
                                                           std::end(kAlwaysSupported));
@@ -291,9 +287,7 @@ Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
         });
     if (!read.ok()) return readFailure(read);
     names.assign(found.begin(), found.end());
-    const std::lock_guard lock(m_namesMutex);
-    m_names = names;
-    m_namesSequence = sequence;
+    *m_names.lock() = {sequence, names};
     return {};
 }
 

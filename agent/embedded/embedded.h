@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "agent/embedded/names.h"
 #include "agent/embedded/objects.h"
 #include "vorn/clock.h"
+#include "vorn/guarded.h"
 
 namespace vexagent {
 
@@ -47,6 +47,14 @@ class EmbeddedDirectory : public Directory {
     std::string idleSetting(Handle& handle);
     Source source() { return {m_database, m_memberships, m_ids}; }
 
+    // What was made of the whole database, and when it was as old as that.
+    template <typename T>
+    struct Derived {
+        std::optional<std::uint64_t> sequence;
+        T value;
+        bool isOf(const std::optional<std::uint64_t>& now) const { return now && now == sequence; }
+    };
+
     const NameRules m_rules;
     const std::string m_domainDn;
     const vorn::Clock m_clock;
@@ -54,13 +62,8 @@ class EmbeddedDirectory : public Directory {
     Database m_database;
     Memberships m_memberships;
 
-    std::mutex m_namesMutex;
-    std::optional<std::uint64_t> m_namesSequence;  // guarded by m_namesMutex
-    std::vector<std::string> m_names;              // guarded by m_namesMutex
-
-    std::mutex m_idleMutex;
-    std::optional<std::uint64_t> m_idleSequence;  // guarded by m_idleMutex
-    std::string m_idleSetting;                    // guarded by m_idleMutex
+    vorn::Guarded<Derived<std::vector<std::string>>> m_names;
+    vorn::Guarded<Derived<std::string>> m_idleSetting;
 };
 
 }  // namespace vexagent

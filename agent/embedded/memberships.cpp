@@ -16,21 +16,17 @@ Memberships::Names Memberships::of(Handle& handle, const ldb_message* group) {
 }
 
 Memberships::Names Memberships::find(std::optional<std::uint64_t> sequence, const std::string& guid) {
-    const std::lock_guard lock(m_mutex);
-    if (!sequence || sequence != m_sequence) return nullptr;
-    const auto group = m_groups.find(guid);
-    return group == m_groups.end() ? nullptr : group->second;
+    const auto known = m_known.lock();
+    if (!sequence || sequence != known->sequence) return nullptr;
+    const auto group = known->groups.find(guid);
+    return group == known->groups.end() ? nullptr : group->second;
 }
 
 void Memberships::keep(std::optional<std::uint64_t> sequence, const std::string& guid, const Names& names) {
-    const std::lock_guard lock(m_mutex);
-    if (!sequence || (m_sequence && *m_sequence > *sequence)) return;
-    if (m_sequence != sequence || m_count + names->size() > kMaxNames) {
-        m_groups.clear();
-        m_count = 0;
-        m_sequence = sequence;
-    }
-    if (m_groups.emplace(guid, names).second) m_count += names->size();
+    const auto known = m_known.lock();
+    if (!sequence || (known->sequence && *known->sequence > *sequence)) return;
+    if (known->sequence != sequence || known->count + names->size() > kMaxNames) *known = {sequence, {}, 0};
+    if (known->groups.emplace(guid, names).second) known->count += names->size();
 }
 
 }  // namespace vexagent

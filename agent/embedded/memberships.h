@@ -3,13 +3,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "agent/embedded/database.h"
+#include "vorn/guarded.h"
 
 namespace vexagent {
 
@@ -29,10 +29,12 @@ class Memberships {
     Names find(std::optional<std::uint64_t> sequence, const std::string& guid);
     void keep(std::optional<std::uint64_t> sequence, const std::string& guid, const Names& names);
 
-    std::mutex m_mutex;
-    std::optional<std::uint64_t> m_sequence;          // guarded by m_mutex, as all below
-    std::unordered_map<std::string, Names> m_groups;  // by GUID bytes
-    std::size_t m_count = 0;                          // names in m_groups
+    struct Known {
+        std::optional<std::uint64_t> sequence;
+        std::unordered_map<std::string, Names> groups;  // by GUID bytes
+        std::size_t count = 0;                          // names in groups
+    };
+    vorn::Guarded<Known> m_known;
 };
 
 }  // namespace vexagent
