@@ -134,25 +134,20 @@ void objMemory(benchmark::State& state) {
     state.counters["buffer_bytes"] = static_cast<double>(bufferBytes);
 }
 
+void hits(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Args({3'000, 1'000})
+        ->Args({300'000, 1'000})
+        ->Args({3'000, 3'000})
+        ->Args({300'000, 300'000})
+        ->ArgNames({"entries", "keys"})
+        ->Threads(1)
+        ->Threads(2)
+        ->UseRealTime();
+}
+
 BENCHMARK(objMemory)->Arg(3'000)->Arg(300'000)->Iterations(1);
-BENCHMARK(listHit)
-    ->Args({3'000, 1'000})
-    ->Args({300'000, 1'000})
-    ->Args({3'000, 3'000})
-    ->Args({300'000, 300'000})
-    ->ArgNames({"entries", "keys"})
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
-BENCHMARK(objHit)
-    ->Args({3'000, 1'000})
-    ->Args({300'000, 1'000})
-    ->Args({3'000, 3'000})
-    ->Args({300'000, 300'000})
-    ->ArgNames({"entries", "keys"})
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
+BENCHMARK(listHit)->Apply(hits);
+BENCHMARK(objHit)->Apply(hits);
 // Last: it changes what the caches hold.
 BENCHMARK(objStoreWithEviction)->Arg(3'000)->Arg(300'000)->Threads(1)->Threads(2)->UseRealTime();
 

@@ -3,45 +3,13 @@
 
 #include "tests/standin/inside.h"
 #include "tests/standin/state.h"
+#include "vex/ber_letter.h"
 
 namespace {
 
 void note(const std::string& line) {
     std::lock_guard guard(standin::state().mutex);
     standin::state().note(line);
-}
-
-// liblber has no va_list form: one letter of the format at a time. The element
-// keeps the tag that "t" sets and the open sequences between the calls.
-int printOne(BerElement* ber, char letter, va_list* arguments) {
-    const char format[] = {letter, '\0'};
-    switch (letter) {
-        // NOLINTNEXTLINE(bugprone-branch-clone): of one shape, and each of another type
-        case 'i':
-        case 'e':
-            return ber_printf(ber, format, va_arg(*arguments, ber_int_t));
-        case 'b':
-            return ber_printf(ber, format, va_arg(*arguments, int));
-        case 't':
-            return ber_printf(ber, format, va_arg(*arguments, ber_tag_t));
-        case 's':
-            return ber_printf(ber, format, va_arg(*arguments, char*));
-        case 'O':
-            return ber_printf(ber, format, va_arg(*arguments, struct berval*));
-        case 'o': {
-            char* bytes = va_arg(*arguments, char*);
-            return ber_printf(ber, format, bytes, va_arg(*arguments, ber_len_t));
-        }
-        case '{':
-        case '}':
-        case '[':
-        case ']':
-        case 'n':
-        case 'N':
-            return ber_printf(ber, format);
-        default:
-            return -1;
-    }
 }
 
 }  // namespace
@@ -66,7 +34,7 @@ int vex_ber_printf(BerElement* ber, const char* format, ...) {
     va_start(arguments, format);
     int written = 0;
     for (; *format && written >= 0; ++format) {
-        int more = printOne(ber, *format, &arguments);
+        int more = vex::printLetter(ber, *format, &arguments);
         written = more < 0 ? -1 : written + more;
     }
     va_end(arguments);
