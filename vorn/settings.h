@@ -25,7 +25,7 @@ inline constexpr Setting SETTING_AGENT_SOCKET_MODE = {"agent.socket.mode", "0660
 inline constexpr Setting SETTING_AGENT_SOCKET_GROUP = {"agent.socket.group", "",
                                                        "the socket's group (empty: the agent's own)"};
 inline constexpr Setting SETTING_AGENT_TIMEOUT = {"agent.timeout", "10",
-                                                  "seconds after which a call to the agent counts as failed"};
+                                                  "seconds after which a call to the agent has failed"};
 inline constexpr Setting SETTING_AGENT_THREADS = {"agent.threads", "4",
                                                   "how many requests the agent works on at once"};
 inline constexpr Setting SETTING_AGENT_CLIENTS = {"agent.clients.max", "1024",
@@ -44,7 +44,7 @@ inline constexpr Setting SETTING_LOGIN_ATTRIBUTES = {
     "login.attributes", "sAMAccountName uid displayName",
     "attributes whose value may stand in a rewritten leading cn= of a DN"};
 inline constexpr Setting SETTING_UNIX_ID_MIN = {
-    "unix.id.min", "1", "the lowest uidNumber of a person and gidNumber of a group that hosts are shown"};
+    "unix.id.min", "1", "the lowest uidNumber of a person and gidNumber of a group that hosts see"};
 inline constexpr Setting SETTING_LOG_FILE = {"log.file", "", "the log file (empty: none)"};
 inline constexpr Setting SETTING_LOG_LEVEL = {
     "log.level", "2",
@@ -58,9 +58,10 @@ inline constexpr Setting SETTING_LOG_SYSLOG_LEVELS = {"log.syslog.level.*", "",
 inline constexpr Setting SETTING_AD_SERVERS = {
     "ad.servers", "", "the domain's controllers, host or host:port (empty: found by DNS)"};
 inline constexpr Setting SETTING_AD_SITE = {"ad.site", "", "the site whose controllers are preferred"};
-inline constexpr Setting SETTING_AD_TRANSPORT = {"ad.transport", "gssapi",
-                                                 "how controllers are talked to: gssapi with the machine's "
-                                                 "keytab, starttls or ldaps with a service account"};
+inline constexpr Setting SETTING_AD_TRANSPORT = {
+    "ad.transport", "gssapi",
+    "how the agent talks to controllers: gssapi with the machine's "
+    "keytab, starttls or ldaps with a service account"};
 inline constexpr Setting SETTING_AD_KEYTAB = {"ad.keytab", "/etc/krb5.keytab", "the machine's keytab"};
 inline constexpr Setting SETTING_AD_PRINCIPAL = {
     "ad.principal", "", "the machine's name in the keytab (empty: the one that ends with $)"};
@@ -71,29 +72,29 @@ inline constexpr Setting SETTING_AD_BIND_PASSWORD_FILE = {
 inline constexpr Setting SETTING_AD_TLS_CA = {
     "ad.tls.ca", "", "a file with the domain's certificate authority, for starttls and ldaps"};
 inline constexpr Setting SETTING_AD_TIMEOUT = {
-    "ad.timeout", "8", "seconds for one request to the domain, other controllers included"};
+    "ad.timeout", "8", "seconds for one request to the domain, for all controllers together"};
 inline constexpr Setting SETTING_AD_CONNECTIONS = {"ad.connections", "8",
-                                                   "how many connections to one domain are at work at once"};
+                                                   "how many requests to one domain run at once"};
 inline constexpr Setting SETTING_AD_GROUPS_MAX = {
     "ad.groups.max", "100000", "how many groups the memberships of one answer may go through"};
 inline constexpr Setting SETTING_AD_IDS_FROM_SID = {
     "ad.ids.from.sid", "false", "whether accounts without numbers get ids made from their SIDs"};
 inline constexpr Setting SETTING_AD_IDS_FIRST = {"ad.ids.first", "200000", "the lowest id that is made"};
 inline constexpr Setting SETTING_AD_IDS_SLICES = {"ad.ids.slices", "10000",
-                                                  "over how many slices of ids the domains are spread"};
+                                                  "how many slices of ids all domains share"};
 inline constexpr Setting SETTING_AD_IDS_SLICE_SIZE = {"ad.ids.slice.size", "200000",
                                                       "how many ids a slice has"};
 inline constexpr Setting SETTING_AD_IDS_HOME = {
     "ad.ids.home", "/home/%u", "the home folder that comes with a made id; %u is the login name"};
 inline constexpr Setting SETTING_AD_AUTH_CACHE = {
     "ad.auth.cache", "false",
-    "whether log-ins may be checked against earlier ones while the domain is out of reach"};
+    "whether earlier log-ins are remembered for the time when the domain is out of reach"};
 inline constexpr Setting SETTING_AD_AUTH_CACHE_FILE = {"ad.auth.cache.file", "/var/lib/zanthe/logins",
-                                                       "where hashes of passwords are kept for that"};
-inline constexpr Setting SETTING_AD_AUTH_CACHE_MAX_AGE = {
-    "ad.auth.cache.max.age", "168", "hours after which an earlier log-in no longer counts"};
+                                                       "the file with the hashes of these log-ins"};
+inline constexpr Setting SETTING_AD_AUTH_CACHE_MAX_AGE = {"ad.auth.cache.max.age", "168",
+                                                          "hours after which a remembered log-in ends"};
 inline constexpr Setting SETTING_AD_AUTH_CACHE_ATTEMPTS = {
-    "ad.auth.cache.attempts", "5", "wrong passwords in a row after which it no longer counts either"};
+    "ad.auth.cache.attempts", "5", "wrong passwords in a row after which a remembered log-in ends"};
 
 // All of the above.
 std::span<const Setting> knownSettings();

@@ -139,8 +139,8 @@ class Check {
                                   [&](Entry&& entry) { entries.push_back(std::move(entry)); });
         if (!status.ok()) {
             wrong(name + " does not answer: " + status.text,
-                  "see that it runs, that no firewall is between, and with TLS that ad.tls.ca holds the "
-                  "authority of its certificate and the certificate its name");
+                  "see that it runs and that no firewall is between; with TLS, see that ad.tls.ca holds the "
+                  "authority of its certificate, and that the certificate holds its name");
             return false;
         }
         ok(name + " answers");
@@ -170,8 +170,8 @@ class Check {
         }
         wrong("the domain does not let the agent in: " + status.text,
               m_options.transport == Transport::Gssapi
-                  ? "join the domain anew when the machine's password has changed; name controllers as their "
-                    "tickets do, not by address; see that the clocks agree"
+                  ? "join the domain again if the machine's password has changed; name controllers by "
+                    "their DNS names, not by address; see that the clocks agree"
                   : "check ad.bind.name and its password");
         return false;
     }
