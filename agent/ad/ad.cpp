@@ -64,6 +64,10 @@ Result ambiguous(const NamedEntries& found) {
     return refusedUnseen("the name means more than one object: " + dns);
 }
 
+Verdict verdictOf(const Expected<Accepted, LdapFailure>& accepted) {
+    return accepted ? Verdict(*accepted) : loginFailure(accepted.error());
+}
+
 // Somebody whom no directory holds.
 Entry nobody(const Domain& domain) {
     std::random_device random;
@@ -288,7 +292,7 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
 
 Verdict AdDirectory::checkAccount(const Login& login, const Entry& account, const Deadline& deadline) {
     if (m_options.transport != Transport::Gssapi)
-        return login.domain->tryPassword(account.dn, login.password, deadline);
+        return verdictOf(login.domain->tryPassword(account.dn, login.password, deadline));
     KdcConversation kdc([this](const std::string& realm) { return m_forest.controllersOf(realm); }, deadline);
     const PasswordCheck check = checkPassword(m_options, kdc, std::string(account.first("sAMAccountName")),
                                               login.domain->name(), login.password);

@@ -112,9 +112,9 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
     }
 }
 
-Verdict loginFailure(const LdapStatus& status) {
-    if (status.code != LDAP_INVALID_CREDENTIALS) return resultOf(status);
-    switch (reasonIn(status.text)) {
+Verdict loginFailure(const LdapFailure& failure) {
+    if (failure.code != LDAP_INVALID_CREDENTIALS) return resultOf(failure);
+    switch (reasonIn(failure.text)) {
         case 0x525:
             return noSuchUser();
         case 0x530:

@@ -4,7 +4,8 @@
 #include <ctime>
 #include <optional>
 
-#include "agent/ad/net/link.h"
+#include "agent/ad/entry.h"
+#include "agent/ad/failure.h"
 #include "agent/ad/net/tickets.h"
 #include "agent/directory/directory.h"
 
@@ -19,7 +20,7 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
 
 // Why a check by a bind came to nothing. Controllers put the reason into the text, as
 // "data 52e".
-Verdict loginFailure(const LdapStatus& status);
+Verdict loginFailure(const LdapFailure& failure);
 
 // A refusal where the entry says something of the account's state that cannot be read.
 std::optional<Result> unreadableState(const Entry& account);

@@ -79,14 +79,14 @@ TEST(LoginResult, NothingThatWentWellProvesAPassword) {
     const Entry plain = account({});
     EXPECT_EQ(outcome(loginResult(PasswordCheck(), plain, 0)),
               "8 3 0 the password could not be checked | the password could not be checked: ");
-    EXPECT_EQ(outcome(loginFailure(LdapStatus())), "8 1 8 the password was not checked");
+    EXPECT_FALSE(loginFailure(LdapFailure(LDAP_SUCCESS, "")).accepted());
     EXPECT_EQ(outcome(Verdict(Result())), "8 1 8 the password was not checked");
     EXPECT_EQ(outcome(Verdict(Result::ldap(VEX_WRONG_PASSWORD, LDAP_SUCCESS, ""))),
               "8 1 8 the password was not checked");
     static_assert(!std::is_default_constructible_v<Verdict>);
     static_assert(!std::is_default_constructible_v<Accepted>);
     static_assert(!std::is_aggregate_v<Accepted>);
-    static_assert(!std::is_constructible_v<Verdict, bool> && !std::is_constructible_v<Verdict, LdapStatus>);
+    static_assert(!std::is_constructible_v<Verdict, bool> && !std::is_constructible_v<Verdict, LdapFailure>);
 }
 
 TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
@@ -96,10 +96,10 @@ TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
 }
 
 TEST(LoginResult, AClientLearnsNoAddress) {
-    const LdapStatus lost{LDAP_SERVER_DOWN, "192.0.2.1 port 389: refused", true};
+    const LdapFailure lost{LDAP_SERVER_DOWN, "192.0.2.1 port 389: refused", true};
     EXPECT_EQ(resultOf(lost).errText, "the domain is out of reach");
     EXPECT_EQ(resultOf(lost).detail, lost.text);
-    const LdapStatus refused{LDAP_INSUFFICIENT_ACCESS, "00002098: SecErr, dc1.example.com"};
+    const LdapFailure refused{LDAP_INSUFFICIENT_ACCESS, "00002098: SecErr, dc1.example.com"};
     EXPECT_EQ(resultOf(refused).errText, "Insufficient access");
     EXPECT_EQ(resultOf(refused).detail, refused.text);
     EXPECT_EQ(resultOf(outOfTime()).errText, "the time for the request is up");
@@ -136,16 +136,16 @@ TEST(LoginResult, OfABind) {
         {"xyz", "14 2 49 wrong password"},
     };
     for (const auto& [data, expected] : cases)
-        EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
-    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_SERVER_DOWN, "gone", true})),
+        EXPECT_EQ(outcome(loginFailure(LdapFailure{LDAP_INVALID_CREDENTIALS, text(data)})), expected) << data;
+    EXPECT_EQ(outcome(loginFailure(LdapFailure{LDAP_SERVER_DOWN, "gone", true})),
               "12 2 -1 the domain is out of reach | gone");
-    EXPECT_EQ(outcome(loginFailure(LdapStatus{LDAP_STRONG_AUTH_REQUIRED, "stronger"})),
+    EXPECT_EQ(outcome(loginFailure(LdapFailure{LDAP_STRONG_AUTH_REQUIRED, "stronger"})),
               "8 2 8 Strong(er) authentication required | stronger");
 }
 
 TEST(LoginResult, ATextWithoutAReasonIsAWrongPassword) {
     for (const char* text : {"", "Invalid credentials", "data", "data ", "data  533", "533"})
-        EXPECT_EQ(loginFailure(LdapStatus{LDAP_INVALID_CREDENTIALS, text}).code(), VEX_WRONG_PASSWORD)
+        EXPECT_EQ(loginFailure(LdapFailure{LDAP_INVALID_CREDENTIALS, text}).code(), VEX_WRONG_PASSWORD)
             << text;
 }
 

@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "agent/ad/filters.h"
+#include "agent/ad/net/ranges.h"
 #include "agent/directory/identifiers.h"
 #include "vex/vex.h"
 #include "vorn/dn.h"

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/ad/entry.h"
 #include "agent/ad/ids.h"
-#include "agent/ad/net/link.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {
@@ -33,17 +33,5 @@ std::string memberName(const Entry& entry, const Ids& ids);
 enum class Part { Whole, OfCatalog };
 Object makeObject(const Entry& entry, const View& view, const Ids& ids,
                   const std::vector<std::string>* members, Part part = Part::Whole);
-
-// "member;range=0-1499": the values of a large attribute come in parts. first is
-// the next part's first value; it is 0 when this part is the last.
-struct RangedName {
-    std::string name;
-    std::size_t next = 0;
-};
-bool parseRange(const std::string& text, RangedName& ranged);
-
-// Reads the parts that an entry lacks, and gives the attributes their plain names.
-LdapStatus readRanges(Link& link, Entry& entry, const Deadline& deadline);
-bool hasRanges(const Entry& entry);
 
 }  // namespace vexagent

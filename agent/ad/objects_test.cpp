@@ -19,31 +19,6 @@ const Ids& idsOn() {
     return ids;
 }
 
-TEST(Range, TellsWhetherMoreFollows) {
-    const struct {
-        const char* text;
-        bool isRange;
-        const char* name;
-        std::size_t next;
-    } cases[] = {
-        {"member;range=0-1499", true, "member", 1500},
-        {"member;Range=1500-*", true, "member", 0},
-        {"memberOf;range=0-0", true, "memberOf", 1},
-        {"member", false, "", 0},
-        {"member;binary", false, "", 0},
-        {"member;range=0", false, "", 0},
-        {"member;range=0-x", false, "", 0},
-        {"member;range=0-99999999999999999999", false, "", 0},
-    };
-    for (const auto& [text, isRange, name, next] : cases) {
-        RangedName ranged;
-        EXPECT_EQ(parseRange(text, ranged), isRange) << text;
-        if (!isRange) continue;
-        EXPECT_EQ(ranged.name, name) << text;
-        EXPECT_EQ(ranged.next, next) << text;
-    }
-}
-
 const Ids& noIds() {
     static const Ids ids(IdOptions{}, "");
     return ids;
@@ -173,25 +148,6 @@ TEST(AdObject, MadeIdsFillOnlyGaps) {
     EXPECT_EQ(memberName(bare, idsOn()), "ann");
     numbered.attributes.push_back({"uid", {"annie"}});
     EXPECT_EQ(memberName(numbered, noIds()), "annie");
-}
-
-TEST(Range, AnEndBeyondAnyAttributesValuesIsNone) {
-    RangedName ranged;
-    EXPECT_TRUE(parseRange("member;range=0-5000000", ranged));
-    EXPECT_EQ(ranged.next, 5'000'001u);
-    EXPECT_FALSE(parseRange("member;range=0-5000001", ranged));
-}
-
-TEST(Range, TheNameKeepsItsCaseAndItsOptions) {
-    RangedName ranged;
-    ASSERT_TRUE(parseRange("memberOf;binary;RANGE=0-9", ranged));
-    EXPECT_EQ(ranged.name, "memberOf;binary");
-}
-
-TEST(Range, OneAttributeInPartsIsEnough) {
-    EXPECT_FALSE(hasRanges({"CN=g", {}}));
-    EXPECT_FALSE(hasRanges({"CN=g", {{"member", {"a"}}, {"range", {"b"}}}}));
-    EXPECT_TRUE(hasRanges({"CN=g", {{"cn", {"g"}}, {"member;Range=0-1", {"a"}}}}));
 }
 
 TEST(AttributesAsked, ThoseForMembersOnlyInTheZonesView) {

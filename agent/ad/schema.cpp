@@ -1,5 +1,6 @@
 #include "agent/ad/schema.h"
 
+#include "agent/ad/net/ranges.h"
 #include "agent/ad/objects.h"
 #include "agent/directory/log.h"
 

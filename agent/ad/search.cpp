@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "agent/ad/net/ranges.h"
 #include "agent/ad/net/results.h"
 #include "agent/directory/identifiers.h"
 #include "vex/wire.h"

@@ -4,7 +4,6 @@
 #include <future>
 #include <random>
 
-#include "agent/ad/login.h"
 #include "agent/ad/net/srv.h"
 #include "agent/directory/log.h"
 #include "vorn/dn.h"
@@ -376,8 +375,10 @@ LdapStatus Domain::search(const LdapSearch& search, const Deadline& deadline, st
     });
 }
 
-Verdict Domain::tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
-    if (const LdapStatus status = waitForControllers(deadline); !status.ok()) return loginFailure(status);
+Expected<Accepted, LdapFailure> Domain::tryPassword(const std::string& dn, const std::string& password,
+                                                    const Deadline& deadline) {
+    if (const LdapStatus status = waitForControllers(deadline); !status.ok())
+        return vorn::unexpected(failureOf(status));
     LdapStatus failed = timeIsUp();
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
@@ -390,12 +391,13 @@ Verdict Domain::tryPassword(const std::string& dn, const std::string& password, 
             failed = fault(peer, open, deadline, failed);
             continue;
         }
-        Verdict verdict = link->checkPassword(dn, password, deadline);
-        const bool late = verdict.code() == VEX_UNAVAILABLE && deadline.passed();
-        return late && m_controllers.hasAnsweredSince(peer, deadline.begin()) ? loginFailure(timeIsUp())
-                                                                              : verdict;
+        auto accepted = link->checkPassword(dn, password, deadline);
+        const bool late = !accepted && accepted.error().lost && deadline.passed();
+        if (late && m_controllers.hasAnsweredSince(peer, deadline.begin()))
+            return vorn::unexpected(outOfTime());
+        return accepted;
     }
-    return loginFailure(failed);
+    return vorn::unexpected(failureOf(failed));
 }
 
 LdapStatus Domain::health(const Deadline& deadline) {

@@ -74,7 +74,8 @@ class Domain {
 
     // Whether this is the password of the DN, by a bind on a connection of its own.
     // It is sent to one controller, once.
-    Verdict tryPassword(const std::string& dn, const std::string& password, const Deadline& deadline);
+    Expected<Accepted, LdapFailure> tryPassword(const std::string& dn, const std::string& password,
+                                                const Deadline& deadline);
 
     // Looks for the domain's controllers, anew; takes some seconds where DNS does
     // not answer.

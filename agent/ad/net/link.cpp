@@ -11,7 +11,6 @@
 #include <deque>
 #include <mutex>
 
-#include "agent/ad/login.h"
 #include "agent/ad/net/results.h"
 #include "agent/directory/log.h"
 #include "vorn/own_file.h"
@@ -275,11 +274,13 @@ class BindProof {
     static Accepted make() { return Accepted(); }
 };
 
-Verdict Link::checkPassword(const std::string& dn, const std::string& password, const Deadline& deadline) {
+Expected<Accepted, LdapFailure> Link::checkPassword(const std::string& dn, const std::string& password,
+                                                    const Deadline& deadline) {
     // Whatever a controller makes of a NUL, the part before it is not the password.
-    if (password.find('\0') != std::string::npos) return wrongPassword();
+    if (password.find('\0') != std::string::npos)
+        return vorn::unexpected(LdapFailure(LDAP_INVALID_CREDENTIALS, "a password with a NUL"));
     const LdapStatus status = bind(dn, password, deadline);
-    if (!status.ok()) return loginFailure(status);
+    if (!status.ok()) return vorn::unexpected(failureOf(status));
     return BindProof::make();
 }
 
@@ -487,7 +488,7 @@ LdapStatus Link::search(const LdapSearch& search, const Deadline& deadline, cons
 }
 
 LdapStatus Link::searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
-                           const Visitor& visit) {
+                           const Visitor& visit, std::optional<LdapFailure>* missing) {
     std::deque<Results> underWay;
     std::size_t started = 0;
     for (std::size_t i = 0; i < searches.size(); ++i) {
@@ -497,8 +498,10 @@ LdapStatus Link::searchAll(const std::vector<LdapSearch>& searches, const Deadli
         }
         LdapStatus status = readAll(underWay.front(), deadline, visit);
         underWay.pop_front();
+        if (isMissing(status) && missing != nullptr) *missing = failureOf(status);
         if (status.ok() || isMissing(status)) continue;
-        m_lost = true;  // answers to the others are on their way
+        // Answers to the others are on their way.
+        m_lost = m_lost || !underWay.empty();
         return status;
     }
     return {};

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,7 +81,8 @@ class Link {
     Link& operator=(const Link&) = delete;
 
     // Whether this is the password of the DN: asks once. Only on a connection with TLS.
-    Verdict checkPassword(const std::string& dn, const std::string& password, const Deadline& deadline);
+    Expected<Accepted, LdapFailure> checkPassword(const std::string& dn, const std::string& password,
+                                                  const Deadline& deadline);
 
     // Asks for a page of the results, an empty cookie meaning the first one; for all
     // of them where the page's size is 0. id names the operation; several may be
@@ -97,9 +99,9 @@ class Link {
     LdapStatus search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit);
 
     // Several searches with as many under way as is of use. A base that is not there
-    // finds nothing.
+    // finds nothing; missing becomes what was said of the last one.
     LdapStatus searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
-                         const Visitor& visit);
+                         const Visitor& visit, std::optional<LdapFailure>* missing = nullptr);
 
     // Whether the controller answers.
     LdapStatus probe(const Deadline& deadline);
