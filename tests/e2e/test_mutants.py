@@ -1,5 +1,6 @@
 """tools/mutants: what it changes, what it leaves alone, what it counts."""
 import importlib.util
+import subprocess
 import sys
 
 import pytest
@@ -7,7 +8,7 @@ import pytest
 from gateway import ROOT
 
 sys.path.insert(0, str(ROOT / "tools"))
-from mutation import equivalents  # noqa: E402
+from mutation import equivalents, switched  # noqa: E402
 from mutation.share import bound  # noqa: E402
 
 pytestmark = pytest.mark.embedded
@@ -29,6 +30,14 @@ int count(const std::string& text, bool whole) {
 bool empty(const std::string& text) { return text == ""; }
 std::string twice(const std::string& text) { return text + text; }
 int none() { return {}; }
+"""
+USER = """
+#include <iostream>
+#include <string>
+int count(const std::string& text, bool whole);
+bool empty(const std::string& text);
+std::string twice(const std::string& text);
+int main() { std::cout << count("abcdefghijX", false) << ' ' << empty("x") << ' ' << twice("xy") << std::endl; }
 """
 CHANGES = [
     (6, "0 -> 1"), (8, "< -> <="), (8, "< -> >="), (8, "continue -> dropped"), (9, "++found -> dropped"),
@@ -62,6 +71,54 @@ if importlib.util.find_spec("clang") is not None:  # what only developers instal
         path.write_text(SOURCE.replace("9", "10"), encoding="utf-8")
         assert points.points_of(path, "source.cpp", command, tmp_path / "points") != first
         assert kept.exists()
+
+    def test_a_file_stands_for_all_of_its_changes(tmp_path):
+        from mutation import points
+        path, command = tmp_path / "source.cpp", "c++ -std=c++20 -c source.cpp -o source.o"
+        path.write_text(SOURCE, encoding="utf-8")
+        numbered = dict(enumerate(points.parse(path, "source.cpp", command), 1))
+        assert not [point for point in numbered.values() if not point.body]
+        assert set(switched.function_of(numbered).values()) == {first(numbered, line) for line in (6, 15, 16)}
+
+        (tmp_path / "all.cpp").write_bytes(switched.source_with(SOURCE.encode(), "source.cpp", numbered))
+        (tmp_path / "main.cpp").write_text(USER, encoding="utf-8")
+        made = ["c++", "-std=c++20", "-w", "main.cpp", "all.cpp", ROOT / "tools/mutation/chosen.cpp", "-o", "all"]
+        subprocess.run(made, cwd=tmp_path, check=True)
+
+        def says(**environment):
+            return subprocess.run([tmp_path / "all"], env=environment, capture_output=True, text=True, check=True).stdout
+        assert says() == "10 0 xyxy\n"
+        dropped, negated, empty = (number for number, point in numbered.items() if point.change in (
+            "continue -> dropped", 'text == "" -> negated', "text + text -> {}"))
+        assert says(MUTATION_CHANGE=str(dropped)) == "11 0 xyxy\n"
+        assert says(MUTATION_CHANGE=str(negated)) == "10 1 xyxy\n"
+        assert says(MUTATION_CHANGE=str(empty)) == "10 0 \n"
+
+        says(MUTATION_REACHED=str(tmp_path / "reached"))
+        assert switched.tests_of((tmp_path / "reached").read_text(encoding="utf-8")) == (
+            {first(numbered, line): ["*"] for line in (6, 15, 16)}, [])
+
+    def test_a_change_that_does_not_compile_is_left_out(tmp_path):
+        from mutation import points
+        path, text = tmp_path / "source.cpp", SOURCE + "struct Whole { Whole(int); }; Whole whole() { return Whole(7); }\n"
+        path.write_text(text, encoding="utf-8")
+        numbered = dict(enumerate(points.parse(path, "source.cpp", "c++ -std=c++20 -c source.cpp -o source.o"), 1))
+        (wrong,) = (number for number, point in numbered.items() if point.change == "Whole(7) -> {}")
+
+        def complaints(*left_out):
+            path.write_bytes(switched.source_with(text.encode(), "source.cpp", numbered, left_out))
+            return subprocess.run(["c++", "-std=c++20", "-w", "-fsyntax-only", path], capture_output=True, text=True).stderr
+        assert switched.at_fault(complaints()) == {wrong}
+        assert complaints(wrong) == ""
+
+
+def first(numbered, line):
+    return min(number for number, point in numbered.items() if point.line >= line)
+
+
+def test_who_reaches_a_function():
+    told = "* 1 2\nA.b 1 3\n!A.fails 4\nC.d 3\n* 5\n"
+    assert switched.tests_of(told) == ({1: ["A.b"], 2: ["*"], 3: ["A.b", "C.d"], 5: ["*"]}, ["A.fails"])
 
 
 @pytest.mark.parametrize("survivors, tried, share", [(0, 600, 0.00498), (3, 600, 0.01286), (6, 600, 0.01964), (7, 7, 1.0)])

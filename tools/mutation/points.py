@@ -14,6 +14,8 @@ from clang.cindex import CursorKind, TypeKind
 
 BOUNDARY = {"<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 OPPOSITE = {"<": ">=", "<=": ">", ">": "<=", ">=": "<", "==": "!=", "!=": "==", "&&": "||", "||": "&&"}
+FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE, CursorKind.CONVERSION_FUNCTION,
+             CursorKind.CONSTRUCTOR, CursorKind.DESTRUCTOR)
 CONDITIONS = (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.FOR_STMT, CursorKind.CXX_FOR_RANGE_STMT)
 BODIES = CONDITIONS + (CursorKind.DO_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 SIGNED = (CursorKind.BINARY_OPERATOR, CursorKind.CALL_EXPR)  # a call: of an overloaded operator
@@ -30,6 +32,7 @@ class Point:
     change: str  # "old -> new", blanks folded
     line: int
     text: str  # the line, without the blanks around it
+    body: tuple = ()  # where the function's body around it begins and ends; none for what no function holds
 
     def applied(self, source):
         return source[:self.offset] + self.new.encode() + source[self.offset + self.length:]
@@ -52,6 +55,7 @@ class Finder:
         self.lines = source.decode(errors="replace").splitlines()
         self.points = []
         self.results = []  # the result types of the functions around the cursor
+        self.body = ()  # of the outermost function around the cursor
 
     def text(self, start, end):
         return self.source[start:end].decode(errors="replace")
@@ -62,7 +66,8 @@ class Finder:
     def add(self, start, end, new, what=None):
         line = self.source.count(b"\n", 0, start) + 1
         change = f"{fold(self.text(start, end))} -> {what or new}"
-        self.points.append(Point(self.file, start, end - start, new, change, line, self.lines[line - 1].strip()))
+        inside = self.body if self.body and self.body[0] < start < self.body[1] else ()
+        self.points.append(Point(self.file, start, end - start, new, change, line, self.lines[line - 1].strip(), inside))
 
     def replace(self, cursor, new, what=None):
         start, end = cursor.extent.start.offset, cursor.extent.end.offset
@@ -184,13 +189,23 @@ class Finder:
     def firstExpression(cursor):
         return next((child for child in cursor.get_children() if child.kind.is_expression()), None)
 
+    def body_of(self, cursor):
+        """Of a function that runs: none for one of which the compiler may have to know the result."""
+        for child in cursor.get_children():
+            if child.kind == CursorKind.COMPOUND_STMT:
+                start, end = child.extent.start.offset, child.extent.end.offset
+                head = self.text(cursor.extent.start.offset, start)
+                return () if re.search(r"\b(constexpr|consteval)\b", head) else (start, end)
+        return ()
+
     def inside(self, cursor):
         """What stands below: not what other files hold, nor what is checked at compile time."""
         if cursor.kind == CursorKind.STATIC_ASSERT:
             return
-        function = cursor.result_type if cursor.kind in (
-            CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE,
-            CursorKind.CONVERSION_FUNCTION) else None
+        function = cursor.result_type if cursor.kind in FUNCTIONS else None
+        outermost = cursor.kind in FUNCTIONS and not self.body
+        if outermost:
+            self.body = self.body_of(cursor)
         if cursor.kind == CursorKind.LAMBDA_EXPR:
             function = cindex.Type()  # not known here: no result is replaced
             function._kind_id = TypeKind.INVALID.value
@@ -203,6 +218,8 @@ class Finder:
             self.walk(child, cursor)
         if function is not None:
             self.results.pop()
+        if outermost:
+            self.body = ()
 
 
 def flags_of(command):
@@ -236,7 +253,7 @@ def points_of(path, file, command, cache):
                          + shlex.join(flags_of(command)).encode()).hexdigest()[:32]
     kept = pathlib.Path(cache) / f"{key}.json"
     if kept.exists():
-        return [Point(**one) for one in json.loads(kept.read_text(encoding="utf-8"))]
+        return [Point(**{**one, "body": tuple(one["body"])}) for one in json.loads(kept.read_text(encoding="utf-8"))]
     points = parse(path, file, command)
     kept.parent.mkdir(parents=True, exist_ok=True)
     kept.write_text(json.dumps([dataclasses.asdict(point) for point in points]), encoding="utf-8")

@@ -1,7 +1,7 @@
-"""The unit tests of a build: what each is linked from, and how it is run with one object changed.
+"""The unit tests of a build: what each is linked from, and how it is run with a file changed.
 
-Nothing of the build is touched: a changed file is compiled to an object of its own, and
-linked, instead of the original, into a test of its own.
+Nothing of the build is touched: changed files are compiled to objects of their own, and
+linked, instead of the originals, into tests of their own.
 """
 import ctypes
 import dataclasses
@@ -15,11 +15,13 @@ import signal
 import subprocess
 import time
 
-LEAST_SECONDS = 20.0  # that a test may take, however quick it is
+HERE = pathlib.Path(__file__).resolve().parent
+LEAST_SECONDS = 5.0  # that tests may take, however quick they are
+SLOWDOWN = 10  # how many times as long as usual they may take
+STACK = 64 << 20  # a function's changes share one frame
 # Fresh memory is not empty, and what is written behind a block ends the test: the sanitizers'
 # runs of the same tests would see more.
 MEMORY = {"LD_PRELOAD": "libc_malloc_debug.so.0", "GLIBC_TUNABLES": "glibc.malloc.check=3:glibc.malloc.perturb=165"}
-SLOWDOWN = 8  # how many times as long as usual a test may take
 
 
 class NotBuilt(Exception):
@@ -30,9 +32,17 @@ class NotBuilt(Exception):
 class Program:
     target: str  # below the build folder
     link: list  # the words of its link command
-    objects: set  # that it holds, archives included
+    archives: dict  # of those in the link command that the build makes, the objects
     arguments: list
-    seconds: float = 0.0
+
+    @property
+    def is_google(self):
+        return any("gtest" in word for word in self.link)
+
+    @property
+    def objects(self):
+        """What it may hold: of an archive the linker takes only what is missed."""
+        return {one for word in self.link for one in self.archives.get(word, [word])}
 
 
 def outputs(tool, *arguments):
@@ -69,35 +79,30 @@ class Build:
                 archives[made[1]] = made[2].split()
         link = next(line for line in reversed(lines) if f" -o {target} " in line)
         words = next(shlex.split(part) for part in link.split("&&") if f" -o {target} " in part)
-        objects = set()
-        for word in words:
-            objects.update(archives.get(word, [word] if word.endswith(".o") else []))
-        return Program(target, words, objects, arguments)
+        return Program(target, words, archives, arguments)
 
     def object_of(self, path):
         return self.compiles[str(path)][1]
 
-    def programs_of(self, path):
-        """Those that hold the file, the nearest first, the quickest of each kind before the others."""
-        held, folder = self.object_of(path), os.path.relpath(path.parent, self.root)
-        return sorted((one for one in self.programs if held in one.objects),
-                      key=lambda one: (not one.target.startswith(folder + "/"), one.seconds))
+    def nearest(self, path):
+        """The programs, those beside the file first."""
+        folder = os.path.relpath(path.parent, self.root)
+        return sorted(self.programs, key=lambda one: not one.target.startswith(folder + "/"))
 
 
 class Bench:
-    """A place to build and run in: one for each change that is tried at a time."""
+    """A place to build and run in: one for each job."""
 
     def __init__(self, build, folder, tree):
         self.build, self.folder, self.tree = build, pathlib.Path(folder), pathlib.Path(tree)
         self.scratch = self.folder / "tmp"
         self.scratch.mkdir(parents=True, exist_ok=True)
 
-    def run(self, words, seconds, cwd, **environment):
+    def run(self, words, seconds, cwd, errors=subprocess.DEVNULL, **environment):
         """Whether a command succeeds in the time."""
         process = subprocess.Popen(words, cwd=cwd, env={**os.environ, "TMPDIR": str(self.scratch), **environment},
-                                   start_new_session=True,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                   preexec_fn=limit)
+                                   start_new_session=True, preexec_fn=limit,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=errors)
         try:
             return process.wait(seconds) == 0
         except subprocess.TimeoutExpired:
@@ -109,47 +114,55 @@ class Bench:
                 pass
             process.wait()
 
-    def compile(self, path, source):
-        """The object of a file with this source."""
-        command, original = self.build.compiles[str(path)]
-        copy, made = self.folder / path.name, self.folder / "changed.o"
+    def compile(self, path, source, made):
+        """Makes an object of a file with this source. What the compiler says; nothing when all is well."""
+        command, _ = self.build.compiles[str(path)]
+        copy, complaints = made.with_suffix(path.suffix), made.with_suffix(".err")
         copy.write_bytes(source)
         words = [word for word in shlex.split(command) if word not in ("-Werror", "-g", "-O2")]
         words[words.index("-o") + 1] = str(made)
         words[words.index("-c") + 1] = str(copy)
-        if not self.run([*words, "-O0", "-w"], 300, self.build.folder):
-            raise NotBuilt("does not compile")
-        return original, made
+        with open(complaints, "w", encoding="utf-8") as errors:
+            good = self.run([*words, "-O0", "-w"], 900, self.build.folder, errors)
+        return "" if good else complaints.read_text(encoding="utf-8") or "no object"
 
-    def link(self, program, original, made):
-        """The program with the object in the original's place. What stands before an archive
-        makes the archive's member of the same symbols superfluous."""
-        test = self.folder / "changed_test"
-        words = [str(made) if word == original else word for word in program.link]
-        if str(made) not in words:
-            words.insert(words.index("-o"), str(made))
+    def chosen(self, is_google):
+        """The object that chooses between the changes."""
+        made = self.folder / f"chosen{int(is_google)}.o"
+        flags = ["-DMUTATION_GTEST"] if is_google else []
+        if not made.exists() and not self.run(["c++", "-std=c++20", "-O2", *flags, "-c", str(HERE / "chosen.cpp"),
+                                               "-o", str(made)], 300, self.folder):
+            raise NotBuilt("chosen.cpp does not compile")
+        return made
+
+    def link(self, program, changed, test):
+        """The program with other objects (original: changed), by the fastest linker that there is."""
+        words = []
+        for word in program.link:
+            if changed.keys() & set(program.archives.get(word, ())):
+                word = self.archive(word, [changed.get(one, one) for one in program.archives[word]])
+            words.append(str(changed.get(word, word)))
         words[words.index("-o") + 1] = str(test)
-        if not self.run(words, 300, self.build.folder):
-            raise NotBuilt("does not link")
+        words.insert(words.index("-o"), str(self.chosen(program.is_google)))
+        if not self.run([*words, "-fuse-ld=lld"], 300, self.build.folder) and not self.run(words, 300, self.build.folder):
+            raise NotBuilt(f"{program.target} does not link")
         return test
 
-    def passes(self, program, test):
-        fast = program.arguments or ["--gtest_fail_fast", "--gtest_brief=1"]
-        return self.run([str(test), *fast], max(LEAST_SECONDS, SLOWDOWN * program.seconds), self.tree, **MEMORY)
+    def archive(self, name, objects):
+        made = self.folder / pathlib.Path(name).name
+        made.unlink(missing_ok=True)
+        if not self.run(["ar", "qcs", str(made), *map(str, objects)], 300, self.build.folder):
+            raise NotBuilt(f"{name} is not made")
+        return str(made)
 
-    def measure(self, program):
-        """Notes how long the program takes as it is. Whether it passes."""
-        start = time.monotonic()
-        program.seconds = LEAST_SECONDS
-        passed = self.passes(program, self.build.folder / program.target)
-        program.seconds = time.monotonic() - start
-        return passed
-
-    def survives(self, path, source):
-        """Whether every test that holds the file passes with this source."""
-        original, made = self.compile(path, source)
-        return all(self.passes(program, self.link(program, original, made))
-                   for program in self.build.programs_of(path))
+    def passes(self, program, test, selected, seconds, **environment):
+        """Whether the tests of a program pass: the selected ones (all of them by "*") in the time."""
+        if program.is_google:
+            words = ["--gtest_brief=1", f"--gtest_filter={':'.join(selected)}"]
+            words += ["--gtest_fail_fast"] if selected != ["*"] else []
+        else:
+            words = program.arguments
+        return self.run([str(test), *words], seconds, self.tree, **MEMORY, **environment)
 
 
 def limit():
@@ -158,3 +171,5 @@ def limit():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 30, 1 << 30))
     resource.setrlimit(resource.RLIMIT_DATA, (8 << 30, 8 << 30))
+    most = resource.getrlimit(resource.RLIMIT_STACK)[1]
+    resource.setrlimit(resource.RLIMIT_STACK, (most if 0 <= most < STACK else STACK, most))

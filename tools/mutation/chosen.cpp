@@ -1,0 +1,88 @@
+// Linked into the tests that tools/mutants runs: which change is in force, and who reaches what.
+//
+// MUTATION_CHANGE is the number of the change; without it the code is as it stands. With
+// MUTATION_REACHED, a file's name, a line is added to that file for each test that has ended:
+// its name ("!" before it when it has failed) and the functions that it, or what its suite sets
+// up, has called; one by the name "*" tells what was called outside of any test.
+#include <sys/mman.h>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#ifdef MUTATION_GTEST
+#include <gtest/gtest.h>
+#endif
+
+namespace {
+
+constexpr int kFunctions = 1 << 16;
+
+/// Shared with the children that a test forks.
+unsigned char* memory() {
+    return static_cast<unsigned char*>(
+        mmap(nullptr, kFunctions, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+}
+
+unsigned char* reached() {
+    static unsigned char* const functions = memory();
+    return functions;
+}
+
+void clear() {
+    std::fill_n(reached(), kFunctions, 0);
+}
+
+void tell(const char* test) {
+    FILE* file = std::fopen(std::getenv("MUTATION_REACHED"), "a");
+    std::fprintf(file, "%s", test);
+    for (int i = 0; i < kFunctions; ++i)
+        if (reached()[i]) std::fprintf(file, " %d", i);
+    std::fputc('\n', file);
+    std::fclose(file);
+}
+
+#ifdef MUTATION_GTEST
+
+class Recorder : public testing::EmptyTestEventListener {
+    void OnTestSuiteStart(const testing::TestSuite&) override {
+        tell("*");
+        clear();
+        m_suiteBegins = true;
+    }
+    void OnTestStart(const testing::TestInfo&) override {
+        if (m_suiteBegins) std::copy_n(reached(), kFunctions, m_ofSuite);
+        m_suiteBegins = false;
+        std::copy_n(m_ofSuite, kFunctions, reached());
+    }
+    void OnTestEnd(const testing::TestInfo& test) override {
+        const std::string name = std::string(test.test_suite_name()) + "." + test.name();
+        tell(test.result()->Passed() ? name.c_str() : ("!" + name).c_str());
+        clear();
+    }
+
+    bool m_suiteBegins = false;
+    unsigned char m_ofSuite[kFunctions] = {};
+};
+
+const bool gRecords = [] {
+    if (std::getenv("MUTATION_REACHED") != nullptr)
+        testing::UnitTest::GetInstance()->listeners().Append(new Recorder);
+    return true;
+}();
+
+#endif
+
+[[gnu::destructor]] void atEnd() {
+    if (std::getenv("MUTATION_REACHED") != nullptr) tell("*");
+}
+
+}  // namespace
+
+extern "C" int mutation_change(int function) {
+    static const int change = [] {
+        const char* number = std::getenv("MUTATION_CHANGE");
+        return number == nullptr ? 0 : std::atoi(number);
+    }();
+    reached()[function] = 1;
+    return change;
+}
