@@ -78,7 +78,7 @@ void receiveFrame(std::span<const std::uint8_t> stream) {
     ::close(ends[1]);
     const vex::Endpoint endpoint{"", vex::Milliseconds(1000)};
     vex::Connection connection(endpoint, ends[0]);
-    const auto bytes = connection.receive(vex::Deadline(endpoint.timeout));
+    const auto bytes = connection.receive(endpoint.deadline());
     must(bytes.size() <= stream.size() || !sent);
     if (!bytes.empty()) readResponse(bytes);
 }
