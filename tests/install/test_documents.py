@@ -1,6 +1,7 @@
 """The documents agree with each other and with what they describe."""
 import re
 import subprocess
+import xml.etree.ElementTree as ElementTree
 
 import pytest
 
@@ -79,3 +80,10 @@ def test_the_changelog_s_last_version_is_the_one_that_is_built():
     built = subprocess.run([BUILD / "agent/vexagent", "--version"], check=True, capture_output=True, text=True).stdout
     assert listed[0] == "Unreleased"
     assert listed[1] in built.split()
+
+
+@pytest.mark.parametrize("picture", sorted((ROOT / "docs").glob("*.svg")), ids=lambda picture: picture.name)
+def test_every_picture_can_be_shown_and_is(picture):
+    root = ElementTree.parse(picture).getroot()
+    assert root.tag == "{http://www.w3.org/2000/svg}svg" and root.get("aria-label")
+    assert any(f"]({picture.name})" in page.read_text(encoding="utf-8") for page in (ROOT / "docs").glob("*.md"))
