@@ -48,8 +48,8 @@ void preferCachedAuthentication(vexSession* session) {
     vexSetOption(session, VEX_OPTION_ALLOW_CACHED, &kOn, sizeof kOn);
 }
 
-// Behind a NUL nobody reads on: such a name would pass for another's, such a password
-// for its first part.
+// Texts are read up to a NUL. So a name with a NUL could be taken for another name, and a
+// password with a NUL for its first part.
 bool holdsNul(const berval& text) {
     return text.bv_val != nullptr && std::memchr(text.bv_val, '\0', text.bv_len) != nullptr;
 }

@@ -112,9 +112,8 @@ void CredManager::addCreds(unsigned long connection, const std::string& dn, std:
     JPrintf("vex bind : Cache credential for '%s' creation success", dn.c_str());
 }
 
-// Takes over what was made of one DN. All that takes memory has been made by now: nothing
-// here can fail halfway. What is replaced is left to the caller, and destroyed with the
-// rest.
+// Takes over what was made for one DN. All memory that it takes has been allocated before,
+// so nothing here can fail halfway. The caller destroys what is replaced, with the rest.
 CredManager::t_bind_info& CredManager::install(Binds* fresh, Order* place) {
     const auto made = fresh->begin();
     const auto present = m_binds.find(made->first);

@@ -1,8 +1,8 @@
 // The credential cache: who was validated with which password, for a while.
 //
 // Passwords are never kept, only salted {SHA} hashes. A credential lives until
-// the last connection that used it closes, and vouches for its password for
-// gCredExpire seconds. Beyond gCredMax of them the one least recently used goes.
+// the last connection that used it closes. It confirms its password for gCredExpire
+// seconds. Of more than gCredMax credentials the least recently used one goes.
 #pragma once
 
 #include <cstdint>
@@ -49,10 +49,10 @@ class CredManager {
     struct Credential;
     using Order = std::list<const std::string*>;
 
-    // Who holds a DN's credential. Each bind is one element; a connection that closes takes
-    // back one of those of the DN that it bound with last, and what is left of elements then
-    // keeps the credential. So of a connection that is open the number counts, and what no
-    // closing can take back any more is as good as one element of nobody's.
+    // Who holds a DN's credential. Each bind is one element. A connection that closes takes
+    // back one element, of the DN that it bound with last. The elements that are left keep
+    // the credential. So the number of binds counts for each open connection. Elements that
+    // no connection can take back any more count as one element that belongs to nobody.
     struct Holders {
         std::size_t connections = 0;  // whose last DN it is
         bool forGood = false;

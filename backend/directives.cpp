@@ -40,8 +40,8 @@ bool equals(const char* a, const char* b) {
     return strcasecmp(a, b) == 0;
 }
 
-// Says what is wrong. slapd's debug log has it when slapd shows one; otherwise
-// the administrator would see nothing, so it goes to the error log.
+// Says what is wrong: in slapd's debug log when slapd shows one, otherwise in the error
+// log, so that the administrator sees it.
 int refuse(const Place& place, const std::string& complaint) {
     const std::string text =
         std::string(place.fileName) + ": line " + std::to_string(place.line) + ": " + complaint;
@@ -83,9 +83,9 @@ bool setReal(float* setting, const char* value) {
     return true;
 }
 
-// A number of bytes, in units of 1,024 and its powers where a letter says so. The word
-// is read whole: where other numbers are read in a lax way, a slip here would cost a
-// machine its memory.
+// A number of bytes. A letter at its end multiplies it by 1,024 or a power of that. The
+// whole word must fit, although other numbers are read more freely: a mistake here could
+// take all memory of the machine.
 bool setBytes(std::uint64_t* setting, std::string_view word) {
     static constexpr std::string_view kUnits = "KMG";
     const std::size_t unit =

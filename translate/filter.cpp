@@ -17,7 +17,7 @@
 
 namespace {
 
-// slapd marks a node whose attribute its schema does not know with a further bit.
+// slapd sets a further bit in a node when its schema does not know the attribute.
 ber_tag_t choiceOf(const Filter* node) {
     return node->f_choice & SLAPD_FILTER_MASK;
 }
@@ -184,7 +184,7 @@ void Writer::writeAssertion(const Filter* node) {
     if (!value || !openItem(name)) return;
     const std::size_t start = m_out.size();
     appendEscaped(&m_out, *value);
-    // The map is asked for the value as it stands in the filter; what it gives is
+    // The key in the map is the value as the filter has it. What the map gives is
     // filter text already.
     const auto mapped = m_map == nullptr ? std::nullopt : m_map->find(std::string_view(m_out).substr(start));
     if (mapped) m_out.replace(start, std::string::npos, *mapped);
@@ -192,8 +192,8 @@ void Writer::writeAssertion(const Filter* node) {
     m_out += ')';
 }
 
-// Where case does not count, slapd has made the value lower-case before it hands the
-// filter over; of an attribute that it does not know it leaves the value as it was.
+// slapd makes a value lower-case when case does not count for its attribute. It leaves the
+// value as it was when it does not know the attribute.
 void Writer::noteCase(std::string_view attribute, std::string_view value) {
     if (!m_caseCounts) m_caseCounts = hasUpperCase(value) && !namesClasses(attribute);
 }
@@ -220,7 +220,7 @@ void Writer::writeSubstrings(const Filter* node) {
     m_out += ')';
 }
 
-// The name is not written to the log: it is anything a client likes.
+// The name is not written to the log: a client can send anything as a name.
 void Writer::refuseName() {
     JError("Invalid attribute name in filter");
     throw vorn::VORNException("", 0);

@@ -1,10 +1,9 @@
 // slapd's parsed filters as the agent's filter text.
 //
-// Values are text that ends at its first NUL byte, as the agent's interface takes
-// text: of a value with a NUL inside only what stands before it is translated, and
-// nothing behind it is ever looked at. Names are attribute descriptions (RFC 4512):
-// slapd hands over byte by byte what it cannot take for one, and such bytes would
-// write a filter of their own.
+// A value is text that ends at its first NUL byte, as texts of the agent's interface do.
+// Only what stands before a NUL is translated. What stands after it is never looked at.
+// Names are attribute descriptions (RFC 4512). slapd passes other bytes on as they are,
+// and such bytes could write a filter of their own.
 #pragma once
 
 #include <string>
@@ -14,7 +13,7 @@
 
 #include "backend/base/slapd.h"
 
-// The filter in the agent's vocabulary; possibly empty. objectType may be empty;
+// The filter in the agent's terms; possibly empty. objectType may be empty;
 // a null map renames nothing. Greater-or-equal and less-or-equal become equality.
 // A filter that slapd has computed to be true or false in advance, as an AND or OR
 // without elements is, gives no text. Throws vorn::VORNException (no message,
@@ -22,10 +21,10 @@
 // attribute description, after logging it.
 std::string filter_as_string(std::string_view objectType, const Filter* filter, const vorn::Properties* map);
 
-// The same, and whether upper-case letters in its values count: two such texts that
-// differ in nothing but case may find different objects. slapd hands over in lower case
-// what its schema compares without regard to case, so what is left of upper case counts,
-// save in the names of object classes and categories.
+// The same, and whether upper-case letters in its values count. If they do, two texts that
+// differ only in case may find different objects. slapd makes values lower-case when its
+// schema compares them without regard to case. So an upper-case letter that is left counts,
+// except in names of object classes and categories.
 struct TranslatedFilter {
     std::string text;
     bool caseCounts;

@@ -22,7 +22,7 @@ namespace {
 // Room for the text of a common object.
 constexpr std::size_t kUsualLength = 4096;
 
-// Room for the names of attributes, each with its object's DN, that were complained of.
+// Room for the complaints that were made: names of attributes, each with its object's DN.
 constexpr std::size_t kMostLeftOut = std::size_t{1} << 20;
 
 constexpr char kNoText[] = "<binary data>";
@@ -67,8 +67,7 @@ bool isBinary(const Syntax* syntax) {
     return syntax != nullptr && (syntax->ssyn_flags & SLAP_SYNTAX_BINARY) != 0;
 }
 
-// Whether these bytes, which are not UTF-8, can be no value of the syntax, as they can
-// be none of a text's.
+// Whether bytes that are not UTF-8 are no value of the syntax. They never are for a text.
 bool refuses(Syntax* syntax, std::string_view bytes) {
     if (syntax == nullptr || isBinary(syntax) || syntax->ssyn_validate == nullptr) return false;
     std::string copy(bytes);
@@ -76,7 +75,7 @@ bool refuses(Syntax* syntax, std::string_view bytes) {
     return syntax->ssyn_validate(syntax, &value) != LDAP_SUCCESS;
 }
 
-// Whether slapd would refuse the value, and the entry with it, for bytes that are no text.
+// Whether slapd would refuse the value, and with it the entry, because it is no UTF-8 text.
 bool isUnreadableText(const char* name, const vexBlob& value) {
     if (value.data == nullptr) return false;
     const std::string_view bytes = bytesOf(value);
@@ -214,9 +213,9 @@ void Conversion::writeCnAndParent(const std::string& dn) {
     if (parent.empty()) m_ldif.append(dn);
 }
 
-// A line break in the value that became the "cn=" would let that value write lines
-// of its own into the entry, such as somebody else's uidNumber. Such a DN, the one
-// case that cannot stand in a line, goes base64.
+// The value that became the "cn=" may hold a line break. It could then write lines of its
+// own into the entry, such as somebody else's uidNumber. So a DN with a line break is
+// written in base64.
 void Conversion::protectDn(std::size_t start) {
     if (m_ldif.find('\n', start) == std::string::npos) return;
     const std::string dn = m_ldif.substr(start);
@@ -304,7 +303,7 @@ void Conversion::writeAsItIs(const char* name) {
     }
 }
 
-// One value that slapd cannot take would cost the person all the others.
+// With one value that slapd does not take, the whole person would be lost.
 void Conversion::writeValues(const char* name, const vex::BlobList& values) {
     bool whole = true;
     for (const vexBlob& value : std::span(values.values(), static_cast<std::size_t>(values.count()))) {

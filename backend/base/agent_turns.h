@@ -1,11 +1,10 @@
 // How many requests may wait for the agent at once.
 //
-// A request that waits for the agent holds one of slapd's threads. Were all of them to
-// wait for one that hangs, slapd could answer nobody: not from the cache, not of other
-// databases, not its root DSE. So a share of the threads is all that may wait; whoever
-// comes beyond it is turned away, at once while the agent answers nobody. While it does
-// answer, turns come free all the time, and a busy hour is no reason to refuse: then a
-// request waits for its turn.
+// A request that waits for the agent holds one of slapd's threads. If all threads waited
+// for an agent that hangs, slapd could answer nobody: not from the cache, not for other
+// databases, not its root DSE. So only a share of the threads may wait. A request beyond
+// this share is refused at once while the agent answers nobody. While the agent answers,
+// turns become free all the time. Then a request waits for its turn.
 #pragma once
 
 #include <chrono>
@@ -16,7 +15,7 @@
 
 #include "vex/vex.h"
 
-// What a call to the agent came to when it had no turn: no code of libvex.
+// The result of a call to the agent that had no turn. libvex has no such code.
 inline constexpr vexCode kTooManyWait = -1;
 
 // Safe for use by several threads.
