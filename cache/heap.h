@@ -1,4 +1,4 @@
-// What memory costs on the heap, for books that are kept about it.
+// How many bytes of the heap an allocation takes, for those who count them.
 #pragma once
 
 #include <algorithm>

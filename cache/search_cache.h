@@ -107,9 +107,9 @@ class SearchCacheManager {
     bool negativeExpired(const std::string& key);
 
     // Shares the caller's list (never null), which must not be modified afterwards.
-    // A key that is there keeps its list and its expiry. Not kept is a list of more than
-    // kLongList GUIDs when it is also longer than the most objects: it could only be
-    // answered by looking most of them up again.
+    // A key that is there keeps its list and its expiry. A list is not kept when it has
+    // more than kLongList GUIDs and is longer than the largest number of objects: most of
+    // its objects would have to be looked up again.
     static constexpr std::size_t kLongList = 1000;
     void putList(const std::string& key, std::shared_ptr<GuidList> guids);
     void putList(const std::string& filter, const std::string& baseDn, int scope,

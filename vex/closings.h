@@ -1,4 +1,5 @@
-// Searches that are over, of which the agent could not be told without waiting for it.
+// Searches that are over, but the agent does not know it yet: telling it would have meant
+// waiting.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +15,7 @@ namespace vex {
 // Safe for use by several threads.
 class Closings {
   public:
-    // More than these are forgotten: the agent ends a search by itself that nobody asks for.
+    // More than these are forgotten. The agent itself ends a search that nobody asks for.
     static constexpr std::size_t kMost = 20'000;
 
     // Those of this process; never destroyed.

@@ -22,12 +22,12 @@ class Exchange {
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
-    // Has the request answered only by the process that answered another one.
+    // Only the process that has answered another request may answer this one.
     void expectAgent(pid_t agent) { m_expectedAgent = agent; }
 
-    // Sends the request and receives its answer. Null when there is none: what
-    // never reached the agent was tried on a new connection as well, what did is
-    // not sent again.
+    // Sends the request and receives its answer; null when there is none. A request that
+    // has not reached the agent is tried on a new connection too. One that has reached it
+    // is not sent again.
     const wire::Response* ask(const Request& request);
 
     // Sends a request that has no answer, if that takes no waiting; whether it was sent.

@@ -1,4 +1,4 @@
-// What a session will look up next, and what came of it ahead of its look-up.
+// What a session will look up next, and the objects that have come before their look-up.
 #pragma once
 
 #include <deque>
@@ -38,7 +38,7 @@ class LookAhead {
     // has no time for them, and is not asked for more.
     void keep(const Objects& objects) noexcept;
 
-    // What came is of no use any more; what is expected is.
+    // The objects that came are of no use any more. The expected look-ups still are.
     void dropObjects();
 
   private:

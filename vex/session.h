@@ -1,4 +1,4 @@
-// Sessions and searches: records of this process, which the agent knows nothing of.
+// Sessions and searches. They are records of this process; the agent does not know them.
 #pragma once
 
 #include <sys/types.h>
@@ -25,8 +25,8 @@ struct ProtocolError {
     std::optional<std::string> text;
 };
 
-// Where the settings say that the agent is; stays until the thread asks again. Throws
-// what reading settings throws.
+// Where the agent is, by the settings. Valid until the thread asks again. Throws what
+// reading settings throws.
 const Endpoint& configuredEndpoint();
 
 }  // namespace vex

@@ -8,9 +8,9 @@
 
 namespace vexagent {
 
-// A code of the client interface, and the error behind it. Whoever may ask slapd for
-// anything is told the text: it names no address, path, setting or account. What an
-// administrator needs to know besides is the detail, which goes to the log only.
+// A code of the client interface, and the error behind it. Clients are told the text, so
+// it names no address, path, setting or account. What an administrator needs in addition
+// is the detail. It goes to the log only.
 struct Result {
     vexCode code = VEX_OK;
     int errSystem = 0;  // VEX_ERR_..., 0 for none

@@ -25,8 +25,8 @@ void renameAsserted(ParseTree* assertion, const char* name);
 // an odd number of NOTs stands above.
 using Decide = std::function<Selection(ParseTree*& assertion, bool negated)>;
 
-// Has every assertion decided and drops in place what is foregone. Two values are
-// enough: whoever knows an undefined assertion decides it by negated.
+// Decides every assertion, and drops in place the parts whose value is known by that. Two
+// values are enough: an undefined assertion is decided by looking at negated.
 Selection simplify(ParseTree*& tree, bool negated, const Decide& decide);
 
 }  // namespace vexagent

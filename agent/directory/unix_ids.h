@@ -1,9 +1,9 @@
 // The numbers by which hosts know people and groups.
 //
-// A host takes them from the directory as they are: a person whose uidNumber is 0 would
-// be root on every host, and one whose number is below those that hosts give to their own
-// services would be one of these. So the lowest number is a setting, and who has a lower
-// one, or one that not every reader reads alike, is no UNIX entry.
+// A host takes them from the directory as they are. A person whose uidNumber is 0 would
+// be root on every host. A person with the number of a host's own service would be that
+// service. So the lowest number is a setting. An object with a lower number is no UNIX
+// entry, nor is one whose number some readers would read in another way.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // What came of checking a password.
 //
-// That it was accepted does not come about by itself: it takes a proof, and only the
-// four who find out that a password is right can make one. What is made by default,
-// is left over after a loop or says that some step went well is none.
+// "Accepted" needs a proof. Only the four places that find out that a password is right
+// can make one. No default, no variable that is left over after a loop, and no success of
+// a single step is a proof.
 #pragma once
 
 #include <optional>
@@ -27,8 +27,8 @@ class Accepted {
 class Verdict {
   public:
     Verdict(const Accepted&) : m_accepted(true) {}
-    // Refused, or why it could not be told. A result that is no failure, or bears the
-    // number of none, says nothing about a password: it becomes one.
+    // Refused, or why it could not be told. A result that is no failure says nothing about
+    // a password, so it becomes a failure here.
     Verdict(Result failure) : m_result(std::move(failure)) {
         const bool nothing = m_result.errSystem == VEX_ERR_LDAP && m_result.errCode == 0;
         if (m_result.ok() || nothing)

@@ -17,8 +17,8 @@ using Bytes = std::vector<std::uint8_t>;
 // that are none. It lives as long as the bytes.
 const vex::wire::Request* readRequest(std::span<const std::uint8_t> frame);
 
-// Why a request is refused before any of it is copied; null when it is not. The parts
-// of a buffer may be shared: a small one can name more text than there is memory.
+// Why a request is refused before any of it is copied; null when it is not. Parts of a
+// FlatBuffer may be shared, so a small buffer can stand for more text than there is memory.
 const char* whyRefused(const vex::wire::Request& request);
 
 // What a response carries besides its code.

@@ -5,10 +5,10 @@
 
 namespace vexagent {
 
-// Directories of this kind name nobody "uid=...": a base search of such a name finds
-// nothing. The gateway can be told to look for the person then: it sends the base as
-// the client has it, and the filter "(&(objectClass=TYPE)(ATTRIBUTE=uid))". Of such a
-// query, and of no other, the base becomes the parent and the scope its subtree.
+// No object of these directories has a name that begins with "uid=", so a base search of
+// such a name finds nothing. The gateway can be told to search for the person then. It
+// sends the client's base, and the filter "(&(objectClass=TYPE)(ATTRIBUTE=uid))". Only for
+// such a query the base becomes its parent, and the scope the subtree.
 void searchByUid(Query* query);
 
 }  // namespace vexagent
