@@ -8,6 +8,7 @@ find_package(Boost 1.74 REQUIRED)
 pkg_check_modules(LDB REQUIRED IMPORTED_TARGET ldb talloc tevent)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
 pkg_check_modules(KRB5 REQUIRED IMPORTED_TARGET krb5)
+pkg_check_modules(GNUTLS REQUIRED IMPORTED_TARGET gnutls)
 find_library(CRYPT_LIBRARY crypt REQUIRED)
 find_program(FLATC flatc REQUIRED)
 
