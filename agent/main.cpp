@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "agent/ad/ad.h"
 #include "agent/ad/net/check.h"
@@ -198,7 +199,7 @@ class Agent {
         waitForRequests();
         notifyManager("READY=1");
         AGENT_LOG(vorn::Logger::kInfo, "ready");
-        m_io.run();
+        serve();
         // Work that does not end by itself in time is not waited for.
         if (m_pool.waitIdle(std::chrono::milliseconds(0))) return 0;
         m_socket.remove();
@@ -207,7 +208,19 @@ class Agent {
     }
 
   private:
-    void stop() {
+    // What there is no memory for is left undone, and the rest goes on.
+    void serve() {
+        for (bool ended = false; !ended;) {
+            try {
+                m_io.run();
+                ended = true;
+            } catch (const std::bad_alloc&) {
+                AGENT_LOG(vorn::Logger::kError, "out of memory");
+            }
+        }
+    }
+
+    void stop() try {
         notifyManager("STOPPING=1");
         m_socket.remove();
         m_requests.cancel();
@@ -216,14 +229,16 @@ class Agent {
             if (!error) m_io.stop();
         });
         m_server.stop([this] { m_stopTimer.cancel(); });
+    } catch (const std::bad_alloc&) {
+        m_io.stop();
     }
 
     // SIGUSR1 asks for a statistics line, SIGHUP has the log levels read anew.
     void waitForRequests() {
         m_requests.async_wait([this](const boost::system::error_code& error, int signal) {
             if (error) return;
-            signal == SIGUSR1 ? tellStatistics() : reloadLevels();
             waitForRequests();
+            signal == SIGUSR1 ? tellStatistics() : reloadLevels();
         });
     }
 

@@ -176,20 +176,26 @@ Database::Database(std::string path) : m_path(std::move(path)) {
     checkKind(m_path);
     auto first = std::make_unique<Handle>(openLdb(m_path, false));
     checkIndexes(first->ldb(), m_path);
-    m_idle.lock()->push_back(std::move(first));
+    m_handles.lock()->count = 1;
+    giveBack(std::move(first));
 }
 
+// Whoever has a handle can give it back, with no more memory.
 Database::Lease Database::lease() {
-    if (const auto idle = m_idle.lock(); !idle->empty()) {
-        std::unique_ptr<Handle> handle = std::move(idle->back());
-        idle->pop_back();
+    if (const auto handles = m_handles.lock(); !handles->idle.empty()) {
+        std::unique_ptr<Handle> handle = std::move(handles->idle.back());
+        handles->idle.pop_back();
         return {*this, std::move(handle)};
     }
-    return {*this, std::make_unique<Handle>(openLdb(m_path, false))};
+    auto handle = std::make_unique<Handle>(openLdb(m_path, false));
+    const auto handles = m_handles.lock();
+    handles->idle.reserve(handles->count + 1);
+    ++handles->count;
+    return {*this, std::move(handle)};
 }
 
 void Database::giveBack(std::unique_ptr<Handle> handle) {
-    m_idle.lock()->push_back(std::move(handle));
+    m_handles.lock()->idle.push_back(std::move(handle));
 }
 
 }  // namespace vexagent

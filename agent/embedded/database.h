@@ -109,10 +109,15 @@ class Database {
     const std::string& path() const { return m_path; }
 
   private:
+    struct Handles {
+        std::vector<std::unique_ptr<Handle>> idle;
+        std::size_t count = 0;  // with those that are leased
+    };
+
     void giveBack(std::unique_ptr<Handle> handle);
 
     const std::string m_path;
-    vorn::Guarded<std::vector<std::unique_ptr<Handle>>> m_idle;
+    vorn::Guarded<Handles> m_handles;
 };
 
 // The attributes that have an index, and those of them whose values name one

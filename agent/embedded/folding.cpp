@@ -75,27 +75,36 @@ char32_t foldCharacter(char32_t character) {
     return small < kFirstOutsideAscii || large < kFirstOutsideAscii ? character : large;
 }
 
-// LDB's hook for folding. Nothing may be thrown through LDB, for which null is a
-// failure.
-char* foldForLdb(void*, void* pool, const char* text, std::size_t size) {
+// Null where there is no memory.
+char* foldInto(void* pool, std::string_view text) {
     try {
-        const std::string folded = foldCase({text, ::strnlen(text, size)});
+        const std::string folded = foldCase(text);
         return talloc_strndup(pool, folded.data(), folded.size());
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
 }
 
-// The context folds by Unicode for the time.
+// The context folds by Unicode for the time. Nothing may be thrown through LDB, which
+// compares the bytes of what cannot be folded: an outcome after that is none.
 class UnicodeFolding {
   public:
-    explicit UnicodeFolding(ldb_context* ldb) : m_ldb(ldb) { ldb_set_utf8_fns(m_ldb, nullptr, foldForLdb); }
+    explicit UnicodeFolding(ldb_context* ldb) : m_ldb(ldb) { ldb_set_utf8_fns(m_ldb, this, fold); }
     ~UnicodeFolding() { ldb_set_utf8_default(m_ldb); }
     UnicodeFolding(const UnicodeFolding&) = delete;
     UnicodeFolding& operator=(const UnicodeFolding&) = delete;
 
+    bool hasFailed() const { return m_failed; }
+
   private:
+    static char* fold(void* self, void* pool, const char* text, std::size_t size) {
+        char* folded = foldInto(pool, {text, ::strnlen(text, size)});
+        if (folded == nullptr) static_cast<UnicodeFolding*>(self)->m_failed = true;
+        return folded;
+    }
+
     ldb_context* const m_ldb;
+    bool m_failed = false;
 };
 
 bool isOutsideAscii(const ldb_val& value) {
@@ -186,6 +195,7 @@ bool matchesFolded(ldb_context* ldb, const ldb_message* message, const ParseTree
     const UnicodeFolding folding(ldb);
     bool matched = false;
     const int code = ldb_match_msg_error(ldb, &own, tree, nullptr, LDB_SCOPE_SUBTREE, &matched);
+    if (folding.hasFailed()) throw std::bad_alloc();
     return code == LDB_SUCCESS && matched;
 }
 

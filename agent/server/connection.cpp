@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
+#include <new>
 
 #include "agent/directory/log.h"
 #include "vex/wire.h"
@@ -31,10 +32,22 @@ Bytes greeting() {
 Connection::Connection(Socket socket, const Client& client, const Shared& shared)
     : m_socket(std::move(socket)), m_timer(shared.io), m_client(client), m_shared(shared) {}
 
+// All that the I/O thread does for it comes through here.
+template <typename Step>
+void Connection::attempt(Step step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        drop();
+    }
+}
+
 void Connection::start() {
-    m_shared.service.connected(m_client);
-    m_output = greeting();
-    write();
+    attempt([this] {
+        m_shared.service.connected(m_client);
+        m_output = greeting();
+        write();
+    });
 }
 
 void Connection::finish() {
@@ -80,7 +93,7 @@ void Connection::armTimer() {
         if (error || self->m_state == State::Closed) return;  // another wait has taken its place
         self->m_armed = false;
         if (self->m_deadline <= std::chrono::steady_clock::now()) return self->drop();
-        if (self->m_deadline != Moment::max()) self->armTimer();
+        if (self->m_deadline != Moment::max()) self->attempt([&] { self->armTimer(); });
     });
 }
 
@@ -96,7 +109,7 @@ void Connection::waitForBytes() {
     m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
         if (self->m_state == State::Closed) return;
         if (error) return self->close();
-        self->onReadable();
+        self->attempt([&] { self->onReadable(); });
     });
 }
 
@@ -131,21 +144,27 @@ void Connection::process() {
         return close();
     }
     if (!Service::isKnown(*m_read)) m_lastOne = true;  // and is answered so
-    const Lane lane = m_shared.service.lane(*m_read);
-    m_state = State::AtWork;
-    m_shared.pool.post(lane, [self = shared_from_this()]() mutable {
+    m_shared.pool.post(m_shared.service.lane(*m_read), [self = shared_from_this()]() mutable {
         Connection& connection = *self;
         connection.work();
         // The connection goes on, and may end, in the I/O thread only.
-        asio::post(connection.m_shared.io, [self = std::move(self)] { self->onWorked(); });
+        asio::post(connection.m_shared.io,
+                   inRoom(connection.m_workedRoom, [self = std::move(self)] { self->onWorked(); }));
     });
+    m_state = State::AtWork;
 }
 
-// In a worker. The client need not wait for the I/O thread to wake up.
+// In a worker. The client need not wait for the I/O thread to wake up. Where there is no
+// memory for an answer, the connection is all that can be ended.
 void Connection::work() {
-    std::optional<Bytes> frame = m_shared.service.handle(m_client, *m_read);
+    m_output.clear();
+    try {
+        if (std::optional<Bytes> frame = m_shared.service.handle(m_client, *m_read))
+            m_output = std::move(*frame);
+    } catch (const std::bad_alloc&) {
+        m_unanswered = true;
+    }
     m_request.clear();
-    m_output = frame ? std::move(*frame) : Bytes();
     m_search = searchIn(m_output);
     m_written = 0;
     sendAtOnce();
@@ -161,7 +180,8 @@ void Connection::sendAtOnce() {
 
 void Connection::onWorked() {
     m_state = State::Answering;
-    m_written < m_output.size() ? write() : onWritten(0);
+    if (m_unanswered) return close();
+    attempt([this] { m_written < m_output.size() ? write() : onWritten(0); });
 }
 
 void Connection::write() {
@@ -171,7 +191,7 @@ void Connection::write() {
                       [self = shared_from_this()](const error_code& error, std::size_t bytes) {
                           if (self->m_state == State::Closed) return;
                           if (error) return self->giveUp();
-                          self->onWritten(bytes);
+                          self->attempt([&] { self->onWritten(bytes); });
                       });
 }
 

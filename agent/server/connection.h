@@ -4,7 +4,8 @@
 // answer before it reads on: a client that sends faster than it reads waits in
 // its own socket. All its members are used by the thread of the I/O context;
 // while a request is worked on, the frames are the worker's, who writes as much
-// of the answer as the socket takes, and nobody else touches the socket.
+// of the answer as the socket takes, and nobody else touches the socket. A
+// connection for which there is no memory ends, and no other suffers.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -15,6 +16,7 @@
 #include <memory>
 
 #include "agent/server/frames.h"
+#include "agent/server/handler_room.h"
 #include "agent/server/incoming_frame.h"
 #include "agent/server/pool.h"
 #include "agent/server/service.h"
@@ -63,6 +65,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
         Closed
     };
 
+    template <typename Step>
+    void attempt(Step step);
     void waitForRequest();
     void waitForBytes();
     void onReadable();
@@ -79,6 +83,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     Socket m_socket;
     boost::asio::steady_timer m_timer;
+    HandlerRoom m_workedRoom;           // for the way back from a worker
     Moment m_deadline = Moment::max();  // of what is waited for; the timer may be due earlier
     bool m_armed = false;
     const Client m_client;
@@ -91,6 +96,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::size_t m_written = 0;
     std::uint64_t m_search = 0;  // that the last answer leaves open
     bool m_lastOne = false;      // close after the answer
+    bool m_unanswered = false;   // there was no memory for the answer; the worker's, as the frames are
 };
 
 }  // namespace vexagent

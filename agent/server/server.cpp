@@ -2,9 +2,12 @@
 
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <new>
 #include <vector>
 
 #include "agent/directory/log.h"
+#include "vorn/descriptor.h"
 
 namespace vexagent {
 namespace {
@@ -36,25 +39,42 @@ Server::Server(boost::asio::io_context& io, Service& service, WorkerPool& pool, 
 
 void Server::listen(int descriptor) {
     m_acceptor.assign(boost::asio::local::stream_protocol(), descriptor);
+    m_acceptor.native_non_blocking(true);
     accept();
     sweep();
 }
 
+// By hand, so that one who cannot be accepted does not end the accepting.
 void Server::accept() {
-    m_acceptor.async_accept([this](const error_code& error, Socket socket) {
-        if (m_stopping) return;
-        if (error) return waitToAccept();
-        admit(std::move(socket));
-        accept();
-    });
+    m_acceptor.async_wait(Socket::wait_read, inRoom(m_acceptRoom, [this](const error_code& error) {
+                              if (m_stopping) return;
+                              !error && acceptOne() ? accept() : waitToAccept();
+                          }));
 }
 
-// Out of descriptors, for instance: trying again at once would only burn time.
-void Server::waitToAccept() {
+// False when there is no descriptor, or no memory, for the next client.
+bool Server::acceptOne() try {
+    vorn::Descriptor accepted(::accept4(m_acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (accepted.get() < 0) return errno == EAGAIN || errno == EINTR;
+    Socket socket(m_shared.io);
+    error_code error;
+    socket.assign(boost::asio::local::stream_protocol(), accepted.get(), error);
+    if (error) return false;
+    accepted.release();
+    admit(std::move(socket));
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+// Trying again at once would only burn time, unless there is no memory to wait with.
+void Server::waitToAccept() try {
     m_acceptTimer.expires_after(kAcceptPause);
-    m_acceptTimer.async_wait([this](const error_code& error) {
+    m_acceptTimer.async_wait(inRoom(m_acceptRoom, [this](const error_code& error) {
         if (!error && !m_stopping) accept();
-    });
+    }));
+} catch (const std::bad_alloc&) {
+    accept();
 }
 
 void Server::admit(Socket socket) {
@@ -65,10 +85,19 @@ void Server::admit(Socket socket) {
                   static_cast<int>(client.pid), static_cast<unsigned>(client.uid), m_connections.size());
         return;
     }
-    auto connection = std::make_shared<Connection>(std::move(socket), client, m_shared);
-    m_connections.insert(connection);
-    m_shares.add(client);
+    const auto connection = std::make_shared<Connection>(std::move(socket), client, m_shared);
+    add(connection);
     connection->start();
+}
+
+void Server::add(const std::shared_ptr<Connection>& connection) {
+    const auto place = m_connections.insert(connection).first;
+    try {
+        m_shares.add(connection->client());
+    } catch (...) {
+        m_connections.erase(place);
+        throw;
+    }
 }
 
 // Ends the connection that has waited for its client longest, of the one who holds most:
@@ -91,8 +120,8 @@ void Server::sweep() {
     m_sweepTimer.expires_after(kSweepEvery);
     m_sweepTimer.async_wait([this](const error_code& error) {
         if (error || m_stopping) return;
-        m_shared.service.expireSearches();
         sweep();
+        m_shared.service.expireSearches();
     });
 }
 

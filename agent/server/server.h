@@ -2,7 +2,7 @@
 //
 // One thread, that of the I/O context, does all the I/O; the pool's threads do
 // the work. A client that lies, or says nothing, or does not read, costs the
-// others nothing.
+// others nothing. Whom there is no memory for is turned away; those after are not.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -44,7 +44,9 @@ class Server {
     using Socket = Connection::Socket;
 
     void accept();
+    bool acceptOne();
     void admit(Socket socket);
+    void add(const std::shared_ptr<Connection>& connection);
     bool makeRoom(const Client& newcomer);
     void waitToAccept();
     void sweep();
@@ -54,6 +56,7 @@ class Server {
     Shares m_shares;
     boost::asio::local::stream_protocol::acceptor m_acceptor;
     boost::asio::steady_timer m_acceptTimer;
+    HandlerRoom m_acceptRoom;  // for waiting for either
     boost::asio::steady_timer m_sweepTimer;
     std::set<std::shared_ptr<Connection>> m_connections;
     bool m_stopping = false;

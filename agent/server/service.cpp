@@ -96,6 +96,11 @@ Answer refused(const char* why) {
     return {.result = Result::agent(VEX_REFUSED, why)};
 }
 
+// Needs none itself: the text is that short.
+Answer outOfMemory() {
+    return {.result = Result::agent(VEX_NO_MEMORY, "out of memory")};
+}
+
 // What a request was about, without what it must not show.
 std::string subject(const wire::Request& request) {
     if (const auto* search = request.body_as_SearchOpen()) {
@@ -162,27 +167,46 @@ Lane Service::lane(const wire::Request& request) const {
 
 std::optional<Bytes> Service::handle(const Client& client, const wire::Request& request) {
     const auto start = m_moment();
-    Answer answer;
-    try {
-        const char* refusal = whyRefused(request);
-        answer = refusal != nullptr ? refused(refusal) : dispatch(client, request);
-    } catch (const std::bad_alloc&) {
-        answer = {.result = Result::agent(VEX_NO_MEMORY, "out of memory")};
-    } catch (const std::exception& error) {
-        answer = {
-            .result =
-                Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
-    }
+    Answer answer = answerTo(client, request);
     const auto kind = static_cast<std::size_t>(request.body_type());
     m_served[kind < kKinds ? kind : 0].fetch_add(1, std::memory_order_relaxed);
     if (!answer.result.ok()) m_failed.fetch_add(1, std::memory_order_relaxed);
     const auto time = m_moment() - start;
     logRequest(client, request, answer, std::chrono::duration_cast<std::chrono::microseconds>(time).count());
     if (request.body_type() == Body::SearchClose) return std::nullopt;
-    Bytes frame = writeResponse(request.id(), answer);
-    // The client is not told of a search whose batch is too large for a frame.
-    if (answer.search != 0 && searchIn(frame) == 0) closeSearch(client, answer.search);
-    return frame;
+    return frameOf(client, request.id(), std::move(answer));
+}
+
+// Whatever goes wrong, there is an answer.
+Answer Service::answerTo(const Client& client, const wire::Request& request) noexcept try {
+    try {
+        const char* refusal = whyRefused(request);
+        return refusal != nullptr ? refused(refusal) : dispatch(client, request);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& error) {
+        return {
+            .result =
+                Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
+    }
+} catch (const std::bad_alloc&) {
+    return outOfMemory();
+}
+
+// The client is not told of a search whose batch is too large for a frame, or for the
+// memory that there is.
+Bytes Service::frameOf(const Client& client, std::uint64_t id, Answer answer) {
+    const std::uint64_t search = answer.search;
+    try {
+        Bytes frame = writeResponse(id, answer);
+        if (search != 0 && searchIn(frame) == 0) closeSearch(client, search);
+        return frame;
+    } catch (const std::bad_alloc&) {
+        if (search != 0) closeSearch(client, search);
+        if (answer.result.ok()) m_failed.fetch_add(1, std::memory_order_relaxed);
+    }
+    answer = outOfMemory();
+    return writeResponse(id, answer);
 }
 
 Answer Service::dispatch(const Client& client, const wire::Request& request) {
@@ -232,7 +256,12 @@ Answer Service::continueSearch(const Client& client, std::uint64_t id) {
     if (!cursor) return {.result = Result::agent(VEX_BROKEN_HANDLE, "no such search is open")};
     Answer answer;
     Batch batch;
-    answer.result = cursor->next(batch);
+    try {
+        answer.result = cursor->next(batch);
+    } catch (...) {
+        putBack(id, nullptr);
+        throw;
+    }
     const bool over = !answer.result.ok() || cursor->atEnd();
     putBack(id, over ? nullptr : std::move(cursor));
     if (!answer.result.ok()) return answer;
@@ -378,8 +407,9 @@ std::string Service::statistics() const {
            "; client processes: " + std::to_string(m_clients.size());
 }
 
+// A record for which there is no memory is lost; the answer is not.
 void Service::logRequest(const Client& client, const wire::Request& request, const Answer& answer,
-                         long micros) {
+                         long micros) noexcept try {
     const auto kind = static_cast<std::size_t>(request.body_type());
     AGENT_LOG(vorn::Logger::kInfo, "%s %s from pid %d uid %u: code %d, %zu objects, %ld us",
               kKindNames[kind < kKinds ? kind : 0], subject(request).c_str(), static_cast<int>(client.pid),
@@ -393,6 +423,7 @@ void Service::logRequest(const Client& client, const wire::Request& request, con
         AGENT_LOG(vorn::Logger::kWarning, "refused a request of pid %d uid %u: %s",
                   static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
                   answer.result.errText.c_str());
+} catch (const std::bad_alloc&) {
 }
 
 }  // namespace vexagent

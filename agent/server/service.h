@@ -54,7 +54,9 @@ class Service {
     // Whether a request is worked on at once or behind others like it.
     Lane lane(const vex::wire::Request& request) const;
 
-    // The response's frame; nothing for a request that is not answered.
+    // The response's frame; nothing for a request that is not answered. Throws nothing but
+    // std::bad_alloc, when there is no memory even to say so: what the client was not told
+    // of does not stay open.
     std::optional<Bytes> handle(const Client& client, const vex::wire::Request& request);
 
     // Whether the request is of a kind that this agent knows.
@@ -85,6 +87,8 @@ class Service {
     using Guids = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
 
     bool isQuick(const vex::wire::SearchOpen& search) const;
+    Answer answerTo(const Client& client, const vex::wire::Request& request) noexcept;
+    Bytes frameOf(const Client& client, std::uint64_t id, Answer answer);
     Answer dispatch(const Client& client, const vex::wire::Request& request);
     Answer openSearch(const Client& client, const vex::wire::Request& request);
     Answer continueSearch(const Client& client, std::uint64_t id);
@@ -100,7 +104,7 @@ class Service {
     void putBack(std::uint64_t id, std::unique_ptr<Cursor> cursor);
     void erase(std::map<std::uint64_t, OpenSearch>::iterator search);
     void logRequest(const Client& client, const vex::wire::Request& request, const Answer& answer,
-                    long micros);
+                    long micros) noexcept;
 
     static constexpr std::size_t kKinds = 9;
 

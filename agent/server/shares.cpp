@@ -21,9 +21,9 @@ Shares::Shares(std::size_t places)
     : m_places(places), m_ofUser(places - places / 8), m_ofProcess(places - places / 4) {}
 
 void Shares::add(const Client& client) {
-    ++m_held;
-    ++m_users[client.uid];
-    ++m_processes[client];
+    std::size_t& ofUser = m_users[client.uid];
+    std::size_t& ofProcess = m_processes[client];
+    ++m_held, ++ofUser, ++ofProcess;
 }
 
 void Shares::remove(const Client& client) {

@@ -16,6 +16,7 @@ class Shares {
   public:
     explicit Shares(std::size_t places);
 
+    // Counts nothing when there is no memory to.
     void add(const Client& client);
     void remove(const Client& client);
 

@@ -9,14 +9,23 @@ namespace {
 
 thread_local std::size_t allocationsLeft = 0;  // 0: any number
 thread_local bool hasRunOut = false;
+thread_local standin::Scarcity kind = standin::Scarcity::Once;
+
+bool isRefused() {
+    if (allocationsLeft == 0 || standin::Inside::any()) return false;
+    if (allocationsLeft > 1) {
+        --allocationsLeft;
+        return false;
+    }
+    hasRunOut = true;
+    if (kind == standin::Scarcity::Once) allocationsLeft = 0;
+    return true;
+}
 
 }  // namespace
 
 void* operator new(std::size_t size) {
-    if (allocationsLeft > 0 && !standin::Inside::any() && --allocationsLeft == 0) {
-        hasRunOut = true;
-        throw std::bad_alloc();
-    }
+    if (isRefused()) throw std::bad_alloc();
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
@@ -30,8 +39,9 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 
 namespace standin {
 
-ScarceMemory::ScarceMemory(std::size_t number) {
+ScarceMemory::ScarceMemory(std::size_t number, Scarcity scarcity) {
     hasRunOut = false;
+    kind = scarcity;
     allocationsLeft = number;
 }
 ScarceMemory::~ScarceMemory() {

@@ -14,11 +14,14 @@
 
 namespace standin {
 
+enum class Scarcity { Once, Lasting };
+
 // While it lives, the calling thread's allocation of that number, counted from 1, fails
-// with std::bad_alloc; others succeed, and those of stand-ins do not count. One at a time a thread.
+// with std::bad_alloc, and where the scarcity lasts, so do those after it; others succeed,
+// and those of stand-ins do not count. One at a time a thread.
 class ScarceMemory {
   public:
-    explicit ScarceMemory(std::size_t number);
+    explicit ScarceMemory(std::size_t number, Scarcity scarcity = Scarcity::Once);
     ~ScarceMemory();
     ScarceMemory(const ScarceMemory&) = delete;
     ScarceMemory& operator=(const ScarceMemory&) = delete;
