@@ -32,8 +32,7 @@ std::string company() {
                    "primaryGroupID: 2001\nobjectGUID: " +
                        std::string(kAnn) + "\n");
     text += person("Ben with a long common name", "ben", 1002);
-    text += group("everybody", 2001,
-                  {"CN=Ann with a long common name,OU=People", "CN=some people,OU=Groups"},
+    text += group("everybody", 2001, {"CN=Ann with a long common name,OU=People", "CN=some people,OU=Groups"},
                   "memberUid: somebody from elsewhere\n");
     text += group("some people", 2002, {"CN=Ben with a long common name,OU=People"});
     return text;
@@ -209,24 +208,23 @@ TEST_P(AgentExhaustion, WhatNobodyCanBeToldOfDoesNotStayOpen) {
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, AgentExhaustion,
-    testing::Values(Case{"search", searching("(uid=ann)")}, Case{"searchOfAll", searching("")},
-                    Case{"searchByFolding", searching("(displayName=ANN J\xc3\x96RGENSDOTTIR of example)")},
-                    Case{"searchForSome", searching("(objectClass=user)", {"anAttributeWithALongName", "uid"})},
-                    Case{"searchBelow", searching("(sAMAccountName=ann)", {}, false, 0,
-                                                  "OU=People,DC=example,DC=com", 1)},
-                    Case{"searchInZone", searching("(memberUid=ben)", {}, true)},
-                    Case{"page", searching("(objectClass=*)", {}, true, 1)},
-                    Case{"badFilter", searching("(&(uid=ann)")},
-                    Case{"fetch", fetching("CN=Ann with a long common name,OU=People,DC=example,DC=com")},
-                    Case{"fetchByLogin", fetching("CN=ann,OU=People,DC=example,DC=com")},
-                    Case{"fetchOfNobody", fetching("CN=nobody,OU=People,DC=example,DC=com")},
-                    Case{"lookup", lookupFrame(1, kAnn, {})},
-                    Case{"lookupAhead", lookupFrame(1, kAnn, {kAnn, kAnn})},
-                    Case{"login", loginFrame(1, "EXAMPLE\\ann", "right")},
-                    Case{"loginByDn", loginFrame(1, "CN=ann,OU=People,DC=example,DC=com", "right")},
-                    Case{"wrongLogin", loginFrame(1, "ann@example.com", "a wrong password of some length")},
-                    Case{"nobodysLogin", loginFrame(1, "nobody@example.com", "right")},
-                    Case{"attributes", askingForNames()}, Case{"health", healthFrame(1)}),
+    testing::Values(
+        Case{"search", searching("(uid=ann)")}, Case{"searchOfAll", searching("")},
+        Case{"searchByFolding", searching("(displayName=ANN J\xc3\x96RGENSDOTTIR of example)")},
+        Case{"searchForSome", searching("(objectClass=user)", {"anAttributeWithALongName", "uid"})},
+        Case{"searchBelow",
+             searching("(sAMAccountName=ann)", {}, false, 0, "OU=People,DC=example,DC=com", 1)},
+        Case{"searchInZone", searching("(memberUid=ben)", {}, true)},
+        Case{"page", searching("(objectClass=*)", {}, true, 1)}, Case{"badFilter", searching("(&(uid=ann)")},
+        Case{"fetch", fetching("CN=Ann with a long common name,OU=People,DC=example,DC=com")},
+        Case{"fetchByLogin", fetching("CN=ann,OU=People,DC=example,DC=com")},
+        Case{"fetchOfNobody", fetching("CN=nobody,OU=People,DC=example,DC=com")},
+        Case{"lookup", lookupFrame(1, kAnn, {})}, Case{"lookupAhead", lookupFrame(1, kAnn, {kAnn, kAnn})},
+        Case{"login", loginFrame(1, "EXAMPLE\\ann", "right")},
+        Case{"loginByDn", loginFrame(1, "CN=ann,OU=People,DC=example,DC=com", "right")},
+        Case{"wrongLogin", loginFrame(1, "ann@example.com", "a wrong password of some length")},
+        Case{"nobodysLogin", loginFrame(1, "nobody@example.com", "right")},
+        Case{"attributes", askingForNames()}, Case{"health", healthFrame(1)}),
     [](const auto& one) { return std::string(one.param.name); });
 
 }  // namespace

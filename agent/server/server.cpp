@@ -48,7 +48,7 @@ void Server::listen(int descriptor) {
 void Server::accept() {
     m_acceptor.async_wait(Socket::wait_read, inRoom(m_acceptRoom, [this](const error_code& error) {
                               if (m_stopping) return;
-                              !error && acceptOne() ? accept() : waitToAccept();
+                              !error&& acceptOne() ? accept() : waitToAccept();
                           }));
 }
 

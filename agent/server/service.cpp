@@ -185,9 +185,8 @@ Answer Service::answerTo(const Client& client, const wire::Request& request) noe
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& error) {
-        return {
-            .result =
-                Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
+        return {.result =
+                    Result::agent(VEX_DIRECTORY_ERROR, "the directory cannot answer").because(error.what())};
     }
 } catch (const std::bad_alloc&) {
     return outOfMemory();

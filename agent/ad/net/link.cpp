@@ -196,11 +196,10 @@ LdapStatus Link::startTls(const Deadline& deadline) {
     LDAP* ldap = m_ldap.get();
     const std::string& authorities = m_context.options.tlsCa;
     const int demand = LDAP_OPT_X_TLS_DEMAND;
-    const int client = 0;
     if (!refuseOldTls(ldap)) return {LDAP_LOCAL_ERROR, "TLS before version 1.2 cannot be refused"};
     if (ldap_set_option(ldap, LDAP_OPT_X_TLS_CACERTFILE, authorities.c_str()) != LDAP_OPT_SUCCESS ||
         ldap_set_option(ldap, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) != LDAP_OPT_SUCCESS ||
-        ldap_set_option(ldap, LDAP_OPT_X_TLS_NEWCTX, &client) != LDAP_OPT_SUCCESS)
+        !m_context.tls.give(ldap, authorities))
         return {LDAP_LOCAL_ERROR, "the certificates in \"" + authorities + "\" (ad.tls.ca) cannot be read"};
     if (m_context.options.transport == Transport::StartTls) {
         int id = 0;

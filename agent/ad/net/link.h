@@ -15,6 +15,7 @@
 #include "agent/ad/net/own_login.h"
 #include "agent/ad/net/sockets.h"
 #include "agent/ad/net/tickets.h"
+#include "agent/ad/net/tls_context.h"
 #include "agent/ad/net/watchdog.h"
 #include "agent/ad/network.h"
 #include "agent/ad/options.h"
@@ -57,6 +58,7 @@ struct LinkContext {
     Tickets* tickets;                                  // null without GSSAPI
     mutable std::atomic<Moment> pagesUntil{Moment{}};  // until when Results asks for pages at once
     mutable OwnLogin ownLogin{};                       // of the service account
+    mutable TlsContext tls{};
 };
 
 class Results;
