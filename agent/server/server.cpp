@@ -52,7 +52,8 @@ void Server::accept() {
                           }));
 }
 
-// False when there is no descriptor, or no memory, for the next client.
+// False when there is no descriptor for the next client. One for whom there is no memory
+// is turned away.
 bool Server::acceptOne() try {
     vorn::Descriptor accepted(::accept4(m_acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
     if (accepted.get() < 0) return errno == EAGAIN || errno == EINTR;
@@ -64,7 +65,7 @@ bool Server::acceptOne() try {
     admit(std::move(socket));
     return true;
 } catch (const std::bad_alloc&) {
-    return false;
+    return true;
 }
 
 // Trying again at once would only burn time, unless there is no memory to wait with.
