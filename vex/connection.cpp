@@ -46,10 +46,20 @@ bool makeAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-pid_t peerProcess(int descriptor) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+// Has the kernel tell with what is received who sent it, or not any more.
+bool setTellsSender(int descriptor, int tells) {
+    return ::setsockopt(descriptor, SOL_SOCKET, SO_PASSCRED, &tells, sizeof tells) == 0;
+}
+
+// The process that sent what the message holds; 0 when that was not told.
+pid_t senderOf(msghdr& message) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_CREDENTIALS) continue;
+        ucred sender{};
+        std::memcpy(&sender, CMSG_DATA(part), sizeof sender);
+        return sender.pid;
+    }
+    return 0;
 }
 
 bool wouldBlock(int error) {
@@ -75,30 +85,30 @@ std::unique_ptr<Connection> Connection::reach(const Endpoint& endpoint, const vo
 bool Connection::connect(const vorn::Deadline& deadline) {
     const int descriptor = m_socket.descriptor();
     sockaddr_un address;
-    if (descriptor < 0 || !makeAddress(m_path, address)) return false;
+    if (descriptor < 0 || !makeAddress(m_path, address) || !setTellsSender(descriptor, 1)) return false;
     // An agent that accepts nobody has a full queue, and nothing can be polled
     // for then; but connect itself waits, as long as the send timeout says.
     while (!deadline.passed()) {
         if (!setTimeout(descriptor, SO_SNDTIMEO, deadline.left())) return false;
-        if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-            m_agent = peerProcess(descriptor);
+        if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
             return setTimeout(descriptor, SO_RCVTIMEO, m_timeout);
-        }
         if (errno != EINTR) return false;
     }
     return false;
 }
 
+// Who greets is the agent: whoever made the socket, and listened on it before, may be
+// another process.
 bool Connection::readGreeting(const vorn::Deadline& deadline) {
     std::uint8_t greeting[wire::kGreetingBytes];
     for (std::size_t have = 0; have < sizeof greeting;) {
-        const std::size_t more = receiveSome(std::span(greeting).subspan(have), deadline);
+        const std::size_t more = receiveFromSender(std::span(greeting).subspan(have), deadline);
         if (more == 0) return false;
         have += more;
     }
     m_greeted = std::memcmp(greeting, wire::kMagic, sizeof wire::kMagic) == 0 &&
                 flatbuffers::ReadScalar<std::uint32_t>(greeting + sizeof wire::kMagic) == wire::kVersion;
-    return m_greeted;
+    return m_greeted && setTellsSender(m_socket.descriptor(), 0);
 }
 
 bool Connection::isQuiet() const {
@@ -111,7 +121,7 @@ bool Connection::isQuiet() const {
 }
 
 Sent Connection::send(std::span<const std::uint8_t> bytes, const vorn::Deadline& deadline) {
-    if (!m_greeted && !readGreeting(deadline)) return Sent::Nothing;
+    if (!awaitGreeting(deadline)) return Sent::Nothing;
     std::uint8_t length[wire::kLengthBytes];
     flatbuffers::WriteScalar(length, static_cast<std::uint32_t>(bytes.size()));
     const std::size_t total = sizeof length + bytes.size();
@@ -190,6 +200,24 @@ std::size_t Connection::receiveSome(std::span<std::uint8_t> place, const vorn::D
         received = ::recv(m_socket.descriptor(), place.data(), place.size(), MSG_DONTWAIT);
     }
     return received > 0 ? static_cast<std::size_t>(received) : 0;
+}
+
+// As receiveSome, and notes who sent it.
+std::size_t Connection::receiveFromSender(std::span<std::uint8_t> place, const vorn::Deadline& deadline) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    iovec part = {place.data(), place.size()};
+    while (wait(POLLIN, deadline)) {
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        const ssize_t received = ::recvmsg(m_socket.descriptor(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        if (received < 0 && (errno == EINTR || wouldBlock(errno))) continue;
+        if (received > 0) m_agent = senderOf(message);
+        return received > 0 ? static_cast<std::size_t>(received) : 0;
+    }
+    return 0;
 }
 
 // As long as the call has nearly all its time left, the socket's own timeout is

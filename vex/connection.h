@@ -57,6 +57,9 @@ class Connection {
     // Whether the agent has greeted, so that sending waits for nothing but room.
     bool greeted() const { return m_greeted; }
 
+    // Waits for the greeting if it has not come yet. Whether it has.
+    bool awaitGreeting(const vorn::Deadline& deadline) { return m_greeted || readGreeting(deadline); }
+
     // Sends the bytes as one frame, to an agent that has greeted by then.
     Sent send(std::span<const std::uint8_t> bytes, const vorn::Deadline& deadline);
 
@@ -70,7 +73,7 @@ class Connection {
     const std::string& path() const { return m_path; }
     bool inherited() const { return m_socket.inherited(); }
 
-    // The process that listens on the socket.
+    // The process that has greeted; 0 before.
     pid_t agent() const { return m_agent; }
 
   private:
@@ -79,6 +82,7 @@ class Connection {
     bool connect(const vorn::Deadline& deadline);
     bool readGreeting(const vorn::Deadline& deadline);
     bool wait(short events, const vorn::Deadline& deadline) const;
+    std::size_t receiveFromSender(std::span<std::uint8_t> place, const vorn::Deadline& deadline);
     std::size_t receiveSome(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const;
     ssize_t blockingReceive(std::span<std::uint8_t> place, const vorn::Deadline& deadline) const;
     void reserve(std::size_t bytes);

@@ -57,19 +57,20 @@ void Exchange::connect() {
 // agent is in order and kept, only not for this request.
 bool Exchange::isUsable() {
     if (!m_connection) return false;
-    m_inOrder = m_expectedAgent != 0 && agent() != m_expectedAgent;
+    if (m_expectedAgent != 0 && !m_connection->awaitGreeting(m_deadline)) return false;
+    m_inOrder = !isRightAgent();
     return !m_inOrder;
 }
 
-// Sends on a kept connection or a new one. A kept one whose agent went away
-// between the look and the sending took no byte, so a new one is tried.
+// Sends on a kept connection or a new one. When its agent goes away between the look and
+// the sending, it takes no byte: then a new one is tried, once. An agent that ends is
+// followed by another one, which greets whoever waits in the socket.
 bool Exchange::send(const Request& request) {
     m_connection = Pool::process().take(m_endpoint.path);
-    const bool kept = m_connection != nullptr;
-    if (!kept) connect();
+    if (!m_connection) connect();
     if (!isUsable()) return false;
     Sent sent = m_connection->send(request.bytes(), m_deadline);
-    if (sent == Sent::Nothing && kept) {
+    if (sent == Sent::Nothing) {
         connect();
         if (!isUsable()) return false;
         sent = m_connection->send(request.bytes(), m_deadline);
@@ -90,9 +91,8 @@ const wire::Response* Exchange::ask(const Request& request) {
 
 bool Exchange::tell(const Request& request) {
     m_connection = Pool::process().take(m_endpoint.path);
-    if (!isUsable()) return false;
-    m_inOrder = true;
-    if (!m_connection->greeted()) return false;
+    m_inOrder = m_connection != nullptr;
+    if (!m_inOrder || !m_connection->greeted() || !isRightAgent()) return false;
     const Sent sent = m_connection->send(request.bytes(), m_deadline.atMost(Milliseconds(0)));
     m_inOrder = sent != Sent::Partly;
     return sent == Sent::Whole;

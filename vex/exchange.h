@@ -42,6 +42,7 @@ class Exchange {
     bool send(const Request& request);
     void connect();
     bool isUsable();
+    bool isRightAgent() const { return m_expectedAgent == 0 || agent() == m_expectedAgent; }
     void tellClosings();
 
     const Endpoint& m_endpoint;

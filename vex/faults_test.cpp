@@ -435,46 +435,100 @@ TEST_F(Agent, ThatAcceptsNobodyIsBrokenInTime) {
     EXPECT_EQ(lookUp(session.get()), VEX_OK);
 }
 
-// In another process: listens, greets one client, and tells by a byte that it was asked something.
-[[noreturn]] void serveElsewhere(const std::string& path, int ready, int asked) {
+// A socket that listens at the path; -1 when there can be none.
+int listenAt(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool listens = ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                          ::listen(listener, 4) == 0;
-    if (!listens || ::write(ready, "r", 1) != 1) ::_exit(1);
+    return listens ? listener : -1;
+}
+
+// Lets the next client in and greets it.
+int greetNext(int listener) {
     const int client = ::accept(listener, nullptr, nullptr);
+    return ::send(client, "VEXA\1\0\0\0", 8, MSG_NOSIGNAL) == 8 ? client : -1;
+}
+
+// In another process: greets one client, and tells by a byte that it was asked something.
+[[noreturn]] void serveElsewhere(int listener, int ready, int asked) {
+    if (listener < 0 || ::write(ready, "r", 1) != 1) ::_exit(1);
+    const int client = greetNext(listener);
     char byte;
-    if (::send(client, "VEXA\1\0\0\0", 8, MSG_NOSIGNAL) != 8) ::_exit(1);
+    if (client < 0) ::_exit(1);
     if (::recv(client, &byte, 1, 0) == 1) ::_exit(::write(asked, "a", 1) == 1 ? 0 : 1);
     ::_exit(0);
 }
 
-TEST_F(Agent, ThatIsNotTheOneBeforeIsNotAskedForItsSearch) {
-    agent.onRequest(
-        [](const Peer& peer, const wire::Request& request) { peer.answer(request, {.search = 9}); });
+class AnotherAgent : public Agent {
+  protected:
+    // handedOver: this process makes the socket that the other one serves.
+    void expectNotAskedForTheSearch(bool handedOver) {
+        agent.onRequest(
+            [](const Peer& peer, const wire::Request& request) { peer.answer(request, {.search = 9}); });
+        const UniqueSession session = openSession();
+        vexSearchHandle* search = nullptr;
+        ASSERT_EQ(vexLdapSearchOpen(session.get(), "", "", "", nullptr, 2, -1, 0, &search), VEX_OK);
+        agent.stop();
+        int ready[2], asked[2];
+        ASSERT_EQ(::pipe(ready) + ::pipe(asked), 0);
+        const int listener = handedOver ? listenAt(agent.socketPath()) : -1;
+        const pid_t other = ::fork();
+        if (other == 0)
+            serveElsewhere(handedOver ? listener : listenAt(agent.socketPath()), ready[1], asked[1]);
+        if (handedOver) ::close(listener);
+        ::close(ready[1]);
+        ::close(asked[1]);
+        char byte;
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        vexObject* object = nullptr;
+        EXPECT_EQ(vexLdapSearchNext(search, &object), VEX_BROKEN_SESSION);
+        EXPECT_EQ(vexLdapSearchClose(search), VEX_OK);
+        ::kill(other, SIGKILL);
+        ::waitpid(other, nullptr, 0);
+        EXPECT_EQ(::read(asked[0], &byte, 1), 0)
+            << "it knows nothing of the search, but might of another so named";
+        ::close(ready[0]);
+        ::close(asked[0]);
+    }
+};
+
+TEST_F(AnotherAgent, IsNotAskedForASearchOfTheOneBefore) {
+    expectNotAskedForTheSearch(false);
+}
+
+// The process that made the socket is the same as before: who greets counts.
+TEST_F(AnotherAgent, InASocketThatWasHandedOverIsAnotherToo) {
+    expectNotAskedForTheSearch(true);
+}
+
+// It ends as it lets the client in, and the next one serves the same socket.
+TEST_F(AnotherAgent, IsAskedWhatTheOneBeforeDidNotTake) {
+    agent.onRequest(answerWell);
     const UniqueSession session = openSession();
-    vexSearchHandle* search = nullptr;
-    ASSERT_EQ(vexLdapSearchOpen(session.get(), "", "", "", nullptr, 2, -1, 0, &search), VEX_OK);
+    ASSERT_EQ(lookUp(session.get()), VEX_OK);
     agent.stop();
-    int ready[2], asked[2];
-    ASSERT_EQ(::pipe(ready) + ::pipe(asked), 0);
-    const pid_t other = ::fork();
-    if (other == 0) serveElsewhere(agent.socketPath(), ready[1], asked[1]);
-    ::close(ready[1]);
-    ::close(asked[1]);
+    const int listener = listenAt(agent.socketPath());
+    ASSERT_GE(listener, 0);
     char byte;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    vexObject* object = nullptr;
-    EXPECT_EQ(vexLdapSearchNext(search, &object), VEX_BROKEN_SESSION);
-    EXPECT_EQ(vexLdapSearchClose(search), VEX_OK);
-    ::kill(other, SIGKILL);
-    ::waitpid(other, nullptr, 0);
-    EXPECT_EQ(::read(asked[0], &byte, 1), 0)
-        << "it knows nothing of the search, but might of another so named";
-    ::close(ready[0]);
-    ::close(asked[0]);
+    bool asked = false;
+    std::thread agents([&] {
+        const int first = ::accept(listener, nullptr, nullptr);
+        ::shutdown(first, SHUT_RD);
+        ::send(first, "VEXA\1\0\0\0", 8, MSG_NOSIGNAL);
+        const int second = greetNext(listener);
+        asked = ::recv(second, &byte, 1, 0) == 1;
+        ::close(first);
+        ::close(second);
+    });
+    EXPECT_EQ(lookUp(session.get()), VEX_BROKEN_SESSION) << "for the second answers nothing";
+    ::shutdown(listener, SHUT_RDWR);  // should it wait in vain
+    agents.join();
+    EXPECT_TRUE(asked);
+    ::close(listener);
+    ::unlink(agent.socketPath().c_str());
 }
 
 // Signals that interrupt system calls, as fast as they go.
