@@ -51,8 +51,16 @@ void Connection::start() {
 }
 
 void Connection::finish() {
-    m_lastOne = true;
-    if (m_state == State::Waiting) close();
+    m_finishing = true;
+    if (m_state == State::Waiting) readLast();
+}
+
+// What was sent before now is answered. Who sends from now on is told that nobody reads
+// it, and can ask the next agent.
+void Connection::readLast() {
+    error_code ignored;
+    m_socket.shutdown(Socket::shutdown_receive, ignored);
+    onReadable();
 }
 
 // Not while a worker is at it: nothing but the work's end is waited for then.
@@ -101,13 +109,14 @@ void Connection::waitForRequest() {
     m_state = State::Waiting;
     if (m_lastOne) return close();
     m_request.clear();
+    if (m_finishing) return readLast();
     setDeadline(m_shared.idle);
     waitForBytes();
 }
 
 void Connection::waitForBytes() {
     m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
-        if (self->m_state == State::Closed) return;
+        if (self->m_state != State::Waiting) return;  // read by who finishes the connection
         if (error) return self->close();
         self->attempt([&] { self->onReadable(); });
     });

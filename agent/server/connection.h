@@ -42,7 +42,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     void start();
 
-    // Ends the connection, now or when the answer at hand is written.
+    // Ends the connection: now, or when what its client has sent by now is answered.
     void finish();
 
     // Ends the connection without waiting for its client any longer. Not while it is at
@@ -70,6 +70,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void waitForRequest();
     void waitForBytes();
     void onReadable();
+    void readLast();
     void process();
     void work();
     void onWorked();
@@ -97,6 +98,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::uint64_t m_search = 0;  // that the last answer leaves open
     bool m_lastOne = false;      // close after the answer
     bool m_unanswered = false;   // there was no memory for the answer; the worker's, as the frames are
+    bool m_finishing = false;    // read no more than what has come
 };
 
 }  // namespace vexagent

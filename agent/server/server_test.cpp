@@ -428,5 +428,57 @@ TEST_F(ServerTest, StoppingEndsIdleConnections) {
     EXPECT_TRUE(client.isClosed());
 }
 
+TEST_F(ServerTest, StoppingAnswersWhatWasSentBefore) {
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    ASSERT_TRUE(client.sendFrame(healthFrame(1)));
+    ASSERT_EQ(client.receiveReply().id, 1u);
+    // In the thread that reads: it has not read them when it is told to stop.
+    boost::asio::post(m_io, [&] {
+        EXPECT_TRUE(client.sendFrame(healthFrame(2)));
+        EXPECT_TRUE(client.sendFrame(healthFrame(3)));
+        m_server->stop([] {});
+        EXPECT_FALSE(client.sendFrame(healthFrame(4))) << "who comes too late is told so";
+    });
+    m_thread.join();
+    EXPECT_EQ(client.receiveReply().id, 2u);
+    EXPECT_EQ(client.receiveReply().id, 3u);
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(ServerTest, StoppingDoesNotWaitForTheRestOfARequest) {
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    Bytes half = framed(healthFrame(1));
+    half.resize(half.size() / 2);
+    ASSERT_TRUE(client.send(half));
+    stop();
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(ServerTest, WhoWaitsInTheSocketIsServedByTheNextAgent) {
+    m_file = std::make_unique<SocketFile>(SocketOptions{path(), 0600});
+    const vorn::Descriptor managers(m_file->release());
+    const auto serve = [&] {
+        m_server = std::make_unique<Server>(m_io, m_service, m_pool, ServerOptions());
+        m_server->listen(::dup(managers.get()));
+        m_io.restart();
+        m_thread = std::thread([this] { m_io.run(); });
+    };
+    serve();
+    const RawClient stays(path());
+    ASSERT_TRUE(stays.isGreeted());
+    stop();
+    EXPECT_TRUE(stays.isClosed());
+    const RawClient waits(path());
+    EXPECT_TRUE(waits.sendFrame(healthFrame(7)));
+    serve();
+    EXPECT_TRUE(waits.isGreeted());
+    EXPECT_EQ(waits.receiveReply().id, 7u);
+    stop();
+}
+
 }  // namespace
 }  // namespace vexagent
