@@ -24,6 +24,7 @@
 #include "agent/embedded/embedded.h"
 #include "agent/embedded/ldif.h"
 #include "agent/server/folder_lock.h"
+#include "agent/server/handed_over.h"
 #include "agent/server/notify.h"
 #include "agent/server/server.h"
 #include "vorn/dn.h"
@@ -34,8 +35,9 @@ namespace {
 
 constexpr int kStartFailed = 1;
 constexpr int kBadUsage = 2;
-constexpr int kFreed = 0x5a;                  // what freed memory is overwritten with
-constexpr std::chrono::seconds kStopTime{2};  // for requests at work, when the agent stops
+constexpr int kFreed = 0x5a;  // what freed memory is overwritten with
+// What ending takes beside the requests at work.
+constexpr std::chrono::seconds kEnding{5};
 
 constexpr char kUsage[] =
     "Usage: vexagent [--config FILE] [--check]\n"
@@ -143,8 +145,17 @@ std::unique_ptr<Directory> openDirectory(const Config& config) {
     return std::make_unique<EmbeddedDirectory>(embeddedOptions(config));
 }
 
+// The socket that the service manager has handed over, or one of the agent's own.
+SocketFile openSocket(const SocketOptions& options) {
+    if (std::optional<vorn::Descriptor> handedOver = takeHandedOver())
+        return SocketFile(options, std::move(*handedOver));
+    return SocketFile(options);
+}
+
 // The exit status of --check.
 int check(const Config& config) {
+    if (std::optional<vorn::Descriptor> handedOver = takeHandedOver())
+        SocketFile(config.socket, std::move(*handedOver));
     if (config.directory == DirectoryKind::Ad) {
         std::string report;
         const bool good = checkDomain(config.ad, config.zone, report);
@@ -186,7 +197,8 @@ class Agent {
           m_service(*m_directory, vorn::systemTime),
           m_pool(config.threads),
           m_server(m_io, m_service, m_pool, config.server),
-          m_socket(config.socket),
+          m_stopTime(config.server.timeout),
+          m_socket(openSocket(config.socket)),
           m_signals(m_io, SIGTERM, SIGINT),
           m_requests(m_io, SIGUSR1, SIGHUP),
           m_stopTimer(m_io) {}
@@ -220,11 +232,13 @@ class Agent {
         }
     }
 
+    // Requests at work are waited for as long as their clients wait for them.
     void stop() try {
-        notifyManager("STOPPING=1");
+        const std::chrono::microseconds atMost = m_stopTime + kEnding;
+        notifyManager("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(atMost.count()));
         m_socket.remove();
         m_requests.cancel();
-        m_stopTimer.expires_after(kStopTime);
+        m_stopTimer.expires_after(m_stopTime);
         m_stopTimer.async_wait([this](const boost::system::error_code& error) {
             if (!error) m_io.stop();
         });
@@ -261,6 +275,7 @@ class Agent {
     Service m_service;
     WorkerPool m_pool;
     Server m_server;
+    const std::chrono::milliseconds m_stopTime;
     SocketFile m_socket;
     boost::asio::signal_set m_signals;
     boost::asio::signal_set m_requests;

@@ -34,8 +34,9 @@ install(FILES vex/vex.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vex)
 
 # The agent, and what systemd needs to run it.
 configure_file(packaging/vexagent.service.in "${made}/vexagent.service" @ONLY)
+configure_file(packaging/vexagent.socket.in "${made}/vexagent.socket" @ONLY)
 install(TARGETS vexagent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES "${made}/vexagent.service" DESTINATION lib/systemd/system)
+install(FILES "${made}/vexagent.service" "${made}/vexagent.socket" DESTINATION lib/systemd/system)
 install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zanthedx.conf)
 install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zanthedx.conf)
 

@@ -52,7 +52,7 @@ void Connection::start() {
 
 void Connection::finish() {
     m_finishing = true;
-    if (m_state == State::Waiting) readLast();
+    if (m_state == State::Waiting) attempt([this] { readLast(); });
 }
 
 // What was sent before now is answered. Who sends from now on is told that nobody reads

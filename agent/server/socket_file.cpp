@@ -5,9 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
+
+#include "vorn/strings.h"
 
 namespace vexagent {
 namespace {
@@ -63,11 +67,76 @@ std::string throughDescriptor(const FolderLock& folder) {
     return "/proc/self/fd/" + std::to_string(folder.descriptor()) + "/" + kUnready;
 }
 
+int optionOf(int descriptor, int option) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    return ::getsockopt(descriptor, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+bool listensToStreams(int descriptor) {
+    return optionOf(descriptor, SO_DOMAIN) == AF_UNIX && optionOf(descriptor, SO_TYPE) == SOCK_STREAM &&
+           optionOf(descriptor, SO_ACCEPTCONN) == 1;
+}
+
+// Where a socket is; an abstract name begins with a NUL.
+std::string placeOf(int descriptor) {
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0) return {};
+    const std::size_t length = size - std::min<std::size_t>(size, offsetof(sockaddr_un, sun_path));
+    const std::string name(address.sun_path, std::min(length, sizeof address.sun_path));
+    return name.starts_with('\0') ? name : name.substr(0, name.find('\0'));
+}
+
+// Whether both lead to one file: "/run" has another name on many hosts.
+bool isSameFile(const std::string& a, const std::string& b) {
+    struct stat first {
+    }, second{};
+    return a == b || (a.find('\0') == std::string::npos && ::stat(a.c_str(), &first) == 0 &&
+                      ::stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+                      first.st_ino == second.st_ino);
+}
+
+void checkHandedOver(const std::string& path, int descriptor) {
+    if (!listensToStreams(descriptor))
+        fail(path, "what the service manager handed over is not a listening Unix stream socket");
+    const std::string place = placeOf(descriptor);
+    if (!isSameFile(place, path))
+        fail(path, "the service manager handed over a socket at \"" + vorn::printable(place) +
+                       "\"; ListenStream of the socket's unit and agent.socket must be the same");
+}
+
+// What a socket of the agent's own making has from the start.
+void giveOwnerAndMode(const SocketOptions& options) {
+    const char* path = options.path.c_str();
+    const gid_t group = options.group.value_or(::getegid());
+    struct stat status {};
+    if (::lstat(path, &status) != 0) failSystem(options.path);
+    if (!S_ISSOCK(status.st_mode)) fail(options.path, "is not a socket any more");
+    const bool isOwned = status.st_uid == ::geteuid() && status.st_gid == group;
+    const bool hasMode = (status.st_mode & 07777) == options.mode;
+    if (isOwned && hasMode) return;
+    if ((!isOwned && ::lchown(path, ::geteuid(), group) != 0) || ::chmod(path, options.mode) != 0)
+        fail(options.path, std::string("cannot have the agent's owner, group and mode: ") +
+                               std::strerror(errno) +
+                               "; SocketUser of the socket's unit must be the agent's user");
+}
+
+void checkPath(const std::string& path) {
+    if (path.empty() || path.size() > kLongestSocketPath) fail(path, "is not a possible path of a socket");
+}
+
 }  // namespace
 
+SocketFile::SocketFile(const SocketOptions& options, vorn::Descriptor handedOver) : m_path(options.path) {
+    checkPath(m_path);
+    checkHandedOver(m_path, handedOver.get());
+    giveOwnerAndMode(options);
+    m_descriptor = handedOver.release();
+}
+
 SocketFile::SocketFile(const SocketOptions& options) : m_path(options.path) {
-    if (m_path.empty() || m_path.size() > kLongestSocketPath)
-        fail(m_path, "is not a possible path of a socket");
+    checkPath(m_path);
     const FolderLock folder(m_path);
     checkPlace(m_path);
     // Made under another name and moved, mode and group set, so that the path

@@ -1,5 +1,6 @@
 #include "agent/server/socket_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -175,6 +176,127 @@ TEST(SocketFile, SaysWhyItCannotBe) {
     EXPECT_EQ(failure({folder.file(std::string(120, 'x')), 0600}), ": is not a possible path of a socket");
     EXPECT_EQ(failure({"", 0600}), ": is not a possible path of a socket");
     EXPECT_EQ(contentOf(folder), std::vector<std::string>{"file"});
+}
+
+// ---------------------------------------------------- what was handed over
+
+sockaddr_un addressAt(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
+// As a service manager makes it.
+vorn::Descriptor made(const std::string& path, int type = SOCK_STREAM) {
+    vorn::Descriptor socket(::socket(AF_UNIX, type, 0));
+    const sockaddr_un address = addressAt(path);
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+}
+
+vorn::Descriptor listening(const std::string& path) {
+    vorn::Descriptor socket = made(path);
+    EXPECT_EQ(::listen(socket.get(), 4), 0);
+    return socket;
+}
+
+std::string refusal(const SocketOptions& options, vorn::Descriptor handedOver) {
+    try {
+        const SocketFile file(options, std::move(handedOver));
+    } catch (const SocketError& error) {
+        return std::string(error.what()).substr(options.path.size());
+    }
+    return "taken";
+}
+
+mode_t modeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+TEST(HandedOverSocket, StaysForTheAgentsThatFollow) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    vorn::Descriptor managers = listening(path);
+    {
+        SocketFile file({path, 0600}, vorn::Descriptor(::dup(managers.get())));
+        file.remove();
+        EXPECT_TRUE(canConnect(path));
+        const vorn::Descriptor taken(file.release());
+        const vorn::Descriptor client(::accept(taken.get(), nullptr, nullptr));
+        EXPECT_GE(client.get(), 0);
+    }
+    EXPECT_TRUE(canConnect(path)) << "waits for the next agent";
+}
+
+TEST(HandedOverSocket, HasTheModeAndGroupOfOneOfTheAgentsOwn) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    vorn::Descriptor socket = listening(path);
+    ::chmod(path.c_str(), 0777);
+    const SocketFile file({path, 0604, ::getegid()}, std::move(socket));
+    EXPECT_EQ(modeOf(path), 0604u);
+}
+
+TEST(HandedOverSocket, HasTheAgentsOwnerAndGroup) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    vorn::Descriptor socket = listening(path);
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+    const SocketFile file({path, 0660}, std::move(socket));
+    struct stat status {};
+    ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, ::geteuid());
+    EXPECT_EQ(status.st_gid, ::getegid());
+    EXPECT_EQ(modeOf(path), 0660u);
+}
+
+TEST(HandedOverSocket, MayBeReachedByAnotherNameOfItsFolder) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directory(folder.file("run"));
+    std::filesystem::create_directory_symlink(folder.file("run"), folder.file("var"));
+    EXPECT_EQ(refusal({folder.file("var/s"), 0600}, listening(folder.file("run/s"))), "taken");
+}
+
+TEST(HandedOverSocket, ListensForStreamsAtThePath) {
+    const TemporaryFolder folder;
+    const std::string none = ": what the service manager handed over is not a listening Unix stream socket";
+    const std::string path = folder.file("s");
+    EXPECT_EQ(refusal({path, 0600}, vorn::Descriptor(::open("/dev/null", O_RDONLY))), none);
+    EXPECT_EQ(refusal({path, 0600}, vorn::Descriptor(::socket(AF_INET, SOCK_STREAM, 0))), none);
+    EXPECT_EQ(refusal({path, 0600}, made(folder.file("datagrams"), SOCK_DGRAM)), none);
+    EXPECT_EQ(refusal({path, 0600}, made(folder.file("deaf"))), none);
+    const auto elsewhere = [](const std::string& place) {
+        return ": the service manager handed over a socket at \"" + place +
+               "\"; ListenStream of the socket's unit and agent.socket must be the same";
+    };
+    EXPECT_EQ(refusal({path, 0600}, listening(folder.file("other"))), elsewhere(folder.file("other")));
+    EXPECT_EQ(refusal({folder.file("other"), 0600}, listening(path)), elsewhere(path)) << "both are there";
+    EXPECT_EQ(refusal({"", 0600}, listening(folder.file("t"))), ": is not a possible path of a socket");
+}
+
+TEST(HandedOverSocket, WithoutAPlaceInTheFileSystemIsRefused) {
+    const TemporaryFolder folder;
+    vorn::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    const sockaddr_un address{AF_UNIX, {}};
+    // The kernel chooses an abstract name of five bytes behind a NUL.
+    ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(sa_family_t)), 0);
+    ASSERT_EQ(::listen(socket.get(), 4), 0);
+    EXPECT_TRUE(refusal({folder.file("s"), 0600}, std::move(socket))
+                    .starts_with(": the service manager handed over a socket at \"\\00"));
+}
+
+TEST(HandedOverSocket, ThatIsGoneFromItsPathIsRefused) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    vorn::Descriptor socket = listening(path);
+    ::unlink(path.c_str());
+    EXPECT_EQ(refusal({path, 0600}, vorn::Descriptor(::dup(socket.get()))), ": No such file or directory");
+    folder.write("s", "x");
+    EXPECT_EQ(refusal({path, 0600}, std::move(socket)), ": is not a socket any more");
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ class Server:
 
     def __init__(self, name, folder, servers):
         self.name, self.folder, self.process = name, folder, None
+        self.descriptors_given = ()  # beside the usual three
         self.log_file = folder / f"{name}.log"
         servers.append(self)
 
@@ -82,7 +83,7 @@ class Server:
         with open(self.log_file, "ab") as output:
             self.process = subprocess.Popen(
                 [str(word) for word in command], stdin=stdin, stdout=output, stderr=output,
-                env=environment, preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
+                env=environment, pass_fds=self.descriptors_given, preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGKILL))
 
     def report_file(self):
         """What a sanitizer's reports are called: a full stop and the process id follow."""
@@ -174,6 +175,15 @@ class Agent(Server):
         """Its name servers are those of a file, by a mount that only it sees."""
         self.namespace = ["unshare", "--mount", "--propagation", "private", "--", "sh", "-c",
                           'mount --bind "$0" /etc/resolv.conf && exec "$@"', resolv]
+
+    def hand_over(self, *sockets):
+        """Its descriptors from 3 on will be these, and it is told so as systemd tells it."""
+        self.descriptors_given = tuple(handed.fileno() for handed in sockets)
+        # Out of each other's way first.
+        moves = [f"exec {20 + number}<&{descriptor}" for number, descriptor in enumerate(self.descriptors_given)]
+        moves += [f"exec {3 + number}<&{20 + number} {20 + number}<&-" for number in range(len(sockets))]
+        script = "; ".join([*moves, f"export LISTEN_PID=$$ LISTEN_FDS={len(sockets)}", 'exec "$@"'])
+        self.namespace = ["bash", "-c", script, "bash"]
 
     def refused(self):
         """Starts it where it must not start: returns its exit status and its words."""

@@ -21,6 +21,7 @@ LAYOUT = {
     "usr/lib/ldap/libback_zanthedx.so.0": 0o644,
     "usr/lib/ldap/libback_zanthedx.so.0.la": 0o644,
     "usr/lib/systemd/system/vexagent.service": 0o644,
+    "usr/lib/systemd/system/vexagent.socket": 0o644,
     "usr/lib/sysusers.d/zanthedx.conf": 0o644,
     "usr/lib/tmpfiles.d/zanthedx.conf": 0o644,
     f"{LIBRARIES}/libvex.so": "libvex.so.0",

@@ -3,14 +3,17 @@ what it may do and what not, and slapd beside it as Debian runs it."""
 import json
 import pathlib
 import re
+import subprocess
 
 import pytest
 
 from gateway import SUFFIX, wait_until
+from host import SECONDS
 
 PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
 ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
 UNIT = "/usr/lib/systemd/system/vexagent.service"
+SOCKET_UNIT = "/usr/lib/systemd/system/vexagent.socket"
 EXPOSURE = 14  # tenths, of 100; below 20 is systemd's "OK"
 PROBE = pathlib.Path(__file__).resolve().parent / "probe.py"
 
@@ -29,8 +32,9 @@ def found(host):
 
 # ---- the unit
 
-def test_systemd_has_nothing_to_say_about_the_unit(host):
-    result = host.tell("systemd-analyze", "verify", "--man=no", UNIT)
+@pytest.mark.parametrize("unit", [UNIT, SOCKET_UNIT])
+def test_systemd_has_nothing_to_say_about_the_unit(host, unit):
+    result = host.tell("systemd-analyze", "verify", "--man=no", unit)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
@@ -119,6 +123,84 @@ def test_slapd_can_write_what_the_cache_holds(host):
     assert host.run("sh", "-c", "stat -c '%A %U' /var/zanthe/tmp/*").splitlines()[0] == "-r-------- openldap"
 
 
+# ---- the socket's unit
+
+MODES = ["/run/zanthe drwxr-x--- vexagent zanthe", "/run/zanthe/vexagent.sock srw-rw---- vexagent zanthe"]
+
+
+def modes_in_run(host):
+    return host.run("stat", "-c", "%n %A %U %G", "/run/zanthe", "/run/zanthe/vexagent.sock").splitlines()
+
+
+ASK = f"ldapwhoami -x -H ldap://127.0.0.1 -D {ANN} -w"
+
+
+def is_answered(host, password):
+    """Asks what slapd cannot know by itself: about a password that was not tried before."""
+    return host.tell(*ASK.split(), password).returncode == 49
+
+
+def is_active(host):
+    return host.tell("systemctl", "is-active", "-q", "vexagent").returncode == 0
+
+
+@pytest.fixture
+def with_socket(host):
+    """The host as it is after a boot with both units: the socket is there, the agent not yet."""
+    host.run("systemctl", "stop", "vexagent")
+    host.run("rm", "-rf", "/run/zanthe")
+    host.run("systemd-tmpfiles", "--create", "zanthedx.conf")
+    host.run("systemctl", "start", "vexagent.socket")
+    yield host
+    host.run("systemctl", "stop", "vexagent.socket", "vexagent")
+    assert host.tell("test", "-e", "/run/zanthe/vexagent.sock").returncode == 1
+    host.run("systemctl", "start", "vexagent")
+
+
+def test_the_first_request_after_a_boot_waits_for_the_agent(with_socket):
+    assert modes_in_run(with_socket) == MODES
+    assert not is_active(with_socket)
+    assert is_answered(with_socket, "first after a boot")
+    assert is_active(with_socket)
+    assert modes_in_run(with_socket) == MODES
+
+
+def test_a_restart_is_noticed_by_nobody(with_socket):
+    assert is_answered(with_socket, "before the restarts")
+    before = main_pid(with_socket)
+    loop = f'for i in $(seq 20); do {ASK} "$0 $i"; test $? = 49 || exit 1; done'
+    clients = [subprocess.Popen(with_socket.inside("sh", "-c", loop, name), stderr=subprocess.PIPE, text=True)
+               for name in ("one", "two")]
+    for _ in range(3):
+        with_socket.run("systemctl", "restart", "vexagent")
+    for client in clients:
+        said = client.communicate(timeout=SECONDS)[1]
+        assert client.returncode == 0, said
+    assert main_pid(with_socket) != before
+    assert modes_in_run(with_socket) == MODES
+
+
+def test_an_agent_that_is_stopped_comes_back_with_the_next_request(with_socket):
+    assert is_answered(with_socket, "before the stop")
+    with_socket.run("systemctl", "stop", "vexagent")
+    assert modes_in_run(with_socket) == MODES
+    assert is_answered(with_socket, "after the stop")
+
+
+def test_a_socket_elsewhere_than_in_the_settings_is_told(with_socket):
+    settings = with_socket.run("cat", "/etc/zanthe/zanthe.conf")
+    with_socket.write("/etc/zanthe/zanthe.conf",
+                      settings.replace("agent.socket = /run/zanthe/vexagent.sock", "agent.socket = /run/zanthe/other.sock"))
+    try:
+        assert with_socket.tell("systemctl", "start", "vexagent").returncode != 0
+        said = with_socket.run("journalctl", "-q", "--no-pager", "-o", "cat", "-u", "vexagent")
+        assert ('vexagent: /run/zanthe/other.sock: the service manager handed over a socket at "/run/zanthe/vexagent.sock"; '
+                "ListenStream of the socket's unit and agent.socket must be the same\n") in said
+    finally:
+        with_socket.write("/etc/zanthe/zanthe.conf", settings)
+        with_socket.tell("systemctl", "reset-failed", "vexagent.socket", "vexagent")
+
+
 # ---- what does not
 
 def test_its_process_has_no_privilege(host):
@@ -152,8 +234,6 @@ def attempts(host, keytab):
     unit = re.sub(r"(?m)^ExecStart=.*", "ExecStart=/usr/bin/python3 /probe.py /var/lib/zanthe/attempts", unit)
     unit = re.sub(r"(?m)^Type=.*", "Type=oneshot", unit)
     unit = re.sub(r"(?m)^(Restart|RestartSec)=.*\n", "", unit)
-    # The agent's runs on, and keeps its folder.
-    unit = unit.replace("RuntimeDirectory=zanthe\n", "RuntimeDirectory=zanthe\nRuntimeDirectoryPreserve=yes\n")
     host.write("/probe.py", PROBE.read_text(encoding="utf-8"))
     host.write("/etc/systemd/system/probe.service", unit)
     host.run("systemctl", "daemon-reload")
