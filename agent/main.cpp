@@ -19,6 +19,7 @@
 
 #include "agent/ad/ad.h"
 #include "agent/ad/net/check.h"
+#include "agent/ad/net/ldap_network.h"
 #include "agent/config.h"
 #include "agent/directory/log.h"
 #include "agent/embedded/embedded.h"
@@ -140,7 +141,8 @@ EmbeddedOptions embeddedOptions(const Config& config) {
 }
 
 std::unique_ptr<Directory> openDirectory(const Config& config) {
-    if (config.directory == DirectoryKind::Ad) return std::make_unique<AdDirectory>(config.ad);
+    if (config.directory == DirectoryKind::Ad)
+        return std::make_unique<AdDirectory>(config.ad, std::make_unique<LdapNetwork>(config.ad));
     buildIfMissing(config);
     return std::make_unique<EmbeddedDirectory>(embeddedOptions(config));
 }

@@ -159,25 +159,25 @@ std::optional<Selection> rewriteIdAssertion(void* pool, ParseTree*& tree, const 
     return Selection::Some;
 }
 
-Result makeAdFilter(const Query& query, const FilterContext& context, std::string& text,
-                    Selection& selection) {
+vorn::Expected<std::optional<std::string>, Result> makeAdFilter(const Query& query,
+                                                                const FilterContext& context) {
     const Pool pool = newPool();
     ParseTree* tree = nullptr;
-    if (Result parsed = parseFilter(pool.get(), query.filter, tree); !parsed.ok()) return parsed;
-    selection = rewriteAssertions(pool.get(), tree, context);
-    if (selection == Selection::Nothing) return {};
+    if (Result parsed = parseFilter(pool.get(), query.filter, tree); !parsed.ok())
+        return vorn::unexpected(std::move(parsed));
+    const Selection selection = rewriteAssertions(pool.get(), tree, context);
+    if (selection == Selection::Nothing) return std::nullopt;
+    const bool typed = query.typed && query.scope != LDAP_SCOPE_BASE;
     if (selection == Selection::All) {
-        text = "(objectClass=*)";
+        if (!typed) return "(objectClass=*)";
         tree = unixKinds(pool.get());
-        if (!query.typed || query.scope == LDAP_SCOPE_BASE) return {};
-    } else if (query.typed && query.scope != LDAP_SCOPE_BASE && !isQuickAdFilter(tree) && !namesClass(tree)) {
+    } else if (typed && !isQuickAdFilter(tree) && !namesClass(tree)) {
         tree = newList(pool.get(), LDB_OP_AND, {tree, unixKinds(pool.get())});
     }
     sortAnds(tree, cost);
     const Talloc<char> written(ldb_filter_from_tree(pool.get(), tree));
-    if (!written) return Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter");
-    text = written.get();
-    return {};
+    if (written) return written.get();
+    return vorn::unexpected(Result::ldap(VEX_BAD_FILTER, LDAP_FILTER_ERROR, "bad search filter"));
 }
 
 }  // namespace vexagent

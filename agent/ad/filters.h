@@ -1,12 +1,14 @@
 // From a client's filter to one that a domain controller answers quickly.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "agent/ad/ids.h"
 #include "agent/directory/directory.h"
 #include "agent/directory/filter.h"
+#include "vorn/expected.h"
 
 namespace vexagent {
 
@@ -19,11 +21,11 @@ std::string anyOf(const char* name, const std::vector<std::string>& values);
 // Whether an index of Active Directory leads to few objects.
 bool isQuickAdFilter(const ParseTree* tree);
 
-// What the query's filter is to a controller; Selection::Nothing when no object
-// can match. A typed query whose filter does not lead to few objects by itself gets
-// the classes of UNIX kinds, which are indexed.
-Result makeAdFilter(const Query& query, const FilterContext& context, std::string& text,
-                    Selection& selection);
+// What the query's filter is to a controller; no text when no object can match. A typed
+// query whose filter does not lead to few objects by itself gets the classes of UNIX kinds,
+// which are indexed.
+vorn::Expected<std::optional<std::string>, Result> makeAdFilter(const Query& query,
+                                                                const FilterContext& context);
 
 // In the zone's view: memberUid=NAME becomes the groups that groupsOf gives, as GUID
 // bytes, and nothing else, since memberUid has no index; presence asks for a stored

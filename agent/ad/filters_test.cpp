@@ -52,11 +52,9 @@ std::string asked(const std::string& filter, bool typed = false, bool withIds = 
     query.filter = filter;
     query.typed = typed;
     query.scope = scope;
-    std::string text;
-    Selection selection = Selection::Some;
-    const Result result = makeAdFilter(query, rules, text, selection);
-    if (!result.ok()) return result.errText;
-    return selection == Selection::Nothing ? "nothing" : text;
+    const auto found = makeAdFilter(query, rules);
+    if (!found) return found.error().errText;
+    return found->value_or("nothing");
 }
 
 TEST(AdFilter, BecomesWhatAControllerAnswersQuickly) {

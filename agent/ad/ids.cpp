@@ -5,6 +5,15 @@
 
 namespace vexagent {
 
+std::string accountSid(std::string_view domainSid, std::uint32_t rid) {
+    // A domain's SID is an account's without the last sub-authority.
+    std::string sid(domainSid);
+    if (sid.size() < 8) return {};
+    ++sid[1];
+    for (int at = 0; at < 4; ++at) sid.push_back(static_cast<char>(rid >> 8 * at & 0xff));
+    return sid;
+}
+
 Ids::Ids(const IdOptions& options, std::string domainSid)
     : m_options(options), m_domainSid(std::move(domainSid)) {
     const std::string text = sidText(m_domainSid);
@@ -12,15 +21,6 @@ Ids::Ids(const IdOptions& options, std::string domainSid)
     const std::uint32_t slice = vorn::murhash()(text) % options.slices;
     const std::uint64_t first = options.first + std::uint64_t{slice} * options.sliceSize;
     if (first + options.sliceSize <= UINT32_MAX) m_first = static_cast<std::uint32_t>(first);
-}
-
-std::string Ids::sidWith(std::uint32_t rid) const {
-    // A domain's SID is an account's without the last sub-authority.
-    std::string sid = m_domainSid;
-    if (sid.size() < 8) return {};
-    ++sid[1];
-    for (int shift = 0; shift < 32; shift += 8) sid.push_back(static_cast<char>(rid >> shift & 0xff));
-    return sid;
 }
 
 std::optional<std::uint32_t> Ids::idOf(std::string_view sid) const {

@@ -19,6 +19,9 @@
 
 namespace vexagent {
 
+// The SID of a domain's account with this RID; empty where the domain's is no SID.
+std::string accountSid(std::string_view domainSid, std::uint32_t rid);
+
 class Ids {
   public:
     // domainSid: bytes; empty as long as it is not known, and then nothing has an id.
@@ -41,7 +44,7 @@ class Ids {
     // The first id of this domain's slice.
     std::optional<std::uint32_t> first() const { return m_first; }
     // The SID of this domain's account with the RID.
-    std::string sidWith(std::uint32_t rid) const;
+    std::string sidWith(std::uint32_t rid) const { return accountSid(m_domainSid, rid); }
 
   private:
     const IdOptions m_options;

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/ad/net/link.h"
+#include "agent/ad/entry.h"
 #include "vorn/strings.h"
 
 namespace vexagent {

@@ -1,7 +1,8 @@
 #include "agent/ad/login.h"
 
+#include <krb5.h>
+
 #include <charconv>
-#include <optional>
 
 #include "agent/directory/account_state.h"
 
@@ -37,8 +38,8 @@ std::string whyExpired(const Entry& account) {
     return "the password has expired";
 }
 
-Result kerberosError(vexCode code, const KrbStatus& status, const std::string& text) {
-    return {code, VEX_ERR_KERBEROS, static_cast<int>(status.code), text, text + ": " + status.text};
+Result kerberosError(const KdcFailure& failure, const std::string& text) {
+    return {VEX_DIRECTORY_ERROR, VEX_ERR_KERBEROS, failure.code, text, text + ": " + failure.text};
 }
 
 // What follows "data " in a controller's text.
@@ -72,13 +73,15 @@ std::optional<Result> unreadableState(const Entry& account) {
     return std::nullopt;
 }
 
-Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_t time) {
-    const KrbStatus& status = check.status;
-    if (check.accepted) return *check.accepted;
-    if (!check.verified)
-        return kerberosError(VEX_DIRECTORY_ERROR, status,
+bool isRefusal(vexCode code) {
+    return code == VEX_NO_SUCH_USER || code == VEX_WRONG_PASSWORD || code == VEX_ACCOUNT_REFUSED;
+}
+
+Result loginFailure(const KdcFailure& failure, const Entry& account, std::time_t time) {
+    if (!failure.verified)
+        return kerberosError(failure,
                              "the answer to the password check could not be verified with the keytab");
-    switch (status.code) {
+    switch (failure.code) {
         case KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN:
             return noSuchUser();
         case KRB5KDC_ERR_PREAUTH_FAILED:
@@ -98,21 +101,20 @@ Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_
         case KRB5KDC_ERR_POLICY:
             return refusedUnseen("the account may not log in here or now");
         case KRB5KRB_AP_ERR_SKEW:
-            return kerberosError(VEX_DIRECTORY_ERROR, status,
-                                 "the clocks of this host and the controller differ too much");
+            return kerberosError(failure, "the clocks of this host and the controller differ too much");
         case KRB5_KDC_UNREACH:
         case KRB5_REALM_UNKNOWN:
             // The controllers answer, but not as KDCs: to a client the domain is out of
             // reach all the same.
             return Result::ldap(VEX_UNAVAILABLE, LDAP_UNAVAILABLE,
                                 "no KDC of the domain can be reached to check the password")
-                .because("no KDC of the domain can be reached to check the password: " + status.text);
+                .because("no KDC of the domain can be reached to check the password: " + failure.text);
         default:
-            return kerberosError(VEX_DIRECTORY_ERROR, status, "the password could not be checked");
+            return kerberosError(failure, "the password could not be checked");
     }
 }
 
-Verdict loginFailure(const LdapFailure& failure) {
+Result loginFailure(const LdapFailure& failure) {
     if (failure.code != LDAP_INVALID_CREDENTIALS) return resultOf(failure);
     switch (reasonIn(failure.text)) {
         case 0x525:

@@ -3,11 +3,11 @@
 
 #include <ctime>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "agent/ad/entry.h"
 #include "agent/ad/failure.h"
-#include "agent/ad/net/tickets.h"
-#include "agent/directory/directory.h"
 
 namespace vexagent {
 
@@ -15,12 +15,12 @@ namespace vexagent {
 inline const std::vector<std::string> kLoginAttributes = {
     "sAMAccountName", "objectGUID", "userAccountControl", "accountExpires", "lockoutTime", "pwdLastSet"};
 
-// The outcome of a check by Kerberos, for the account's entry. time is the host's.
-Verdict loginResult(const PasswordCheck& check, const Entry& account, std::time_t time);
+// Why a KDC has not accepted the password of the account of this entry. time is the host's.
+Result loginFailure(const KdcFailure& failure, const Entry& account, std::time_t time);
 
-// Why a check by a bind came to nothing. Controllers put the reason into the text, as
+// Why a controller has not accepted a bind. Controllers put the reason into the text, as
 // "data 52e".
-Verdict loginFailure(const LdapFailure& failure);
+Result loginFailure(const LdapFailure& failure);
 
 // A refusal where the entry says something of the account's state that cannot be read.
 std::optional<Result> unreadableState(const Entry& account);
@@ -32,5 +32,8 @@ Result accountRefused(const std::string& why);
 // It may have been wrong: the client is told what it is told of a wrong one, so that it
 // learns nothing of the account.
 Result refusedUnseen(const std::string& why);
+
+// Whether it is one of these, and not that nothing could be found out.
+bool isRefusal(vexCode code);
 
 }  // namespace vexagent

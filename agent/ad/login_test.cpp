@@ -3,6 +3,9 @@
 #include "agent/ad/login.h"
 
 #include <gtest/gtest.h>
+#include <krb5.h>
+
+#include "agent/directory/verdict.h"
 
 namespace vexagent {
 namespace {
@@ -71,15 +74,14 @@ TEST(LoginResult, OfKerberos) {
          "8 3 -1765328377 the password could not be checked | the password could not be checked: text"},
     };
     for (const auto& [code, entry, expected] : cases)
-        EXPECT_EQ(outcome(loginResult({{code, code == 0 ? "" : "text"}}, entry, 1'600'000'000)), expected)
-            << code;
+        EXPECT_EQ(outcome(loginFailure(KdcFailure{code, "text"}, entry, 1'600'000'000)), expected) << code;
 }
 
 TEST(LoginResult, NothingThatWentWellProvesAPassword) {
     const Entry plain = account({});
-    EXPECT_EQ(outcome(loginResult(PasswordCheck(), plain, 0)),
+    EXPECT_EQ(outcome(loginFailure(KdcFailure{0, ""}, plain, 0)),
               "8 3 0 the password could not be checked | the password could not be checked: ");
-    EXPECT_FALSE(loginFailure(LdapFailure(LDAP_SUCCESS, "")).accepted());
+    EXPECT_FALSE(loginFailure(LdapFailure(LDAP_SUCCESS, "")).ok());
     EXPECT_EQ(outcome(Verdict(Result())), "8 1 8 the password was not checked");
     EXPECT_EQ(outcome(Verdict(Result::ldap(VEX_WRONG_PASSWORD, LDAP_SUCCESS, ""))),
               "8 1 8 the password was not checked");
@@ -90,7 +92,7 @@ TEST(LoginResult, NothingThatWentWellProvesAPassword) {
 }
 
 TEST(LoginResult, AnAnswerThatIsNotTheDomainsIsNoSuccess) {
-    EXPECT_EQ(outcome(loginResult({{KRB5_KT_NOTFOUND, "text"}, false}, account({}), 0)),
+    EXPECT_EQ(outcome(loginFailure(KdcFailure{KRB5_KT_NOTFOUND, "text", false}, account({}), 0)),
               "8 3 -1765328203 the answer to the password check could not be verified with the keytab | "
               "the answer to the password check could not be verified with the keytab: text");
 }
@@ -145,8 +147,7 @@ TEST(LoginResult, OfABind) {
 
 TEST(LoginResult, ATextWithoutAReasonIsAWrongPassword) {
     for (const char* text : {"", "Invalid credentials", "data", "data ", "data  533", "533"})
-        EXPECT_EQ(loginFailure(LdapFailure{LDAP_INVALID_CREDENTIALS, text}).code(), VEX_WRONG_PASSWORD)
-            << text;
+        EXPECT_EQ(loginFailure(LdapFailure{LDAP_INVALID_CREDENTIALS, text}).code, VEX_WRONG_PASSWORD) << text;
 }
 
 }  // namespace

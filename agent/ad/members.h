@@ -9,15 +9,13 @@
 // (ad.groups.max) fails: what it would show is not whole.
 #pragma once
 
-#include <map>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
-#include "agent/ad/net/domain.h"
-#include "agent/ad/objects.h"
+#include "agent/ad/ids.h"
+#include "agent/ad/member_names.h"
+#include "agent/ad/network.h"
+#include "agent/ad/stored_members.h"
 
 namespace vexagent {
 
@@ -26,58 +24,31 @@ namespace vexagent {
 // Safe for several threads.
 class AdMemberships {
   public:
-    // mostGroups is for one walk.
-    explicit AdMemberships(std::size_t mostGroups) : m_mostGroups(mostGroups) {}
+    // mostGroups is for one walk. The network outlives it.
+    AdMemberships(Network& network, std::size_t mostGroups)
+        : m_network(network), m_mostGroups(mostGroups), m_names(network.clock()), m_stored(network) {}
 
     // The memberUid values of each of the groups: those stored with it, its members',
     // those of groups within it at any depth, and of the people whose primary group
     // it is or one within it. Sorted, each once.
-    LdapStatus memberUids(Domain& domain, const Ids& ids, const std::vector<const Entry*>& groups,
-                          const Deadline& deadline, std::vector<std::vector<std::string>>& names);
+    using MemberUids = std::vector<std::vector<std::string>>;
+    Expected<MemberUids, LdapFailure> memberUids(const Place& domain, const Ids& ids,
+                                                 const std::vector<const Entry*>& groups,
+                                                 const Deadline& deadline);
 
     // The GUID bytes of the groups that show this memberUid, by membership or because
-    // it is stored with them. A person whose account name and login name are the same
-    // is found by an index. Only where nobody is found so, the directory is searched
-    // through for the login name. What is stored with groups has no index either: it
-    // is read as a whole, and read again once that is twenty times as long ago as it
-    // took, at least.
-    LdapStatus groupsOf(Domain& domain, const Ids& ids, const std::string& memberUid,
-                        const Deadline& deadline, std::vector<std::string>& guids);
+    // it is stored with them; sorted, each once. A person whose account name and login name
+    // are the same is found by an index. Only where nobody is found so, the directory is
+    // searched through for the login name.
+    Expected<std::vector<std::string>, LdapFailure> groupsOf(const Place& domain, const Ids& ids,
+                                                             const std::string& memberUid,
+                                                             const Deadline& deadline);
 
   private:
-    friend class MemberWalk;
-
-    struct Known {
-        std::string name;  // empty: does not count
-        Moment until{};
-    };
-    // The memberUid values stored with a domain's groups.
-    struct Stored {
-        std::mutex mutex;                                // held while they are read
-        std::multimap<std::string, std::string> groups;  // GUID bytes by value; guarded by mutex
-        Moment until{};                                  // guarded by mutex
-    };
-    bool find(const std::string& dn, std::string& name);
-    void keep(const std::string& dn, const std::string& name);
-
-    // The people whose primary group has this RID, where they are many: everybody, most
-    // often. Remembered for twenty times as long as it took to read them.
-    struct Primaries {
-        std::vector<std::string> names;
-        Moment until{};
-    };
-    bool findPrimaries(const Domain& domain, const std::string& rid, std::vector<std::string>& names);
-    void keepPrimaries(const Domain& domain, const std::string& rid, const std::vector<std::string>& names,
-                       Moment::duration time);
-
-    LdapStatus addStored(Domain& domain, const std::string& memberUid, const Deadline& deadline,
-                         std::vector<std::string>& guids);
-
+    Network& m_network;
     const std::size_t m_mostGroups;
-    std::mutex m_mutex;
-    std::unordered_map<std::string, Known> m_people;          // by lower-case DN; guarded by m_mutex
-    std::map<std::string, Primaries> m_primaries;             // by domain and RID; guarded by m_mutex
-    std::map<std::string, std::shared_ptr<Stored>> m_stored;  // by domain; guarded by m_mutex
+    MemberNames m_names;
+    StoredMembers m_stored;
 };
 
 }  // namespace vexagent

@@ -1,7 +1,7 @@
 #include "agent/ad/names.h"
 
-#include <algorithm>
 #include <optional>
+#include <set>
 
 #include "agent/ad/filters.h"
 #include "vorn/dn.h"
@@ -33,10 +33,13 @@ Entry* NamedEntries::only() {
     return real.empty() ? &rewritten.front() : &real.front();
 }
 
-LdapStatus NameFinder::find(const char* attribute, const std::string& value, std::vector<Entry>& found) {
-    return m_domain.search({vorn::DN::dnFromDomain(m_domain.name()), LDAP_SCOPE_SUBTREE,
-                            anyOf(attribute, {value}), m_attributes},
-                           m_deadline, found);
+NameFinder::Found NameFinder::find(const char* attribute, const std::string& value) const {
+    auto entries = readOne(
+        m_network, m_domain,
+        {vorn::DN::dnFromDomain(m_domain.name), LDAP_SCOPE_SUBTREE, anyOf(attribute, {value}), m_attributes},
+        m_deadline);
+    if (!entries) return vorn::unexpected(entries.error());
+    return NamedEntries{std::move(*entries), {}};
 }
 
 std::vector<LdapSearch> NameFinder::rewrittenFrom(const std::string& dn) const {
@@ -50,69 +53,69 @@ std::vector<LdapSearch> NameFinder::rewrittenFrom(const std::string& dn) const {
 }
 
 // Runs the searches in one go; an object that several find counts once.
-LdapStatus NameFinder::collect(const std::string& dn, const std::vector<LdapSearch>& searches,
-                               NamedEntries& found) {
-    const auto isSame = [](const Entry& a) { return [&a](const Entry& b) { return a.dn == b.dn; }; };
-    return m_domain.run(m_deadline, [&](Domain::Lease& lease) {
-        found = {};
-        return lease->searchAll(searches, m_deadline, [&](Entry&& entry) {
-            const bool known = std::any_of(found.real.begin(), found.real.end(), isSame(entry)) ||
-                               std::any_of(found.rewritten.begin(), found.rewritten.end(), isSame(entry));
-            if (known) return;
-            const bool real = vorn::equalsIgnoreCase(entry.dn, dn);
-            (real ? found.real : found.rewritten).push_back(std::move(entry));
-        });
-    });
+NameFinder::Found NameFinder::collect(const std::string& dn, const std::vector<LdapSearch>& searches) const {
+    auto entries = readAll(m_network, m_domain, searches, m_deadline);
+    if (!entries) return vorn::unexpected(entries.error());
+    NamedEntries found;
+    std::set<std::string> seen;
+    for (Entry& entry : *entries) {
+        if (!seen.insert(entry.dn).second) continue;
+        const bool real = vorn::equalsIgnoreCase(entry.dn, dn);
+        (real ? found.real : found.rewritten).push_back(std::move(entry));
+    }
+    return found;
 }
 
-LdapStatus NameFinder::byDn(const std::string& dn, Rewritten rewritten, NamedEntries& found) {
-    if (dn.find('\0') != std::string::npos || !vorn::DN::isDN(dn)) return {};
+NameFinder::Found NameFinder::byDn(const std::string& dn, Rewritten rewritten) const {
+    if (dn.find('\0') != std::string::npos || !vorn::DN::isDN(dn)) return NamedEntries();
     const LdapSearch itself = {dn, LDAP_SCOPE_BASE, "(objectClass=*)", m_attributes};
     std::vector<LdapSearch> searches = rewrittenFrom(dn);
     if (rewritten == Rewritten::Always) {
         searches.insert(searches.begin(), itself);
-        return collect(dn, searches, found);
+        return collect(dn, searches);
     }
-    LdapStatus status = m_domain.search(itself, m_deadline, found.real);
-    if (!status.ok() && !isMissing(status)) return status;
-    return found.real.empty() && !searches.empty() ? collect(dn, searches, found) : LdapStatus();
+    auto entries = readOne(m_network, m_domain, itself, m_deadline);
+    if (!entries && !isMissing(entries.error())) return vorn::unexpected(entries.error());
+    if (entries && !entries->empty()) return NamedEntries{std::move(*entries), {}};
+    return searches.empty() ? Found(NamedEntries()) : collect(dn, searches);
 }
 
 // Both are looked for whatever the first one finds: what is asked is the same for
 // everybody.
-LdapStatus NameFinder::byPrincipal(const std::string& name, NamedEntries& found) {
+NameFinder::Found NameFinder::byPrincipal(const std::string& name) const {
     const std::size_t at = name.rfind('@');
-    const bool ours =
-        at != 0 && vorn::equalsIgnoreCase(std::string_view(name).substr(at + 1), m_domain.name());
-    LdapStatus status = find("userPrincipalName", name, found.real);
-    if (!status.ok() || !ours) return status;
-    std::vector<Entry> accounts;
-    status = find("sAMAccountName", name.substr(0, at), accounts);
-    if (found.real.empty()) found.real = std::move(accounts);
-    return status;
+    const bool ours = at != 0 && vorn::equalsIgnoreCase(std::string_view(name).substr(at + 1), m_domain.name);
+    Found principals = find("userPrincipalName", name);
+    if (!principals || !ours) return principals;
+    Found accounts = find("sAMAccountName", name.substr(0, at));
+    return accounts && !principals->real.empty() ? principals : accounts;
 }
 
-LdapStatus NameFinder::byAccount(const std::string& name, std::size_t backslash, NamedEntries& found) {
-    const std::string_view domain = std::string_view(name).substr(0, backslash);
-    const std::string& own = m_domain.name();
-    bool ours = vorn::equalsIgnoreCase(domain, own) ||
-                vorn::equalsIgnoreCase(domain, std::string_view(own).substr(0, own.find('.')));
-    if (!ours) {
-        std::shared_ptr<const DomainInfo> info;
-        if (LdapStatus status = m_domain.info(m_deadline, info); !status.ok()) return status;
-        ours = vorn::equalsIgnoreCase(domain, info->netbios);
-    }
+// Whether it is the domain's DNS name, the first label of it, or its short name. Only the
+// last costs a question.
+Expected<bool, LdapFailure> NameFinder::isOwnName(std::string_view domain) const {
+    const std::string_view own = m_domain.name;
+    if (vorn::equalsIgnoreCase(domain, own) || vorn::equalsIgnoreCase(domain, own.substr(0, own.find('.'))))
+        return true;
+    const auto info = m_network.describe(m_domain, m_deadline);
+    if (!info) return vorn::unexpected(info.error());
+    return vorn::equalsIgnoreCase(domain, (*info)->netbios);
+}
+
+NameFinder::Found NameFinder::byAccount(const std::string& name, std::size_t backslash) const {
+    const auto ours = isOwnName(std::string_view(name).substr(0, backslash));
+    if (!ours) return vorn::unexpected(ours.error());
     const std::string account = name.substr(backslash + 1);
-    return ours && !account.empty() ? find("sAMAccountName", account, found.real) : LdapStatus();
+    return *ours && !account.empty() ? find("sAMAccountName", account) : NamedEntries();
 }
 
-LdapStatus NameFinder::byLoginName(const std::string& name, NamedEntries& found) {
-    if (name.find('\0') != std::string::npos) return {};
-    if (vorn::DN::isDN(name)) return byDn(name, Rewritten::Always, found);
+NameFinder::Found NameFinder::byLoginName(const std::string& name) const {
+    if (name.find('\0') != std::string::npos) return NamedEntries();
+    if (vorn::DN::isDN(name)) return byDn(name, Rewritten::Always);
     const std::size_t backslash = name.find('\\');
-    if (backslash != std::string::npos) return byAccount(name, backslash, found);
-    if (name.find('@') != std::string::npos) return byPrincipal(name, found);
-    return {};
+    if (backslash != std::string::npos) return byAccount(name, backslash);
+    if (name.find('@') != std::string::npos) return byPrincipal(name);
+    return NamedEntries();
 }
 
 }  // namespace vexagent

@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/net/domain.h"
+#include "agent/ad/network.h"
+#include "agent/ad/options.h"
 
 namespace vexagent {
 
@@ -18,33 +19,42 @@ struct NamedEntries {
     Entry* only();
 };
 
-// Reads entries by names, with these attributes.
+// Reads entries of one domain by names, with these attributes. Everything that it is given
+// by reference outlives it.
 class NameFinder {
   public:
-    NameFinder(Domain& domain, const AdOptions& options, std::vector<std::string> attributes,
-               const Deadline& deadline)
-        : m_domain(domain), m_options(options), m_attributes(std::move(attributes)), m_deadline(deadline) {}
+    NameFinder(Network& network, const Place& domain, const AdOptions& options,
+               std::vector<std::string> attributes, const Deadline& deadline)
+        : m_network(network),
+          m_domain(domain),
+          m_options(options),
+          m_attributes(std::move(attributes)),
+          m_deadline(deadline) {}
+
+    using Found = Expected<NamedEntries, LdapFailure>;
 
     // By a DN of this domain. A DN whose first RDN is "cn=VALUE" may have been
     // rewritten: it then means the objects directly below its parent that hold VALUE
     // in one of the login attributes. These are looked for only when wanted, or when
     // the DN itself does not exist.
     enum class Rewritten { IfNotReal, Always };
-    LdapStatus byDn(const std::string& dn, Rewritten rewritten, NamedEntries& found);
+    Found byDn(const std::string& dn, Rewritten rewritten) const;
 
     // By a DN, name@realm or DOMAIN\name. name@realm is a userPrincipalName, or else
     // the sAMAccountName where the realm is the domain; DOMAIN is the domain's DNS
     // name, the first label of it, or its short name. Anything else is nobody's.
-    LdapStatus byLoginName(const std::string& name, NamedEntries& found);
+    Found byLoginName(const std::string& name) const;
 
   private:
-    LdapStatus find(const char* attribute, const std::string& value, std::vector<Entry>& found);
-    LdapStatus byPrincipal(const std::string& name, NamedEntries& found);
-    LdapStatus byAccount(const std::string& name, std::size_t backslash, NamedEntries& found);
+    Expected<bool, LdapFailure> isOwnName(std::string_view domain) const;
+    Found find(const char* attribute, const std::string& value) const;
+    Found byPrincipal(const std::string& name) const;
+    Found byAccount(const std::string& name, std::size_t backslash) const;
     std::vector<LdapSearch> rewrittenFrom(const std::string& dn) const;
-    LdapStatus collect(const std::string& dn, const std::vector<LdapSearch>& searches, NamedEntries& found);
+    Found collect(const std::string& dn, const std::vector<LdapSearch>& searches) const;
 
-    Domain& m_domain;
+    Network& m_network;
+    const Place m_domain;
     const AdOptions& m_options;
     const std::vector<std::string> m_attributes;
     const Deadline m_deadline;

@@ -1,7 +1,5 @@
 #include "agent/ad/schema.h"
 
-#include "agent/ad/net/ranges.h"
-#include "agent/ad/objects.h"
 #include "agent/directory/log.h"
 
 namespace vexagent {
@@ -32,56 +30,58 @@ void addAttributes(const Entry& aggregate, Schema& schema) {
 }  // namespace
 
 // One thread reads anew while the others go on with what there is.
-std::shared_ptr<const Schema> AdSchema::current(bool& due) {
+AdSchema::Current AdSchema::current() {
     const std::lock_guard lock(m_mutex);
-    due = now() >= m_until;
-    if (due && m_schema) m_until = now() + kTryAgain;
+    const Moment now = m_network.clock().now();
+    const bool due = now >= m_until;
+    if (due && m_schema) m_until = now + kTryAgain;
+    return {m_schema, due};
+}
+
+AdSchema::Known AdSchema::keep(Schema schema, milliseconds time) {
+    const std::lock_guard lock(m_mutex);
+    m_schema = std::make_shared<const Schema>(std::move(schema));
+    m_until = m_network.clock().now() + time;
     return m_schema;
 }
 
-LdapStatus AdSchema::get(const Deadline& deadline, std::shared_ptr<const Schema>& schema) {
-    bool due = false;
-    schema = current(due);
-    if (!due) return {};
-    auto fresh = std::make_shared<Schema>();
-    const LdapStatus status = read(deadline, *fresh);
-    const bool known = status.ok() && !fresh->names().empty();
-    if (!known && schema) return {};
-    if (!status.ok() && status.lost) return status;
-    if (!known)
-        AGENT_LOG(vorn::Logger::kWarning, "%s does not tell its schema: secrets are known by name only%s%s",
-                  m_domain.name().c_str(), status.ok() ? "" : ": ", status.text.c_str());
-    schema = fresh;
-    const std::lock_guard lock(m_mutex);
-    m_schema = fresh;
-    m_until = now() + (known ? kKeep : kTryAgain);
-    return {};
+void AdSchema::complain(const std::string& why) const {
+    AGENT_LOG(vorn::Logger::kWarning, "%s does not tell its schema: secrets are known by name only%s%s",
+              m_domain.name.c_str(), why.empty() ? "" : ": ", why.c_str());
 }
 
-LdapStatus AdSchema::read(const Deadline& deadline, Schema& schema) {
-    std::shared_ptr<const DomainInfo> info;
-    if (LdapStatus status = m_domain.info(deadline, info); !status.ok()) return status;
-    const std::string root = "CN=Schema,CN=Configuration," + info->forest;
-    const LdapSearch all = {"CN=Aggregate," + root, LDAP_SCOPE_BASE, "(objectClass=*)", {"attributeTypes"}};
-    const LdapSearch confidential = {
-        root,
-        LDAP_SCOPE_ONELEVEL,
-        "(&(objectClass=attributeSchema)(searchFlags:1.2.840.113556.1.4.803:=128))",
-        {"lDAPDisplayName"}};
-    return m_domain.run(deadline, [&](Domain::Lease& lease) {
-        schema = {};
-        std::vector<Entry> aggregates;
-        LdapStatus status =
-            lease->search(all, deadline, [&](Entry&& entry) { aggregates.push_back(std::move(entry)); });
-        for (Entry& entry : aggregates) {
-            if (status.ok()) status = readRanges(*lease, entry, deadline);
-            if (status.ok()) addAttributes(entry, schema);
-        }
-        if (!status.ok()) return status;
-        return lease->search(confidential, deadline, [&](Entry&& entry) {
-            schema.addConfidential(std::string(entry.first("lDAPDisplayName")));
-        });
-    });
+Expected<AdSchema::Known, LdapFailure> AdSchema::get(const Deadline& deadline) {
+    const Current current = this->current();
+    if (!current.due) return current.schema;
+    auto fresh = read(deadline);
+    if (fresh && !fresh->names().empty()) return keep(std::move(*fresh), kKeep);
+    if (current.schema) return current.schema;
+    if (!fresh && fresh.error().lost) return vorn::unexpected(fresh.error());
+    complain(fresh ? "" : fresh.error().text);
+    return keep(fresh ? std::move(*fresh) : Schema(), kTryAgain);
+}
+
+Expected<Schema, LdapFailure> AdSchema::read(const Deadline& deadline) {
+    const auto info = m_network.describe(m_domain, deadline);
+    if (!info) return vorn::unexpected(info.error());
+    const std::string root = "CN=Schema,CN=Configuration," + (*info)->forest;
+    const auto aggregates =
+        readOne(m_network, m_domain,
+                {"CN=Aggregate," + root, LDAP_SCOPE_BASE, "(objectClass=*)", {"attributeTypes"}}, deadline);
+    if (!aggregates) return vorn::unexpected(aggregates.error());
+    const auto confidential =
+        readOne(m_network, m_domain,
+                {root,
+                 LDAP_SCOPE_ONELEVEL,
+                 "(&(objectClass=attributeSchema)(searchFlags:1.2.840.113556.1.4.803:=128))",
+                 {"lDAPDisplayName"}},
+                deadline);
+    if (!confidential) return vorn::unexpected(confidential.error());
+    Schema schema;
+    for (const Entry& aggregate : *aggregates) addAttributes(aggregate, schema);
+    for (const Entry& attribute : *confidential)
+        schema.addConfidential(std::string(attribute.first("lDAPDisplayName")));
+    return schema;
 }
 
 }  // namespace vexagent

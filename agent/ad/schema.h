@@ -4,7 +4,7 @@
 #include <memory>
 #include <mutex>
 
-#include "agent/ad/net/domain.h"
+#include "agent/ad/network.h"
 #include "agent/directory/schema.h"
 
 namespace vexagent {
@@ -12,21 +12,30 @@ namespace vexagent {
 // Safe for several threads.
 class AdSchema {
   public:
-    // The domain outlives it.
-    explicit AdSchema(Domain& domain) : m_domain(domain) {}
+    // The network outlives it.
+    AdSchema(Network& network, Place domain) : m_network(network), m_domain(std::move(domain)) {}
 
     // The schema as it was an hour ago at most, or as it was read last where it cannot
     // be read any more. A controller that answers but tells none leaves one that knows
-    // nothing for a minute: secrets are known by their names then.
-    LdapStatus get(const Deadline& deadline, std::shared_ptr<const Schema>& schema);
+    // nothing for a minute: secrets are known by their names then. Never null.
+    using Known = std::shared_ptr<const Schema>;
+    Expected<Known, LdapFailure> get(const Deadline& deadline);
 
   private:
-    std::shared_ptr<const Schema> current(bool& due);
-    LdapStatus read(const Deadline& deadline, Schema& schema);
+    // What there is; due: whether this caller reads it anew.
+    struct Current {
+        Known schema;  // null before the first
+        bool due = true;
+    };
+    Current current();
+    Expected<Schema, LdapFailure> read(const Deadline& deadline);
+    Known keep(Schema schema, milliseconds time);
+    void complain(const std::string& why) const;
 
-    Domain& m_domain;
+    Network& m_network;
+    const Place m_domain;
     std::mutex m_mutex;
-    std::shared_ptr<const Schema> m_schema;  // guarded by m_mutex, as the next
+    Known m_schema;  // guarded by m_mutex, as the next
     Moment m_until{};
 };
 

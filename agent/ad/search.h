@@ -3,40 +3,29 @@
 
 #include <memory>
 
-#include "agent/ad/members.h"
-#include "agent/ad/net/domain.h"
-#include "agent/ad/objects.h"
-#include "agent/directory/directory.h"
-#include "agent/directory/schema.h"
+#include "agent/ad/plan.h"
 
 namespace vexagent {
 
-// What objects are made from. All of it outlives every cursor.
-struct AdSource {
-    Domain& domain;   // that is searched
-    Domain& members;  // that groups' members are in
-    AdMemberships& memberships;
-    const AdOptions& options;
+// What a search has found so far.
+struct AdFound {
+    Batch first{};
+    std::unique_ptr<Cursor> rest{};  // null when that was all
 };
 
-struct AdPlan {
-    LdapSearch search;
-    bool typed = false;
-    std::string without;         // the DN of the base, where that is not wanted
-    std::size_t firstBatch = 0;  // as in Query
-    View view;
-    std::shared_ptr<const Ids> ids;
-    std::shared_ptr<const Schema> schema;
+// What a search is run with. All of it outlives every cursor.
+struct AdSource {
+    Network& network;
+    AdMemberships& memberships;
+    milliseconds timeout;  // for each batch
 };
 
 // Entries are read only as far as they are asked for; meanwhile the controller goes
-// on as far as the connection holds. A search that has more than its first batch
-// keeps its connection until it is read to its end or given up.
-Result runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline, Batch& first,
-                   std::unique_ptr<Cursor>& rest);
+// on as far as the connection holds.
+Expected<AdFound, Result> runAdSearch(const AdSource& source, AdPlan plan, const Deadline& deadline);
 
-// The objects of entries: large attributes completed, memberUid computed.
-Result makeObjects(const AdSource& source, const AdPlan& plan, std::vector<Entry>& entries,
-                   const Deadline& deadline, std::vector<Object>& objects);
+// The objects of entries, in their order: secrets left out, memberUid computed.
+Expected<std::vector<Object>, Result> makeObjects(AdMemberships& memberships, const AdPlan& plan,
+                                                  std::vector<Entry> entries, const Deadline& deadline);
 
 }  // namespace vexagent
