@@ -29,11 +29,9 @@ bool isMarkedInvalid(vexSession* session, const vexObject* object) {
 
 }  // namespace
 
-EntryMaker::EntryMaker(const SearchRequest& request, int scope, bool omitDn, SearchCacheManager* cache)
+EntryMaker::EntryMaker(const SearchRequest& request, SearchCacheManager* cache)
     : m_request(request),
-      m_baseScope(scope == LDAP_SCOPE_BASE),
-      m_ldifRequest{request.objectType, request.includeCn, request.attributes, omitDn},
-      m_keptEntries(request.fetchByDn || JPrintfEnabled() ? nullptr : cache, m_ldifRequest) {}
+      m_keptEntries(request.fetchByDn || JPrintfEnabled() ? nullptr : cache, request.shown) {}
 
 EntryMaker::Result EntryMaker::make(vexSession* session, FoundObject* found, SharedEntry* entry,
                                     vexCode* code) const {
@@ -78,7 +76,7 @@ EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject*
     object->reset();
     JPrintf("Calling vexLdapFetch with domain = %s, dn = %s", domain.c_str(), dn.get());
     vexObject* whole = nullptr;
-    const std::vector<const char*> names = namesForAgent(m_request.attributes);
+    const std::vector<const char*> names = namesForAgent(m_request.shown.requested);
     *code = inTurn([&] { return vexLdapFetch(session, domain.c_str(), dn.get(), names.data(), &whole); });
     if (*code != VEX_OK) return Result::NotFetched;
     object->reset(whole);
@@ -86,7 +84,7 @@ EntryMaker::Result EntryMaker::fetchByDn(vexSession* session, vex::UniqueObject*
 }
 
 std::string EntryMaker::toLdif(vexSession* session, const vexObject* object, bool* complained) const {
-    std::string ldif = object_to_ldif(session, object, m_ldifRequest, complained);
+    std::string ldif = object_to_ldif(session, object, m_request.shown, complained);
     JPrintfLines("After translation: out_ldif = \n", ldif);
     return ldif;
 }
@@ -103,6 +101,7 @@ void EntryMaker::forgetRefused() {
 // A base search answers with the base itself, or with nothing; the rewritten
 // filter of a uid base finds an object under another name on purpose.
 bool EntryMaker::isOtherThanBase(const Entry* entry) const {
-    if (!m_baseScope || m_request.fetchByUidDone || entry->e_name.bv_len == 0) return false;
+    if (m_request.scope != LDAP_SCOPE_BASE || m_request.fetchByUidDone) return false;
+    if (entry->e_name.bv_len == 0) return false;
     return !vorn::equalsIgnoreCase({entry->e_name.bv_val, entry->e_name.bv_len}, m_request.base);
 }

@@ -18,7 +18,7 @@ class EntryMaker {
   public:
     // Entries are kept in the cache. Where the conversion's log lines are wanted, and
     // in a search for DNs in the forest, each is made anew.
-    EntryMaker(const SearchRequest& request, int scope, bool omitDn, SearchCacheManager* cache);
+    EntryMaker(const SearchRequest& request, SearchCacheManager* cache);
 
     enum class Result {
         Made,
@@ -45,7 +45,5 @@ class EntryMaker {
     bool isOtherThanBase(const Entry* entry) const;
 
     const SearchRequest& m_request;
-    const bool m_baseScope;
-    const LdifRequest m_ldifRequest;
     const KeptEntries m_keptEntries;
 };

@@ -37,6 +37,13 @@ void LdapSearchHandle::end() {
     if (cache.session != nullptr) vexSessionClose(std::exchange(cache.session, nullptr));
 }
 
+// slapd's name of a peer is "IP=ADDRESS:PORT", or "PATH=..." without a port.
+std::string peerOf(const Operation& op) {
+    const berval& name = op.o_conn->c_peer_name;
+    const std::string_view text(name.bv_val, name.bv_len);
+    return std::string(text.starts_with("IP=") ? text.substr(0, text.rfind(':')) : text);
+}
+
 void SearchHandleManager::setSearchHandle(unsigned long connection, const SharedHandle& handle) {
     const vorn::WriterLock lock(m_lock);
     if (m_handles.contains(connection)) return;

@@ -131,5 +131,8 @@ class SearchHandleManager {
     std::uint64_t m_lastNumber = 0;                  // guarded by m_lock
 };
 
+// The address that a client comes from, without its port.
+std::string peerOf(const Operation& op);
+
 // The process's registry, made when the back-end registers.
 extern SearchHandleManager* back_vex_search_handle;

@@ -16,30 +16,38 @@ bool saysGone(vexCode code) {
     return code == VEX_OBJECT_GONE || code == VEX_NO_SUCH_OBJECT;
 }
 
-}  // namespace
+// Reads from the agent's search. The objects of one that may be stored fill the cache.
+class AgentObjects final : public ObjectSource {
+  public:
+    AgentObjects(LdapSearchHandle* handle, SearchCacheManager* cache) : m_handle(handle), m_cache(cache) {}
 
-vexCode ObjectSource::next(FoundObject* found) {
+    vexCode next(FoundObject* found) override;
+    bool isFailure(vexCode end) const override { return end != VEX_OK && end != VEX_END_OF_RESULTS; }
+    void storeList() override;
+    void logPage(int sent, int total) const override;
+
+  private:
+    void store(const vexObject* object);
+
+    LdapSearchHandle* const m_handle;
+    SearchCacheManager* const m_cache;
+    bool m_whole = false;  // the agent has ended the search by itself
+};
+
+vexCode AgentObjects::next(FoundObject* found) {
     *found = {};
-    return replays() ? nextFromList(found) : nextFromAgent(found);
-}
-
-bool ObjectSource::isFailure(vexCode end) const {
-    if (end == VEX_OK || end == VEX_END_OF_RESULTS) return false;
-    return !(replays() && saysGone(end));
-}
-
-vexCode ObjectSource::nextFromAgent(FoundObject* found) {
     vexObject* next = nullptr;
     const auto take = [&] { return vexLdapSearchNext(m_handle->search, &next); };
     // What the last batch has left is here already: nobody waits for it.
     const vexCode code = m_handle->search->isLastPage != 0 ? take() : inTurn(take);
+    m_whole = code == VEX_END_OF_RESULTS;
     if (code != VEX_OK) return code;
     found->object.reset(next);
     if (m_handle->storable) store(next);
     return VEX_OK;
 }
 
-void ObjectSource::store(const vexObject* object) {
+void AgentObjects::store(const vexObject* object) {
     vex::UniqueString guid;
     if (vex::readAttribute(m_handle->session(), object, AD_OBJECT_GUID_TEXT, &guid) != VEX_OK) return;
     m_handle->cache.guidList->emplace_back(guid.get());
@@ -47,7 +55,48 @@ void ObjectSource::store(const vexObject* object) {
     JPrintf("Get object(%s) from vexagent and save it to cache succesfully.", guid.get());
 }
 
-vexCode ObjectSource::nextFromList(FoundObject* found) {
+void AgentObjects::storeList() {
+    if (m_whole && m_handle->storable) m_cache->putList(m_handle->key, m_handle->cache.guidList);
+}
+
+void AgentObjects::logPage(int sent, int total) const {
+    JPrintf(
+        "send_paged_response: rs->sr_nentries:%d, total entries:%d, handle->total:%d, "
+        "handle->isLastPage:%d",
+        sent, total, m_handle->search->total, m_handle->search->isLastPage);
+}
+
+// Replays a list from the cache. Objects that are missing there are looked up at the agent.
+class ListedObjects final : public ObjectSource {
+  public:
+    ListedObjects(LdapSearchHandle* handle, SearchCacheManager* cache, std::size_t most)
+        : m_handle(handle), m_cache(cache), m_most(most) {}
+
+    vexCode next(FoundObject* found) override;
+    bool isFailure(vexCode end) const override;
+    void storeList() override {}  // it is the cache's
+    void logPage(int sent, int total) const override;
+
+  private:
+    void expectFrom(std::size_t place);
+    vexCode lookUp(const std::string& guid, FoundObject* found);
+
+    LdapSearchHandle* const m_handle;
+    SearchCacheManager* const m_cache;
+    const std::size_t m_most;
+};
+
+bool ListedObjects::isFailure(vexCode end) const {
+    return end != VEX_OK && end != VEX_END_OF_RESULTS && !saysGone(end);
+}
+
+void ListedObjects::logPage(int sent, int total) const {
+    JPrintf("send_paged_response: rs->sr_nentries:%d, total entries:%d, cacheLdapHandle->guidList->size():%d",
+            sent, total, static_cast<int>(m_handle->cache.guidList->size()));
+}
+
+vexCode ListedObjects::next(FoundObject* found) {
+    *found = {};
     CacheLdapHandle& list = m_handle->cache;
     if (list.cursor >= list.guidList->size()) return VEX_END_OF_RESULTS;
     const std::size_t place = list.cursor++;
@@ -64,7 +113,7 @@ vexCode ObjectSource::nextFromList(FoundObject* found) {
 
 // Tells libvex which look-ups will follow the one at this place, so that it need not make
 // a round trip for each. Once for many of them, and for none that will not be made.
-void ObjectSource::expectFrom(std::size_t place) {
+void ListedObjects::expectFrom(std::size_t place) {
     CacheLdapHandle& list = m_handle->cache;
     if (std::binary_search(list.expected.begin(), list.expected.end(), place)) return;
     const std::size_t left = list.guidList->size() - place;
@@ -77,7 +126,7 @@ void ObjectSource::expectFrom(std::size_t place) {
     vexExpectLookups(m_handle->session(), guids.data());
 }
 
-vexCode ObjectSource::lookUp(const std::string& guid, FoundObject* found) {
+vexCode ListedObjects::lookUp(const std::string& guid, FoundObject* found) {
     vexObject* object = nullptr;
     const vexCode code =
         inTurn([&] { return vexLookupObjectByGuid(m_handle->session(), guid.c_str(), &object); });
@@ -93,4 +142,12 @@ vexCode ObjectSource::lookUp(const std::string& guid, FoundObject* found) {
     m_cache->putObj(guid.c_str(), object);
     found->object.reset(object);
     return VEX_OK;
+}
+
+}  // namespace
+
+std::unique_ptr<ObjectSource> sourceOf(LdapSearchHandle* handle, SearchCacheManager* cache,
+                                       std::size_t most) {
+    if (handle->search != nullptr) return std::make_unique<AgentObjects>(handle, cache);
+    return std::make_unique<ListedObjects>(handle, cache, most);
 }

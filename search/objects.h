@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "cache/search_cache.h"
@@ -19,32 +20,27 @@ struct FoundObject {
     CacheAttachment kept;
 };
 
-// Reads from the agent's search, or replays a list from the cache, where missing
-// objects are looked up at the agent. Objects from the agent fill the cache when
-// the handle's search may be stored.
+// Where one request's objects come from. For use by one thread.
 class ObjectSource {
   public:
-    // most: the request will not take more objects.
-    ObjectSource(LdapSearchHandle* handle, SearchCacheManager* cache, std::size_t most)
-        : m_handle(handle), m_cache(cache), m_most(most) {}
+    virtual ~ObjectSource() = default;
 
     // VEX_OK with an object, VEX_END_OF_RESULTS after the last one, or why there
     // are no more objects to be had.
-    vexCode next(FoundObject* found);
+    virtual vexCode next(FoundObject* found) = 0;
 
-    // Whether a code that ended the results means that objects are missing from
-    // them which the directory may have.
-    bool isFailure(vexCode end) const;
+    // Whether a code that ended the objects means that some are missing which the
+    // directory may have.
+    virtual bool isFailure(vexCode end) const = 0;
 
-  private:
-    bool replays() const { return m_handle->search == nullptr; }
-    vexCode nextFromAgent(FoundObject* found);
-    vexCode nextFromList(FoundObject* found);
-    void expectFrom(std::size_t place);
-    vexCode lookUp(const std::string& guid, FoundObject* found);
-    void store(const vexObject* object);
+    // Tells the cache what has been found, if that is whole.
+    virtual void storeList() = 0;
 
-    LdapSearchHandle* const m_handle;
-    SearchCacheManager* const m_cache;
-    const std::size_t m_most;
+    // Tells the log how far a page has come, which has sent so many entries: with
+    // those of the pages before it, total.
+    virtual void logPage(int sent, int total) const = 0;
 };
+
+// That of an open search: the agent, or a list in the cache. most: the request will not
+// take more objects. The handle outlives it.
+std::unique_ptr<ObjectSource> sourceOf(LdapSearchHandle* handle, SearchCacheManager* cache, std::size_t most);

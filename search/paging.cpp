@@ -1,7 +1,6 @@
 #include "search/paging.h"
 
 #include <cstring>
-#include <string_view>
 #include <utility>
 
 #include "backend/base/log.h"
@@ -46,13 +45,6 @@ PagedResults::PagedResults(Operation* op)
                   ? static_cast<PagedResultsState*>(op->o_pagedresults_state)
                   : nullptr) {}
 
-// slapd's name of a peer is "IP=ADDRESS:PORT", or "PATH=..." without a port.
-std::string PagedResults::peer() const {
-    const berval& name = m_op->o_conn->c_peer_name;
-    const std::string_view text(name.bv_val, name.bv_len);
-    return std::string(text.starts_with("IP=") ? text.substr(0, text.rfind(':')) : text);
-}
-
 std::optional<Rejection> PagedResults::resume(OpenPage* page) {
     JPrintf("vex search: already received entries count:%d, pagesize:%d, size limit:%d", earlier(),
             pageSize(), m_op->ors_slimit);
@@ -89,7 +81,7 @@ bool PagedResults::answerOpen(SlapReply* rs, OpenPage* page) {
     page->name = cookie.name;
     // Before the client has the cookie: its next request may come at once.
     const SharedHandle handle = page->handle;
-    back_vex_search_handle->issue(m_op->o_connid, peer(), std::move(*page));
+    back_vex_search_handle->issue(m_op->o_connid, peerOf(*m_op), std::move(*page));
     back_vex_search_handle->setSearchHandle(m_op->o_connid, handle);
     return true;
 }

@@ -28,9 +28,6 @@ class PagedResults {
     // Entries that the client has received in earlier pages; 0 without the control.
     int earlier() const { return requested() ? m_state->ps_count : 0; }
 
-    // The address that the client comes from, without its port.
-    std::string peer() const;
-
     // Checks page size and cookie. Takes the open search that the cookie names
     // out of the registry; without a cookie *page stays empty and a new search
     // begins.

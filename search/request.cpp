@@ -1,6 +1,5 @@
 #include "search/request.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "backend/base/log.h"
@@ -23,9 +22,12 @@ constexpr char kNetgroupPath[] = "CN=netgroup,CN=Rfc2307NisMaps,";
 constexpr char kFetchByDnMarker[] = "cn=$";
 constexpr char kPosixAccount[] = "posixAccount";
 
-void findObjectType(const Filter* filter, SearchRequest* request) {
-    if (!find_object_type(filter, &request->typeAttribute, &request->objectType)) return;
-    request->agentType = translate_name(gTranslationMap, request->objectType, "");
+// Gives the attribute that names it.
+std::string findObjectType(const Filter* filter, SearchRequest* request) {
+    std::string attribute;
+    if (find_object_type(filter, &attribute, &request->shown.objectType))
+        request->agentType = translate_name(gTranslationMap, request->shown.objectType, "");
+    return attribute;
 }
 
 void translateFilter(std::string_view objectType, const Filter* filter, const vorn::Properties* map,
@@ -94,15 +96,15 @@ std::optional<Rejection> prepareNetgroupBase(SearchRequest* request) {
 std::optional<Rejection> prepareFilter(const Filter* filter, SearchRequest* request) try {
     const vorn::Properties* map = translation_active(gTranslationMap) ? gTranslationMap : nullptr;
     if (map != nullptr) {
-        findObjectType(filter, request);
+        const std::string attribute = findObjectType(filter, request);
         if (gNetgroupUseRfc2307 && request->agentType == kNetgroupType) {
             takeNetgroupPath(filter, request);
             return std::nullopt;
         }
-        JPrintf("vex search: objectType = %s (%s is mapped to %s)", request->typeAttribute.c_str(),
-                request->objectType.c_str(), request->agentType.c_str());
+        JPrintf("vex search: objectType = %s (%s is mapped to %s)", attribute.c_str(),
+                request->shown.objectType.c_str(), request->agentType.c_str());
     }
-    translateFilter(request->objectType, filter, map, request);
+    translateFilter(request->shown.objectType, filter, map, request);
     return std::nullopt;
 } catch (const vorn::VORNException& error) {
     JPrintf("filter parsing (%s)...", error.what());
@@ -113,8 +115,11 @@ std::optional<Rejection> prepareBase(std::string_view dn, SearchRequest* request
     // What the agent would read of it, up to the NUL, is another place.
     if (vorn::DN::holdsNul(dn)) return Rejection{LDAP_NO_SUCH_OBJECT, nullptr};
     request->base = dn;
-    request->firstRdn = dn.substr(0, dn.find(','));
-    return request->netgroups ? prepareNetgroupBase(request) : std::nullopt;
+    if (request->netgroups) {
+        if (const auto rejection = prepareNetgroupBase(request)) return rejection;
+    }
+    request->shown.omitDn = request->base.empty() && request->scope == LDAP_SCOPE_BASE;
+    return std::nullopt;
 }
 
 void prepareFetchByDn(SearchRequest* request) {
@@ -124,17 +129,15 @@ void prepareFetchByDn(SearchRequest* request) {
     request->fetchByDn = true;
 }
 
-void prepareAttributes(const AttributeName* names, SearchRequest* request) {
-    const AttributeList& list = translateAttributes(names, request->objectType, request->agentType);
-    request->attributes = list.attributes;
-    request->includeCn = list.includeCn;
-    if (!JPrintfEnabled()) return;
-    for (const std::string& name : list.asked) request->oldAttributes.append(name).append(" ");
-    for (const std::string& name : list.attributes) request->newAttributes.append(name).append(" ");
+const AttributeList& prepareAttributes(const AttributeName* names, SearchRequest* request) {
+    const AttributeList& list = translateAttributes(names, request->shown.objectType, request->agentType);
+    request->shown.requested = list.attributes;
+    request->shown.includeCn = list.includeCn;
+    return list;
 }
 
-void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
-    request->cacheable = cacheEnabled && attributesAreCacheable(request->attributes);
+void prepareCaching(bool cacheEnabled, SearchRequest* request) {
+    request->cacheable = cacheEnabled && attributesAreCacheable(request->shown.requested);
     if (cacheEnabled && !request->cacheable) {
         JPrintf("Requested attribute(s) is not supported by vexagent.");
     }
@@ -144,17 +147,17 @@ void prepareCaching(bool cacheEnabled, int scope, SearchRequest* request) {
     // The key's text is in lower case: what finds nothing for one spelling must not
     // answer for another.
     if (request->caseCounts) request->cacheable = false;
-    request->key = SearchCacheManager::listKey(request->filter, request->base, scope);
+    request->key = SearchCacheManager::listKey(request->filter, request->base, request->scope);
     if (request->key.size() > SearchCacheManager::kMaxKeyBytes) request->cacheable = false;
 }
 
-void prepareFetchByUid(int scope, SearchRequest* request) {
-    if (!gFetchByDnUID || request->filter != "(objectClass=*)" || scope != LDAP_SCOPE_BASE ||
+void prepareFetchByUid(SearchRequest* request) {
+    if (!gFetchByDnUID || request->filter != "(objectClass=*)" || request->scope != LDAP_SCOPE_BASE ||
         !request->base.starts_with("uid=")) {
         return;
     }
     JPrintf("vex search Do fetchbydnuid.");
-    request->objectType = kPosixAccount;
+    request->shown.objectType = kPosixAccount;
     const std::size_t start = request->base.find('=') + 1;
     const std::size_t comma = request->base.find(',', start);
     const std::string uid = comma == std::string::npos ? "" : request->base.substr(start, comma - start);
@@ -169,7 +172,8 @@ void prepareFetchByUid(int scope, SearchRequest* request) {
     request->fetchByUidDone = true;
 }
 
-std::string domainEntryLdif(std::string_view suffix, std::string_view firstRdn) {
+std::string domainEntryLdif(std::string_view suffix, std::string_view dn) {
+    const std::string_view firstRdn = dn.substr(0, dn.find(','));
     const std::size_t equals = firstRdn.find('=');
     const std::string_view value = equals == std::string_view::npos ? firstRdn : firstRdn.substr(equals + 1);
     std::string ldif = "dn: ";

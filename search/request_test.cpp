@@ -39,7 +39,7 @@ TEST_F(RequestTest, TheObjectTypeIsFoundAndMapped) {
     useMap("posixAccount = User\n");
     searchtest::TestFilter filter("objectClass", "POSIXaccount");
     EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
-    EXPECT_EQ(m_request.objectType, "POSIXaccount");
+    EXPECT_EQ(m_request.shown.objectType, "POSIXaccount");
     EXPECT_EQ(m_request.agentType, "User");
     EXPECT_EQ(m_request.filter, "(objectClass=User)");
     EXPECT_TRUE(log.has("vex search: objectType = objectClass (POSIXaccount is mapped to User)"));
@@ -58,7 +58,7 @@ TEST_F(RequestTest, WithoutAMapNothingIsSaidOfTheObjectType) {
     const standin::CapturedLog log;
     searchtest::TestFilter filter("objectClass", "posixAccount");
     EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
-    EXPECT_EQ(m_request.objectType, "");
+    EXPECT_EQ(m_request.shown.objectType, "");
     EXPECT_EQ(m_request.filter, "(objectClass=posixAccount)");
     EXPECT_THAT(log.records(), IsEmpty());
 }
@@ -190,7 +190,6 @@ TEST_F(RequestTest, EveryOtherSearchKeepsItsBase) {
     useSettings("");
     EXPECT_FALSE(prepareBase("dc=else,dc=where", &m_request));
     EXPECT_EQ(m_request.base, "dc=else,dc=where");
-    EXPECT_EQ(m_request.firstRdn, "dc=else");
 }
 
 TEST_F(RequestTest, CnDollarGoesWithTheCommaAfterIt) {
@@ -232,45 +231,40 @@ TEST_F(RequestTest, AttributesAreTranslatedAndTheModulesOwnAreAdded) {
     useMap(
         "posixAccount = User\nposixAccount.uid = sAMAccountName\nposixAccount.cn = displayName\n"
         "posixAccount.gone =\n");
-    m_request.objectType = "posixAccount";
+    m_request.shown.objectType = "posixAccount";
     m_request.agentType = "User";
-    const standin::CapturedLog log;
-    prepareAttributes(Names({"uid", "*", "1.1", "mail", "gone"}).get(), &m_request);
-    EXPECT_THAT(m_request.attributes, ElementsAre("sAMAccountName", "_dn", "mail", "gone", "displayName",
-                                                  "_objectCategory", "_nssEntryInvalid"));
-    EXPECT_EQ(m_request.oldAttributes, "uid * 1.1 mail gone ");
-    EXPECT_EQ(m_request.newAttributes,
-              "sAMAccountName _dn mail gone displayName _objectCategory _nssEntryInvalid ");
-    EXPECT_FALSE(m_request.includeCn);
+    const AttributeList& list =
+        prepareAttributes(Names({"uid", "*", "1.1", "mail", "gone"}).get(), &m_request);
+    EXPECT_THAT(m_request.shown.requested, ElementsAre("sAMAccountName", "_dn", "mail", "gone", "displayName",
+                                                       "_objectCategory", "_nssEntryInvalid"));
+    EXPECT_THAT(list.asked, ElementsAre("uid", "*", "1.1", "mail", "gone"));
+    EXPECT_FALSE(m_request.shown.includeCn);
 }
 
 TEST_F(RequestTest, CnAskedForByNameIsNotAddedASecondTime) {
     useMap("posixAccount = User\nposixAccount.cn = displayName\n");
-    m_request.objectType = "posixAccount";
+    m_request.shown.objectType = "posixAccount";
     m_request.agentType = "User";
     prepareAttributes(Names({"CN"}).get(), &m_request);
-    EXPECT_TRUE(m_request.includeCn);
-    EXPECT_THAT(m_request.attributes, ElementsAre("displayName", "_objectCategory", "_nssEntryInvalid"));
+    EXPECT_TRUE(m_request.shown.includeCn);
+    EXPECT_THAT(m_request.shown.requested, ElementsAre("displayName", "_objectCategory", "_nssEntryInvalid"));
 }
 
 TEST_F(RequestTest, NoNamesOrOnlyAStarMeanAll) {
     useMap("posixAccount = User\n");
     m_request.agentType = "User";
     prepareAttributes(nullptr, &m_request);
-    EXPECT_THAT(m_request.attributes, IsEmpty());
-    EXPECT_EQ(m_request.newAttributes, "") << "made for the log, when somebody reads it";
-    const standin::CapturedLog log;
-    prepareAttributes(Names({"*"}).get(), &m_request);
-    EXPECT_THAT(m_request.attributes, IsEmpty());
-    EXPECT_EQ(m_request.oldAttributes, "* ");
+    EXPECT_THAT(m_request.shown.requested, IsEmpty());
+    EXPECT_THAT(prepareAttributes(Names({"*"}).get(), &m_request).asked, ElementsAre("*"));
+    EXPECT_THAT(m_request.shown.requested, IsEmpty());
 }
 
 TEST_F(RequestTest, WithoutAMappedTypeNamesStayAndNothingIsAdded) {
     prepareAttributes(Names({"uid"}).get(), &m_request);
-    EXPECT_THAT(m_request.attributes, ElementsAre("uid"));
-    EXPECT_FALSE(m_request.includeCn);
+    EXPECT_THAT(m_request.shown.requested, ElementsAre("uid"));
+    EXPECT_FALSE(m_request.shown.includeCn);
     prepareAttributes(Names({"uid", "Cn"}).get(), &m_request);
-    EXPECT_TRUE(m_request.includeCn) << "whatever is mapped";
+    EXPECT_TRUE(m_request.shown.includeCn) << "whatever is mapped";
 }
 
 TEST_F(RequestTest, AtMost127NamesAreAskedForAndAbove124NoneIsAdded) {
@@ -281,21 +275,22 @@ TEST_F(RequestTest, AtMost127NamesAreAskedForAndAbove124NoneIsAdded) {
     } cases[] = {{124, 126}, {125, 125}, {127, 127}, {200, 127}};
     for (const auto& one : cases) {
         SearchRequest request;
-        request.objectType = "posixAccount";
+        request.shown.objectType = "posixAccount";
         request.agentType = "User";
         std::vector<std::string> names;
         for (std::size_t i = 0; i < one.names; ++i) names.push_back("a" + std::to_string(i));
         prepareAttributes(Names(names).get(), &request);
-        EXPECT_EQ(request.attributes.size(), one.asked) << one.names;
+        EXPECT_EQ(request.shown.requested.size(), one.asked) << one.names;
     }
 }
 
 // -------------------------------------------------------------------- caching
 
 TEST_F(RequestTest, TheKeyIsFilterBaseAndScopeInLowerCase) {
+    m_request.scope = LDAP_SCOPE_SUBTREE;
     m_request.filter = "(CN=A)";
     m_request.base = "DC=X";
-    prepareCaching(true, 2, &m_request);
+    prepareCaching(true, &m_request);
     EXPECT_EQ(m_request.key, "(cn=a)dc=x2");
 }
 
@@ -308,10 +303,10 @@ TEST_F(RequestTest, OnlyWhatEveryObjectCouldCarryIsCacheable) {
     } cases[] = {
         {{}, true}, {{"MAIL"}, true}, {{"mail", "_dn", "_anything"}, true}, {{"mail", "unknown"}, false}};
     for (const auto& one : cases) {
-        m_request.attributes = one.names;
-        prepareCaching(true, 2, &m_request);
+        m_request.shown.requested = one.names;
+        prepareCaching(true, &m_request);
         EXPECT_EQ(m_request.cacheable, one.cacheable);
-        prepareCaching(false, 2, &m_request);
+        prepareCaching(false, &m_request);
         EXPECT_FALSE(m_request.cacheable) << "a disabled cache";
     }
     EXPECT_EQ(log.count("Requested attribute(s) is not supported by vexagent."), 1);
@@ -319,12 +314,12 @@ TEST_F(RequestTest, OnlyWhatEveryObjectCouldCarryIsCacheable) {
 
 TEST_F(RequestTest, NothingIsCacheableBeforeTheFirstBindOrInAForestSearch) {
     const standin::CapturedLog log;
-    prepareCaching(true, 2, &m_request);
+    prepareCaching(true, &m_request);
     EXPECT_FALSE(m_request.cacheable);
     EXPECT_TRUE(log.has("Requested attribute(s) is not supported by vexagent."));
     useCache();
     m_request.fetchByDn = true;
-    prepareCaching(true, 2, &m_request);
+    prepareCaching(true, &m_request);
     EXPECT_FALSE(m_request.cacheable);
 }
 
@@ -339,7 +334,7 @@ TEST_F(RequestTest, NothingIsCacheableWhereTheCaseOfAValueCounts) {
     for (const auto& one : cases) {
         searchtest::TestFilter filter(one.attribute, one.value);
         EXPECT_FALSE(prepareFilter(filter.filter(), &m_request));
-        prepareCaching(true, 2, &m_request);
+        prepareCaching(true, &m_request);
         EXPECT_EQ(m_request.cacheable, one.cacheable) << one.attribute << '=' << one.value;
     }
     gNetgroupUseRfc2307 = true;
@@ -349,7 +344,7 @@ TEST_F(RequestTest, NothingIsCacheableWhereTheCaseOfAValueCounts) {
         const std::string text = std::string("(&(objectClass=nisNetgroup)(nisNetgroupTriple=") + name + "))";
         EXPECT_FALSE(prepareFilter(builder.parse(text), &m_request));
         EXPECT_TRUE(m_request.netgroups);
-        prepareCaching(true, 2, &m_request);
+        prepareCaching(true, &m_request);
         EXPECT_EQ(m_request.cacheable, cacheable) << "in netgroups, too: " << name;
     }
 }
@@ -389,17 +384,18 @@ TEST_F(RequestTest, FetchByUidRewritesTheFilterOnlyWhereItCan) {
         SearchRequest request;
         request.base = one.base;
         request.filter = one.filter;
-        prepareFetchByUid(one.scope, &request);
+        request.scope = one.scope;
+        prepareFetchByUid(&request);
         EXPECT_EQ(request.filter, one.result) << one.base << " " << one.map;
         EXPECT_EQ(request.fetchByUidDone, one.done) << one.base << " " << one.map;
-        EXPECT_EQ(request.objectType, one.done ? "posixAccount" : "");
+        EXPECT_EQ(request.shown.objectType, one.done ? "posixAccount" : "");
         EXPECT_EQ(request.base, one.base);
     }
     gFetchByDnUID = false;
     SearchRequest request;
     request.base = "uid=jdoe,dc=a";
     request.filter = "(objectClass=*)";
-    prepareFetchByUid(0, &request);
+    prepareFetchByUid(&request);
     EXPECT_FALSE(request.fetchByUidDone);
 }
 
@@ -408,13 +404,13 @@ TEST_F(RequestTest, FetchByUidIsLogged) {
     gFetchByDnUID = true;
     m_request.base = "uid=jdoe,dc=a";
     m_request.filter = "(objectClass=*)";
-    prepareFetchByUid(0, &m_request);
+    prepareFetchByUid(&m_request);
     EXPECT_TRUE(log.has("vex search Do fetchbydnuid."));
     EXPECT_TRUE(log.has("vex search after fetchbydnuid transformation, filter = (objectClass=*)"));
 }
 
 TEST_F(RequestTest, TheDomainEntryTakesItsDcFromTheFirstRdn) {
-    EXPECT_EQ(domainEntryLdif("dc=a,dc=b", "DC=A"), "dn: dc=a,dc=b\nobjectclass: domain\ndc: A\n");
+    EXPECT_EQ(domainEntryLdif("dc=a,dc=b", "DC=A,DC=b"), "dn: dc=a,dc=b\nobjectclass: domain\ndc: A\n");
     EXPECT_EQ(domainEntryLdif("dc=a", "whole"), "dn: dc=a\nobjectclass: domain\ndc: whole\n");
     EXPECT_EQ(domainEntryLdif("dc=a", "dc=a+ou=b"), "dn: dc=a\nobjectclass: domain\ndc: a+ou=b\n");
 }

@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <exception>
 
+#include "search/exact_reply.h"
 #include "search/operation.h"
+#include "search/reply.h"
 
 #include "backend/base/slapd.h"
 
@@ -21,7 +23,9 @@ int reportException(Operation* op, SlapReply* rs, const char* what) {
 }  // namespace
 
 int vex_back_search(Operation* op, SlapReply* rs) try {
-    SearchOperation search(op, rs);
+    ExactReply policy(op, rs);
+    SearchReply reply(op, rs, &policy);
+    SearchOperation search(op, &reply);
     const bool delivered =
         search.prepare() && search.resumeOrOpen() && search.replayOrAsk() && search.deliver();
     const bool staysOpen = delivered && search.endPage();

@@ -1,7 +1,7 @@
 // The search operation.
 #pragma once
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // slapd's search hook. Answers the whole request itself; 0, save when an
 // unexpected exception was reported to the client: then 1.

@@ -1,7 +1,7 @@
 """The list of changes that no test can notice, each with its reason.
 
-    search/operation.cpp: m_rs->sr_flags = 0;
-        m_rs->sr_flags = 0 -> dropped
+    search/reply.cpp: rs->sr_flags = 0;
+        rs->sr_flags = 0 -> dropped
         The reason, in as many lines as it takes.
 
 The file, and the line as it stands there; the change, as tools/mutants shows it, or in words
