@@ -96,7 +96,7 @@ if importlib.util.find_spec("clang") is not None:  # what only developers instal
 
         says(MUTATION_REACHED=str(tmp_path / "reached"))
         assert switched.tests_of((tmp_path / "reached").read_text(encoding="utf-8")) == (
-            {first(numbered, line): ["*"] for line in (6, 15, 16)}, [])
+            {first(numbered, line): ([], ["*"]) for line in (6, 15, 16)}, [])
 
     def test_a_change_that_does_not_compile_is_left_out(tmp_path):
         from mutation import points
@@ -117,8 +117,9 @@ def first(numbered, line):
 
 
 def test_who_reaches_a_function():
-    told = "* 1 2\nA.b 1 3\n!A.fails 4\nC.d 3\n* 5\n"
-    assert switched.tests_of(told) == ({1: ["A.b"], 2: ["*"], 3: ["A.b", "C.d"], 5: ["*"]}, ["A.fails"])
+    told = "* 0 1 2\nA.b 5 1 3\n!A.fails 5 4\nC.d 500 3\n* 0 5\n"
+    assert switched.tests_of(told) == (
+        {1: (["A.b"], []), 2: ([], ["*"]), 3: (["A.b"], ["C.d"]), 5: ([], ["*"])}, ["A.fails"])
 
 
 @pytest.mark.parametrize("survivors, tried, share", [(0, 600, 0.00498), (3, 600, 0.01286), (6, 600, 0.01964), (7, 7, 1.0)])

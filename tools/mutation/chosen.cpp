@@ -2,8 +2,8 @@
 //
 // MUTATION_CHANGE is the number of the change; without it the code is as it stands. With
 // MUTATION_REACHED, a file's name, a line is added to that file for each test that has ended:
-// its name ("!" before it when it has failed) and the functions that it, or what its suite sets
-// up, has called; one by the name "*" tells what was called outside of any test.
+// its name ("!" before it when it has failed), its milliseconds, and the functions that it, or
+// what its suite sets up, has called; one by the name "*" tells what was called outside of tests.
 #include <sys/mman.h>
 #include <algorithm>
 #include <cstdio>
@@ -32,9 +32,9 @@ void clear() {
     std::fill_n(reached(), kFunctions, 0);
 }
 
-void tell(const char* test) {
+void tell(const char* test, long milliseconds) {
     FILE* file = std::fopen(std::getenv("MUTATION_REACHED"), "a");
-    std::fprintf(file, "%s", test);
+    std::fprintf(file, "%s %ld", test, milliseconds);
     for (int i = 0; i < kFunctions; ++i)
         if (reached()[i]) std::fprintf(file, " %d", i);
     std::fputc('\n', file);
@@ -45,7 +45,7 @@ void tell(const char* test) {
 
 class Recorder : public testing::EmptyTestEventListener {
     void OnTestSuiteStart(const testing::TestSuite&) override {
-        tell("*");
+        tell("*", 0);
         clear();
         m_suiteBegins = true;
     }
@@ -56,7 +56,7 @@ class Recorder : public testing::EmptyTestEventListener {
     }
     void OnTestEnd(const testing::TestInfo& test) override {
         const std::string name = std::string(test.test_suite_name()) + "." + test.name();
-        tell(test.result()->Passed() ? name.c_str() : ("!" + name).c_str());
+        tell(test.result()->Passed() ? name.c_str() : ("!" + name).c_str(), test.result()->elapsed_time());
         clear();
     }
 
@@ -73,7 +73,7 @@ const bool gRecords = [] {
 #endif
 
 [[gnu::destructor]] void atEnd() {
-    if (std::getenv("MUTATION_REACHED") != nullptr) tell("*");
+    if (std::getenv("MUTATION_REACHED") != nullptr) tell("*", 0);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@ also knows which functions a test reaches.
 import itertools
 import re
 
+SLOW_MS = 100  # tests that take longer are asked last
 HEAD = """#ifdef __cplusplus
 extern "C"
 #endif
@@ -57,14 +58,21 @@ def at_fault(complaints):
 
 
 def tests_of(reached):
-    """The tests that reach each function, by its number, of what chosen.cpp writes; and those that
-    failed. What is called outside of every test counts for functions that none reaches."""
-    found, failed = {}, []
+    """The tests that reach each function, by its number, of what chosen.cpp writes, as the quick and
+    the slow ones; and the tests that failed. What is called outside of every test counts for
+    functions that none reaches."""
+    found, slow, failed = {}, {"*"}, []
     for line in reached.splitlines():
-        test, *functions = line.split()
+        test, milliseconds, *functions = line.split()
         if test.startswith("!"):
             failed.append(test[1:])
             continue
+        if int(milliseconds) > SLOW_MS:
+            slow.add(test)
         for function in functions:
             found.setdefault(int(function), set()).add(test)
-    return {function: sorted(tests - {"*"}) or ["*"] for function, tests in found.items()}, failed
+
+    def parted(tests):
+        tests = tests - {"*"} or {"*"}
+        return sorted(tests - slow), sorted(tests & slow)
+    return {function: parted(tests) for function, tests in found.items()}, failed
