@@ -1,9 +1,11 @@
 // Look-ups that were announced: what is asked for in one trip, and what stays as without.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 
+#include "vex/closings.h"
 #include "vex/handles.h"
 #include "vex/look_ahead.h"
 #include "vex/scripted_agent_testing.h"
@@ -50,7 +52,10 @@ struct Pointers : std::vector<const char*> {
 };
 
 struct LookAheadOfASession : testing::Test {
-    LookAheadOfASession() { serve(LookAheadOfASession::whole); }
+    LookAheadOfASession() {
+        vex::Closings::process().take(::getpid());  // searches of other tests, of which this agent was told
+        serve(LookAheadOfASession::whole);
+    }
     ~LookAheadOfASession() override { agent.stop(); }
 
     using Answer = Reply (*)(const std::string& guid, const Guids& more);
