@@ -37,7 +37,7 @@ constexpr int kSoonMs = 20'000;
 class Child {
   public:
     Child(const TemporaryFolder& folder, const std::function<int()>& action)
-        : m_out(folder.file("out")), m_err(folder.file("err")), m_process(::fork()) {
+        : m_out(folder.file("out")), m_err(folder.file("err")), m_process(forked()) {
         if (m_process != 0) return;
         redirect(m_out, STDOUT_FILENO);
         redirect(m_err, STDERR_FILENO);
@@ -62,6 +62,11 @@ class Child {
     void signal(int number) const { ::kill(m_process, number); }
 
   private:
+    // With nothing in its streams that the parent has to write.
+    static pid_t forked() {
+        std::fflush(nullptr);
+        return ::fork();
+    }
     static void redirect(const std::string& path, int descriptor) {
         const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
         ::dup2(file, descriptor);
