@@ -110,30 +110,28 @@ LdbContext openLdb(const std::string& path, bool create) {
     return ldb;
 }
 
-ReadResult Handle::outcome(int code) const {
-    if (code == LDB_SUCCESS) return {};
+void Handle::fail(int code) const {
     const char* text = ldb_errstring(m_ldb.get());
-    return {code, text != nullptr ? text : ldb_strerror(code)};
+    throw ReadError(code, text != nullptr ? text : ldb_strerror(code));
 }
 
-ReadResult Handle::search(ldb_dn* base, ldb_scope scope, ParseTree* tree, const char* const* attributes,
-                          const Visitor& visit) {
+void Handle::search(ldb_dn* base, ldb_scope scope, ParseTree* tree, const char* const* attributes,
+                    const Visitor& visit) {
     const Pool pool = newPool();
     Visit state{&visit};
     Request* request = nullptr;
     int code = ldb_build_search_req_ex(&request, m_ldb.get(), pool.get(), base, scope, tree, attributes,
                                        nullptr, &state, onReply, nullptr);
-    if (code != LDB_SUCCESS) return outcome(code);
+    if (code != LDB_SUCCESS) fail(code);
     ldb_set_timeout(m_ldb.get(), request, 0);
     code = ldb_request(m_ldb.get(), request);
     if (code == LDB_SUCCESS) code = ldb_wait(request->handle, LDB_WAIT_ALL);
     if (state.failed) throw std::bad_alloc();
-    if (state.stopped || code == LDB_ERR_NO_SUCH_OBJECT) return {};
-    return outcome(code);
+    if (code != LDB_SUCCESS && code != LDB_ERR_NO_SUCH_OBJECT && !state.stopped) fail(code);
 }
 
-ReadResult Handle::find(const char* attribute, std::string_view value, const char* const* attributes,
-                        const Visitor& visit) {
+void Handle::find(const char* attribute, std::string_view value, const char* const* attributes,
+                  const Visitor& visit) {
     const Pool pool = newPool();
     auto* tree = talloc_zero(pool.get(), ParseTree);
     ldb_dn* base = ldb_dn_new(pool.get(), m_ldb.get(), nullptr);
@@ -141,10 +139,12 @@ ReadResult Handle::find(const char* attribute, std::string_view value, const cha
     tree->operation = LDB_OP_EQUALITY;
     tree->u.equality.attr = attribute;
     tree->u.equality.value = newValue(tree, value);
-    return search(base, LDB_SCOPE_SUBTREE, tree, attributes, visit);
+    search(base, LDB_SCOPE_SUBTREE, tree, attributes, visit);
 }
 
 ldb_message* Handle::read(void* pool, ldb_dn* dn, const char* const* attributes) {
+    // LDB answers for such a DN as it does when the file cannot be read.
+    if (ldb_dn_is_null(dn) || ldb_dn_get_casefold(dn) == nullptr) return nullptr;
     ldb_message* found = nullptr;
     auto* tree = talloc_zero(pool, ParseTree);
     if (tree == nullptr) throw std::bad_alloc();

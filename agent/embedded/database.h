@@ -37,18 +37,22 @@ using LdbContext = std::unique_ptr<ldb_context, LdbClose>;
 // DatabaseError.
 LdbContext openLdb(const std::string& path, bool create);
 
-// How a read ended: an LDB error code (an LDAP result code) and its text.
-struct ReadResult {
-    int code = LDB_SUCCESS;
-    std::string text;
-    bool ok() const { return code == LDB_SUCCESS; }
+// A read that failed, which says nothing about what is there: an LDB error code (an LDAP
+// result code) and its text.
+class ReadError : public DatabaseError {
+  public:
+    ReadError(int code, const std::string& text) : DatabaseError(text), m_code(code) {}
+    int code() const { return m_code; }
+
+  private:
+    int m_code;
 };
 
 // Sees one object and tells whether to go on. The message is the visitor's to
 // keep (talloc_steal) or to leave.
 using Visitor = std::function<bool(ldb_message*)>;
 
-// One thread's view of the database.
+// One thread's view of the database. Throws ReadError when it cannot be read.
 class Handle {
   public:
     explicit Handle(LdbContext ldb) : m_ldb(std::move(ldb)) {}
@@ -57,25 +61,26 @@ class Handle {
 
     // Visits what a filter tree selects. attributes is null-terminated; null
     // means all.
-    ReadResult search(ldb_dn* base, ldb_scope scope, ParseTree* tree, const char* const* attributes,
-                      const Visitor& visit);
+    void search(ldb_dn* base, ldb_scope scope, ParseTree* tree, const char* const* attributes,
+                const Visitor& visit);
 
     // Visits every object of the database with the attribute value, from its
     // index when it has one.
-    ReadResult find(const char* attribute, std::string_view value, const char* const* attributes,
-                    const Visitor& visit);
+    void find(const char* attribute, std::string_view value, const char* const* attributes,
+              const Visitor& visit);
 
-    // The object with this DN, in the pool; null when there is none.
+    // The object with this DN, in the pool; null when there is none. A DN that holds what
+    // its attributes cannot, such as a number that is none, is nobody's.
     ldb_message* read(void* pool, ldb_dn* dn, const char* const* attributes = nullptr);
 
     // The object with these GUID bytes, in the pool; null when there is none.
     ldb_message* readByGuid(void* pool, std::string_view guid, const char* const* attributes = nullptr);
 
-    // A number that grows with every change.
+    // A number that grows with every change; nothing when it cannot be read.
     std::optional<std::uint64_t> sequence();
 
   private:
-    ReadResult outcome(int code) const;
+    [[noreturn]] void fail(int code) const;
 
     LdbContext m_ldb;
 };

@@ -30,9 +30,8 @@ class DatabaseReads : public testing::Test {
         const Pool pool = newPool();
         ldb_dn* root = ldb_dn_new(pool.get(), handle.ldb(), nullptr);
         int seen = 0;
-        const ReadResult read = handle.search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr,
-                                              [&](ldb_message*) { return ++seen < last; });
-        EXPECT_TRUE(read.ok()) << read.text;
+        handle.search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr,
+                      [&](ldb_message*) { return ++seen < last; });
         return seen;
     }
 
@@ -50,9 +49,7 @@ TEST_F(DatabaseReads, EndWhenTheVisitorHasSeenEnough) {
 TEST_F(DatabaseReads, EndWhenTheVisitorOfAnIndexHasSeenEnough) {
     const Database::Lease handle = m_database->lease();
     int seen = 0;
-    const ReadResult read =
-        handle->find("objectClass", "user", nullptr, [&](ldb_message*) { return ++seen < 2; });
-    EXPECT_TRUE(read.ok()) << read.text;
+    handle->find("objectClass", "user", nullptr, [&](ldb_message*) { return ++seen < 2; });
     EXPECT_EQ(seen, 2);
 }
 
@@ -76,6 +73,33 @@ TEST_F(DatabaseReads, EndWhenMemoryDoes) {
         handle->find("objectClass", "user", nullptr, [](ldb_message*) -> bool { throw std::bad_alloc(); }),
         std::bad_alloc);
     EXPECT_EQ(countUpTo(1, *handle), 1);
+}
+
+TEST_F(DatabaseReads, FindNobodyByWhatNobodyCanBeCalled) {
+    const Database::Lease handle = m_database->lease();
+    const Pool pool = newPool();
+    for (const char* text : {"", "uidNumber=ann", "uidNumber=0x", "CN=x,uidNumber=ann", "CN=\\00"})
+        EXPECT_EQ(handle->read(pool.get(), ldb_dn_new(pool.get(), handle->ldb(), text)), nullptr) << text;
+    for (const char* attribute : {"uidNumber", "member", "objectGUID", "objectSid", "uid", "description"})
+        for (const std::string& value : {std::string("J\xfcrgen"), std::string("a\0b", 3), std::string(),
+                                         std::string(70'000, 'x'), std::string("=,="), std::string("0xffff")})
+            handle->find(attribute, value, nullptr, [](ldb_message*) {
+                ADD_FAILURE();
+                return true;
+            });
+}
+
+TEST_F(DatabaseReads, FailOnAFileThatIsNoneAnyMore) {
+    const Database::Lease handle = m_database->lease();
+    damage(file());
+    const Pool pool = newPool();
+    ldb_dn* ann = ldb_dn_new(pool.get(), handle->ldb(), "CN=Ann,OU=People,DC=example,DC=com");
+    const auto nothing = [](ldb_message*) { return true; };
+    EXPECT_THROW(handle->read(pool.get(), ann), ReadError);
+    EXPECT_THROW(handle->readByGuid(pool.get(), std::string(16, 'x')), ReadError);
+    EXPECT_THROW(handle->find("uid", "ann", nullptr, nothing), ReadError);
+    EXPECT_THROW(handle->search(ann, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr, nothing), ReadError);
+    EXPECT_EQ(handle->sequence(), std::nullopt);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 // A small directory for the tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +45,17 @@ inline std::string units() {
     for (const char* name : {"People", "Groups"})
         text += std::string("dn: OU=") + name + "," + kRoot + "\nobjectClass: organizationalUnit\n\n";
     return text;
+}
+
+// Makes an open database's file one that cannot be read: its content is gone, its size
+// is not.
+inline void damage(const std::string& database) {
+    constexpr std::streamoff kHead = 8192;  // two pages, which say where the rest is
+    std::fstream file(database, std::ios::in | std::ios::out | std::ios::binary | std::ios::ate);
+    const std::streamoff size = file.tellp();
+    file.seekp(kHead);
+    file << std::string(static_cast<std::size_t>(size - kHead), '\0');
+    ASSERT_TRUE(file.flush());
 }
 
 // The clock of the tests.

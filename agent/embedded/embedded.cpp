@@ -165,7 +165,7 @@ Result EmbeddedDirectory::findBase(Handle& handle, void* pool, const Query& quer
     return {};
 }
 
-Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) {
+Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) try {
     rest.reset();
     if (Result domain = checkDomain(query.domain); !domain.ok()) return domain;
     const Pool pool = newPool();
@@ -190,10 +190,12 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     if (selection == Selection::Nothing) return {};
     if (selection == Selection::All) plan.tree = matchAll(pool.get());
     return runSearch(source(), handle, plan, query, {first, rest});
+} catch (const ReadError& error) {
+    return readFailure(error);
 }
 
 Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,
-                                Object& object) {
+                                Object& object) try {
     if (Result checked = checkDomain(domain); !checked.ok()) return checked;
     const Pool pool = newPool();
     Database::Lease handle = m_database.lease();
@@ -203,9 +205,11 @@ Result EmbeddedDirectory::fetch(const std::string& domain, const std::string& dn
         return Result::ldap(VEX_NO_SUCH_OBJECT, LDAP_NO_SUCH_OBJECT, "no object has this DN");
     object = makeObject(*handle, source(), message, view);
     return {};
+} catch (const ReadError& error) {
+    return readFailure(error);
 }
 
-Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Object& object) {
+Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Object& object) try {
     const Pool pool = newPool();
     const auto bytes = guidBytes(guid);
     Database::Lease handle = m_database.lease();
@@ -214,6 +218,8 @@ Result EmbeddedDirectory::lookup(const std::string& guid, const View& view, Obje
         return Result::ldap(VEX_OBJECT_GONE, LDAP_NO_SUCH_OBJECT, "no object has this GUID");
     object = makeObject(*handle, source(), message, view);
     return {};
+} catch (const ReadError& error) {
+    return readFailure(error);
 }
 
 // Why an account may not log in whatever its password.
@@ -245,7 +251,8 @@ std::string EmbeddedDirectory::idleSetting(Handle& handle) {
     return setting;
 }
 
-Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::string& password, LoginOptions) {
+Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::string& password,
+                                        LoginOptions) try {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
     const Pool pool = newPool();
@@ -264,9 +271,11 @@ Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::stri
     if (!accepted) return wrongPassword();
     if (std::optional<Result> refusal = refusalOf(object)) return *refusal;
     return *accepted;
+} catch (const ReadError& error) {
+    return readFailure(error);
 }
 
-Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
+Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) try {
     Database::Lease handle = m_database.lease();
     const std::optional<std::uint64_t> sequence = handle->sequence();
     if (const auto known = m_names.lock(); known->isOf(sequence)) {
@@ -277,18 +286,18 @@ Result EmbeddedDirectory::supportedAttributes(std::vector<std::string>& names) {
                                                           std::end(kAlwaysSupported));
     const Pool pool = newPool();
     ldb_dn* root = ldb_dn_new(pool.get(), handle->ldb(), nullptr);
-    const ReadResult read =
-        handle->search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr, [&](ldb_message* message) {
-            for (unsigned i = 0; i < message->num_elements; ++i) {
-                const std::string_view name = message->elements[i].name;
-                if (!vorn::isSecretName(name) && !found.contains(name)) found.emplace(name);
-            }
-            return true;
-        });
-    if (!read.ok()) return readFailure(read);
+    handle->search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), nullptr, [&](ldb_message* message) {
+        for (unsigned i = 0; i < message->num_elements; ++i) {
+            const std::string_view name = message->elements[i].name;
+            if (!vorn::isSecretName(name) && !found.contains(name)) found.emplace(name);
+        }
+        return true;
+    });
     names.assign(found.begin(), found.end());
     *m_names.lock() = {sequence, names};
     return {};
+} catch (const ReadError& error) {
+    return readFailure(error);
 }
 
 Result EmbeddedDirectory::health() {

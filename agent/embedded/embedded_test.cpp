@@ -602,5 +602,49 @@ TEST(Quick, IsWhatIndexesAnswer) {
     }
 }
 
+// ------------------------------------------------------------------ failures
+
+// A file that cannot be read tells nothing: not that somebody is not there, nor that a
+// password is wrong.
+TEST(EmbeddedFailure, IsNeverNobody) {
+    const TestDirectory directory(company());
+    const std::string dn = "CN=Ann Lee,OU=People,DC=example,DC=com";
+    Object ann;
+    ASSERT_TRUE(directory->fetch("", dn, {}, ann).ok());
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    Query everything;
+    everything.firstBatch = 1;
+    ASSERT_TRUE(directory->search(everything, batch, rest).ok());
+    ASSERT_NE(rest, nullptr);
+    const std::string guid = "<GUID=" + value(ann, "_GUID") + ">";
+    damage(directory.database());
+
+    const auto expectFailure = [](const Result& result) {
+        EXPECT_EQ(result.code, VEX_DIRECTORY_ERROR) << result.whole();
+        EXPECT_EQ(result.errText, "the directory cannot be read");
+        EXPECT_NE(result.detail, "");
+    };
+    Object object;
+    expectFailure(directory->fetch("", dn, {}, object));
+    expectFailure(directory->fetch("", "CN=nobody,OU=People,DC=example,DC=com", {}, object));
+    expectFailure(directory->lookup(value(ann, "_GUID"), {}, object));
+    expectFailure(rest->next(batch));
+    for (const char* user :
+         {dn.c_str(), "EXAMPLE\\ann", "ann@example.com", "CN=ann,OU=People,DC=example,DC=com"})
+        expectFailure(directory->authenticate(user, "pass").result());
+    for (const char* base : {"", dn.c_str(), "CN=ann,OU=People,DC=example,DC=com", guid.c_str()})
+        for (const char* filter : {"(uid=ann)", "(memberUid=ann)"}) {
+            Query query;
+            query.base = base;
+            query.filter = filter;
+            query.view.zone = true;
+            expectFailure(directory->search(query, batch, rest));
+        }
+    std::vector<std::string> supported;
+    expectFailure(directory->supportedAttributes(supported));
+    EXPECT_EQ(directory->health().code, VEX_UNAVAILABLE);
+}
+
 }  // namespace
 }  // namespace vexagent

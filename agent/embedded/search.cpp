@@ -38,7 +38,7 @@ class GuidCursor : public Cursor {
     GuidCursor(const Source& source, Guids guids, View view, std::uint64_t total)
         : m_source(source), m_guids(std::move(guids)), m_view(std::move(view)), m_total(total) {}
 
-    Result next(Batch& batch) override {
+    Result next(Batch& batch) override try {
         Database::Lease handle = m_source.database.lease();
         batch.total = m_total;
         std::size_t bytes = 0;
@@ -51,6 +51,8 @@ class GuidCursor : public Cursor {
             bytes += objectBytes(batch.objects.back());
         }
         return {};
+    } catch (const ReadError& error) {
+        return readFailure(error);
     }
 
     bool atEnd() const override { return m_guids.empty(); }
@@ -113,19 +115,18 @@ ParseTree* matchAll(void* pool) {
     return tree;
 }
 
-Result readFailure(const ReadResult& read) {
-    return Result::ldap(VEX_DIRECTORY_ERROR, read.code, "the directory cannot be read").because(read.text);
+Result readFailure(const ReadError& error) {
+    return Result::ldap(VEX_DIRECTORY_ERROR, error.code(), "the directory cannot be read")
+        .because(error.what());
 }
 
 Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome) {
     Collector found(handle->ldb(), plan, query);
-    const ReadResult read =
-        handle->search(plan.base, ldbScope(query.scope), plan.tree, nullptr, [&](ldb_message* message) {
-            found.add(message);
-            return true;
-        });
-    if (!read.ok()) return readFailure(read);
+    handle->search(plan.base, ldbScope(query.scope), plan.tree, nullptr, [&](ldb_message* message) {
+        found.add(message);
+        return true;
+    });
     outcome.first.total = found.total();
     for (const ldb_message* message : found.messages())
         outcome.first.objects.push_back(makeObject(*handle, source, message, query.view));

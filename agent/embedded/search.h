@@ -29,10 +29,10 @@ struct Outcome {
 // A tree that every object matches, in the pool.
 ParseTree* matchAll(void* pool);
 
-// What it means to a client that a search of the database has failed.
-Result readFailure(const ReadResult& read);
+// What it means to a client that the database could not be read.
+Result readFailure(const ReadError& error);
 
-// The handle is a lease of the source's database.
+// The handle is a lease of the source's database. Throws ReadError.
 Result runSearch(const Source& source, Database::Lease& handle, const Plan& plan, const Query& query,
                  const Outcome& outcome);
 
