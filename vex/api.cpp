@@ -228,6 +228,10 @@ vexCode vexSystemHealthInfo(vexSession* session, int flags, int* condition, int*
         const wire::Response* response = exchange.ask(request);
         if (!response) return VEX_BROKEN_SESSION;
         if (response->code() != VEX_OK) return response->code();
+        if (response->condition() < VEX_OK) {
+            exchange.reject();
+            return VEX_BROKEN_SESSION;
+        }
         const wire::Error* error = response->error();
         const bool hasText = error && error->text();
         if (errString) *errString = hasText ? newString(view(*error->text())) : nullptr;

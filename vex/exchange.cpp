@@ -83,7 +83,7 @@ const wire::Response* Exchange::ask(const Request& request) {
     const auto bytes = m_connection->receive(m_deadline);
     if (bytes.empty() || !isSoundResponse(bytes)) return nullptr;
     const auto* response = flatbuffers::GetRoot<wire::Response>(bytes.data());
-    if (response->id() != request.id()) return nullptr;
+    if (response->id() != request.id() || response->code() < VEX_OK) return nullptr;
     m_inOrder = true;
     tellClosings();
     return response;

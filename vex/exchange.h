@@ -25,7 +25,8 @@ class Exchange {
     // Only the process that has answered another request may answer this one.
     void expectAgent(pid_t agent) { m_expectedAgent = agent; }
 
-    // Sends the request and receives its answer; null when there is none. A request that
+    // Sends the request and receives its answer; null when there is none, or none that says
+    // how the request ended. A request that
     // has not reached the agent is tried on a new connection too. One that has reached it
     // is not sent again.
     const wire::Response* ask(const Request& request);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -108,6 +109,9 @@ std::string repeated(std::uint64_t id, bool names) {
     return {reinterpret_cast<const char*>(builder.GetBufferPointer()), builder.GetSize()};
 }
 
+// A number that stands for a field that is not there.
+constexpr int kLeftOut = -1;
+
 struct Fault {
     const char* name;
     ScriptedAgent::Handler handler;
@@ -170,6 +174,14 @@ const Fault kFaults[] = {
     {"answer_to_the_request_to_come",
      [](const Peer& peer, const wire::Request& request) {
          peer.send(frame(response(request.id() + 1, {.objects = {packed(person("ann"))}})));
+     }},
+    {"answer_without_a_code",
+     [](const Peer& peer, const wire::Request& request) {
+         peer.answer(request, {.code = kLeftOut, .objects = {packed(person("ann"))}, .total = 1});
+     }},
+    {"answer_with_a_code_below_all",
+     [](const Peer& peer, const wire::Request& request) {
+         peer.answer(request, {.code = INT_MIN, .objects = {packed(person("ann"))}, .total = 1});
      }},
     {"another_identifier",
      [](const Peer& peer, const wire::Request& request) {
@@ -236,6 +248,40 @@ TEST_P(Faults, EndsTheCallAndNotTheNextOne) {
 
 INSTANTIATE_TEST_SUITE_P(OfTheAgent, Faults, testing::ValuesIn(kFaults),
                          [](const auto& one) { return std::string(one.param.name); });
+
+// What is not said is no success, of whatever was asked.
+TEST(AnAnswerWithoutACode, IsNone) {
+    ScriptedAgent agent;
+    agent.onRequest([](const Peer& peer, const wire::Request& request) {
+        peer.answer(request, {.code = kLeftOut, .objects = {packed(person("ann"))}, .names = {"cn"}});
+    });
+    const UniqueSession session = openSession();
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session.get(), "ann", "secret", 0), VEX_BROKEN_SESSION);
+    vexObject* object = nullptr;
+    EXPECT_EQ(vexLdapFetch(session.get(), "", "CN=ann", nullptr, &object), VEX_BROKEN_SESSION);
+    EXPECT_EQ(object, nullptr);
+    vexStringSet* names = nullptr;
+    EXPECT_EQ(vexGetObjectSupportedAttributes(session.get(), &names), VEX_BROKEN_SESSION);
+    EXPECT_EQ(names, nullptr);
+    int condition = 77;
+    EXPECT_EQ(vexSystemHealthInfo(session.get(), 0, &condition, nullptr, nullptr, nullptr),
+              VEX_BROKEN_SESSION);
+    EXPECT_EQ(condition, 77);
+    EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() == 0; }));
+}
+
+TEST(AnAnswerWithoutACondition, TellsNoHealth) {
+    ScriptedAgent agent;
+    agent.onRequest([](const Peer& peer, const wire::Request& request) {
+        peer.answer(request, {.condition = kLeftOut});
+    });
+    const UniqueSession session = openSession();
+    int condition = 77;
+    EXPECT_EQ(vexSystemHealthInfo(session.get(), 0, &condition, nullptr, nullptr, nullptr),
+              VEX_BROKEN_SESSION);
+    EXPECT_EQ(condition, 77);
+    EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() == 0; }));
+}
 
 struct Greeting {
     const char* name;

@@ -121,7 +121,7 @@ void PrintTo(const Case& one, std::ostream* out) {
     *out << one.name;
 }
 
-const std::string kOutOfMemory = std::to_string(VEX_NO_MEMORY) + " out of memory 0 over 0";
+const std::string kOutOfMemory = std::to_string(VEX_NO_MEMORY) + " out of memory -1 over 0";
 
 class AgentExhaustion : public testing::TestWithParam<Case> {};
 

@@ -28,7 +28,7 @@ struct Answer {
     std::vector<std::string> names{};
     std::uint64_t search = 0;
     std::uint64_t total = 0;
-    int condition = 0;  // of a health request
+    int condition = -1;  // of a health request; -1 for others
 };
 
 // A whole frame, its length in front. An answer that is larger than a frame may

@@ -96,7 +96,7 @@ struct Reply {
     std::string errText;
     std::uint64_t search = 0;
     int total = 0;
-    int condition = 0;
+    int condition = -1;
     std::vector<std::string> dns;
 };
 

@@ -172,6 +172,7 @@ TEST_F(ServiceTest, HealthIsAConditionOfASucceedingRequest) {
     reply = ask(m_ann, healthFrame(6));
     EXPECT_EQ(reply.code, VEX_OK);
     EXPECT_EQ(reply.condition, VEX_UNAVAILABLE);
+    EXPECT_EQ(ask(m_ann, loginFrame(7, "ann", "right")).condition, -1) << "is asked for by nobody else";
     EXPECT_EQ(reply.errSystem, VEX_ERR_AGENT);
     EXPECT_EQ(reply.errText, "away");
 }
