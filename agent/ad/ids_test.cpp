@@ -59,6 +59,8 @@ TEST(Ids, AHomeHoldsTheLoginName) {
     EXPECT_EQ(Ids(options, "").homeOf("ann"), "/home/ann");
     options.home = "/%u/home/%u";
     EXPECT_EQ(Ids(options, "").homeOf("%u"), "/%u/home/%u");
+    options.home = "%u%u";
+    EXPECT_EQ(Ids(options, "").homeOf("ann"), "annann");
 }
 
 TEST(Ids, TheLastSliceEndsWithTheLargestId) {

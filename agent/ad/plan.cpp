@@ -40,6 +40,23 @@ std::optional<std::string> baseOf(const std::string& asked, const Place& place) 
     return asked;
 }
 
+// What a filter's assertions mean. All of it is asked while the filter is made.
+FilterContext rulesFor(const AdPlan& plan, const std::string& forest, MemberGroups& groups) {
+    FilterContext rules;
+    rules.ldb = dnContext();
+    rules.schema = plan.schema.get();
+    rules.rootDn = forest;
+    rules.first = [&plan, &groups](void* pool, ParseTree*& tree) {
+        std::optional<Selection> decided;
+        if (plan.view.zone)
+            decided =
+                rewriteMemberAssertion(pool, tree, [&](std::string_view name) { return groups.of(name); });
+        if (!decided && plan.ids->enabled()) decided = rewriteIdAssertion(pool, tree, *plan.ids);
+        return decided;
+    };
+    return rules;
+}
+
 }  // namespace
 
 bool leadsToFew(const std::string& filter) {
@@ -90,19 +107,7 @@ Expected<Done, Result> Planner::addFilter(const Query& query, const Deadline& de
             return Result();
         },
         kMostNames);
-    FilterContext context;
-    context.ldb = dnContext();
-    context.schema = plan.schema.get();
-    context.rootDn = (*info)->forest;
-    context.first = [&](void* pool, ParseTree*& tree) {
-        std::optional<Selection> decided;
-        if (query.view.zone)
-            decided =
-                rewriteMemberAssertion(pool, tree, [&](std::string_view name) { return groups.of(name); });
-        if (!decided && plan.ids->enabled()) decided = rewriteIdAssertion(pool, tree, *plan.ids);
-        return decided;
-    };
-    const auto filter = makeAdFilter(query, context);
+    const auto filter = makeAdFilter(query, rulesFor(plan, (*info)->forest, groups));
     if (!filter) return vorn::unexpected(filter.error());
     if (!groups.result().ok()) return vorn::unexpected(groups.result());
     plan.nothing = !filter->has_value();
