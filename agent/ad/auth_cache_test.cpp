@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "agent/directory/log_testing.h"
 #include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
@@ -263,8 +264,18 @@ TEST_F(AuthCacheTest, WhatStandsInTheWayOfANewFileIsNotWrittenTo) {
 TEST_F(AuthCacheTest, WhereNothingCanBeWrittenItGoesOnInMemory) {
     m_options.file = m_folder.file("no such folder") + "/logins";
     AuthCache cache(m_options, memoryClock);
+    const test::CapturedLog log;
     cache.remember("ann", "", "secret");
+    EXPECT_NE(log.text().find(m_options.file + ": No such file or directory"), std::string::npos)
+        << log.text();
     EXPECT_EQ(ask(cache, "ann", "secret"), Answer::Right);
+}
+
+TEST_F(AuthCacheTest, WhereItCanBeWrittenNobodyComplains) {
+    AuthCache cache(m_options, memoryClock);
+    const test::CapturedLog log;
+    cache.remember("ann", "", "secret");
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(AuthCacheTest, NamesStandInTheFileInAWayThatIsReadBack) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/ad/forest_testing.h"
+#include "agent/directory/log_testing.h"
 
 namespace vexagent {
 namespace {
@@ -132,6 +133,33 @@ TEST_F(DomainsTest, WhatItHasSaidBeforeCountsWhileItCannotBeAsked) {
     pass(milliseconds(1));
     m_forest.network.tendNow();
     EXPECT_EQ(asked(), 1u);
+}
+
+TEST_F(DomainsTest, ThatItCannotBeAskedTheLogSays) {
+    const test::CapturedLog log;
+    m_forest.domain.answers = false;
+    named("far.example.com");
+    EXPECT_NE(
+        log.text().find(
+            "example.com cannot be asked whether there is a domain \"far.example.com\": nobody answers"),
+        std::string::npos)
+        << log.text();
+    m_forest.domain.answers = true;
+    named("far.example.com");
+    m_forest.domain.answers = false;
+    pass(kTenMinutes);
+    m_forest.network.tendNow();
+    EXPECT_NE(log.text().find("example.com cannot be asked which domains there are: nobody answers"),
+              std::string::npos)
+        << log.text();
+}
+
+TEST_F(DomainsTest, OfWhatIsLearnedTheLogSaysNothing) {
+    const test::CapturedLog log;
+    named("far.example.com");
+    pass(kTenMinutes);
+    m_forest.network.tendNow();
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(DomainsTest, LearningThemAnewHasTwoSeconds) {

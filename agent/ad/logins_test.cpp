@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "agent/ad/forest_testing.h"
+#include "agent/directory/log_testing.h"
 #include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
@@ -15,6 +16,7 @@ namespace {
 
 using test::kPeople;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
@@ -303,6 +305,17 @@ TEST_P(LoginsTest, TheMemoryAnswersWhereNoControllerDoesForWhoAllowsIt) {
     EXPECT_EQ(login(m_ann, "wrong", kAfterTrying), "14 wrong password");
     EXPECT_EQ(login(m_ann, "ann", kRatherThanTrying), "yes");
     EXPECT_EQ(login(m_ben, "ben", kAfterTrying).substr(0, 2), "12");
+}
+
+TEST_P(LoginsTest, WhomTheMemoryLetsInTheLogSays) {
+    remember();
+    login("ann@example.com", "ann");
+    setDown(true);
+    const test::CapturedLog log;
+    login("ann@example.com", "wrong", kAfterTrying);
+    EXPECT_EQ(log.text(), "");
+    login("ann@example.com", "ann", kAfterTrying);
+    EXPECT_THAT(log.text(), HasSubstr("password of \"ann@example.com\" checked against an earlier check"));
 }
 
 TEST_P(LoginsTest, TheDomainIsTriedBeforeTheMemoryUnlessItIsKnownToBeDown) {

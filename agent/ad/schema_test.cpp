@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/ad/forest_testing.h"
+#include "agent/directory/log_testing.h"
 
 namespace vexagent {
 namespace {
@@ -114,6 +115,21 @@ TEST_F(SchemaTest, AControllerThatTellsNoneLeavesTheNamesForAMinute) {
     describe({"( 1.2.3 NAME 'uid' )"});
     pass(milliseconds(1));
     EXPECT_EQ(get()->nameOf("1.2.3"), "uid");
+}
+
+TEST_F(SchemaTest, ThatItIsNotToldTheLogSaysAndWhy) {
+    const std::string told = "example.com does not tell its schema: secrets are known by name only";
+    describe({});
+    {
+        const test::CapturedLog log;
+        get();
+        EXPECT_NE(log.text().find(told + "\n"), std::string::npos) << log.text();
+    }
+    m_forest.domain.remove(std::string("CN=Aggregate,") + test::kSchema);
+    AdSchema another(m_forest.network, m_forest.place);
+    const test::CapturedLog log;
+    ASSERT_TRUE(another.get(m_forest.soon()).has_value());
+    EXPECT_NE(log.text().find(told + ": no such object\n"), std::string::npos) << log.text();
 }
 
 TEST_F(SchemaTest, OneThatIsEmptyLeavesWhatIsConfidential) {

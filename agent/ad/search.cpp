@@ -84,7 +84,6 @@ Expected<std::vector<Object>, Result> makeObjects(AdMemberships& memberships, co
     }
     const Part part = plan.place.kind == Place::Kind::Catalog ? Part::OfCatalog : Part::Whole;
     std::vector<Object> objects;
-    objects.reserve(entries.size());
     std::size_t group = 0;
     for (Entry& entry : entries) {
         const bool isGroup = group < groups.size() && groups[group] == &entry;
