@@ -30,12 +30,11 @@ bool AdDirectory::isQuick(int scope, const std::string& filter) const {
 
 Result AdDirectory::search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) {
     rest.reset();
-    AdFound found;
-    Result result = given(m_searches.search(query), found);
-    if (!result.ok()) return result;
-    first = std::move(found.first);
-    rest = std::move(found.rest);
-    return result;
+    auto found = m_searches.search(query);
+    if (!found) return std::move(found.error());
+    first = std::move(found->first);
+    rest = std::move(found->rest);
+    return {};
 }
 
 Result AdDirectory::fetch(const std::string& domain, const std::string& dn, const View& view,

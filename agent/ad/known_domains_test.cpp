@@ -59,6 +59,9 @@ TEST(KnownDomains, AreThoseThatLetThisOnesAccountsIn) {
         {"a realm without controllers", trust("other.test", "3", "3"), false},
         {"an old server", trust("other.test", "3", "1"), false},
         {"nothing that can be read", trust("other.test", "", ""), false},
+        {"no direction", trust("other.test", "", "2"), false},
+        {"a direction that cannot be read", trust("other.test", "x", "2"), false},
+        {"no type", trust("other.test", "3", ""), false},
         {"no DNS name", trust("other/test", "3", "2"), false},
         {"a name with a NUL", trust(std::string("other.test\0", 11), "3", "2"), false},
     };

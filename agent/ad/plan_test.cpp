@@ -106,6 +106,12 @@ TEST_F(PlanTest, TheFilterIsMadeOfWhatTheDomainKnows) {
     EXPECT_EQ(bad.error().code, VEX_BAD_FILTER);
 }
 
+TEST_F(PlanTest, ADnIsAskedForAsItIsStored) {
+    EXPECT_EQ(plan(matching("(_dn=cn=ann, OU=People,dc=example,dc=com)"))->search.filter,
+              "(distinguishedName=cn=ann,OU=People,dc=example,dc=com)");
+    EXPECT_TRUE(plan(matching("(_dn=nonsense)"))->nothing);
+}
+
 TEST_F(PlanTest, MuchIsExpectedOfAFilterThatNoIndexAnswers) {
     EXPECT_EQ(plan(matching("(cn=ann)"))->search.extent, Extent::Any);
     EXPECT_EQ(plan(matching("(description=x)"))->search.extent, Extent::Many);
