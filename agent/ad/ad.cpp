@@ -46,6 +46,11 @@ Result AdDirectory::lookup(const std::string& guid, const View& view, Object& ob
     return given(m_searches.lookup(guid, view), object);
 }
 
+void AdDirectory::lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) {
+    for (Object& object : m_searches.lookupAhead(guids, view))
+        if (!take(std::move(object))) return;
+}
+
 Verdict AdDirectory::authenticate(const std::string& user, const std::string& password,
                                   LoginOptions options) {
     return m_logins.authenticate(user, password, options);

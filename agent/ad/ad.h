@@ -25,6 +25,7 @@ class AdDirectory : public Directory {
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
+    void lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) override;
     Verdict authenticate(const std::string& user, const std::string& password, LoginOptions options) override;
     Result supportedAttributes(std::vector<std::string>& names) override;
     Result health() override;

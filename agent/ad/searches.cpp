@@ -1,6 +1,11 @@
 #include "agent/ad/searches.h"
 
+#include <map>
+#include <string_view>
+
+#include "agent/ad/filters.h"
 #include "agent/ad/names.h"
+#include "agent/ad/objects.h"
 #include "agent/directory/filter_shape.h"
 #include "agent/directory/identifiers.h"
 #include "vorn/dn.h"
@@ -20,6 +25,25 @@ Result noSuchGuid() {
 bool mayBeRewritten(const Query& query, const Place& place, const Result& result) {
     return result.code == VEX_NO_SUCH_OBJECT && query.scope == LDAP_SCOPE_BASE &&
            place.kind == Place::Kind::Domain;
+}
+
+std::vector<std::string> bytesOfGuids(const std::vector<std::string>& guids) {
+    std::vector<std::string> all;
+    for (const std::string& guid : guids)
+        if (const auto bytes = guidBytes(guid)) all.push_back(*bytes);
+    return all;
+}
+
+// The entries of these GUIDs, as far as they are there, but for groups that show members.
+std::vector<Entry> inOrderOf(const std::vector<std::string>& guids, const std::vector<Entry>& entries,
+                             const View& view) {
+    std::map<std::string_view, const Entry*> byGuid;
+    for (const Entry& entry : entries)
+        if (!showsMembers(entry, view)) byGuid.emplace(entry.first("objectGUID"), &entry);
+    std::vector<Entry> ordered;
+    for (const std::string& guid : guids)
+        if (const auto found = byGuid.find(guid); found != byGuid.end()) ordered.push_back(*found->second);
+    return ordered;
 }
 
 }  // namespace
@@ -102,6 +126,21 @@ Expected<Object, Result> Searches::lookup(const std::string& guid, const View& v
     // It may be one of another domain that a search of the forest has shown.
     const auto dn = findInForest(wanted, end);
     return dn ? fetch(kForest, *dn, view) : Expected<Object, Result>(vorn::unexpected(dn.error()));
+}
+
+std::vector<Object> Searches::lookupAhead(const std::vector<std::string>& guids, const View& view) {
+    const std::vector<std::string> wanted = bytesOfGuids(guids);
+    if (wanted.empty()) return {};
+    // Who waits has his answer already, and could be told it by now.
+    const Deadline end(m_network.clock(), m_options.timeout / 2);
+    const auto plan = m_planner.one(view, m_domains.joined(), end);
+    if (!plan) return {};
+    const LdapSearch all = {vorn::DN::dnFromDomain(plan->place.name), LDAP_SCOPE_SUBTREE,
+                            anyOf("objectGUID", wanted), plan->search.attributes, Extent::Few};
+    const auto entries = readOne(m_network, plan->place, all, end);
+    if (!entries) return {};
+    auto objects = makeObjects(m_memberships, *plan, inOrderOf(wanted, *entries, view), end);
+    return objects ? std::move(*objects) : std::vector<Object>();
 }
 
 Expected<std::string, Result> Searches::findInForest(const LdapSearch& wanted, const Deadline& deadline) {

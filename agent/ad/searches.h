@@ -21,6 +21,9 @@ class Searches {
     Expected<Object, Result> fetch(const std::string& domain, const std::string& dn, const View& view);
     Expected<Object, Result> lookup(const std::string& guid, const View& view);
     Expected<std::vector<std::string>, Result> supportedAttributes();
+    // Those of Directory's look-ups ahead that one question to the joined domain finds.
+    // Left out are groups whose members are to be shown: they take many questions more.
+    std::vector<Object> lookupAhead(const std::vector<std::string>& guids, const View& view);
 
   private:
     Deadline deadline() const { return {m_network.clock(), m_options.timeout}; }

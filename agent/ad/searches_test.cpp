@@ -490,5 +490,67 @@ TEST(IsQuick, WhatAnIndexAnswersAndWhatIsOneObject) {
     EXPECT_FALSE(Searches::isQuick(LDAP_SCOPE_BASE, large + ")"));
 }
 
+// --------------------------------------------------------------- look-ups ahead
+
+std::string guidTextOf(const std::string& dn) {
+    return guidText(FakeDomain::guidOf(dn));
+}
+
+TEST_F(SearchesTest, LookUpsAheadAreOneQuestionAndKeepTheirOrder) {
+    m_searches.lookup(guidTextOf(m_ann), {});  // learns the schema
+    m_forest.network.takeExchanges();
+    const std::vector<Object> objects =
+        m_searches.lookupAhead({guidTextOf(m_ben), guidTextOf(m_staff), guidTextOf(m_ann)}, {});
+    EXPECT_THAT(names(objects), ElementsAre("ben", "staff", "ann"));
+    ASSERT_EQ(m_forest.network.exchanges.size(), 1u);
+    EXPECT_EQ(m_forest.network.exchanges[0].searches.size(), 1u);
+}
+
+TEST_F(SearchesTest, WhatIsLookedUpAheadIsWhatALookUpShows) {
+    View view;
+    view.zone = true;
+    const auto alone = m_searches.lookup(guidTextOf(m_ann), view);
+    ASSERT_TRUE(alone);
+    const std::vector<Object> ahead = m_searches.lookupAhead({guidTextOf(m_ann)}, view);
+    ASSERT_EQ(ahead.size(), 1u);
+    ASSERT_EQ(ahead[0].size(), alone->size());
+    for (std::size_t i = 0; i < alone->size(); ++i) {
+        EXPECT_EQ(ahead[0][i].name, (*alone)[i].name);
+        EXPECT_EQ(ahead[0][i].values, (*alone)[i].values);
+    }
+}
+
+TEST_F(SearchesTest, GroupsWhoseMembersAreShownAreNotLookedUpAhead) {
+    View view;
+    view.zone = true;
+    EXPECT_THAT(names(m_searches.lookupAhead({guidTextOf(m_staff), guidTextOf(m_ben)}, view)),
+                ElementsAre("ben"));
+}
+
+TEST_F(SearchesTest, WhatIsNotThereNoGuidOrAnotherDomainsIsLeftOutAhead) {
+    EXPECT_THAT(
+        names(m_searches.lookupAhead({guidTextOf("CN=gone,DC=example,DC=com"), "no GUID", "",
+                                      guidTextOf("CN=eve,DC=far,DC=example,DC=com"), guidTextOf(m_ann)},
+                                     {})),
+        ElementsAre("ann"));
+    m_forest.network.takeExchanges();
+    EXPECT_THAT(m_searches.lookupAhead({"no GUID"}, {}), IsEmpty());
+    EXPECT_THAT(m_forest.network.exchanges, IsEmpty());
+}
+
+TEST_F(SearchesTest, AFailureLeavesAllOutAhead) {
+    m_searches.lookup(guidTextOf(m_ann), {});
+    m_forest.domain.next(Mishap::fail(Mishap::When::Middle, Mishap::unreachable()));
+    EXPECT_THAT(m_searches.lookupAhead({guidTextOf(m_ann), guidTextOf(m_ben)}, {}), IsEmpty());
+}
+
+TEST_F(SearchesTest, LookUpsAheadHaveHalfOfARequestsTime) {
+    m_searches.lookup(guidTextOf(m_ann), {});
+    m_forest.domain.answersAfter = m_forest.options.timeout / 2 - milliseconds(1);
+    EXPECT_EQ(m_searches.lookupAhead({guidTextOf(m_ann)}, {}).size(), 1u);
+    m_forest.domain.answersAfter = m_forest.options.timeout / 2;
+    EXPECT_THAT(m_searches.lookupAhead({guidTextOf(m_ann)}, {}), IsEmpty());
+}
+
 }  // namespace
 }  // namespace vexagent

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -87,9 +88,11 @@ class Directory {
     // One object by the text of its GUID: VEX_OBJECT_GONE when there is none.
     virtual Result lookup(const std::string& guid, const View& view, Object& object) = 0;
 
-    // Whether a look-up is answered on this host, in no time that a client would notice:
-    // then many are made for who will ask for them next.
-    virtual bool isAtHand() const { return false; }
+    // Objects that will be looked up next. Those that cost little by now are handed over,
+    // in the order of their GUIDs, until take says that it wants no more. The others are
+    // left out, whatever the reason: each is looked up by itself.
+    using Take = std::function<bool(Object&& object)>;
+    virtual void lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) = 0;
 
     // Whether this is the user's password: accepted, VEX_NO_SUCH_USER,
     // VEX_WRONG_PASSWORD, VEX_ACCOUNT_REFUSED, or why it could not be told.

@@ -25,11 +25,10 @@ class FakeDirectory : public Directory {
     int logins = 0;
     LoginOptions loginOptions;  // of the last login
 
-    bool atHand = true;
+    bool looksAhead = true;
     std::function<void()> onLookup;
     std::size_t lookupBytes = 0;  // that each object is larger by
 
-    bool isAtHand() const override { return atHand; }
     bool isQuick(int, const std::string& filter) const override { return filter == "quick"; }
 
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override {
@@ -77,6 +76,13 @@ class FakeDirectory : public Directory {
         loginOptions = options;
         if (const auto accepted = acceptedByHash(password, {"zxPsFjmiXgExk"})) return *accepted;
         return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
+    }
+
+    void lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) override {
+        for (const std::string& guid : guids) {
+            Object object;
+            if (!looksAhead || (lookup(guid, view, object).ok() && !take(std::move(object)))) return;
+        }
     }
 
     Result supportedAttributes(std::vector<std::string>& names) override {

@@ -30,10 +30,10 @@ class EmbeddedDirectory : public Directory {
     explicit EmbeddedDirectory(const EmbeddedOptions& options);
 
     bool isQuick(int scope, const std::string& filter) const override;
-    bool isAtHand() const override { return true; }
     Result search(const Query& query, Batch& first, std::unique_ptr<Cursor>& rest) override;
     Result fetch(const std::string& domain, const std::string& dn, const View& view, Object& object) override;
     Result lookup(const std::string& guid, const View& view, Object& object) override;
+    void lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) override;
     // Always asks the file, whatever the options.
     Verdict authenticate(const std::string& user, const std::string& password,
                          LoginOptions options = {}) override;

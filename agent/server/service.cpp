@@ -23,6 +23,7 @@ constexpr const char* kKindNames[] = {"none",   "search",       "next",       "c
 constexpr std::size_t kLongestInLog = 200;
 constexpr std::size_t kLongestDetail = 800;
 constexpr std::chrono::milliseconds kMostTimeAhead{100};  // for objects that nobody waits for yet
+constexpr std::chrono::milliseconds kQuick{1000};         // after a slower look-up none are added
 
 std::string text(const flatbuffers::String* string) {
     return string == nullptr ? std::string() : string->str();
@@ -285,29 +286,32 @@ Answer Service::fetch(const wire::Request& request) {
 Answer Service::lookup(const wire::Request& request) {
     const wire::Lookup& wanted = *request.body_as_Lookup();
     const View view = viewOf(request, nullptr);
+    const auto begin = m_moment();
     Answer answer;
     Object object;
     answer.result = m_directory.lookup(text(wanted.guid()), view, object);
     if (!answer.result.ok()) return answer;
     answer.objects.push_back(std::move(object));
     answer.total = 1;
-    if (wanted.more() != nullptr && m_directory.isAtHand()) lookUpAhead(*wanted.more(), view, answer.objects);
+    if (wanted.more() != nullptr && m_moment() - begin < kQuick)
+        lookUpAhead(*wanted.more(), view, answer.objects);
     return answer;
 }
 
 // Adds what the client will ask for next, as far as it keeps nobody waiting and fits into
 // a batch. What is left out here, for whatever reason, the client asks for by itself.
 void Service::lookUpAhead(const Guids& guids, const View& view, std::vector<Object>& objects) {
-    const auto end = m_moment() + kMostTimeAhead;
+    std::vector<std::string> texts;
+    for (const flatbuffers::String* guid : guids) texts.push_back(text(guid));
+    std::optional<Moment> end;  // counts from the first: one question may have found them all
     std::size_t bytes = sizeOf(objects.front());
-    for (const flatbuffers::String* guid : guids) {
-        if (m_moment() >= end) return;
-        Object object;
-        if (!m_directory.lookup(text(guid), view, object).ok()) continue;
+    m_directory.lookupAhead(texts, view, [&](Object&& object) {
         bytes += sizeOf(object);
-        if (bytes > wire::kBatchBytes) return;
+        if (bytes > wire::kBatchBytes) return false;
         objects.push_back(std::move(object));
-    }
+        if (!end) end = m_moment() + kMostTimeAhead;
+        return m_moment() < *end;
+    });
 }
 
 Answer Service::authenticate(const Client& client, const wire::Request& request) {

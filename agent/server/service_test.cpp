@@ -213,8 +213,8 @@ TEST_F(ServiceTest, ALookUpThatFailsBringsNothing) {
     EXPECT_EQ(m_directory.fetches, 1);
 }
 
-TEST_F(ServiceTest, ADirectoryFarAwayIsAskedForOneObjectOnly) {
-    m_directory.atHand = false;
+TEST_F(ServiceTest, WhatADirectoryDoesNotLookUpAheadIsLeftOut) {
+    m_directory.looksAhead = false;
     EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {"there"})).dns.size(), 1u);
     EXPECT_EQ(m_directory.fetches, 1);
 }
@@ -228,9 +228,17 @@ TEST_F(ServiceTest, WhatALookUpBringsFitsIntoABatch) {
 
 TEST_F(ServiceTest, ALookUpWaitsForNoSlowOneAhead) {
     m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(40); };
-    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {100, "there"})).dns.size(), 4u) << "100 ms after its own";
-    m_directory.onLookup = [] { serviceMoment += std::chrono::seconds(5); };
-    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {100, "there"})).dns.size(), 2u);
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {100, "there"})).dns.size(), 5u) << "100 ms after the first";
+    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(999); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {100, "there"})).dns.size(), 3u);
+}
+
+TEST_F(ServiceTest, AfterASlowLookUpNoneIsMadeAhead) {
+    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(1000); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {"there"})).dns.size(), 1u);
+    EXPECT_EQ(m_directory.fetches, 1);
+    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(999); };
+    EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {"there"})).dns.size(), 2u);
 }
 
 TEST_F(ServiceTest, LookUpsAheadAreLimited) {

@@ -6,7 +6,7 @@ import time
 import ldap
 import pytest
 
-from gateway import SUFFIX, search, values
+from gateway import SUFFIX, Slapd, search, values
 from relay import CATALOG, KDC, LDAP, Relay
 from test_failures import keytab_with
 
@@ -71,6 +71,20 @@ def test_the_first_look_up_of_an_agent(start, relay):
     slapd = start()
     with costs(relay, 3 + 3 + 2 + 1, 3):
         assert len(person(slapd.connect(), "s-good")) == 1
+
+
+def test_people_of_a_list_that_have_left_the_cache_are_looked_up_together(world, relay):
+    """One look-up, one question for all that follow it, and one look-up of the last person,
+    who was still in the cache when that question was asked."""
+    agent = world.agent(ad__servers=relay.address, ad__timeout=8).start()
+    slapd = world.slapd(agent, directives=(*Slapd.DIRECTIVES, "dirgate.cache.enabled true", "dirgate.cache.max.objects 1")).start()
+    slapd.connect(f"cn=ann,ou=Engineering,ou=People,{SUFFIX}", "welcome")  # brings the names of attributes
+    connection = slapd.connect()
+    everybody = "(objectClass=posixAccount)"
+    before = search(connection, everybody, ["uid"])
+    assert len(before) > 10
+    with costs(relay, 1 + 1 + 1):
+        assert search(connection, everybody, ["uid"]) == before
 
 
 def test_a_key_that_is_refused_is_shown_ever_more_rarely(start, relay, world):
