@@ -4,7 +4,7 @@
 #include "auth/credentials.h"
 #include "auth/statistics.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // Answers binds from back_vex_creds, or asks the agent in a session of its own.
 // Safe for use by several threads.

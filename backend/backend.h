@@ -8,7 +8,7 @@
 
 #include "backend/base/settings.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // The module's entry: registers the back-end type "zanthedx".
 extern "C" int init_module(int argc, char* argv[]);

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // What the names asked for come to.
 struct AttributeList {

@@ -11,7 +11,7 @@
 #include "translate/ldif.h"
 #include "vex/handles.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // Makes the entries of one request.
 class EntryMaker {

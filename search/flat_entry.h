@@ -8,7 +8,7 @@
 
 #include "search/handles.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // A copy to be read only, its text and values all within one block, which goes with the
 // last share. slapd must never be told to free or to modify it. Descriptions of

@@ -23,7 +23,7 @@
 #include "vex/vex.h"
 #include "vorn/lock.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // An entry of slapd's; its last owner frees it. One that is shared is only read.
 using SharedEntry = std::shared_ptr<Entry>;

@@ -45,6 +45,14 @@ PagedResults::PagedResults(Operation* op)
                   ? static_cast<PagedResultsState*>(op->o_pagedresults_state)
                   : nullptr) {}
 
+int PagedResults::pageSize() const {
+    return m_state->ps_size;
+}
+
+int PagedResults::earlier() const {
+    return requested() ? m_state->ps_count : 0;
+}
+
 std::optional<Rejection> PagedResults::resume(OpenPage* page) {
     JPrintf("vex search: already received entries count:%d, pagesize:%d, size limit:%d", earlier(),
             pageSize(), m_op->ors_slimit);

@@ -14,7 +14,7 @@
 #include "search/page_name.h"
 #include "search/request.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // The control of one request.
 class PagedResults {
@@ -24,9 +24,9 @@ class PagedResults {
     // Whether the request carries the control, and slapd did not mark it ignored.
     bool requested() const { return m_state != nullptr; }
 
-    int pageSize() const { return m_state->ps_size; }
+    int pageSize() const;
     // Entries that the client has received in earlier pages; 0 without the control.
-    int earlier() const { return requested() ? m_state->ps_count : 0; }
+    int earlier() const;
 
     // Checks page size and cookie. Takes the open search that the cookie names
     // out of the registry; without a cookie *page stays empty and a new search

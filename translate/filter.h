@@ -11,7 +11,7 @@
 
 #include "vorn/properties.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // The filter in the agent's terms; possibly empty. objectType may be empty;
 // a null map renames nothing. Greater-or-equal and less-or-equal become equality.

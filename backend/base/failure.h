@@ -3,7 +3,7 @@
 
 #include "vex/vex.h"
 
-#include "backend/base/slapd.h"
+#include "backend/base/slapd_fwd.h"
 
 // The texts of failures go to buffers of this size; the reply points into one.
 inline constexpr int kFailureTextBytes = 512;
