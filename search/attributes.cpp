@@ -25,16 +25,17 @@ class Translation {
         : m_objectType(objectType), m_agentType(agentType) {}
 
     AttributeList translate(std::vector<std::string> asked) const {
-        AttributeList list;
+        const bool includeCn = std::any_of(asked.begin(), asked.end(), [](const std::string& name) {
+            return vorn::equalsIgnoreCase(name, AD_CN);
+        });
+        std::vector<std::string> names;
         for (const std::string& name : asked) {
-            if (vorn::equalsIgnoreCase(name, AD_CN)) list.includeCn = true;
             std::string translated = agentName(name);
-            if (!translated.empty()) list.attributes.push_back(std::move(translated));
+            if (!translated.empty()) names.push_back(std::move(translated));
         }
-        const std::size_t count = list.attributes.size();
-        if (!m_agentType.empty() && count >= 1 && count <= kMaxBeforeOwn) addOwn(&list);
-        list.asked = std::move(asked);
-        return list;
+        if (!m_agentType.empty() && !names.empty() && names.size() <= kMaxBeforeOwn)
+            addOwn(includeCn, &names);
+        return {std::move(asked), std::move(names), includeCn};
     }
 
   private:
@@ -53,13 +54,13 @@ class Translation {
 
     // What a translated object cannot be made without: its DN's "cn", and the marks
     // that say what it is.
-    void addOwn(AttributeList* list) const {
-        if (!list->includeCn) {
+    void addOwn(bool includesCn, std::vector<std::string>* names) const {
+        if (!includesCn) {
             std::string cn = mapped(AD_CN);
-            if (!cn.empty()) list->attributes.push_back(std::move(cn));
+            if (!cn.empty()) names->push_back(std::move(cn));
         }
-        list->attributes.emplace_back(VORN_OBJECT_CATEGORY);
-        list->attributes.emplace_back(VORN_NSSENTRY_INVALID);
+        names->emplace_back(VORN_OBJECT_CATEGORY);
+        names->emplace_back(VORN_NSSENTRY_INVALID);
     }
 
     const std::string& m_objectType;
@@ -77,7 +78,7 @@ struct LastTranslation {
 // The thread's last answer, and what it was given for.
 struct LastAnswer {
     unsigned listVersion = 0;
-    std::vector<std::string> attributes;
+    AttributeNames attributes;
     bool cacheable = false;
 };
 
@@ -118,7 +119,7 @@ const AttributeList& translateAttributes(const AttributeName* names, const std::
     return last.list;
 }
 
-bool attributesAreCacheable(const std::vector<std::string>& attributes) {
+bool attributesAreCacheable(const AttributeNames& attributes) {
     if (!supportedAttributesAreKnown()) return false;
     thread_local LastAnswer last;
     const unsigned listVersion = supportedAttributesVersion();

@@ -8,13 +8,15 @@
 #include <string_view>
 #include <vector>
 
+#include "translate/attribute_names.h"
+
 #include "backend/base/slapd_fwd.h"
 
 // What the names asked for come to.
 struct AttributeList {
-    std::vector<std::string> asked;       // as the client spelt them
-    std::vector<std::string> attributes;  // the agent's names; empty means all
-    bool includeCn = false;               // the client asked for cn by name
+    std::vector<std::string> asked;  // as the client spelt them
+    AttributeNames attributes;       // the agent's; empty means all
+    bool includeCn = false;          // the client asked for cn by name
 };
 
 // Translates the names of a request (null: none) for the map's entries of an object
@@ -26,4 +28,4 @@ const AttributeList& translateAttributes(const AttributeName* names, const std::
 // Whether the cache may answer a search for these attributes. An object is cached with
 // all its attributes, so a name that no object carries can never be answered from
 // there. Until the first bind has brought the list of names, nothing is cached.
-bool attributesAreCacheable(const std::vector<std::string>& attributes);
+bool attributesAreCacheable(const AttributeNames& attributes);

@@ -30,9 +30,8 @@ class Names {
 
 class AttributesTest : public searchtest::Fixture {
   protected:
-    std::vector<std::string> translate(const std::vector<std::string>& names,
-                                       const std::string& type = "posixAccount",
-                                       const std::string& agentType = "User") {
+    AttributeNames translate(const std::vector<std::string>& names, const std::string& type = "posixAccount",
+                             const std::string& agentType = "User") {
         return translateAttributes(Names(names).get(), type, agentType).attributes;
     }
 };

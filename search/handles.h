@@ -31,7 +31,8 @@ using SharedEntry = std::shared_ptr<Entry>;
 // The list that a search replays from the cache, or collects for it.
 struct CacheLdapHandle {
     vexSession* session = nullptr;       // set only for a replay: an agent search has its own
-    std::shared_ptr<GuidList> guidList;  // shared with the list cache when it came from there
+    std::shared_ptr<GuidList> guidList;  // null when none is collected; shared with the list cache
+                                         // when it came from there
     std::size_t cursor = 0;              // the next GUID to replay
     std::vector<std::size_t> expected;   // the places that the agent's library was told of last, in order
 };

@@ -26,10 +26,12 @@ void noteSpecialClasses(Entry& entry) {
         entry.e_ocflags |= SLAP_OC__END;
 }
 
-// What an entry kept with its inputs takes of the heap.
+// What an entry kept with its inputs takes of the heap. Names that others share count as
+// if they were its own: it may be the last to have them.
 std::size_t bytesOf(const LdifRequest& inputs, const Entry& entry) {
     std::size_t bytes = heapBytes(kSharedRecord + sizeof(KeptEntry)) +
                         heapBytes(kSharedRecord + flatSize(entry)) + heapBytes(inputs.objectType) +
+                        heapBytes(kSharedRecord + sizeof(std::vector<std::string>)) +
                         heapBytes(inputs.requested.size() * sizeof(std::string));
     for (const std::string& name : inputs.requested) bytes += heapBytes(name);
     return bytes;

@@ -112,11 +112,13 @@ TEST_F(KeptEntriesTest, TheirBytesAreCounted) {
         entries.push_back(
             EntryMaker::parse("dn: cn=" + guids[i] + ",dc=x\nmail: " + std::string(i, 'm') + "\n"));
     }
-    const LdifRequest inputs{
-        "anObjectClassOfALongName", true, {"mail", "anAttributeOfALongName", "uid"}, false};
-    const KeptEntries kept(&cache, inputs);
+    const auto keep = [&](std::size_t i) {
+        const LdifRequest inputs{
+            "anObjectClassOfALongName", true, {"mail", "anAttributeOfALongName", "uid"}, false};
+        KeptEntries(&cache, inputs).keep(found[i], entries[i].get());
+    };
     const std::size_t before = mallinfo2().uordblks, countedBefore = counted();
-    for (std::size_t i = 0; i < kCount; ++i) kept.keep(found[i], entries[i].get());
+    for (std::size_t i = 0; i < kCount; ++i) keep(i);
     const auto grown = static_cast<double>(mallinfo2().uordblks - before);
     EXPECT_GT(grown, kCount * 300.0);
     EXPECT_NEAR(static_cast<double>(counted() - countedBefore), grown, grown / 20);

@@ -18,7 +18,8 @@ std::string_view viewOf(const berval& text) {
     return {text.bv_val, text.bv_len};
 }
 
-std::string listed(const std::vector<std::string>& names) {
+template <typename Names>
+std::string listed(const Names& names) {
     std::string text;
     for (const std::string& name : names) text.append(name).append(" ");
     return text;

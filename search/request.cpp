@@ -181,7 +181,7 @@ std::string domainEntryLdif(std::string_view suffix, std::string_view dn) {
     return ldif;
 }
 
-std::vector<const char*> namesForAgent(const std::vector<std::string>& names) {
+std::vector<const char*> namesForAgent(const AttributeNames& names) {
     std::vector<const char*> array;
     array.reserve(names.size() + 1);
     for (const std::string& name : names) array.push_back(name.c_str());

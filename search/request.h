@@ -67,4 +67,4 @@ std::string domainEntryLdif(std::string_view suffix, std::string_view dn);
 
 // The names in a vexLdapSearchOpen's form: null-terminated, valid as long as the
 // list of names.
-std::vector<const char*> namesForAgent(const std::vector<std::string>& names);
+std::vector<const char*> namesForAgent(const AttributeNames& names);

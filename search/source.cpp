@@ -66,7 +66,6 @@ void SearchSource::goOn(const SearchRequest& request) {
 void SearchSource::begin(const SearchRequest& request) {
     setOption(m_session.get(), VEX_OPTION_TYPED, request.agentType.empty() ? 0 : 1);
     m_handle = std::make_shared<LdapSearchHandle>();
-    m_handle->cache.guidList = std::make_shared<GuidList>();
     m_handle->key = request.key;
     m_handle->storable = request.cacheable;
 }
@@ -88,9 +87,12 @@ bool SearchSource::takeList(const SearchRequest& request) {
         case SearchCacheManager::kNegativeHit:
             // The table reports a negative entry however old it is. One past its
             // lifetime would hide a person created since.
-            if (!m_cache->negativeExpired(request.key)) return true;
-            m_cache->eraseList(request.key);
-            return false;
+            if (m_cache->negativeExpired(request.key)) {
+                m_cache->eraseList(request.key);
+                return false;
+            }
+            m_handle->cache.guidList = std::make_shared<GuidList>();
+            return true;
         default:
             return false;
     }
@@ -98,6 +100,7 @@ bool SearchSource::takeList(const SearchRequest& request) {
 
 vexCode SearchSource::ask(const SearchRequest& request, int sizeLimit, int pageSize) {
     static const char* const dnOnly[] = {LDAP_NO_ATTRS, nullptr};
+    if (request.cacheable) m_handle->cache.guidList = std::make_shared<GuidList>();
     const std::vector<const char*> names = namesForAgent(request.shown.requested);
     const char* const* asked = names.data();
     if (request.fetchByDn) {

@@ -129,7 +129,7 @@ class Conversion {
     void tellOfLeftOut(const char* name);
 
     bool isRequested(std::string_view name) const {
-        return m_request.requested.empty() || vorn::stringInList(m_request.requested, name, false);
+        return m_request.requested.empty() || vorn::stringInList(m_request.requested.list(), name, false);
     }
 
     vexSession* const m_session;

@@ -3,16 +3,16 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "translate/attribute_names.h"
 #include "vex/vex.h"
 
 // What of an object is written, and how.
 struct LdifRequest {
-    std::string objectType;              // the LDAP object class that the search asked for; may be empty
-    bool includeCn = false;              // the client asked for cn by name
-    std::vector<std::string> requested;  // agent attribute names; empty means all
-    bool omitDn = false;                 // an empty DN line
+    std::string objectType;    // the LDAP object class that the search asked for; may be empty
+    bool includeCn = false;    // the client asked for cn by name
+    AttributeNames requested;  // empty means all
+    bool omitDn = false;       // an empty DN line
 
     bool operator==(const LdifRequest&) const = default;
 };

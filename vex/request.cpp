@@ -11,6 +11,7 @@ namespace vex {
 namespace {
 
 constexpr std::size_t kInitialBytes = 1024;
+constexpr std::size_t kUsualNames = 16;
 
 // A builder that outgrows its buffer leaves the old one behind: each is
 // overwritten as it is released.
@@ -76,6 +77,7 @@ flatbuffers::Offset<flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>
     const char* const* names) {
     if (!names || !*names) return {};
     std::vector<flatbuffers::Offset<flatbuffers::String>> offsets;
+    offsets.reserve(kUsualNames);
     for (; *names; ++names) {
         const std::size_t length = ::strnlen(*names, wire::kMaxRequestBytes);
         if (offsets.size() == wire::kMaxRequestedAttributes || !makeRoom(length)) {
