@@ -6,7 +6,7 @@
 #include "backend/base/failure.h"
 #include "backend/base/log.h"
 #include "backend/base/settings.h"
-#include "search/reply.h"
+#include "search/sending.h"
 
 #include "backend/base/slapd.h"
 

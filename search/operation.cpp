@@ -7,6 +7,7 @@
 
 #include "backend/base/failure.h"
 #include "backend/base/log.h"
+#include "search/sending.h"
 #include "translate/filter.h"
 #include "vorn/strings.h"
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "backend/base/failure.h"
+#include "search/sending.h"
 
 #include "backend/base/slapd.h"
 
@@ -72,18 +72,4 @@ std::size_t SearchReply::mostObjects() const {
     if (isPaged()) most = std::min(most, pageSize());
     if (sizeLimit() != SLAP_NO_LIMIT) most = std::min(most, sizeLimit());
     return static_cast<std::size_t>(std::max(most - sent(), 0)) + 1;
-}
-
-int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes) {
-    rs->sr_entry = entry;
-    rs->sr_attrs = attributes;
-    rs->sr_flags = 0;
-    const int sent = send_search_entry(op, rs);
-    rs->sr_entry = nullptr;
-    return sent;
-}
-
-char* failureText() {
-    static thread_local char text[kFailureTextBytes];
-    return text;
 }

@@ -64,10 +64,3 @@ class SearchReply {
     AttributeName* m_attributes = nullptr;  // that entries are sent with; null: all
     SharedEntry m_pending;                  // converted for the page before, or for the next one
 };
-
-// Sends an entry; what slapd answers.
-int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes);
-
-// The thread's buffer for a failure's text, of kFailureTextBytes: the reply points into
-// one until it is sent. A thread works on one request at a time.
-char* failureText();

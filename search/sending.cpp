@@ -1,0 +1,19 @@
+#include "search/sending.h"
+
+#include "backend/base/failure.h"
+
+#include "backend/base/slapd.h"
+
+int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes) {
+    rs->sr_entry = entry;
+    rs->sr_attrs = attributes;
+    rs->sr_flags = 0;
+    const int sent = send_search_entry(op, rs);
+    rs->sr_entry = nullptr;
+    return sent;
+}
+
+char* failureText() {
+    static thread_local char text[kFailureTextBytes];
+    return text;
+}

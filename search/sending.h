@@ -1,0 +1,11 @@
+// What every reply is sent with.
+#pragma once
+
+#include "backend/base/slapd_fwd.h"
+
+// Sends an entry; what slapd answers.
+int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes);
+
+// The thread's buffer for a failure's text, of kFailureTextBytes: the reply points into
+// one until it is sent. A thread works on one request at a time.
+char* failureText();
