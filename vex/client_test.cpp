@@ -453,6 +453,13 @@ TEST_F(Client, TheLastErrorIsThatOfTheLastCall) {
     ASSERT_EQ(vexLookupObjectByGuid(session.get(), "x", &object), VEX_OK);
     vexFreeObject(object);
     EXPECT_EQ(lastError(session.get()).code, VEX_NO_SUCH_ATTRIBUTE);
+    answerAll({.code = 14});
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session.get(), "u", "p", 0), 14);
+    answerAll({});
+    vexSearchHandle* search = nullptr;
+    ASSERT_EQ(vexLdapSearchOpen(session.get(), "", "", "", nullptr, 2, -1, 0, &search), VEX_OK);
+    vexLdapSearchClose(search);
+    EXPECT_EQ(lastError(session.get()).code, VEX_NO_SUCH_ATTRIBUTE) << "a search is a call like others";
     agent.stop();
     EXPECT_EQ(vexLookupObjectByGuid(session.get(), "x", &object), VEX_BROKEN_SESSION);
     EXPECT_EQ(lastError(session.get()).code, VEX_BROKEN_SESSION) << "it did not reach the agent";
@@ -469,6 +476,9 @@ TEST_F(Client, WhatNoRequestCanHoldIsRefusedHere) {
     EXPECT_EQ(vexAuthValidatePlainTextUser(session.get(), "u", huge.c_str(), 0), VEX_REFUSED);
     const std::string half(wire::kMaxRequestBytes / 2, 'x');
     EXPECT_EQ(vexLdapFetch(session.get(), half.c_str(), half.c_str(), nullptr, &object), VEX_REFUSED);
+    EXPECT_EQ(vexLdapFetch(session.get(), half.c_str(), (half + "x").c_str(), nullptr, &object), VEX_REFUSED);
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session.get(), half.c_str(), (half + "x").c_str(), 0),
+              VEX_REFUSED);
     std::vector<const char*> names(wire::kMaxRequestedAttributes + 1, "cn");
     names.push_back(nullptr);
     EXPECT_EQ(vexLdapSearchOpen(session.get(), "", "", "", names.data(), 2, -1, 0, &search), VEX_REFUSED);

@@ -235,6 +235,14 @@ TEST_F(LookAheadOfASession, AHintIsBounded) {
     EXPECT_EQ(asked[0].second, guids(3, VEX_MOST_AHEAD));
 }
 
+TEST_F(LookAheadOfASession, AHintHoldsTextsOfAGuidsLength) {
+    const std::string longest(64, 'x'), tooLong(65, 'x');
+    expect({guid(0), "1", longest, tooLong, tooLong + "x"});
+    EXPECT_TRUE(allFound(guids(0, 1)));
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_THAT(asked[0].second, ElementsAre("1", longest));
+}
+
 TEST_F(LookAheadOfASession, MoreObjectsThanWereAskedForAreNoAnswer) {
     serve([](const std::string& wanted, const Guids&) { return whole(wanted, guids(50, 53)); });
     expect(guids(0, 3));

@@ -9,9 +9,6 @@
 namespace vex {
 namespace {
 
-// A root's offset and a table's.
-constexpr std::size_t kSmallestBuffer = sizeof(flatbuffers::uoffset_t) + sizeof(flatbuffers::soffset_t);
-
 using flatbuffers::Offset;
 using flatbuffers::Table;
 using flatbuffers::Vector;
@@ -49,7 +46,6 @@ struct CheckedObject : private Table {
 };
 
 bool isWellFormed(std::span<const std::uint8_t> bytes) {
-    if (bytes.size() < kSmallestBuffer || bytes.size() > wire::kMaxResponseBytes) return false;
     Verifier verifier(bytes.data(), bytes.size(), wire::kMaxDepth, wire::kMaxTables);
     const auto root = verifier.VerifyOffset(std::size_t{0});
     if (root == 0) return false;

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 
 #include "vex/handles.h"
@@ -161,9 +162,19 @@ TEST_F(Object, NullArgumentsAreInvalid) {
     EXPECT_EQ(vexGetAttributeStr(nullptr, one, nullptr, &text), VEX_INVALID_ARGUMENT);
     EXPECT_EQ(vexGetAttributeStr(nullptr, one, "cn", nullptr), VEX_INVALID_ARGUMENT);
     EXPECT_EQ(vexGetAttributeBool(nullptr, nullptr, "cn", &number), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetAttributeBool(nullptr, one, nullptr, &number), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetAttributeBool(nullptr, one, "cn", nullptr), VEX_INVALID_ARGUMENT);
     EXPECT_EQ(vexGetAttributeBlobList(nullptr, nullptr, "cn", &values, &number), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetAttributeBlobList(nullptr, one, nullptr, &values, &number), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetAttributeBlobList(nullptr, one, "cn", nullptr, &number), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetAttributeBlobList(nullptr, one, "cn", &values, nullptr), VEX_INVALID_ARGUMENT);
     EXPECT_EQ(vexGetFirstAttribute(nullptr, nullptr, &cursor, &text), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetFirstAttribute(nullptr, one, nullptr, &text), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetFirstAttribute(nullptr, one, &cursor, nullptr), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetNextAttribute(nullptr, nullptr, &cursor, &text), VEX_INVALID_ARGUMENT);
     EXPECT_EQ(vexGetNextAttribute(nullptr, one, nullptr, &text), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetNextAttribute(nullptr, one, &cursor, nullptr), VEX_INVALID_ARGUMENT);
+    EXPECT_EQ(vexGetObjectSize(nullptr), 0u);
     vexFreeString(nullptr);
     vexFreeObject(nullptr);
     vexFreeStringSet(nullptr);
@@ -178,6 +189,61 @@ TEST_F(Object, CutShortAnywhereIsNotSound) {
                                              whole.begin() + static_cast<std::ptrdiff_t>(size));
         EXPECT_FALSE(vex::isSoundObject(part)) << size;
     }
+}
+
+// An object whose last attribute is made by hand.
+template <typename Make>
+std::vector<std::uint8_t> withLastAttribute(Make make) {
+    namespace wire = vex::wire;
+    flatbuffers::FlatBufferBuilder builder;
+    std::vector<flatbuffers::Offset<wire::Attribute>> attributes;
+    for (const auto& [name, values] : person("ann"))
+        attributes.push_back(wire::CreateAttribute(builder, builder.CreateString(name),
+                                                   builder.CreateVectorOfStrings(values)));
+    attributes.push_back(make(builder));
+    builder.Finish(wire::CreateObject(builder, builder.CreateVector(attributes)));
+    return {builder.GetBufferPointer(), builder.GetBufferPointer() + builder.GetSize()};
+}
+
+TEST_F(Object, WithAnAttributeThatLeadsOutOfItIsNotSound) {
+    const std::vector<std::uint8_t> sound = withLastAttribute([](auto& builder) {
+        const std::vector<std::string> values{"VALUE"};
+        return vex::wire::CreateAttribute(builder, builder.CreateString("NAME"),
+                                          builder.CreateVectorOfStrings(values));
+    });
+    ASSERT_TRUE(vex::isSoundObject(sound));
+    for (const std::string text : {"NAME", "VALUE"}) {
+        std::vector<std::uint8_t> broken = sound;
+        const auto at = std::search(broken.begin(), broken.end(), text.begin(), text.end());
+        ASSERT_NE(at, broken.end());
+        *(at - 1) = 0x7f;  // the highest byte of its length
+        EXPECT_FALSE(vex::isSoundObject(broken)) << text;
+    }
+}
+
+TEST_F(Object, WithMoreValuesThanItHasRoomForIsNotSound) {
+    const std::vector<std::uint8_t> bytes = withLastAttribute([](auto& builder) {
+        namespace wire = vex::wire;
+        // One vector of values, which many attributes share.
+        const auto name = builder.CreateString("mail");
+        const auto value = builder.CreateString("a@x");
+        const auto values = builder.CreateVector(std::vector(1000, value));
+        return wire::CreateAttribute(builder, name, values);
+    });
+    EXPECT_TRUE(vex::isSoundObject(bytes)) << "each value has its offset";
+
+    namespace wire = vex::wire;
+    flatbuffers::FlatBufferBuilder builder;
+    std::vector<flatbuffers::Offset<wire::Attribute>> attributes;
+    for (const auto& [name, values] : person("ann"))
+        attributes.push_back(wire::CreateAttribute(builder, builder.CreateString(name),
+                                                   builder.CreateVectorOfStrings(values)));
+    const auto value = builder.CreateString("a@x");
+    const auto values = builder.CreateVector(std::vector(1000, value));
+    for (int i = 0; i < 3; ++i)
+        attributes.push_back(wire::CreateAttribute(builder, builder.CreateString("mail"), values));
+    builder.Finish(wire::CreateObject(builder, builder.CreateVector(attributes)));
+    EXPECT_FALSE(vex::isSoundObject({builder.GetBufferPointer(), builder.GetSize()}));
 }
 
 TEST(Names, OfCodes) {
