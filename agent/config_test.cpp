@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
+
 namespace vexagent {
 namespace {
 
@@ -74,6 +77,91 @@ TEST(Config, ADomainsSettingsAreRead) {
     EXPECT_TRUE(config.ad.ids.fromSid);
     EXPECT_TRUE(config.ad.authCache.enabled);
     EXPECT_EQ(config.zone, "CN=z,DC=example,DC=com");
+}
+
+TEST(Config, EverySettingOfADomainIsRead) {
+    const Config config = read(
+        "domain.name = example.com\ndirectory = ad\nad.keytab = /k\nad.principal = GATE$\n"
+        "ad.ids.home = /users/%u\nad.auth.cache.file = /l\nlogin.attributes = mail  uid\n");
+    EXPECT_EQ(config.ad.keytab, "/k");
+    EXPECT_EQ(config.ad.principal, "GATE$");
+    EXPECT_EQ(config.ad.ids.home, "/users/%u");
+    EXPECT_EQ(config.ad.authCache.file, "/l");
+    EXPECT_THAT(config.ad.loginAttributes, ::testing::ElementsAre("mail", "uid"));
+    EXPECT_THAT(config.loginAttributes, ::testing::ElementsAre("mail", "uid"));
+    EXPECT_EQ(read("domain.name = example.com\ndirectory = ad\n").ad.ids.home, "/home/%u");
+}
+
+TEST(Config, EverySettingOfAnEmbeddedDirectoryIsRead) {
+    const Config config = read(
+        "domain.name = example.com\nembedded.database = /d\nembedded.ldif = /l\n"
+        "agent.socket = /s\nagent.socket.mode = 0777\n");
+    EXPECT_EQ(config.directory, DirectoryKind::Embedded);
+    EXPECT_EQ(config.database, "/d");
+    EXPECT_EQ(config.ldif, "/l");
+    EXPECT_EQ(config.socket.path, "/s");
+    EXPECT_EQ(config.socket.mode, 0777u);
+    EXPECT_NE(failure("domain.name = example.com\nagent.socket.mode = 1000\n"), "accepted");
+    EXPECT_NE(failure("domain.name = example.com\nembedded.database =\n"), "accepted");
+}
+
+// Each number takes its least and its largest value, and none beyond them.
+TEST(Config, NumbersHaveTheirBounds) {
+    const struct {
+        const char* name;
+        long least, most;
+        long (*value)(const Config&);
+    } cases[] = {
+        {"agent.timeout", 1, 3600, [](const Config& c) { return long{c.server.timeout.count() / 1000}; }},
+        {"agent.clients.max", 1, 100'000,
+         [](const Config& c) { return static_cast<long>(c.server.maxClients); }},
+        {"agent.threads", 1, 64, [](const Config& c) { return long{c.threads}; }},
+        {"unix.id.min", 0, INT32_MAX, [](const Config& c) { return long{c.leastId}; }},
+        {"ad.timeout", 1, 3600,
+         [](const Config& c) {
+             return long{std::chrono::duration_cast<std::chrono::seconds>(c.ad.timeout).count()};
+         }},
+        {"ad.connections", 1, 64, [](const Config& c) { return static_cast<long>(c.ad.connections); }},
+        {"ad.groups.max", 1, 10'000'000, [](const Config& c) { return static_cast<long>(c.ad.mostGroups); }},
+        {"ad.ids.first", 1000, 2'000'000'000, [](const Config& c) { return long{c.ad.ids.first}; }},
+        {"ad.ids.slices", 1, 1'000'000, [](const Config& c) { return long{c.ad.ids.slices}; }},
+        {"ad.ids.slice.size", 1000, 1'000'000'000, [](const Config& c) { return long{c.ad.ids.sliceSize}; }},
+        {"ad.auth.cache.max.age", 1, 8760,
+         [](const Config& c) {
+             return long{std::chrono::duration_cast<std::chrono::hours>(c.ad.authCache.maxAge).count()};
+         }},
+        {"ad.auth.cache.attempts", 1, 1000, [](const Config& c) { return long{c.ad.authCache.attempts}; }},
+    };
+    for (const auto& one : cases) {
+        const auto with = [&](long value) {
+            // What the others leave room for: ids are signed in places.
+            const std::string name = one.name;
+            const std::string few =
+                name == "ad.ids.slices" ? "ad.ids.slice.size = 1000\n" : "ad.ids.slices = 1\n";
+            return "domain.name = example.com\ndirectory = ad\n" + few + name + " = " +
+                   std::to_string(value) + "\n";
+        };
+        EXPECT_EQ(one.value(read(with(one.least))), one.least) << one.name;
+        EXPECT_EQ(one.value(read(with(one.most))), one.most) << one.name;
+        const std::string range =
+            ", not a number from " + std::to_string(one.least) + " to " + std::to_string(one.most);
+        EXPECT_THAT(failure(with(one.least - 1)), ::testing::EndsWith(range)) << one.name;
+        EXPECT_THAT(failure(with(one.most + 1)), ::testing::EndsWith(range)) << one.name;
+    }
+}
+
+TEST(Config, MadeIdsStaySigned) {
+    const auto with = [](const char* slices) {
+        return "domain.name = example.com\ndirectory = ad\nad.ids.first = 1647\nad.ids.slice.size = "
+               "1000\nad.ids.slices = " +
+               std::string(slices) + "\n";
+    };
+    EXPECT_EQ(failure(with("1000000")), "accepted");
+    const std::string most =
+        "domain.name = example.com\ndirectory = ad\nad.ids.slice.size = 1000000\nad.ids.slices = 2000\n";
+    EXPECT_EQ(failure(most + "ad.ids.first = 147483647\n"), "accepted");
+    EXPECT_THAT(failure(most + "ad.ids.first = 147483648\n"),
+                ::testing::EndsWith("ad.ids.slices times ad.ids.slice.size is more than there are ids"));
 }
 
 TEST(Config, TheSocketsGroupIsKnown) {

@@ -25,6 +25,10 @@ class FakeDirectory : public Directory {
     int logins = 0;
     LoginOptions loginOptions;  // of the last login
 
+    Query asked;         // of the last search
+    std::string domain;  // of the last fetch
+    View viewed;         // of the last fetch or look-up
+
     bool looksAhead = true;
     std::function<void()> onLookup;
     std::size_t lookupBytes = 0;  // that each object is larger by
@@ -36,6 +40,8 @@ class FakeDirectory : public Directory {
         if (query.filter == "wait") {
             ++waiting;
             const std::lock_guard wait(gate);
+        } else if (query.filter == "record") {
+            asked = query;
         }
         if (query.filter == "fail") return Result::ldap(VEX_BAD_FILTER, -7, "bad search filter");
         if (query.filter == "throw") throw std::runtime_error("thrown");
@@ -57,8 +63,11 @@ class FakeDirectory : public Directory {
         return {};
     }
 
-    Result fetch(const std::string&, const std::string& dn, const View&, Object& object) override {
+    Result fetch(const std::string& within, const std::string& dn, const View& view,
+                 Object& object) override {
         ++fetches;
+        domain = within;
+        viewed = view;
         if (dn != "there") return Result::ldap(VEX_NO_SUCH_OBJECT, 32, "no object has this DN");
         object = {{"_dn", {dn}}};
         return {};

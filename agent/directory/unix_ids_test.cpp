@@ -2,9 +2,12 @@
 
 #include "agent/directory/unix_ids.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "agent/directory/log_testing.h"
 
 namespace vexagent {
 namespace {
@@ -43,6 +46,21 @@ TEST(UnixIds, EachNumberOfAnObjectCounts) {
     EXPECT_TRUE(ids.refuses("CN=a", "uidNumber", bad));
     EXPECT_TRUE(ids.refuses("CN=a", "uidNumber", bad));
     EXPECT_FALSE(ids.refuses("CN=a", "uidNumber", {}));
+}
+
+TEST(UnixIds, AnObjectWithoutAUsableOneIsToldOfOnce) {
+    using ::testing::HasSubstr;
+    const auto logged = [](const char* dn) {
+        const std::string_view bad[] = {"1000", "0\n"};
+        const test::CapturedLog log;
+        EXPECT_TRUE(UnixIds(1000).refuses(dn, "uidNumber", bad));
+        return log.text();
+    };
+    EXPECT_THAT(logged("CN=told\n"),
+                HasSubstr("CN=told\\0a is no UNIX entry: its uidNumber, \"0\\0a\", is no "
+                          "number from 1000 (unix.id.min) on\n"));
+    EXPECT_EQ(logged("cn=TOLD\n"), "");
+    EXPECT_THAT(logged("CN=another"), HasSubstr("CN=another is no UNIX entry"));
 }
 
 TEST(UnixIds, StandForPeopleComputersAndGroups) {

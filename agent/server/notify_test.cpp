@@ -1,6 +1,7 @@
 #include "agent/server/notify.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,6 +68,30 @@ TEST(Notify, WithoutAManagerThereIsNobodyToTell) {
         EXPECT_FALSE(notifyManager("READY=1")) << name;
     }
     ::unsetenv("NOTIFY_SOCKET");
+}
+
+TEST(Notify, KeepsNoDescriptor) {
+    const TemporaryFolder folder;
+    const Manager manager(folder.file("notify"));
+    const int before = ::dup(STDIN_FILENO);
+    ::close(before);
+    EXPECT_TRUE(notifyManager("READY=1"));
+    const int after = ::dup(STDIN_FILENO);
+    ::close(after);
+    EXPECT_EQ(before, after);
+}
+
+TEST(Notify, WithoutADescriptorLeftNobodyIsTold) {
+    const TemporaryFolder folder;
+    const Manager manager(folder.file("notify"));
+    rlimit usual{};
+    ::getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    const bool told = notifyManager("READY=1");
+    ::setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_FALSE(told);
+    EXPECT_EQ(manager.heard(), "");
 }
 
 }  // namespace

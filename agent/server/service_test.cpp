@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "agent/directory/fake_directory_testing.h"
+#include "agent/directory/log_testing.h"
 #include "agent/server/frames_testing.h"
 
 namespace vexagent {
@@ -33,6 +34,13 @@ class ServiceTest : public ::testing::Test {
         return answer ? readReply(*answer) : Reply{};
     }
 
+    // What the log says of a request.
+    std::string logged(const Client& client, const Bytes& frame) {
+        const test::CapturedLog log;
+        ask(client, frame);
+        return log.text();
+    }
+
     const Client m_ann{10, 1};
     const Client m_ben{11, 1};
     FakeDirectory m_directory;
@@ -49,10 +57,113 @@ TEST_F(ServiceTest, ASearchGoesOnUntilItsLastBatch) {
     const std::uint64_t search = reply.search;
     EXPECT_EQ(ask(m_ann, nextFrame(8, search)).search, search);
     reply = ask(m_ann, nextFrame(9, search));
+    EXPECT_EQ(reply.total, 3);
     EXPECT_EQ(reply.search, 0u);
     EXPECT_EQ(reply.dns, (std::vector<std::string>{"object 3"}));
     EXPECT_EQ(m_service.openSearches(), 0u);
     EXPECT_EQ(ask(m_ann, nextFrame(10, search)).code, VEX_BROKEN_HANDLE);
+}
+
+TEST_F(ServiceTest, WhatIsAskedReachesTheDirectory) {
+    const auto search = [this](int sizeLimit, int pageSize, const std::vector<int>& options) {
+        ask(m_ann,
+            requestFrame(
+                1, wire::Body::SearchOpen,
+                [&](auto& builder) {
+                    const auto domain = builder.CreateString("example.com");
+                    const auto filter = builder.CreateString("record");
+                    const auto base = builder.CreateString("ou=x");
+                    const auto names = builder.CreateVectorOfStrings(std::vector<std::string>{"cn", "mail"});
+                    return wire::CreateSearchOpen(builder, domain, filter, base, names, 1, sizeLimit,
+                                                  pageSize);
+                },
+                options));
+        return m_directory.asked;
+    };
+    Query query = search(0, 0, {});
+    EXPECT_EQ(query.domain, "example.com");
+    EXPECT_EQ(query.base, "ou=x");
+    EXPECT_EQ(query.scope, 1);
+    EXPECT_EQ(query.view.attributes, (std::vector<std::string>{"cn", "mail"}));
+    EXPECT_EQ(query.firstBatch, 0u);
+    EXPECT_FALSE(query.typed);
+    EXPECT_FALSE(query.view.zone);
+    query = search(-1, 1, {VEX_OPTION_TYPED});
+    EXPECT_EQ(query.firstBatch, 2u) << "one more tells whether there are more";
+    EXPECT_TRUE(query.typed);
+    EXPECT_FALSE(query.view.zone);
+    query = search(1, 500, {VEX_OPTION_ZONE_VIEW});
+    EXPECT_EQ(query.firstBatch, 2u);
+    EXPECT_FALSE(query.typed);
+    EXPECT_TRUE(query.view.zone);
+    EXPECT_EQ(search(500, 20, {}).firstBatch, 21u);
+}
+
+TEST_F(ServiceTest, AFetchAndALookUpGiveOneObjectAsItIsWanted) {
+    const auto fetch = [this](const std::vector<int>& options) {
+        return ask(m_ann, requestFrame(
+                              1, wire::Body::Fetch,
+                              [&](auto& builder) {
+                                  const auto domain = builder.CreateString("example.com");
+                                  const auto dn = builder.CreateString("there");
+                                  return wire::CreateFetch(
+                                      builder, domain, dn,
+                                      builder.CreateVectorOfStrings(std::vector<std::string>{"cn", "mail"}));
+                              },
+                              options));
+    };
+    EXPECT_EQ(fetch({}).total, 1);
+    EXPECT_EQ(m_directory.domain, "example.com");
+    EXPECT_EQ(m_directory.viewed.attributes, (std::vector<std::string>{"cn", "mail"}));
+    EXPECT_FALSE(m_directory.viewed.zone);
+    EXPECT_EQ(fetch({VEX_OPTION_ZONE_VIEW}).dns, std::vector<std::string>{"there"});
+    EXPECT_TRUE(m_directory.viewed.zone);
+    ask(m_ann, lookupFrame(2, "there", {}));
+    EXPECT_TRUE(m_directory.viewed.attributes.empty());
+    EXPECT_FALSE(m_directory.viewed.zone);
+}
+
+TEST_F(ServiceTest, TheSupportedAttributesAreListed) {
+    const Bytes frame = requestFrame(1, wire::Body::SupportedAttributes,
+                                     [](auto& builder) { return wire::CreateSupportedAttributes(builder); });
+    const std::optional<Bytes> answer = m_service.handle(m_ann, *readRequest(frame));
+    ASSERT_TRUE(answer);
+    const auto* response = flatbuffers::GetSizePrefixedRoot<wire::Response>(answer->data());
+    ASSERT_NE(response->names(), nullptr);
+    ASSERT_EQ(response->names()->size(), 2u);
+    EXPECT_EQ(response->names()->Get(0)->str(), "cn");
+    EXPECT_EQ(response->names()->Get(1)->str(), "member");
+}
+
+TEST_F(ServiceTest, EachRequestHasALineInTheLog) {
+    using ::testing::HasSubstr;
+    m_directory.onLookup = [] { serviceMoment += std::chrono::microseconds(1234); };
+    EXPECT_THAT(logged(m_ann, lookupFrame(1, "there", {})),
+                HasSubstr("lookup \"there\" from pid 10 uid 1: code 0, 1 objects, 1234 us\n"));
+    EXPECT_THAT(logged(m_ann, searchFrame(1, "2")),
+                HasSubstr("search \"2\" below \"\" from pid 10 uid 1: code 0, 1 objects, 0 us\n"));
+    EXPECT_THAT(logged(m_ben, healthFrame(1)),
+                HasSubstr("health  from pid 11 uid 1: code 0, 0 objects, 0 us\n"));
+    const std::string most(200, 'x');
+    EXPECT_THAT(logged(m_ann, sharingFrame(wire::Body::Fetch, most, 0, 0)),
+                HasSubstr("fetch \"" + most + "\" from"));
+    EXPECT_THAT(logged(m_ann, sharingFrame(wire::Body::Fetch, most + "y", 0, 0)),
+                HasSubstr("fetch \"" + most + "...\" from"));
+}
+
+TEST_F(ServiceTest, WhyARequestFailedIsInTheLogOnce) {
+    using ::testing::HasSubstr;
+    using ::testing::Not;
+    EXPECT_THAT(logged(m_ann, searchFrame(1, "throw")),
+                HasSubstr("search failed for pid 10 uid 1: thrown\n"));
+    EXPECT_THAT(logged(m_ann, searchFrame(1, "fail")), Not(HasSubstr("failed for")))
+        << "the client is told all there is";
+    EXPECT_THAT(logged(m_ann, loginFrame(1, "ann", "right")), Not(HasSubstr("failed")));
+    const std::string refused = logged(m_ann, loginFrame(1, "ann", "wrong"));
+    EXPECT_THAT(refused,
+                HasSubstr("authentication of \"ann\" failed for pid 10 uid 1: wrong password (code " +
+                          std::to_string(VEX_WRONG_PASSWORD) + ")\n"));
+    EXPECT_THAT(refused, Not(HasSubstr("authenticate failed")));
 }
 
 TEST_F(ServiceTest, ASearchBelongsToItsProcess) {
@@ -95,6 +206,9 @@ TEST_F(ServiceTest, OpenSearchesAreLimitedForEachProcess) {
     EXPECT_EQ(reply.code, VEX_REFUSED);
     EXPECT_EQ(reply.errText, "too many open searches");
     EXPECT_EQ(ask(m_ben, frame).code, VEX_OK);
+    ask(m_ann, closeFrame(2, 1));
+    EXPECT_EQ(ask(m_ann, frame).code, VEX_OK) << "one has ended";
+    EXPECT_EQ(ask(m_ann, frame).code, VEX_REFUSED);
 }
 
 TEST_F(ServiceTest, RefusesWhatIsOutOfRange) {
@@ -255,9 +369,10 @@ TEST_F(ServiceTest, LookUpsAheadAreLimited) {
 
 TEST_F(ServiceTest, StatisticsCountByKind) {
     ask(m_ann, searchFrame(1, "3"));
+    ask(m_ann, searchFrame(1, ""));
     ask(m_ann, loginFrame(2, "ann", "wrong"));
     EXPECT_EQ(m_service.statistics(),
-              "requests served: search 1, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
+              "requests served: search 2, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
               "health 0, "
               "failed 1; open searches: 1; client processes: 2");
 }
