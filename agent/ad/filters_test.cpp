@@ -180,6 +180,9 @@ TEST(AdFilter, OneThatNamesClassesAlreadyGetsNoMore) {
 TEST(AdFilter, OnlyEqualityAsksForSomebodysGroups) {
     EXPECT_EQ(asked("(memberUid=a*)"), "(memberUid=a*)");
     EXPECT_EQ(asked("(memberUid>=a)"), "(memberUid>=a)");
+    // What is decided is not looked at for ids any more.
+    EXPECT_EQ(asked("(memberUid=ann)", false, true), asked("(memberUid=ann)"));
+    EXPECT_EQ(asked("(memberUid=*)", false, true), asked("(memberUid=*)"));
     EXPECT_EQ(asked("(MEMBERUID=ann)"), "(|(objectGUID=AAAAAAAAAAAAAAAA)(objectGUID=BBBBBBBBBBBBBBBB))");
 }
 

@@ -53,8 +53,9 @@ Expected<bool, LdapFailure> GroupWalk::findPeopleBy(const char* attribute, const
 void GroupWalk::addPerson(const Entry& person) {
     addParents(person);
     const auto rid = vorn::parseNumber<std::uint32_t>(person.first("primaryGroupID"));
-    std::string sid = sidWithRid(person.first("objectSid"), rid.value_or(0));
-    if (rid.value_or(0) != 0 && !sid.empty()) m_sids.push_back(std::move(sid));
+    if (!rid || *rid == 0) return;
+    std::string sid = sidWithRid(person.first("objectSid"), *rid);
+    if (!sid.empty()) m_sids.push_back(std::move(sid));
 }
 
 void GroupWalk::addParents(const Entry& entry) {

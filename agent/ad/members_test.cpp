@@ -97,6 +97,21 @@ TEST_F(MembersTest, OfAGroupAreItsOwnAndThoseOfItsGroupsSortedEachOnce) {
     EXPECT_THAT(members(m_staff), IsEmpty());
 }
 
+TEST_F(MembersTest, OnlyWhatNamesAreMadeOfIsAskedFor) {
+    ASSERT_TRUE(membersOf({addGroup("g", {m_ann})}).has_value());
+    std::vector<Exchange> asked = m_forest.network.takeExchanges();
+    std::erase_if(asked, [](const Exchange& exchange) { return exchange.kind != Exchange::Kind::Search; });
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_THAT(asked[0].searches[0].attributes,
+                ElementsAre("objectClass", "objectCategory", "uid", "sAMAccountName", "uidNumber",
+                            "objectSid", "primaryGroupID", "member", "memberUid"));
+    EXPECT_EQ(asked[0].searches[0].extent, Extent::Few);
+    EXPECT_THAT(asked[1].searches[0].attributes,
+                ElementsAre("objectClass", "objectCategory", "uid", "sAMAccountName", "uidNumber",
+                            "objectSid", "primaryGroupID"));
+    EXPECT_EQ(asked[1].searches[0].extent, Extent::Many);  // it may be everybody
+}
+
 TEST_F(MembersTest, OfSeveralGroupsAreReadTogether) {
     const std::string one = addGroup("one", {m_ann}), two = addGroup("two", {m_ben, one});
     const auto found = membersOf({two, m_staff, one});
@@ -313,6 +328,21 @@ TEST_F(MembersTest, ThePrimaryGroupIsAmongThem) {
     m_forest.addPerson("gil", {{"objectSid", {}}});
     EXPECT_THAT(groups("dora"), ElementsAre(around, everybody));
     for (const char* name : {"eve", "fay", "gil"}) EXPECT_THAT(groups(name), IsEmpty()) << name;
+}
+
+TEST_F(MembersTest, WithoutAPrimaryGroupNoneIsAskedFor) {
+    m_forest.addPerson("eve", {{"primaryGroupID", {"0"}}});
+    m_forest.addPerson("fay", {{"primaryGroupID", {"x"}}});
+    m_forest.addPerson("gil", {{"objectSid", {}}});
+    m_forest.addPerson("one", {{"primaryGroupID", {"1"}}});
+    for (const char* name : {"eve", "fay", "gil"}) {
+        pass(milliseconds(1000));
+        m_forest.network.takeExchanges();
+        groups(name);
+        EXPECT_THAT(cost(), ElementsAre(1u, 1u)) << name;  // the person, what is stored
+    }
+    groups("one");
+    EXPECT_THAT(cost(), ElementsAre(1u, 1u));  // the person, the primary group; what is stored is known
 }
 
 TEST_F(MembersTest, WhatIsStoredWithGroupsCountsBesideMembershipEachOnce) {

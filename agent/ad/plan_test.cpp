@@ -168,6 +168,18 @@ TEST_F(PlanTest, MadeIdsAreLookedForWhereTheyAreMade) {
     EXPECT_EQ(made->search.filter.find("(|(uidNumber=" + id + ")(&(objectSid="), 0u) << made->search.filter;
 }
 
+TEST_F(PlanTest, MadeIdsAndPeoplesGroupsGoTogether) {
+    const std::string ann = m_forest.addPerson("ann"), group = m_forest.addGroup("staff");
+    m_forest.join(group, ann);
+    Query query = matching("(|(memberUid=ann)(uidNumber=*))");
+    query.view.zone = true;
+    EXPECT_EQ(plan(query)->search.filter.find("(objectCategory=person)"), std::string::npos);
+    m_forest.options.ids.fromSid = true;
+    const std::string filter = plan(query)->search.filter;
+    EXPECT_NE(filter.find("(|(uidNumber=*)(objectCategory=person))"), std::string::npos) << filter;
+    EXPECT_NE(filter.find("(objectGUID="), std::string::npos) << filter;
+}
+
 TEST_F(PlanTest, WithMadeIdsTheDomainMustSayWhatItIs) {
     m_forest.options.ids.fromSid = true;
     m_forest.domain.answers = false;
