@@ -497,7 +497,7 @@ std::string guidTextOf(const std::string& dn) {
 }
 
 TEST_F(SearchesTest, LookUpsAheadAreOneQuestionAndKeepTheirOrder) {
-    m_searches.lookup(guidTextOf(m_ann), {});  // learns the schema
+    ASSERT_TRUE(m_searches.lookup(guidTextOf(m_ann), {}));  // learns the schema
     m_forest.network.takeExchanges();
     const std::vector<Object> objects =
         m_searches.lookupAhead({guidTextOf(m_ben), guidTextOf(m_staff), guidTextOf(m_ann)}, {});
@@ -539,13 +539,13 @@ TEST_F(SearchesTest, WhatIsNotThereNoGuidOrAnotherDomainsIsLeftOutAhead) {
 }
 
 TEST_F(SearchesTest, AFailureLeavesAllOutAhead) {
-    m_searches.lookup(guidTextOf(m_ann), {});
+    ASSERT_TRUE(m_searches.lookup(guidTextOf(m_ann), {}));
     m_forest.domain.next(Mishap::fail(Mishap::When::Middle, Mishap::unreachable()));
     EXPECT_THAT(m_searches.lookupAhead({guidTextOf(m_ann), guidTextOf(m_ben)}, {}), IsEmpty());
 }
 
 TEST_F(SearchesTest, LookUpsAheadHaveHalfOfARequestsTime) {
-    m_searches.lookup(guidTextOf(m_ann), {});
+    ASSERT_TRUE(m_searches.lookup(guidTextOf(m_ann), {}));
     m_forest.domain.answersAfter = m_forest.options.timeout / 2 - milliseconds(1);
     EXPECT_EQ(m_searches.lookupAhead({guidTextOf(m_ann)}, {}).size(), 1u);
     m_forest.domain.answersAfter = m_forest.options.timeout / 2;
