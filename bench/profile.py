@@ -1,7 +1,9 @@
 #!/usr/bin/python3
-"""Counts the instructions of a slapd for each request, function by function, with callgrind.
+"""Counts the instructions of a slapd for each request, function by function, with callgrind;
+or those of the agent behind it.
 
     bench/profile.py [--measure lookup|lookup_all|bind|...] [--contenders gateway,mdb] [--count N] [--top N]
+    bench/profile.py --agent --contenders gateway_uncached
 
 Counts do not depend on what else the machine does. The files that callgrind wrote stay
 in the output folder: callgrind_annotate and kcachegrind read them.
@@ -24,11 +26,19 @@ def control(process, *words):
     subprocess.run(["callgrind_control", *words, str(process)], check=True, stdout=subprocess.DEVNULL)
 
 
-def profile(lab, contender, measure, count, output):
+def inside_callgrind(output, name):
+    """What a server runs inside."""
+    return ("valgrind", "--tool=callgrind", "--instr-atstart=no", "--separate-threads=no", "-q",
+            f"--callgrind-out-file={output}/callgrind.{name}")
+
+
+def profile(lab, contender, measure, count, output, server):
     """Runs the requests once uncounted, then counted. Returns callgrind's file."""
     options = {**measure.options, "count": count}
+    if server is lab.agent:  # slapd would not wait for many answers from an agent that slow
+        options.update(connections=1, outstanding=1)
     counted = measures.Measure(measure.key, measure.title, measure.mode, measure.contenders, options)
-    process = contender.slapd.process.pid
+    process = server.process.pid
     first = {**options, "prime": "yes", "count": 2 * len(lab.directory.people)}
     measures.Measure(measure.key, measure.title, measure.mode, measure.contenders, first).run(contender, lab)
     control(process, "--zero")
@@ -63,6 +73,7 @@ def main():
     parser = argparse.ArgumentParser(description="Counts instructions for each request.")
     parser.add_argument("--measure", default="lookup", choices=[measure.key for measure in measures.MEASURES])
     parser.add_argument("--contenders", default="gateway,mdb")
+    parser.add_argument("--agent", action="store_true", help="of the agent behind the one contender, in place of its slapd")
     parser.add_argument("--count", type=int, default=2000)
     parser.add_argument("--people", type=int, default=1000)
     parser.add_argument("--top", type=int, default=60)
@@ -74,12 +85,12 @@ def main():
     lab = run.Lab(options.people, 1)
     try:
         for key in options.contenders.split(","):
-            KINDS[key].wrapper = (
-                "valgrind", "--tool=callgrind", "--instr-atstart=no", "--separate-threads=no", "-q",
-                f"--callgrind-out-file={options.output}/callgrind.{key}.{measure.key}")
+            counted = servers.Agent if options.agent else KINDS[key]
+            counted.wrapper = inside_callgrind(options.output, f"{key}.{measure.key}")
         lab.start([KINDS[key] for key in options.contenders.split(",")])
         for contender in lab.contenders.values():
-            show(profile(lab, contender, measure, options.count, options.output), options.count, options.top)
+            server = lab.agent if options.agent else contender.slapd
+            show(profile(lab, contender, measure, options.count, options.output, server), options.count, options.top)
     finally:
         lab.close()
 

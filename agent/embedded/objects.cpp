@@ -39,7 +39,7 @@ Object makeObject(Handle& handle, const Source& source, const ldb_message* messa
     const bool computed = view.zone && category == "Group";
     for (unsigned i = 0; i < message->num_elements; ++i) {
         const ldb_message_element& element = message->elements[i];
-        if (element.num_values == 0 || vorn::isSecretName(element.name) || !isWanted(view, element.name))
+        if (element.num_values == 0 || !isWanted(view, element.name) || vorn::isSecretName(element.name))
             continue;
         if (computed && vorn::equalsIgnoreCase(element.name, "memberUid")) continue;
         addStored(object, element);

@@ -15,29 +15,41 @@ flatbuffers::Offset<flatbuffers::String> createText(Builder& builder, const std:
     return builder.CreateString(text.data(), text.size());
 }
 
-// An object as a buffer of its own, aligned within the response.
-flatbuffers::Offset<wire::PackedObject> pack(Builder& builder, Builder& scratch, const Object& object) {
-    scratch.Clear();
-    std::vector<flatbuffers::Offset<wire::Attribute>> attributes;
-    attributes.reserve(object.size());
-    for (const Attribute& attribute : object) {
-        std::vector<flatbuffers::Offset<flatbuffers::String>> values;
-        values.reserve(attribute.values.size());
-        for (const std::string& value : attribute.values) values.push_back(createText(scratch, value));
-        const auto valueList = scratch.CreateVector(values);
-        attributes.push_back(wire::CreateAttribute(scratch, createText(scratch, attribute.name), valueList));
+// Makes buffers of their own of objects, aligned within the response. What it works with
+// is used for one after the other.
+class Packer {
+  public:
+    explicit Packer(Builder& builder) : m_builder(builder) {}
+
+    flatbuffers::Offset<wire::PackedObject> pack(const Object& object) {
+        m_scratch.Clear();
+        m_attributes.clear();
+        for (const Attribute& attribute : object) m_attributes.push_back(pack(attribute));
+        m_scratch.Finish(wire::CreateObject(m_scratch, m_scratch.CreateVector(m_attributes)));
+        m_builder.ForceVectorAlignment(m_scratch.GetSize(), 1, sizeof(flatbuffers::largest_scalar_t));
+        return wire::CreatePackedObject(
+            m_builder, m_builder.CreateVector(m_scratch.GetBufferPointer(), m_scratch.GetSize()));
     }
-    scratch.Finish(wire::CreateObject(scratch, scratch.CreateVector(attributes)));
-    builder.ForceVectorAlignment(scratch.GetSize(), 1, sizeof(flatbuffers::largest_scalar_t));
-    return wire::CreatePackedObject(builder,
-                                    builder.CreateVector(scratch.GetBufferPointer(), scratch.GetSize()));
-}
+
+  private:
+    flatbuffers::Offset<wire::Attribute> pack(const Attribute& attribute) {
+        m_values.clear();
+        for (const std::string& value : attribute.values) m_values.push_back(createText(m_scratch, value));
+        const auto values = m_scratch.CreateVector(m_values);
+        return wire::CreateAttribute(m_scratch, createText(m_scratch, attribute.name), values);
+    }
+
+    Builder& m_builder;
+    Builder m_scratch;
+    std::vector<flatbuffers::Offset<flatbuffers::String>> m_values;
+    std::vector<flatbuffers::Offset<wire::Attribute>> m_attributes;
+};
 
 void finish(Builder& builder, std::uint64_t id, const Answer& answer) {
-    Builder scratch;
+    Packer packer(builder);
     std::vector<flatbuffers::Offset<wire::PackedObject>> objects;
     objects.reserve(answer.objects.size());
-    for (const Object& object : answer.objects) objects.push_back(pack(builder, scratch, object));
+    for (const Object& object : answer.objects) objects.push_back(packer.pack(object));
     std::vector<flatbuffers::Offset<flatbuffers::String>> names;
     names.reserve(answer.names.size());
     for (const std::string& name : answer.names) names.push_back(createText(builder, name));
