@@ -51,8 +51,7 @@ bool makeSalt(vorn::Secret* salt) {
 
 vorn::Secret HashPassword(std::string_view password, const vorn::Secret& salt) {
     vorn::Secret whole(password);
-    whole.resize(password.size() + salt.size());
-    salt.text().copy(whole.data() + password.size(), salt.size());
+    whole.append(salt.text());
 
     berval secret = {whole.size(), whole.data()};
     berval hash = {0, nullptr};

@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "vorn/descriptor.h"
-#include "vorn/secret.h"
 
 namespace vorn {
 namespace {
@@ -22,7 +22,7 @@ OwnFileError failed(const std::string& file) {
 
 }  // namespace
 
-bool readOwnFile(const std::string& file, std::size_t most, std::string& content) {
+bool readOwnFile(const std::string& file, std::size_t most, Secret& content) {
     // Nobody waits for the other end of a pipe.
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (descriptor.get() < 0 && errno == ENOENT) return false;
@@ -32,19 +32,20 @@ bool readOwnFile(const std::string& file, std::size_t most, std::string& content
     if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || (status.st_mode & kOthers) != 0)
         throw OwnFileError(file + ": is not a file of the agent's own with mode 0600");
     if (static_cast<std::size_t>(status.st_size) > most) throw OwnFileError(file + ": is too large");
-    content.assign(static_cast<std::size_t>(status.st_size), '\0');
+    content.clear();
+    content.resize(static_cast<std::size_t>(status.st_size));
     const ssize_t count = ::read(descriptor.get(), content.data(), content.size());
     if (count < 0) throw failed(file);
     content.resize(static_cast<std::size_t>(count));
     return true;
 }
 
-bool readSecretLine(const std::string& file, std::string& line) {
-    std::string content;
-    const bool isThere = readOwnFile(file, kLargestSecret, content);
-    line.assign(content, 0, content.find('\n'));
-    wipe(content);
-    return isThere && !line.empty();
+std::optional<Secret> readSecretLine(const std::string& file) {
+    Secret content;
+    if (!readOwnFile(file, kLargestSecret, content)) return std::nullopt;
+    content.resize(std::min(content.text().find('\n'), content.size()));
+    if (content.empty()) return std::nullopt;
+    return content;
 }
 
 }  // namespace vorn

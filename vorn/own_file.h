@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "vorn/secret.h"
 
 namespace vorn {
 
@@ -16,11 +19,10 @@ class OwnFileError : public std::runtime_error {
 
 // The whole content of a regular file that belongs to this process's user and is closed to
 // everybody else. False for one that is not there; throws OwnFileError for any other
-// that is not as said, or has more than the most bytes. Whoever reads a secret wipes it.
-bool readOwnFile(const std::string& file, std::size_t most, std::string& content);
+// that is not as said, or has more than the most bytes.
+bool readOwnFile(const std::string& file, std::size_t most, Secret& content);
 
-// The first line of such a file, with nothing of the file left in memory beside it.
-// False when there is no file, or nothing in that line.
-bool readSecretLine(const std::string& file, std::string& line);
+// The first line of such a file. Nothing when there is no file, or nothing in that line.
+std::optional<Secret> readSecretLine(const std::string& file);
 
 }  // namespace vorn

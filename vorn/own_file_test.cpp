@@ -19,7 +19,7 @@ class OwnFile : public ::testing::Test {
         return file;
     }
     static std::string refusal(const std::string& file) {
-        std::string content;
+        Secret content;
         try {
             return readOwnFile(file, 100, content) ? "read" : "not there";
         } catch (const OwnFileError& error) {
@@ -30,11 +30,11 @@ class OwnFile : public ::testing::Test {
 };
 
 TEST_F(OwnFile, IsReadWhole) {
-    std::string content;
+    Secret content("of before");
     EXPECT_TRUE(readOwnFile(write(std::string("a\0b\nc", 5)), 5, content));
-    EXPECT_EQ(content, std::string("a\0b\nc", 5));
+    EXPECT_EQ(content.text(), std::string("a\0b\nc", 5));
     EXPECT_TRUE(readOwnFile(write("", 0400), 5, content));
-    EXPECT_EQ(content, "");
+    EXPECT_EQ(content.text(), "");
 }
 
 TEST_F(OwnFile, IsRefusedWhereOthersMayTouchIt) {
@@ -63,15 +63,12 @@ TEST_F(OwnFile, IsRefusedWhenItIsSomebodyElses) {
 }
 
 TEST_F(OwnFile, HoldsASecretInItsFirstLine) {
-    std::string line = "old";
-    EXPECT_TRUE(readSecretLine(write("secret \nmore"), line));
-    EXPECT_EQ(line, "secret ");
-    EXPECT_TRUE(readSecretLine(write("secret"), line));
-    EXPECT_EQ(line, "secret");
-    EXPECT_FALSE(readSecretLine(write("\nmore"), line));
-    EXPECT_FALSE(readSecretLine(write(""), line));
-    EXPECT_FALSE(readSecretLine(m_folder.file("none"), line));
-    EXPECT_THROW(readSecretLine(write("secret", 0644), line), OwnFileError);
+    EXPECT_EQ(readSecretLine(write("secret \nmore")).value().text(), "secret ");
+    EXPECT_EQ(readSecretLine(write("secret")).value().text(), "secret");
+    EXPECT_FALSE(readSecretLine(write("\nmore")));
+    EXPECT_FALSE(readSecretLine(write("")));
+    EXPECT_FALSE(readSecretLine(m_folder.file("none")));
+    EXPECT_THROW(readSecretLine(write("secret", 0644)), OwnFileError);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "vorn/secret.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ostream>
 #include <utility>
@@ -52,11 +53,17 @@ void Secret::resize(std::size_t size) {
     if (size > m_text.capacity()) {
         // By hand: a string that grows by itself leaves a copy behind.
         std::string longer;
-        longer.reserve(size);
+        longer.reserve(std::max(size, 2 * m_text.size()));
         longer.append(m_text);
         take(longer);
     }
     m_text.resize(size);
+}
+
+void Secret::append(std::string_view bytes) {
+    const std::size_t before = size();
+    resize(before + bytes.size());
+    bytes.copy(data() + before, bytes.size());
 }
 
 std::ostream& operator<<(std::ostream& out, const Secret&) {

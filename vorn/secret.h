@@ -47,6 +47,7 @@ class Secret {
     char* data() { return m_text.data(); }
     // Keeps as many of the first bytes; what is new is zero.
     void resize(std::size_t size);
+    void append(std::string_view bytes);
     void clear() { resize(0); }
 
     // In constant time.

@@ -100,6 +100,10 @@ TEST(Secret, KeepsItsBytesAsItGrows) {
     secret.resize(100);
     secret.data()[99] = 'z';
     EXPECT_EQ(secret.text(), "ab" + std::string(97, '\0') + "z");
+    secret.append(kLong);
+    EXPECT_EQ(secret.text(), "ab" + std::string(97, '\0') + "z" + kLong);
+    secret.append("");
+    EXPECT_EQ(secret.size(), 100 + kLong.size());
 }
 
 TEST(Secret, LeavesNothingBehindItsEndWhenItShrinks) {
@@ -136,6 +140,8 @@ TEST_P(SecretInMemory, IsNoMoreThanWhereItIsHeld) {
     third = std::move(second);
     EXPECT_EQ(count(), 1);
     third.resize(1000);
+    EXPECT_EQ(count(), 1);
+    for (int i = 0; i < 1000; ++i) third.append("more");
     EXPECT_EQ(count(), 1);
     third = Secret("another");
     EXPECT_EQ(count(), 0);

@@ -50,9 +50,9 @@ AuthCache::AuthCache(const AuthCacheOptions& options, vorn::Clock clock)
 }
 
 void AuthCache::read() {
-    std::string text;
+    vorn::Secret text;
     vorn::readOwnFile(m_options.file, kLargestFile, text);
-    std::istringstream lines(text);
+    std::istringstream lines(text.text());
     std::string line;
     while (std::getline(lines, line)) {
         std::istringstream words(line);
@@ -65,13 +65,12 @@ void AuthCache::read() {
 }
 
 void AuthCache::write() {
-    std::string text;
+    vorn::Secret text;
     for (const auto& [name, record] : m_records)
-        text += std::to_string(record.time) + " " + std::to_string(record.failures) + " " + record.hash +
-                " " + name + (record.account.empty() ? "" : " " + record.account) + "\n";
-    if (!replaceFile(m_options.file, text))
+        text.append(std::to_string(record.time) + " " + std::to_string(record.failures) + " " + record.hash +
+                    " " + name + (record.account.empty() ? "" : " " + record.account) + "\n");
+    if (!replaceFile(m_options.file, text.text()))
         AGENT_LOG(vorn::Logger::kError, "%s: %s", m_options.file.c_str(), std::strerror(errno));
-    vorn::wipe(text);
 }
 
 bool AuthCache::serves(const Record& record) const {

@@ -6,6 +6,7 @@
 #include <array>
 
 #include "agent/directory/categories.h"
+#include "vorn/escape.h"
 #include "vorn/numbers.h"
 #include "vorn/strings.h"
 
@@ -88,17 +89,12 @@ std::vector<ParseTree*> holdersOf(void* pool, const char* attribute, const std::
 }  // namespace
 
 std::string escapeFilterValue(std::string_view value) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (const char c : value) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte > 0x20 && byte < 0x7f && std::string_view("*()\\").find(c) == std::string_view::npos) {
-            text.push_back(c);
-        } else {
-            text.push_back('\\');
-            text.push_back(kDigits[byte >> 4]);
-            text.push_back(kDigits[byte & 0xf]);
-        }
+        if (c == ' ' || vorn::needsFilterEscape({&c, 1}))
+            text += vorn::EscapedByte(c, vorn::Digits::Lower);
+        else
+            text += c;
     }
     return text;
 }

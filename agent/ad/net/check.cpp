@@ -9,7 +9,6 @@
 #include "agent/directory/identifiers.h"
 #include "vorn/dn.h"
 #include "vorn/own_file.h"
-#include "vorn/secret.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -94,15 +93,12 @@ class Check {
     }
 
     static bool hasPassword(const std::string& file, std::string& reason) {
-        std::string line;
-        bool found = false;
         try {
-            found = vorn::readSecretLine(file, line);
+            return vorn::readSecretLine(file).has_value();
         } catch (const vorn::OwnFileError& error) {
             reason = error.what();
+            return false;
         }
-        vorn::wipe(line);
-        return found;
     }
 
     void tls() {

@@ -5,7 +5,6 @@
 #include "agent/ad/net/long_search.h"
 #include "agent/ad/net/ranges.h"
 #include "vorn/own_file.h"
-#include "vorn/secret.h"
 #include "vorn/signals_blocked.h"
 #include "vorn/strings.h"
 
@@ -21,9 +20,7 @@ std::string keyOf(const Place& place) {
 
 // A password that others may read is refused at once, not at the first request.
 const AdOptions& checked(const AdOptions& options) {
-    std::string password;
-    if (options.transport != Transport::Gssapi) vorn::readSecretLine(options.bindPasswordFile, password);
-    vorn::wipe(password);
+    if (options.transport != Transport::Gssapi) vorn::readSecretLine(options.bindPasswordFile);
     return options;
 }
 

@@ -248,11 +248,10 @@ LdapStatus Link::bindWithTicket(const std::string& domain, const Deadline& deadl
 LdapStatus Link::bind(const std::string& name, const std::string& password, const Deadline& deadline) {
     // A bind with a name and no password succeeds without proving anything.
     if (name.empty() || password.empty()) return {LDAP_INVALID_CREDENTIALS, "no password"};
-    std::string copy = password;
-    berval secret = {copy.size(), copy.data()};
+    // The library only reads it, but its record knows no const.
+    berval secret = {password.size(), const_cast<char*>(password.data())};
     int id = 0;
     int code = ldap_sasl_bind(m_ldap.get(), name.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, &id);
-    vorn::wipe(copy);
     if (code != LDAP_SUCCESS) return failure(code);
     LDAPMessage* answer = nullptr;
     if (LdapStatus status = waitFor(id, deadline, answer); !status.ok()) return status;
@@ -285,17 +284,16 @@ Expected<Accepted, LdapFailure> Link::checkPassword(const std::string& dn, const
 
 LdapStatus Link::showPassword(const Deadline& deadline) {
     const AdOptions& options = m_context.options;
-    std::string password;
+    std::optional<vorn::Secret> password;
     try {
-        if (!vorn::readSecretLine(options.bindPasswordFile, password))
+        password = vorn::readSecretLine(options.bindPasswordFile);
+        if (!password)
             return lost(LDAP_LOCAL_ERROR,
                         "no password in " + options.bindPasswordFile + " (ad.bind.password.file)");
     } catch (const vorn::OwnFileError& error) {
         return lost(LDAP_LOCAL_ERROR, std::string(error.what()) + " (ad.bind.password.file)");
     }
-    LdapStatus status = bind(options.bindName, password, deadline);
-    vorn::wipe(password);
-    return status;
+    return bind(options.bindName, password->text(), deadline);
 }
 
 LdapStatus Link::bindAsService(const Deadline& deadline) {
