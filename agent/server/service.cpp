@@ -1,7 +1,5 @@
 #include "agent/server/service.h"
 
-#include <sys/random.h>
-
 #include <chrono>
 #include <new>
 
@@ -117,29 +115,8 @@ std::string subject(const wire::Request& request) {
 
 }  // namespace
 
-std::uint64_t randomId() {
-    std::uint64_t id = 0;
-    while (id == 0)
-        if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id)) id = 0;
-    return id;
-}
-
 Service::Service(Directory& directory, vorn::Clock clock, IdSource newId, Moment (*moment)())
-    : m_directory(directory), m_clock(clock), m_newId(std::move(newId)), m_moment(moment) {}
-
-void Service::connected(const Client& client) {
-    const std::lock_guard lock(m_mutex);
-    ++m_clients[client].connections;
-}
-
-void Service::disconnected(const Client& client) {
-    const std::lock_guard lock(m_mutex);
-    const auto state = m_clients.find(client);
-    if (state == m_clients.end() || --state->second.connections > 0) return;
-    for (auto search = m_searches.begin(); search != m_searches.end();)
-        search = search->second.client == client ? m_searches.erase(search) : std::next(search);
-    m_clients.erase(state);
-}
+    : m_directory(directory), m_moment(moment), m_searches(clock, std::move(newId)) {}
 
 bool Service::isKnown(const wire::Request& request) {
     const auto kind = static_cast<std::size_t>(request.body_type());
@@ -243,7 +220,7 @@ Answer Service::openSearch(const Client& client, const wire::Request& request) {
     answer.result = m_directory.search(queryOf(request), batch, rest);
     if (!answer.result.ok()) return answer;
     if (rest) {
-        answer.search = keep(client, std::move(rest));
+        answer.search = m_searches.keep(client, std::move(rest));
         if (answer.search == 0) return refused("too many open searches");
     }
     answer.objects = std::move(batch.objects);
@@ -252,18 +229,18 @@ Answer Service::openSearch(const Client& client, const wire::Request& request) {
 }
 
 Answer Service::continueSearch(const Client& client, std::uint64_t id) {
-    std::unique_ptr<Cursor> cursor = take(client, id);
+    std::unique_ptr<Cursor> cursor = m_searches.take(client, id);
     if (!cursor) return {.result = Result::agent(VEX_BROKEN_HANDLE, "no such search is open")};
     Answer answer;
     Batch batch;
     try {
         answer.result = cursor->next(batch);
     } catch (...) {
-        putBack(id, nullptr);
+        m_searches.putBack(id, nullptr);
         throw;
     }
     const bool over = !answer.result.ok() || cursor->atEnd();
-    putBack(id, over ? nullptr : std::move(cursor));
+    m_searches.putBack(id, over ? nullptr : std::move(cursor));
     if (!answer.result.ok()) return answer;
     answer.search = over ? 0 : id;
     answer.objects = std::move(batch.objects);
@@ -342,72 +319,13 @@ Answer Service::health() {
     return answer;
 }
 
-std::uint64_t Service::keep(const Client& client, std::unique_ptr<Cursor> cursor) {
-    const std::lock_guard lock(m_mutex);
-    const auto state = m_clients.find(client);
-    // A client that has gone meanwhile will not ask for the rest.
-    if (state == m_clients.end() || state->second.searches >= wire::kMaxSearchesPerClient) return 0;
-    std::uint64_t id = m_newId();
-    while (id == 0 || m_searches.contains(id)) id = m_newId();
-    m_searches.emplace(id, OpenSearch{client, std::move(cursor), m_clock()});
-    ++state->second.searches;
-    return id;
-}
-
-std::unique_ptr<Cursor> Service::take(const Client& client, std::uint64_t id) {
-    const std::lock_guard lock(m_mutex);
-    const auto search = m_searches.find(id);
-    if (search == m_searches.end() || search->second.client != client) return nullptr;
-    search->second.lastUsed = m_clock();
-    return std::move(search->second.cursor);
-}
-
-void Service::putBack(std::uint64_t id, std::unique_ptr<Cursor> cursor) {
-    const std::lock_guard lock(m_mutex);
-    const auto search = m_searches.find(id);
-    if (search == m_searches.end()) return;  // closed meanwhile
-    if (!cursor) return erase(search);
-    search->second.cursor = std::move(cursor);
-    search->second.lastUsed = m_clock();
-}
-
-void Service::closeSearch(const Client& client, std::uint64_t id) {
-    const std::lock_guard lock(m_mutex);
-    const auto search = m_searches.find(id);
-    if (search != m_searches.end() && search->second.client == client) erase(search);
-}
-
-// m_mutex is held.
-void Service::erase(std::map<std::uint64_t, OpenSearch>::iterator search) {
-    const auto state = m_clients.find(search->second.client);
-    if (state != m_clients.end()) --state->second.searches;
-    m_searches.erase(search);
-}
-
-void Service::expireSearches() {
-    const std::lock_guard lock(m_mutex);
-    const std::time_t now = m_clock();
-    for (auto search = m_searches.begin(); search != m_searches.end();) {
-        const auto next = std::next(search);
-        const bool idle = search->second.cursor && now - search->second.lastUsed > wire::kSearchIdleSeconds;
-        if (idle) erase(search);
-        search = next;
-    }
-}
-
-std::size_t Service::openSearches() const {
-    const std::lock_guard lock(m_mutex);
-    return m_searches.size();
-}
-
 std::string Service::statistics() const {
     std::string line = "requests served:";
     for (std::size_t kind = 1; kind < kKinds; ++kind)
         line += std::string(" ") + kKindNames[kind] + " " + std::to_string(m_served[kind].load()) + ",";
     line += " failed " + std::to_string(m_failed.load());
-    const std::lock_guard lock(m_mutex);
-    return line + "; open searches: " + std::to_string(m_searches.size()) +
-           "; client processes: " + std::to_string(m_clients.size());
+    return line + "; open searches: " + std::to_string(m_searches.count()) +
+           "; client processes: " + std::to_string(m_searches.clients());
 }
 
 // A record for which there is no memory is lost; the answer is not.

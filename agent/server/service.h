@@ -5,40 +5,24 @@
 // Safe for several threads.
 #pragma once
 
-#include <sys/types.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <compare>
 #include <cstdint>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "agent/directory/directory.h"
 #include "agent/server/frames.h"
+#include "agent/server/open_searches.h"
 #include "agent/server/pool.h"
 #include "vorn/clock.h"
 
 namespace vexagent {
 
-// A client process.
-struct Client {
-    pid_t pid = 0;
-    uid_t uid = 0;
-    auto operator<=>(const Client&) const = default;  // NOLINT(modernize-use-nullptr): a false alarm
-};
-
-// A random number that is not 0: a search's name, which a client cannot guess.
-std::uint64_t randomId();
-
 class Service {
   public:
-    using IdSource = std::function<std::uint64_t()>;
+    using IdSource = OpenSearches::IdSource;
 
     using Moment = std::chrono::steady_clock::time_point;
 
@@ -48,8 +32,8 @@ class Service {
 
     // A connection of the process was accepted or has ended. With the last one its
     // searches end.
-    void connected(const Client& client);
-    void disconnected(const Client& client);
+    void connected(const Client& client) { m_searches.connected(client); }
+    void disconnected(const Client& client) { m_searches.disconnected(client); }
 
     // Whether a request is worked on at once or behind others like it.
     Lane lane(const vex::wire::Request& request) const;
@@ -63,27 +47,17 @@ class Service {
     static bool isKnown(const vex::wire::Request& request);
 
     // Ends a search that the client will not learn of, or ask for again.
-    void closeSearch(const Client& client, std::uint64_t id);
+    void closeSearch(const Client& client, std::uint64_t id) { m_searches.close(client, id); }
 
     // Ends the searches that nobody has asked for in a long time.
-    void expireSearches();
+    void expireSearches() { m_searches.expire(); }
 
-    std::size_t openSearches() const;
+    std::size_t openSearches() const { return m_searches.count(); }
 
     // One line: requests served by kind, failures, open searches, clients.
     std::string statistics() const;
 
   private:
-    struct OpenSearch {
-        Client client;
-        std::unique_ptr<Cursor> cursor;  // null while a thread works on it
-        std::time_t lastUsed = 0;
-    };
-    struct ClientState {
-        int connections = 0;
-        int searches = 0;
-    };
-
     using Guids = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
 
     bool isQuick(const vex::wire::SearchOpen& search) const;
@@ -99,23 +73,14 @@ class Service {
     Answer listNames();
     Answer health();
 
-    std::uint64_t keep(const Client& client, std::unique_ptr<Cursor> cursor);
-    std::unique_ptr<Cursor> take(const Client& client, std::uint64_t id);
-    void putBack(std::uint64_t id, std::unique_ptr<Cursor> cursor);
-    void erase(std::map<std::uint64_t, OpenSearch>::iterator search);
     void logRequest(const Client& client, const vex::wire::Request& request, const Answer& answer,
                     long micros) noexcept;
 
     static constexpr std::size_t kKinds = 9;
 
     Directory& m_directory;
-    const vorn::Clock m_clock;
-    const IdSource m_newId;
     Moment (*const m_moment)();
-
-    mutable std::mutex m_mutex;
-    std::map<std::uint64_t, OpenSearch> m_searches;  // guarded by m_mutex
-    std::map<Client, ClientState> m_clients;         // guarded by m_mutex
+    OpenSearches m_searches;
 
     std::array<std::atomic<std::uint64_t>, kKinds> m_served{};
     std::atomic<std::uint64_t> m_failed{0};
