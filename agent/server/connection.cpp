@@ -90,7 +90,7 @@ void Connection::drop() {
 // A deadline that moves on, as it does with every request, costs nothing: the timer
 // finds out when it is due.
 void Connection::setDeadline(std::chrono::milliseconds time) {
-    m_deadline = std::chrono::steady_clock::now() + time;
+    m_deadline = m_shared.clock.now() + time;
     if (!m_armed || m_deadline < m_timer.expiry()) armTimer();
 }
 
@@ -100,8 +100,8 @@ void Connection::armTimer() {
     m_timer.async_wait([self = shared_from_this()](const error_code& error) {
         if (error || self->m_state == State::Closed) return;  // another wait has taken its place
         self->m_armed = false;
-        if (self->m_deadline <= std::chrono::steady_clock::now()) return self->drop();
-        if (self->m_deadline != Moment::max()) self->attempt([&] { self->armTimer(); });
+        if (self->m_deadline <= self->m_shared.clock.now()) return self->drop();
+        if (self->m_deadline != vorn::Moment::max()) self->attempt([&] { self->armTimer(); });
     });
 }
 
@@ -145,7 +145,7 @@ void Connection::onReadable() {
 }
 
 void Connection::process() {
-    m_deadline = Moment::max();
+    m_deadline = vorn::Moment::max();
     m_read = readRequest(m_request.bytes());
     if (m_read == nullptr) {
         AGENT_LOG(vorn::Logger::kWarning, "refused a malformed request of pid %d uid %u",

@@ -20,6 +20,7 @@
 #include "agent/server/incoming_frame.h"
 #include "agent/server/pool.h"
 #include "agent/server/service.h"
+#include "vorn/clock.h"
 
 namespace vexagent {
 
@@ -33,6 +34,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
         boost::asio::io_context& io;
         Service& service;
         WorkerPool& pool;
+        const vorn::SteadyClock& clock;     // the system's, as the timers have it
         std::chrono::milliseconds timeout;  // for a frame to arrive, or to be taken
         std::chrono::milliseconds idle;     // between two requests
         Closed closed;                      // told once
@@ -49,13 +51,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // work.
     void drop();
 
-    using Moment = std::chrono::steady_clock::time_point;
-
     const Client& client() const { return m_client; }
     // Whether a worker has its request.
     bool isAtWork() const { return m_state == State::AtWork; }
     // Until when its client is waited for.
-    Moment deadline() const { return m_deadline; }
+    vorn::Moment deadline() const { return m_deadline; }
 
   private:
     enum class State {
@@ -84,8 +84,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     Socket m_socket;
     boost::asio::steady_timer m_timer;
-    HandlerRoom m_workedRoom;           // for the way back from a worker
-    Moment m_deadline = Moment::max();  // of what is waited for; the timer may be due earlier
+    HandlerRoom m_workedRoom;                       // for the way back from a worker
+    vorn::Moment m_deadline = vorn::Moment::max();  // of what is waited for; the timer may be due earlier
     bool m_armed = false;
     const Client m_client;
     const Shared& m_shared;

@@ -29,9 +29,13 @@ bool peerOf(int descriptor, Client& client) {
 }  // namespace
 
 Server::Server(boost::asio::io_context& io, Service& service, WorkerPool& pool, const ServerOptions& options)
-    : m_shared{io,           service,
-               pool,         options.timeout,
-               options.idle, [this](const std::shared_ptr<Connection>& connection) { onClosed(connection); }},
+    : m_shared{io,
+               service,
+               pool,
+               vorn::systemSteadyClock(),
+               options.timeout,
+               options.idle,
+               [this](const std::shared_ptr<Connection>& connection) { onClosed(connection); }},
       m_shares(options.maxClients),
       m_acceptor(io),
       m_acceptTimer(io),

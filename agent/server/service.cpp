@@ -115,8 +115,8 @@ std::string subject(const wire::Request& request) {
 
 }  // namespace
 
-Service::Service(Directory& directory, vorn::Clock clock, IdSource newId, Moment (*moment)())
-    : m_directory(directory), m_moment(moment), m_searches(clock, std::move(newId)) {}
+Service::Service(Directory& directory, vorn::Clock clock, IdSource newId, const vorn::SteadyClock& moments)
+    : m_directory(directory), m_moments(moments), m_searches(clock, std::move(newId)) {}
 
 bool Service::isKnown(const wire::Request& request) {
     const auto kind = static_cast<std::size_t>(request.body_type());
@@ -144,12 +144,12 @@ Lane Service::lane(const wire::Request& request) const {
 }
 
 std::optional<Bytes> Service::handle(const Client& client, const wire::Request& request) {
-    const auto start = m_moment();
+    const auto start = m_moments.now();
     Answer answer = answerTo(client, request);
     const auto kind = static_cast<std::size_t>(request.body_type());
     m_served[kind < kKinds ? kind : 0].fetch_add(1, std::memory_order_relaxed);
     if (!answer.result.ok()) m_failed.fetch_add(1, std::memory_order_relaxed);
-    const auto time = m_moment() - start;
+    const auto time = m_moments.now() - start;
     logRequest(client, request, answer, std::chrono::duration_cast<std::chrono::microseconds>(time).count());
     if (request.body_type() == Body::SearchClose) return std::nullopt;
     return frameOf(client, request.id(), std::move(answer));
@@ -263,14 +263,14 @@ Answer Service::fetch(const wire::Request& request) {
 Answer Service::lookup(const wire::Request& request) {
     const wire::Lookup& wanted = *request.body_as_Lookup();
     const View view = viewOf(request, nullptr);
-    const auto begin = m_moment();
+    const auto begin = m_moments.now();
     Answer answer;
     Object object;
     answer.result = m_directory.lookup(text(wanted.guid()), view, object);
     if (!answer.result.ok()) return answer;
     answer.objects.push_back(std::move(object));
     answer.total = 1;
-    if (wanted.more() != nullptr && m_moment() - begin < kQuick)
+    if (wanted.more() != nullptr && m_moments.now() - begin < kQuick)
         lookUpAhead(*wanted.more(), view, answer.objects);
     return answer;
 }
@@ -280,14 +280,14 @@ Answer Service::lookup(const wire::Request& request) {
 void Service::lookUpAhead(const Guids& guids, const View& view, std::vector<Object>& objects) {
     std::vector<std::string> texts;
     for (const flatbuffers::String* guid : guids) texts.push_back(text(guid));
-    std::optional<Moment> end;  // counts from the first: one question may have found them all
+    std::optional<vorn::Moment> end;  // counts from the first: one question may have found them all
     std::size_t bytes = sizeOf(objects.front());
     m_directory.lookupAhead(texts, view, [&](Object&& object) {
         bytes += sizeOf(object);
         if (bytes > wire::kBatchBytes) return false;
         objects.push_back(std::move(object));
-        if (!end) end = m_moment() + kMostTimeAhead;
-        return m_moment() < *end;
+        if (!end) end = m_moments.now() + kMostTimeAhead;
+        return m_moments.now() < *end;
     });
 }
 

@@ -24,11 +24,9 @@ class Service {
   public:
     using IdSource = OpenSearches::IdSource;
 
-    using Moment = std::chrono::steady_clock::time_point;
-
-    // The directory outlives the service.
+    // The directory and the clock of moments outlive the service.
     Service(Directory& directory, vorn::Clock clock, IdSource newId = randomId,
-            Moment (*moment)() = std::chrono::steady_clock::now);
+            const vorn::SteadyClock& moments = vorn::systemSteadyClock());
 
     // A connection of the process was accepted or has ended. With the last one its
     // searches end.
@@ -79,7 +77,7 @@ class Service {
     static constexpr std::size_t kKinds = 9;
 
     Directory& m_directory;
-    Moment (*const m_moment)();
+    const vorn::SteadyClock& m_moments;
     OpenSearches m_searches;
 
     std::array<std::atomic<std::uint64_t>, kKinds> m_served{};

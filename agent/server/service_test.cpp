@@ -8,6 +8,7 @@
 #include "agent/directory/fake_directory_testing.h"
 #include "agent/directory/log_testing.h"
 #include "agent/server/frames_testing.h"
+#include "vorn/clock_testing.h"
 
 namespace vexagent {
 namespace {
@@ -16,8 +17,6 @@ std::time_t serviceNow = 1000;
 std::time_t serviceClock() {
     return serviceNow;
 }
-
-std::chrono::steady_clock::time_point serviceMoment;
 
 class ServiceTest : public ::testing::Test {
   protected:
@@ -45,7 +44,8 @@ class ServiceTest : public ::testing::Test {
     const Client m_ben{11, 1};
     FakeDirectory m_directory;
     std::uint64_t m_nextId = 1;
-    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }, [] { return serviceMoment; }};
+    vorn::test::ManualClock m_moments;
+    Service m_service{m_directory, serviceClock, [this] { return m_nextId++; }, m_moments};
 };
 
 TEST_F(ServiceTest, ASearchGoesOnUntilItsLastBatch) {
@@ -137,7 +137,7 @@ TEST_F(ServiceTest, TheSupportedAttributesAreListed) {
 
 TEST_F(ServiceTest, EachRequestHasALineInTheLog) {
     using ::testing::HasSubstr;
-    m_directory.onLookup = [] { serviceMoment += std::chrono::microseconds(1234); };
+    m_directory.onLookup = [this] { m_moments.advance(std::chrono::microseconds(1234)); };
     EXPECT_THAT(logged(m_ann, lookupFrame(1, "there", {})),
                 HasSubstr("lookup \"there\" from pid 10 uid 1: code 0, 1 objects, 1234 us\n"));
     EXPECT_THAT(logged(m_ann, searchFrame(1, "2")),
@@ -341,17 +341,17 @@ TEST_F(ServiceTest, WhatALookUpBringsFitsIntoABatch) {
 }
 
 TEST_F(ServiceTest, ALookUpWaitsForNoSlowOneAhead) {
-    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(40); };
+    m_directory.onLookup = [this] { m_moments.advance(std::chrono::milliseconds(40)); };
     EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {100, "there"})).dns.size(), 5u) << "100 ms after the first";
-    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(999); };
+    m_directory.onLookup = [this] { m_moments.advance(std::chrono::milliseconds(999)); };
     EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {100, "there"})).dns.size(), 3u);
 }
 
 TEST_F(ServiceTest, AfterASlowLookUpNoneIsMadeAhead) {
-    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(1000); };
+    m_directory.onLookup = [this] { m_moments.advance(std::chrono::milliseconds(1000)); };
     EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {"there"})).dns.size(), 1u);
     EXPECT_EQ(m_directory.fetches, 1);
-    m_directory.onLookup = [] { serviceMoment += std::chrono::milliseconds(999); };
+    m_directory.onLookup = [this] { m_moments.advance(std::chrono::milliseconds(999)); };
     EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {"there"})).dns.size(), 2u);
 }
 
