@@ -5,7 +5,7 @@
 #include <optional>
 #include <sstream>
 
-#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/peer.h"
 #include "vorn/dn.h"
 #include "vorn/numbers.h"
 #include "vorn/settings.h"
@@ -94,7 +94,7 @@ Transport transport(const Reader& reader) {
 std::vector<std::string> servers(const Reader& reader) {
     std::vector<std::string> list = words(reader.text(vorn::SETTING_AD_SERVERS));
     for (const std::string& server : list)
-        if (Peer peer; !parsePeer(server, 1, peer))
+        if (!parsePeer(server, 1))
             reader.fail(vorn::SETTING_AD_SERVERS, "names \"" + server + "\", which is no host or host:port");
     return list;
 }

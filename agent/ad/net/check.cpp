@@ -6,6 +6,10 @@
 
 #include "agent/ad/ids.h"
 #include "agent/ad/net/domain.h"
+#include "agent/ad/net/krb_profile.h"
+#include "agent/ad/net/ldap_connector.h"
+#include "agent/ad/net/principals.h"
+#include "agent/ad/net/tls.h"
 #include "agent/directory/identifiers.h"
 #include "vorn/dn.h"
 #include "vorn/own_file.h"
@@ -30,12 +34,15 @@ class Check {
     Check(const AdOptions& options, std::string& report)
         : m_options(options),
           m_report(report),
+          m_watchdog(vorn::systemSteadyClock()),
           m_tickets(options.transport != Transport::Gssapi
                         ? nullptr
                         : std::make_unique<Tickets>(
                               m_options, [this](const std::string&) { return &m_domain.controllers(); })),
-          m_context{m_options, m_watchdog, m_tickets.get()},
-          m_domain(m_context, options.domain, Domain::Kind::Domain) {}
+          m_connector(m_options, m_watchdog, vorn::systemSteadyClock(), m_tickets.get()),
+          m_pages(vorn::systemSteadyClock()),
+          m_context{m_options, m_connector, vorn::systemSteadyClock(), m_pages, [] { return 0.5; }},
+          m_domain(m_context, {options.domain}) {}
 
     bool run(const std::string& zone) {
         if (m_options.transport == Transport::Gssapi)
@@ -51,6 +58,7 @@ class Check {
     }
 
   private:
+    Deadline soon() const { return m_context.within(kTime); }
     void ok(const std::string& text) { m_report += "ok: " + text + "\n"; }
     void wrong(const std::string& text, const std::string& action) {
         m_good = false;
@@ -58,14 +66,14 @@ class Check {
     }
 
     void keytab() {
-        KdcConversation nobody([](const std::string&) { return nullptr; }, within(kTime));
+        KdcConversation nobody([](const std::string&) { return nullptr; }, soon());
         const Kerberos kerberos(m_options.domain, nobody);
-        const KrbKeytab keytab(kerberos, m_options.keytab);
-        const std::string join =
-            "join the domain (adcli join, or realm join), or set ad.keytab to the keytab "
-            "that was made then; the agent's user must be able to read it";
-        if (!keytab.status().ok()) return wrong(keytab.status().text, join);
-        const KrbPrincipal name(kerberos.get(), machineName(kerberos, keytab, m_options));
+        const auto keytab = KrbKeytab::open(kerberos, m_options.keytab);
+        if (!keytab)
+            return wrong(keytab.error().text,
+                         "join the domain (adcli join, or realm join), or set ad.keytab to the keytab "
+                         "that was made then; the agent's user must be able to read it");
+        const KrbPrincipal name = machineName(kerberos, *keytab, m_options);
         if (name.get() == nullptr)
             return wrong("keytab " + m_options.keytab + " holds no name of the form HOST$@" +
                              realmOf(m_options.domain),
@@ -108,12 +116,11 @@ class Check {
     }
 
     bool controllers() {
-        std::string reason;
-        m_domain.locate(reason);
-        const std::vector<Controllers::Choice> found = m_domain.controllers().order(now());
+        const auto located = m_domain.locator().locate();
+        const std::vector<Controllers::Choice> found = m_domain.controllers().order(m_context.clock.now());
         if (found.empty()) {
             wrong(
-                "no controllers of " + m_options.domain + " are found: " + reason,
+                "no controllers of " + m_options.domain + " are found: " + (located ? "" : located.error()),
                 "let /etc/resolv.conf name the domain's DNS servers, or list the controllers in ad.servers");
             return false;
         }
@@ -125,23 +132,30 @@ class Check {
     }
 
     bool checkController(const Peer& peer) {
-        const Deadline deadline = within(kTime);
         const std::string name = "controller " + peer.host + " port " + std::to_string(peer.port);
-        std::unique_ptr<Link> link;
-        std::vector<Entry> entries;
-        LdapStatus status = Link::openAnonymous(m_context, peer, deadline, link);
-        if (status.ok())
-            status = link->search({"", LDAP_SCOPE_BASE, "(objectClass=*)", {"currentTime"}}, deadline,
-                                  [&](Entry&& entry) { entries.push_back(std::move(entry)); });
-        if (!status.ok()) {
-            wrong(name + " does not answer: " + status.text,
+        const auto time = timeAt(peer);
+        if (!time) {
+            wrong(name + " does not answer: " + time.error().text,
                   "see that it runs and that no firewall is between; with TLS, see that ad.tls.ca holds the "
                   "authority of its certificate, and that the certificate holds its name");
             return false;
         }
         ok(name + " answers");
-        clock(name, entries.empty() ? 0 : timeOf(entries[0].first("currentTime")));
+        clock(name, *time);
         return true;
+    }
+
+    // By a controller's own clock; 0 for one that does not tell.
+    Linked<std::time_t> timeAt(const Peer& peer) {
+        const Deadline deadline = soon();
+        const auto link = m_connector.openAnonymous(peer, deadline);
+        if (!link) return vorn::unexpected(link.error());
+        std::time_t time = 0;
+        const auto read = LinkReader(**link, m_pages, deadline)
+                              .search({"", LDAP_SCOPE_BASE, "(objectClass=*)", {"currentTime"}},
+                                      [&](Entry&& entry) { time = timeOf(entry.first("currentTime")); });
+        if (!read) return vorn::unexpected(read.error());
+        return time;
     }
 
     void clock(const std::string& name, std::time_t time) {
@@ -157,14 +171,14 @@ class Check {
     }
 
     bool letIn() {
-        const Deadline deadline = within(kTime);
-        const LdapStatus status =
-            m_domain.run(deadline, [&](Domain::Lease& lease) { return lease->probe(deadline); });
-        if (status.ok()) {
+        const Deadline deadline = soon();
+        const auto in = m_domain.run(
+            deadline, [&](Domain::Lease& lease) { return LinkReader(*lease, m_pages, deadline).probe(); });
+        if (in) {
             ok("the domain lets the agent in");
             return true;
         }
-        wrong("the domain does not let the agent in: " + status.text,
+        wrong("the domain does not let the agent in: " + in.error().text,
               m_options.transport == Transport::Gssapi
                   ? "join the domain again if the machine's password has changed; name controllers by "
                     "their DNS names, not by address; see that the clocks agree"
@@ -173,14 +187,14 @@ class Check {
     }
 
     void domain() {
-        std::shared_ptr<const DomainInfo> info;
-        const LdapStatus status = m_domain.info(within(kTime), info);
-        if (!status.ok() || info->sid.empty())
+        const auto known = m_domain.info(soon());
+        if (!known || (*known)->sid.empty())
             return wrong("the controllers do not hold " + vorn::DN::dnFromDomain(m_options.domain),
                          "compare domain.name with the domain that the host has joined");
-        ok("domain " + info->root + ", short name " + info->netbios + ", " + sidText(info->sid));
+        const DomainInfo& info = **known;
+        ok("domain " + info.root + ", short name " + info.netbios + ", " + sidText(info.sid));
         if (!m_options.ids.fromSid) return;
-        const Ids ids(m_options.ids, info->sid);
+        const Ids ids(m_options.ids, info.sid);
         if (ids.first())
             ok("ids made from SIDs begin at " + std::to_string(*ids.first()));
         else
@@ -189,11 +203,14 @@ class Check {
     }
 
     void checkZone(const std::string& zone) {
-        std::vector<Entry> entries;
-        const LdapStatus status =
-            m_domain.search({zone, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}}, within(kTime), entries);
-        if (status.ok() && !entries.empty()) return ok("zone " + zone + " is there");
-        wrong("zone " + zone + " cannot be read: " + status.text,
+        bool there = false;
+        const Deadline deadline = soon();
+        const auto read = m_domain.run(deadline, [&](Domain::Lease& lease) {
+            return LinkReader(*lease, m_pages, deadline)
+                .search({zone, LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}}, [&](Entry&&) { there = true; });
+        });
+        if (read && there) return ok("zone " + zone + " is there");
+        wrong("zone " + zone + " cannot be read: " + (read ? "" : read.error().text),
               "set zone.dn to the DN of the zone, and let the machine's account read it");
     }
 
@@ -201,7 +218,9 @@ class Check {
     std::string& m_report;
     Watchdog m_watchdog;
     const std::unique_ptr<Tickets> m_tickets;
-    const LinkContext m_context;
+    LdapConnector m_connector;
+    PageRule m_pages;
+    const NetContext m_context;
     Domain m_domain;
     bool m_good = true;
 };

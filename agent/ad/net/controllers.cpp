@@ -1,6 +1,7 @@
 #include "agent/ad/net/controllers.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace vexagent {
 
@@ -90,14 +91,12 @@ bool Controllers::hasAnsweredSince(const Peer& peer, Moment when) const {
     return state != nullptr && state->answered >= when;
 }
 
-bool Controllers::dueAgain(Moment now, Peer& peer) const {
+std::optional<Peer> Controllers::dueAgain(Moment now) const {
     const std::lock_guard lock(m_mutex);
     for (const State& state : m_states) {
-        if (state.failures == 0 || now < state.retry) continue;
-        peer = state.controller.peer;
-        return true;
+        if (state.failures > 0 && now >= state.retry) return state.controller.peer;
     }
-    return false;
+    return std::nullopt;
 }
 
 bool Controllers::allDown(Moment now) const {

@@ -17,10 +17,13 @@
 #include <string>
 #include <vector>
 
-#include "agent/ad/net/deadline.h"
-#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/peer.h"
+#include "vorn/clock.h"
 
 namespace vexagent {
+
+using std::chrono::milliseconds;
+using vorn::Moment;
 
 struct Controller {
     Peer peer;
@@ -58,8 +61,8 @@ class Controllers {
     void answered(const Peer& peer, Moment when);
     bool hasAnsweredSince(const Peer& peer, Moment when) const;
 
-    // Whether one that has failed is due again, and which.
-    bool dueAgain(Moment now, Peer& peer) const;
+    // One that has failed and is due again.
+    std::optional<Peer> dueAgain(Moment now) const;
 
     // Whether none is due: there is no point in waiting for one.
     bool allDown(Moment now) const;

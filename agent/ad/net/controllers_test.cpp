@@ -101,27 +101,24 @@ TEST_F(ControllersTest, OneThatFailedIsLastUntilItIsDue) {
 
 TEST_F(ControllersTest, TheDelayDoublesUpToItsLimitAndIsDrawn) {
     m_controllers.set({{kOne, 0}});
-    Peer peer;
     const int seconds[] = {1, 2, 4, 8, 16, 32, 64, 120, 120};
     for (const int delay : seconds) {
         m_controllers.failed(kOne, m_now, "refused");
         m_now += std::chrono::seconds(delay) - milliseconds(1);
-        EXPECT_FALSE(m_controllers.dueAgain(m_now, peer)) << delay;
+        EXPECT_FALSE(m_controllers.dueAgain(m_now)) << delay;
         m_now += milliseconds(1);
-        EXPECT_TRUE(m_controllers.dueAgain(m_now, peer)) << delay;
+        EXPECT_TRUE(m_controllers.dueAgain(m_now)) << delay;
     }
     m_random = 0;  // half of it
     m_controllers.failed(kOne, m_now, "refused");
-    EXPECT_FALSE(m_controllers.dueAgain(m_now + std::chrono::seconds(60) - milliseconds(1), peer));
-    EXPECT_TRUE(m_controllers.dueAgain(m_now + std::chrono::seconds(60), peer));
+    EXPECT_FALSE(m_controllers.dueAgain(m_now + std::chrono::seconds(60) - milliseconds(1)));
+    EXPECT_TRUE(m_controllers.dueAgain(m_now + std::chrono::seconds(60)));
 }
 
 TEST_F(ControllersTest, RequestsThatFailTogetherCountOnce) {
     m_controllers.set({{kOne, 0}});
     for (int i = 0; i < 10; ++i) m_controllers.failed(kOne, m_now, "refused");
-    Peer peer;
-    EXPECT_TRUE(m_controllers.dueAgain(m_now + milliseconds(1000), peer));
-    EXPECT_EQ(peer, kOne);
+    EXPECT_EQ(m_controllers.dueAgain(m_now + milliseconds(1000)), kOne);
 }
 
 TEST_F(ControllersTest, ABetterClassIsUsedAgainWhenItAnswersAgain) {

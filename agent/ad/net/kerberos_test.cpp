@@ -4,11 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/ad/net/krb_profile.h"
+
 namespace vexagent {
 namespace {
 
 const Deadline& soon() {
-    static const Deadline deadline = within(milliseconds(60'000));
+    static const Deadline deadline(vorn::systemSteadyClock(), milliseconds(60'000));
     return deadline;
 }
 
@@ -42,53 +44,19 @@ TEST(Kerberos, ItsSettingsAreTheAgentsOwn) {
 TEST(Kerberos, AStatusSaysWhatTheLibrarySays) {
     KdcConversation nobody([](const std::string&) { return nullptr; }, soon());
     const Kerberos kerberos("example.com", nobody);
-    EXPECT_TRUE(kerberos.status(0).ok());
-    EXPECT_EQ(kerberos.status(KRB5KRB_AP_ERR_SKEW).code, KRB5KRB_AP_ERR_SKEW);
-    EXPECT_EQ(kerberos.status(KRB5KRB_AP_ERR_SKEW).text, "Clock skew too great");
+    EXPECT_TRUE(kerberos.outcome(0));
+    const auto skewed = kerberos.outcome(KRB5KRB_AP_ERR_SKEW);
+    ASSERT_FALSE(skewed);
+    EXPECT_EQ(skewed.error().code, KRB5KRB_AP_ERR_SKEW);
+    EXPECT_EQ(skewed.error().text, "Clock skew too great");
 }
 
 TEST(Kerberos, AKeytabThatIsNotThereIsNamed) {
     KdcConversation nobody([](const std::string&) { return nullptr; }, soon());
     const Kerberos kerberos("example.com", nobody);
-    const KrbKeytab keytab(kerberos, "/no/such/keytab");
-    EXPECT_FALSE(keytab.status().ok());
-    EXPECT_EQ(keytab.status().text.rfind("keytab /no/such/keytab: ", 0), 0u) << keytab.status().text;
-    EXPECT_EQ(keytab.find([](krb5_const_principal) { return true; }), nullptr);
-}
-
-class KdcConversationTest : public ::testing::Test {
-  protected:
-    KrbStatus ask(KdcConversation& kdc, const std::string& realm) {
-        std::string reply;
-        return kdc.exchange(realm, "message", true, reply);
-    }
-    Controllers m_controllers{[] { return 0.0; }};
-};
-
-TEST_F(KdcConversationTest, ARealmThatIsNotKnownIsAskedForNothing) {
-    KdcConversation kdc([](const std::string&) { return nullptr; }, soon());
-    const KrbStatus status = ask(kdc, "OTHER.TEST");
-    EXPECT_EQ(status.code, KRB5_REALM_UNKNOWN);
-    EXPECT_EQ(status.text, "no controllers of the realm OTHER.TEST");
-    EXPECT_EQ(kdc.answered().host, "");
-}
-
-TEST_F(KdcConversationTest, WithoutControllersThereIsNobodyToAsk) {
-    KdcConversation kdc([this](const std::string&) { return &m_controllers; }, soon());
-    const KrbStatus status = ask(kdc, "EXAMPLE.COM");
-    EXPECT_EQ(status.code, KRB5_KDC_UNREACH);
-    EXPECT_EQ(status.text, "no controller of the realm EXAMPLE.COM is known");
-    EXPECT_FALSE(status.barred);
-}
-
-TEST_F(KdcConversationTest, WhereAllRefuseTheAgentsKeyNobodyIsAsked) {
-    m_controllers.set({{{"127.0.0.1", 389}, 0}});
-    KdcConversation kdc([this](const std::string&) { return &m_controllers; }, soon());
-    kdc.askOnly([](const Peer&) { return false; });
-    const KrbStatus status = ask(kdc, "EXAMPLE.COM");
-    EXPECT_TRUE(status.barred);
-    EXPECT_EQ(status.text, "the domain refuses the machine's key; it is tried again later");
-    EXPECT_FALSE(m_controllers.allDown(now()));
+    const auto keytab = KrbKeytab::open(kerberos, "/no/such/keytab");
+    ASSERT_FALSE(keytab);
+    EXPECT_TRUE(keytab.error().text.starts_with("keytab /no/such/keytab: ")) << keytab.error().text;
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #include "agent/ad/net/ldap_network.h"
 
-#include <algorithm>
+#include <random>
 
-#include "agent/ad/net/long_search.h"
-#include "agent/ad/net/ranges.h"
+#include "agent/ad/net/password_check.h"
+#include "agent/ad/net/searching.h"
 #include "vorn/own_file.h"
-#include "vorn/signals_blocked.h"
 #include "vorn/strings.h"
 
 namespace vexagent {
@@ -24,35 +23,29 @@ const AdOptions& checked(const AdOptions& options) {
     return options;
 }
 
-Domain::Kind kindOf(const Place& place) {
-    return place.kind == Place::Kind::Catalog ? Domain::Kind::Catalog : Domain::Kind::Domain;
+double randomFraction() {
+    thread_local std::mt19937 generator{std::random_device{}()};
+    return std::uniform_real_distribution<double>(0, 1)(generator);
 }
 
 }  // namespace
 
 // -------------------------------------------------------------------- domains
 
-LdapNetwork::LdapNetwork(const AdOptions& options)
+LdapNetwork::LdapNetwork(const AdOptions& options, const vorn::SteadyClock& clock)
     : m_options(checked(options)),
+      m_watchdog(clock),
       m_tickets(options.transport != Transport::Gssapi
                     ? nullptr
                     : std::make_unique<Tickets>(
                           m_options, [this](const std::string& realm) { return controllersOf(realm); })),
-      m_context{m_options, m_watchdog, m_tickets.get()} {
+      m_connector(m_options, m_watchdog, clock, m_tickets.get()),
+      m_pages(clock),
+      m_context{m_options, m_connector, clock, m_pages, randomFraction} {
     Domain& joined = at({m_options.domain});
     // A list of servers needs nobody to look for them.
-    if (!m_options.servers.empty()) joined.locate();
-    const vorn::SignalsBlocked blocked;
-    m_house = std::thread([this] { keepHouse(); });
-}
-
-LdapNetwork::~LdapNetwork() {
-    {
-        const std::lock_guard lock(m_houseMutex);
-        m_stopping = true;
-    }
-    m_wakeHouse.notify_one();
-    m_house.join();
+    if (!m_options.servers.empty()) static_cast<void>(joined.locator().locate());
+    m_house.emplace(kHouseTime, [this] { tendAll(); });
 }
 
 Domain* LdapNetwork::known(const std::string& key) {
@@ -68,12 +61,10 @@ Domain& LdapNetwork::at(const Place& place) {
     {
         const std::lock_guard lock(m_mutex);
         std::unique_ptr<Domain>& domain = m_domains[key];
-        if (!domain) domain = std::make_unique<Domain>(m_context, place.name, kindOf(place), place.forest);
+        if (!domain) domain = std::make_unique<Domain>(m_context, place);
         added = domain.get();
     }
-    const std::lock_guard lock(m_houseMutex);
-    m_hasNew = true;
-    m_wakeHouse.notify_one();
+    if (m_house) m_house->wake();
     return *added;
 }
 
@@ -81,19 +72,6 @@ Domain& LdapNetwork::at(const Place& place) {
 Controllers* LdapNetwork::controllersOf(const std::string& realm) {
     Domain* domain = known(vorn::lower(realm));
     return domain == nullptr ? nullptr : &domain->controllers();
-}
-
-// ---------------------------------------------------------------------- house
-
-void LdapNetwork::keepHouse() {
-    std::unique_lock lock(m_houseMutex);
-    while (!m_stopping) {
-        m_hasNew = false;
-        lock.unlock();
-        tendAll();
-        lock.lock();
-        m_wakeHouse.wait_for(lock, kHouseTime, [this] { return m_stopping || m_hasNew; });
-    }
 }
 
 void LdapNetwork::tendAll() {
@@ -117,28 +95,7 @@ void LdapNetwork::tend(std::function<void()> work) {
 Expected<SearchEnd, LdapFailure> LdapNetwork::search(const Place& place,
                                                      const std::vector<LdapSearch>& searches, EntrySink& sink,
                                                      const Deadline& deadline) {
-    SearchEnd end;
-    const LdapStatus status = at(place).run(deadline, [&](Domain::Lease& lease) {
-        std::vector<Entry> parts;
-        sink.restart();
-        end = {};
-        LdapStatus done = lease->searchAll(
-            searches, deadline,
-            [&](Entry&& entry) {
-                if (hasRanges(entry))
-                    parts.push_back(std::move(entry));
-                else
-                    sink.take(std::move(entry));
-            },
-            &end.missing);
-        for (Entry& entry : parts) {
-            if (done.ok()) done = readRanges(*lease, entry, deadline);
-            if (done.ok()) sink.take(std::move(entry));
-        }
-        return done;
-    });
-    if (!status.ok()) return vorn::unexpected(failureOf(status));
-    return end;
+    return searchIn(at(place), searches, sink, deadline);
 }
 
 Expected<OpenedSearch, LdapFailure> LdapNetwork::open(const Place& place, LongSearch search,
@@ -148,10 +105,7 @@ Expected<OpenedSearch, LdapFailure> LdapNetwork::open(const Place& place, LongSe
 
 Expected<std::shared_ptr<const DomainInfo>, LdapFailure> LdapNetwork::describe(const Place& place,
                                                                                const Deadline& deadline) {
-    std::shared_ptr<const DomainInfo> info;
-    const LdapStatus status = at(place).info(deadline, info);
-    if (!status.ok()) return vorn::unexpected(failureOf(status));
-    return info;
+    return outside(at(place).info(deadline));
 }
 
 Expected<Accepted, LdapFailure> LdapNetwork::bind(const Place& place, const std::string& dn,
@@ -162,20 +116,14 @@ Expected<Accepted, LdapFailure> LdapNetwork::bind(const Place& place, const std:
 Expected<Accepted, KdcFailure> LdapNetwork::askKdc(const Place& place, const std::string& account,
                                                    const std::string& password, const Deadline& deadline) {
     KdcConversation kdc([this](const std::string& realm) { return controllersOf(realm); }, deadline);
-    const PasswordCheck check = checkPassword(m_options, kdc, account, at(place).name(), password);
-    if (check.accepted) return *check.accepted;
-    return vorn::unexpected(KdcFailure{check.status.code, check.status.text, check.verified});
+    return checkPassword(m_options, kdc, account, at(place).name(), password);
 }
 
 Expected<Done, LdapFailure> LdapNetwork::probe(const Place& place, Look look, const Deadline& deadline) {
     Domain& domain = at(place);
-    if (look == Look::IfLongAgo) {
-        const LdapStatus status = domain.health(deadline);
-        if (!status.ok()) return vorn::unexpected(failureOf(status));
-        return Done();
-    }
-    const bool answers =
-        look == Look::AtWhatIsKnown ? !domain.controllers().allDown(now()) : domain.answersNow();
+    if (look == Look::IfLongAgo) return outside(domain.health(deadline));
+    const bool answers = look == Look::AtWhatIsKnown ? !domain.controllers().allDown(m_context.clock.now())
+                                                     : domain.answersNow(deadline);
     if (answers) return Done();
     return vorn::unexpected(LdapFailure(LDAP_UNAVAILABLE, domain.controllers().lastReason(), true));
 }

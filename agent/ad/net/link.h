@@ -1,116 +1,69 @@
-// One LDAP connection to a domain controller.
+// One connection to a domain controller, and who opens it.
+//
+// What a domain does with its controllers (which one, how long, when another one) knows
+// connections by these two only, so that it is tested without a socket.
 #pragma once
 
-#include <ldap.h>
-
-#include <atomic>
-#include <ctime>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
+#include <variant>
 #include <vector>
 
-#include "agent/ad/net/own_login.h"
-#include "agent/ad/net/sockets.h"
-#include "agent/ad/net/tickets.h"
-#include "agent/ad/net/tls_context.h"
-#include "agent/ad/net/watchdog.h"
+#include "agent/ad/net/peer.h"
+#include "agent/ad/net/srv.h"
 #include "agent/ad/network.h"
-#include "agent/ad/options.h"
-#include "agent/directory/directory.h"
 
 namespace vexagent {
 
-// How an LDAP operation ended: a result code of the library, and its text, which is for
-// the log.
-struct LdapStatus {
-    int code = LDAP_SUCCESS;
-    std::string text{};
-    bool lost = false;    // the controller did not answer as one should: another may
-    bool again = false;   // lost, but asked in another way the same one may answer
-    std::string told{};   // what a client is told; empty: what the code says
+// With what only this folder wants to know. A failure that is lost, of a connection: it
+// answers nothing else.
+struct LinkFailure : LdapFailure {
+    using LdapFailure::LdapFailure;
+    explicit LinkFailure(LdapFailure failure) : LdapFailure(std::move(failure)) {}
+
+    bool again = false;   // lost, but asked in another way the same controller may answer
     bool barred = false;  // lost, because the agent itself is not let in: the controller is there
-    bool ok() const { return code == LDAP_SUCCESS; }
 };
 
-// The same as a failure that left this folder; not of a status that is good.
-LdapFailure failureOf(const LdapStatus& status);
-LdapStatus statusOf(const LdapFailure& failure);
+template <class T>
+using Linked = Expected<T, LinkFailure>;
 
-// The request has used up its own time: nobody else's failure.
-LdapStatus timeIsUp();
+// The same to those outside this folder.
+template <class T>
+Expected<T, LdapFailure> outside(Linked<T>&& answer) {
+    if (!answer) return vorn::unexpected(LdapFailure(answer.error()));
+    return std::move(*answer);
+}
 
-// Whether an object is not there, or not in this directory.
-bool isMissing(const LdapStatus& status);
-
-// The same in the terms of the client interface.
-Result resultOf(const LdapStatus& status);
-
-// What libldap, and so slapd, takes TLS from: "GnuTLS" or "OpenSSL".
-std::string tlsPackage();
-
-// What the connections of an agent share. Everything outlives them.
-struct LinkContext {
-    const AdOptions& options;
-    Watchdog& watchdog;
-    Tickets* tickets;                                  // null without GSSAPI
-    mutable std::atomic<Moment> pagesUntil{Moment{}};  // until when Results asks for pages at once
-    mutable OwnLogin ownLogin{};                       // of the service account
-    mutable TlsContext tls{};
+// The end of the results, or of a page of them.
+struct PageEnd {
+    std::string cookie;  // of the next page; empty after the last
 };
 
-class Results;
-
-// For one thread at a time. After a status that is lost it answers nothing else.
+// For one thread at a time.
 class Link {
   public:
-    static constexpr int kPageSize = 1000;
-
-    // A connection to the peer that has introduced itself as the agent. domain is
-    // the one that the controller belongs to.
-    static LdapStatus open(const LinkContext& context, const std::string& domain, const Peer& peer,
-                           const Deadline& deadline, std::unique_ptr<Link>& link);
-
-    // One that nobody has introduced himself on: it can read the root DSE only. With
-    // TLS, if that is how the agent talks to controllers.
-    static LdapStatus openAnonymous(const LinkContext& context, const Peer& peer, const Deadline& deadline,
-                                    std::unique_ptr<Link>& link);
-
-    ~Link();
+    explicit Link(Peer peer) : m_peer(std::move(peer)) {}
+    virtual ~Link() = default;
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
 
+    // Asks for a page of the results, an empty cookie meaning the first one; for all of
+    // them where the page's size is 0. What it gives names the operation; several may be
+    // under way. LinkReader does it as is best.
+    virtual Linked<int> start(const LdapSearch& search, const std::string& cookie, int pageSize) = 0;
+
+    // What comes next of an operation.
+    using Event = std::variant<Entry, PageEnd>;
+    virtual Linked<Event> next(int id, const Deadline& deadline) = 0;
+
     // Whether this is the password of the DN: asks once. Only on a connection with TLS.
-    Expected<Accepted, LdapFailure> checkPassword(const std::string& dn, const std::string& password,
-                                                  const Deadline& deadline);
+    virtual Expected<Accepted, LdapFailure> checkPassword(const std::string& dn, const std::string& password,
+                                                          const Deadline& deadline) = 0;
 
-    // Asks for a page of the results, an empty cookie meaning the first one; for all
-    // of them where the page's size is 0. id names the operation; several may be
-    // under way. Results does it as is best.
-    LdapStatus start(const LdapSearch& search, const std::string& cookie, int& id, int pageSize);
-
-    // What comes next of an operation: an entry, or its end with the cookie of the
-    // next page, which is empty after the last.
-    enum class Event { Entry, End };
-    LdapStatus next(int id, const Deadline& deadline, Event& event, Entry& entry, std::string& cookie);
-
-    // A whole search.
-    using Visitor = std::function<void(Entry&&)>;
-    LdapStatus search(const LdapSearch& search, const Deadline& deadline, const Visitor& visit);
-
-    // Several searches with as many under way as is of use. A base that is not there
-    // finds nothing; missing becomes what was said of the last one.
-    LdapStatus searchAll(const std::vector<LdapSearch>& searches, const Deadline& deadline,
-                         const Visitor& visit, std::optional<LdapFailure>* missing = nullptr);
-
-    // Whether the controller answers.
-    LdapStatus probe(const Deadline& deadline);
-
-    // Whether an idle connection may still be used, as far as can be told without
-    // asking.
-    bool looksUsable(std::time_t time) const;
+    // Whether an idle connection may still be used, as far as can be told without asking.
+    virtual bool looksUsable() const = 0;
 
     // Asked from time to time while an answer is late: false ends the wait.
     using StillThere = std::function<bool(const Deadline&)>;
@@ -119,37 +72,43 @@ class Link {
     const Peer& peer() const { return m_peer; }
     // When the controller last said anything here.
     Moment answeredAt() const { return m_answeredAt; }
+    // Answers that nobody reads are on their way: it is of no more use.
+    void giveUp() { m_lost = true; }
+
+    static constexpr int kPageSize = 1000;
+
+  protected:
+    void noteAnswer(Moment now) { m_answeredAt = now; }
+    bool isLost() const { return m_lost; }
+    const StillThere& stillThere() const { return m_stillThere; }
 
   private:
-    struct Unbind {
-        void operator()(LDAP* ldap) const { ldap_unbind_ext(ldap, nullptr, nullptr); }
-    };
-
-    Link(const LinkContext& context, const Peer& peer) : m_context(context), m_peer(peer) {}
-
-    LdapStatus connect(const Deadline& deadline);
-    LdapStatus startTls(const Deadline& deadline);
-    LdapStatus bind(const std::string& name, const std::string& password, const Deadline& deadline);
-    LdapStatus introduce(const std::string& domain, const Deadline& deadline);
-    LdapStatus bindWithTicket(const std::string& domain, const Deadline& deadline);
-    LdapStatus bindAsService(const Deadline& deadline);
-    LdapStatus showPassword(const Deadline& deadline);
-    LdapStatus waitFor(int id, const Deadline& deadline, LDAPMessage*& message);
-    LdapStatus readAll(Results& results, const Deadline& deadline, const Visitor& visit);
-    LdapStatus readEntry(LDAPMessage* message, Entry& entry);
-    LdapStatus readEnd(LDAPMessage* message, std::string& cookie);
-    LdapStatus lost(int code, const std::string& text);
-    LdapStatus failure(int code);
-    std::string failureText(int code);
-
-    const LinkContext& m_context;
     const Peer m_peer;
-    vorn::Descriptor m_socket{-1};  // the library's socket, open as long as the connection is
-    std::unique_ptr<LDAP, Unbind> m_ldap;
     StillThere m_stillThere;
     Moment m_answeredAt{};
-    std::time_t m_end = 0;  // when the ticket ends; 0 for never
     bool m_lost = false;
+};
+
+// The way to the controllers of all domains. Safe for several threads.
+class Connector {
+  public:
+    virtual ~Connector() = default;
+
+    // A connection that has introduced itself as the agent. domain is the one that the
+    // controller belongs to. Every failure is lost.
+    virtual Linked<std::unique_ptr<Link>> open(const std::string& domain, const Peer& peer,
+                                               const Deadline& deadline) = 0;
+
+    // One that nobody has introduced himself on: it can read the root DSE only. With TLS, if
+    // that is how the agent talks to controllers.
+    virtual Linked<std::unique_ptr<Link>> openAnonymous(const Peer& peer, const Deadline& deadline) = 0;
+
+    // The hosts of a service, by DNS; the reason when there are none. Takes some seconds
+    // where DNS does not answer.
+    virtual Expected<std::vector<SrvRecord>, std::string> findService(const std::string& name) = 0;
+
+    // Has the addresses of a host known for times without DNS.
+    virtual void learnAddresses(const std::string& host, const Deadline& deadline) = 0;
 };
 
 }  // namespace vexagent

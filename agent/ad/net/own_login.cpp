@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace vexagent {
 
@@ -45,13 +46,13 @@ bool OwnLogin::accepted(const Peer& peer, Moment now) {
     return m_peers.empty() && std::exchange(m_told, false);
 }
 
-std::unique_lock<std::timed_mutex> OwnLogin::takeTurn(Moment now, const Deadline& deadline) {
+std::unique_lock<std::timed_mutex> OwnLogin::takeTurn(const Deadline& deadline) {
     {
         const std::lock_guard lock(m_mutex);
-        if (m_acceptedAt != Moment{} && now - m_acceptedAt < kTrustTime)
+        if (m_acceptedAt != Moment{} && deadline.clock().now() - m_acceptedAt < kTrustTime)
             return std::unique_lock(m_turn, std::defer_lock);
     }
-    return std::unique_lock(m_turn, deadline.end());
+    return std::unique_lock(m_turn, deadline.left());
 }
 
 std::string stampOf(const std::string& file) {

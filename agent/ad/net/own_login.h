@@ -13,10 +13,14 @@
 #include <mutex>
 #include <string>
 
-#include "agent/ad/net/deadline.h"
-#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/peer.h"
+#include "vorn/deadline.h"
 
 namespace vexagent {
+
+using std::chrono::milliseconds;
+using vorn::Deadline;
+using vorn::Moment;
 
 class OwnLogin {
   public:
@@ -25,7 +29,7 @@ class OwnLogin {
     void use(const std::string& what);
 
     // Whether this controller may be asked.
-    bool mayTry(const Peer& peer, Moment now) const;
+    [[nodiscard]] bool mayTry(const Peer& peer, Moment now) const;
 
     // What came of it. True when it is to be told to the log: at the first refusal, and
     // at the end of all.
@@ -35,7 +39,7 @@ class OwnLogin {
     // Held by whoever tries while nobody was let in a short while ago, so that what is
     // wrong is not shown by many at once. Is waited for until the deadline only: one that
     // hangs does not keep the others.
-    std::unique_lock<std::timed_mutex> takeTurn(Moment now, const Deadline& deadline);
+    [[nodiscard]] std::unique_lock<std::timed_mutex> takeTurn(const Deadline& deadline);
 
     static constexpr milliseconds kFirstDelay{5000};
     static constexpr milliseconds kLongestDelay{900'000};

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "vorn/clock_testing.h"
 #include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
@@ -21,7 +22,7 @@ const Peer kThird{"dc3.example.com", 389};
 std::vector<long> attempts(const std::vector<Peer>& peers, seconds time) {
     OwnLogin login;
     std::vector<long> moments;
-    const Moment start = now();
+    const Moment start = vorn::test::ManualClock().now();
     for (seconds second{0}; second < time; ++second)
         for (const Peer& peer : peers)
             if (login.mayTry(peer, start + second)) {
@@ -41,7 +42,7 @@ TEST(OwnLogin, IsTriedOnceMoreElsewhereAndThenEverMoreRarely) {
 
 TEST(OwnLogin, NeverWaitsLongerThanAQuarterOfAnHour) {
     OwnLogin login;
-    Moment time = now();
+    Moment time = vorn::test::ManualClock().now();
     for (int i = 0; i < 100; ++i, time += OwnLogin::kLongestDelay) {
         EXPECT_TRUE(login.mayTry(kFirst, time)) << i;
         login.refused(kFirst, time);
@@ -50,7 +51,7 @@ TEST(OwnLogin, NeverWaitsLongerThanAQuarterOfAnHour) {
 
 TEST(OwnLogin, IsFreeOnceItIsAccepted) {
     OwnLogin login;
-    const Moment time = now();
+    const Moment time = vorn::test::ManualClock().now();
     login.refused(kFirst, time);
     login.refused(kSecond, time);
     EXPECT_FALSE(login.mayTry(kThird, time));
@@ -62,7 +63,7 @@ TEST(OwnLogin, IsFreeOnceItIsAccepted) {
 // One controller that alone refuses is not asked for ever, either.
 TEST(OwnLogin, AControllerThatRefusesAloneIsAskedEverMoreRarely) {
     OwnLogin login;
-    const Moment start = now();
+    const Moment start = vorn::test::ManualClock().now();
     int refusals = 0;
     for (seconds second{0}; second < seconds(3600); ++second) {
         if (login.mayTry(kFirst, start + second)) {
@@ -77,7 +78,7 @@ TEST(OwnLogin, AControllerThatRefusesAloneIsAskedEverMoreRarely) {
 
 TEST(OwnLogin, IsToldOnceUntilAllIsWellAgain) {
     OwnLogin login;
-    const Moment time = now();
+    const Moment time = vorn::test::ManualClock().now();
     EXPECT_TRUE(login.refused(kFirst, time));
     EXPECT_FALSE(login.refused(kSecond, time));
     EXPECT_FALSE(login.refused(kFirst, time + seconds(5)));
@@ -94,7 +95,7 @@ TEST(OwnLogin, AnotherPasswordIsTriedAtOnce) {
     folder.write("password", "old\n");
     const std::string file = folder.file("password");
     OwnLogin login;
-    const Moment time = now();
+    const Moment time = vorn::test::ManualClock().now();
     login.use(stampOf(file));
     login.refused(kFirst, time);
     login.refused(kSecond, time);
@@ -108,18 +109,22 @@ TEST(OwnLogin, AnotherPasswordIsTriedAtOnce) {
 
 TEST(OwnLogin, IsShownByOneAtATimeUntilOneIsLetIn) {
     OwnLogin login;
-    const Moment time = now();
+    vorn::test::ManualClock clock;
+    const Deadline soon(clock, milliseconds(5000));
+    const Deadline over(clock, milliseconds(0));
     {
-        const auto turn = login.takeTurn(time, within(milliseconds(5000)));
+        const auto turn = login.takeTurn(soon);
         EXPECT_TRUE(turn.owns_lock());
-        std::thread([&] { EXPECT_FALSE(login.takeTurn(time, within(milliseconds(20))).owns_lock()); }).join();
+        std::thread([&] { EXPECT_FALSE(login.takeTurn(over).owns_lock()); }).join();
     }
-    login.accepted(kFirst, time);
-    EXPECT_FALSE(login.takeTurn(time + seconds(9), within(milliseconds(5000))).owns_lock());
-    EXPECT_TRUE(login.takeTurn(time + seconds(10), within(milliseconds(5000))).owns_lock());
-    login.accepted(kFirst, time);
-    login.refused(kFirst, time);
-    EXPECT_TRUE(login.takeTurn(time, within(milliseconds(5000))).owns_lock());
+    login.accepted(kFirst, clock.now());
+    clock.advance(OwnLogin::kTrustTime - milliseconds(1));
+    EXPECT_FALSE(login.takeTurn(soon).owns_lock()) << "nobody waits where all is well";
+    clock.advance(milliseconds(1));
+    EXPECT_TRUE(login.takeTurn(soon).owns_lock());
+    login.accepted(kFirst, clock.now());
+    login.refused(kFirst, clock.now());
+    EXPECT_TRUE(login.takeTurn(soon).owns_lock());
 }
 
 }  // namespace

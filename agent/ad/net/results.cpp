@@ -1,33 +1,47 @@
 #include "agent/ad/net/results.h"
 
 #include <algorithm>
+#include <deque>
 
 namespace vexagent {
 namespace {
 
 constexpr milliseconds kPagesTime{600'000};  // after a large result that took long
 constexpr int kShareOfTime = 4;              // of the time is waited for a large result's first entry
+constexpr std::size_t kUnderWay = 8;
 
-bool isCut(const LdapStatus& status) {
-    return status.code == LDAP_SIZELIMIT_EXCEEDED || status.code == LDAP_ADMINLIMIT_EXCEEDED;
+bool isCut(const LdapFailure& failure) {
+    return failure.code == LDAP_SIZELIMIT_EXCEEDED || failure.code == LDAP_ADMINLIMIT_EXCEEDED;
 }
 
 }  // namespace
 
-LdapStatus Results::start(Link& link, const std::string& cookie) {
-    return link.start(m_search, cookie, m_id, m_paged ? m_pageSize : 0);
+void PageRule::holdFor(milliseconds time) {
+    const Moment until = m_clock.now() + time;
+    Moment known = m_until.load();
+    while (known < until && !m_until.compare_exchange_weak(known, until)) {
+    }
+}
+
+// -------------------------------------------------------------------- one search
+
+Linked<Done> Results::start(Link& link, const std::string& cookie) {
+    const auto id = link.start(m_search, cookie, m_paged ? m_pageSize : 0);
+    if (!id) return vorn::unexpected(id.error());
+    m_id = *id;
+    return Done();
 }
 
 bool Results::wantsPages() const {
     if (m_search.extent == Extent::Few || m_search.scope == LDAP_SCOPE_BASE) return false;
-    if (m_pageSize < Link::kPageSize || now() < m_context.pagesUntil.load()) return true;
+    if (m_pageSize < Link::kPageSize || m_rule.holds()) return true;
     // Everything of everybody takes a controller too long to collect.
     const auto& names = m_search.attributes;
     const bool all = names.empty() || std::find(names.begin(), names.end(), "*") != names.end();
     return all && m_search.extent == Extent::Many;
 }
 
-LdapStatus Results::begin(Link& link) {
+Linked<Done> Results::begin(Link& link) {
     m_paged = wantsPages();
     m_over = false;
     m_shown.clear();
@@ -35,15 +49,17 @@ LdapStatus Results::begin(Link& link) {
 }
 
 // The result was cut: all of it anew, by pages.
-LdapStatus Results::turnPages(Link& link) {
-    m_context.pagesUntil = Moment::max();
+Linked<Done> Results::turnPages(Link& link) {
+    m_rule.holdForEver();
     m_paged = true;
     std::sort(m_shown.begin(), m_shown.end());
     return start(link, "");
 }
 
-bool Results::wasShown(const std::string& dn) const {
-    return std::binary_search(m_shown.begin(), m_shown.end(), dn);
+bool Results::isNew(const std::string& dn) {
+    if (m_paged) return !std::binary_search(m_shown.begin(), m_shown.end(), dn);
+    m_shown.push_back(dn);
+    return true;
 }
 
 // For how long the next message is waited for.
@@ -52,36 +68,79 @@ Deadline Results::patience(const Deadline& deadline) const {
     return mayTakeLong ? deadline.atMost(deadline.left() / kShareOfTime) : deadline;
 }
 
-LdapStatus Results::next(Link& link, const Deadline& deadline, Entry& entry) {
+Linked<Done> Results::goOn(Link& link, const LinkFailure& failure, const Deadline& until,
+                           const Deadline& deadline) {
+    if (!m_paged && isCut(failure)) return turnPages(link);
+    LinkFailure end = failure;
+    // The watchdog may have ended the wait: then the connection seems down.
+    const bool late = end.code == LDAP_TIMEOUT || end.code == LDAP_SERVER_DOWN;
+    end.again = late && until.passed() && until.end() < deadline.end();
+    if (end.again) m_rule.holdFor(kPagesTime);
+    return vorn::unexpected(end);
+}
+
+Linked<std::optional<Entry>> Results::next(Link& link, const Deadline& deadline) {
     while (!m_over) {
-        Link::Event event = Link::Event::Entry;
-        std::string cookie;
         const Deadline until = patience(deadline);
-        LdapStatus status = link.next(m_id, until, event, entry, cookie);
-        if (!m_paged && isCut(status)) {
-            if (status = turnPages(link); !status.ok()) return status;
-            continue;
-        }
-        if (!status.ok()) {
-            // The watchdog may have ended the wait: then the connection seems down.
-            const bool late = status.code == LDAP_TIMEOUT || status.code == LDAP_SERVER_DOWN;
-            status.again = late && until.passed() && until.end() < deadline.end();
-            if (status.again)
-                m_context.pagesUntil = std::max(m_context.pagesUntil.load(), now() + kPagesTime);
-            return status;
-        }
-        if (event == Link::Event::End) {
+        auto event = link.next(m_id, until);
+        Linked<Done> more = Done();
+        if (!event) {
+            more = goOn(link, event.error(), until, deadline);
+        } else if (auto* entry = std::get_if<Entry>(&*event)) {
+            if (isNew(entry->dn)) return std::optional(std::move(*entry));
+        } else {
+            const std::string& cookie = std::get<PageEnd>(*event).cookie;
             m_over = cookie.empty();
-            if (m_over) break;
-            if (status = start(link, cookie); !status.ok()) return status;
-        } else if (!m_paged) {
-            m_shown.push_back(entry.dn);
-            return {};
-        } else if (!wasShown(entry.dn)) {
-            return {};
+            if (!m_over) more = start(link, cookie);
         }
+        if (!more) return vorn::unexpected(more.error());
     }
-    return {};
+    return std::optional<Entry>();
+}
+
+// --------------------------------------------------------------- whole searches
+
+Linked<Done> LinkReader::readAll(Results& results, const Visitor& visit) {
+    for (;;) {
+        auto entry = results.next(m_link, m_deadline);
+        if (!entry) return vorn::unexpected(entry.error());
+        if (!*entry) return Done();
+        visit(std::move(**entry));
+    }
+}
+
+Linked<Done> LinkReader::search(const LdapSearch& search, const Visitor& visit) {
+    Results results(m_rule, search);
+    const auto begun = results.begin(m_link);
+    return begun ? readAll(results, visit) : begun;
+}
+
+Linked<SearchEnd> LinkReader::searchAll(const std::vector<LdapSearch>& searches, const Visitor& visit) {
+    SearchEnd end;
+    std::deque<Results> underWay;
+    std::size_t started = 0;
+    for (std::size_t i = 0; i < searches.size(); ++i) {
+        for (; started < searches.size() && started < i + kUnderWay; ++started) {
+            underWay.emplace_back(m_rule, searches[started]);
+            if (const auto begun = underWay.back().begin(m_link); !begun)
+                return vorn::unexpected(begun.error());
+        }
+        const auto read = readAll(underWay.front(), visit);
+        underWay.pop_front();
+        if (read) continue;
+        if (!isMissing(read.error())) {
+            // Answers to the others are on their way.
+            if (!underWay.empty()) m_link.giveUp();
+            return vorn::unexpected(read.error());
+        }
+        end.missing = read.error();
+    }
+    return end;
+}
+
+Linked<Done> LinkReader::probe() {
+    const LdapSearch root = {"", LDAP_SCOPE_BASE, "(objectClass=*)", {"1.1"}};
+    return search(root, [](Entry&&) {});
 }
 
 }  // namespace vexagent

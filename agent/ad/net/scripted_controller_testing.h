@@ -26,7 +26,7 @@
 #include <thread>
 #include <vector>
 
-#include "agent/ad/net/sockets.h"
+#include "agent/ad/net/peer.h"
 #include "agent/directory/directory.h"
 #include "vorn/descriptor.h"
 #include "vorn/temporary_folder_testing.h"

@@ -46,25 +46,25 @@ class Resolver {
 
 }  // namespace
 
-bool parseSrvAnswer(const unsigned char* bytes, int size, std::vector<SrvRecord>& records) {
-    records.clear();
+std::optional<std::vector<SrvRecord>> parseSrvAnswer(const unsigned char* bytes, int size) {
+    std::vector<SrvRecord> records;
     ns_msg message;
-    if (ns_initparse(bytes, size, &message) != 0) return false;
+    if (ns_initparse(bytes, size, &message) != 0) return std::nullopt;
     for (int i = 0; i < ns_msg_count(message, ns_s_an) && records.size() < kMostRecords; ++i) {
         ns_rr record;
-        if (ns_parserr(&message, ns_s_an, i, &record) != 0) return false;
+        if (ns_parserr(&message, ns_s_an, i, &record) != 0) return std::nullopt;
         if (ns_rr_type(record) != ns_t_srv) continue;
         const unsigned char* data = ns_rr_rdata(record);
-        if (ns_rr_rdlen(record) <= kSrvHeader) return false;
+        if (ns_rr_rdlen(record) <= kSrvHeader) return std::nullopt;
         char target[NS_MAXDNAME] = {};
         if (ns_name_uncompress(bytes, bytes + size, data + kSrvHeader, target, sizeof target) < 0)
-            return false;
+            return std::nullopt;
         if (*target == '\0' || std::string_view(target) == ".") continue;
         records.push_back({static_cast<std::uint16_t>(ns_get16(data)),
                            static_cast<std::uint16_t>(ns_get16(data + 2)),
                            static_cast<std::uint16_t>(ns_get16(data + 4)), target});
     }
-    return true;
+    return records;
 }
 
 std::vector<SrvRecord> orderRecords(std::vector<SrvRecord> records, const std::function<double()>& random) {
@@ -94,20 +94,15 @@ bool liesBelow(std::string_view host, std::string_view domain) {
     return vorn::equalsIgnoreCase(host.substr(rest), domain) && (rest == 0 || host[rest - 1] == '.');
 }
 
-bool querySrv(const std::string& name, std::vector<SrvRecord>& records, std::string& reason) {
+vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name) {
     Resolver resolver;
     std::vector<unsigned char> answer(kAnswerBytes);
     const int size = resolver.query(name, answer);
-    if (size < 0) {
-        reason = name + ": " + ::hstrerror(resolver.error());
-        return false;
-    }
-    if (!parseSrvAnswer(answer.data(), size, records)) {
-        reason = name + ": the name server's answer cannot be read";
-        return false;
-    }
-    if (records.empty()) reason = name + ": no such service";
-    return !records.empty();
+    if (size < 0) return vorn::unexpected(name + ": " + ::hstrerror(resolver.error()));
+    auto records = parseSrvAnswer(answer.data(), size);
+    if (!records) return vorn::unexpected(name + ": the name server's answer cannot be read");
+    if (records->empty()) return vorn::unexpected(name + ": no such service");
+    return std::move(*records);
 }
 
 }  // namespace vexagent

@@ -3,11 +3,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "agent/ad/net/deadline.h"
+#include "vorn/expected.h"
 
 namespace vexagent {
 
@@ -18,9 +19,9 @@ struct SrvRecord {
     std::string target;  // without the last dot
 };
 
-// The records of a DNS answer; false for bytes that are none. A service that is
+// The records of a DNS answer; nothing for bytes that are none. A service that is
 // decidedly not there (a target of ".") gives no record.
-bool parseSrvAnswer(const unsigned char* bytes, int size, std::vector<SrvRecord>& records);
+std::optional<std::vector<SrvRecord>> parseSrvAnswer(const unsigned char* bytes, int size);
 
 // In the order in which to ask them: by priority, and within one drawn by weight.
 // random gives numbers from 0 up to, not including, 1.
@@ -29,8 +30,8 @@ std::vector<SrvRecord> orderRecords(std::vector<SrvRecord> records, const std::f
 // Whether a host's name is a domain's, or stands below it.
 bool liesBelow(std::string_view host, std::string_view domain);
 
-// Asks the host's name servers for the records of a name. False with the reason
-// when there are none or nobody answers; takes a few seconds at most.
-bool querySrv(const std::string& name, std::vector<SrvRecord>& records, std::string& reason);
+// Asks the host's name servers for the records of a name. The reason when there are none
+// or nobody answers; takes a few seconds at most.
+vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name);
 
 }  // namespace vexagent

@@ -85,8 +85,10 @@ std::string answer(std::uint16_t type, const std::string& data) {
 }
 
 bool parse(const std::string& bytes, std::vector<SrvRecord>& records) {
-    return parseSrvAnswer(reinterpret_cast<const unsigned char*>(bytes.data()),
-                          static_cast<int>(bytes.size()), records);
+    const auto read =
+        parseSrvAnswer(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    records = read.value_or(std::vector<SrvRecord>());
+    return read.has_value();
 }
 
 TEST(SrvAnswer, IsRead) {

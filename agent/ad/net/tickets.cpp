@@ -3,9 +3,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <new>
 #include <stdexcept>
 
+#include "agent/ad/net/krb_profile.h"
+#include "agent/ad/net/principals.h"
 #include "agent/directory/log.h"
 #include "vorn/strings.h"
 
@@ -13,19 +17,7 @@ namespace vexagent {
 namespace {
 
 constexpr char kCache[] = "MEMORY:vexagent";
-
-// Tickets are taken anew when a fifth of their life is left, and GSSAPI gets none
-// with less than this.
-constexpr std::time_t kLeastLeft = 60;
 constexpr int kRestOfLife = 5;
-
-std::string_view textOf(const krb5_data& data) {
-    return {data.data, data.length};
-}
-
-bool isInRealm(krb5_const_principal principal, const std::string& realm) {
-    return textOf(principal->realm) == realm;
-}
 
 // Puts the library's settings into a file that has no name.
 void setEnvironment(const std::string& domain) {
@@ -40,62 +32,31 @@ void setEnvironment(const std::string& domain) {
 
 class Cache {
   public:
-    explicit Cache(const Kerberos& kerberos) : m_context(kerberos.get()) {
-        if (krb5_cc_resolve(m_context, kCache, &m_cache) != 0) throw std::bad_alloc();
+    explicit Cache(const Kerberos& kerberos) : m_kerberos(kerberos) {
+        if (krb5_cc_resolve(kerberos.get(), kCache, &m_cache) != 0) throw std::bad_alloc();
     }
-    ~Cache() { krb5_cc_close(m_context, m_cache); }
+    ~Cache() { krb5_cc_close(m_kerberos.get(), m_cache); }
     Cache(const Cache&) = delete;
     Cache& operator=(const Cache&) = delete;
     krb5_ccache get() const { return m_cache; }
 
+    // In the place of what it held.
+    Krb<Done> hold(krb5_creds& credentials) {
+        const krb5_error_code code = krb5_cc_initialize(m_kerberos.get(), m_cache, credentials.client);
+        return code == 0 ? add(credentials) : m_kerberos.outcome(code);
+    }
+    Krb<Done> add(krb5_creds& credentials) {
+        return m_kerberos.outcome(krb5_cc_store_cred(m_kerberos.get(), m_cache, &credentials));
+    }
+
   private:
-    const krb5_context m_context;
+    const Kerberos& m_kerberos;
     krb5_ccache m_cache = nullptr;
 };
 
-krb5_error_code buildPrincipal(krb5_context context, const std::string& realm,
-                               std::initializer_list<std::string_view> components,
-                               krb5_principal* principal) {
-    // The library's variadic function wants a number of arguments that is known.
-    const auto* first = components.begin();
-    const auto length = [](std::string_view text) { return static_cast<unsigned>(text.size()); };
-    if (components.size() == 1)
-        return krb5_build_principal_ext(context, principal, length(realm), realm.data(), length(first[0]),
-                                        first[0].data(), 0);
-    return krb5_build_principal_ext(context, principal, length(realm), realm.data(), length(first[0]),
-                                    first[0].data(), length(first[1]), first[1].data(), 0);
-}
-
 }  // namespace
 
-krb5_principal machineName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
-    krb5_principal name = nullptr;
-    if (!options.principal.empty()) {
-        krb5_parse_name(kerberos.get(), options.principal.c_str(), &name);
-        return name;
-    }
-    const std::string realm = realmOf(options.domain);
-    return keytab.find([&](krb5_const_principal principal) {
-        return principal->length == 1 && isInRealm(principal, realm) &&
-               textOf(principal->data[0]).ends_with('$');
-    });
-}
-
-namespace {
-
-// What tickets for this host are made out to: its first "host/..." in the keytab, or
-// the machine's name. Null when there is neither; the caller frees it.
-krb5_principal ownName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
-    const std::string realm = realmOf(options.domain);
-    krb5_principal host = keytab.find([&](krb5_const_principal principal) {
-        return principal->length == 2 && isInRealm(principal, realm) &&
-               vorn::equalsIgnoreCase(textOf(principal->data[0]), "host");
-    });
-    return host != nullptr ? host : machineName(kerberos, keytab, options);
-}
-
-// Whether a KDC has refused the machine itself, and would again.
-bool isRefusal(krb5_error_code code) {
+bool isRefusalOfMachine(krb5_error_code code) {
     switch (code) {
         case KRB5KDC_ERR_PREAUTH_FAILED:
         case KRB5KRB_AP_ERR_BAD_INTEGRITY:
@@ -110,153 +71,107 @@ bool isRefusal(krb5_error_code code) {
     }
 }
 
-// Empty when there is no memory for it.
-std::string nameWithoutRealm(krb5_context context, krb5_const_principal principal) {
-    char* text = nullptr;
-    if (krb5_unparse_name_flags(context, principal, KRB5_PRINCIPAL_UNPARSE_NO_REALM, &text) != 0) return {};
-    std::string name = text;
-    krb5_free_unparsed_name(context, text);
-    return name;
+bool TicketLife::isDue(std::time_t time) const {
+    return time + std::max(kLeastLeft, (m_end - m_start) / kRestOfLife) >= m_end;
 }
-
-}  // namespace
 
 Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf)
     : m_options(options), m_controllersOf(std::move(controllersOf)) {
     setEnvironment(options.domain);
 }
 
-KrbStatus Tickets::renew(Kerberos& kerberos, krb5_ccache cache) {
-    const KrbKeytab keytab(kerberos, m_options.keytab);
-    if (!keytab.status().ok()) return keytab.status();
-    const KrbPrincipal name(kerberos.get(), machineName(kerberos, keytab, m_options));
+// -------------------------------------------------------------- the machine's
+
+Krb<Done> Tickets::renew(Kerberos& kerberos) {
+    const auto keytab = KrbKeytab::open(kerberos, m_options.keytab);
+    if (!keytab) return vorn::unexpected(keytab.error());
+    const KrbPrincipal name = machineName(kerberos, *keytab, m_options);
     if (name.get() == nullptr)
-        return {KRB5_KT_NOTFOUND,
-                "keytab " + m_options.keytab + ": no name of the form HOST$@" + realmOf(m_options.domain)};
-    KrbCredentials credentials(kerberos.get());
-    KrbStatus status = kerberos.firstCredentials(
-        name.get(),
-        [&](krb5_init_creds_context context) {
-            return krb5_init_creds_set_keytab(kerberos.get(), context, keytab.get());
-        },
-        credentials.get());
-    if (status.code == KRB5KDC_ERR_PREAUTH_FAILED || status.code == KRB5KRB_AP_ERR_BAD_INTEGRITY)
-        status.text =
-            "keytab " + m_options.keytab + ": the machine's key is another one by now: " + status.text;
-    if (!status.ok()) return status;
-    status = kerberos.status(krb5_cc_initialize(kerberos.get(), cache, credentials.get().client));
-    if (status.ok()) status = kerberos.status(krb5_cc_store_cred(kerberos.get(), cache, &credentials.get()));
-    if (!status.ok()) return status;
-    m_start = m_options.clock();
-    m_end = credentials.get().times.endtime;
-    return {};
+        return vorn::unexpected(KrbFailure{
+            KRB5_KT_NOTFOUND,
+            "keytab " + m_options.keytab + ": no name of the form HOST$@" + realmOf(m_options.domain)});
+    auto credentials = kerberos.firstCredentials(name.get(), [&](krb5_init_creds_context context) {
+        return krb5_init_creds_set_keytab(kerberos.get(), context, keytab->get());
+    });
+    if (!credentials) {
+        KrbFailure failure = credentials.error();
+        if (failure.code == KRB5KDC_ERR_PREAUTH_FAILED || failure.code == KRB5KRB_AP_ERR_BAD_INTEGRITY)
+            failure.text =
+                "keytab " + m_options.keytab + ": the machine's key is another one by now: " + failure.text;
+        return vorn::unexpected(failure);
+    }
+    if (auto held = Cache(kerberos).hold(credentials->get()); !held) return held;
+    m_life.begin(m_options.clock(), credentials->get().times.endtime);
+    return Done();
 }
 
 // The machine's ticket, asked for as long as its key may be shown.
-KrbStatus Tickets::logIn(Kerberos& kerberos, KdcConversation& kdc, krb5_ccache cache) {
+Krb<Done> Tickets::logIn(Kerberos& kerberos, KdcConversation& kdc, const Deadline& deadline) {
+    const vorn::SteadyClock& clock = deadline.clock();
     m_own.use(stampOf(m_options.keytab));
-    kdc.askOnly([this](const Peer& peer) { return m_own.mayTry(peer, now()); });
-    KrbStatus status = renew(kerberos, cache);
+    kdc.askOnly([&](const Peer& peer) { return m_own.mayTry(peer, clock.now()); });
+    auto renewed = renew(kerberos);
     kdc.askOnly(nullptr);
-    if (status.ok() && m_own.accepted(kdc.answered(), now()))
+    if (renewed && m_own.accepted(kdc.answered(), clock.now()))
         AGENT_LOG(vorn::Logger::kInfo, "the domain lets the machine in again");
-    if (!isRefusal(status.code)) return status;
-    status.barred = true;
-    if (m_own.refused(kdc.answered(), now()))
-        AGENT_LOG(
-            vorn::Logger::kError,
-            "the domain refuses the key in %s: %s. Join the domain anew (adcli join, or realm join), or "
-            "see that the machine's account is neither locked nor disabled; what is there now is tried "
-            "again after 5 seconds, and then ever more rarely, up to every 15 minutes",
-            m_options.keytab.c_str(), status.text.c_str());
-    return status;
+    if (renewed || !isRefusalOfMachine(renewed.error().code)) return renewed;
+    KrbFailure refusal = renewed.error();
+    refusal.barred = true;
+    if (m_own.refused(kdc.answered(), clock.now())) tellRefusal(refusal.text);
+    return vorn::unexpected(refusal);
 }
 
-KrbStatus Tickets::serviceTicket(Kerberos& kerberos, krb5_ccache cache, const std::string& domain,
-                                 const std::string& host, std::time_t& end) {
+void Tickets::tellRefusal(const std::string& reason) const {
+    AGENT_LOG(vorn::Logger::kError,
+              "the domain refuses the key in %s: %s. Join the domain anew (adcli join, or realm join), or "
+              "see that the machine's account is neither locked nor disabled; what is there now is tried "
+              "again after 5 seconds, and then ever more rarely, up to every 15 minutes",
+              m_options.keytab.c_str(), reason.c_str());
+}
+
+// ----------------------------------------------------------------- a service's
+
+Krb<std::time_t> Tickets::serviceTicket(Kerberos& kerberos, const std::string& domain,
+                                        const std::string& host) {
     krb5_context context = kerberos.get();
+    Cache cache(kerberos);
     KrbPrincipal client(context);
-    KrbPrincipal service(context);
-    krb5_error_code code = krb5_cc_get_principal(context, cache, client.place());
-    if (code == 0) code = buildPrincipal(context, realmOf(domain), {"ldap", host}, service.place());
-    if (code != 0) return kerberos.status(code);
+    krb5_error_code code = krb5_cc_get_principal(context, cache.get(), client.place());
+    if (code != 0) return vorn::unexpected(kerberos.failure(code));
+    const auto service = newPrincipal(kerberos, realmOf(domain), {"ldap", host});
+    if (!service) return vorn::unexpected(service.error());
     krb5_creds wanted{};
     wanted.client = client.get();
-    wanted.server = service.get();
+    wanted.server = service->get();
     krb5_creds* ticket = nullptr;
-    code = krb5_get_credentials(context, 0, cache, &wanted, &ticket);
-    if (code != 0) return kerberos.status(code);
-    end = ticket->times.endtime;
+    code = krb5_get_credentials(context, 0, cache.get(), &wanted, &ticket);
+    if (code != 0) return vorn::unexpected(kerberos.failure(code));
+    const auto freeTicket = [context](krb5_creds* value) { krb5_free_creds(context, value); };
+    const std::unique_ptr<krb5_creds, decltype(freeTicket)> owner(ticket, freeTicket);
+    const std::time_t end = ticket->times.endtime;
+    if (vorn::equalsIgnoreCase(domain, m_options.domain)) return end;
     // GSSAPI takes a host outside the domain for one of the machine's own realm.
-    KrbPrincipal alias(context);
-    if (!vorn::equalsIgnoreCase(domain, m_options.domain) &&
-        buildPrincipal(context, realmOf(m_options.domain), {"ldap", host}, alias.place()) == 0) {
-        krb5_creds copy = *ticket;
-        copy.server = alias.get();
-        code = krb5_cc_store_cred(context, cache, &copy);
-    }
-    krb5_free_creds(context, ticket);
-    return kerberos.status(code);
+    const auto alias = newPrincipal(kerberos, realmOf(m_options.domain), {"ldap", host});
+    if (!alias) return end;
+    krb5_creds copy = *ticket;
+    copy.server = alias->get();
+    return cache.add(copy).map([end](Done) { return end; });
 }
 
-KrbStatus Tickets::prepare(const std::string& domain, const std::string& host, const Deadline& deadline,
-                           std::time_t& end) {
-    const std::unique_lock lock(m_mutex, deadline.end());
-    if (!lock.owns_lock()) return {KRB5_KDC_UNREACH, "no ticket could be had in time"};
+Krb<std::time_t> Tickets::prepare(const std::string& domain, const std::string& host,
+                                  const Deadline& deadline) {
+    const std::unique_lock lock(m_mutex, deadline.left());
+    if (!lock.owns_lock())
+        return vorn::unexpected(KrbFailure{KRB5_KDC_UNREACH, "no ticket could be had in time"});
     KdcConversation kdc(m_controllersOf, deadline);
     Kerberos kerberos(m_options.domain, kdc);
-    const Cache cache(kerberos);
     const std::time_t time = m_options.clock();
-    const std::time_t rest = std::max<std::time_t>(kLeastLeft, (m_end - m_start) / kRestOfLife);
-    if (time + rest >= m_end)
-        if (KrbStatus status = logIn(kerberos, kdc, cache.get()); !status.ok()) {
-            // An old one serves as long as it is valid.
-            if (time + kLeastLeft >= m_end) return status;
-        }
-    return serviceTicket(kerberos, cache.get(), domain, host, end);
-}
-
-class KerberosProof {
-  public:
-    static Accepted make() { return Accepted(); }
-};
-
-PasswordCheck checkPassword(const AdOptions& options, KdcConversation& kdc, const std::string& account,
-                            const std::string& domain, const std::string& password) {
-    Kerberos kerberos(options.domain, kdc);
-    krb5_context context = kerberos.get();
-    // A NUL would end the password early for the library.
-    if (password.find('\0') != std::string::npos) return {kerberos.status(KRB5KDC_ERR_PREAUTH_FAILED)};
-    KrbPrincipal client(context);
-    if (const krb5_error_code code = buildPrincipal(context, realmOf(domain), {account}, client.place());
-        code != 0)
-        return {kerberos.status(code)};
-    const KrbKeytab keytab(kerberos, options.keytab);
-    const KrbPrincipal self(context, keytab.status().ok() ? ownName(kerberos, keytab, options) : nullptr);
-    // What is wanted is a ticket for this host, to be checked with the keytab. A KDC of
-    // the host's own realm gives it at once, without one for tickets before it.
-    const bool atOnce = self.get() != nullptr && isInRealm(self.get(), realmOf(domain));
-    const std::string service = atOnce ? nameWithoutRealm(context, self.get()) : "";
-    KrbCredentials credentials(context);
-    const KrbStatus status = kerberos.firstCredentials(
-        client.get(),
-        [&](krb5_init_creds_context creds) {
-            const krb5_error_code code =
-                service.empty() ? 0 : krb5_init_creds_set_service(context, creds, service.c_str());
-            return code != 0 ? code : krb5_init_creds_set_password(context, creds, password.c_str());
-        },
-        credentials.get());
-    if (!status.ok()) kerberos.levelRefusal(password);
-    if (!status.ok()) return {status};
-    if (!keytab.status().ok()) return {keytab.status(), false};
-    if (self.get() == nullptr) return {kerberos.status(KRB5_KT_NOTFOUND), false};
-    krb5_verify_init_creds_opt verify;
-    krb5_verify_init_creds_opt_init(&verify);
-    krb5_verify_init_creds_opt_set_ap_req_nofail(&verify, 1);
-    const krb5_error_code code =
-        krb5_verify_init_creds(context, &credentials.get(), self.get(), keytab.get(), nullptr, &verify);
-    if (code != 0) return {kerberos.status(code), false};
-    return {{}, true, KerberosProof::make()};
+    if (m_life.isDue(time)) {
+        const auto loggedIn = logIn(kerberos, kdc, deadline);
+        // An old one serves as long as it is valid.
+        if (!loggedIn && !m_life.serves(time)) return vorn::unexpected(loggedIn.error());
+    }
+    return serviceTicket(kerberos, domain, host);
 }
 
 }  // namespace vexagent

@@ -11,16 +11,37 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
-#include "agent/ad/net/deadline.h"
+#include "vorn/clock.h"
+#include "vorn/deadline.h"
 
 namespace vexagent {
+
+// Which sockets are watched until when. Knows no clock and no thread.
+class WatchList {
+  public:
+    using Key = std::pair<vorn::Moment, std::uint64_t>;
+
+    Key add(int socket, vorn::Moment end);
+    void remove(const Key& key) { m_sockets.erase(key); }
+
+    // One whose end has come; it is not watched any more.
+    std::optional<int> takeOverdue(vorn::Moment now);
+    // When the next one's end comes; the far end of time where none is watched.
+    vorn::Moment next() const;
+
+  private:
+    std::map<Key, int> m_sockets;
+    std::uint64_t m_count = 0;
+};
 
 // Safe for several threads.
 class Watchdog {
   public:
-    Watchdog();
+    // The clock outlives it.
+    explicit Watchdog(const vorn::SteadyClock& clock);
     // No watch is left.
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;
@@ -30,29 +51,29 @@ class Watchdog {
     // open at least as long.
     class Watch {
       public:
-        Watch(Watchdog& dog, int socket, const Deadline& deadline)
-            : m_dog(dog), m_key(dog.add(socket, deadline)) {}
+        Watch(Watchdog& dog, int socket, vorn::Moment end) : m_dog(dog), m_key(dog.add(socket, end)) {}
+        Watch(Watchdog& dog, int socket, const vorn::Deadline& deadline)
+            : Watch(dog, socket, deadline.end()) {}
         ~Watch() { m_dog.remove(m_key); }
         Watch(const Watch&) = delete;
         Watch& operator=(const Watch&) = delete;
 
       private:
         Watchdog& m_dog;
-        const std::pair<Moment, std::uint64_t> m_key;
+        const WatchList::Key m_key;
     };
 
   private:
-    using Key = std::pair<Moment, std::uint64_t>;
-
-    Key add(int socket, const Deadline& deadline);
-    void remove(const Key& key);
+    WatchList::Key add(int socket, vorn::Moment end);
+    void remove(const WatchList::Key& key);
     void run();
 
+    const vorn::SteadyClock& m_clock;
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::map<Key, int> m_sockets;  // guarded by m_mutex, as all below
-    std::uint64_t m_next = 0;
-    Moment m_wakesAt = Moment::max();  // the thread sleeps until then, past watches that have ended
+    WatchList m_watched;  // guarded by m_mutex, as all below
+    vorn::Moment m_wakesAt =
+        vorn::Moment::max();  // the thread sleeps until then, past watches that have ended
     bool m_stopping = false;
     std::thread m_thread;
 };

@@ -1,5 +1,5 @@
 // A link and its results, against a controller that does what a test says.
-#include "agent/ad/net/link.h"
+#include "agent/ad/net/ldap_connector.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -28,6 +28,30 @@ std::string dnOf(int number) {
     return "CN=" + std::to_string(number) + ",DC=example,DC=com";
 }
 
+// How something ended, by a failure's own words; a success has none.
+struct Ended {
+    int code = LDAP_SUCCESS;
+    std::string text{};
+    bool lost = false;
+    bool again = false;
+    bool barred = false;
+    bool ok() const { return code == LDAP_SUCCESS; }
+};
+template <class T>
+Ended ended(const Linked<T>& answer) {
+    if (answer) return {};
+    const LinkFailure& failure = answer.error();
+    return {failure.code, failure.text, failure.lost, failure.again, failure.barred};
+}
+
+Deadline within(milliseconds time) {
+    return {vorn::systemSteadyClock(), time};
+}
+
+Moment now() {
+    return vorn::systemSteadyClock().now();
+}
+
 class LinkTest : public ::testing::Test {
   protected:
     LinkTest() {
@@ -41,22 +65,32 @@ class LinkTest : public ::testing::Test {
 
     // One on which nobody has introduced himself, without TLS.
     std::unique_ptr<Link> plain(const ScriptedController& controller) {
-        std::unique_ptr<Link> link;
-        const LdapStatus status = Link::openAnonymous(m_context, controller.peer(), within(kPlenty), link);
-        EXPECT_TRUE(status.ok()) << status.text;
-        return link;
+        auto link = m_connector.openAnonymous(controller.peer(), within(kPlenty));
+        EXPECT_TRUE(link) << link.error().text;
+        return std::move(*link);
     }
 
-    LdapStatus open(const ScriptedController& controller, Transport transport, milliseconds time = kPlenty) {
+    Ended open(const ScriptedController& controller, Transport transport, milliseconds time = kPlenty) {
         m_options.transport = transport;
         if (m_options.tlsCa.empty()) m_options.tlsCa = controller.authorityFile();
-        return Link::open(m_context, "example.com", controller.peer(), within(time), m_link);
+        auto link = m_connector.open("example.com", controller.peer(), within(time));
+        const Ended end = ended(link);
+        if (link) m_link = std::move(*link);
+        return end;
+    }
+
+    Ended search(Link& link, const LdapSearch& search, const Deadline& deadline,
+                 const LinkReader::Visitor& visit) {
+        return ended(LinkReader(link, m_pages, deadline).search(search, visit));
+    }
+    Ended searchAll(Link& link, const std::vector<LdapSearch>& searches, const LinkReader::Visitor& visit) {
+        return ended(LinkReader(link, m_pages, within(kPlenty)).searchAll(searches, visit));
     }
 
     // The DNs that a search finds.
-    std::vector<std::string> found(Link& link, const LdapSearch& search, milliseconds time = kPlenty) {
+    std::vector<std::string> found(Link& link, const LdapSearch& what, milliseconds time = kPlenty) {
         std::vector<std::string> dns;
-        m_status = link.search(search, within(time), [&](Entry&& entry) { dns.push_back(entry.dn); });
+        m_status = search(link, what, within(time), [&](Entry&& entry) { dns.push_back(entry.dn); });
         return dns;
     }
 
@@ -72,10 +106,11 @@ class LinkTest : public ::testing::Test {
 
     vorn::test::TemporaryFolder m_folder;
     AdOptions m_options;
-    Watchdog m_watchdog;
-    LinkContext m_context{m_options, m_watchdog, nullptr};
+    Watchdog m_watchdog{vorn::systemSteadyClock()};
+    PageRule m_pages{vorn::systemSteadyClock()};
+    LdapConnector m_connector{m_options, m_watchdog, vorn::systemSteadyClock(), nullptr};
     std::unique_ptr<Link> m_link;
-    LdapStatus m_status;
+    Ended m_status;
     const LdapSearch m_everybody{"DC=example,DC=com"};
 };
 
@@ -104,8 +139,8 @@ TEST_F(LinkTest, EntriesComeWithAllTheirValuesByteForByte) {
     });
     std::vector<Entry> entries;
     const auto link = plain(controller);
-    const LdapStatus status = link->search(m_everybody, within(kPlenty),
-                                           [&](Entry&& entry) { entries.push_back(std::move(entry)); });
+    const Ended status = search(*link, m_everybody, within(kPlenty),
+                                [&](Entry&& entry) { entries.push_back(std::move(entry)); });
     ASSERT_TRUE(status.ok()) << status.text;
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].dn, "CN=Ann,DC=x");
@@ -137,8 +172,8 @@ TEST_F(LinkTest, ABaseThatIsNotThereIsTheControllersOwnAnswer) {
     EXPECT_EQ(m_status.code, LDAP_NO_SUCH_OBJECT);
     EXPECT_THAT(m_status.text, HasSubstr("gone"));
     EXPECT_FALSE(m_status.lost);
-    EXPECT_TRUE(isMissing(m_status));
-    EXPECT_TRUE(link->looksUsable(0)) << "nothing is wrong with the connection";
+    EXPECT_TRUE(isMissing(LdapFailure(m_status.code, m_status.text)));
+    EXPECT_TRUE(link->looksUsable()) << "nothing is wrong with the connection";
 }
 
 TEST_F(LinkTest, AControllerThatIsBusyOrUnavailableIsLost) {
@@ -149,7 +184,7 @@ TEST_F(LinkTest, AControllerThatIsBusyOrUnavailableIsLost) {
         found(*link, m_everybody);
         EXPECT_EQ(m_status.code, code);
         EXPECT_TRUE(m_status.lost) << code;
-        EXPECT_FALSE(link->looksUsable(0));
+        EXPECT_FALSE(link->looksUsable());
     }
 }
 
@@ -194,12 +229,12 @@ TEST_F(LinkTest, OneThatHangsIsLostAtTheDeadline) {
     onSearch(controller, [&controller](const Asked&, Talk& talk) { controller.hang(talk); });
     const auto link = plain(controller);
     const Deadline deadline = within(kShort);
-    m_status = link->search(m_everybody, deadline, [](Entry&&) {});
+    m_status = search(*link, m_everybody, deadline, [](Entry&&) {});
     EXPECT_TRUE(deadline.passed());
     EXPECT_EQ(m_status.code, LDAP_TIMEOUT);
     EXPECT_THAT(m_status.text, HasSubstr("no answer in time"));
     EXPECT_TRUE(m_status.lost);
-    EXPECT_FALSE(link->looksUsable(0));
+    EXPECT_FALSE(link->looksUsable());
 }
 
 TEST_F(LinkTest, OneThatIsLateIsLookedAtAndGivenUpWhenItIsNotThere) {
@@ -220,7 +255,7 @@ TEST_F(LinkTest, WhenTheControllerAnsweredIsKnown) {
     const auto link = plain(controller);
     const Moment before = now();
     EXPECT_LT(link->answeredAt(), before);
-    EXPECT_TRUE(link->probe(within(kPlenty)).ok());
+    EXPECT_TRUE(LinkReader(*link, m_pages, within(kPlenty)).probe());
     EXPECT_GE(link->answeredAt(), before);
 }
 
@@ -231,12 +266,12 @@ TEST_F(LinkTest, APeerThatTalksUnaskedOrHasGoneMakesItUnusable) {
         talk.done(asked.id + 100);
     });
     const auto link = plain(controller);
-    EXPECT_TRUE(link->looksUsable(0));
+    EXPECT_TRUE(link->looksUsable());
     found(*link, m_everybody);
     EXPECT_TRUE(m_status.ok());
     const Deadline deadline = within(kPlenty);  // for it to come
-    while (link->looksUsable(0) && !deadline.passed()) std::this_thread::yield();
-    EXPECT_FALSE(link->looksUsable(0));
+    while (link->looksUsable() && !deadline.passed()) std::this_thread::yield();
+    EXPECT_FALSE(link->looksUsable());
 }
 
 // ------------------------------------------------------------------------- pages
@@ -291,7 +326,7 @@ TEST_F(LinkTest, OneThatHasCutAResultIsAskedForPagesAtOnce) {
 
 TEST_F(LinkTest, WhatFindsFewAndTheBaseAloneAreNeverAskedForByPages) {
     ScriptedController controller;
-    m_context.pagesUntil = Moment::max();
+    m_pages.holdForEver();
     const auto link = plain(controller);
     LdapSearch few = m_everybody;
     few.extent = Extent::Few;
@@ -329,11 +364,11 @@ TEST_F(LinkTest, ALargeResultThatIsCollectedForAQuarterOfTheTimeIsAskedForAgainB
     many.extent = Extent::Many;
     many.attributes = {"uid"};
     const Deadline deadline = within(milliseconds(2000));
-    m_status = plain(controller)->search(many, deadline, [](Entry&&) {});
+    m_status = search(*plain(controller), many, deadline, [](Entry&&) {});
     EXPECT_TRUE(m_status.lost);
     EXPECT_TRUE(m_status.again);
     EXPECT_FALSE(deadline.passed());
-    EXPECT_GT(m_context.pagesUntil.load(), now() + std::chrono::minutes(9));
+    EXPECT_TRUE(m_pages.holds());
 }
 
 // --------------------------------------------------------------- several searches
@@ -355,7 +390,7 @@ TEST_F(LinkTest, SeveralSearchesAreUnderWayTogether) {
     });
     std::vector<std::string> dns;
     const auto link = plain(controller);
-    m_status = link->searchAll(searches, within(kPlenty), [&](Entry&& entry) { dns.push_back(entry.dn); });
+    m_status = searchAll(*link, searches, [&](Entry&& entry) { dns.push_back(entry.dn); });
     ASSERT_TRUE(m_status.ok()) << m_status.text;
     EXPECT_EQ(dns.size(), 20u);
 }
@@ -369,11 +404,11 @@ TEST_F(LinkTest, AmongSeveralABaseThatIsNotThereFindsNothing) {
     });
     std::vector<std::string> dns;
     const auto link = plain(controller);
-    m_status = link->searchAll({{dnOf(0)}, {dnOf(1)}, {dnOf(2)}}, within(kPlenty),
-                               [&](Entry&& entry) { dns.push_back(entry.dn); });
+    m_status =
+        searchAll(*link, {{dnOf(0)}, {dnOf(1)}, {dnOf(2)}}, [&](Entry&& entry) { dns.push_back(entry.dn); });
     EXPECT_TRUE(m_status.ok());
     EXPECT_THAT(dns, ElementsAre(dnOf(0), dnOf(2)));
-    EXPECT_TRUE(link->looksUsable(0));
+    EXPECT_TRUE(link->looksUsable());
 }
 
 TEST_F(LinkTest, AmongSeveralAFailureIsTheEndOfAllAndOfTheConnection) {
@@ -382,9 +417,9 @@ TEST_F(LinkTest, AmongSeveralAFailureIsTheEndOfAllAndOfTheConnection) {
         talk.done(asked.id, asked.base == dnOf(1) ? LDAP_INSUFFICIENT_ACCESS : LDAP_SUCCESS);
     });
     const auto link = plain(controller);
-    m_status = link->searchAll({{dnOf(0)}, {dnOf(1)}, {dnOf(2)}}, within(kPlenty), [](Entry&&) {});
+    m_status = searchAll(*link, {{dnOf(0)}, {dnOf(1)}, {dnOf(2)}}, [](Entry&&) {});
     EXPECT_EQ(m_status.code, LDAP_INSUFFICIENT_ACCESS);
-    EXPECT_FALSE(link->looksUsable(0)) << "answers to the others may still be on their way";
+    EXPECT_FALSE(link->looksUsable()) << "answers to the others may still be on their way";
 }
 
 // --------------------------------------------------------------------- passwords
@@ -461,7 +496,7 @@ TEST_F(LinkTest, WhoeverRefusesTlsIsShownNothing) {
         talk.result(LDAP_RES_EXTENDED, asked.id, LDAP_PROTOCOL_ERROR);
         return true;
     });
-    const LdapStatus status = open(controller, Transport::StartTls);
+    const Ended status = open(controller, Transport::StartTls);
     EXPECT_TRUE(status.lost) << status.text;
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
     EXPECT_EQ(m_link, nullptr);
@@ -470,14 +505,14 @@ TEST_F(LinkTest, WhoeverRefusesTlsIsShownNothing) {
 TEST_F(LinkTest, AControllerOfAnotherAuthorityIsShownNothing) {
     ScriptedController controller;
     m_options.tlsCa = "/etc/ssl/certs/ca-certificates.crt";
-    const LdapStatus status = open(controller, Transport::StartTls);
+    const Ended status = open(controller, Transport::StartTls);
     EXPECT_TRUE(status.lost) << status.text;
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
 }
 
 TEST_F(LinkTest, OneThatSpeaksOldTlsOnlyIsShownNothing) {
     ScriptedController controller(ScriptedController::Tls::FromTheStart, "NORMAL:-VERS-ALL:+VERS-TLS1.1");
-    const LdapStatus status = open(controller, Transport::Ldaps);
+    const Ended status = open(controller, Transport::Ldaps);
     EXPECT_TRUE(status.lost) << status.text;
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
 }
@@ -485,14 +520,14 @@ TEST_F(LinkTest, OneThatSpeaksOldTlsOnlyIsShownNothing) {
 TEST_F(LinkTest, AnAuthorityThatCannotBeReadIsNamed) {
     ScriptedController controller;
     m_options.tlsCa = "/nowhere/ca.pem";
-    const LdapStatus status = open(controller, Transport::StartTls);
+    const Ended status = open(controller, Transport::StartTls);
     EXPECT_FALSE(status.ok());
     EXPECT_THAT(status.text, HasSubstr("/nowhere/ca.pem"));
 }
 
 TEST_F(LinkTest, AHandshakeThatNeverEndsIsEndedAtItsDeadline) {
     ScriptedController controller(ScriptedController::Tls::Silent);
-    const LdapStatus status = open(controller, Transport::Ldaps, kShort);
+    const Ended status = open(controller, Transport::Ldaps, kShort);
     EXPECT_TRUE(status.lost) << status.text;
     EXPECT_EQ(m_link, nullptr);
 }
@@ -504,12 +539,12 @@ TEST_F(LinkTest, ARefusedServicePasswordIsNotShownAgainAtOnce) {
         talk.result(LDAP_RES_BIND, asked.id, LDAP_INVALID_CREDENTIALS, "80090308: data 52e");
         return true;
     });
-    const LdapStatus first = open(controller, Transport::StartTls);
+    const Ended first = open(controller, Transport::StartTls);
     EXPECT_TRUE(first.lost);
     EXPECT_TRUE(first.barred);
     EXPECT_THAT(first.text, HasSubstr("data 52e"));
     EXPECT_NE(first.code, LDAP_INVALID_CREDENTIALS) << "nobody's password but the agent's own was wrong";
-    const LdapStatus second = open(controller, Transport::StartTls);
+    const Ended second = open(controller, Transport::StartTls);
     EXPECT_TRUE(second.barred);
     EXPECT_THAT(second.text, HasSubstr("ad.bind.name"));
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 1u);
@@ -531,7 +566,7 @@ TEST_F(LinkTest, AnotherPasswordInTheFileIsTriedAtOnce) {
 TEST_F(LinkTest, APasswordFileThatIsNotThereOrOpenToOthersIsToldByItsName) {
     ScriptedController controller;
     ::chmod(m_options.bindPasswordFile.c_str(), 0644);
-    LdapStatus status = open(controller, Transport::StartTls);
+    Ended status = open(controller, Transport::StartTls);
     EXPECT_THAT(status.text, HasSubstr("ad.bind.password.file"));
     m_options.bindPasswordFile += ".not";
     status = open(controller, Transport::StartTls);
@@ -540,11 +575,10 @@ TEST_F(LinkTest, APasswordFileThatIsNotThereOrOpenToOthersIsToldByItsName) {
 }
 
 TEST_F(LinkTest, NobodyAtAPortIsToldWithItsNameAndPort) {
-    std::unique_ptr<Link> link;
-    const LdapStatus status = Link::openAnonymous(m_context, {"127.0.0.1", 1}, within(kPlenty), link);
-    EXPECT_TRUE(status.lost);
-    EXPECT_THAT(status.text, HasSubstr("127.0.0.1 port 1"));
-    EXPECT_EQ(link, nullptr);
+    const auto link = m_connector.openAnonymous({"127.0.0.1", 1}, within(kPlenty));
+    ASSERT_FALSE(link);
+    EXPECT_TRUE(link.error().lost);
+    EXPECT_THAT(link.error().text, HasSubstr("127.0.0.1 port 1"));
 }
 
 }  // namespace

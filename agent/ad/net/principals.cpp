@@ -1,0 +1,66 @@
+#include "agent/ad/net/principals.h"
+
+#include "agent/ad/net/krb_profile.h"
+#include "vorn/strings.h"
+
+namespace vexagent {
+namespace {
+
+std::string_view textOf(const krb5_data& data) {
+    return {data.data, data.length};
+}
+
+}  // namespace
+
+Krb<KrbPrincipal> newPrincipal(const Kerberos& kerberos, const std::string& realm,
+                               std::initializer_list<std::string_view> components) {
+    // The library's variadic function wants a number of arguments that is known.
+    const auto* first = components.begin();
+    const auto length = [](std::string_view text) { return static_cast<unsigned>(text.size()); };
+    KrbPrincipal principal(kerberos.get());
+    const krb5_error_code code =
+        components.size() == 1 ? krb5_build_principal_ext(kerberos.get(), principal.place(), length(realm),
+                                                          realm.data(), length(first[0]), first[0].data(), 0)
+                               : krb5_build_principal_ext(kerberos.get(), principal.place(), length(realm),
+                                                          realm.data(), length(first[0]), first[0].data(),
+                                                          length(first[1]), first[1].data(), 0);
+    if (code != 0) return vorn::unexpected(kerberos.failure(code));
+    return principal;
+}
+
+bool isInRealm(krb5_const_principal principal, const std::string& realm) {
+    return textOf(principal->realm) == realm;
+}
+
+std::string nameWithoutRealm(const Kerberos& kerberos, krb5_const_principal principal) {
+    char* text = nullptr;
+    if (krb5_unparse_name_flags(kerberos.get(), principal, KRB5_PRINCIPAL_UNPARSE_NO_REALM, &text) != 0)
+        return {};
+    std::string name = text;
+    krb5_free_unparsed_name(kerberos.get(), text);
+    return name;
+}
+
+KrbPrincipal machineName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
+    if (!options.principal.empty()) {
+        KrbPrincipal name(kerberos.get());
+        krb5_parse_name(kerberos.get(), options.principal.c_str(), name.place());
+        return name;
+    }
+    const std::string realm = realmOf(options.domain);
+    return keytab.find([&](krb5_const_principal principal) {
+        return principal->length == 1 && isInRealm(principal, realm) &&
+               textOf(principal->data[0]).ends_with('$');
+    });
+}
+
+KrbPrincipal ownName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
+    const std::string realm = realmOf(options.domain);
+    KrbPrincipal host = keytab.find([&](krb5_const_principal principal) {
+        return principal->length == 2 && isInRealm(principal, realm) &&
+               vorn::equalsIgnoreCase(textOf(principal->data[0]), "host");
+    });
+    return host.get() != nullptr ? std::move(host) : machineName(kerberos, keytab, options);
+}
+
+}  // namespace vexagent
