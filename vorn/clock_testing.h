@@ -12,7 +12,7 @@ namespace vorn::test {
 class ManualClock : public SteadyClock {
   public:
     Moment now() const override { return m_now; }
-    void advance(std::chrono::milliseconds time) { m_now = m_now.load() + time; }
+    void advance(Moment::duration time) { m_now = m_now.load() + time; }
     void set(Moment moment) { m_now = moment; }
 
   private:
