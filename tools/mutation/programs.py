@@ -128,10 +128,11 @@ class Bench:
 
     def chosen(self, is_google):
         """The object that chooses between the changes."""
-        made = self.folder / f"chosen{int(is_google)}.o"
+        made, source = self.folder / f"chosen{int(is_google)}.o", HERE / "chosen.cpp"
         flags = ["-DMUTATION_GTEST"] if is_google else []
-        if not made.exists() and not self.run(["c++", "-std=c++20", "-O2", *flags, "-c", str(HERE / "chosen.cpp"),
-                                               "-o", str(made)], 300, self.folder):
+        isNew = made.exists() and made.stat().st_mtime > source.stat().st_mtime
+        if not isNew and not self.run(["c++", "-std=c++20", "-O2", *flags, "-c", str(source), "-o", str(made)],
+                                      300, self.folder):
             raise NotBuilt("chosen.cpp does not compile")
         return made
 
