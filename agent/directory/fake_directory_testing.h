@@ -26,7 +26,7 @@ class FakeDirectory : public Directory {
     LoginOptions loginOptions;  // of the last login
 
     Query asked;         // of the last search
-    std::string domain;  // of the last fetch
+    std::string within;  // what domain, of the last fetch
     View viewed;         // of the last fetch or look-up
 
     bool looksAhead = true;
@@ -63,10 +63,10 @@ class FakeDirectory : public Directory {
         return {};
     }
 
-    Result fetch(const std::string& within, const std::string& dn, const View& view,
+    Result fetch(const std::string& domain, const std::string& dn, const View& view,
                  Object& object) override {
         ++fetches;
-        domain = within;
+        within = domain;
         viewed = view;
         if (dn != "there") return Result::ldap(VEX_NO_SUCH_OBJECT, 32, "no object has this DN");
         object = {{"_dn", {dn}}};

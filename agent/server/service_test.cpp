@@ -113,7 +113,7 @@ TEST_F(ServiceTest, AFetchAndALookUpGiveOneObjectAsItIsWanted) {
                               options));
     };
     EXPECT_EQ(fetch({}).total, 1);
-    EXPECT_EQ(m_directory.domain, "example.com");
+    EXPECT_EQ(m_directory.within, "example.com");
     EXPECT_EQ(m_directory.viewed.attributes, (std::vector<std::string>{"cn", "mail"}));
     EXPECT_FALSE(m_directory.viewed.zone);
     EXPECT_EQ(fetch({VEX_OPTION_ZONE_VIEW}).dns, std::vector<std::string>{"there"});
