@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The front door. CMake and its presets do the building; see CMakePresets.json.
 
 PYTHON := /usr/bin/python3

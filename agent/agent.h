@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The agent as a whole: its directory, its threads, its socket, its signals.
 #pragma once
 

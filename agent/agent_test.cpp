@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The agent as a process: each test forks it.
 
 #include "agent/agent.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The words that the agent is started with.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexagent: the directory agent of this host.
 
 #include "agent/agent.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the agent's process asks of the system for itself.
 #pragma once
 

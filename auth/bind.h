@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simple binds: answered from the credential cache, or by the agent.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hooks are called with slapd's records, whose headers come last.
 #include <gmock/gmock.h>
 

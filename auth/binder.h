@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a bind does, with its clocks passed in.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The credential cache: who was validated with which password, for a while.
 //
 // Passwords are never kept, only salted {SHA} hashes. A credential lives until

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory that runs out in the middle of a bind, at each allocation in turn: what was
 // known is known, or what is new is, and nothing between.
 #include <gmock/gmock.h>

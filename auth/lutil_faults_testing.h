@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests decide what slapd's random bytes and hashes are. The test program is
 // linked so that the calls come here first.
 #pragma once

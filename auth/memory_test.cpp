@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // After a bind, no byte of a password is left in the process's writable memory;
 // after the cache is cleared, none of a salt or a hash either.
 #include <gtest/gtest.h>

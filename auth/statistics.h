@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many binds there were, who answered them, and how fast the agent was.
 #pragma once
 

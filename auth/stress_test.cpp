@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Binds, closing connections and expiry from many threads at once; for the thread
 // sanitizer most of all.
 #include <gmock/gmock.h>

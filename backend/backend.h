@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The back-end's frame: what slapd calls.
 //
 // Each hook returns an int, 0 for success; which record field it is installed in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration directives, one setting each.
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module's entry and the hooks of its life.
 
 #include <cstddef>

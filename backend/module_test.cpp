@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module's life as slapd sees it. One test: registration and destroy happen
 // once in a process.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What slapd's loaded overlays are configured with.
 #pragma once
 

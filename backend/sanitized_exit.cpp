@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How slapd ends when the module is built with a sanitizer; in no other build.
 //
 // slapd links no sanitizer: its runtime is preloaded, and waits forever in the

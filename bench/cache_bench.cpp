@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the search cache costs a search: hits and stores, a small and a large
 // table, one and two threads. Hits walk either 1,000 keys or all of the table's:
 // with 1,000 keys a hit costs about the same in either table; with all of them the

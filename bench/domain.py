@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the gateway costs in front of an Active Directory domain, for run.py: beside ldapsearch on
 the domain itself, and beside back-ldap with rwm on the same domain.
 

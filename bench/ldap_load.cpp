@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A load generator for LDAP servers: keeps connections busy with one kind of request,
 // checks every answer, and prints one line of JSON, or one for each line that it reads.
 // Ends with 1 when an answer was wrong, with 2 when it was called wrongly.

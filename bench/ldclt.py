@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The same look-ups by ldclt, another load generator: does it see what ours sees?"""
 import re
 import shutil

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is measured: which requests, of whom, and which contenders answer them."""
 import json
 import subprocess

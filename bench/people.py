@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The people and groups of every contender, from one seed.
 
 The same facts in two shapes: as Active Directory has them (the embedded directory, and

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The ratios as a picture: a bar for each, a line where both are equal."""
 from html import escape
 

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Counts the instructions of a slapd for each request, function by function, with callgrind;
 or those of the agent behind it.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Tables of a run, as text that reads well on a terminal and as Markdown."""
 
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The figures of a run: medians, ratios and their spread."""
 import statistics
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """libvex's round trips beside a bare Unix socket, on the agent of a lab."""
 import json
 import subprocess

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the contenders side by side and writes results.md, results.json and ratios.svg.
 
     bench/run.py [--quick] [--rounds N] [--seconds S] [--people N] [--only KEY,...] [--output FOLDER]

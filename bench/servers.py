@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The contenders: slapd in its different shapes, all on loopback, with the same people.
 
 Servers run on the machine's first processor and the load generator on its second, so

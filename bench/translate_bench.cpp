@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What translation costs a search, without slapd: a filter into the agent's text, and
 // objects into LDIF text: a person with 12 attributes and with 60, all of them asked
 // for or seven by name, and a group of 5,000 members. The translation file is the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a request through libvex costs, beside the same bytes over a bare Unix socket.
 //
 //     vex_roundtrip DATABASE KEYS FOLDER [PEER-PROCESSOR]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the cache does not take, and what makes room for it.
 #include <sys/resource.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the cache's tests share: a clock that stands still, objects, a manager
 // whose dumps go to a folder of its own.
 #pragma once

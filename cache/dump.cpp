@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The picture of the whole cache that SIGUSR1 asks for: the watcher and the dump.
 #include <cstdio>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The manager against its rules said once more, as plainly as possible: over many
 // random operations both tables hold the same entries, in the same order, and
 // count the same.

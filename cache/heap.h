@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many bytes of the heap an allocation takes, for those who count them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process's one manager.
 #include "cache/search_cache.h"
 

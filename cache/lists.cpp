@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list cache: GUID lists by search key.
 #include <algorithm>
 #include <utility>

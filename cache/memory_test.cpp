@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bound of bytes against what the heap says, with libvex's own objects. The whole
 // process is measured: nothing else runs.
 #include <gtest/gtest.h>

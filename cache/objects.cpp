@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The object cache: clones of the agent's objects by GUID.
 #include <cstring>
 #include <utility>

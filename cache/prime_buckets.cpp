@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "cache/prime_buckets.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bucket counts that a hash table may have.
 #pragma once
 

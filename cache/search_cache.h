@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The search cache: which objects a search found, and the objects.
 //
 // Two tables: lists of GUIDs by search key, and objects by GUID. Both expire

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A hash table with chains, whose bucket counts and order are fixed rules.
 //
 //     CacheTable<int> table;

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Everything from outside, as targets whose headers count as system headers.
 
 find_package(PkgConfig REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `make install` puts where: the one place that says so.
 #
 # The prefix is /usr unless another one is chosen: slapd looks for modules there, and

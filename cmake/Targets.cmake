@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # How this project declares its targets.
 #
 # A library's headers are reachable only as "<folder>/<header>.h", and only by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any filter tree either translates or is refused; what is not a name or value of
 // the tree is never read.
 #include "translate/filter.h"

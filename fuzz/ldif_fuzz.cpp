@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whatever an object's values are, a reader of LDIF gets them back, and nothing
 // else.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The properties parser takes any bytes: it answers with a table or with a
 // PropertiesException, and the table it makes is whole.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz target over the files of the folders given, as an ordinary test:
 // what was once found stays fixed, without a fuzzer at hand.
 #include <cstdint>

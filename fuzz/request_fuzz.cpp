@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client that lies to the agent: any bytes as a request's frame.
 
 #include <cstddef>

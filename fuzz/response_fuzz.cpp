@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An agent that lies to a client: any bytes, received as a frame, verified as a
 // response, and then all that a program can read of it. An input is a frame, its
 // length in front; the bytes behind that are looked at whatever the length says.

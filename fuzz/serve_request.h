@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the agent does with one client's request, whatever is in its frame.
 #pragma once
 

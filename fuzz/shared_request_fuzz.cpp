@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client whose frames say more than they hold: texts, names and options that share
 // their bytes. Whatever it builds, the directory is given no more text than a request
 // may be long.

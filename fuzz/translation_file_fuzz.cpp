@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any translation file that can be read is used to the letter: names, values and
 // filters come out as a plain look-up in its entries has them, and an object is
 // written whole whatever attributes the file names.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The attributes that a search asks for, in the agent's terms.
 //
 // Applications ask for the same attributes again and again: what their names came to

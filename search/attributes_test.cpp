@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is kept of the thread's last list of attributes is used for its like only.
 #include "search/attributes.h"
 

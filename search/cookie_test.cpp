@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cookies of paged searches: in which order they are checked, what a refused one leaves
 // as it was, and what the registry says of the searches that they name.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every way that a search can end, and what the cache holds after it: a list only when
 // the agent has said that it was whole.
 

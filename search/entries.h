@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Agent objects as slapd entries.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exact replies: those that applications made for this gateway know by heart.
 //
 // Nothing found is "no such object". Several events send their result at once, and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client is sent of each event of a search, and what is sent again at its end.
 #include "search/exact_reply.h"
 

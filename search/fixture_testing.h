@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every test of the search handler begins and ends with.
 #pragma once
 

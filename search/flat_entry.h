@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A slapd entry in one block of memory.
 //
 // str2entry makes an entry of dozens of small blocks. One that is read again and again,

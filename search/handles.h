@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Open searches, and what of them outlives a request.
 //
 // A paged search stays open between two requests of one connection. The client

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of open searches: what it bounds, and that it waits for nobody.
 
 #include "search/handles.h"

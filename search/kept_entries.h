@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entries kept with the cached objects that they were made from.
 //
 // To make LDIF text of an object and have slapd parse it costs more than all the

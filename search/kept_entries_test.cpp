@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entries kept with cached objects: what is sent is the same with and without them.
 
 #include "search/kept_entries.h"

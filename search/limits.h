@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client may have of one search: so many entries, for so long.
 #pragma once
 

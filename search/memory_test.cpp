@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches whose memory runs out: at the first allocation, at the second, and so on to
 // the last. Each ends in order, gives back what it holds, and tells the cache nothing
 // that the next search would believe.

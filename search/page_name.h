@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names that cookies give to open pages.
 #pragma once
 

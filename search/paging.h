@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simple paged results control (RFC 2696), answered by the module itself.
 //
 // The cookie is 24 bytes: three unsigned 64-bit numbers in the host's byte order,

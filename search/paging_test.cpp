@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Paged results: pages, cookies, what is registered and what is released.
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches and the search cache, against a scripted agent: what is replayed, what
 // is asked again, what is stored.
 

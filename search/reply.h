@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reply to one search: its limits, its pages, and what is told by a policy.
 #pragma once
 

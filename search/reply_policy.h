@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client is told of a search: the answers to what happens in it.
 //
 // The steps of a search and the reply's bookkeeping (search/reply.h) say what happened;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the reply says to its policy, and when.
 #include "search/reply.h"
 

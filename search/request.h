@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A search request in the agent's terms.
 //
 // Prepared step by step, in the order of the functions below: the search handler

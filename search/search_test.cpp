@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The search handler against a scripted agent: which calls it makes, and what the
 // client gets.
 

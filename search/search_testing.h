@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Search requests for tests, and what a client gets of them, without a running
 // slapd and without an agent.
 #pragma once

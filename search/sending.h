@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every reply is sent with.
 #pragma once
 

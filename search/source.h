@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the objects of one search come from: its session and its open search.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the objects of a search come from, without a request of slapd's.
 #include "search/source.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What comes before what in a search, and what each step leaves alone.
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slapd's parsed filters as the agent's filter text.
 //
 // A value is text that ends at its first NUL byte, as texts of the agent's interface do.

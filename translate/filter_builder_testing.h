@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slapd's filter trees for tests, made by hand.
 #pragma once
 

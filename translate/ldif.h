@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Agent objects as LDIF text (RFC 2849) that slapd's str2entry reads.
 #pragma once
 

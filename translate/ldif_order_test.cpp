@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In which order an object's conversion reads, tells and asks what is wanted.
 #include "translate/ldif.h"
 

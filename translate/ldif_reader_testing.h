@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A reader of LDIF lines for tests, written apart from the code that writes them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Look-ups in the attribute translation map.
 //
 // The map is one table from text to text, compared without regard to case:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of vex/vex.h that may ask the agent.
 #include "vex/edge.h"
 #include "vex/session.h"

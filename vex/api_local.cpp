@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of vex/vex.h that need no agent: objects, names of codes, and
 // the free calls.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One letter of a format of vex_ber_printf.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The BER functions of vex/vex.h, beside those of liblber.
 #include <gtest/gtest.h>
 

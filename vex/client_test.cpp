@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the calls ask the agent, and what they make of its answers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

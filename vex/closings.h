@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches that are over, but the agent does not know it yet: telling it would have meant
 // waiting.
 #pragma once

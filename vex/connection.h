@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connection to the agent: frames out, frames in, each within a deadline.
 //
 // Signals do not disturb it: an interrupted wait goes on, and a connection whose

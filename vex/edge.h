@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every function of the C interface does at its edge.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vex/exchange.h"
 
 #include "vex/closings.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The shared library shows the functions that the header declares, and no other symbol.
 
 Called with the library and the header."""

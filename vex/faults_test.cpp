@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the client makes of an agent that fails it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

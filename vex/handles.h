@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the agent client interface hands out, with an owner from its birth on.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a session will look up next, and the objects that have come before their look-up.
 #pragma once
 

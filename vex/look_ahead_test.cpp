@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Look-ups that were announced: what is asked for in one trip, and what stays as without.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

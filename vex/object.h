@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Directory objects in memory.
 //
 // An object is one immutable buffer: a count and the bytes of a verified

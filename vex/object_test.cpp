@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading objects.
 #include "vex/object.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The connections that this process keeps between its requests.
 //
 // A request takes one, or opens one when none is kept, and gives it back when

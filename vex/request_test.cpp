@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // That a password is nowhere in memory that a request gave back.
 //
 // Arrays are allocated through the functions below, which look at each array's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vex/scripted_agent_testing.h"
 
 #include <poll.h>

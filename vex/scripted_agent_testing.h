@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An agent for tests: it speaks the protocol in this process, on a socket in a
 // folder of its own, and misbehaves as told.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sessions and searches. They are records of this process; the agent does not know them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sockets of this process.
 //
 // A child that is forked shares its parent's descriptors. Were both to speak on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A C program that knows nothing but vex.h and libvex.so.0. */
 #include "vex/vex.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The wire between libvex and vexagent: a Unix stream socket that carries frames.
 //
 // A frame is a 4-byte little-endian length and that many bytes. From client to

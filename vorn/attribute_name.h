@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names of attributes, as LDAP clients write them (RFC 4512, 2.5).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time, passed in where a test wants to choose it. Nothing but this reads it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A moment by which something must be over.
 #pragma once
 

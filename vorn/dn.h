@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Distinguished names as text (RFC 4514), on libldap's parser.
 #pragma once
 

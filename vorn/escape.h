@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes that cannot stand for themselves, written in hexadecimal digits.
 //
 // Which bytes those are depends on where the text goes: a filter (here), a DN

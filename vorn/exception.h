@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exceptions that cross a boundary inside the system. None of them ever
 // crosses a C interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a function returns: what it found, or why not.
 //
 // C++23's std::expected in the form that Debian packages for C++20 (tl::expected), with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the system's errors become reasons for refusing a file.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data that cannot be reached without its lock.
 //
 //     Guarded<std::vector<int>> numbers;

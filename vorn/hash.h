@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hashing for tables in memory; not for anything secret.
 #pragma once
 

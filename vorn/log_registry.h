@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What all loggers of the process share: the levels and the open places.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The places that log records go to.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of log lines.
 //
 // A line tells of one event. What is put into it, such as a name that a client sent,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Named log channels.
 //
 // A channel's name is a path of words joined by full stops; its parent is the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Looking for a secret in the process's own memory, for tests.
 #pragma once
 

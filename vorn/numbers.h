@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole numbers in texts from outside.
 #pragma once
 

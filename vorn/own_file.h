@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files with secrets that this process alone may read.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that this process alone may read.
 
 #include "vorn/own_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tables of text keys and text values, read from properties files.
 //
 // The syntax is that of java.util.Properties, in UTF-8:

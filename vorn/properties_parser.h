@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The grammar of properties files, apart from the table that they fill.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What was met before, as long as there is room for it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Secrets: bytes that are wiped, never printed, and compared in constant time.
 #pragma once
 

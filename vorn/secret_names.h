@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attributes that hold secrets, known by their names.
 //
 // A directory's schema may know of more. What it does not mark, and what has no

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that nobody else can have prepared.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The settings of this host: one properties file, read once by each process.
 //
 // The file is /etc/zanthe/zanthe.conf, or the one that the environment variable

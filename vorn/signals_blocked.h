@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scope in which no signal is delivered to the calling thread.
 #pragma once
 

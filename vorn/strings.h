@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text helpers. Letters are ASCII letters: what is not ASCII is left alone, so
 // the result never depends on the locale.
 #pragma once

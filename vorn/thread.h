@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A thread that can be ended from outside without leaving a lock held.
 #pragma once
 

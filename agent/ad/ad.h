@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An Active Directory domain as a directory: a front of those who find its objects, check
 // its people's passwords, and know which domains there are.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A domain as a directory.
 
 #include "agent/ad/ad.h"

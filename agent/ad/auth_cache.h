@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The agent's own memory of passwords that were right, for times without a domain.
 //
 // A record holds a name, whose it is, a yescrypt hash of the password, when the domain

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory of log-ins.
 
 #include "agent/ad/auth_cache.h"

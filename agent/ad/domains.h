@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which domains there are: the joined one, those that it names itself, and its forest's
 // global catalog; nothing else.
 //

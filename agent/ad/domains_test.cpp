@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which domains there are.
 
 #include "agent/ad/domains.h"

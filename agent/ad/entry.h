@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An entry as a controller sent it.
 #pragma once
 

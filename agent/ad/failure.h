@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why a domain did not do what it was asked for.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client is told of a domain's failure.
 
 #include "agent/ad/failure.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a client's filter to one that a domain controller answers quickly.
 #pragma once
 

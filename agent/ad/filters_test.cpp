@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Filters for controllers.
 
 #include "agent/ad/filters.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The forest example.com in memory, with people and groups as a test wants them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/group_walk.h"
 
 #include "agent/ad/objects.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way up: from a person to the groups that show it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ids for accounts that have no numbers of their own, made from their SIDs.
 //
 // The id of a SID whose last sub-authority is RID is

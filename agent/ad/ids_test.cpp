@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ids made from SIDs.
 
 #include "agent/ad/ids.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The domains that a domain names itself: those of its forest, and those that it has a
 // trust with.
 //

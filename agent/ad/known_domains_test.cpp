@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which domains a domain names.
 
 #include "agent/ad/known_domains.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What refused log-ins mean.
 
 #include "agent/ad/login.h"

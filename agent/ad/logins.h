@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who logs in to a domain: from a name to its account to a verdict.
 #pragma once
 

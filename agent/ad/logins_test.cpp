@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who logs in, and who does not.
 
 #include "agent/ad/logins.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What people are called in memberUid, remembered for a short while.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is remembered of people's names, and for how long.
 
 #include "agent/ad/member_names.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way down: from groups to the people who are in them.
 #pragma once
 

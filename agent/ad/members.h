@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who is in which group: the zone's view.
 //
 // A controller keeps a group's members, and for each member the groups that it is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who is in which group.
 
 #include "agent/ad/members.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What walks along memberships read.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which object a name means.
 
 #include "agent/ad/names.h"

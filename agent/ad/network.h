@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the meaning of a domain rests on: somebody who can be asked.
 //
 // This folder knows what names, accounts, members and numbers of a domain mean. It knows

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a network promises, seen on the one in memory that the other tests rest on.
 
 #include "agent/ad/network.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A forest in memory, for tests: domains with entries and passwords, a clock that only
 // moves as far as answers take, and controllers that fail when a test wants them to.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a controller's entry to the object that a client sees.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Objects from controllers' entries.
 
 #include "agent/ad/objects.h"

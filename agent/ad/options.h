@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an Active Directory domain is served with.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From what a client asks for to what a domain is asked for.
 #pragma once
 

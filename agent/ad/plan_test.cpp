@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a domain is asked for, for what a client asks for.
 
 #include "agent/ad/plan.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The forest's schema, read from a controller and kept.
 #pragma once
 

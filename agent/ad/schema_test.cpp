@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is known of the forest's schema, and for how long.
 
 #include "agent/ad/schema.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A search of a domain, from its first entry to its last.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a domain holds: from a query to its objects.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What searches and look-ups of a domain come to.
 
 #include "agent/ad/searches.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memberUid values that are stored with groups.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a directory's entry says of whether its account may log in.
 //
 // What is there and cannot be read never counts as leave.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Object categories: what kind of thing an object is.
 #pragma once
 

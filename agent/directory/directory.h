@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The directory behind the agent.
 //
 // The server and the service know a directory by this interface only, so that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A directory in memory for tests: a search's filter says what it finds.
 #pragma once
 

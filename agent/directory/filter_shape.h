@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A filter's size, told from its text before anything is made of it.
 #pragma once
 

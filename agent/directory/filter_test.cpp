@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What becomes of a client's filter. How deep and long one may be: filter_shape_test.
 #include "agent/directory/filter.h"
 

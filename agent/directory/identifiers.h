@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // GUIDs and SIDs as Active Directory stores them and as people read them.
 #pragma once
 

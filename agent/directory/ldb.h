@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LDB's C interface, with an owner for what it allocates.
 #pragma once
 

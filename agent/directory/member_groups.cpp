@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/directory/member_groups.h"
 
 #include <ldap.h>

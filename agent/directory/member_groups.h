@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The groups of people whom one request names.
 #pragma once
 

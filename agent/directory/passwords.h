@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Passwords kept as crypt(3) hashes.
 #pragma once
 

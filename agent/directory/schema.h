@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a directory's schema says about its attributes.
 #pragma once
 

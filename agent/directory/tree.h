@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walking a filter tree.
 #pragma once
 

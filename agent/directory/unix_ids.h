@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The numbers by which hosts know people and groups.
 //
 // A host takes them from the directory as they are. A person whose uidNumber is 0 would

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which numbers of the directory hosts are shown.
 
 #include "agent/directory/unix_ids.h"

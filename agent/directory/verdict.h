@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What came of checking a password.
 //
 // "Accepted" needs a proof. Only the four places that find out that a password is right

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The proofs themselves are made, and tested, where a password is found out to be right.
 #include "agent/directory/verdict.h"
 

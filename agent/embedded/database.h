@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The embedded directory's file: an LDB database on LMDB.
 //
 // LMDB lets any number of threads and processes read while one writes, so a

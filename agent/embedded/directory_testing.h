@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small directory for the tests.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The embedded directory: Active Directory's shape on a file of this host.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a filter costs on LDB.
 #pragma once
 

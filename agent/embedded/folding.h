@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Comparing text without regard to case outside ASCII.
 //
 // LDB by itself folds ASCII letters only, and its index keys are made so, by the

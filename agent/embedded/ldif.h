@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Building the embedded directory's database from LDIF (RFC 2849).
 #pragma once
 

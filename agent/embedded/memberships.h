@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What groups show as memberUid, remembered until the database changes.
 #pragma once
 

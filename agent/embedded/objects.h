@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a database record to the object that a client sees.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which attributes are indexed.
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Running a prepared search on the embedded directory.
 //
 // A search visits the database once. Up to the first batch the objects are kept

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The zone's view: what follows from several objects together.
 //
 // The database keeps a group's members and nothing in the other direction, so

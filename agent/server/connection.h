@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One client's connection.
 //
 // It greets, then reads one request at a time, has it worked on, and writes the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests whose memory runs out: at the first allocation, at the second, and so on to the
 // last. The agent lives, says so or ends the connection, keeps nothing half-made, and
 // answers the next one rightly.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One process at a time in a folder.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/server/handed_over.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the service manager has handed over to this process, by systemd's protocol: the
 // environment variable LISTEN_FDS says how many descriptors there are, from 3 on, and
 // LISTEN_PID to whom they were handed.

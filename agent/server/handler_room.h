@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Room that is set aside for a handler of Asio's, so that waiting for what must come
 // needs no memory at a time when there is none.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One request's frame, as it comes in piece by piece.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // After an authentication no copy of the password is left in the agent's writable
 // memory, whatever became of the request.
 

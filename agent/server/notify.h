@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Telling the service manager how the agent is, by systemd's notification
 // protocol: one datagram of "NAME=VALUE" to the socket that the environment
 // variable NOTIFY_SOCKET names (a path, or "@" and a name in the abstract name

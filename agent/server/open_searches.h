@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The searches that clients have left open.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/server/open_searches.h"
 
 #include <gtest/gtest.h>

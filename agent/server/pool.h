@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threads that work on requests.
 //
 // There are two lanes. At most all threads but one work on the slow lane at the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The agent's socket: accepting connections and ending them.
 //
 // One thread, that of the I/O context, does all the I/O; the pool's threads do

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server under clients that behave and clients that do not.
 
 #include "agent/server/server.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a request to its answer.
 //
 // The service knows the clients by the process that the socket's peer

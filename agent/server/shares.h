@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who holds how many of the agent's places.
 //
 // One process may hold three quarters of them, and one user seven eighths, so that

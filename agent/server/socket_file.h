@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The agent's Unix socket in the file system.
 #pragma once
 

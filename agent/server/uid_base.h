@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bases that name a person by the uid, as UNIX programs do.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many requests may wait for the agent at once.
 //
 // A request that waits for the agent holds one of slapd's threads. If all threads waited

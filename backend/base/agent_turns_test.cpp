@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "backend/base/agent_turns.h"
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Telling an LDAP client why the agent failed.
 #pragma once
 

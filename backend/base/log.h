@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module's two ways to say something. Callable from any thread, with no
 // set-up. What is put into a line is escaped, so that it can neither end it nor begin
 // another one (see vorn/log_text.h); then the line is cut at 1021 characters.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module's settings: plain globals, written only while slapd reads its
 // configuration, read without locks afterwards. The defaults stand until a
 // directive changes them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slapd's own headers, contained.
 //
 // slap.h defines thousands of macros, some under names that C++ code uses. So

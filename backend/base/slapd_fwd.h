@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // slapd's records by their names alone, for headers that only pass them on. Who reads
 // one includes backend/base/slapd.h, last.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names of the attributes that agent objects can carry: absent until the first
 // bind that reaches the agent, then never changed until the module's end.
 #pragma once

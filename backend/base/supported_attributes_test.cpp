@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "backend/base/supported_attributes.h"
 
 #include <gtest/gtest.h>

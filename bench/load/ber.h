@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Basic Encoding Rules (X.690) as LDAP uses them (RFC 4511, section 5.1):
 // definite lengths, tags of one byte.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Latencies by size: a count for each range, the ranges growing with the value, so
 // that every quantile is right within 1/32 whatever its size.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LDAP messages (RFC 4511): the requests that a load run sends, made once and sent
 // many times, and what it reads of the answers.
 #pragma once

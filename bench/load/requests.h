@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The messages of a run, made beforehand, and the order in which they are sent.
 #pragma once
 

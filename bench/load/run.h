@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A load run: connections that keep a server busy, and what comes of it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Agents for comparison: processes that answer on a Unix socket and do nothing else.
 #pragma once
 

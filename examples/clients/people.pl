@@ -1,4 +1,5 @@
 #!/usr/bin/perl
+# SPDX-License-Identifier: Apache-2.0
 # Net::LDAP: logs in, looks a person up, counts everybody page by page, and tries what
 # the gateway does not do.
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """python-ldap: logs in, looks a person up, counts everybody page by page, and tries what
 the gateway does not do.
 

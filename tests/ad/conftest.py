@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Fixtures of the tests on a domain. The build folder is ZX_BUILD, as for the
 end-to-end tests, whose servers these tests run."""
 import os

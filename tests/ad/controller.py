@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A Samba domain controller: what makes it, starts it, hangs it and stops it."""
 import contextlib
 import os

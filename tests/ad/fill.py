@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Fills a stopped controller's directory. For lab.py, which runs it as a program.
 
     fill.py company FOLDER HOST ADDRESS LDIF    names, password policy, the example's objects

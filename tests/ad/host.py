@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a domain on loopback takes from its host: addresses, certificates, programs."""
 import contextlib
 import ctypes

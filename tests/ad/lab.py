@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A real Active Directory domain for the tests: Samba domain controllers on loopback.
 
     with Lab("company") as lab:                # a running domain; gone at the end

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A name server that knows a few names: SRV records and addresses (RFC 1035, RFC 2782).
 A service of several servers is a list of them.
 

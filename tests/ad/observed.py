@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What clients saw when something was wrong, and after how long: the run's last table."""
 import time
 

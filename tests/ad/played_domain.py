@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A domain that scripted peers play: its entries, and the agent's settings for it."""
 from directories import ZONE
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A relay before a domain controller, at an address of its own: it counts what clients
 ask, can stop serving a port, and has answers come late or never.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """samba-tool for a controller that serves no files: it sets no NT ACLs on its sysvol
 folder, which takes rights that a container's root may not have."""
 import sys

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """An LDAP server that plays what a Samba controller never does.
 
     with ScriptedPeer(lab_files, entries) as peer:

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Binds against a domain: accounts in every state, and what a bind costs them."""
 import ldap
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Groups of ten thousand, asked for by agents that know nobody yet. What counts against
 the time that a request has by itself (ad.timeout is 8) is processor time: the domain's
 and the agent's, who wait for each other."""

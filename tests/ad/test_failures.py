@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Controllers stop, hang and come back; keytabs, clocks and name services are wrong. What
 clients see, and after how long: a table of it ends the run.
 

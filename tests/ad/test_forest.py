@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A forest of two domains, played by scripted peers: the joined one, its global catalog,
 and another domain, which the agent finds by its name."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Groups of a domain through the gateway: large, deeply nested, cyclic, mixed."""
 import ldap
 import pytest

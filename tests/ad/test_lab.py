@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The domain of the tests itself: that it holds what it should, where it should."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Log-ins to a played domain: what a late or lying controller, an old password and an account of
 an odd state come to. Through slapd, as a client sees it."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """No password outlives its use in the agent's memory, whatever carries it to a controller:
 the people's, and the service account's own."""
 import ldap

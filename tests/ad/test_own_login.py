@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the agent shows of itself, and to whom: the service account's password, and over
 what TLS. Controllers are scripted peers, through slapd, as a client sees it."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """vexagent and a peer that plays what Samba does not: cut results, ranges of values,
 notices of disconnection, garbage, silence. Through slapd, as a client sees it."""
 import contextlib

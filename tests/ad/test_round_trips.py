@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What each kind of request costs a controller: requests to LDAP and to the KDC, counted
 by a relay. The numbers are exact, so that one more is seen."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the settings of a joined domain change, seen through slapd, on a domain that a
 scripted peer plays. tests/README.md says where those stand that are not here."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A host that clients are installed on, with slapd on its loopback, beside the machine
 that the tests run on and without a trace on it.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Fixtures of the tests of real clients. The build folder is ZX_BUILD, the directory
 behind the gateway ZX_DIRECTORY, as for the end-to-end tests, whose servers these run."""
 import os

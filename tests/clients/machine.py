@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the clients of the tests could change on the machine that they run on, and must not."""
 import hashlib
 import pathlib

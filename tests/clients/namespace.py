@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Makes the host that clients run on, out of the namespaces that this program is
 started in, and holds it until its standard input ends.
 

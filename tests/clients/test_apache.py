@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A web server that asks for passwords: Apache httpd with mod_authnz_ldap."""
 import base64
 

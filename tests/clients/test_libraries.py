@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The LDAP libraries of applications: python-ldap, ldap3 and Perl's Net::LDAP say the same
 over TLS. JNDI reads by pages."""
 import pytest

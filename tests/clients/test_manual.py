@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """docs/clients.md quotes the files that these tests run with, and links to files that exist."""
 import re
 

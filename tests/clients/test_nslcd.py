@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """nslcd and libnss-ldapd: the host's name service asks the gateway. What getent(1) and
 id(1) then say."""
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """pam_ldap: log-ins on a host, as pamtester makes them for any program that uses PAM.
 nslcd binds to the gateway as the person."""
 from concurrent.futures import ThreadPoolExecutor

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """SSSD with the LDAP provider: the name service and log-ins, over TLS, and what it still
 answers when the gateway is down."""
 import signal

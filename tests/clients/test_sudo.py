@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """sudo on a host of the directory's people: rules by netgroup and by group, with nslcd
 as the name service and for the passwords."""
 import pytest

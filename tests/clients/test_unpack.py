@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """tools/unpack: lays packages out for these tests without installing them."""
 import os
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The last of these tests: the machine is as it was before the first, byte for byte where
 it counts, and nothing runs on."""
 import pathlib

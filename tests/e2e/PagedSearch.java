@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import java.util.Hashtable;
 import javax.naming.Context;
 import javax.naming.NamingEnumeration;

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """As much BER as LDAP needs (RFC 4511, section 5.1): enough to read requests and to
 write answers, right ones and wrong ones."""
 

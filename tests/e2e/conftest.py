@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Fixtures of the end-to-end tests. The build folder is ZX_BUILD (default build/release),
 the directory behind the gateway ZX_DIRECTORY (directories.py)."""
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Many people, alike but for a number: the embedded directory's LDIF file, and what
 clients are to see of them."""
 import ctypes

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The directories that the gateway is tested with: the same people, groups and
 netgroups in the embedded directory and in an Active Directory domain.
 

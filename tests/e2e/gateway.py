@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The servers under test: vexagent and slapd, as child processes in a folder of
 their own, on loopback and Unix sockets only.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What servers of a sanitized build are started with (tests/sanitizers/README.md)."""
 import functools
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """One client of the soak (test_soak.py): mixed operations, each answer checked.
 
     soak_client.py URI PEOPLE SEED OPERATIONS

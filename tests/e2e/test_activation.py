@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The agent on a socket that the service manager has made, and keeps."""
 import contextlib
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """vexagent by itself: what it refuses, in one line that names the thing, leaving nothing behind."""
 import os
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """An agent that is lost, hangs or answers nonsense at every point of a search. A proxy
 stands between slapd and the real agent, and spoils the Nth frame that the agent sends:
 whatever the point, a search ends whole or as a failure, and the next one is right."""

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The agent is killed, restarted, hung: a failure is always told, and told soon."""
 import signal
 import threading

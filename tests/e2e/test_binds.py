@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Simple binds: which names and passwords are right, and what is said when they are not."""
 import time
 

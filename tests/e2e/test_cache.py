@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The search cache in a running slapd: what a search costs the agent, and the dump.
 
 The dump's folder is fixed, so slapd runs in a mount namespace of its own, with an

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the module asks of libvex, call by call, and what it tells clients when a call
 fails. A scripted libvex stands in for the agent."""
 import ldap

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """slapd's configuration: loading the module, its directives, overlays beside it."""
 import ldap
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """tools/coverage: which lines count, and where they are told."""
 import shutil
 import subprocess

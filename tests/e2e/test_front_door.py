@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """`make run` and what is behind it, as a newcomer uses it."""
 import os
 import pathlib

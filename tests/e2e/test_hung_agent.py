@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """An agent that hangs: what needs none of it is answered as ever."""
 import signal
 import time

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A program of many requests over libvex against a running agent: what the agent keeps
 for its clients, and that nothing grows."""
 import contextlib

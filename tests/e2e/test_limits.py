@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Size limits, time limits, and pages."""
 import ldap
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Many binds: what the performance line says of them, and which of them the agent is
 asked about. The agent counts what it is asked."""
 import re

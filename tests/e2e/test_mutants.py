@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """tools/mutants: what it changes, what it leaves alone, what it counts."""
 import importlib.util
 import subprocess

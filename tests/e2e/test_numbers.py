@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Numbers of the directory that hosts are not shown."""
 import pytest
 

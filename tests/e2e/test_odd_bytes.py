@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """People with values that slapd cannot take: bytes that are not UTF-8 cost a text its
 value and nobody the person, and what is refused is refused once."""
 import base64

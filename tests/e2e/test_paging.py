@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Paged results with the clients that people use, and what paged searches leave behind."""
 import pathlib
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What clients see of the example directory."""
 import ldap
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Whatever bytes an object holds, a client gets exactly these: from the agent's object
 through the module's LDIF and slapd's own reading of it to the wire."""
 import random

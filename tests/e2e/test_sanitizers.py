@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """That what a sanitizer finds in a server fails the test. The first test runs the
 servers of the build under test, whichever it is."""
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """examples/zanthedx.schema on a stock slapd: it loads, and what an Active Directory
 object carries comes back by name, in its own spelling."""
 import base64

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """No password outlives its bind in the memory of slapd or the agent.
 
 slapd itself keeps the last requests of a connection in its read buffers, passwords

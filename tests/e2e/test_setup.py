@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """tools/setup: installs what is missing, or says how."""
 import os
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Mixed operations of several clients at once, first in calm, then while agents die and
 dumps are asked for. Every answer is checked; memory stays where it was. The long form
 (make soak) is a million operations."""

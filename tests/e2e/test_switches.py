@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What each directive and setting changes, seen from outside: each test switches one.
 tests/README.md says where those stand that are not here."""
 import grp

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """slapd's TLS as the example sets it up: no version before 1.2 shakes hands."""
 import socket
 import ssl

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A base search of "uid=NAME,...", as UNIX programs make them up: the person of that name,
 where the directive says so, and nobody otherwise. The real agent, on each directory."""
 import ldap

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is on the wire for every way that a search can end: its entries, its first result
 and its second one. Clients take the first; the second is sent by design, without controls.
 It says 32 where the request has sent no entry but one that was left from the page before."""

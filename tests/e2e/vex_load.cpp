@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program of many requests over libvex, for tests of a running agent.
 //
 //     vex_load sessions S N     opens S sessions and, shared out among them, N searches of one

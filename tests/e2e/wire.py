@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """LDAP messages as they are on the wire (RFC 4511), for tests of what client libraries
 hide: the order of messages, second results, controls."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A test's world: a folder, and the servers that run in it. What they said comes with
 the report of a test that fails, and the folder stays. The hooks and fixtures here are
 for the conftest.py of each folder of tests that wants them."""

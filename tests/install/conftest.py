@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Fixtures of the tests of an installation. The build folder is ZX_BUILD, as for the
 end-to-end tests, whose servers these tests run as they are installed."""
 import os

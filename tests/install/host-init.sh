@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The end of host.sh: the first process of the host's process-id namespace.
 #
 #   host-init.sh ROOT

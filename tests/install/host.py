@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A host of its own, on which the gateway is installed and run as on any other: by
 systemd, as the users that it makes, with the paths that the documents name.
 

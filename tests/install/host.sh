@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Boots a host of its own on this one; host.py says what for. Runs as root in new
 # mount, network, IPC and UTS namespaces.
 #

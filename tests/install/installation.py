@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """An installation below a folder of its own (DESTDIR), and the servers in it."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs in the agent's place, under the agent's unit: tries what the unit forbids and
 prints how each attempt ended, as {name: error, or "" for none}."""
 import ctypes

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The documents agree with each other and with what they describe."""
 import re
 import subprocess
@@ -87,3 +88,11 @@ def test_every_picture_can_be_shown_and_is(picture):
     root = ElementTree.parse(picture).getroot()
     assert root.tag == "{http://www.w3.org/2000/svg}svg" and root.get("aria-label")
     assert any(f"]({picture.name})" in page.read_text(encoding="utf-8") for page in (ROOT / "docs").glob("*.md"))
+
+
+def test_every_source_names_its_license():
+    sources = ("*.c", "*.cpp", "*.h", "*.py", "*.cmake", "*.fbs", "*.pl", "*.java", "*.sh", "CMakeLists.txt", "*/CMakeLists.txt",
+               "Makefile", "tools/*", ":!tools/*.txt")
+    files = subprocess.run(["git", "ls-files", *sources], cwd=ROOT, check=True, capture_output=True, text=True).stdout.splitlines()
+    assert len(files) > 100
+    assert [file for file in files if "SPDX-License-Identifier: Apache-2.0" not in (ROOT / file).read_text(encoding="utf-8")] == []

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """From nothing to an answer from a domain, step by step as the manual tells it: a host
 of its own joins a domain that runs on the host's loopback, and serves it."""
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """make install and make uninstall: what lies where, and that it works from there."""
 import re
 import stat

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """slapd's overlays behave on the gateway as docs/manual.md says."""
 import re
 

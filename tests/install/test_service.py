@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The installed service on a host of its own: its unit under a real systemd, its users,
 what it may do and what not, and slapd beside it as Debian runs it."""
 import json

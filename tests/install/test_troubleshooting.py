@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """docs/troubleshooting.md tells the truth: each symptom is brought about on a host of its
 own, what is seen is what the page quotes, and the remedy is one.
 

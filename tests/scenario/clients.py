@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The clients of the scenario, so many of one process: each a thread with a connection,
 which does one thing after another and has the oracle judge every answer.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The company of the scenario: who is in it, with which password, in which groups. The
 same in the embedded directory, at played controllers, and for those who judge answers."""
 import crowd

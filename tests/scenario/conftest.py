@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The scenario's places to look for what it uses of the other tests. The build folder is
 ZX_BUILD, as for them."""
 import os

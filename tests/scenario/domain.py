@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The domain of the scenario: two controllers that scripted peers play, each behind a
 relay, and a name server that knows the relays' addresses."""
 import contextlib

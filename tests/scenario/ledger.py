@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the servers hold: memory over the whole time, descriptors at its end."""
 import collections
 import contextlib

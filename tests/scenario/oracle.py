@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Knows every password and every entry, and tells a wrong answer from a right one and
 from "cannot tell"."""
 from soak_client import WrongAnswer  # before ldap, which it forbids to read the machine's settings

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The scenario's own parts: that the oracle sees what is wrong, that a seed is a plan, that
 growth is found."""
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Everything at once: many clients, an agent that stops and dies, controllers that hang,
 are late, go wrong and are not who they say they are. No answer is wrong, nothing grows,
 nothing is left open.

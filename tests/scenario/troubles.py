@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What goes wrong in the scenario, and when. A trouble has a beginning and an end, and is
 of a lane: of each lane there is one at a time, while those of different lanes come as
 they like. A round ends with a while in which all is well. The seed decides it all."""

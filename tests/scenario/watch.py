@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Asks slapd for its root DSE again and again, each time on a new connection: whatever
 the agent does, slapd itself has the answer.
 

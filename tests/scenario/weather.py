@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Since when all is well: what the troublemaker tells the clients, which are other
 processes, through a file that they have mapped."""
 import math

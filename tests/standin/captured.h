@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the code under test says, caught: standard error, and the log channel
 // "dirgate".
 #pragma once

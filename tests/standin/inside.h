@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether the calling thread is within a stand-in: for tests that take memory away from
 // the code under test alone.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory that runs out at a chosen moment. A program that is linked with this has an
 // operator new that fails when a test says so.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes the stand-in a shared object that a running slapd loads in libvex's
 // place: the tables come from a script file, the calls go to a log file.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <strings.h>
 
 #include "tests/standin/inside.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stand-in for the functions of slapd that the module calls, and operations to
 // call its hooks with, for tests without a running slapd. Included last, as
 // backend/base/slapd.h is.

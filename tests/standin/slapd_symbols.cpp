@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The symbols that slapd exports to the module, done with tables.
 #include <strings.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the stand-in knows: shared by its C functions, its tables and its script.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The BER functions of vex/vex.h, done by liblber.
 #include <cstdarg>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of vex/vex.h, as the stand-in answers them.
 #include <strings.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/standin/vex_standin.h"
 
 #include <algorithm>

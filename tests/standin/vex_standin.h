@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted stand-in for libvex: every function of vex/vex.h, answering from
 // tables that the test fills and recording every call. There is no agent.
 //

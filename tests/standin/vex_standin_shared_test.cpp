@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared object, as slapd would load it.
 #include <gmock/gmock.h>
 #include <unistd.h>

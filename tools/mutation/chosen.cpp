@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linked into the tests that tools/mutants runs: which change is in force, and who reaches what.
 //
 // MUTATION_CHANGE is the number of the change; without it the code is as it stands. With

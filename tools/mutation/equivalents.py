@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The list of changes that no test can notice, each with its reason.
 
     search/reply.cpp: rs->sr_flags = 0;

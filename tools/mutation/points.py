@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Where a source file can be changed, found on clang's syntax tree.
 
 A point is one small change: at an offset of the file so many bytes give way to others.

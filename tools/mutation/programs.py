@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The unit tests of a build: what each is linked from, and how it is run with a file changed.
 
 Nothing of the build is touched: changed files are compiled to objects of their own, and

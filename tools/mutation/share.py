@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a sample says of the whole."""
 import math
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A source file with many changes at once, of which one is chosen when the program runs.
 
 The body of a function stands there once for each of its changes, and once as it is. What

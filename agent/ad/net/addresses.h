@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The addresses of hosts, from the name service in time or from what was known last.
 #pragma once
 

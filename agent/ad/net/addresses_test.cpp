@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is remembered of hosts' addresses, and for how long it is not looked up again.
 
 #include "agent/ad/net/addresses.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether this host is set up for its domain, in plain words.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an administrator is told of a domain that is in order, and of one that is not.
 #include "agent/ad/net/check.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which domain controller to ask.
 //
 // Controllers stand in classes: those of the agent's site before others, and by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One domain, or the forest's global catalog: which controller is asked, for how long, and
 // what it means that one does not answer.
 #pragma once

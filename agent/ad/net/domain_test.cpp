@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which controller is asked, for how long, and what it means that one does not answer.
 
 #include "agent/ad/net/domain.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A thread for what is to be done from time to time.
 #pragma once
 

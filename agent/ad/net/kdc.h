@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversations with KDCs, without the Kerberos library's network.
 //
 // The library's own way to a KDC takes up to 20 seconds to leave one that hangs,

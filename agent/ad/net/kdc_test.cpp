@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which KDC gets a message, and how often.
 
 #include "agent/ad/net/kdc.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Kerberos library, with what it hands out in owners' hands.
 #pragma once
 

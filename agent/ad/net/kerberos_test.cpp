@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kerberos as far as nobody is asked.
 
 #include "agent/ad/net/kerberos.h"

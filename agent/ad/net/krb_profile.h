@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Kerberos library's settings, without the host's krb5.conf.
 #pragma once
 

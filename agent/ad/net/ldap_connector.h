@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the agent comes to a connection, and is let in on it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A link and its results, against a controller that does what a test says.
 #include "agent/ad/net/ldap_connector.h"
 

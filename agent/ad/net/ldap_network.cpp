@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/net/ldap_network.h"
 
 #include <random>

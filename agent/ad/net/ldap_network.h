@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The network that there is: controllers, asked by LDAP and Kerberos.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The network that there is, down to a controller that does what a test says.
 
 #include "agent/ad/net/ldap_network.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connection to a domain controller, and who opens it.
 //
 // What a domain does with its controllers (which one, how long, when another one) knows

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The connections to one domain's controllers that are not in use, and how many are.
 #pragma once
 

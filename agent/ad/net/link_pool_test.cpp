@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connections that are lent, kept and closed.
 
 #include "agent/ad/net/link_pool.h"

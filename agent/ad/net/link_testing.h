@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Controllers in memory, for tests of what is made of them: which one is asked, for how
 // long, and who is asked next. The clock moves only as far as they take their time.
 //

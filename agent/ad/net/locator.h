@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a domain's controllers are: a list in the settings, or DNS.
 #pragma once
 

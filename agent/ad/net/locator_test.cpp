@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a domain's controllers are.
 
 #include "agent/ad/net/locator.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether the agent may show its own password, or its key, to a controller now.
 //
 // A domain counts what it refuses, and locks the account in the end; every host that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How often the agent shows its own password.
 
 #include "agent/ad/net/own_login.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a password is an account's, by Kerberos.
 #pragma once
 

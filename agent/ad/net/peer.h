@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who is on the other side of a connection.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Large attributes, whose values come in parts.
 #pragma once
 

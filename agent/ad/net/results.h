@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a search finds, entry by entry, whole or page by page.
 //
 // Pages are dear: a controller may look every entry of a page up by itself, which

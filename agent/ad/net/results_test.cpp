@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole results, results by pages, and when which are asked for.
 
 #include "agent/ad/net/results.h"

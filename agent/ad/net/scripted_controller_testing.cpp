@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/net/scripted_controller_testing.h"
 
 #include <gnutls/gnutls.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A domain controller that does what a test says: an LDAP server on loopback, with TLS.
 //
 //     ScriptedController controller;

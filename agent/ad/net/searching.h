@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches of a domain: whole ones, and one that is read as far as its results are wanted.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches of a domain that may be lost on the way, and those that stay open.
 
 #include "agent/ad/net/searching.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two connected sockets, for tests.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCP connections that are there in time or not at all.
 #pragma once
 

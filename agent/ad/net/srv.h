@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding services by DNS: SRV records (RFC 2782).
 #pragma once
 

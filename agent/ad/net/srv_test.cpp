@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What DNS says of services.
 
 #include "agent/ad/net/srv.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // When the machine's ticket is taken anew, and what is no reason to try again at once.
 
 #include "agent/ad/net/tickets.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TLS as libldap does it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the connections to controllers have in common for TLS: the authorities, read once.
 //
 // libldap makes such a context from the options of a connection, and with GnuTLS as it is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ends library calls that overstay.
 //
 // libldap's TLS handshake and its reads in the middle of a message wait for the
