@@ -52,13 +52,15 @@ def copies(server, secret):
 
 
 def as_received(secret):
-    """With the end of the DN: free() overwrites the beginning of a buffer."""
-    return f",{SUFFIX}".encode() + bytes([0, len(secret)])
+    """What of a bind stands before its password: the end of the DN, and the NUL that slapd
+    puts in the place of a tag. free() overwrites the beginning of a buffer, and more of it
+    the later that is used again."""
+    return SUFFIX.encode()[-6:] + bytes([0, len(secret)])
 
 
 def others(server, secret):
     """The copies that are not slapd's own."""
-    return [before for before in copies(server, secret) if before != as_received(secret)]
+    return [before for before in copies(server, secret) if not before.endswith(as_received(secret))]
 
 
 def random_password(size):
