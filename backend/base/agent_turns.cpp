@@ -2,6 +2,7 @@
 #include "backend/base/agent_turns.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "backend/base/failure.h"
 #include "backend/base/log.h"
@@ -21,37 +22,40 @@ AgentTurns& turns() {
 
 AgentTurns::Answer AgentTurns::take(std::size_t limit) {
     std::unique_lock guard(m_mutex);
-    const bool knownToHang = m_answersNobody;
-    if (m_taken >= limit && !waitForTurn(guard, limit))
-        return knownToHang || !m_answersNobody ? Answer::Refused : Answer::FirstRefused;
-    ++m_taken;
-    return Answer::Taken;
+    if (m_taken < limit) {
+        ++m_taken;
+        m_tooMany = false;
+        return Answer::Taken;
+    }
+    if (m_tooMany) return Answer::Refused;
+    if (waitForTurn(guard)) return Answer::Taken;
+    return std::exchange(m_tooMany, true) ? Answer::Refused : Answer::FirstRefused;
 }
 
-// Goes on as long as turns come back: others may have been quicker to take them.
-bool AgentTurns::waitForTurn(std::unique_lock<std::mutex>& guard, std::size_t limit) {
-    while (!m_answersNobody) {
-        const std::uint64_t before = m_givenBack;
-        m_changed.wait_for(guard, m_patience, [&] { return m_taken < limit || m_answersNobody; });
-        if (m_taken < limit) return true;
-        if (m_answersNobody) return false;
-        if (m_givenBack == before) {
-            m_answersNobody = true;
-            m_changed.notify_all();
-            return false;
-        }
-    }
-    return false;
+// Who comes while others wait finds no turn free, since each that comes back is handed on.
+bool AgentTurns::waitForTurn(std::unique_lock<std::mutex>& guard) {
+    Waiting self;
+    const auto place = m_waiting.insert(m_waiting.end(), &self);
+    self.changed.wait_for(guard, m_patience, [&] { return self.hasTurn; });
+    if (!self.hasTurn) m_waiting.erase(place);
+    return self.hasTurn;
 }
 
 void AgentTurns::giveBack() {
-    {
-        const std::lock_guard guard(m_mutex);
+    const std::lock_guard guard(m_mutex);
+    if (m_waiting.empty()) {
         --m_taken;
-        ++m_givenBack;
-        m_answersNobody = false;
+        return;
     }
-    m_changed.notify_one();
+    Waiting& next = *m_waiting.front();
+    m_waiting.pop_front();
+    next.hasTurn = true;
+    next.changed.notify_one();  // under the lock: without it the one that waits could be gone
+}
+
+std::size_t AgentTurns::waiting() {
+    const std::lock_guard guard(m_mutex);
+    return m_waiting.size();
 }
 
 std::size_t turnsOf(int threads) {
