@@ -3,13 +3,14 @@
 import importlib.util
 import subprocess
 import sys
+import types
 
 import pytest
 
 from gateway import ROOT
 
 sys.path.insert(0, str(ROOT / "tools"))
-from mutation import equivalents, switched  # noqa: E402
+from mutation import equivalents, programs, switched  # noqa: E402
 from mutation.share import bound  # noqa: E402
 
 pytestmark = pytest.mark.embedded
@@ -121,6 +122,21 @@ def test_who_reaches_a_function():
     told = "* 0 1 2\nA.b 5 1 3\n!A.fails 5 4\nC.d 500 3\n* 0 5\n"
     assert switched.tests_of(told) == (
         {1: (["A.b"], []), 2: ([], ["*"]), 3: (["A.b"], ["C.d"]), 5: ([], ["*"])}, ["A.fails"])
+
+
+def test_memory_that_nothing_points_to_is_noticed(tmp_path):
+    (tmp_path / "main.cpp").write_text(
+        "#include <cstdlib>\nvoid* volatile kept;\n"
+        "int main(int count, char**) { for (int i = 0; i < count; ++i) kept = std::malloc(64 + 64 * i); }\n", encoding="utf-8")
+    bench = programs.Bench(types.SimpleNamespace(folder=tmp_path), tmp_path / "bench", ROOT)
+
+    def program(*arguments):
+        return programs.Program("test", ["c++", str(tmp_path / "main.cpp"), "-o", "test"], {}, list(arguments))
+    keeps, loses = program(), program("once", "more", "often")
+    test = bench.link(keeps, {}, tmp_path / "test", programs.LEAKS)
+    assert bench.leaks_nothing(keeps, test, ["*"], 60)
+    assert not bench.leaks_nothing(loses, test, ["*"], 60)
+    assert bench.passes(loses, bench.link(loses, {}, tmp_path / "other"), ["*"], 60)
 
 
 @pytest.mark.parametrize("survivors, tried, share", [(0, 600, 0.00498), (3, 600, 0.01286), (6, 600, 0.01964), (7, 7, 1.0)])

@@ -23,6 +23,10 @@ STACK = 64 << 20  # a function's changes share one frame
 # Fresh memory is not empty, and what is written behind a block ends the test: the sanitizers'
 # runs of the same tests would see more.
 MEMORY = {"LD_PRELOAD": "libc_malloc_debug.so.0", "GLIBC_TUNABLES": "glibc.malloc.check=3:glibc.malloc.perturb=165"}
+USUAL_MEMORY = dict.fromkeys(MEMORY, "")
+# A test that is linked so fails at its end when memory is left that nothing points to.
+LEAKS = ("-fsanitize=leak",)
+LEAK_OPTIONS = {"LSAN_OPTIONS": "suppressions=tests/sanitizers/leaks.supp:print_suppressions=0"}
 
 
 class NotBuilt(Exception):
@@ -115,16 +119,16 @@ class Bench:
                 pass
             process.wait()
 
-    def compile(self, path, source, made):
+    def compile(self, path, source, made, flags=("-O0",)):
         """Makes an object of a file with this source. What the compiler says; nothing when all is well."""
         command, _ = self.build.compiles[str(path)]
         copy, complaints = made.with_suffix(path.suffix), made.with_suffix(".err")
         copy.write_bytes(source)
-        words = [word for word in shlex.split(command) if word not in ("-Werror", "-g", "-O2")]
+        words = [word for word in shlex.split(command) if word not in ("-Werror", "-g")]
         words[words.index("-o") + 1] = str(made)
         words[words.index("-c") + 1] = str(copy)
         with open(complaints, "w", encoding="utf-8") as errors:
-            good = self.run([*words, "-O0", "-w"], 900, self.build.folder, errors)
+            good = self.run([*words, *flags, "-w"], 900, self.build.folder, errors)
         return "" if good else complaints.read_text(encoding="utf-8") or "no object"
 
     def chosen(self, is_google):
@@ -137,7 +141,7 @@ class Bench:
             raise NotBuilt("chosen.cpp does not compile")
         return made
 
-    def link(self, program, changed, test):
+    def link(self, program, changed, test, flags=()):
         """The program with other objects (original: changed), by the fastest linker that there is."""
         words = []
         for word in program.link:
@@ -145,7 +149,7 @@ class Bench:
                 word = self.archive(word, [changed.get(one, one) for one in program.archives[word]])
             words.append(str(changed.get(word, word)))
         words[words.index("-o") + 1] = str(test)
-        words.insert(words.index("-o"), str(self.chosen(program.is_google)))
+        words[words.index("-o"):words.index("-o")] = [str(self.chosen(program.is_google)), *flags]
         if not self.run([*words, "-fuse-ld=lld"], 300, self.build.folder) and not self.run(words, 300, self.build.folder):
             raise NotBuilt(f"{program.target} does not link")
         return test
@@ -166,7 +170,11 @@ class Bench:
             words += ["--gtest_fail_fast"] if selected != ["*"] else []
         else:
             words = program.arguments
-        return self.run([str(test), *words], seconds, self.tree, **MEMORY, **environment)
+        return self.run([str(test), *words], seconds, self.tree, **{**MEMORY, **environment})
+
+    def leaks_nothing(self, program, test, selected, seconds, **environment):
+        """The same of a program that is linked with LEAKS."""
+        return self.passes(program, test, selected, seconds, **LEAK_OPTIONS, **USUAL_MEMORY, **environment)
 
 
 def limit():
