@@ -12,7 +12,6 @@
 CredManager* back_vex_creds = nullptr;
 
 struct CredManager::Credential {
-    std::string dn;
     vorn::Secret hash;
     vorn::Secret salt;
     std::time_t created;
@@ -33,7 +32,7 @@ __attribute__((noinline)) void wipeStackBelow() {
 vorn::Secret takeHash(berval* hash) {
     const auto release = [](char* text) { ber_memfree(text); };
     const std::unique_ptr<char, decltype(release)> owner(hash->bv_val, release);
-    if (!owner) return vorn::Secret();
+    if (!owner) return {};
     vorn::Secret result(std::string_view(hash->bv_val, hash->bv_len));
     vorn::wipe(hash->bv_val, hash->bv_len);
     return result;
@@ -55,7 +54,7 @@ vorn::Secret HashPassword(std::string_view password, const vorn::Secret& salt) {
     whole.append(salt.text());
 
     berval secret = {whole.size(), whole.data()};
-    berval hash = {0, nullptr};
+    berval hash = {};
     const char* reason = nullptr;
     lutil_passwd_hash(&secret, "{SHA}", &hash, &reason);
     wipeStackBelow();
@@ -66,11 +65,9 @@ vorn::Secret HashPassword(std::string_view password, const vorn::Secret& salt) {
 CredManager::CredManager(vorn::Clock clock) : m_clock(clock) {}
 CredManager::~CredManager() = default;
 
-// Whether the credential is the DN's, still lives, and is for this password.
+// Whether the DN's credential still lives, and is for this password.
 bool CredManager::vouches(const Credential& credential, const char* dn, const char* password) const {
-    const std::time_t now = m_clock();
-    if (credential.dn != dn) return false;
-    if (now - credential.created >= gCredExpire) {
+    if (m_clock() - credential.created >= gCredExpire) {
         JPrintf("vex bind : Cached credential(DN: %s) expires, skip this one", dn);
         return false;
     }
@@ -100,8 +97,7 @@ void CredManager::addCreds(unsigned long connection, const std::string& dn, std:
     vorn::Secret hash = HashPassword(password, salt);
     Binds fresh;
     t_bind_info& made = fresh[dn];
-    made.credential =
-        std::make_unique<Credential>(Credential{dn, std::move(hash), std::move(salt), m_clock()});
+    made.credential = std::make_unique<Credential>(Credential{std::move(hash), std::move(salt), m_clock()});
     made.holders = std::make_shared<Holders>();
     Order place{nullptr};
 
@@ -142,11 +138,7 @@ CredManager::Connection& CredManager::pointed(unsigned long connection, std::str
     Connection& user = m_connections.try_emplace(connection, dn).first->second;
     if (user.dn == dn) return user;
     user.dn = dn;
-    if (user.holders != nullptr) {
-        user.holders->forGood = true;
-        --user.holders->connections;
-        user.holders.reset();
-    }
+    if (user.holders != nullptr) user.holders->forGood = true;
     return user;
 }
 

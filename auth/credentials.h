@@ -55,8 +55,8 @@ class CredManager {
     // the credential. So the number of binds counts for each open connection. Elements that
     // no connection can take back any more count as one element that belongs to nobody.
     struct Holders {
-        std::size_t connections = 0;  // whose last DN it is
         bool forGood = false;
+        std::size_t connections = 0;  // whose last DN it is; of no interest once it is held for good
     };
     struct t_bind_info {
         std::unique_ptr<Credential> credential;  // never null

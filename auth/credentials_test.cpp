@@ -147,6 +147,7 @@ TEST_F(Credentials, TheSaltEndsAtTheFirstZeroByte) {
         {std::string("abc\0defghijklmno", 16), "abc"},
         {std::string("\0abcdefghijklmno", 16), ""},
         {"0123456789abcdef", "0123456789abcdef"},
+        {"0123456789abcdefg", "0123456789abcdef"},
     };
     for (const auto& [bytes, salt] : cases) {
         lutilFaults() = {};
@@ -397,6 +398,16 @@ TEST_F(Credentials, ClearingForgetsConnectionsToo) {
     creds.addCreds(2, kDn, "secret");
     creds.delCreds(1);
     EXPECT_EQ(creds.doCacheAuth(kDn, "secret"), 1000);
+}
+
+TEST_F(Credentials, AfterClearingNewOnesMakeRoomInTheirOrder) {
+    gCredMax = 2;
+    creds.addCreds(1, "CN=old,DC=x", "secret");
+    creds.clearCreds();
+    for (const char* dn : {"a", "b", "c"}) creds.addCreds(2, dn, "secret");
+    EXPECT_EQ(creds.doCacheAuth("a", "secret"), 0);
+    EXPECT_EQ(creds.doCacheAuth("b", "secret"), 1000);
+    EXPECT_EQ(creds.doCacheAuth("c", "secret"), 1000);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep books of their own

@@ -18,12 +18,11 @@ void BindStatistics::scheduleNext() {
 }
 
 void BindStatistics::startOnce() {
-    if (!m_notStarted) return;
-    const vorn::WriterLock guard(m_lock);
-    if (!m_notStarted) return;
-    m_counters = {};
-    scheduleNext();
-    m_notStarted = false;
+    std::call_once(m_started, [this] {
+        const vorn::WriterLock guard(m_lock);
+        m_counters = {};
+        scheduleNext();
+    });
 }
 
 void BindStatistics::countBind() {
@@ -50,9 +49,9 @@ void BindStatistics::countAgentSuccess(std::int64_t start, std::int64_t end) {
 }
 
 void BindStatistics::logWhenDue() {
-    if (gLogInterval == 0 || m_clock() < m_nextLogTime) return;
+    if (gLogInterval == 0 || m_nextLogTime > m_clock()) return;
     const vorn::WriterLock guard(m_lock);
-    if (m_clock() < m_nextLogTime) return;  // another bind has written the line meanwhile
+    if (m_nextLogTime > m_clock()) return;  // another bind has written the line meanwhile
     JPrintf(
         "auth total: %u, success from cache: %u, success from vexagent: %u, "
         "success from vexagent average time: %ums, auth failed: %u",

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <mutex>
 
 #include "vorn/clock.h"
 #include "vorn/lock.h"
@@ -52,7 +53,7 @@ class BindStatistics {
 
     vorn::ReaderWriterLock& m_lock;
     const vorn::Clock m_clock;
-    std::atomic<bool> m_notStarted{true};        // looked at without the lock first; changed under it
-    std::atomic<std::int64_t> m_nextLogTime{0};  // the same
+    std::once_flag m_started;
+    std::atomic<std::int64_t> m_nextLogTime{0};  // looked at without the lock first; changed under it
     Counters m_counters;                         // guarded by m_lock
 };

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <limits>
+#include <utility>
 
 #include "backend/base/settings.h"
 #include "tests/standin/captured.h"
@@ -13,6 +16,12 @@
 namespace {
 
 std::time_t theTime;
+std::function<void()> meanwhile;  // what another bind does when the time is asked next
+
+std::time_t askTheTime() {
+    if (meanwhile) std::exchange(meanwhile, nullptr)();
+    return theTime;
+}
 
 class Statistics : public testing::Test {
   protected:
@@ -30,7 +39,7 @@ class Statistics : public testing::Test {
 
     standin::CapturedStderr captured;
     vorn::ReaderWriterLock lock;
-    BindStatistics statistics{lock, [] { return theTime; }};
+    BindStatistics statistics{lock, askTheTime};
 };
 
 TEST_F(Statistics, StartsOnceWithCountersAtZero) {
@@ -124,6 +133,14 @@ TEST_F(Statistics, WritesOneLineAnIntervalAndCountsOn) {
     statistics.logWhenDue();
     EXPECT_EQ(captured.text(), line + line);
     EXPECT_EQ(statistics.counters().total, 4u);
+}
+
+TEST_F(Statistics, OfTwoBindsAtOnceOneWritesTheLine) {
+    start();
+    theTime = 1060;
+    meanwhile = [&] { statistics.logWhenDue(); };
+    statistics.logWhenDue();
+    EXPECT_EQ(std::ranges::count(captured.text(), '\n'), 1);
 }
 
 TEST_F(Statistics, AnEndlessIntervalNeverWrites) {
