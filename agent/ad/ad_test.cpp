@@ -62,6 +62,25 @@ TEST_F(AdDirectoryTest, AnswersWhatIsAskedOfADirectory) {
     EXPECT_FALSE(m_directory->isQuick(LDAP_SCOPE_SUBTREE, "(uid=ann)"));
 }
 
+TEST_F(AdDirectoryTest, LooksUpAheadUntilNoMoreIsTaken) {
+    const std::string ben = "CN=ben,DC=example,DC=com";
+    m_domain->add(ben, {{"objectClass", {"user"}}, {"cn", {"ben"}}, {"sAMAccountName", {"ben"}}});
+    const std::vector<std::string> guids = {guidText(FakeDomain::guidOf(m_ann)),
+                                            guidText(FakeDomain::guidOf(ben))};
+    std::vector<std::string> taken;
+    const auto takeUpTo = [&](std::size_t most) {
+        taken.clear();
+        m_directory->lookupAhead(guids, {}, [&](Object&& object) {
+            taken.push_back(object[0].values[0]);
+            return taken.size() < most;
+        });
+    };
+    takeUpTo(3);
+    EXPECT_THAT(taken, ElementsAre(m_ann, ben));
+    takeUpTo(1);
+    EXPECT_THAT(taken, ElementsAre(m_ann));
+}
+
 TEST_F(AdDirectoryTest, AFailureLeavesNothingOfAnAnswer) {
     m_domain->answers = false;
     Batch first;

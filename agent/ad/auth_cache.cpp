@@ -25,9 +25,8 @@ constexpr std::size_t kLargestFile = std::size_t{16} << 20;
 // Names may hold blanks and line ends: every such byte becomes a backslash and two
 // digits, and a backslash too.
 std::string written(const std::string& name) {
-    std::string text = vorn::printable(name);
-    for (std::size_t at = 0; (at = text.find(' ', at)) != std::string::npos; at += 3)
-        text.replace(at, 1, "\\20");
+    std::string text;
+    for (const char c : vorn::printable(name)) text += c == ' ' ? "\\20" : std::string(1, c);
     return text;
 }
 

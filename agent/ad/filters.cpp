@@ -4,7 +4,7 @@
 #include <ldap.h>
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 
 #include "agent/directory/categories.h"
 #include "vorn/escape.h"
@@ -16,7 +16,7 @@ namespace {
 
 // Indexed in every Active Directory, with values that few objects share. uid and
 // memberUid are not among them.
-constexpr std::array<std::string_view, 12> kSelective = {
+constexpr std::string_view kSelective[] = {
     "sAMAccountName",       "uidNumber",     "cn",        "name",       "displayName",
     "userPrincipalName",    "mail",          "objectSid", "objectGUID", "distinguishedName",
     "servicePrincipalName", "proxyAddresses"};
@@ -26,7 +26,7 @@ bool is(std::string_view name, std::string_view other) {
 }
 
 bool isSelectiveInAd(std::string_view name) {
-    return std::any_of(kSelective.begin(), kSelective.end(),
+    return std::any_of(std::begin(kSelective), std::end(kSelective),
                        [name](std::string_view other) { return is(name, other); });
 }
 

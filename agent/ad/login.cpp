@@ -45,10 +45,9 @@ Result kerberosError(const KdcFailure& failure, const std::string& text) {
 
 // What follows "data " in a controller's text.
 int reasonIn(const std::string& text) {
-    const std::size_t at = text.find("data ");
-    if (at == std::string::npos) return 0;
     int reason = 0;
-    std::from_chars(text.data() + at + 5, text.data() + text.size(), reason, 16);
+    if (const std::size_t at = text.find("data "); at != std::string::npos)
+        std::from_chars(text.data() + at + 5, text.data() + text.size(), reason, 16);
     return reason;
 }
 

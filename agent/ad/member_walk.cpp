@@ -27,12 +27,11 @@ std::vector<std::string> nameAttributesAnd(std::initializer_list<const char*> mo
 // may be everybody.
 class PrimariesSink final : public EntrySink {
   public:
-    PrimariesSink(const Ids& ids, const std::vector<std::string>& rids) : m_ids(ids), m_rids(rids) {}
-
-    void restart() override {
-        names.clear();
-        for (const std::string& rid : m_rids) names[rid];
+    PrimariesSink(const Ids& ids, const std::vector<std::string>& rids) : m_ids(ids) {
+        for (const std::string& rid : rids) m_none[rid];
     }
+
+    void restart() override { names = m_none; }
     void take(Entry&& person) override {
         std::string name = memberName(person, m_ids);
         const auto group = names.find(std::string(person.first("primaryGroupID")));
@@ -43,7 +42,7 @@ class PrimariesSink final : public EntrySink {
 
   private:
     const Ids& m_ids;
-    const std::vector<std::string>& m_rids;
+    std::unordered_map<std::string, std::vector<std::string>> m_none;
 };
 
 }  // namespace
@@ -169,11 +168,11 @@ std::vector<std::string> MemberWalk::collect(const std::string& root) const {
     std::unordered_set<std::string> seen = {root};
     std::vector<std::string> pending = {root};
     while (!pending.empty()) {
-        const auto group = m_groups.find(pending.back());
+        // Whoever is no person is a group that has been read.
+        const Group& group = m_groups.at(pending.back());
         pending.pop_back();
-        if (group == m_groups.end()) continue;
-        names.insert(names.end(), group->second.names.begin(), group->second.names.end());
-        for (const std::string& dn : group->second.members) {
+        names.insert(names.end(), group.names.begin(), group.names.end());
+        for (const std::string& dn : group.members) {
             const auto person = m_people.find(dn);
             if (person != m_people.end() && !person->second.empty()) names.push_back(person->second);
             if (person == m_people.end() && seen.insert(dn).second) pending.push_back(dn);

@@ -121,6 +121,12 @@ TEST_F(MembersTest, OfSeveralGroupsAreReadTogether) {
     EXPECT_THAT(cost(), ElementsAre(1u, 1u));  // the people; those of the primary groups
 }
 
+TEST_F(MembersTest, WhoIsInAGroupAndInOneOfItsGroupsIsReadOnce) {
+    const std::string inner = addGroup("inner", {m_ann}), outer = addGroup("outer", {inner, m_ann});
+    EXPECT_THAT(members(outer), ElementsAre("ann"));
+    EXPECT_THAT(cost(), ElementsAre(1u, 1u));  // both of them; the primary groups
+}
+
 TEST_F(MembersTest, GroupsThatContainEachOtherAreVisitedOnce) {
     const std::string one = addGroup("one", {m_ann}), two = addGroup("two", {m_ben, one});
     m_forest.join(one, two);
@@ -243,7 +249,7 @@ TEST_F(MembersTest, ALargeGroupIsReadATenthOfAHundredToASearch) {
 
 TEST_F(MembersTest, WhatWasFoundBeforeTheTimeWasUpNeedNotBeFoundAgain) {
     const std::string large = m_forest.addGroup("large");
-    for (int i = 0; i < 1001; ++i)
+    for (int i = 0; i < 1010; ++i)
         m_forest.change(large, "member", "CN=p" + std::to_string(i) + "," + kPeople);
     m_forest.domain.next(Mishap::failOver(Mishap::When::Before));  // the group's own entry
     m_forest.domain.next(Mishap::failOver(Mishap::When::Before));  // the domain
@@ -329,6 +335,16 @@ TEST_F(MembersTest, ThePrimaryGroupIsAmongThem) {
     m_forest.addPerson("gil", {{"objectSid", {}}});
     EXPECT_THAT(groups("dora"), ElementsAre(around, everybody));
     for (const char* name : {"eve", "fay", "gil"}) EXPECT_THAT(groups(name), IsEmpty()) << name;
+}
+
+TEST_F(MembersTest, APrimaryGroupThatIsAlsoAMemberIsReadOnce) {
+    const std::string everybody = m_forest.addGroup("everybody", {{"objectSid", {m_forest.sid(513)}}});
+    const std::string around = addGroup("around", {everybody});
+    m_forest.join(everybody, around);
+    m_forest.addPerson("dora");
+    m_forest.network.takeExchanges();
+    ASSERT_TRUE(m_memberships.groupsOf(m_forest.place, *m_ids, "dora", m_forest.soon()).has_value());
+    EXPECT_THAT(cost(), ElementsAre(1u, 1u, 1u, 1u));  // the person, either group, what is stored
 }
 
 TEST_F(MembersTest, WithoutAPrimaryGroupNoneIsAskedFor) {

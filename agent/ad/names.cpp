@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/names.h"
 
+#include <memory>
 #include <optional>
 #include <set>
 
@@ -11,20 +12,16 @@
 namespace vexagent {
 namespace {
 
-// The value of a DN's leading "cn="; nothing when it begins otherwise or is no DN.
+// The value of a DN's leading "cn="; nothing when it begins otherwise.
 std::optional<std::string> commonName(const std::string& dn) {
-    LDAPDN parsed = nullptr;
-    if (dn.find('\0') != std::string::npos ||
-        ldap_str2dn(dn.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS || parsed == nullptr)
+    LDAPRDN first = nullptr;
+    char* rest = nullptr;
+    if (ldap_str2rdn(dn.c_str(), &first, &rest, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) return std::nullopt;
+    const std::unique_ptr<LDAPAVA*, decltype(&ldap_rdnfree)> owner(first, ldap_rdnfree);
+    const LDAPAVA& part = *first[0];
+    if (first[1] != nullptr || !vorn::equalsIgnoreCase({part.la_attr.bv_val, part.la_attr.bv_len}, "cn"))
         return std::nullopt;
-    std::optional<std::string> value;
-    if (parsed[0] != nullptr && parsed[0][0] != nullptr && parsed[0][1] == nullptr) {
-        const LDAPAVA* part = parsed[0][0];
-        if (vorn::equalsIgnoreCase({part->la_attr.bv_val, part->la_attr.bv_len}, "cn"))
-            value.emplace(part->la_value.bv_val, part->la_value.bv_len);
-    }
-    ldap_dnfree(parsed);
-    return value;
+    return std::string(part.la_value.bv_val, part.la_value.bv_len);
 }
 
 }  // namespace
@@ -68,7 +65,7 @@ NameFinder::Found NameFinder::collect(const std::string& dn, const std::vector<L
 }
 
 NameFinder::Found NameFinder::byDn(const std::string& dn, Rewritten rewritten) const {
-    if (dn.find('\0') != std::string::npos || !vorn::DN::isDN(dn)) return NamedEntries();
+    if (!vorn::DN::isDN(dn)) return NamedEntries();
     const LdapSearch itself = {dn, LDAP_SCOPE_BASE, "(objectClass=*)", m_attributes};
     std::vector<LdapSearch> searches = rewrittenFrom(dn);
     if (rewritten == Rewritten::Always) {

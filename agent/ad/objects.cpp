@@ -42,9 +42,9 @@ struct Made {
 };
 
 Made makeIds(const Entry& entry, const std::string& category, const Ids& ids) {
-    Made made;
     const bool person = category == AD_USER_CATEGORY;
-    if (!ids.enabled() || (!person && category != "Group")) return made;
+    if (!ids.enabled() || (!person && category != "Group")) return {};
+    Made made;
     const std::optional<std::uint32_t> own = ids.idOf(entry.first("objectSid"));
     if (person && entry.first("uidNumber").empty()) made.uidNumber = own;
     if (entry.first("gidNumber").empty()) {

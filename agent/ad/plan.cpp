@@ -37,8 +37,7 @@ std::optional<std::string> baseOf(const std::string& asked, const Place& place) 
         return place.kind == Place::Kind::Domain ? vorn::DN::dnFromDomain(place.name) : std::string();
     if (const auto guid = guidBase(asked))
         return guid->empty() ? std::nullopt : std::optional("<GUID=" + *guid + ">");
-    if (asked.find('\0') != std::string::npos || !vorn::DN::isDN(asked)) return std::nullopt;
-    return asked;
+    return vorn::DN::isDN(asked) ? std::optional(asked) : std::nullopt;
 }
 
 // What a filter's assertions mean. All of it is asked while the filter is made.

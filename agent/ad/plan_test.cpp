@@ -71,6 +71,8 @@ TEST_F(PlanTest, AGuidIsABase) {
     for (const std::string base : {"<GUID=nonsense>", "<GUID=>", "<GUID=01020304>"})
         EXPECT_EQ(baseFor(below(base)), kNoSuchBase) << base;
     EXPECT_EQ(baseFor(below("<GUID=" + guid)), kNoSuchBase);
+    EXPECT_EQ(baseFor(below("<GUID=" + guid + "x")), kNoSuchBase);
+    EXPECT_EQ(baseFor(below("OU=x\\>")), "OU=x\\> 2");
 }
 
 TEST_F(PlanTest, WhatIsNoDnIsNoBase) {

@@ -173,6 +173,8 @@ TEST_F(SearchesTest, SubordinatesAreAllButTheBase) {
     EXPECT_THAT(found(below), ElementsAre("staff"));
     below.scope = 3;
     EXPECT_THAT(found(below), IsEmpty());
+    below.base = kGroups;
+    EXPECT_THAT(found(below), ElementsAre("staff"));
 }
 
 TEST_F(SearchesTest, TypedOnesFindUnixKindsOnly) {
@@ -486,7 +488,9 @@ TEST(IsQuick, WhatAnIndexAnswersAndWhatIsOneObject) {
     EXPECT_FALSE(Searches::isQuick(LDAP_SCOPE_SUBTREE, "(uid=ann)"));
     EXPECT_TRUE(Searches::isQuick(LDAP_SCOPE_BASE, "(uid=ann)"));
     std::string large = "(|";
-    for (std::size_t i = 0; i <= kMostForQuick; ++i) large += "(cn=x)";
+    for (std::size_t i = 0; i < kMostForQuick; ++i) large += "(cn=x)";
+    EXPECT_TRUE(Searches::isQuick(LDAP_SCOPE_SUBTREE, large + ")"));
+    large += "(cn=x)";
     EXPECT_FALSE(Searches::isQuick(LDAP_SCOPE_SUBTREE, large + ")"));
     EXPECT_FALSE(Searches::isQuick(LDAP_SCOPE_BASE, large + ")"));
 }

@@ -62,6 +62,27 @@ if importlib.util.find_spec("clang") is not None:  # what only developers instal
         assert changed["whole && more -> negated"] == SOURCE.replace("whole && more", "!(whole && more)")
         assert changed["9 -> 8"] == SOURCE.replace("> 9 ?", "> 8 ?")
 
+    def test_nothing_is_behind_the_last_break_of_a_switch(tmp_path):
+        from mutation import points
+        path = tmp_path / "source.cpp"
+        path.write_text("""
+            void count(int kind, int& found) {
+                for (;;) {
+                    switch (kind) {
+                        case 0: ++found; break;
+                        default: { ++found; break; }
+                    }
+                    switch (kind) {
+                        case 1: ++found;
+                        default: continue;
+                    }
+                    break;
+                }
+            }""", encoding="utf-8")
+        found = points.parse(path, "source.cpp", "c++ -std=c++20 -c source.cpp -o source.o")
+        assert [(point.line, point.change) for point in found if point.change.startswith(("break", "continue"))] == [
+            (5, "break -> dropped"), (10, "continue -> dropped"), (12, "break -> dropped")]
+
     def test_what_is_known_of_a_file_is_not_looked_for_again(tmp_path):
         from mutation import points
         path = tmp_path / "source.cpp"

@@ -18,6 +18,7 @@ OPPOSITE = {"<": ">=", "<=": ">", ">": "<=", ">=": "<", "==": "!=", "!=": "==", 
 FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.FUNCTION_TEMPLATE, CursorKind.CONVERSION_FUNCTION,
              CursorKind.CONSTRUCTOR, CursorKind.DESTRUCTOR)
 CONDITIONS = (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.FOR_STMT, CursorKind.CXX_FOR_RANGE_STMT)
+LABELED = (CursorKind.COMPOUND_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 BODIES = CONDITIONS + (CursorKind.DO_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 SIGNED = (CursorKind.BINARY_OPERATOR, CursorKind.CALL_EXPR)  # a call: of an overloaded operator
 NOTHING = re.compile(r"0|\w*(_OK|_SUCCESS)|kAccepted")  # what a zero is called
@@ -57,6 +58,7 @@ class Finder:
         self.points = []
         self.results = []  # the result types of the functions around the cursor
         self.body = ()  # of the outermost function around the cursor
+        self.lastBreaks = set()  # where a "break" stands that skips nothing of its switch
 
     def text(self, start, end):
         return self.source[start:end].decode(errors="replace")
@@ -120,7 +122,8 @@ class Finder:
     def statement(self, cursor):
         """A statement that gives no value, and declares nothing."""
         if cursor.kind in (CursorKind.BREAK_STMT, CursorKind.CONTINUE_STMT):
-            self.replace(cursor, "(void)0", "dropped")
+            if cursor.extent.start.offset not in self.lastBreaks:
+                self.replace(cursor, "(void)0", "dropped")
         elif cursor.kind.is_expression() and not self.of(cursor).startswith("static_cast<void>"):
             self.replace(cursor, "(void)0", "dropped")
         elif cursor.kind == CursorKind.RETURN_STMT and next(cursor.get_children(), None) is None:
@@ -166,6 +169,8 @@ class Finder:
             self.operator(cursor)
         elif kind in CONDITIONS:
             self.condition(cursor)
+        elif kind == CursorKind.SWITCH_STMT:
+            self.switch(cursor)
         elif kind == CursorKind.CONDITIONAL_OPERATOR:
             self.choice(cursor)
         elif kind == CursorKind.INTEGER_LITERAL:
@@ -185,6 +190,15 @@ class Finder:
             self.statement(cursor)
         elif parent.kind == CursorKind.IF_STMT and cursor != self.firstExpression(parent):
             self.statement(cursor)  # what stands before an "else"
+
+    def switch(self, cursor):
+        """A "break" at its end is dropped in vain: nothing is behind it."""
+        last, inside = cursor, [*cursor.get_children()]
+        while inside:
+            last = inside[-1]
+            inside = [*last.get_children()] if last.kind in LABELED else []
+        if last.kind == CursorKind.BREAK_STMT:
+            self.lastBreaks.add(last.extent.start.offset)
 
     @staticmethod
     def firstExpression(cursor):
