@@ -44,18 +44,36 @@ struct ShownAttribute {
 
 struct ShownClass {
     std::string name;
-    std::vector<std::string>
-        needs;  // names of shown attributes: an entry without one of them has not this class
-    bool structural = false;
+    std::vector<std::string> needs;   // shown attributes; an entry without one of them has not this class
+    std::vector<std::string> allows;  // shown attributes, with those of the superiors
+    bool holdsTheRest = false;        // is there for what no other class allows
 };
 
+// What the rules beyond the map's lines hang on.
+enum class Sort { Person, Group, Host, Netgroup, Other };
+
 struct Kind {
+    Sort sort = Sort::Other;
+
     // The class of the agent's objects, as the map has it ("User", "Group").
     std::string objectClass;
     // The agent's filter for objects of this kind, a whole one.
     std::string condition;
-    // What an entry may have as objectClass, superiors included.
+    // The agent's attribute whose value is shown as the DN's leading "cn="; empty: the real
+    // DN is shown.
+    std::string naming;
+
+    // Whether objects are shown that are no UNIX entries, and the classes that they then
+    // do not have.
+    bool showsIncomplete = false;
+    std::vector<std::string> incompleteWithout;
+
+    // What an entry may have as objectClass, superiors included, in the order in which they
+    // are shown: first the chain down to the structural class. An entry that lacks what the
+    // structural one needs has the fallback's chain instead, if there is one.
     std::vector<ShownClass> classes;
+    std::string structural;
+    std::vector<ShownClass> fallback;
     std::vector<ShownAttribute> attributes;
 
     // The attributes that an assertion on a type is about: itself, and its subtypes. By

@@ -58,6 +58,15 @@ std::string DN::parent(const std::string& dn) {
     return begin == std::string_view::npos ? std::string() : std::string(rest.substr(begin));
 }
 
+std::vector<std::pair<std::string, std::string>> DN::firstRdn(const std::string& dn) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    const Dn parsed = parse(dn);
+    if (parsed == nullptr) return pairs;
+    for (LDAPAVA** one = *parsed; *one != nullptr; ++one)
+        pairs.emplace_back(view((*one)->la_attr), view((*one)->la_value));
+    return pairs;
+}
+
 std::string DN::domainFromDN(const std::string& dn) {
     const Dn parsed = parse(dn);
     std::string domain;

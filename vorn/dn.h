@@ -4,6 +4,8 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace vorn {
 
@@ -14,6 +16,10 @@ struct DN {
     // The DN without its first RDN, as the text has it (spelling and spacing
     // kept); empty for a DN of one RDN and for text that is no DN.
     static std::string parent(const std::string& dn);
+
+    // The types and values that the DN begins with, as pairs: more than one where they are
+    // joined by "+". Empty for text that is no DN.
+    static std::vector<std::pair<std::string, std::string>> firstRdn(const std::string& dn);
 
     // The DNS name that the DN's domain components make, in the DN's spelling:
     // "example.com" for "CN=x,DC=example,DC=com". Empty when there are none.
