@@ -125,6 +125,22 @@ def test_slaptest_takes_it(shared_world, server):
     assert tested.stdout.decode().strip() == "config file testing succeeded"
 
 
+@pytest.mark.parametrize("hosts", ["/etc/ldap/schema/nis.schema", EXAMPLES / "rfc2307bis.schema"])
+def test_it_loads_with_either_schema_of_hosts_and_with_sudo_s(tmp_path, hosts):
+    stock = [f"/etc/ldap/schema/{name}.schema" for name in ("core", "cosine", "inetorgperson")]
+    config = tmp_path / "slapd.conf"
+    config.write_text("".join(f'include "{schema}"\n' for schema in [*stock, hosts, SCHEMA, EXAMPLES / "sudo.schema"]))
+    tested = subprocess.run([SLAPD, "-Ttest", "-u", "-Q", "-f", config], check=False, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT)
+    assert (tested.returncode, tested.stdout) == (0, b"")
+
+
+def test_an_entry_may_carry_whatever_the_file_defines():
+    [listed] = re.findall(r"NAME 'adObject' SUP top AUXILIARY\s+MAY \(([^)]*)\)", SCHEMA.read_text(encoding="utf-8"))
+    allowed = {name.strip() for name in listed.split("$")}
+    assert allowed == {name for _, name in definitions("attributetype")} | {"mail", "displayName", "cn"}
+
+
 def test_all_attributes_come_back_for_star_in_their_own_spelling(server):
     [(_, entry)] = read(server, "(sAMAccountName=juergen)")
     expected = {name: sorted(map(as_bytes, values)) for name, values in PERSON.items()}

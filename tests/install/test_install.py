@@ -32,7 +32,10 @@ LAYOUT = {
     "usr/share/man/man5/slapd-zanthedx.5": 0o644,
     "usr/share/man/man5/zanthe.conf.5": 0o644,
     "usr/share/man/man8/vexagent.8": 0o644,
+    "usr/share/zanthedx/applications.map": 0o644,
     "usr/share/zanthedx/rfc2307.map": 0o644,
+    "usr/share/zanthedx/rfc2307bis.schema": 0o644,
+    "usr/share/zanthedx/sudo.schema": 0o644,
     "usr/share/zanthedx/zanthedx.schema": 0o644,
 }
 PROGRAMS = ("usr/lib/ldap/libback_zanthedx.so.0", f"{LIBRARIES}/libvex.so.0", "usr/sbin/vexagent")
