@@ -47,7 +47,9 @@ TEST_F(Bounds, ALongKeyIsNotKept) {
     EXPECT_EQ(log.count("Put GUID list to cache successfully."), 1);
     EXPECT_EQ(list(key(4097)), SearchCacheManager::kMiss);
     put(key(4096), "ann");
+    EXPECT_EQ(state("refused"), 1U);
     put(key(4097), "bob");
+    EXPECT_EQ(state("refused"), 2U);
     EXPECT_EQ(get(key(4096)), "ann");
     EXPECT_EQ(get(key(4097)), "miss");
 }
@@ -134,6 +136,60 @@ TEST_F(Bounds, WhatIsLargerThanTheBoundIsNotKeptAndMovesNobody) {
     EXPECT_EQ(cached.attachment, nullptr);
 }
 
+TEST_F(Bounds, WhatFitsToTheByteMovesNobody) {
+    for (const int tooMany : {0, 1}) {
+        startWith(0);
+        put("g", "ann");
+        const auto attachment = std::make_shared<int>(1);
+        CachedObject cached;
+        ASSERT_EQ(m_cache->getObj("g", &cached), SearchCacheManager::kHit);
+        m_cache->setMaxBytes(state("cache bytes") + 1000);
+        m_cache->setAttachment("g", cached.serial, attachment, 1000 + tooMany);
+        EXPECT_EQ(state("evicted for bytes"), tooMany);
+        EXPECT_EQ(attachment.use_count(), 2 - tooMany);
+    }
+}
+
+TEST_F(Bounds, WhatFillsTheBoundToTheByteIsNotRefused) {
+    for (const int tooMany : {0, 1}) {
+        startWith(0);
+        const auto empty = state("cache bytes");
+        put("g", "ann");
+        CachedObject cached;
+        ASSERT_EQ(m_cache->getObj("g", &cached), SearchCacheManager::kHit);
+        m_cache->setMaxBytes(empty + 1000);
+        m_cache->setAttachment("g", cached.serial, std::make_shared<int>(1), 1000 + tooMany);
+        EXPECT_EQ(state("refused"), tooMany);
+        EXPECT_EQ(state("objects"), tooMany) << "it makes room for all that is not refused";
+    }
+}
+
+TEST_F(Bounds, AGigabyteIsTheMostOfAnEntry) {
+    constexpr std::size_t kMost = 1'073'741'824;
+    startWith(0);
+    put("g", "ann");
+    CachedObject cached;
+    ASSERT_EQ(m_cache->getObj("g", &cached), SearchCacheManager::kHit);
+    m_cache->setAttachment("g", cached.serial, std::make_shared<int>(1), kMost + 1);
+    EXPECT_EQ(state("refused"), 1U);
+    EXPECT_LT(state("cache bytes"), kMost);
+    m_cache->setAttachment("g", cached.serial, std::make_shared<int>(1), kMost);
+    EXPECT_EQ(state("refused"), 1U);
+    EXPECT_GT(state("cache bytes"), kMost);
+}
+
+TEST_F(Bounds, WhatIsThereAlreadyMovesNobody) {
+    startWith(0);
+    m_cache->putList("key", guids({"g"}));
+    put("g", "ann");
+    m_cache->setMaxBytes(state("cache bytes"));
+    m_cache->putList("key", guids({"g"}));
+    put("g", "ann");
+    EXPECT_EQ(state("evicted for bytes"), 0U);
+    EXPECT_EQ(state("lists"), 1U);
+    EXPECT_EQ(state("objects"), 1U);
+}
+
 TEST_F(Bounds, AnAttachmentCountsUntilItGoes) {
     startWith(0);
     put("g", "ann");
@@ -190,6 +246,15 @@ TEST_F(NoRoom, TablesAboveTheBoundLeaveTheCacheOff) {
         startWith(256 << 20, settings);
         expectOff(log);
     }
+}
+
+TEST_F(NoRoom, TablesThatFillTheBoundToTheByteHaveTheirRoom) {
+    startWith(0);
+    const auto empty = state("cache bytes");
+    startWith(empty);
+    EXPECT_TRUE(m_cache->isEnabled());
+    startWith(empty - 1);
+    EXPECT_FALSE(m_cache->isEnabled());
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose shadows count too

@@ -122,7 +122,6 @@ void SearchCacheManager::writeDumpFile(const std::string& path) const {
     vorn::secure_ofstream out(file.get());
     dumpListCache(out);
     dumpObjCache(out);
-    out.close();
 }
 
 void SearchCacheManager::dumpListCache(std::ostream& out) const {

@@ -12,11 +12,13 @@
 #include <utility>
 
 #include "cache/cache_testing.h"
+#include "vorn/descriptors_testing.h"
 
 namespace cachetest {
 namespace {
 
 const std::string kRule(62, '-');
+const bool gAskedForAtFirst = gDumpCacheRequested;
 
 template <typename Condition>
 bool becomesTrue(Condition condition) {
@@ -195,6 +197,17 @@ TEST_F(Dump, ThatIsRefusedIsLoggedAndChangesNothing) {
     EXPECT_EQ(files(), 2U);
 }
 
+TEST_F(Dump, IsAskedForByNobodyAtFirst) {
+    EXPECT_FALSE(gAskedForAtFirst);
+}
+
+TEST_F(Dump, LeavesNoFileOpen) {
+    startHere();
+    const std::size_t before = vorn::test::openDescriptors();
+    m_cache->dumpCache();
+    EXPECT_EQ(vorn::test::openDescriptors(), before);
+}
+
 TEST_F(Dump, IsRefusedInAFolderThatOthersCanPrepare) {
     startHere();
     const standin::CapturedLog log;
@@ -222,6 +235,9 @@ TEST_F(Dump, EndsItsFileAtANamelessAttribute) {
     m_cache->putObj("g", object.get());
     m_cache->dumpCache();
     EXPECT_THAT(dumped(), testing::EndsWith("Object data:\ncn:a\n"));
+    EXPECT_THAT(standin::calls(),
+                testing::Not(testing::Contains(testing::AllOf(testing::HasSubstr("vexGetAttributeBlobList"),
+                                                              testing::HasSubstr("object2, null")))));
 }
 
 // An exception other than a refusal, from within the dump.

@@ -64,6 +64,10 @@ TEST_F(Objects, ThoseThatALookWouldMissAreToldUncounted) {
     EXPECT_THAT(m_cache->missingObjs(list, 0, 5), testing::ElementsAre(1, 2, 4));
     EXPECT_THAT(m_cache->missingObjs(list, 2, 4), testing::ElementsAre(2));
     EXPECT_THAT(m_cache->missingObjs(list, 5, 5), testing::IsEmpty());
+    now = 1'007'201;
+    EXPECT_THAT(m_cache->missingObjs(list, 0, 1), testing::IsEmpty()) << "at the last second of its life";
+    now = 1'007'202;
+    EXPECT_THAT(m_cache->missingObjs(list, 0, 1), testing::ElementsAre(0));
     EXPECT_EQ(counts(), "0 0 0 0 0 0");
 }
 
@@ -103,6 +107,8 @@ TEST_F(Objects, FailedClonesOnTheWayInDropTheStore) {
     EXPECT_EQ(get("b"), "miss");
     EXPECT_EQ(get("a"), "miss");  // it made room all the same
     EXPECT_EQ(counts(), "0 0 2 0 1 0");
+    put("b", "bob");
+    EXPECT_EQ(get("b"), "bob");
 }
 
 TEST_F(Objects, OfADisabledCacheAreNotKept) {

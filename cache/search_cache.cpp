@@ -30,13 +30,8 @@ SearchCacheManager::SearchCacheManager(SearchCacheEnvironment environment)
 
 SearchCacheManager::~SearchCacheManager() {
     JPrintf("Cleaning up signal check thread...");
-    if (m_checkThread != nullptr) {
-        m_checkThread->kill();
-        m_checkThread.reset();
-    }
+    m_checkThread.reset();
     JPrintf("Finished cleaning up signal check thread");
-    m_listCache.clear();
-    m_objCache.clear();
 }
 
 void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned long maxObjects,
@@ -52,7 +47,6 @@ void SearchCacheManager::init(bool enabled, unsigned long maxLists, unsigned lon
     if (!works) return;
 
     m_nextLogTime = expiryAfter(logInterval);
-    m_counts = {};
     startWatcher();
     JPrintf(
         "Init memory cache successfully. max lists: %u, max objects: %u, ttl: %u, negative ttl: %u, "

@@ -14,13 +14,13 @@
 
 #include <chrono>
 #include <climits>
-#include <filesystem>
 #include <future>
 #include <thread>
 
 #include "vex/handles.h"
 #include "vex/scripted_agent_testing.h"
 #include "vex/wire.h"
+#include "vorn/descriptors_testing.h"
 
 namespace vextest {
 namespace {
@@ -620,11 +620,6 @@ TEST_F(Agent, IsUnderstoodAndGivenUpInTimeAmidSignals) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms) << "nor is it given up early";
 }
 
-std::size_t openDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
 // Bytes handed out by malloc and not freed.
 std::size_t allocatedBytes() {
     return ::mallinfo2().uordblks;
@@ -660,10 +655,10 @@ TEST_F(Agent, ThatFailsForEverCostsNothingThatStays) {
         EXPECT_TRUE(agent.eventually([&] { return agent.openConnections() == 0; }));
     };
     run(302);  // either run ends with garbage, and so without a connection
-    const std::size_t descriptors = openDescriptors();
+    const std::size_t descriptors = vorn::test::openDescriptors();
     [[maybe_unused]] const std::size_t bytes = allocatedBytes();
     run(3000);
-    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(vorn::test::openDescriptors(), descriptors);
 #ifndef ZX_SANITIZED  // there malloc is another, and leaks are looked for at the end
     EXPECT_LT(allocatedBytes(), bytes + 65536);
 #endif

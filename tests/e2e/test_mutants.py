@@ -32,6 +32,7 @@ int count(const std::string& text, bool whole) {
 bool empty(const std::string& text) { return text == ""; }
 std::string twice(const std::string& text) { return text + text; }
 int none() { return {}; }
+void prepare(std::string& text) { text.reserve(64); }
 """
 USER = """
 #include <iostream>

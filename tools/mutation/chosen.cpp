@@ -5,6 +5,7 @@
 // MUTATION_REACHED, a file's name, a line is added to that file for each test that has ended:
 // its name ("!" before it when it has failed), its milliseconds, and the functions that it, or
 // what its suite sets up, has called; one by the name "*" tells what was called outside of tests.
+// What its children have called counts as its own.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -20,10 +21,16 @@ namespace {
 
 constexpr int kFunctions = 1 << 16;
 
-/// Shared with the children that a test forks.
+/// Shared with the children that a test forks, and by a file with those that begin anew.
 unsigned char* memory() {
-    return static_cast<unsigned char*>(
-        mmap(nullptr, kFunctions, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const char* told = std::getenv("MUTATION_REACHED");
+    const std::string name = std::string(told == nullptr ? "" : told) + ".functions";
+    const int file = told == nullptr ? -1 : open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (told != nullptr && (file < 0 || ftruncate(file, kFunctions) != 0)) std::abort();
+    const int shared = MAP_SHARED | (file < 0 ? MAP_ANONYMOUS : 0);
+    void* const made = mmap(nullptr, kFunctions, PROT_READ | PROT_WRITE, shared, file, 0);
+    if (file >= 0) close(file);
+    return static_cast<unsigned char*>(made);
 }
 
 unsigned char* reached() {

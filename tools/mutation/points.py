@@ -21,7 +21,7 @@ CONDITIONS = (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.FOR_STMT, Cu
 LABELED = (CursorKind.COMPOUND_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 BODIES = CONDITIONS + (CursorKind.DO_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
 SIGNED = (CursorKind.BINARY_OPERATOR, CursorKind.CALL_EXPR)  # a call: of an overloaded operator
-NOTHING = re.compile(r"0|\w*(_OK|_SUCCESS)|kAccepted")  # what a zero is called
+NOTHING = re.compile(r"0|\w*(_OK|_SUCCESS)|kAccepted|kHit")  # what a zero is called
 KEPT_FLAGS = ("-I", "-D", "-isystem", "-std")
 
 
@@ -163,6 +163,8 @@ class Finder:
 
     def walk(self, cursor, parent=None):
         kind = cursor.kind
+        if kind == CursorKind.CALL_EXPR and cursor.spelling == "reserve":
+            return  # room that is made at once instead of little by little: nobody can tell
         if parent is not None and (parent.kind == CursorKind.COMPOUND_STMT or parent.kind in BODIES):
             self.child(cursor, parent)
         if kind in SIGNED:
