@@ -36,15 +36,10 @@ std::optional<std::string_view> nameOf(const AttributeDescription* description) 
     return std::string_view(description->ad_cname.bv_val, description->ad_cname.bv_len);
 }
 
-bool isBlank(char c) {
-    return c == ' ' || c == '\t';
-}
-
 bool isDomainComponent(std::string_view text, std::size_t at) {
     if (!vorn::startsWithIgnoreCase(text.substr(at), "DC")) return false;
-    at += 2;
-    while (at < text.size() && isBlank(text[at])) ++at;
-    return at < text.size() && text[at] == '=';
+    const std::size_t sign = text.find_first_not_of(" \t", at + 2);
+    return sign != std::string_view::npos && text[sign] == '=';
 }
 
 bool isDistinguishedName(std::string_view text) {
@@ -75,7 +70,7 @@ bool namesClasses(std::string_view attribute) {
 class Writer {
   public:
     Writer(std::string_view objectType, const vorn::Properties* map) : m_objectType(objectType), m_map(map) {
-        m_out.reserve(kUsualBytes);
+        m_out.reserve(127);  // few filters have to move to grow
     }
 
     void write(const Filter* node);
@@ -93,8 +88,6 @@ class Writer {
     void noteCase(std::string_view attribute, std::string_view value);
     [[noreturn]] static void refuse(const Filter* node);
     [[noreturn]] static void refuseName();
-
-    static constexpr std::size_t kUsualBytes = 127;  // few filters have to move to grow
 
     const std::string_view m_objectType;
     const vorn::Properties* const m_map;

@@ -20,9 +20,6 @@
 
 namespace {
 
-// Room for the text of a common object.
-constexpr std::size_t kUsualLength = 4096;
-
 // Room for the complaints that were made: names of attributes, each with its object's DN.
 constexpr std::size_t kMostLeftOut = std::size_t{1} << 20;
 
@@ -38,14 +35,13 @@ const char* codeText(vexCode code) {
     return text;
 }
 
-// Written into the text's own buffer. The encoder adds a NUL, which is cut off.
+// Written into the text's own buffer. The encoder adds a NUL, where the text has its own.
 void appendBase64(std::string* ldif, std::string_view bytes) {
     const std::size_t start = ldif->size();
     const std::size_t length = (bytes.size() + 2) / 3 * 4;
-    ldif->resize(start + length + 1);
+    ldif->resize(start + length);
     lutil_b64_ntop(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), ldif->data() + start,
                    length + 1);
-    ldif->resize(start + length);
 }
 
 std::string_view bytesOf(const vexBlob& value) {
@@ -101,7 +97,7 @@ class Conversion {
   public:
     Conversion(vexSession* session, const vexObject* object, const LdifRequest& request)
         : m_session(session), m_object(object), m_request(request), m_logs(JPrintfEnabled()) {
-        m_ldif.reserve(kUsualLength);
+        m_ldif.reserve(4096);  // of a common object
     }
 
     std::string run();
@@ -258,7 +254,6 @@ void Conversion::writeRemaining() {
     while (code == VEX_OK) {
         const vex::UniqueString name(next);
         if (name != nullptr) writeRemainingAttribute(name.get());
-        next = nullptr;
         code = vexGetNextAttribute(m_session, m_object, &cursor, &next);
     }
 }

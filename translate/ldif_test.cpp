@@ -263,6 +263,39 @@ TEST_F(Ldif, UnreadableParts) {
     EXPECT_TRUE(
         log.has("object_to_ldif: " + missing + " (10):unixHomeDirectory from vexGetAttributeBlobList"));
     EXPECT_TRUE(log.has("object_to_ldif: Error rc = " + broken + " (6) from vexGetAttributeList"));
+    EXPECT_FALSE(log.has("object_to_ldif: attrName = mail, value[0] = <binary data>"));
+}
+
+TEST_F(Ldif, AnAttributeThatCannotBeReadIsNoneOfThoseMapped) {
+    EXPECT_EQ(
+        convert(person({standin::unreadable("displayName", 8), {"gecos", {"her own"}}}), posixAccount()),
+        "dn: cn=ann,OU=Staff,DC=example,DC=com\nuid: ann\nsAMAccountName: ann\ngecos: her own\n");
+}
+
+TEST_F(Ldif, AValueWithoutDataIsABareName) {
+    EXPECT_EQ(convert({{"_dn", {"CN=a"}}, {"mail", {standin::noData()}}}, {}), "dn: CN=a\nmail");
+}
+
+TEST_F(Ldif, TellsWhoeverAsksThatItHasLoggedAnError) {
+    const struct {
+        Object object;
+        bool complained;
+    } cases[] = {
+        {person(), false},
+        {person({standin::unreadable("displayName", 8)}), false},
+        {{{"_dn", {"CN=a"}}, standin::unreadable("_objectCategory", 8)}, true},
+        {{{"_dn", {"CN=a,DC=x"}}, {"_objectCategory", {"Person"}}}, true},  // without a name for its DN
+        {{standin::unreadable("_dn", 8), {"_objectCategory", {"Person"}}, {"sAMAccountName", {"a"}}}, true},
+    };
+    const standin::CapturedStderr errors;
+    for (const auto& [content, expected] : cases) {
+        const vex::UniqueObject object(standin::makeObject(content));
+        for (const bool before : {false, true}) {
+            bool complained = before;
+            object_to_ldif(nullptr, object.get(), posixAccount(), &complained);
+            EXPECT_EQ(complained, before || expected);
+        }
+    }
 }
 
 TEST_F(Ldif, TheCategoryIsReadBeforeTheMapIsLookedAt) {
@@ -362,6 +395,40 @@ TEST_F(Ldif, WhatIsLeftOutIsToldOnceForAnObjectsAttribute) {
     EXPECT_EQ(told("info", "CN=odd 1"), 1);
     EXPECT_EQ(told("description", "CN=odd 2"), 1);
     EXPECT_EQ(told("info", "CN=odd 2"), 0);
+}
+
+TEST_F(Ldif, WhatIsLeftOutOfAnObjectWithoutANameIsNotTold) {
+    knowWithValidator("description", isText);
+    const standin::CapturedStderr errors;
+    EXPECT_EQ(convert({{"description", {"\xFC"}}, {"info", {"fine"}}}, {"", false, {}, true}),
+              "dn: \ninfo: fine\n");
+    EXPECT_EQ(errors.text(), "");
+}
+
+// There is room for the names of a megabyte.
+TEST_F(Ldif, OfTooManyThatAreLeftOutTheFirstIsToldAgain) {
+    knowWithValidator("description", isText);
+    const standin::CapturedLog log;
+    const standin::CapturedStderr errors;
+    const auto read = [](const std::string& dn) {
+        convert({{"_dn", {dn.c_str()}}, {"description", {"\xFC"}}}, {});
+    };
+    const auto told = [&] {
+        return log.count(
+            "dirgate ERROR: object_to_ldif: left out what is not UTF-8 of description of CN=the first");
+    };
+    const auto readOthers = [&](char kind, int count) {
+        for (int i = 0; i < count; ++i) read("CN=" + std::string(10'000, kind) + std::to_string(i));
+    };
+    readOthers('a', 220);  // whatever was remembered before is forgotten
+    read("CN=the first");
+    const int once = told();
+    readOthers('b', 80);
+    read("CN=the first");
+    EXPECT_EQ(told(), once);
+    readOthers('c', 20);
+    read("CN=the first");
+    EXPECT_EQ(told(), once + 1);
 }
 
 // slapd is asked about bytes that are not UTF-8 alone.

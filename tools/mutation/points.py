@@ -163,7 +163,7 @@ class Finder:
 
     def walk(self, cursor, parent=None):
         kind = cursor.kind
-        if kind == CursorKind.CALL_EXPR and cursor.spelling == "reserve":
+        if kind == CursorKind.CALL_EXPR and re.match(r"\w+\.reserve\(", self.of(cursor)):
             return  # room that is made at once instead of little by little: nobody can tell
         if parent is not None and (parent.kind == CursorKind.COMPOUND_STMT or parent.kind in BODIES):
             self.child(cursor, parent)
