@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "standard/kinds.h"
+
+#include <algorithm>
+
+namespace standard {
+
+const std::vector<std::size_t>* Kind::find(std::string_view type) const {
+    const auto found = byType.find(type);
+    return found == byType.end() ? nullptr : &found->second;
+}
+
+bool Kind::mayHaveClass(std::string_view name) const {
+    return std::any_of(classes.begin(), classes.end(), [name](const ShownClass& candidate) {
+        return vorn::equalsIgnoreCase(candidate.name, name);
+    });
+}
+
+}  // namespace standard

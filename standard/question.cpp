@@ -1,0 +1,348 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "standard/question.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "standard/agent_filter.h"
+#include "standard/guid.h"
+#include "vorn/attribute_name.h"
+#include "vorn/escape.h"
+#include "vorn/strings.h"
+
+#include "backend/base/slapd.h"
+
+namespace standard {
+namespace {
+
+using Operator = AgentFilter::Operator;
+
+// What the agent takes in one request, with room for the rest of it, and of parts in one filter.
+constexpr std::size_t kMostQuestionBytes = std::size_t{1} << 19;
+constexpr std::size_t kMostQuestionParts = 4096;
+
+// slapd sets a further bit in a node when its schema does not know the attribute.
+ber_tag_t choiceOf(const Filter* node) {
+    return node->f_choice & SLAPD_FILTER_MASK;
+}
+
+bool isList(const Filter* node) {
+    const ber_tag_t choice = choiceOf(node);
+    return choice == LDAP_FILTER_AND || choice == LDAP_FILTER_OR || choice == LDAP_FILTER_NOT;
+}
+
+std::string_view viewOf(const berval& text) {
+    return text.bv_val == nullptr ? std::string_view() : std::string_view(text.bv_val, text.bv_len);
+}
+
+const AttributeDescription* assertedIn(const Filter* node) {
+    switch (choiceOf(node)) {
+        case LDAP_FILTER_PRESENT:
+            return node->f_desc;
+        case LDAP_FILTER_SUBSTRINGS:
+            return node->f_sub_desc;
+        case LDAP_FILTER_EXT:
+            return node->f_mr_desc;
+        case LDAP_FILTER_EQUALITY:
+        case LDAP_FILTER_APPROX:
+        case LDAP_FILTER_GE:
+        case LDAP_FILTER_LE:
+            return node->f_av_desc;
+        default:
+            return nullptr;
+    }
+}
+
+// The name alone is safe to read: slapd fills little else of the description of an
+// attribute that its schema does not know.
+std::string_view nameIn(const Filter* node) {
+    const AttributeDescription* description = assertedIn(node);
+    return description == nullptr ? std::string_view() : viewOf(description->ad_cname);
+}
+
+std::string_view valueIn(const Filter* node) {
+    return choiceOf(node) == LDAP_FILTER_EXT ? viewOf(node->f_mr_value) : viewOf(node->f_av_value);
+}
+
+std::size_t bytesOfPieces(const Filter* node) {
+    std::size_t bytes = node->f_sub_initial.bv_len + node->f_sub_final.bv_len;
+    for (const berval* piece = node->f_sub_any; piece != nullptr && piece->bv_val != nullptr; ++piece)
+        bytes += piece->bv_len + 1;
+    return bytes;
+}
+
+// The size of a client's filter; goes no deeper than is allowed.
+class Measure {
+  public:
+    std::optional<QuestionRefusal> refusal(const Filter* filter) {
+        add(filter, 1);
+        if (m_deep) return QuestionRefusal::TooDeep;
+        if (m_assertions > kMostAssertions) return QuestionRefusal::TooManyAssertions;
+        if (m_bytes > kMostFilterBytes) return QuestionRefusal::TooLong;
+        return std::nullopt;
+    }
+
+  private:
+    void add(const Filter* node, std::size_t level) {
+        if (node == nullptr) return;
+        if (level > kMostLevels) {
+            m_deep = true;
+        } else if (isList(node)) {
+            for (const Filter* element = node->f_and; element != nullptr; element = element->f_next)
+                add(element, level + 1);
+        } else {
+            ++m_assertions;
+            m_bytes += bytesOf(node);
+        }
+    }
+
+    static std::size_t bytesOf(const Filter* node) {
+        const std::size_t name = nameIn(node).size();
+        switch (choiceOf(node)) {
+            case LDAP_FILTER_SUBSTRINGS:
+                return name + bytesOfPieces(node);
+            case LDAP_FILTER_PRESENT:
+            case SLAPD_FILTER_COMPUTED:
+                return name;
+            default:
+                return assertedIn(node) == nullptr ? 0 : name + valueIn(node).size();
+        }
+    }
+
+    bool m_deep = false;
+    std::size_t m_assertions = 0;
+    std::size_t m_bytes = 0;
+};
+
+// Whether Active Directory compares the attribute with regard to case.
+bool countsCase(std::string_view source) {
+    static constexpr std::array kNames = {"associatedDomain",     "bootFile",
+                                          "bootParameter",        "destinationIndicator",
+                                          "displayNamePrintable", "gecos",
+                                          "ipHostNumber",         "ipNetmaskNumber",
+                                          "ipNetworkNumber",      "loginShell",
+                                          "ipServiceProtocol",    "macAddress",
+                                          "memberNisNetgroup",    "memberUid",
+                                          "msSFU30Aliases",       "msSFU30Name",
+                                          "msSFU30NisDomain",     "nisMapEntry",
+                                          "nisMapName",           "nisNetgroupTriple",
+                                          "serialNumber",         "unixHomeDirectory"};
+    return std::any_of(kNames.begin(), kNames.end(),
+                       [source](const char* name) { return vorn::equalsIgnoreCase(name, source); });
+}
+
+// As text: what the agent compares by characters, and the client too.
+bool isText(const ShownAttribute& attribute) {
+    return attribute.form == Form::Same &&
+           (attribute.match == Match::Folded || attribute.match == Match::Exact);
+}
+
+bool hasSource(const ShownAttribute& attribute) {
+    return attribute.form != Form::Computed && !attribute.sources.empty();
+}
+
+bool isMemberUid(const ShownAttribute& attribute) {
+    return vorn::equalsIgnoreCase(attribute.name, "memberUid");
+}
+
+TextPattern::Case caseOf(const ShownAttribute& attribute) {
+    return attribute.match == Match::Folded ? TextPattern::Case::Folded : TextPattern::Case::Kept;
+}
+
+// An object's attributes that make one of the entry: what at least one of them has.
+template <class Ask>
+AgentFilter anySource(const ShownAttribute& attribute, const Ask& ask) {
+    std::vector<AgentFilter> parts;
+    for (const std::string& source : attribute.sources) parts.push_back(ask(source));
+    return AgentFilter::combine(Operator::Or, parts);
+}
+
+AgentFilter isPresent(const ShownAttribute& attribute) {
+    if (attribute.operational || !hasSource(attribute)) return AgentFilter::all();
+    return anySource(attribute, [](const std::string& source) { return AgentFilter::presence(source); });
+}
+
+AgentFilter like(const ShownAttribute& attribute, const TextPattern& pattern) {
+    return anySource(attribute, [&pattern](const std::string& source) {
+        const bool stricter = pattern.hasFoldedLetters() && countsCase(source);
+        return stricter ? AgentFilter::presence(source) : pattern.of(source);
+    });
+}
+
+AgentFilter equalsUuid(const ShownAttribute& attribute, std::string_view value) {
+    const std::optional<std::string> guid = guidOfUuid(value);
+    if (!guid) return AgentFilter::nothing();
+    return anySource(attribute,
+                     [&guid](const std::string& source) { return AgentFilter::ofBytes(source, *guid); });
+}
+
+TextPattern patternOf(const Filter* substrings, TextPattern::Case inCase) {
+    TextPattern pattern(inCase);
+    pattern.append(viewOf(substrings->f_sub_initial));
+    pattern.appendAnything();
+    for (const berval* piece = substrings->f_sub_any; piece != nullptr && piece->bv_val != nullptr; ++piece) {
+        pattern.append(viewOf(*piece));
+        pattern.appendAnything();
+    }
+    pattern.append(viewOf(substrings->f_sub_final));
+    return pattern;
+}
+
+// One filter for objects of one kind.
+class KindQuestion {
+  public:
+    KindQuestion(const Kind& kind, const Resolver& resolve) : m_kind(kind), m_resolve(resolve) {}
+
+    // At least the objects for whose entries the filter is TRUE, or those for which it is
+    // FALSE. What is Undefined is neither.
+    AgentFilter where(const Filter* node, bool outcome) const;
+
+  private:
+    AgentFilter whereList(const Filter* node, bool outcome) const;
+    AgentFilter whereAssertion(const Filter* node, bool outcome) const;
+    AgentFilter whereClass(const Filter* node, bool outcome) const;
+    AgentFilter whereNamed(std::string_view objectClass, bool outcome) const;
+    AgentFilter inClass(const ShownClass& shown) const;
+    AgentFilter holds(const ShownAttribute& attribute, const Filter* node) const;
+    AgentFilter equals(const ShownAttribute& attribute, std::string_view value) const;
+    AgentFilter resolved(const ShownAttribute& attribute, std::string_view value) const;
+
+    const Kind& m_kind;
+    const Resolver& m_resolve;
+};
+
+AgentFilter KindQuestion::where(const Filter* node, bool outcome) const {
+    if (node == nullptr) return AgentFilter::all();
+    if ((node->f_choice & SLAPD_FILTER_UNDEFINED) != 0) return AgentFilter::nothing();
+    switch (choiceOf(node)) {
+        case LDAP_FILTER_AND:
+        case LDAP_FILTER_OR:
+            return whereList(node, outcome);
+        case LDAP_FILTER_NOT:
+            return where(node->f_not, !outcome);
+        case SLAPD_FILTER_COMPUTED:
+            return node->f_result == (outcome ? LDAP_COMPARE_TRUE : LDAP_COMPARE_FALSE)
+                       ? AgentFilter::all()
+                       : AgentFilter::nothing();
+        default:
+            return whereAssertion(node, outcome);
+    }
+}
+
+// An AND is FALSE where one of its elements is, an OR where all are.
+AgentFilter KindQuestion::whereList(const Filter* node, bool outcome) const {
+    std::vector<AgentFilter> parts;
+    for (const Filter* element = node->f_and; element != nullptr; element = element->f_next)
+        parts.push_back(where(element, outcome));
+    return AgentFilter::combine((choiceOf(node) == LDAP_FILTER_AND) == outcome ? Operator::And : Operator::Or,
+                                parts);
+}
+
+AgentFilter KindQuestion::whereAssertion(const Filter* node, bool outcome) const {
+    const std::string_view name = nameIn(node);
+    const bool ofDn = choiceOf(node) == LDAP_FILTER_EXT && node->f_mr_dnattrs != 0;
+    if (name.empty() || ofDn) return AgentFilter::all();
+    if (vorn::equalsIgnoreCase(name, "objectClass")) return whereClass(node, outcome);
+    const auto* attributes = m_kind.find(name);  // none for a name with options: no entry has any
+    if (attributes == nullptr) return outcome ? AgentFilter::nothing() : AgentFilter::all();
+    // The agent cannot tell: an object may have values that its entry does not show, and that
+    // equal the asserted one by the agent's rule but not by the client's.
+    if (!outcome) return AgentFilter::all();
+    std::vector<AgentFilter> parts;
+    for (const std::size_t at : *attributes) parts.push_back(holds(m_kind.attributes[at], node));
+    return AgentFilter::combine(Operator::Or, parts);
+}
+
+AgentFilter KindQuestion::whereClass(const Filter* node, bool outcome) const {
+    switch (choiceOf(node)) {
+        case LDAP_FILTER_PRESENT:
+            return outcome ? AgentFilter::all() : AgentFilter::nothing();
+        case LDAP_FILTER_EQUALITY:
+        case LDAP_FILTER_APPROX:
+            return whereNamed(valueIn(node), outcome);
+        case LDAP_FILTER_EXT:
+            return AgentFilter::all();
+        default:
+            return AgentFilter::nothing();  // classes have no order and no substrings: Undefined
+    }
+}
+
+AgentFilter KindQuestion::whereNamed(std::string_view objectClass, bool outcome) const {
+    if (!outcome || vorn::isNumericName(objectClass)) return AgentFilter::all();
+    for (const ShownClass& shown : m_kind.classes) {
+        if (vorn::equalsIgnoreCase(shown.name, objectClass)) return inClass(shown);
+    }
+    return AgentFilter::nothing();
+}
+
+AgentFilter KindQuestion::inClass(const ShownClass& shown) const {
+    std::vector<AgentFilter> parts;
+    for (const std::string& need : shown.needs) {
+        for (const ShownAttribute& attribute : m_kind.attributes) {
+            if (vorn::equalsIgnoreCase(attribute.name, need)) parts.push_back(isPresent(attribute));
+        }
+    }
+    return AgentFilter::combine(Operator::And, parts);
+}
+
+AgentFilter KindQuestion::holds(const ShownAttribute& attribute, const Filter* node) const {
+    if (choiceOf(node) == LDAP_FILTER_EQUALITY) return equals(attribute, valueIn(node));
+    if (choiceOf(node) == LDAP_FILTER_SUBSTRINGS && isText(attribute) && hasSource(attribute))
+        return like(attribute, patternOf(node, caseOf(attribute)));
+    return isPresent(attribute);
+}
+
+AgentFilter KindQuestion::equals(const ShownAttribute& attribute, std::string_view value) const {
+    if (!hasSource(attribute) || attribute.match == Match::Dn || isMemberUid(attribute))
+        return resolved(attribute, value);
+    if (attribute.form == Form::Uuid) return equalsUuid(attribute, value);
+    if (isText(attribute)) {
+        TextPattern pattern(caseOf(attribute));
+        pattern.append(value);
+        return like(attribute, pattern);
+    }
+    const bool isNumber = attribute.form == Form::Same && attribute.match == Match::Number;
+    if (!isNumber || value.empty()) return isPresent(attribute);
+    return anySource(attribute,
+                     [value](const std::string& source) { return AgentFilter::equality(source, value); });
+}
+
+AgentFilter KindQuestion::resolved(const ShownAttribute& attribute, std::string_view value) const {
+    std::optional<std::string> filter = m_resolve(m_kind, attribute, value);
+    if (!filter) return isPresent(attribute);
+    return filter->empty() ? AgentFilter::nothing() : AgentFilter::of(std::move(*filter));
+}
+
+std::string anyOf(const std::vector<std::string>& filters) {
+    if (filters.size() == 1) return filters.front();
+    std::string text;
+    for (const std::string& filter : filters) text += filter;
+    return text.empty() ? text : "(|" + text + ')';
+}
+
+// No parenthesis and no asterisk stands unescaped in a value.
+bool isTooMuch(const std::string& text) {
+    const auto parts = std::count_if(text.begin(), text.end(), [](char c) { return c == '(' || c == '*'; });
+    return text.size() > kMostQuestionBytes || static_cast<std::size_t>(parts) > kMostQuestionParts;
+}
+
+}  // namespace
+
+vorn::Expected<std::string, QuestionRefusal> questionOf(const Filter* filter, const Kinds& kinds,
+                                                        const Resolver& resolve) {
+    if (const auto refusal = Measure().refusal(filter)) return vorn::unexpected(*refusal);
+    std::vector<std::string> whole;
+    std::vector<std::string> conditions;
+    for (const Kind& kind : kinds) {
+        const AgentFilter wanted = KindQuestion(kind, resolve).where(filter, true);
+        if (wanted.isNothing()) continue;
+        whole.push_back(wanted.textWith(kind.condition));
+        conditions.push_back(kind.condition);
+    }
+    std::string text = anyOf(whole);
+    return isTooMuch(text) ? anyOf(conditions) : text;
+}
+
+}  // namespace standard
