@@ -46,25 +46,27 @@ AgentFilter AgentFilter::ofBytes(std::string_view name, std::string_view bytes) 
 }
 
 AgentFilter AgentFilter::combine(Operator sign, const std::vector<AgentFilter>& parts) {
-    AgentFilter result(sign);
+    std::vector<const AgentFilter*> counting;  // all but those that change nothing
     for (const AgentFilter& part : parts) {
-        if (!result.take(part)) return part;
+        if (!part.m_elements.empty())
+            counting.push_back(&part);
+        else if (part.m_operator != sign)
+            return part;  // decides alone: nothing in an AND, all in an OR
     }
+    if (counting.size() == 1) return *counting.front();
+    AgentFilter result(sign);
+    for (const AgentFilter* part : counting) result.take(*part);
     std::vector<std::string>& elements = result.m_elements;
     std::sort(elements.begin(), elements.end());
     elements.erase(std::unique(elements.begin(), elements.end()), elements.end());
     return result;
 }
 
-// False if the part alone decides: nothing in an AND, all in an OR.
-bool AgentFilter::take(const AgentFilter& part) {
-    if (part.m_operator == m_operator || part.m_elements.size() == 1) {
+void AgentFilter::take(const AgentFilter& part) {
+    if (part.m_operator == m_operator || part.m_elements.size() == 1)
         m_elements.insert(m_elements.end(), part.m_elements.begin(), part.m_elements.end());
-        return true;
-    }
-    if (part.m_elements.empty()) return false;
-    m_elements.push_back(part.text());
-    return true;
+    else
+        m_elements.push_back(part.text());
 }
 
 std::string AgentFilter::text() const {

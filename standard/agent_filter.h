@@ -37,7 +37,7 @@ class AgentFilter {
 
   private:
     explicit AgentFilter(Operator sign) : m_operator(sign) {}
-    bool take(const AgentFilter& part);
+    void take(const AgentFilter& part);
 
     // An AND of none is all, and an OR of none is nothing.
     Operator m_operator;

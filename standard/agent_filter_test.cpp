@@ -50,6 +50,7 @@ TEST(AnAgentsFilter, HasNoListOfItsOwnSortInside) {
     EXPECT_EQ(either(either(kC, kA), kB).text(), "(|(a=1)(b=2)(c=3))");
     EXPECT_EQ(both(either(kA, kA), either(kB, kB)).text(), "(&(a=1)(b=2))");
     EXPECT_EQ(both(kA, either(kB, kC)).text(), "(&(a=1)(|(b=2)(c=3)))");
+    EXPECT_EQ(both(either(both(kB, kC), AgentFilter::nothing()), kA).text(), "(&(a=1)(b=2)(c=3))");
     EXPECT_EQ(either(both(kB, kC), kA).text(), "(|(&(b=2)(c=3))(a=1))");
 }
 

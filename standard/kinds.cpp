@@ -11,9 +11,9 @@ const std::vector<std::size_t>* Kind::find(std::string_view type) const {
 }
 
 bool Kind::mayHaveClass(std::string_view name) const {
-    return std::any_of(classes.begin(), classes.end(), [name](const ShownClass& candidate) {
-        return vorn::equalsIgnoreCase(candidate.name, name);
-    });
+    const auto isIt = [name](const ShownClass& one) { return vorn::equalsIgnoreCase(one.name, name); };
+    return std::any_of(classes.begin(), classes.end(), isIt) ||
+           std::any_of(fallback.begin(), fallback.end(), isIt);
 }
 
 }  // namespace standard

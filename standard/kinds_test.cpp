@@ -30,6 +30,7 @@ TEST(AKind, KnowsItsClassesInAnyCase) {
     EXPECT_TRUE(user.mayHaveClass("top"));
     EXPECT_FALSE(user.mayHaveClass("posixGroup"));
     EXPECT_FALSE(user.mayHaveClass("posix"));
+    EXPECT_TRUE(peopleAndGroups().back().mayHaveClass("groupOfMembers"));
 }
 
 }  // namespace

@@ -21,38 +21,47 @@ inline Kind makeKind(std::string objectClass, std::vector<ShownClass> classes,
     return kind;
 }
 
+// One that makes an entry of any object that has these; what it allows does not matter here.
+inline ShownClass makeClass(std::string name, std::vector<std::string> needs = {}) {
+    return {std::move(name), std::move(needs), {}, false};
+}
+
 // People and groups, with attributes of every sort of rule and form. "name" means cn and sn.
 inline Kinds peopleAndGroups() {
     const ShownAttribute uuid = {"entryUUID", Match::Other, Form::Uuid, {"objectGUID"}, true};
     const ShownAttribute created = {"createTimestamp", Match::Other, Form::Time, {"whenCreated"}, true};
-    const ShownAttribute entryDn = {"entryDN", Match::Dn, Form::Computed, {}, true};
+    const ShownAttribute entryDn = {"entryDN", Match::Other, Form::Computed, {}, true};
     Kind user = makeKind("user",
-                         {{"top", {}, false},
-                          {"person", {"sn", "cn"}, false},
-                          {"inetOrgPerson", {}, true},
-                          {"posixAccount", {"uid", "uidNumber", "homeDirectory"}, false}},
+                         {makeClass("top"), makeClass("person", {"sn", "cn"}), makeClass("inetOrgPerson"),
+                          makeClass("posixAccount", {"uid", "uidNumber", "homeDirectory"})},
                          {{"uid", Match::Folded, Form::Same, {"sAMAccountName"}, false},
-                          {"cn", Match::Folded, Form::Same, {"cn", "displayName"}, false},
+                          {"cn", Match::Folded, Form::Same, {"displayName"}, false},
                           {"sn", Match::Folded, Form::Same, {"sn"}, false},
                           {"uidNumber", Match::Number, Form::Same, {"uidNumber"}, false},
                           {"homeDirectory", Match::Exact, Form::Same, {"unixHomeDirectory"}, false},
                           {"gecos", Match::Folded, Form::Same, {"gecos"}, false},
+                          {"mobile", Match::Folded, Form::Same, {"mobile", "otherMobile"}, false},
                           {"manager", Match::Dn, Form::Same, {"manager"}, false},
                           {"memberOf", Match::Dn, Form::Computed, {}, false},
                           {"telephoneNumber", Match::Other, Form::Same, {"telephoneNumber"}, false},
                           uuid,
                           created,
                           entryDn});
+    user.sort = Sort::Person;
     user.byType["name"] = {1, 2};
-    Kind group = makeKind(
-        "group", {{"top", {}, false}, {"groupOfNames", {"cn"}, true}, {"posixGroup", {"gidNumber"}, false}},
-        {{"cn", Match::Folded, Form::Same, {"cn"}, false},
-         {"gidNumber", Match::Number, Form::Same, {"gidNumber"}, false},
-         {"memberUid", Match::Exact, Form::Same, {"memberUid"}, false},
-         {"member", Match::Dn, Form::Computed, {}, false},
-         uuid,
-         created,
-         entryDn});
+    Kind group = makeKind("group",
+                          {makeClass("top"), makeClass("groupOfNames", {"cn", "member"}),
+                           makeClass("posixGroup", {"gidNumber"})},
+                          {{"cn", Match::Folded, Form::Same, {"sAMAccountName"}, false},
+                           {"gidNumber", Match::Number, Form::Same, {"gidNumber"}, false},
+                           {"memberUid", Match::Exact, Form::Same, {"memberUid"}, false},
+                           {"member", Match::Dn, Form::Computed, {}, false},
+                           uuid,
+                           created,
+                           entryDn});
+    group.sort = Sort::Group;
+    group.naming = "sAMAccountName";
+    group.fallback = {makeClass("top"), makeClass("groupOfMembers", {"cn"})};
     group.byType["name"] = {0};
     return {std::move(user), std::move(group)};
 }

@@ -116,6 +116,10 @@ class Measure {
     std::size_t m_bytes = 0;
 };
 
+bool is(std::string_view name, std::string_view other) {
+    return vorn::equalsIgnoreCase(name, other);
+}
+
 // Whether Active Directory compares the attribute with regard to case.
 bool countsCase(std::string_view source) {
     static constexpr std::array kNames = {"associatedDomain",     "bootFile",
@@ -129,53 +133,22 @@ bool countsCase(std::string_view source) {
                                           "msSFU30NisDomain",     "nisMapEntry",
                                           "nisMapName",           "nisNetgroupTriple",
                                           "serialNumber",         "unixHomeDirectory"};
-    return std::any_of(kNames.begin(), kNames.end(),
-                       [source](const char* name) { return vorn::equalsIgnoreCase(name, source); });
+    return std::any_of(kNames.begin(), kNames.end(), [source](const char* name) { return is(name, source); });
 }
 
-// As text: what the agent compares by characters, and the client too.
+// The agent stores only a part of a group's memberUid, and computes the rest.
+bool hasSource(const ShownAttribute& attribute) {
+    return attribute.form != Form::Computed && !attribute.sources.empty() && !is(attribute.name, "memberUid");
+}
+
+// Whether the agent compares by characters, and the client too.
 bool isText(const ShownAttribute& attribute) {
     return attribute.form == Form::Same &&
            (attribute.match == Match::Folded || attribute.match == Match::Exact);
 }
 
-bool hasSource(const ShownAttribute& attribute) {
-    return attribute.form != Form::Computed && !attribute.sources.empty();
-}
-
-bool isMemberUid(const ShownAttribute& attribute) {
-    return vorn::equalsIgnoreCase(attribute.name, "memberUid");
-}
-
 TextPattern::Case caseOf(const ShownAttribute& attribute) {
     return attribute.match == Match::Folded ? TextPattern::Case::Folded : TextPattern::Case::Kept;
-}
-
-// An object's attributes that make one of the entry: what at least one of them has.
-template <class Ask>
-AgentFilter anySource(const ShownAttribute& attribute, const Ask& ask) {
-    std::vector<AgentFilter> parts;
-    for (const std::string& source : attribute.sources) parts.push_back(ask(source));
-    return AgentFilter::combine(Operator::Or, parts);
-}
-
-AgentFilter isPresent(const ShownAttribute& attribute) {
-    if (attribute.operational || !hasSource(attribute)) return AgentFilter::all();
-    return anySource(attribute, [](const std::string& source) { return AgentFilter::presence(source); });
-}
-
-AgentFilter like(const ShownAttribute& attribute, const TextPattern& pattern) {
-    return anySource(attribute, [&pattern](const std::string& source) {
-        const bool stricter = pattern.hasFoldedLetters() && countsCase(source);
-        return stricter ? AgentFilter::presence(source) : pattern.of(source);
-    });
-}
-
-AgentFilter equalsUuid(const ShownAttribute& attribute, std::string_view value) {
-    const std::optional<std::string> guid = guidOfUuid(value);
-    if (!guid) return AgentFilter::nothing();
-    return anySource(attribute,
-                     [&guid](const std::string& source) { return AgentFilter::ofBytes(source, *guid); });
 }
 
 TextPattern patternOf(const Filter* substrings, TextPattern::Case inCase) {
@@ -188,6 +161,13 @@ TextPattern patternOf(const Filter* substrings, TextPattern::Case inCase) {
     }
     pattern.append(viewOf(substrings->f_sub_final));
     return pattern;
+}
+
+// Whether names of objects begin with the attribute in Active Directory.
+bool namesObjects(std::string_view attribute) {
+    static constexpr std::array kNames = {"cn", "ou", "dc", "o", "l", "c"};
+    return std::any_of(kNames.begin(), kNames.end(),
+                       [attribute](const char* name) { return is(name, attribute); });
 }
 
 // One filter for objects of one kind.
@@ -207,7 +187,14 @@ class KindQuestion {
     AgentFilter inClass(const ShownClass& shown) const;
     AgentFilter holds(const ShownAttribute& attribute, const Filter* node) const;
     AgentFilter equals(const ShownAttribute& attribute, std::string_view value) const;
+    AgentFilter equalsUuid(const ShownAttribute& attribute, std::string_view value) const;
     AgentFilter resolved(const ShownAttribute& attribute, std::string_view value) const;
+    AgentFilter like(const ShownAttribute& attribute, const TextPattern& pattern) const;
+    AgentFilter isPresent(const ShownAttribute& attribute) const;
+    template <class Ask>
+    AgentFilter anySource(const ShownAttribute& attribute, const Ask& ask) const;
+    std::vector<std::string> sourcesOf(const ShownAttribute& attribute) const;
+    const ShownAttribute* attributeOf(std::string_view name) const;
 
     const Kind& m_kind;
     const Resolver& m_resolve;
@@ -244,7 +231,7 @@ AgentFilter KindQuestion::whereAssertion(const Filter* node, bool outcome) const
     const std::string_view name = nameIn(node);
     const bool ofDn = choiceOf(node) == LDAP_FILTER_EXT && node->f_mr_dnattrs != 0;
     if (name.empty() || ofDn) return AgentFilter::all();
-    if (vorn::equalsIgnoreCase(name, "objectClass")) return whereClass(node, outcome);
+    if (is(name, "objectClass")) return whereClass(node, outcome);
     const auto* attributes = m_kind.find(name);  // none for a name with options: no entry has any
     if (attributes == nullptr) return outcome ? AgentFilter::nothing() : AgentFilter::all();
     // The agent cannot tell: an object may have values that its entry does not show, and that
@@ -271,32 +258,31 @@ AgentFilter KindQuestion::whereClass(const Filter* node, bool outcome) const {
 
 AgentFilter KindQuestion::whereNamed(std::string_view objectClass, bool outcome) const {
     if (!outcome || vorn::isNumericName(objectClass)) return AgentFilter::all();
-    for (const ShownClass& shown : m_kind.classes) {
-        if (vorn::equalsIgnoreCase(shown.name, objectClass)) return inClass(shown);
+    std::vector<AgentFilter> parts;
+    for (const auto* classes : {&m_kind.classes, &m_kind.fallback}) {
+        for (const ShownClass& shown : *classes)
+            if (is(shown.name, objectClass)) parts.push_back(inClass(shown));
     }
-    return AgentFilter::nothing();
+    return AgentFilter::combine(Operator::Or, parts);
 }
 
 AgentFilter KindQuestion::inClass(const ShownClass& shown) const {
     std::vector<AgentFilter> parts;
     for (const std::string& need : shown.needs) {
-        for (const ShownAttribute& attribute : m_kind.attributes) {
-            if (vorn::equalsIgnoreCase(attribute.name, need)) parts.push_back(isPresent(attribute));
-        }
+        if (const ShownAttribute* attribute = attributeOf(need)) parts.push_back(isPresent(*attribute));
     }
     return AgentFilter::combine(Operator::And, parts);
 }
 
 AgentFilter KindQuestion::holds(const ShownAttribute& attribute, const Filter* node) const {
     if (choiceOf(node) == LDAP_FILTER_EQUALITY) return equals(attribute, valueIn(node));
-    if (choiceOf(node) == LDAP_FILTER_SUBSTRINGS && isText(attribute) && hasSource(attribute))
+    if (choiceOf(node) == LDAP_FILTER_SUBSTRINGS && isText(attribute))
         return like(attribute, patternOf(node, caseOf(attribute)));
     return isPresent(attribute);
 }
 
 AgentFilter KindQuestion::equals(const ShownAttribute& attribute, std::string_view value) const {
-    if (!hasSource(attribute) || attribute.match == Match::Dn || isMemberUid(attribute))
-        return resolved(attribute, value);
+    if (!hasSource(attribute) || attribute.match == Match::Dn) return resolved(attribute, value);
     if (attribute.form == Form::Uuid) return equalsUuid(attribute, value);
     if (isText(attribute)) {
         TextPattern pattern(caseOf(attribute));
@@ -309,10 +295,58 @@ AgentFilter KindQuestion::equals(const ShownAttribute& attribute, std::string_vi
                      [value](const std::string& source) { return AgentFilter::equality(source, value); });
 }
 
+AgentFilter KindQuestion::equalsUuid(const ShownAttribute& attribute, std::string_view value) const {
+    const std::optional<std::string> guid = guidOfUuid(value);
+    if (!guid) return AgentFilter::nothing();
+    return anySource(attribute,
+                     [&guid](const std::string& source) { return AgentFilter::ofBytes(source, *guid); });
+}
+
 AgentFilter KindQuestion::resolved(const ShownAttribute& attribute, std::string_view value) const {
     std::optional<std::string> filter = m_resolve(m_kind, attribute, value);
     if (!filter) return isPresent(attribute);
     return filter->empty() ? AgentFilter::nothing() : AgentFilter::of(std::move(*filter));
+}
+
+// Where the agent minds the case of letters and the client does not, it would find too little.
+AgentFilter KindQuestion::like(const ShownAttribute& attribute, const TextPattern& pattern) const {
+    return anySource(attribute, [&pattern](const std::string& source) {
+        const bool stricter = pattern.hasFoldedLetters() && countsCase(source);
+        return stricter ? AgentFilter::presence(source) : pattern.of(source);
+    });
+}
+
+AgentFilter KindQuestion::isPresent(const ShownAttribute& attribute) const {
+    if (attribute.operational) return AgentFilter::all();
+    return anySource(attribute, [](const std::string& source) { return AgentFilter::presence(source); });
+}
+
+template <class Ask>
+AgentFilter KindQuestion::anySource(const ShownAttribute& attribute, const Ask& ask) const {
+    if (!hasSource(attribute)) return AgentFilter::all();
+    std::vector<AgentFilter> parts;
+    for (const std::string& source : sourcesOf(attribute)) parts.push_back(ask(source));
+    return AgentFilter::combine(Operator::Or, parts);
+}
+
+// The object's attributes that values of the entry's can come from: besides those of the map
+// what its DN begins with, and a person's cn, which stands in for a missing sn.
+std::vector<std::string> KindQuestion::sourcesOf(const ShownAttribute& attribute) const {
+    std::vector<std::string> sources = attribute.sources;
+    if (m_kind.naming.empty() && namesObjects(attribute.name)) sources.push_back(attribute.name);
+    const ShownAttribute* cn = attributeOf("cn");
+    if (m_kind.sort == Sort::Person && is(attribute.name, "sn") && cn != nullptr) {
+        const std::vector<std::string> more = sourcesOf(*cn);
+        sources.insert(sources.end(), more.begin(), more.end());
+    }
+    return sources;
+}
+
+// Of a type and its subtypes, the type itself.
+const ShownAttribute* KindQuestion::attributeOf(std::string_view name) const {
+    const auto found = std::find_if(m_kind.attributes.begin(), m_kind.attributes.end(),
+                                    [name](const ShownAttribute& one) { return is(one.name, name); });
+    return found == m_kind.attributes.end() ? nullptr : &*found;
 }
 
 std::string anyOf(const std::vector<std::string>& filters) {

@@ -52,8 +52,9 @@ class Question : public testing::Test {
 };
 
 TEST_F(Question, AsksForEachKindThatCanMatch) {
-    EXPECT_EQ(of("(cn=ann)"),
-              "(|(&(objectClass=user)(|(cn=ann)(displayName=ann)))(&(objectClass=group)(cn=ann)))");
+    EXPECT_EQ(
+        of("(cn=ann)"),
+        "(|(&(objectClass=user)(|(cn=ann)(displayName=ann)))(&(objectClass=group)(sAMAccountName=ann)))");
     EXPECT_EQ(of("(uid=ann)"), "(&(objectClass=user)(sAMAccountName=ann))");
     EXPECT_EQ(of("(gidNumber=5)"), "(&(objectClass=group)(gidNumber=5))");
     EXPECT_EQ(of("(objectClass=*)"), kAllText);
@@ -112,7 +113,7 @@ TEST_F(Question, OfANegationIsAllButOfWhatItCannotBeFalseFor) {
     expectOfPeople({{"(!(uid=ann))", "all"},
                     {"(!(uidNumber=*))", "all"},
                     {"(!(uidNumber=5))", "all"},
-                    {"(&(sn=lee)(!(uid=ann)))", "(sn=lee)"},
+                    {"(&(mobile=5)(!(uid=ann)))", "(|(mobile=5)(otherMobile=5))"},
                     {"(!(objectClass=posixAccount))", "all"},
                     {"(!(objectClass=top))", "all"},
                     {"(!(objectClass=*))", "nothing"}});
@@ -120,8 +121,8 @@ TEST_F(Question, OfANegationIsAllButOfWhatItCannotBeFalseFor) {
 
 TEST_F(Question, OfTwoNegationsIsThatOfNone) {
     expectOfPeople({{"(!(!(uid=ann)))", "(sAMAccountName=ann)"},
-                    {"(!(|(!(uid=ann))(!(sn=lee))))", "(sAMAccountName=ann)(sn=lee)"},
-                    {"(!(&(!(uid=ann))(!(sn=lee))))", "(|(sAMAccountName=ann)(sn=lee))"}});
+                    {"(!(|(!(uid=ann))(!(uidNumber=5))))", "(sAMAccountName=ann)(uidNumber=5)"},
+                    {"(!(&(!(uid=ann))(!(uidNumber=5))))", "(|(sAMAccountName=ann)(uidNumber=5))"}});
 }
 
 TEST_F(Question, KnowsWhatAnEntryOfTheKindMayHaveAsClass) {
@@ -141,17 +142,26 @@ TEST_F(Question, KnowsWhatAnEntryOfTheKindMayHaveAsClass) {
 
 TEST_F(Question, OfAClassAsksForWhatAnEntryNeedsForIt) {
     expectOfPeople({{"(objectClass=posixAccount)", "(sAMAccountName=*)(uidNumber=*)(unixHomeDirectory=*)"},
-                    {"(objectClass=person)", "(sn=*)(|(cn=*)(displayName=*))"}});
+                    {"(objectClass=person)", "(|(cn=*)(displayName=*)(sn=*))(|(cn=*)(displayName=*))"}});
+    EXPECT_EQ(of("(objectClass=posixGroup)"), "(&(objectClass=group)(gidNumber=*))");
+}
+
+// A group without members has the fallback's classes.
+TEST_F(Question, OfAClassKnowsThoseOfTheFallback) {
+    EXPECT_EQ(of("(objectClass=groupOfMembers)"), "(&(objectClass=group)(sAMAccountName=*))");
+    m_kinds.back().fallback.push_back(makeClass("posixGroup", {"cn"}));
+    EXPECT_EQ(of("(objectClass=posixGroup)"), "(&(objectClass=group)(|(gidNumber=*)(sAMAccountName=*)))");
 }
 
 TEST_F(Question, OfANeedWithoutASourceIsNotAsked) {
-    m_kinds.front().classes.push_back({"inGroups", {"memberOf", "uid", "unknown"}, false});
+    EXPECT_EQ(of("(objectClass=groupOfNames)"), "(&(objectClass=group)(sAMAccountName=*))");
+    m_kinds.front().classes.push_back(makeClass("inGroups", {"memberOf", "uid", "unknown"}));
     EXPECT_EQ(ofPeople("(objectClass=inGroups)"), "(sAMAccountName=*)");
 }
 
 TEST_F(Question, OfPresenceAsksForAnySource) {
     expectOfPeople({{"(uid=*)", "(sAMAccountName=*)"},
-                    {"(cn=*)", "(|(cn=*)(displayName=*))"},
+                    {"(mobile=*)", "(|(mobile=*)(otherMobile=*))"},
                     {"(memberOf=*)", "all"},
                     {"(entryUUID=*)", "all"},
                     {"(createTimestamp=*)", "all"}});
@@ -159,6 +169,17 @@ TEST_F(Question, OfPresenceAsksForAnySource) {
 
 TEST_F(Question, OfATypeAsksForItsSubtypes) {
     EXPECT_EQ(ofPeople("(name=lee)"), "(|(cn=lee)(displayName=lee)(sn=lee))");
+}
+
+TEST_F(Question, OfAnAttributeThatNamesObjectsAsksForTheNameToo) {
+    EXPECT_EQ(ofPeople("(cn=lee)"), "(|(cn=lee)(displayName=lee))");
+    EXPECT_EQ(of("(&(gidNumber=*)(cn=lee))"), "(&(objectClass=group)(gidNumber=*)(sAMAccountName=lee))");
+}
+
+TEST_F(Question, OfASurnameAsksForTheNameThatStandsInForIt) {
+    EXPECT_EQ(ofPeople("(sn=lee)"), "(|(cn=lee)(displayName=lee)(sn=lee))");
+    m_kinds.front().sort = Sort::Other;
+    EXPECT_EQ(ofPeople("(sn=lee)"), "(sn=lee)");
 }
 
 TEST_F(Question, OfTextIsInCaseAsTheRuleHasIt) {
@@ -170,21 +191,22 @@ TEST_F(Question, OfTextIsInCaseAsTheRuleHasIt) {
 }
 
 TEST_F(Question, OfTextLeavesBlanksAndOtherLettersToTheCheck) {
-    expectOfPeople({{"(sn=van dyke)", "(sn=van*dyke)"},
-                    {"(sn=m\xC3\xBCller)", "(sn=m*ller)"},
-                    {"(sn= )", "(sn=*)"},
+    expectOfPeople({{"(uid=van dyke)", "(sAMAccountName=van*dyke)"},
+                    {"(uid=m\xC3\xBCller)", "(sAMAccountName=m*ller)"},
+                    {"(uid= )", "(sAMAccountName=*)"},
                     {"(uidNumber=5)", "(uidNumber=5)"}});
 }
 
 TEST_F(Question, OfSubstringsHasThePieces) {
-    expectOfPeople({{"(sn=a*)", "(sn=a*)"},
-                    {"(sn=*b*)", "(sn=*b*)"},
-                    {"(sn=*c)", "(sn=*c)"},
-                    {"(sn=a*b*c)", "(sn=a*b*c)"},
-                    {"(sn=a *\xC3\xBC* c)", "(sn=a*c)"},
-                    {"(sn=* *)", "(sn=*)"},
+    expectOfPeople({{"(homeDirectory=a*)", "(unixHomeDirectory=a*)"},
+                    {"(homeDirectory=*b*)", "(unixHomeDirectory=*b*)"},
+                    {"(homeDirectory=*c)", "(unixHomeDirectory=*c)"},
+                    {"(homeDirectory=a*b*c)", "(unixHomeDirectory=a*b*c)"},
+                    {"(homeDirectory=a *\xC3\xBC* c)", "(unixHomeDirectory=a*c)"},
+                    {"(homeDirectory=* *)", "(unixHomeDirectory=*)"},
                     {"(uidNumber=1*)", "(uidNumber=*)"},
                     {"(memberOf=cn*)", "all"},
+                    {"(cn=a*)", "(|(cn=a*)(displayName=a*))"},
                     {"(telephoneNumber=*12*)", "(telephoneNumber=*)"}});
 }
 
@@ -237,7 +259,9 @@ TEST_F(Question, OfDnsIsWhatTheResolverTells) {
 
 TEST_F(Question, OfDnsThatNobodyCanTellIsPresenceOrAll) {
     expectOfPeople({{"(manager=cn=x)", "(manager=*)"}, {"(memberOf=cn=x)", "all"}});
-    EXPECT_EQ(of("(memberUid=ann)"), "(&(objectClass=group)(memberUid=*))");
+    EXPECT_EQ(of("(memberUid=ann)"), "(objectClass=group)");
+    EXPECT_EQ(of("(memberUid=a*)"), "(objectClass=group)");
+    EXPECT_EQ(of("(memberUid=*)"), "(objectClass=group)");
 }
 
 TEST_F(Question, OfADnThatNoEntryHasIsNothing) {
