@@ -5,7 +5,7 @@ PYTHON := /usr/bin/python3
 FILES = $(shell git ls-files '*.c' '*.cpp' '*.h')
 export PORT RUN_DIR ONESHOT
 
-.PHONY: help run test build install uninstall lint asan tsan sanitize soak fuzz mutants coverage bench clean
+.PHONY: help run test build install uninstall lint asan tsan sanitize soak differential fuzz mutants coverage bench clean
 
 help:
 	@echo 'make run       build all, start the gateway with the example directory, look something up'
@@ -18,6 +18,8 @@ help:
 	@echo 'make sanitize  all tests under the sanitizers (asan, then tsan)'
 	@echo 'make soak      everything at once for SOAK_SECONDS= (1200), and the long form of the'
 	@echo '               tests of many requests; ZX_SEED= repeats a run, PRESET= chooses the build'
+	@echo 'make differential  the gateway in the standard mode beside back-mdb with the same entries:'
+	@echo '               QUESTIONS= (100000) to both, ZX_SEED= for other ones'
 	@echo 'make fuzz      the fuzz targets, FUZZ_SECONDS= each (default 30)'
 	@echo '               or FUZZ_FLAGS= as libFuzzer takes them, such as -runs=10000000'
 	@echo 'make mutants   small changes to the code that no unit test notices, in ten minutes'
@@ -91,6 +93,11 @@ sanitize: asan tsan
 SOAK_SECONDS ?= 1200
 soak: build-$(PRESET)
 	@ZX_LONG=1 ZX_SCENARIO_SECONDS=$(SOAK_SECONDS) tools/run-tests $(PRESET) --only-load
+
+# A part of it is in `make test`.
+QUESTIONS ?= 100000
+differential: build-$(PRESET)
+	@ZX_BUILD=build/$(PRESET) ZX_QUESTIONS=$(QUESTIONS) $(PYTHON) -m pytest -q -rP tests/standard/test_differential.py
 
 # A small quarantine keeps the address sanitizer in the processor's caches; file
 # descriptor 2 is what the code under test complains on, and is closed to it.

@@ -1,0 +1,67 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Servers that hold the same entries: back-mdb those that the judge has made, the gateway
+those that it makes itself of the directory. The build folder is ZX_BUILD, as for the
+end-to-end tests."""
+import os
+import pathlib
+import sys
+
+os.environ["LDAPNOINIT"] = "1"
+os.environ.pop("ZX_DIRECTORY", None)
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+
+import ldap  # noqa: E402
+import pytest  # noqa: E402
+
+import company  # noqa: E402
+from compare import DN_SYNTAX  # noqa: E402
+from gateway import EXAMPLES, Slapd  # noqa: E402
+from judge import Judge, Schema, ldif  # noqa: E402
+from peer import SCHEMAS, Mdb  # noqa: E402
+from world import pytest_runtest_makereport, shared_world  # noqa: E402,F401
+
+
+class Standard(Slapd):
+    """The gateway in the standard mode, with the schemas that go with its map."""
+
+    SCHEMAS = [schema for schema in SCHEMAS if schema != EXAMPLES / "zanthedx.schema"]
+    DIRECTIVES = (
+        f'vextranslation "{EXAMPLES}/applications.map"',
+        "dirgate.ldap.standard true",
+        "dirgate.netgroup.use.rfc2307nisnetgroup true",
+    )
+
+
+@pytest.fixture(scope="module")
+def schema(shared_world):
+    return Schema(Mdb(shared_world.folder, shared_world.running_servers, name="schema").start().uri)
+
+
+@pytest.fixture(scope="module")
+def judged(schema):
+    """The entries that there are to be."""
+    return Judge(company.ldif(), (EXAMPLES / "applications.map").read_text(encoding="utf-8"), schema, company.ZONE).entries()
+
+
+@pytest.fixture(scope="module")
+def peer(shared_world, judged):
+    return Mdb(shared_world.folder, shared_world.running_servers, ldif(judged)).start()
+
+
+@pytest.fixture(scope="module")
+def gateway(shared_world):
+    file = shared_world.folder / "company.ldif"
+    file.write_text(company.ldif(), encoding="utf-8")
+    agent = shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE).start()
+    return Standard(shared_world.folder, shared_world.running_servers, env=agent.env).start()
+
+
+@pytest.fixture(scope="module")
+def dn_names(schema):
+    """The attributes whose values are DNs, in lower case."""
+    kinds = [schema.known.get_obj(ldap.schema.AttributeType, oid) for oid in schema.known.listall(ldap.schema.AttributeType)]
+    def syntax(kind):
+        while kind.syntax is None and kind.sup:
+            kind = schema.known.get_obj(ldap.schema.AttributeType, kind.sup[0])
+        return kind.syntax
+    return {name.lower() for kind in kinds if syntax(kind) == DN_SYNTAX for name in kind.names}
