@@ -197,10 +197,6 @@ TEST_F(Dump, ThatIsRefusedIsLoggedAndChangesNothing) {
     EXPECT_EQ(files(), 2U);
 }
 
-TEST_F(Dump, IsAskedForByNobodyAtFirst) {
-    EXPECT_FALSE(gAskedForAtFirst);
-}
-
 TEST_F(Dump, LeavesNoFileOpen) {
     startHere();
     const std::size_t before = vorn::test::openDescriptors();
@@ -339,6 +335,7 @@ bool watcherLooksTwice() {
 }
 
 TEST_F(Dump, ComesAtTheSignal) {
+    EXPECT_FALSE(gAskedForAtFirst);
     gDumpCacheRequested = false;
     const standin::CapturedLog log;
     startHere({}, countedSleep);

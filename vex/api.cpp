@@ -48,8 +48,7 @@ vexStringSet* newStringSet(const flatbuffers::Vector<flatbuffers::Offset<flatbuf
     const std::size_t count = names ? names->size() : 0;
     std::size_t size = sizeof(vexStringSet) + count * sizeof(char*);
     for (std::size_t i = 0; i < count; ++i) size += names->Get(static_cast<unsigned>(i))->size() + 1;
-    auto* memory = static_cast<char*>(std::malloc(size));
-    if (!memory) throw std::bad_alloc();
+    auto* memory = static_cast<char*>(::operator new(size));
     auto* set = new (memory) vexStringSet{static_cast<int>(count), nullptr};
     set->strings = reinterpret_cast<char**>(memory + sizeof(vexStringSet));
     char* text = memory + sizeof(vexStringSet) + count * sizeof(char*);

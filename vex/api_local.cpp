@@ -19,8 +19,7 @@ struct BlobListHead {
 static_assert(sizeof(BlobListHead) % alignof(vexBlob) == 0);
 
 vexBlob* newBlobList(const ObjectRef& content, std::size_t count) {
-    void* memory = std::malloc(sizeof(BlobListHead) + count * sizeof(vexBlob));
-    if (!memory) throw std::bad_alloc();
+    void* memory = ::operator new(sizeof(BlobListHead) + count * sizeof(vexBlob));
     return reinterpret_cast<vexBlob*>(new (memory) BlobListHead{content} + 1);
 }
 
@@ -185,11 +184,11 @@ void vexFreeAttributeBlobList(vexBlob* values, int) {
     if (!values) return;
     auto* head = reinterpret_cast<BlobListHead*>(values) - 1;
     head->~BlobListHead();
-    std::free(head);
+    ::operator delete(head);
 }
 
 void vexFreeStringSet(vexStringSet* names) {
-    std::free(names);
+    ::operator delete(names);
 }
 
 void vexFreeObject(vexObject* object) {

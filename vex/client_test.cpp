@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "vex/handles.h"
 #include "vex/scripted_agent_testing.h"
+#include "vex/session.h"
 #include "vex/wire.h"
 #include "vorn/settings.h"
 
@@ -101,6 +103,22 @@ TEST_F(Client, OpeningWithoutReadableSettingsIsABrokenSession) {
     EXPECT_THROW(vorn::Props(true, true), vorn::PropertiesException);
     vexSession* session = nullptr;
     EXPECT_EQ(vexSessionOpen(VEX_SESSION_LOCAL, VEX_INTERFACE_LEVEL, &session), VEX_BROKEN_SESSION);
+}
+
+TEST_F(Client, SettingsThatAreRewrittenCountWhenTheyAreReadAgain) {
+    std::filesystem::remove(vorn::settingsFile());
+    EXPECT_NE(openSession(), nullptr);
+}
+
+// In a process of its own, which has read none yet.
+TEST(ClientDeath, NeedsNoSettings) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::unsetenv("ZANTHE_CONF");
+            ::_exit(vex::configuredEndpoint().path.empty() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Client, OnlyLocalSessionsOfThisLevelExist) {

@@ -187,8 +187,7 @@ bool Connection::wait(short events, const vorn::Deadline& deadline) const {
     while (!deadline.passed()) {
         const auto left = std::min<Milliseconds::rep>(deadline.left().count(), INT_MAX);
         const int ready = ::poll(&descriptor, 1, static_cast<int>(left));
-        if (ready > 0) return true;
-        if (ready < 0 && errno != EINTR) return false;
+        if (ready >= 0 || errno != EINTR) return ready > 0;
     }
     return false;
 }
@@ -207,18 +206,16 @@ std::size_t Connection::receiveSome(std::span<std::uint8_t> place, const vorn::D
 std::size_t Connection::receiveFromSender(std::span<std::uint8_t> place, const vorn::Deadline& deadline) {
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
     iovec part = {place.data(), place.size()};
-    while (wait(POLLIN, deadline)) {
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        const ssize_t received = ::recvmsg(m_socket.descriptor(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-        if (received < 0 && (errno == EINTR || wouldBlock(errno))) continue;
-        if (received > 0) m_agent = senderOf(message);
-        return received > 0 ? static_cast<std::size_t>(received) : 0;
-    }
-    return 0;
+    if (!wait(POLLIN, deadline)) return 0;
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t received = ::recvmsg(m_socket.descriptor(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (received <= 0) return 0;
+    m_agent = senderOf(message);
+    return static_cast<std::size_t>(received);
 }
 
 // As long as the call has nearly all its time left, the socket's own timeout is

@@ -320,6 +320,25 @@ TEST_F(LookAheadInTime, ANewHintMakesNothingYounger) {
     EXPECT_FALSE(ahead.take(guid(2)));
 }
 
+TEST_F(LookAheadInTime, OneThatIsExpectedTwiceComesTwice) {
+    const std::string a = guid(1), b = guid(2);
+    ahead.expect(Pointers({guid(0), a, a, b}).data());
+    ahead.take(guid(0));
+    answer({guid(0), a, a, b});
+    EXPECT_TRUE(ahead.take(a));
+    EXPECT_TRUE(ahead.take(a));
+    EXPECT_TRUE(ahead.take(b));
+}
+
+TEST_F(LookAheadInTime, TheObjectThatWasAskedForIsNoneOfThoseExpected) {
+    const std::string a = guid(1), b = guid(2);
+    ahead.expect(Pointers({a, b, a}).data());
+    ahead.take(a);
+    answer({a, b});
+    EXPECT_TRUE(ahead.take(b));
+    EXPECT_FALSE(ahead.take(a));
+}
+
 TEST_F(LookAheadInTime, GuidsAreComparedWithoutRegardToCase) {
     const std::string lower = "0000abcd-0000-0000-0000-000000000000";
     const std::string upper = "0000ABCD-0000-0000-0000-000000000000";

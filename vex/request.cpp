@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vex/request.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <vector>
@@ -38,12 +39,10 @@ flatbuffers::Allocator* allocatorFor(Secrecy secrecy) {
 }  // namespace
 
 bool Options::set(int option, std::int32_t value) {
-    for (std::size_t i = 0; i < kKnown.size(); ++i) {
-        if (kKnown[i] != option) continue;
-        m_values[i] = value;
-        return true;
-    }
-    return false;
+    const auto* known = std::find(kKnown.begin(), kKnown.end(), option);
+    if (known == kKnown.end()) return false;
+    m_values[static_cast<std::size_t>(known - kKnown.begin())] = value;
+    return true;
 }
 
 flatbuffers::Offset<flatbuffers::Vector<flatbuffers::Offset<wire::Option>>> Options::write(

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
+
 namespace vex {
 namespace {
 
@@ -52,6 +54,21 @@ TEST(Socket, IsItsParentsInAChild) {
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(isOpen(descriptor));
     EXPECT_FALSE(socket.inherited());
+}
+
+// The number of what its parent had may be another file's by then.
+TEST(Socket, OfItsParentsClosesNothingOfTheChild) {
+    const int descriptor = descriptorOfItsOwn();
+    auto socket = std::make_unique<Socket>(descriptor);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool taken = ::dup2(STDERR_FILENO, descriptor) == descriptor;
+        socket.reset();
+        ::_exit(taken && isOpen(descriptor) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
