@@ -100,7 +100,8 @@ class Comparison:
             expected = self.peer.ask(dataclasses.replace(question, size=0, pages=()))
         ours, theirs = dict(answer.entries), dict(expected.entries)
         found = []
-        if len(ours) != len(answer.entries):
+        # (back-mdb itself sends one twice now and then where a limit ends a page.)
+        if len(ours) != len(answer.entries) and expected is right:
             found.append(Difference("entries", "one comes twice"))
         for title, missing in (("missing", theirs.keys() - ours.keys()), ("too many", ours.keys() - theirs.keys())):
             if missing and not (title == "missing" and expected is not right):
