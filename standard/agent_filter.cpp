@@ -59,7 +59,8 @@ AgentFilter AgentFilter::combine(Operator sign, const std::vector<AgentFilter>& 
     std::vector<std::string>& elements = result.m_elements;
     std::sort(elements.begin(), elements.end());
     elements.erase(std::unique(elements.begin(), elements.end()), elements.end());
-    return result;
+    // Equal parts are one part, which may be a list of the other sort.
+    return elements.size() == 1 ? *counting.front() : result;
 }
 
 void AgentFilter::take(const AgentFilter& part) {

@@ -46,7 +46,8 @@ class AgentFilter {
 
 // A text value with what may stand before, in and behind it, for a filter that finds at least
 // the values that equal it by a rule of LDAP. The agent may have blanks and what is not ASCII
-// in another form (composed or not, wide or not), so each run of these may be anything.
+// in another form (composed or not, wide or not), so each run of these may be anything. Blanks
+// at a stored value's ends, and characters that a rule takes for ASCII, are the agent's to know.
 class TextPattern {
   public:
     enum class Case { Folded, Kept };  // whether letters of either case mean the same

@@ -43,6 +43,7 @@ TEST(AnAgentsFilter, HasItsElementsInOrderAndOnce) {
     EXPECT_EQ(both(kB, kA).text(), "(&(a=1)(b=2))");
     EXPECT_EQ(AgentFilter::combine(Operator::Or, {kC, kA, kC, kB, kA}).text(), "(|(a=1)(b=2)(c=3))");
     EXPECT_EQ(both(kA, kA).text(), "(a=1)");
+    EXPECT_EQ(both(either(both(kB, kC), both(kC, kB)), kA).text(), "(&(a=1)(b=2)(c=3))");
 }
 
 TEST(AnAgentsFilter, HasNoListOfItsOwnSortInside) {
