@@ -30,18 +30,19 @@ std::size_t sizeIn(std::string_view header) {
 
 }  // namespace
 
-Expected<std::string, KdcLoss> carryByTcp(const std::string& host, std::string_view message,
+Expected<std::string, KdcLoss> carryByTcp(const Peer& kdc, std::string_view message,
                                           const Deadline& deadline) {
-    const auto socket = connectTo({host, kKdcPort}, deadline.atMost(kConnectTime));
+    const auto socket = connectTo(kdc, deadline.atMost(kConnectTime));
     if (!socket) return vorn::unexpected(KdcLoss{socket.error(), false});
     const int descriptor = socket->get();
     const std::optional<std::string> header =
         writeAll(descriptor, framed(message), deadline) ? readExactly(descriptor, 4, deadline) : std::nullopt;
-    if (!header) return vorn::unexpected(KdcLoss{host + " port 88: no answer", true});
+    const std::string name = kdc.host + " port " + std::to_string(kdc.port);
+    if (!header) return vorn::unexpected(KdcLoss{name + ": no answer", true});
     const std::size_t size = sizeIn(*header);
     std::optional<std::string> reply;
     if (size > 0 && size <= kLargestReply) reply = readExactly(descriptor, size, deadline);
-    if (!reply) return vorn::unexpected(KdcLoss{host + " port 88: no whole answer", true});
+    if (!reply) return vorn::unexpected(KdcLoss{name + ": no whole answer", true});
     return std::move(*reply);
 }
 
@@ -78,7 +79,7 @@ Krb<std::string> KdcConversation::exchange(const std::string& realm, std::string
         const bool last = i + 1 == peers.size() || !repeatable;
         const Deadline until =
             last ? m_deadline : m_deadline.atMost(m_deadline.share(kPatience, kPatienceShare));
-        auto reply = m_carry(peers[i].host, message, until);
+        auto reply = m_carry({peers[i].host, kKdcPort}, message, until);
         if (reply) {
             m_realm = realm;
             m_peer = peers[i];

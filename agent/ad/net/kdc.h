@@ -34,10 +34,10 @@ struct KdcLoss {
     std::string text;
     bool sent;  // it may have arrived
 };
-// Sends one message to a host's KDC, once, and reads the reply to it.
-using KdcCarrier = std::function<Expected<std::string, KdcLoss>(
-    const std::string& host, std::string_view message, const Deadline& deadline)>;
-Expected<std::string, KdcLoss> carryByTcp(const std::string& host, std::string_view message,
+// Sends one message to a KDC, once, and reads the reply to it.
+using KdcCarrier = std::function<Expected<std::string, KdcLoss>(const Peer& kdc, std::string_view message,
+                                                                const Deadline& deadline)>;
+Expected<std::string, KdcLoss> carryByTcp(const Peer& kdc, std::string_view message,
                                           const Deadline& deadline);
 
 // One conversation with the KDCs of the forest. It stays with the controller that

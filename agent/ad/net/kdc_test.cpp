@@ -26,7 +26,9 @@ class KdcConversationTest : public ::testing::Test {
 
     KdcConversationTest() { m_controllers.set({{{"dc1", 389}, 0}, {{"dc2", 389}, 0}}); }
 
-    Expected<std::string, KdcLoss> carry(const std::string& host, const Deadline& deadline) {
+    Expected<std::string, KdcLoss> carry(const Peer& peer, const Deadline& deadline) {
+        EXPECT_EQ(peer.port, 88);
+        const std::string& host = peer.host;
         m_asked.push_back(host);
         const Kdc& kdc = m_kdcs[host];
         if (!kdc.takesConnections) return vorn::unexpected(KdcLoss{host + ": refused", false});
@@ -38,8 +40,8 @@ class KdcConversationTest : public ::testing::Test {
     KdcConversation conversation(milliseconds time = milliseconds(8000)) {
         return {[this](const std::string& realm) { return realm == "OTHER" ? nullptr : &m_controllers; },
                 Deadline(m_clock, time),
-                [this](const std::string& host, std::string_view, const Deadline& deadline) {
-                    return carry(host, deadline);
+                [this](const Peer& peer, std::string_view, const Deadline& deadline) {
+                    return carry(peer, deadline);
                 }};
     }
     // The reply, or the reason.

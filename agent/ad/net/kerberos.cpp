@@ -1,51 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/net/kerberos.h"
 
-#include <cstdlib>
-#include <new>
-
 #include "agent/ad/net/krb_profile.h"
 
 namespace vexagent {
 namespace {
 
 constexpr int kMostSteps = 10;
-constexpr char kErrorTag = 0x7e;  // a reply that is a KRB-ERROR begins so
 
-// A reply in the form that the library frees.
-krb5_data* newData(std::string_view bytes) {
-    auto* data = static_cast<krb5_data*>(std::calloc(1, sizeof(krb5_data)));
-    auto* copy = static_cast<char*>(std::malloc(bytes.size() + 1));
-    if (data == nullptr || copy == nullptr) {
-        std::free(data);
-        std::free(copy);
-        return nullptr;
-    }
-    bytes.copy(copy, bytes.size());
-    data->magic = KV5M_DATA;
-    data->length = static_cast<unsigned>(bytes.size());
-    data->data = copy;
-    return data;
+// As the library reads it.
+krb5_data dataOf(const std::string& bytes) {
+    return {KV5M_DATA, static_cast<unsigned>(bytes.size()), const_cast<char*>(bytes.data())};
 }
 
 // Stands in for the library's network wherever it would use it by itself.
-krb5_error_code carry(krb5_context, void* kdc, const krb5_data* realm, const krb5_data* message, krb5_data**,
-                      krb5_data** reply) {
+krb5_error_code carry(krb5_context context, void* kdc, const krb5_data* realm, const krb5_data* message,
+                      krb5_data**, krb5_data** reply) {
     try {
         const auto answer = static_cast<KdcConversation*>(kdc)->exchange(
             std::string(realm->data, realm->length), {message->data, message->length}, true);
         if (!answer) return answer.error().code;
-        *reply = newData(*answer);
-        return *reply == nullptr ? ENOMEM : 0;
+        const krb5_data bytes = dataOf(*answer);
+        return krb5_copy_data(context, &bytes, reply);
     } catch (...) {
         return ENOMEM;
     }
 }
 
 // The KDC's error code in a reply; 0 when it is no error.
-krb5_error_code errorIn(krb5_context context, std::string& reply) {
-    if (reply.empty() || reply[0] != kErrorTag) return 0;
-    const krb5_data data = {KV5M_DATA, static_cast<unsigned>(reply.size()), reply.data()};
+krb5_error_code errorIn(krb5_context context, const std::string& reply) {
+    const krb5_data data = dataOf(reply);
     krb5_error* error = nullptr;
     if (krb5_rd_error(context, &data, &error) != 0) return 0;
     const krb5_error_code code = static_cast<krb5_error_code>(error->error + ERROR_TABLE_BASE_krb5);
@@ -74,8 +58,8 @@ Krb<Done> Kerberos::outcome(krb5_error_code code) const {
 
 // ---------------------------------------------------------- first credentials
 
-Krb<bool> Kerberos::step(krb5_init_creds_context context, std::string& reply) {
-    krb5_data in = {KV5M_DATA, static_cast<unsigned>(reply.size()), reply.data()};
+Krb<bool> Kerberos::step(krb5_init_creds_context context, const std::string& reply) {
+    krb5_data in = dataOf(reply);
     krb5_data out{};
     krb5_data realm{};
     unsigned flags = 0;
@@ -113,17 +97,8 @@ Krb<Done> Kerberos::steps(krb5_init_creds_context context) {
 }
 
 Krb<KrbCredentials> Kerberos::firstCredentials(krb5_principal client, const Prepare& prepare) {
-    krb5_get_init_creds_opt* options = nullptr;
-    if (krb5_get_init_creds_opt_alloc(get(), &options) != 0) throw std::bad_alloc();
-    const auto freeOptions = [this](krb5_get_init_creds_opt* value) {
-        krb5_get_init_creds_opt_free(get(), value);
-    };
-    const std::unique_ptr<krb5_get_init_creds_opt, decltype(freeOptions)> owner(options, freeOptions);
-    krb5_get_init_creds_opt_set_forwardable(options, 0);
-    krb5_get_init_creds_opt_set_proxiable(options, 0);
-
     krb5_init_creds_context context = nullptr;
-    krb5_error_code code = krb5_init_creds_init(get(), client, nullptr, nullptr, 0, options, &context);
+    krb5_error_code code = krb5_init_creds_init(get(), client, nullptr, nullptr, 0, nullptr, &context);
     if (code != 0) return vorn::unexpected(failure(code));
     const auto freeCreds = [this](krb5_init_creds_context value) { krb5_init_creds_free(get(), value); };
     const std::unique_ptr<std::remove_pointer_t<krb5_init_creds_context>, decltype(freeCreds)> creds(
@@ -139,8 +114,7 @@ Krb<KrbCredentials> Kerberos::firstCredentials(krb5_principal client, const Prep
 
 void Kerberos::levelRefusal(const std::string& password) {
     if (m_convincing || m_message.empty()) return;
-    krb5_data text = {KV5M_DATA, static_cast<unsigned>(password.size()), const_cast<char*>(password.data())};
-    krb5_data salt = {KV5M_DATA, static_cast<unsigned>(m_realm.size()), m_realm.data()};
+    const krb5_data text = dataOf(password), salt = dataOf(m_realm);
     krb5_keyblock key{};
     if (krb5_c_string_to_key(get(), ENCTYPE_AES256_CTS_HMAC_SHA1_96, &text, &salt, &key) == 0)
         krb5_free_keyblock_contents(get(), &key);

@@ -74,7 +74,7 @@ class Kerberos {
     };
 
     // Whether the library has a message to be carried; it is in m_message then.
-    Krb<bool> step(krb5_init_creds_context context, std::string& reply);
+    Krb<bool> step(krb5_init_creds_context context, const std::string& reply);
     Krb<Done> steps(krb5_init_creds_context context);
 
     KdcConversation& m_kdc;

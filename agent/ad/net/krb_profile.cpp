@@ -3,13 +3,10 @@
 
 #include <profile.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
-#include <string_view>
+#include <optional>
 
 #include "vorn/strings.h"
 
@@ -21,54 +18,53 @@ struct Relation {
     const char* name;
     const char* value;
 };
-constexpr std::array<Relation, 6> kRelations = {{{"dns_lookup_kdc", "false"},
-                                                 {"dns_lookup_realm", "false"},
-                                                 {"dns_canonicalize_hostname", "false"},
-                                                 {"dns_uri_lookup", "false"},
-                                                 {"rdns", "false"},
-                                                 {"default_rcache_name", "none:"}}};
+constexpr Relation kRelations[] = {{"dns_lookup_kdc", "false"},
+                                   {"dns_lookup_realm", "false"},
+                                   {"dns_canonicalize_hostname", "false"},
+                                   {"dns_uri_lookup", "false"},
+                                   {"rdns", "false"},
+                                   {"default_rcache_name", "none:"}};
 
-// Gives one value the way the library wants it; it frees it with freeValues.
-long giveValue(const std::string& value, char*** values) {
-    auto** list = static_cast<char**>(std::calloc(2, sizeof(char*)));
-    if (list == nullptr) return ENOMEM;
-    list[0] = ::strdup(value.c_str());
-    if (list[0] == nullptr) {
-        std::free(list);
-        return ENOMEM;
-    }
-    *values = list;
-    return 0;
-}
+// One value the way the library wants it: a list that ends with a null.
+struct Values {
+    explicit Values(std::string value) : text(std::move(value)) {}
+
+    char* list[2] = {nullptr, nullptr};
+    std::string text;
+};
 
 void freeValues(void*, char** values) {
-    if (values == nullptr) return;
-    for (char** value = values; *value != nullptr; ++value) std::free(*value);
-    std::free(values);
+    delete reinterpret_cast<Values*>(values);
 }
 
-long findValue(const std::string& domain, const char* const* names, char*** values) {
-    if (names[0] == nullptr || names[1] == nullptr) return PROF_NO_RELATION;
-    const std::string_view section = names[0];
+// "realms/EXAMPLE.COM/kdc" for the names of a section, of what is in it, and so on.
+std::string pathOf(const char* const* names) {
+    std::string path;
+    for (; *names != nullptr; ++names) path.append(path.empty() ? "" : "/").append(*names);
+    return path;
+}
+
+std::optional<std::string> findValue(const std::string& domain, const std::string& path) {
     // The library hands over a message only for a realm that has a KDC. Whatever its
     // name, nobody looks it up.
-    if (section == "realms" && names[2] != nullptr && std::string_view(names[2]) == "kdc")
-        return giveValue("none.invalid", values);
-    if (names[2] != nullptr) return PROF_NO_RELATION;
-    const std::string_view name = names[1];
-    if (section == "domain_realm" && (name == domain || name == "." + domain))
-        return giveValue(realmOf(domain), values);
-    if (section != "libdefaults") return PROF_NO_RELATION;
-    if (name == "default_realm") return giveValue(realmOf(domain), values);
+    if (path.starts_with("realms/") && path.ends_with("/kdc")) return "none.invalid";
+    if (path == "domain_realm/" + domain || path == "domain_realm/." + domain ||
+        path == "libdefaults/default_realm")
+        return realmOf(domain);
     for (const Relation& relation : kRelations)
-        if (name == relation.name) return giveValue(relation.value, values);
-    return PROF_NO_RELATION;
+        if (path == std::string("libdefaults/") + relation.name) return relation.value;
+    return std::nullopt;
 }
 
 // The library copies profiles, so each has the domain's name for itself.
 long getValues(void* data, const char* const* names, char*** values) {
     try {
-        return findValue(*static_cast<const std::string*>(data), names, values);
+        const auto value = findValue(*static_cast<const std::string*>(data), pathOf(names));
+        if (!value) return PROF_NO_RELATION;
+        auto* given = new Values(*value);
+        given->list[0] = given->text.data();
+        *values = given->list;
+        return 0;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }

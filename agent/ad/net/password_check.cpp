@@ -40,7 +40,7 @@ Expected<Accepted, KdcFailure> checkPassword(const AdOptions& options, KdcConver
     // A NUL would end the password early for the library.
     if (password.find('\0') != std::string::npos)
         return vorn::unexpected(refused(kerberos.failure(KRB5KDC_ERR_PREAUTH_FAILED)));
-    const auto client = newPrincipal(kerberos, realmOf(domain), {account});
+    const auto client = newPrincipal(kerberos, realmOf(domain), account);
     if (!client) return vorn::unexpected(refused(client.error()));
     const auto keytab = KrbKeytab::open(kerberos, options.keytab);
     const KrbPrincipal self = keytab ? ownName(kerberos, *keytab, options) : KrbPrincipal(kerberos.get());

@@ -13,18 +13,14 @@ std::string_view textOf(const krb5_data& data) {
 
 }  // namespace
 
-Krb<KrbPrincipal> newPrincipal(const Kerberos& kerberos, const std::string& realm,
-                               std::initializer_list<std::string_view> components) {
-    // The library's variadic function wants a number of arguments that is known.
-    const auto* first = components.begin();
+Krb<KrbPrincipal> newPrincipal(const Kerberos& kerberos, const std::string& realm, std::string_view first,
+                               std::string_view second) {
     const auto length = [](std::string_view text) { return static_cast<unsigned>(text.size()); };
     KrbPrincipal principal(kerberos.get());
+    // A length of zero ends the components.
     const krb5_error_code code =
-        components.size() == 1 ? krb5_build_principal_ext(kerberos.get(), principal.place(), length(realm),
-                                                          realm.data(), length(first[0]), first[0].data(), 0)
-                               : krb5_build_principal_ext(kerberos.get(), principal.place(), length(realm),
-                                                          realm.data(), length(first[0]), first[0].data(),
-                                                          length(first[1]), first[1].data(), 0);
+        krb5_build_principal_ext(kerberos.get(), principal.place(), length(realm), realm.data(),
+                                 length(first), first.data(), length(second), second.data(), 0);
     if (code != 0) return vorn::unexpected(kerberos.failure(code));
     return principal;
 }

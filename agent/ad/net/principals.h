@@ -2,7 +2,6 @@
 // Whose tickets are whose.
 #pragma once
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -12,8 +11,8 @@
 namespace vexagent {
 
 // "first/second@REALM", or without a second.
-Krb<KrbPrincipal> newPrincipal(const Kerberos& kerberos, const std::string& realm,
-                               std::initializer_list<std::string_view> components);
+Krb<KrbPrincipal> newPrincipal(const Kerberos& kerberos, const std::string& realm, std::string_view first,
+                               std::string_view second = {});
 
 bool isInRealm(krb5_const_principal principal, const std::string& realm);
 

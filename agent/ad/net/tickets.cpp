@@ -76,8 +76,8 @@ bool TicketLife::isDue(std::time_t time) const {
     return time + std::max(kLeastLeft, (m_end - m_start) / kRestOfLife) >= m_end;
 }
 
-Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf)
-    : m_options(options), m_controllersOf(std::move(controllersOf)) {
+Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf, KdcCarrier carry)
+    : m_options(options), m_controllersOf(std::move(controllersOf)), m_carry(std::move(carry)) {
     setEnvironment(options.domain);
 }
 
@@ -139,7 +139,7 @@ Krb<std::time_t> Tickets::serviceTicket(Kerberos& kerberos, const std::string& d
     KrbPrincipal client(context);
     krb5_error_code code = krb5_cc_get_principal(context, cache.get(), client.place());
     if (code != 0) return vorn::unexpected(kerberos.failure(code));
-    const auto service = newPrincipal(kerberos, realmOf(domain), {"ldap", host});
+    const auto service = newPrincipal(kerberos, realmOf(domain), "ldap", host);
     if (!service) return vorn::unexpected(service.error());
     krb5_creds wanted{};
     wanted.client = client.get();
@@ -152,7 +152,7 @@ Krb<std::time_t> Tickets::serviceTicket(Kerberos& kerberos, const std::string& d
     const std::time_t end = ticket->times.endtime;
     if (vorn::equalsIgnoreCase(domain, m_options.domain)) return end;
     // GSSAPI takes a host outside the domain for one of the machine's own realm.
-    const auto alias = newPrincipal(kerberos, realmOf(m_options.domain), {"ldap", host});
+    const auto alias = newPrincipal(kerberos, realmOf(m_options.domain), "ldap", host);
     if (!alias) return end;
     krb5_creds copy = *ticket;
     copy.server = alias->get();
@@ -164,7 +164,7 @@ Krb<std::time_t> Tickets::prepare(const std::string& domain, const std::string& 
     const std::unique_lock lock(m_mutex, deadline.left());
     if (!lock.owns_lock())
         return vorn::unexpected(KrbFailure{KRB5_KDC_UNREACH, "no ticket could be had in time"});
-    KdcConversation kdc(m_controllersOf, deadline);
+    KdcConversation kdc(m_controllersOf, deadline, m_carry);
     Kerberos kerberos(m_options.domain, kdc);
     const std::time_t time = m_options.clock();
     if (m_life.isDue(time)) {

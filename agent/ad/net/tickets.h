@@ -40,7 +40,8 @@ class Tickets {
   public:
     // Points this process's GSSAPI at the cache and at settings of the agent's
     // own, through the environment: made before other threads are.
-    Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf);
+    Tickets(const AdOptions& options, KdcConversation::ControllersOf controllersOf,
+            KdcCarrier carry = carryByTcp);
 
     // Sees to it that the cache holds a ticket for the LDAP service of a host of the domain,
     // and tells when it ends. Renews the machine's ticket before it ends.
@@ -57,6 +58,7 @@ class Tickets {
 
     const AdOptions& m_options;
     const KdcConversation::ControllersOf m_controllersOf;
+    const KdcCarrier m_carry;
     OwnLogin m_own;
     std::shared_timed_mutex m_mutex;  // guards the cache's content
     TicketLife m_life;                // of the machine's ticket; guarded by m_mutex
