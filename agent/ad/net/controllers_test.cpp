@@ -118,8 +118,25 @@ TEST_F(ControllersTest, TheDelayDoublesUpToItsLimitAndIsDrawn) {
 
 TEST_F(ControllersTest, RequestsThatFailTogetherCountOnce) {
     m_controllers.set({{kOne, 0}});
-    for (int i = 0; i < 10; ++i) m_controllers.failed(kOne, m_now, "refused");
+    for (int i = 0; i < 10; ++i) EXPECT_TRUE(m_controllers.failed(kOne, m_now, "refused"));
     EXPECT_EQ(m_controllers.dueAgain(m_now + milliseconds(1000)), kOne);
+}
+
+TEST_F(ControllersTest, AFailureAfterASuccessIsTheFirstOne) {
+    m_controllers.set({{kOne, 0}});
+    m_controllers.failed(kOne, m_now, "refused");
+    m_controllers.succeeded(kOne);
+    m_controllers.failed(kOne, m_now, "refused");
+    EXPECT_TRUE(m_controllers.allDown(m_now));
+    EXPECT_TRUE(m_controllers.allDown(m_now + milliseconds(999)));
+    EXPECT_FALSE(m_controllers.allDown(m_now + milliseconds(1000)));
+}
+
+TEST_F(ControllersTest, OneThatIsNotAmongThemIsNotUsed) {
+    m_controllers.set({{kOne, 0}, {kTwo, 0}});
+    m_controllers.succeeded(kFar);
+    m_controllers.answered(kFar, m_now);
+    EXPECT_THAT(order(), ElementsAre("one", "two"));
 }
 
 TEST_F(ControllersTest, ABetterClassIsUsedAgainWhenItAnswersAgain) {

@@ -375,11 +375,11 @@ TEST_F(LinkTest, ALargeResultThatIsCollectedForAQuarterOfTheTimeIsAskedForAgainB
 // --------------------------------------------------------------- several searches
 
 TEST_F(LinkTest, SeveralSearchesAreUnderWayTogether) {
-    ScriptedController controller;
     std::vector<LdapSearch> searches;
     for (int i = 0; i < 20; ++i) searches.push_back({dnOf(i)});
     int held = 0;
     std::vector<Asked> waiting;
+    ScriptedController controller;  // ends before what its thread works with
     onSearch(controller, [&](const Asked& asked, Talk& talk) {
         waiting.push_back(asked);
         if (++held < 8) return;  // answers nobody before the eighth has come
