@@ -23,8 +23,9 @@ constexpr std::size_t kStep = 65536;
 
 Bytes greeting() {
     Bytes bytes(std::begin(wire::kMagic), std::end(wire::kMagic));
-    for (int shift = 0; shift < 32; shift += 8)
-        bytes.push_back(static_cast<std::uint8_t>(wire::kVersion >> shift));
+    static_assert(wire::kVersion <= 0xff);  // its lowest byte, which comes first, is all of it
+    bytes.push_back(static_cast<std::uint8_t>(wire::kVersion));
+    bytes.resize(wire::kGreetingBytes);
     return bytes;
 }
 
@@ -80,7 +81,7 @@ void Connection::close() {
 // that only this answer names.
 void Connection::giveUp() {
     if (m_state == State::Closed) return;
-    if (m_search != 0) m_shared.service.closeSearch(m_client, m_search);
+    m_shared.service.closeSearch(m_client, m_search);
     close();
 }
 
@@ -167,7 +168,6 @@ void Connection::process() {
 // In a worker. The client need not wait for the I/O thread to wake up. Where there is no
 // memory for an answer, the connection is all that can be ended.
 void Connection::work() {
-    m_output.clear();
     try {
         if (std::optional<Bytes> frame = m_shared.service.handle(m_client, *m_read))
             m_output = std::move(*frame);
@@ -176,16 +176,14 @@ void Connection::work() {
     }
     m_request.clear();
     m_search = searchIn(m_output);
-    m_written = 0;
     sendAtOnce();
 }
 
 // As much as the socket takes. What failed fails once more, in the I/O thread.
 void Connection::sendAtOnce() {
-    if (m_output.empty()) return;
     const ssize_t sent =
         ::send(m_socket.native_handle(), m_output.data(), m_output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent > 0) m_written = static_cast<std::size_t>(sent);
+    m_written = static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
 }
 
 void Connection::onWorked() {

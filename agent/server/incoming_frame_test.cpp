@@ -50,6 +50,16 @@ TEST_F(IncomingFrameTest, IsWholeAtOnceWhenAllOfItIsThere) {
     EXPECT_EQ(m_frame.length(), 7u);
 }
 
+TEST_F(IncomingFrameTest, MayHaveOneByte) {
+    send(frame("x"));
+    EXPECT_EQ(read(), Progress::Whole);
+    EXPECT_EQ(body(), "x");
+}
+
+TEST_F(IncomingFrameTest, EndsWhereNothingCanBeRead) {
+    EXPECT_EQ(m_frame.read(-1), Progress::Ended);
+}
+
 TEST_F(IncomingFrameTest, ComesByteByByte) {
     const std::string bytes = frame("slow");
     EXPECT_EQ(read(), Progress::Partly);

@@ -16,8 +16,7 @@ bool notifyManager(const std::string& state) {
     const std::string path = place;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@'))
-        return false;
+    if (path.size() >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@')) return false;
     path.copy(address.sun_path, path.size());
     auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     if (path[0] == '@') {

@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include <cstddef>
 #include <cstdlib>
 
@@ -69,6 +71,19 @@ TEST(Notify, WithoutAManagerThereIsNobodyToTell) {
         EXPECT_FALSE(notifyManager("READY=1")) << name;
     }
     ::unsetenv("NOTIFY_SOCKET");
+}
+
+TEST(Notify, ANameThatIsNoneOfAManagerIsNotWrittenTo) {
+    const TemporaryFolder folder;
+    const Manager manager(std::filesystem::relative(folder.file("notify")).string());
+    EXPECT_FALSE(notifyManager("READY=1")) << "it begins at no root";
+    EXPECT_EQ(manager.heard(), "");
+    const std::string longest = "@vexagent-" + std::to_string(::getpid());
+    const Manager other(longest + std::string(sizeof sockaddr_un().sun_path - longest.size(), 'x'));
+    EXPECT_FALSE(notifyManager("READY=1")) << "it fills the address";
+    EXPECT_EQ(other.heard(), "");
+    ::setenv("NOTIFY_SOCKET", ("/" + std::string(300, 'x')).c_str(), 1);
+    EXPECT_FALSE(notifyManager("READY=1"));
 }
 
 TEST(Notify, KeepsNoDescriptor) {

@@ -16,8 +16,6 @@ WorkerPool::~WorkerPool() {
     {
         const std::lock_guard lock(m_mutex);
         m_stopping = true;
-        m_quick.clear();
-        m_slow.clear();
     }
     m_work.notify_all();
     for (std::thread& thread : m_threads) thread.join();

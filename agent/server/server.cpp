@@ -15,7 +15,6 @@ namespace {
 
 using boost::system::error_code;
 
-constexpr std::chrono::seconds kSweepEvery{60};
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
 // The process at the other end, as the kernel recorded it at connect time.
@@ -37,6 +36,7 @@ Server::Server(boost::asio::io_context& io, Service& service, WorkerPool& pool, 
                options.timeout,
                options.idle,
                [this](const std::shared_ptr<Connection>& connection) { onClosed(connection); }},
+      m_sweepEvery(options.sweepEvery),
       m_shares(options.maxClients),
       m_acceptor(io),
       m_acceptTimer(io),
@@ -123,7 +123,7 @@ bool Server::makeRoom(const Client& newcomer) {
 }
 
 void Server::sweep() {
-    m_sweepTimer.expires_after(kSweepEvery);
+    m_sweepTimer.expires_after(m_sweepEvery);
     m_sweepTimer.async_wait([this](const error_code& error) {
         if (error || m_stopping) return;
         sweep();

@@ -22,6 +22,8 @@ struct ServerOptions {
     std::chrono::milliseconds timeout{10'000};  // see Connection::Shared
     std::chrono::milliseconds idle{vex::wire::kSearchIdleSeconds * 1000};
     std::size_t maxClients = 1024;  // connections at once; see Shares
+    // How often searches that nobody goes on with are looked for.
+    std::chrono::milliseconds sweepEvery{60'000};
 };
 
 class Server {
@@ -54,6 +56,7 @@ class Server {
     void onClosed(const std::shared_ptr<Connection>& connection);
 
     Connection::Shared m_shared;
+    const std::chrono::milliseconds m_sweepEvery;
     Shares m_shares;
     boost::asio::local::stream_protocol::acceptor m_acceptor;
     boost::asio::steady_timer m_acceptTimer;

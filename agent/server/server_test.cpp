@@ -9,12 +9,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <functional>
 #include <future>
 #include <thread>
 
 #include "agent/directory/fake_directory_testing.h"
+#include "agent/directory/log_testing.h"
 #include "agent/server/frames_testing.h"
 #include "agent/server/socket_file.h"
 #include "vorn/temporary_folder_testing.h"
@@ -97,8 +99,11 @@ class RawClient {
     const int m_descriptor;
 };
 
+std::atomic<std::time_t> ahead = 0;  // of the clock by which searches are idle
+
 class ServerTest : public ::testing::Test {
   protected:
+    ServerTest() { ahead = 0; }
     void run(std::chrono::milliseconds timeout = std::chrono::seconds(10), std::size_t maxClients = 100) {
         ServerOptions options;
         options.timeout = timeout;
@@ -136,7 +141,7 @@ class ServerTest : public ::testing::Test {
 
     TemporaryFolder m_folder;
     FakeDirectory m_directory;
-    Service m_service{m_directory, vorn::systemTime};
+    Service m_service{m_directory, [] { return vorn::systemTime() + ahead; }};
     WorkerPool m_pool{kWorkers};
     boost::asio::io_context m_io{1};
     std::unique_ptr<Server> m_server;
@@ -361,6 +366,36 @@ TEST_F(ServerTest, AHalfSentRequestHoldsNoPlace) {
     EXPECT_TRUE(serves());
 }
 
+TEST_F(ServerTest, SearchesThatNobodyGoesOnWithEndByThemselves) {
+    ServerOptions options;
+    options.sweepEvery = std::chrono::milliseconds(10);
+    run(options);
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    ASSERT_TRUE(client.sendFrame(searchFrame(1, "5")));
+    ASSERT_NE(client.receiveReply().search, 0u);
+    EXPECT_EQ(m_service.openSearches(), 1u);
+    ahead = wire::kSearchIdleSeconds + 1;
+    EXPECT_TRUE(noSearchStaysOpen());
+}
+
+TEST_F(ServerTest, WhoSendsGarbageIsNamedInTheLog) {
+    const test::CapturedLog log;
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    ASSERT_TRUE(client.sendFrame(Bytes(100, 'x')));
+    EXPECT_TRUE(client.isClosed());
+    const RawClient other(path());
+    ASSERT_TRUE(other.isGreeted());
+    ASSERT_TRUE(other.send({0, 0, 0, 0}));
+    EXPECT_TRUE(other.isClosed());
+    stop();
+    const std::string who = "pid " + std::to_string(::getpid()) + " uid " + std::to_string(::getuid()) + "\n";
+    EXPECT_NE(log.text().find("refused a malformed request of " + who), std::string::npos) << log.text();
+    EXPECT_NE(log.text().find("refused a frame of 0 bytes from " + who), std::string::npos) << log.text();
+}
+
 TEST_F(ServerTest, SearchesEndWithTheProcesssLastConnection) {
     run();
     {
@@ -448,6 +483,26 @@ TEST_F(ServerTest, StoppingAnswersWhatWasSentBefore) {
     EXPECT_EQ(client.receiveReply().id, 2u);
     EXPECT_EQ(client.receiveReply().id, 3u);
     EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(ServerTest, StoppingWaitsForARequestAtWorkAndForNoOtherOne) {
+    run();
+    const RawClient client(path());
+    ASSERT_TRUE(client.isGreeted());
+    {
+        const std::unique_lock held(m_directory.gate);
+        ASSERT_TRUE(client.sendFrame(searchFrame(1, "wait")));
+        while (m_directory.waiting < 1) std::this_thread::yield();
+        std::promise<void> stopping;
+        boost::asio::post(m_io, [&] {
+            m_server->stop([] {});
+            stopping.set_value();
+        });
+        stopping.get_future().wait();
+    }
+    EXPECT_EQ(client.receiveReply().id, 1u);
+    EXPECT_TRUE(client.isClosed());
+    m_thread.join();
 }
 
 TEST_F(ServerTest, StoppingDoesNotWaitForTheRestOfARequest) {

@@ -36,9 +36,9 @@ std::string forLog(const std::string& value, std::size_t most = kLongestInLog) {
 
 int option(const wire::Request& request, int id) {
     int value = 0;
-    if (request.options() == nullptr) return value;
-    for (const wire::Option* entry : *request.options())
-        if (entry != nullptr && entry->id() == id) value = entry->value();
+    if (request.options() != nullptr)
+        for (const wire::Option* entry : *request.options())
+            if (entry != nullptr && entry->id() == id) value = entry->value();
     return value;
 }
 

@@ -12,8 +12,7 @@ std::size_t at(const std::map<Key, std::size_t>& counts, const Key& key) {
 
 template <typename Key>
 void lower(std::map<Key, std::size_t>& counts, const Key& key) {
-    const auto found = counts.find(key);
-    if (found != counts.end() && --found->second == 0) counts.erase(found);
+    if (--counts.at(key) == 0) counts.erase(key);
 }
 
 }  // namespace

@@ -66,6 +66,18 @@ TEST(Shares, WhatIsGivenBackIsFree) {
     EXPECT_TRUE(shares.hasPlaceFor(kGreedy));
 }
 
+TEST(Shares, WhoGivesSomeBackHoldsTheRest) {
+    Shares shares(16);
+    add(shares, kGreedy, 3);
+    add(shares, kOther, 2);
+    shares.remove(kGreedy);
+    shares.remove(kGreedy);
+    EXPECT_TRUE(shares.holdsMore(kGreedy, kTwin));
+    EXPECT_TRUE(shares.holdsMore(kOther, kGreedy));
+    shares.remove(kGreedy);
+    EXPECT_FALSE(shares.holdsMore(kGreedy, kTwin));
+}
+
 TEST(Shares, FewPlacesAreNotShared) {
     for (const int places : {1, 2, 3}) {
         Shares shares(static_cast<std::size_t>(places));

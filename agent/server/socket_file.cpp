@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "vorn/strings.h"
 
@@ -181,9 +182,7 @@ SocketFile::~SocketFile() {
 }
 
 int SocketFile::release() {
-    const int descriptor = m_descriptor;
-    m_descriptor = -1;
-    return descriptor;
+    return std::exchange(m_descriptor, -1);
 }
 
 void SocketFile::remove() {

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "vorn/descriptor.h"
 #include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
@@ -52,10 +53,31 @@ std::string pathOf(const TemporaryFolder& folder, std::size_t size, std::size_t 
     return path + "/" + std::string(nameSize, 's');
 }
 
-bool canConnect(const std::string& path) {
+sockaddr_un addressAt(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, path.size());
+    return address;
+}
+
+// A socket at the path that nobody takes connections from.
+int listening(const std::string& path, int type) {
+    const int socket = ::socket(AF_UNIX, type, 0);
+    const sockaddr_un address = addressAt(path);
+    EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::listen(socket, 1);
+    return socket;
+}
+
+// The number that the next descriptor would have.
+int lowestFree() {
+    const int lowest = ::dup(STDIN_FILENO);
+    ::close(lowest);
+    return lowest;
+}
+
+bool canConnect(const std::string& path) {
+    sockaddr_un address = addressAt(path);
     const int client = ::socket(AF_UNIX, SOCK_STREAM, 0);
     const bool connected = ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     ::close(client);
@@ -147,6 +169,56 @@ TEST(SocketFile, ALiveOneIsAnotherAgents) {
     EXPECT_TRUE(exists(path));
 }
 
+TEST(SocketFile, OneThatIsTooBusyToAnswerIsAnotherAgents) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    const vorn::Descriptor listener(listening(path, SOCK_STREAM));
+    std::vector<vorn::Descriptor> waiting;
+    while (waiting.size() < 100) {
+        waiting.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        const sockaddr_un address = addressAt(path);
+        if (::connect(waiting.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            break;
+    }
+    ASSERT_LT(waiting.size(), 100u);
+    EXPECT_EQ(failure({path, 0600}), ": another agent answers on it");
+}
+
+TEST(SocketFile, OneOfAnotherKindIsLeftAlone) {
+    const TemporaryFolder folder;
+    const vorn::Descriptor other(listening(folder.file("s"), SOCK_DGRAM));
+    EXPECT_EQ(failure({folder.file("s"), 0600}), ": Protocol wrong type for socket");
+}
+
+TEST(SocketFile, WhatAnAgentThatWasKilledLeftUnreadyIsReplaced) {
+    const TemporaryFolder folder;
+    { const vorn::Descriptor left(listening(folder.file(".vexagent.new"), SOCK_STREAM)); }
+    EXPECT_EQ(failure({folder.file("s"), 0600}), "made");
+    EXPECT_FALSE(exists(folder.file(".vexagent.new")));
+}
+
+TEST(SocketFile, OneThatCannotBeMadeKeepsNoDescriptor) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directory(folder.file(".vexagent.new"));
+    const int before = lowestFree();
+    EXPECT_EQ(failure({folder.file("s"), 0600}), ": Address already in use");
+    EXPECT_EQ(lowestFree(), before);
+}
+
+TEST(SocketFile, WhoeverReleasesItOwnsIt) {
+    const TemporaryFolder folder;
+    int released = -1;
+    {
+        SocketFile file({folder.file("s"), 0600});
+        released = file.release();
+    }
+    EXPECT_NE(::fcntl(released, F_GETFD), -1) << "open still";
+    ::close(released);
+    const int before = lowestFree();
+    { const SocketFile file({folder.file("t"), 0600}); }
+    EXPECT_EQ(lowestFree(), before);
+}
+
 TEST(SocketFile, AStaleOneIsReplaced) {
     const TemporaryFolder folder;
     const std::string path = folder.file("s");
@@ -180,13 +252,6 @@ TEST(SocketFile, SaysWhyItCannotBe) {
 }
 
 // ---------------------------------------------------- what was handed over
-
-sockaddr_un addressAt(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, path.size());
-    return address;
-}
 
 // As a service manager makes it.
 vorn::Descriptor made(const std::string& path, int type = SOCK_STREAM) {

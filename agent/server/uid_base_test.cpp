@@ -50,6 +50,8 @@ TEST(UidBase, OfAnyOtherQueryStays) {
         query(base, "(&(objectClass=User)(sAMAccountName>=ann))"),
         query(base, "(&(objectClass=User)(sAMAccountName=ann)(mail=x))"),
         query(base, "(&(objectClass=User)(!(sAMAccountName=ann)))"),
+        query(base, "(&(objectClass=User)(!sAMAccountName=ann))"),
+        query(base, "(&(objectClass=User)xsAMAccountName=ann))"),
         query(base, "(|(objectClass=User)(sAMAccountName=ann))"),
         query(base, "(&(objectClass=User)(sAMAccountName=ann)"),
         query(base, "(&(objectClass=User)(sAMAccountName=\\"),
