@@ -15,6 +15,10 @@
 extern "C" int init_module(int argc, char* argv[]);
 
 int vex_back_initialize(BackendInfo* bi);                 // bi_init: installs the hooks, makes the managers
+// Installs the hooks of the one mode or the other. What the standard mode alone has is
+// empty without it, so that slapd itself answers.
+void installHooks(BackendInfo* bi, bool standard);
+
 int vex_back_db_init(BackendDB* be, ConfigReply* reply);  // bi_db_init
 int vex_back_destroy(BackendDB* be, ConfigReply* reply);  // bi_db_destroy: ends everything
 int vex_conn_destroy(BackendDB* be, Connection* connection);  // bi_connection_destroy

@@ -139,6 +139,7 @@ const std::array kDirectives = {
     Directive{"dirgate.netgroup.use.rfc2307nisnetgroup", Boolean{&gNetgroupUseRfc2307}},
     Directive{"dirgate.paged.critical", Boolean{&gPagedCritical}},
     Directive{"dirgate.search.report.errors", Boolean{&gSearchReportErrors}},
+    Directive{"dirgate.ldap.standard", Boolean{&gLdapStandard}},
 };
 
 constexpr char kTranslation[] = "vextranslation";
@@ -190,11 +191,17 @@ int configure(const Place& place, int argc, char** argv) {
 
 // slapd answers a critical control that the back-end does not list with 12. It
 // reads the list when it starts the database, after all directives.
-void listPagedResults(BackendInfo* bi, bool listed) {
-    static char oid[] = LDAP_CONTROL_PAGEDRESULTS;
-    static char* controls[] = {oid, nullptr};
-    bi->bi_controls = listed ? controls : nullptr;
-    bi->bi_ctrls[slap_cids.sc_pagedResults] = listed ? 1 : 0;
+void listControls(BackendInfo* bi, bool paged, bool standard) {
+    static char pagedResults[] = LDAP_CONTROL_PAGEDRESULTS;
+    static char assertion[] = LDAP_CONTROL_ASSERT;
+    static char manageDsaIt[] = LDAP_CONTROL_MANAGEDSAIT;
+    static char* pages[] = {pagedResults, nullptr};
+    static char* all[] = {pagedResults, assertion, manageDsaIt, nullptr};
+    bi->bi_controls = paged ? pages : nullptr;
+    if (standard) bi->bi_controls = all;
+    bi->bi_ctrls[slap_cids.sc_pagedResults] = paged || standard ? 1 : 0;
+    bi->bi_ctrls[slap_cids.sc_assert] = standard ? 1 : 0;
+    bi->bi_ctrls[slap_cids.sc_manageDSAit] = standard ? 1 : 0;
 }
 
 bool isOurs(const char* name) {
@@ -205,7 +212,8 @@ bool isOurs(const char* name) {
 
 int vex_back_config(BackendInfo* bi, const char* fileName, int line, int argc, char** argv) try {
     const int answer = configure({fileName, line}, argc, argv);
-    listPagedResults(bi, gPagedCritical);
+    listControls(bi, gPagedCritical, gLdapStandard);
+    installHooks(bi, gLdapStandard);
     return answer;
 } catch (const std::exception& error) {
     JError("%s: line %d: %s", fileName, line, error.what());

@@ -13,6 +13,7 @@
 #include "search/entries.h"
 #include "search/handles.h"
 #include "search/search.h"
+#include "standard/operations.h"
 #include "vex/vex.h"
 #include "vorn/thread.h"
 #include "vorn/ulimit.h"
@@ -53,12 +54,26 @@ int vex_back_initialize(BackendInfo* bi) {
     bi->bi_db_init = vex_back_db_init;
     bi->bi_db_destroy = vex_back_destroy;
     bi->bi_op_bind = vex_back_bind;
-    bi->bi_op_search = vex_back_search;
     bi->bi_connection_destroy = vex_conn_destroy;
+    installHooks(bi, false);
 
     back_vex_creds = new CredManager;
     back_vex_search_handle = new SearchHandleManager;
     return 0;
+}
+
+void installHooks(BackendInfo* bi, bool standard) {
+    bi->bi_db_open = standard ? standard::openDatabase : nullptr;
+    bi->bi_op_search = standard ? standard::search : vex_back_search;
+    bi->bi_op_compare = standard ? standard::compare : nullptr;
+    bi->bi_op_add = standard ? standard::refuseWrite : nullptr;
+    bi->bi_op_delete = bi->bi_op_add;
+    bi->bi_op_modify = bi->bi_op_add;
+    bi->bi_op_modrdn = bi->bi_op_add;
+    bi->bi_operational = standard ? standard::operational : nullptr;
+    bi->bi_has_subordinates = standard ? standard::hasSubordinates : nullptr;
+    bi->bi_entry_get_rw = standard ? standard::getEntry : nullptr;
+    bi->bi_entry_release_rw = standard ? standard::releaseEntry : nullptr;
 }
 
 int vex_back_open(BackendInfo* bi) {

@@ -40,6 +40,11 @@ std::size_t bytesOf(const LdifRequest& inputs, const Entry& entry) {
 
 }  // namespace
 
+SharedEntry sharedCopy(Entry& entry) {
+    noteSpecialClasses(entry);
+    return flatCopy(entry);
+}
+
 SharedEntry KeptEntries::find(const FoundObject& found) const {
     if (m_cache == nullptr || found.kept == nullptr) return nullptr;
     const auto* kept = static_cast<const KeptEntry*>(found.kept.get());
@@ -48,8 +53,7 @@ SharedEntry KeptEntries::find(const FoundObject& found) const {
 
 void KeptEntries::keep(const FoundObject& found, Entry* entry) const {
     if (m_cache == nullptr || found.cachedAs == nullptr) return;
-    noteSpecialClasses(*entry);
     m_cache->setAttachment(*found.cachedAs, found.serial,
-                           std::make_shared<const KeptEntry>(KeptEntry{m_inputs, flatCopy(*entry)}),
+                           std::make_shared<const KeptEntry>(KeptEntry{m_inputs, sharedCopy(*entry)}),
                            bytesOf(m_inputs, *entry));
 }

@@ -12,6 +12,10 @@
 #include "search/objects.h"
 #include "translate/ldif.h"
 
+// A copy of an entry for others to read, in one block of memory: no thread writes into it
+// any more.
+SharedEntry sharedCopy(Entry& entry);
+
 // Those that one request may use and make. Safe for use by one thread; what it
 // keeps is shared by all.
 class KeptEntries {

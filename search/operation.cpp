@@ -134,7 +134,8 @@ bool SearchOperation::replayOrAsk() {
 // ---------------------------------------------------------------- deliver
 
 bool SearchOperation::deliver() {
-    if (!m_reply->begin(m_request)) return false;
+    const bool all = m_request.shown.requested.empty();
+    if (!m_reply->begin(all ? nullptr : m_op->ors_attrs)) return false;
     const EntryMaker maker(m_request, m_source.cache());
     ObjectSource& objects = m_source.objects(m_reply->mostObjects());
     FoundObject found;

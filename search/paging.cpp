@@ -11,6 +11,9 @@
 
 namespace {
 
+constexpr Rejection kInvalid{LDAP_PROTOCOL_ERROR, "paged results cookie is invalid"};
+constexpr Rejection kOld{LDAP_UNWILLING_TO_PERFORM, "paged results cookie is invalid or old"};
+
 // A BER encoder whose buffer goes with it.
 class BerEncoder {
   public:
@@ -40,8 +43,9 @@ LDAPControl* makeControl(Operation* op, const struct berval& value) {
 
 }  // namespace
 
-PagedResults::PagedResults(Operation* op)
+PagedResults::PagedResults(Operation* op, Cookies cookies)
     : m_op(op),
+      m_cookies(cookies),
       m_state(get_pagedresults(op) > SLAP_CONTROL_IGNORED
                   ? static_cast<PagedResultsState*>(op->o_pagedresults_state)
                   : nullptr) {}
@@ -64,18 +68,22 @@ std::optional<Rejection> PagedResults::resume(OpenPage* page) {
         m_op->o_conn->c_pagedresults_state.ps_cookie = 0;
         return std::nullopt;
     }
-    constexpr Rejection invalid{LDAP_PROTOCOL_ERROR, "paged results cookie is invalid"};
     Cookie cookie{};
-    if (sent.bv_len != sizeof cookie) return invalid;
+    if (sent.bv_len != sizeof cookie) return kInvalid;
     std::memcpy(&cookie, sent.bv_val, sizeof cookie);
-    if (cookie.received > m_state->ps_cookie) return invalid;
-    if (cookie.received < m_state->ps_cookie) {
-        return Rejection{LDAP_UNWILLING_TO_PERFORM, "paged results cookie is invalid or old"};
+    if (m_cookies == Cookies::Last) {
+        if (const auto rejection = compareWithLast(cookie.received)) return rejection;
     }
-    if (cookie.name.first == 0 || cookie.name.second == 0) return invalid;
+    if (cookie.name.first == 0 || cookie.name.second == 0) return kInvalid;
     auto claimed = back_vex_search_handle->claim(m_op->o_connid, cookie.received, cookie.name);
-    if (!claimed) return invalid;
+    if (!claimed) return m_cookies == Cookies::Last ? kInvalid : kOld;
     *page = std::move(*claimed);
+    return std::nullopt;
+}
+
+std::optional<Rejection> PagedResults::compareWithLast(std::uint64_t received) const {
+    if (received > m_state->ps_cookie) return kInvalid;
+    if (received < m_state->ps_cookie) return kOld;
     return std::nullopt;
 }
 

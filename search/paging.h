@@ -20,7 +20,11 @@
 // The control of one request.
 class PagedResults {
   public:
-    explicit PagedResults(Operation* op);
+    // Which cookies a connection may use: the last one that it was given, or each that it
+    // was given, since it may read several searches by turns.
+    enum class Cookies { Last, Each };
+
+    explicit PagedResults(Operation* op, Cookies cookies = Cookies::Last);
 
     // Whether the request carries the control, and slapd did not mark it ignored.
     bool requested() const { return m_state != nullptr; }
@@ -49,9 +53,11 @@ class PagedResults {
         PageName name;
     };
 
+    std::optional<Rejection> compareWithLast(std::uint64_t received) const;
     bool attach(SlapReply* rs, struct berval* cookie);
     void remember(unsigned long cookie, int received);
 
     Operation* const m_op;
+    const Cookies m_cookies;
     PagedResultsState* const m_state;  // null without the control
 };

@@ -9,8 +9,8 @@
 
 #include "backend/base/slapd.h"
 
-SearchReply::SearchReply(Operation* op, SlapReply* rs, ReplyPolicy* policy)
-    : m_op(op), m_rs(rs), m_policy(policy), m_limits(*op), m_paging(op) {}
+SearchReply::SearchReply(Operation* op, SlapReply* rs, ReplyPolicy* policy, PagedResults::Cookies cookies)
+    : m_op(op), m_rs(rs), m_policy(policy), m_limits(*op), m_paging(op, cookies) {}
 
 bool SearchReply::resume(SharedHandle* open) {
     if (!isPaged()) return true;
@@ -33,8 +33,8 @@ bool SearchReply::answerWith(Entry* entry) {
     return reject({LDAP_SUCCESS, nullptr});
 }
 
-bool SearchReply::begin(const SearchRequest& request) {
-    m_attributes = request.shown.requested.empty() ? nullptr : m_op->ors_attrs;
+bool SearchReply::begin(AttributeName* attributes) {
+    m_attributes = attributes;
     const SharedEntry pending = std::exchange(m_pending, nullptr);
     if (pending != nullptr && !m_policy->entry(pending.get(), m_attributes)) return false;
     m_policy->objectsFollow();

@@ -14,7 +14,8 @@
 class SearchReply {
   public:
     // All of them outlive it.
-    SearchReply(Operation* op, SlapReply* rs, ReplyPolicy* policy);
+    SearchReply(Operation* op, SlapReply* rs, ReplyPolicy* policy,
+                PagedResults::Cookies cookies = PagedResults::Cookies::Last);
 
     // Checks the page that is asked for, if one is. *open becomes the search that its
     // cookie names. False when the page is refused: then the request has ended.
@@ -29,8 +30,9 @@ class SearchReply {
     // Whether the search goes on nevertheless.
     bool fail(const Failure& failure) { return m_policy->failed(failure); }
 
-    // The objects follow. Sends what the page before has left over; whether that went well.
-    bool begin(const SearchRequest& request);
+    // The objects follow; entries are sent with these attributes (null: all). Sends what
+    // the page before has left over; whether that went well.
+    bool begin(AttributeName* attributes);
 
     enum class Delivery { GoesOn, PageIsFull, Ended };
 

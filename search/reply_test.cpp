@@ -84,7 +84,6 @@ class ReplyTest : public searchtest::Fixture {
     PagedResultsState m_state{};
     std::string m_cookie;
     void* m_controls[SLAP_MAX_CIDS] = {};
-    SearchRequest m_request;
 };
 
 TEST_F(ReplyTest, APlainSearchIsItsEntriesAndItsEnd) {
@@ -92,7 +91,7 @@ TEST_F(ReplyTest, APlainSearchIsItsEntriesAndItsEnd) {
     SharedHandle open;
     EXPECT_TRUE(reply.resume(&open));
     EXPECT_EQ(open, nullptr);
-    EXPECT_TRUE(reply.begin(m_request));
+    EXPECT_TRUE(reply.begin(nullptr));
     EXPECT_TRUE(reply.wantsMore());
     EXPECT_EQ(reply.deliver(entry("ann")), Delivery::GoesOn);
     EXPECT_FALSE(reply.isPaged());
@@ -102,9 +101,8 @@ TEST_F(ReplyTest, APlainSearchIsItsEntriesAndItsEnd) {
 }
 
 TEST_F(ReplyTest, EntriesAreSentWithTheAttributesThatWereAskedFor) {
-    m_request.shown.requested = {"mail"};
     SearchReply reply = this->reply();
-    reply.begin(m_request);
+    reply.begin(&m_attributes);
     reply.deliver(entry("ann"));
     EXPECT_THAT(m_policy.told, ElementsAre("objectsFollow", "entry cn=ann"));
 }
@@ -112,7 +110,7 @@ TEST_F(ReplyTest, EntriesAreSentWithTheAttributesThatWereAskedFor) {
 TEST_F(ReplyTest, AnEntryThatCannotBeSentEndsTheSearch) {
     m_policy.sends = false;
     SearchReply reply = this->reply();
-    reply.begin(m_request);
+    reply.begin(nullptr);
     EXPECT_EQ(reply.deliver(entry("ann")), Delivery::Ended);
 }
 
@@ -147,7 +145,7 @@ TEST_F(ReplyTest, AnEntryForAFullPageIsLeftOver) {
     SearchReply reply = this->reply();
     SharedHandle open;
     EXPECT_TRUE(reply.resume(&open));
-    reply.begin(m_request);
+    reply.begin(nullptr);
     EXPECT_EQ(reply.deliver(entry("ann")), Delivery::GoesOn);
     EXPECT_EQ(reply.deliver(entry("bob")), Delivery::PageIsFull);
     EXPECT_FALSE(reply.endPage(nullptr));
@@ -180,7 +178,7 @@ TEST_F(ReplyTest, WhatThePageBeforeLeftOverComesFirst) {
     SharedHandle open;
     EXPECT_TRUE(reply.resume(&open));
     EXPECT_EQ(open, handle);
-    EXPECT_TRUE(reply.begin(m_request));
+    EXPECT_TRUE(reply.begin(nullptr));
     EXPECT_THAT(m_policy.told, ElementsAre("entry cn=ann whole", "objectsFollow"));
     EXPECT_EQ(reply.sent(), 1);
     EXPECT_EQ(reply.sentInAllPages(), 3);

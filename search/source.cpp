@@ -127,13 +127,17 @@ vexSession* SearchSource::session() const {
     return m_session != nullptr || m_handle == nullptr ? m_session.get() : m_handle->session();
 }
 
-void SearchSource::finish(const Operation& op) {
+void SearchSource::tellCache() {
     const std::string statistics = m_cache->getStatisticsInfo();
     if (!statistics.empty()) {
         JPrintf("%s", statistics.c_str());
         JPrintf("%s", m_cache->getStateInfo().c_str());
     }
     if (m_objects != nullptr) m_objects->storeList();
+}
+
+void SearchSource::finish(const Operation& op) {
+    tellCache();
     keepForConnection(op);
 }
 

@@ -53,8 +53,10 @@ class SearchSource {
     vexSession* session() const;
     const SharedHandle& handle() const { return m_handle; }
 
-    // The request is over: tells the statistics and the cache, and leaves to the registry
-    // what is not to end with it.
+    // The objects are over: tells the cache what was found, and the log its statistics.
+    void tellCache();
+    // The request is over: as tellCache, and leaves to the registry what is not to end
+    // with it.
     void finish(const Operation& op);
 
   private:

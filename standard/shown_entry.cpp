@@ -65,6 +65,10 @@ Values shownValues(const ShownAttribute& attribute, const AgentObject& object) {
     return values;
 }
 
+bool isIncomplete(const AgentObject& object) {
+    return !object.values(VORN_NSSENTRY_INVALID).empty();
+}
+
 // Makes one entry.
 class Showing {
   public:
@@ -93,8 +97,8 @@ class Showing {
 };
 
 std::optional<ShownEntry> Showing::run() {
-    m_incomplete = !m_object.values(VORN_NSSENTRY_INVALID).empty();
-    if (m_incomplete && !m_kind.showsIncomplete) return std::nullopt;
+    if (!isShown(m_kind, m_object)) return std::nullopt;
+    m_incomplete = isIncomplete(m_object);
     m_entry.dn = shownDn(m_kind, m_object);
     if (m_entry.dn.empty()) return std::nullopt;
     readAttributes();
@@ -250,6 +254,10 @@ const Kind* kindOf(const Kinds& kinds, const AgentObject& object) {
         }
     }
     return nullptr;
+}
+
+bool isShown(const Kind& kind, const AgentObject& object) {
+    return kind.showsIncomplete || !isIncomplete(object);
 }
 
 std::string shownDn(const Kind& kind, const AgentObject& object) {

@@ -46,6 +46,9 @@ struct ShownEntry {
 // The kind that an object is of, or null: then it is not shown.
 const Kind* kindOf(const Kinds& kinds, const AgentObject& object);
 
+// Whether there is an entry of it, by what the agent says of it.
+bool isShown(const Kind& kind, const AgentObject& object);
+
 // The DN that clients see: text, as the agent spells its parts.
 std::string shownDn(const Kind& kind, const AgentObject& object);
 

@@ -15,6 +15,7 @@ bool gPreferCacheAuth = true;
 bool gFetchByDnUID = false;
 bool gNetgroupUseRfc2307 = false;
 bool gPagedCritical = false;
+bool gLdapStandard = false;
 bool gSearchReportErrors = false;
 
 vorn::Properties* gTranslationMap = nullptr;

@@ -24,6 +24,7 @@ extern bool gPreferCacheAuth;          // ask the agent to prefer its own cached
 extern bool gFetchByDnUID;             // a base look-up of uid=... becomes a filter
 extern bool gNetgroupUseRfc2307;       // netgroups come from the zone's RFC 2307 maps
 extern bool gPagedCritical;            // list the paged results control, for clients that send it as critical
+extern bool gLdapStandard;             // LDAP as the RFCs have it, in place of the exact behaviour
 extern bool gSearchReportErrors;       // an incomplete agent search is a failure, never success
 
 // The attribute translation map; null until a directive has loaded one.

@@ -3,12 +3,14 @@
 // one includes backend/base/slapd.h, last.
 #pragma once
 
+struct AttributeDescription;
 struct AttributeName;
 struct BackendDB;
 struct BackendInfo;
 struct Connection;
 struct Entry;
 struct Filter;
+struct ObjectClass;
 struct Operation;
 struct PagedResultsState;
 struct SlapReply;

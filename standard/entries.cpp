@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "standard/entries.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "backend/base/settings.h"
+#include "search/flat_entry.h"
+#include "search/kept_entries.h"
+#include "standard/membership.h"
+#include "standard/names.h"
+#include "standard/slapd_entry.h"
+#include "vorn/settings.h"
+#include "vorn/strings.h"
+
+#include "backend/base/slapd.h"
+
+namespace standard {
+namespace {
+
+Kinds& kinds() {
+    static Kinds& theOnes = *new Kinds;
+    return theOnes;
+}
+
+// What is kept with a cached object.
+struct Kept {
+    bool members;
+    SharedEntry entry;
+};
+
+SharedEntry keptEntry(const FoundObject& found, const Extras& extras) {
+    if (found.kept == nullptr || extras.memberOf) return nullptr;
+    const auto* kept = static_cast<const Kept*>(found.kept.get());
+    return kept->members || !extras.members ? kept->entry : nullptr;
+}
+
+// Other zones may have netgroups of the same names: only those of the host's own are shown.
+bool isOfAnotherZone(const Kind& kind, const AgentObject& object) {
+    if (kind.sort != Sort::Netgroup || !gNetgroupUseRfc2307) return false;
+    const std::string zone = "," + vorn::loadSetting(vorn::SETTING_ZONE_REALNAME);
+    const std::string& dn = object.first(AD_OBJECT_DN_TEXT);
+    return zone.size() == 1 || dn.size() < zone.size() ||
+           !vorn::equalsIgnoreCase(std::string_view(dn).substr(dn.size() - zone.size()), zone);
+}
+
+void addValues(const Kind& kind, const char* name, std::vector<std::string> values, ShownEntry* shown) {
+    if (values.empty()) return;
+    for (const ShownAttribute& one : kind.attributes) {
+        if (one.name == name) shown->attributes.push_back({&one, std::move(values)});
+    }
+}
+
+}  // namespace
+
+void useKinds(Kinds made) {
+    kinds() = std::move(made);
+}
+
+const Kinds& usedKinds() {
+    return kinds();
+}
+
+std::optional<QuestionRefusal> EntrySearch::prepare() {
+    auto filter = questionOf(m_wanted.filter, kinds(), membershipResolver());
+    if (!filter) return filter.error();
+    const std::string base(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
+    if (!filter->empty()) m_question = placedQuestion(*filter, base, m_wanted.scope, kinds());
+    return std::nullopt;
+}
+
+vexCode EntrySearch::open() {
+    return m_question.filter.empty() ? VEX_OK : m_objects.open(m_question);
+}
+
+bool EntrySearch::resume(SharedHandle handle) {
+    return m_objects.resume(m_question, std::move(handle));
+}
+
+SharedEntry EntrySearch::next(vexCode* code) {
+    FoundObject found;
+    while ((*code = m_objects.next(&found)) == VEX_OK) {
+        SharedEntry entry = entryOf(found, code);
+        if (*code != VEX_OK) break;
+        if (entry != nullptr && isWanted(entry.get())) return entry;
+    }
+    return nullptr;
+}
+
+SharedEntry EntrySearch::entryOf(const FoundObject& found, vexCode* code) {
+    if (SharedEntry kept = keptEntry(found, m_wanted.extras)) return kept;
+    const AgentObject object(m_objects.session(), found.object.get());
+    const Kind* kind = kindOf(kinds(), object);
+    if (kind == nullptr || isOfAnotherZone(*kind, object)) return nullptr;
+    auto shown = show(*kind, object);
+    if (!shown) return nullptr;
+    *code = addExtras(*kind, object, &*shown);
+    if (*code != VEX_OK) return nullptr;
+    SharedEntry entry = slapdEntry(*shown);
+    if (entry == nullptr || found.cachedAs == nullptr || m_wanted.extras.memberOf) return entry;
+    const bool whole = m_wanted.extras.members || kind->sort != Sort::Group;
+    SharedEntry copy = sharedCopy(*entry);
+    m_objects.cache()->setAttachment(*found.cachedAs, found.serial,
+                                     std::make_shared<const Kept>(Kept{whole, copy}), flatSize(*entry));
+    return copy;
+}
+
+vexCode EntrySearch::addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown) {
+    std::vector<std::string> dns;
+    vexCode code = VEX_OK;
+    if (kind.sort == Sort::Group && m_wanted.extras.members) {
+        code = memberDns(m_op, object, &dns);
+        addValues(kind, "member", std::move(dns), shown);
+    } else if (kind.sort == Sort::Person && m_wanted.extras.memberOf) {
+        code = groupDns(m_op, object, &dns);
+        addValues(kind, "memberOf", std::move(dns), shown);
+    }
+    return code;
+}
+
+bool EntrySearch::isWanted(Entry* entry) const {
+    if (!dnIsSuffixScope(&entry->e_nname, const_cast<berval*>(&m_wanted.ndn), m_wanted.scope)) return false;
+    return m_wanted.filter == nullptr || test_filter(m_op, entry, m_wanted.filter) == LDAP_COMPARE_TRUE;
+}
+
+SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const Extras& extras,
+                      vexCode* code) {
+    const Wanted wanted{dn, ndn, LDAP_SCOPE_BASE, nullptr, extras};
+    EntrySearch search(op, wanted);
+    if (search.prepare()) return nullptr;
+    *code = search.open();
+    if (*code != VEX_OK) return nullptr;
+    SharedEntry entry = search.next(code);
+    while (entry != nullptr) {
+        vexCode end = VEX_OK;
+        if (search.next(&end) == nullptr) break;
+    }
+    if (*code == VEX_END_OF_RESULTS) *code = VEX_OK;
+    search.finish();
+    return entry;
+}
+
+}  // namespace standard

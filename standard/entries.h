@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// The entries of the standard mode: those that a client's filter is true for.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "search/handles.h"
+#include "standard/kinds.h"
+#include "standard/object_search.h"
+#include "standard/question.h"
+#include "standard/shown_entry.h"
+
+#include "backend/base/slapd_fwd.h"
+
+namespace standard {
+
+// The kinds of this process: set once, before the first operation.
+void useKinds(Kinds kinds);
+const Kinds& usedKinds();
+
+// What of an entry costs questions of its own, and is made only where it is wanted.
+struct Extras {
+    bool members = false;   // a group's member
+    bool memberOf = false;  // a person's groups
+};
+
+// A search as a client means it. All of it outlives the search.
+struct Wanted {
+    const berval& dn;   // the base as it is shown
+    const berval& ndn;  // its normal form
+    int scope;          // LDAP's
+    Filter* filter;     // null: true for all
+    Extras extras;
+};
+
+// For use by one thread.
+class EntrySearch {
+  public:
+    EntrySearch(Operation* op, const Wanted& wanted) : m_op(op), m_wanted(wanted) {}
+
+    // Writes the agent's question. Nothing, or why the filter is refused.
+    std::optional<QuestionRefusal> prepare();
+
+    // Asks it. VEX_OK, or the agent's code.
+    vexCode open();
+    // Goes on with what an earlier request has opened; false if that was another question.
+    bool resume(SharedHandle handle);
+
+    // The next entry that is in scope and for which the filter is true. Null with
+    // VEX_END_OF_RESULTS after the last one, else with why there are no more to be had.
+    SharedEntry next(vexCode* code);
+
+    // Tells the cache what was found.
+    void finish() { m_objects.finish(); }
+
+    vexSession* session() const { return m_objects.session(); }
+    const SharedHandle& handle() const { return m_objects.handle(); }
+
+  private:
+    SharedEntry entryOf(const FoundObject& found, vexCode* code);
+    vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
+    bool isWanted(Entry* entry) const;
+
+    Operation* const m_op;
+    const Wanted& m_wanted;
+    AgentQuestion m_question;  // an empty filter: nothing can match
+    ObjectSearch m_objects;
+};
+
+// The entry of this name. Null with VEX_OK if there is none, else with the agent's code.
+SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const Extras& extras,
+                      vexCode* code);
+
+}  // namespace standard

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "standard/membership.h"
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <utility>
+
+#include "standard/entries.h"
+#include "standard/names.h"
+#include "standard/slapd_entry.h"
+#include "vorn/escape.h"
+#include "vorn/strings.h"
+
+#include "backend/base/slapd.h"
+
+namespace standard {
+namespace {
+
+constexpr char kAccountName[] = "sAMAccountName";
+constexpr std::size_t kNamesInAFilter = 64;
+constexpr std::size_t kMostNamesInAFilter = 512;
+
+using Names = std::vector<std::string>;
+
+std::string equality(const std::string& attribute, std::string_view value) {
+    std::string filter = "(" + attribute + "=";
+    vorn::appendFilterValue(&filter, value);
+    return filter + ")";
+}
+
+std::string anyOf(const std::string& attribute, const Names& values, std::size_t from, std::size_t to) {
+    std::string filter = "(|";
+    for (std::size_t i = from; i < to; ++i) filter += equality(attribute, values[i]);
+    return filter + ")";
+}
+
+const Kind* kindOfSort(Sort sort) {
+    for (const Kind& kind : usedKinds())
+        if (kind.sort == sort) return &kind;
+    return nullptr;
+}
+
+// All objects of the kind that the filter finds, and that are shown.
+vexCode forEach(Operation* op, const Kind& kind, const std::string& filter,
+                const std::function<void(const AgentObject&)>& take) {
+    const berval& suffix = op->o_bd->be_suffix[0];
+    ObjectSearch search;
+    vexCode code = search.open(
+        {"(&" + kind.condition + filter + ")", {suffix.bv_val, suffix.bv_len}, LDAP_SCOPE_SUBTREE});
+    if (code != VEX_OK) return code;
+    FoundObject found;
+    while ((code = search.next(&found)) == VEX_OK) {
+        const AgentObject object(search.session(), found.object.get());
+        if (kindOf(usedKinds(), object) == &kind && isShown(kind, object)) take(object);
+    }
+    if (code != VEX_END_OF_RESULTS) return code;
+    search.finish();
+    return VEX_OK;
+}
+
+// The object that is shown so, if it is of this kind; *known: whether that could be told.
+std::optional<AgentObject> shownAs(const Kind& kind, std::string_view ndn, bool* known) {
+    const std::string dn(ndn);
+    const AgentQuestion question = placedQuestion(kind.condition, dn, LDAP_SCOPE_BASE, usedKinds());
+    ObjectSearch search;
+    *known = search.open(question) == VEX_OK;
+    if (!*known) return std::nullopt;
+    std::optional<AgentObject> result;
+    FoundObject found;
+    vexCode code = VEX_OK;
+    while ((code = search.next(&found)) == VEX_OK) {
+        AgentObject object(search.session(), found.object.get());
+        if (kindOf(usedKinds(), object) != &kind) continue;
+        if (normalDn(shownDn(kind, object)) == dn) result = std::move(object);
+    }
+    *known = code == VEX_END_OF_RESULTS;
+    if (*known) search.finish();
+    return result;
+}
+
+std::optional<std::string> groupsWithMember(std::string_view ndn) {
+    const Kind* people = kindOfSort(Sort::Person);
+    if (people == nullptr) return "";
+    bool known = false;
+    const auto person = shownAs(*people, ndn, &known);
+    if (!known) return std::nullopt;
+    return person ? equality("memberUid", person->first(kAccountName)) : "";
+}
+
+std::optional<std::string> peopleOfGroup(std::string_view ndn) {
+    const Kind* groups = kindOfSort(Sort::Group);
+    if (groups == nullptr) return "";
+    bool known = false;
+    const auto group = shownAs(*groups, ndn, &known);
+    if (!known) return std::nullopt;
+    const Names& names = group ? group->values("memberUid") : Names();
+    if (names.size() > kMostNamesInAFilter) return std::nullopt;
+    return names.empty() ? "" : anyOf(kAccountName, names, 0, names.size());
+}
+
+}  // namespace
+
+vexCode memberDns(Operation* op, const AgentObject& group, std::vector<std::string>* dns) {
+    const Kind* people = kindOfSort(Sort::Person);
+    if (people == nullptr) return VEX_OK;
+    const Names& names = group.values("memberUid");
+    std::map<std::string, std::string, vorn::StringCaseLessThan> found;
+    for (std::size_t from = 0; from < names.size(); from += kNamesInAFilter) {
+        const std::size_t to = std::min(names.size(), from + kNamesInAFilter);
+        const vexCode code = forEach(
+            op, *people, anyOf(kAccountName, names, from, to),
+            [&](const AgentObject& person) { found[person.first(kAccountName)] = shownDn(*people, person); });
+        if (code != VEX_OK) return code;
+    }
+    for (const std::string& name : names) {
+        if (const auto dn = found.find(name); dn != found.end()) dns->push_back(dn->second);
+    }
+    return VEX_OK;
+}
+
+vexCode groupDns(Operation* op, const AgentObject& person, std::vector<std::string>* dns) {
+    const Kind* groups = kindOfSort(Sort::Group);
+    const std::string& name = person.first(kAccountName);
+    if (groups == nullptr || name.empty()) return VEX_OK;
+    return forEach(op, *groups, equality("memberUid", name), [&](const AgentObject& group) {
+        const Names& members = group.values("memberUid");
+        // The agent compares as directories do: the name itself decides.
+        if (std::find(members.begin(), members.end(), name) != members.end())
+            dns->push_back(shownDn(*groups, group));
+    });
+}
+
+Resolver membershipResolver() {
+    return [](const Kind& kind, const ShownAttribute& attribute,
+              std::string_view value) -> std::optional<std::string> {
+        if (attribute.name == "memberUid") return equality("memberUid", value);
+        if (attribute.name == "member" && kind.sort == Sort::Group) return groupsWithMember(value);
+        if (attribute.name == "memberOf" && kind.sort == Sort::Person) return peopleOfGroup(value);
+        return std::nullopt;
+    };
+}
+
+}  // namespace standard

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// One search at the agent, or in the cache, for whole objects.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "search/objects.h"
+#include "search/source.h"
+
+#include "backend/base/slapd_fwd.h"
+
+namespace standard {
+
+// What is asked: the agent's filter, base (a real DN) and scope.
+struct AgentQuestion {
+    std::string filter;
+    std::string base;
+    int scope = 0;
+};
+
+// For use by one thread. A base that does not exist has no objects.
+class ObjectSearch {
+  public:
+    ObjectSearch() = default;
+
+    // Opens the search; VEX_OK, or why it could not be.
+    vexCode open(const AgentQuestion& question);
+    // Goes on with one that an earlier request has opened; false if that asked another
+    // question.
+    bool resume(const AgentQuestion& question, SharedHandle handle);
+
+    // The next object: VEX_OK, VEX_END_OF_RESULTS after the last one, or why there are no
+    // more to be had. An object that has gone meanwhile is passed over.
+    vexCode next(FoundObject* found);
+
+    vexSession* session() const { return m_source.session(); }
+    const SharedHandle& handle() const { return m_source.handle(); }
+    SearchCacheManager* cache() const { return m_source.cache(); }
+
+    // The objects are over: the cache is told what was found.
+    void finish() { m_source.tellCache(); }
+
+  private:
+    SearchSource m_source;
+    ObjectSource* m_objects = nullptr;  // null: there are none
+};
+
+}  // namespace standard

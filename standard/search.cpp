@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cstdio>
+#include <exception>
+#include <utility>
+
+#include "backend/base/log.h"
+#include "search/reply.h"
+#include "standard/entries.h"
+#include "standard/operations.h"
+#include "standard/reply.h"
+#include "standard/slapd_entry.h"
+#include "vorn/dn.h"
+
+#include "backend/base/slapd.h"
+
+namespace standard {
+namespace {
+
+AttributeDescription* describe(const char* name) {
+    AttributeDescription* description = nullptr;
+    const char* reason = nullptr;
+    return slap_str2ad(name, &description, &reason) == LDAP_SUCCESS ? description : nullptr;
+}
+
+bool mentions(const Filter* filter, AttributeDescription* description) {
+    if (filter == nullptr) return false;
+    switch (filter->f_choice & SLAPD_FILTER_MASK) {
+        case LDAP_FILTER_AND:
+        case LDAP_FILTER_OR:
+        case LDAP_FILTER_NOT:
+            for (const Filter* one = filter->f_list; one != nullptr; one = one->f_next)
+                if (mentions(one, description)) return true;
+            return false;
+        case LDAP_FILTER_PRESENT:
+            return is_ad_subtype(description, filter->f_desc) != 0;
+        case LDAP_FILTER_SUBSTRINGS:
+            return is_ad_subtype(description, filter->f_sub_desc) != 0;
+        case LDAP_FILTER_EXT:
+            return filter->f_mr_desc == nullptr || is_ad_subtype(description, filter->f_mr_desc) != 0;
+        case SLAPD_FILTER_COMPUTED:
+            return false;
+        default:
+            return is_ad_subtype(description, filter->f_av_desc) != 0;
+    }
+}
+
+bool asksFor(const Operation* op, AttributeDescription* description, bool amongAll) {
+    if (op->ors_attrs == nullptr) return amongAll;
+    if (amongAll && an_find(op->ors_attrs, slap_bv_all_user_attrs) != 0) return true;
+    return ad_inlist(description, op->ors_attrs) != 0;
+}
+
+Extras extrasOf(const Operation* op) {
+    AttributeDescription* const member = describe("member");
+    AttributeDescription* const memberOf = describe("memberOf");
+    const auto wants = [&](AttributeDescription* one, bool amongAll) {
+        return one != nullptr && (asksFor(op, one, amongAll) || mentions(op->ors_filter, one));
+    };
+    return {wants(member, true), wants(memberOf, false)};
+}
+
+// The steps of one search. Each tells whether it goes on.
+class Search {
+  public:
+    Search(Operation* op, SlapReply* rs)
+        : m_op(op),
+          m_policy(op, rs),
+          m_reply(op, rs, &m_policy, PagedResults::Cookies::Each),
+          m_wanted{op->o_req_dn, op->o_req_ndn, op->ors_scope, op->ors_filter, extrasOf(op)},
+          m_entries(op, m_wanted) {}
+
+    void run();
+
+  private:
+    bool assertionHolds();
+    bool resumeOrOpen();
+    bool deliver();
+    void checkBase();
+    bool fail(Failure::In in, vexCode code) {
+        return m_reply.fail({m_entries.session(), "vexLdapSearch ", code, in});
+    }
+
+    Operation* const m_op;
+    StandardReply m_policy;
+    SearchReply m_reply;
+    const Wanted m_wanted;
+    EntrySearch m_entries;
+    SharedEntry m_matched;
+    bool m_resumed = false;
+    bool m_found = false;
+};
+
+void Search::run() {
+    const bool delivered = assertionHolds() && resumeOrOpen() && deliver();
+    if (delivered && m_reply.isPaged() && m_reply.endPage(m_entries.handle())) return;
+    m_reply.end();
+    m_entries.finish();
+}
+
+// RFC 4528: the base must be as the client believes.
+bool Search::assertionHolds() {
+    if (get_assert(m_op) <= SLAP_CONTROL_IGNORED) return true;
+    vexCode code = VEX_OK;
+    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, {true, true}, &code);
+    if (code != VEX_OK) return fail(Failure::In::Opening, code);
+    auto* const assertion = static_cast<Filter*>(get_assertion(m_op));
+    if (base == nullptr || test_filter(m_op, base.get(), assertion) == LDAP_COMPARE_TRUE) return true;
+    return m_reply.reject({LDAP_ASSERTION_FAILED, nullptr});
+}
+
+bool Search::resumeOrOpen() {
+    SharedHandle open;
+    if (!m_reply.resume(&open)) return false;
+    if (m_entries.prepare())
+        return m_reply.reject({LDAP_UNWILLING_TO_PERFORM, "the search filter has too many parts"});
+    m_resumed = open != nullptr;
+    if (m_resumed) {
+        return m_entries.resume(std::move(open)) ||
+               m_reply.reject({LDAP_UNWILLING_TO_PERFORM, "paged results cookie is of another search"});
+    }
+    const vexCode code = m_entries.open();
+    return code == VEX_OK || fail(Failure::In::Opening, code);
+}
+
+bool Search::deliver() {
+    if (!m_reply.begin(m_op->ors_attrs)) return false;
+    for (;;) {
+        vexCode code = VEX_OK;
+        SharedEntry entry = m_entries.next(&code);
+        if (entry == nullptr) {
+            if (code != VEX_END_OF_RESULTS) return fail(Failure::In::Objects, code);
+            break;
+        }
+        m_found = true;
+        if (!m_reply.wantsMore()) return false;
+        switch (m_reply.deliver(std::move(entry))) {
+            case SearchReply::Delivery::GoesOn:
+                continue;
+            case SearchReply::Delivery::PageIsFull:
+                return true;
+            case SearchReply::Delivery::Ended:
+                return false;
+        }
+    }
+    checkBase();
+    return !m_policy.isDecided();
+}
+
+// Who finds something has a base. Otherwise it is looked for, and what exists above it.
+void Search::checkBase() {
+    if (m_found || m_resumed) return;
+    vexCode code = VEX_OK;
+    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, {}, &code);
+    if (code != VEX_OK) {
+        fail(Failure::In::Opening, code);
+        return;
+    }
+    if (base != nullptr) return;
+    berval dn = m_op->o_req_dn;
+    berval ndn = m_op->o_req_ndn;
+    while (m_matched == nullptr && !be_issuffix(m_op->o_bd, &ndn) && ndn.bv_len != 0) {
+        const berval child = dn;
+        const berval nchild = ndn;
+        dnParent(const_cast<berval*>(&child), &dn);
+        dnParent(const_cast<berval*>(&nchild), &ndn);
+        m_matched = findEntry(m_op, dn, ndn, {}, &code);
+    }
+    if (m_matched != nullptr &&
+        access_allowed(m_op, m_matched.get(), slap_schema.si_ad_entry, nullptr, ACL_DISCLOSE, nullptr) == 0)
+        m_matched.reset();
+    m_policy.noSuchBase(m_matched.get());
+}
+
+}  // namespace
+
+int search(Operation* op, SlapReply* rs) try {
+    Search(op, rs).run();
+    return rs->sr_err;
+} catch (const std::exception& error) {
+    JError("vex search: %s", error.what());
+    send_ldap_error(op, rs, LDAP_OTHER, "internal error");
+    return LDAP_OTHER;
+}
+
+}  // namespace standard
