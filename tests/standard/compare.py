@@ -2,11 +2,16 @@
 """Whether two servers say the same to a question, and what is different where they do not."""
 import collections
 import dataclasses
+import itertools
+import os
 
 import ldap
 from ldap.dn import str2dn
 
+from client import Connection
 from known import KNOWN
+from peer import dump
+from questions import Questions
 
 # What back-mdb makes for itself, of its own writing.
 OWN = {"entrycsn", "creatorsname", "modifiersname", "contextcsn"}
@@ -14,6 +19,8 @@ MEMBER_OF = {"memberof", "1.2.840.113556.1.2.102"}
 DN_SYNTAX = "1.3.6.1.4.1.1466.115.121.1.12"
 SIZE_LIMIT_EXCEEDED = 4
 MOST_SHOWN = 5  # differences of one question
+MOST_FOUND = 300  # questions; after so many there is enough to do
+SEED = int(os.environ.get("ZX_SEED") or 20260102)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -125,3 +132,15 @@ class Comparison:
     def _values(self, name, values):
         fold = folded_dn if name.lower() in self.dn_names else bytes
         return collections.Counter(map(fold, values))
+
+
+def ask_both(peer, other, dn_names, count, seed=SEED):
+    """Asks two servers so many questions about what the first one holds."""
+    comparison = Comparison(Connection(peer.port), Connection(other.port), dn_names)
+    for question in itertools.islice(Questions(dump(peer), seed), count):
+        comparison.ask(question)
+        if len(comparison.found) == MOST_FOUND:
+            break
+    comparison.peer.close()
+    comparison.other.close()
+    return comparison

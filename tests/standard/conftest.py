@@ -21,15 +21,17 @@ from peer import SCHEMAS, Mdb  # noqa: E402
 from world import pytest_runtest_makereport, shared_world  # noqa: E402,F401
 
 
+@pytest.fixture(scope="module")
+def map_file(request):
+    """The translation map of a file of tests: its MAP, or the one for applications."""
+    return EXAMPLES / getattr(request.module, "MAP", "applications.map")
+
+
 class Standard(Slapd):
     """The gateway in the standard mode, with the schemas that go with its map."""
 
     SCHEMAS = [schema for schema in SCHEMAS if schema != EXAMPLES / "zanthedx.schema"]
-    DIRECTIVES = (
-        f'vextranslation "{EXAMPLES}/applications.map"',
-        "dirgate.ldap.standard true",
-        "dirgate.netgroup.use.rfc2307nisnetgroup true",
-    )
+    DIRECTIVES = ("dirgate.ldap.standard true", "dirgate.netgroup.use.rfc2307nisnetgroup true")
 
 
 @pytest.fixture(scope="module")
@@ -38,9 +40,9 @@ def schema(shared_world):
 
 
 @pytest.fixture(scope="module")
-def judged(schema):
+def judged(schema, map_file):
     """The entries that there are to be."""
-    return Judge(company.ldif(), (EXAMPLES / "applications.map").read_text(encoding="utf-8"), schema, company.ZONE).entries()
+    return Judge(company.ldif(), map_file.read_text(encoding="utf-8"), schema, company.ZONE).entries()
 
 
 @pytest.fixture(scope="module")
@@ -49,11 +51,12 @@ def peer(shared_world, judged):
 
 
 @pytest.fixture(scope="module")
-def gateway(shared_world):
+def gateway(shared_world, map_file):
     file = shared_world.folder / "company.ldif"
     file.write_text(company.ldif(), encoding="utf-8")
     agent = shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE).start()
-    return Standard(shared_world.folder, shared_world.running_servers, env=agent.env).start()
+    directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES)
+    return Standard(shared_world.folder, shared_world.running_servers, env=agent.env, directives=directives).start()
 
 
 @pytest.fixture(scope="module")

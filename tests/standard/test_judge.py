@@ -6,8 +6,8 @@ import itertools
 import pytest
 
 import filters
-from client import Answer, Connection, Search
-from compare import Comparison
+from client import Answer, Search
+from compare import Comparison, ask_both
 from judge import ldif, records
 from known import KNOWN, MOST
 from peer import Mdb, dump
@@ -87,19 +87,10 @@ def test_the_same_seed_asks_the_same(peer):
     assert first == second
 
 
-def compared(peer, other, dn_names, count=ENOUGH):
-    comparison = Comparison(Connection(peer.port), Connection(other.port), dn_names)
-    for question in itertools.islice(Questions(dump(peer), 5), count):
-        comparison.ask(question)
-    comparison.peer.close()
-    comparison.other.close()
-    return comparison
-
-
 def test_the_same_entries_on_another_server_agree_in_everything(shared_world, peer, judged, dn_names):
     # In another order, which is nobody's business.
     twin = Mdb(shared_world.folder, shared_world.running_servers, ldif(sorted(judged, key=lambda entry: len(entry[0]))), name="twin")
-    comparison = compared(peer, twin.start(), dn_names)
+    comparison = ask_both(peer, twin.start(), dn_names, ENOUGH)
     assert not comparison.found, comparison.report()
     assert comparison.percentage() == 100
     # There was something to agree about.
@@ -123,7 +114,7 @@ def test_what_is_different_is_seen(shared_world, peer, judged, dn_names, change)
     changed = [entry for entry in (CHANGES[change](dn, entry) for dn, entry in judged) if entry]
     name = f"changed-{list(CHANGES).index(change)}"
     other = Mdb(shared_world.folder, shared_world.running_servers, ldif(changed), name=name).start()
-    comparison = compared(peer, other, dn_names)
+    comparison = ask_both(peer, other, dn_names, ENOUGH)
     assert comparison.found and comparison.percentage() < 100
     assert "ldapsearch" in comparison.report()
 
