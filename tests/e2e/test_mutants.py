@@ -181,6 +181,14 @@ def test_an_explanation_names_file_line_change_and_reason(tmp_path):
     assert equivalents.stale(equivalents.read(file), tmp_path) == equivalents.read(file)
 
 
+def test_an_explanation_may_be_of_any_change_of_a_line():
+    class Point:
+        file, text, change = "a.cpp", "x = 1;", "1 -> 2"
+    named = [equivalents.Equivalent("a.cpp", text, change, "why").names(Point) for text, change in (
+        ("x = 1;", "1 -> 2"), ("x = 1;", "any"), ("x = 1;", "1 -> 0"), ("y = 1;", "any"))]
+    assert named == [True, True, False, False]
+
+
 @pytest.mark.parametrize("text", ["a.cpp: x\n    dropped\n", "    a.cpp: x\n    dropped\n    why\n", "a.cpp: x\ndropped\n    why\n"])
 def test_a_malformed_explanation_is_refused(tmp_path, text):
     file = tmp_path / "list.txt"

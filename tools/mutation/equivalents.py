@@ -5,8 +5,8 @@
         rs->sr_flags = 0 -> dropped
         The reason, in as many lines as it takes.
 
-The file, and the line as it stands there; the change, as tools/mutants shows it, or in words
-for one that it does not make; the reason. A blank line ends an entry; "#" begins a comment.
+The file, and the line as it stands there; the change, as tools/mutants shows it, "any" for
+all that it makes of the line, or in words for one that it does not make; the reason. A blank line ends an entry; "#" begins a comment.
 """
 import dataclasses
 import pathlib
@@ -20,7 +20,7 @@ class Equivalent:
     reason: str
 
     def names(self, point):
-        return (self.file, self.text, self.change) == (point.file, point.text, point.change)
+        return (self.file, self.text) == (point.file, point.text) and self.change in ("any", point.change)
 
 
 def read(path):

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "agent/ad/net/scripted_controller_testing.h"
+#include "agent/ad/net/scripted_kdc_testing.h"
 
 namespace vexagent {
 namespace {
@@ -58,7 +59,9 @@ class CheckTest : public ::testing::Test {
             talk.done(asked.id, LDAP_NO_SUCH_OBJECT);
             return true;
         }
-        if (asked.base.empty())
+        if (m_empty)
+            ;
+        else if (asked.base.empty())
             talk.entry(asked.id, "",
                        {{"currentTime", {m_time}},
                         {"rootDomainNamingContext", {"DC=example,DC=com"}},
@@ -91,6 +94,7 @@ class CheckTest : public ::testing::Test {
 
     std::string m_time = timeText(kNow);
     bool m_refuses = false;
+    bool m_empty = false;  // searches find nothing
     std::set<std::string> m_missing;
     ScriptedController m_controller{ScriptedController::Tls::FromTheStart};
     vorn::test::TemporaryFolder m_folder;
@@ -172,7 +176,8 @@ TEST_F(CheckTest, ControllersOfAnotherDomain) {
 
 TEST_F(CheckTest, AZoneThatIsNotThere) {
     m_missing = {"CN=Zone,DC=example,DC=com"};
-    expectWrong("zone CN=Zone,DC=example,DC=com cannot be read: ", "set zone.dn to the DN of the zone");
+    expectWrong("zone CN=Zone,DC=example,DC=com cannot be read: No such object",
+                "set zone.dn to the DN of the zone");
 }
 
 TEST_F(CheckTest, IdsFromSidsBeginSomewhereOrNowhere) {
@@ -182,6 +187,36 @@ TEST_F(CheckTest, IdsFromSidsBeginSomewhereOrNowhere) {
     EXPECT_THAT(m_report, HasSubstr("ok: ids made from SIDs begin at 200000\n"));
     m_options.ids.first = 0xFFFF'FFFF;
     expectWrong("no ids can be made: the domain's slice lies beyond the largest id", "lower ad.ids.first");
+}
+
+TEST_F(CheckTest, AKeytabHoldsTheMachinesName) {
+    m_options.transport = Transport::Gssapi;
+    m_options.servers = {"127.0.0.1:1"};
+    m_options.keytab = m_folder.file("web.keytab");
+    ScriptedKdc::writeKey("host/web@EXAMPLE.COM", m_options.keytab, "key");
+    expectWrong("keytab " + m_options.keytab + " holds no name of the form HOST$@EXAMPLE.COM",
+                "compare domain.name with the output of klist -k, or set ad.principal");
+    ScriptedKdc::writeKey("WEB$@EXAMPLE.COM", m_options.keytab, "key");
+    EXPECT_FALSE(check());
+    EXPECT_THAT(m_report, StartsWith("ok: keytab " + m_options.keytab + " holds WEB$@EXAMPLE.COM\n"));
+    EXPECT_THAT(m_report, Not(HasSubstr("a password for")));
+}
+
+TEST_F(CheckTest, ADomainWithoutControllers) {
+    m_options.servers = {"not a host"};
+    m_options.domain = "";
+    expectWrong("no controllers of  are found: ", "let /etc/resolv.conf name the domain's DNS servers");
+    EXPECT_THAT(m_report, Not(HasSubstr("does not answer")));
+}
+
+TEST_F(CheckTest, IdsThatAreNotMadeBeginNowhere) {
+    EXPECT_TRUE(check());
+    EXPECT_THAT(m_report, Not(HasSubstr("ids made")));
+}
+
+TEST_F(CheckTest, OneThatSaysNothingOfTheTime) {
+    m_empty = true;
+    expectWrong(controllerName() + " does not tell the time", "see whether it is a domain controller");
 }
 
 TEST_F(CheckTest, AKeytabThatIsNotThere) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "agent/ad/net/link_testing.h"
+#include "agent/directory/log_testing.h"
 
 namespace vexagent {
 namespace {
@@ -117,6 +118,55 @@ TEST_F(DomainTest, OneThatFailedIsPassedOverUntilItIsDueAndTriedApartFromRequest
     EXPECT_THAT(eventsOf([&] { EXPECT_TRUE(ask()); }), ElementsAre("search dc2 DC=x"));
 }
 
+TEST_F(DomainTest, OneThatAnswersAgainIsAsGoodAsEver) {
+    first().takesConnections = false;
+    {
+        const test::CapturedLog log;
+        EXPECT_TRUE(ask());
+        EXPECT_THAT(log.text(), HasSubstr("controller dc1 has failed: dc1: refused\n"));
+    }
+    first().takesConnections = true;
+    advance(seconds(1));
+    const Peer dc1{"dc1", 636};
+    const test::CapturedLog log;
+    domain().tend();
+    EXPECT_THAT(log.text(), HasSubstr("controller dc1 answers again\n"));
+    EXPECT_FALSE(domain().controllers().dueAgain(m_connector.clock.now()));
+    EXPECT_TRUE(domain().controllers().hasAnsweredSince(dc1, m_connector.clock.now()));
+}
+
+TEST_F(DomainTest, WhenTheTimeIsUpNobodyElseIsAsked) {
+    first().answersAfter = seconds(60);
+    const auto late = ask();
+    ASSERT_FALSE(late);
+    for (const std::string& event : m_connector.takeEvents()) EXPECT_NE(event, "open dc2");
+}
+
+TEST_F(DomainTest, WhatIsIdleForLongIsClosed) {
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(m_connector.openLinks, 1);
+    advance(minutes(60));
+    domain().tend();
+    EXPECT_EQ(m_connector.openLinks, 0);
+}
+
+TEST_F(DomainTest, OneThatFailsLosesItsIdleConnections) {
+    const Deadline deadline = soon();
+    // Two are idle then.
+    EXPECT_TRUE(domain().run(deadline, [&](Domain::Lease&) { return ask(); }));
+    EXPECT_EQ(m_connector.openLinks, 2);
+    first().failures = {{LDAP_UNAVAILABLE, "dc1: stops", true}};
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(m_connector.openLinks, 1) << "to the other";
+}
+
+TEST_F(DomainTest, OneWhoseIdleConnectionIsClosedLosesTheOthersToo) {
+    EXPECT_TRUE(domain().run(soon(), [&](Domain::Lease&) { return ask(); }));
+    first().failures = {{LDAP_SERVER_DOWN, "dc1: closed", true}};
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(m_connector.openLinks, 1) << "a fresh one";
+}
+
 TEST_F(DomainTest, OneThatIsStillAwayIsTriedEverMoreRarely) {
     first().takesConnections = false;
     EXPECT_TRUE(ask());
@@ -224,6 +274,7 @@ TEST_F(DomainTest, ALargeResultThatTookLongIsAskedForOnceMoreAtTheSameController
 
 TEST_F(DomainTest, NoMoreRequestsRunThanThereAreConnectionsFor) {
     m_connector.options.connections = 1;
+    const test::CapturedLog log;
     const auto outer = domain().run(soon(), [&](Domain::Lease&) -> Linked<Done> {
         const auto inner = ask(m_connector.within(milliseconds(0)));
         EXPECT_FALSE(inner);
@@ -231,6 +282,7 @@ TEST_F(DomainTest, NoMoreRequestsRunThanThereAreConnectionsFor) {
         return Done();
     });
     EXPECT_TRUE(outer);
+    EXPECT_THAT(log.text(), HasSubstr("all connections to example.com are in use (ad.connections)\n"));
     EXPECT_TRUE(ask());
 }
 
@@ -258,6 +310,29 @@ TEST_F(DomainTest, OneThatHasSeenItAndHangsIsTheOnlyOne) {
     ASSERT_FALSE(late);
     EXPECT_TRUE(late.error().lost);
     EXPECT_THAT(m_connector.takeEvents(), ElementsAre("look dc1", "bind dc1 " + std::string(kAnn)));
+}
+
+TEST_F(DomainTest, ForAPasswordTheLastOneHasAllTheTimeForAConnection) {
+    first().opensAfter = seconds(60);
+    Moment start = m_connector.clock.now();
+    EXPECT_TRUE(domain().tryPassword(kAnn, "welcome", soon()));
+    EXPECT_EQ(m_connector.clock.now() - start, seconds(2));
+    m_domain.reset();
+    second().opensAfter = seconds(60);
+    start = m_connector.clock.now();
+    EXPECT_FALSE(domain().tryPassword(kAnn, "welcome", soon()));
+    EXPECT_EQ(m_connector.clock.now() - start, seconds(8));
+}
+
+TEST_F(DomainTest, OneThatRefusesAPasswordLateHasRefusedItAllTheSame) {
+    first().refusesBind = LinkFailure(LDAP_UNWILLING_TO_PERFORM, "no");
+    const auto refused = domain().tryPassword(kAnn, "welcome", soon());
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().text, "no");
+    first().refusesBind = LinkFailure(LDAP_UNAVAILABLE, "gone", true);
+    const auto lost = domain().tryPassword(kAnn, "welcome", soon());
+    ASSERT_FALSE(lost);
+    EXPECT_EQ(lost.error().text, "gone") << "there was time";
 }
 
 TEST_F(DomainTest, APasswordThatNobodyWasAskedAboutIsNotAccepted) {

@@ -5,7 +5,11 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 #include "agent/ad/net/link_testing.h"
+#include "agent/directory/log_testing.h"
 
 namespace vexagent {
 namespace {
@@ -13,6 +17,7 @@ namespace {
 using std::chrono::minutes;
 using std::chrono::seconds;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 constexpr char kService[] = "_ldap._tcp.dc._msdcs.example.com";
@@ -56,6 +61,65 @@ TEST_F(LocatorTest, ThoseOfTheSiteComeFirstAndEachOnce) {
     m_connector.services[kService] = {{0, 0, 389, "far.example.com"}, {0, 0, 389, "near.example.com"}};
     EXPECT_EQ(reason(), "");
     EXPECT_THAT(found(), ElementsAre("near.example.com:389", "far.example.com:389"));
+}
+
+TEST_F(LocatorTest, TheLeastOfTheSiteComesBeforeTheBestOfTheOthers) {
+    m_connector.options.site = "Here";
+    m_connector.services[kSiteService] = {{65535, 0, 389, "near.example.com"}};
+    m_connector.services[kService] = {{0, 0, 389, "far.example.com"}};
+    EXPECT_EQ(reason(), "");
+    m_controllers.succeeded({"far.example.com", 389});  // of two as good it would be the first
+    EXPECT_THAT(found(), ElementsAre("near.example.com:389", "far.example.com:389"));
+}
+
+TEST_F(LocatorTest, WhyThereAreNoneIsToldOnce) {
+    const auto told = [this] {
+        const test::CapturedLog log;
+        EXPECT_NE(reason(), "");
+        return log.text();
+    };
+    const std::string why = "no controllers of example.com are found: " + std::string(kService);
+    EXPECT_THAT(told(), HasSubstr(why + ": no such service\n"));
+    EXPECT_EQ(told(), "");
+    m_connector.services[kService] = {};
+    m_connector.options.site = "Here";
+    m_connector.services[kSiteService] = {{0, 0, 389, "dc1.example.com"}};
+    const test::CapturedLog log;
+    EXPECT_EQ(reason(), "");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(LocatorTest, OfStrangersAFewAreToldOfOnceEach) {
+    m_connector.options.transport = Transport::Ldaps;
+    for (int i = 0; i < 65; ++i)
+        m_connector.services[kService].push_back({0, 0, 389, "dc" + std::to_string(i) + ".evil.org"});
+    for (const int expected : {64, 0}) {
+        const test::CapturedLog log;
+        EXPECT_NE(reason(), "");
+        const std::string text = log.text();
+        int lines = 0;
+        for (std::size_t at = 0; (at = text.find(" for example.com: it is not asked, since it lies neither",
+                                                 at)) != std::string::npos;
+             ++at)
+            ++lines;
+        EXPECT_EQ(lines, expected) << text;
+    }
+}
+
+TEST_F(LocatorTest, WhoWaitsIsWokenWhenSomeAreFound) {
+    m_connector.services[kService] = {{0, 0, 389, "dc1.example.com"}};
+    std::atomic<bool> waits = false;
+    bool found = false;
+    const Deadline deadline = m_connector.within(seconds(60));
+    std::thread waiter([&] {
+        waits = true;
+        found = m_locator.waitForSome(deadline).has_value();
+    });
+    while (!waits) std::this_thread::yield();
+    std::this_thread::yield();
+    EXPECT_EQ(reason(), "");
+    waiter.join();
+    EXPECT_TRUE(found);
 }
 
 TEST_F(LocatorTest, ASiteWithoutAnyLeavesTheOthers) {
