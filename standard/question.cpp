@@ -66,8 +66,9 @@ std::string_view valueIn(const Filter* node) {
     return choiceOf(node) == LDAP_FILTER_EXT ? viewOf(node->f_mr_value) : viewOf(node->f_av_value);
 }
 
+// (Of a piece that is not there slapd sets the text alone.)
 std::size_t bytesOfPieces(const Filter* node) {
-    std::size_t bytes = node->f_sub_initial.bv_len + node->f_sub_final.bv_len;
+    std::size_t bytes = viewOf(node->f_sub_initial).size() + viewOf(node->f_sub_final).size();
     for (const berval* piece = node->f_sub_any; piece != nullptr && piece->bv_val != nullptr; ++piece)
         bytes += piece->bv_len + 1;
     return bytes;

@@ -327,6 +327,13 @@ TEST_F(ALargeFilter, IsRefusedWhereItsValuesAreTooLong) {
     EXPECT_EQ(refusalOf(pieces("b")), std::nullopt);
 }
 
+// slapd leaves the length of a piece that is not there as it finds it.
+TEST_F(ALargeFilter, HasNoPiecesButThoseWithAText) {
+    Filter* const substrings = m_builder.substrings("sn", {}, {"a"}, {});
+    substrings->f_sub_initial = substrings->f_sub_final = {kMostFilterBytes, nullptr};
+    EXPECT_EQ(refusalOf(substrings), std::nullopt);
+}
+
 TEST_F(ALargeFilter, IsAskedForByTheConditionsAloneWhereTheAgentWouldRefuseIt) {
     const std::string text = of(anyOf(1000, "uid"));
     EXPECT_TRUE(text.starts_with("(&(objectClass=user)(|(sAMAccountName=0)(sAMAccountName=1)"));

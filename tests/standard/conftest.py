@@ -54,7 +54,7 @@ def peer(shared_world, judged):
 def gateway(shared_world, map_file):
     file = shared_world.folder / "company.ldif"
     file.write_text(company.ldif(), encoding="utf-8")
-    agent = shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE).start()
+    agent = shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE, unix__id__min=1000).start()
     directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES)
     return Standard(shared_world.folder, shared_world.running_servers, env=agent.env, directives=directives).start()
 
