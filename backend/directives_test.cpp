@@ -7,23 +7,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "backend/backend.h"
 #include "backend/base/log.h"
+#include "backend/loaded_overlays_testing.h"
 #include "tests/standin/captured.h"
 #include "vorn/logger.h"
 #include "vorn/settings.h"
 #include "vorn/temporary_folder_testing.h"
 
 #include "tests/standin/slapd_standin.h"
-
-// No overlay is loaded here; the end-to-end tests load real ones.
-extern "C" slap_overinst* overlay_next(slap_overinst* /*previous*/) {
-    return nullptr;
-}
 
 // Memory that is asked for without exceptions runs out when a test says so.
 static bool memoryIsExhausted = false;
@@ -161,6 +158,7 @@ TEST_P(IntegerDirectiveTest, TakesThirtyTwoBitsOfWhatTheWordBeginsWith) {
         std::int64_t value;
     } cases[] = {
         {"60", true, 60},
+        {"1", true, 1},
         {"60s", true, 60},          // what follows the digits does not count
         {"010", true, 10},          // decimal, whatever it begins with
         {"0x10", takesZero, 0},     //
@@ -201,6 +199,10 @@ TEST_F(DirectivesTest, TheLoadFactorIsAPositiveSinglePrecisionNumber) {
     EXPECT_EQ(gCacheHashLoadFactor, 0.75F);
     EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.5x"}), 0);
     EXPECT_EQ(gCacheHashLoadFactor, 0.5F) << "what follows the number does not count";
+    EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "3.4028234663852886e38"}), 0);
+    EXPECT_EQ(gCacheHashLoadFactor, std::numeric_limits<float>::max());
+    EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "1e39"}), 0);
+    EXPECT_EQ(gCacheHashLoadFactor, std::numeric_limits<float>::infinity());
     EXPECT_EQ(configure({"dirgate.cache.hash.loadfactor", "0.75"}), 0);
     for (const char* word : {"1e-50", "0", "-1", "much", "nan"}) {
         EXPECT_EQ(complaint({"dirgate.cache.hash.loadfactor", word}),
@@ -389,6 +391,8 @@ TEST_F(TranslationDirectiveTest, TheLogFileIsOpenedAnew) {
     JPrintf("after");
     EXPECT_EQ(std::ifstream(log).good(), true);
     std::ofstream(m_folder.path() + "/zanthe.conf") << "log.level = 4\n";
+    EXPECT_EQ(configure({"vextranslation", file("a = 1\n")}), 0);
+    EXPECT_TRUE(JPrintfEnabled()) << "the settings are those that were read";
     vorn::Logger::ReconfigureLevels(vorn::Props(true, true));
 }
 
@@ -416,6 +420,20 @@ TEST_F(DirectivesTest, ADatabaseSectionTakesTheSameDirectives) {
     standin::CapturedStderr captured;
     EXPECT_EQ(configureDatabase({"dirgate.cache.ttl", "0"}), 1);
     EXPECT_EQ(configureDatabase({"nobody.knows.this", "x"}), 0);
+}
+
+// The keywords of two overlays; a third one has none.
+TEST_F(DirectivesTest, WhatAnOverlayKnowsIsLeftToIt) {
+    load_overlays();
+    for (const char* name :
+         {"refint_attributes", "REFINT_Nothing", "unique_uri", "prefix-", "Prefix-anything"})
+        EXPECT_EQ(configureDatabase({name, "x"}), SLAP_CONF_UNKNOWN) << name;
+    for (const char* name : {"refint_attribute", "refint_attributes2", "prefix", "other", "suffix"})
+        EXPECT_EQ(configureDatabase({name, "x"}), 0) << name;
+    EXPECT_EQ(configureDatabase({"dirgate.cache.ttl", "60"}), 0) << "an overlay knows this one, too";
+    EXPECT_EQ(gCacheTTL, 60);
+    unload_overlays();
+    EXPECT_EQ(configureDatabase({"refint_attributes", "x"}), 0);
 }
 
 }  // namespace

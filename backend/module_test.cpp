@@ -58,20 +58,22 @@ BackendInfo* registered() {
     return info;
 }
 
-TEST(ModuleTest, RegistersUnderItsTypeName) {
+struct ModuleTest : testing::Test {
+    static void SetUpTestSuite() { registered(); }
+};
+
+TEST_F(ModuleTest, RegistersUnderItsTypeName) {
     EXPECT_STREQ(registered()->bi_type, "zanthedx");
     EXPECT_EQ(registered()->bi_init, vex_back_initialize);
 }
 
-TEST(ModuleTest, RaisesTheLimitOfTheDataSegment) {
-    registered();
+TEST_F(ModuleTest, RaisesTheLimitOfTheDataSegment) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_DATA, &limit), 0);
     EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }
 
-TEST(ModuleTest, SwitchesThreadsOn) {
-    registered();
+TEST_F(ModuleTest, SwitchesThreadsOn) {
     static std::atomic<bool> ran = false;
     vorn::Thread thread;
     const auto body = [](void*) -> void* {
@@ -83,7 +85,7 @@ TEST(ModuleTest, SwitchesThreadsOn) {
     EXPECT_TRUE(ran);
 }
 
-TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
+TEST_F(ModuleTest, InstallsItsHooksAndNoOthers) {
     BackendInfo expected{};
     expected.bi_type = registered()->bi_type;
     expected.bi_init = vex_back_initialize;
@@ -99,7 +101,7 @@ TEST(ModuleTest, InstallsItsHooksAndNoOthers) {
         << "the back-end is read-only: every other hook is null";
 }
 
-TEST(ModuleTest, WhateverHooksTheRecordHadAreGone) {
+TEST_F(ModuleTest, WhateverHooksTheRecordHadAreGone) {
     const BackendInfo* clean = registered();
     CredManager* const creds = back_vex_creds;
     SearchHandleManager* const handles = back_vex_search_handle;
@@ -117,22 +119,20 @@ TEST(ModuleTest, WhateverHooksTheRecordHadAreGone) {
     EXPECT_EQ(info.bi_flags, 0xA5A5A5A5A5A5A5A5U) << "what is no hook stays";
 }
 
-TEST(ModuleTest, TheOpenHookThatIsNotInstalledWouldListAllControls) {
+TEST_F(ModuleTest, TheOpenHookThatIsNotInstalledWouldListAllControls) {
     BackendInfo info{};
     EXPECT_EQ(vex_back_open(&info), 0);
     EXPECT_EQ(info.bi_controls, &slap_known_controls[0]);
     EXPECT_EQ(registered()->bi_open, nullptr);
 }
 
-TEST(ModuleTest, MakesTheTwoManagers) {
-    registered();
+TEST_F(ModuleTest, MakesTheTwoManagers) {
     EXPECT_NE(back_vex_creds, nullptr);
     EXPECT_NE(back_vex_search_handle, nullptr);
     EXPECT_EQ(vex_back_db_init(nullptr, nullptr), 0);
 }
 
-TEST(ModuleTest, ClosingAConnectionThatNeverBoundOrSearchedLogsTheLine) {
-    registered();
+TEST_F(ModuleTest, ClosingAConnectionThatNeverBoundOrSearchedLogsTheLine) {
     const standin::CapturedLog log;
     standin::FakeConnection connection(4294972007);  // wider than 32 bits
     standin::forgetCalls();
@@ -142,8 +142,7 @@ TEST(ModuleTest, ClosingAConnectionThatNeverBoundOrSearchedLogsTheLine) {
     EXPECT_THAT(standin::calls(), IsEmpty());
 }
 
-TEST(ModuleTest, ClosingAConnectionDropsItsCredentialAndItsSearch) {
-    registered();
+TEST_F(ModuleTest, ClosingAConnectionDropsItsCredentialAndItsSearch) {
     back_vex_creds->addCreds(9, "cn=ann", "secret");
     back_vex_search_handle->setSearchHandle(9, std::make_shared<LdapSearchHandle>());
     standin::FakeConnection connection(9);
@@ -181,7 +180,15 @@ TEST(ModuleDeathTest, DestroyFreesEverythingAndASecondDatabaseNothingTwice) {
             vexSessionClose(session);
             gSupportedObjectAttrList = names;
             fillCache();
+            back_vex_creds->addCreds(9, "cn=ann", "secret");
+            back_vex_search_handle->setSearchHandle(9, std::make_shared<LdapSearchHandle>());
+            const standin::CapturedLog log;
             vex_back_destroy(nullptr, nullptr);
+            const auto records = log.records();
+            const auto tellsOfTheHandle = [](const std::string& record) {
+                return record.find("delSearchHandle: handle:0x") != std::string::npos;
+            };
+            if (std::count_if(records.begin(), records.end(), tellsOfTheHandle) != 1) std::_Exit(4);
             vex_back_destroy(nullptr, nullptr);
             if (!isFreedBefore("vexFreeObject(object2)", "vexFreeStringSet(set1)")) std::_Exit(2);
             if (SearchCacheManager::GetCacheManager()->isInitialized()) std::_Exit(3);

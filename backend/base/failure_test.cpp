@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <set>
 #include <string>
 
 #include "tests/standin/vex_standin.h"
 
+#include "backend/base/agent_turns.h"
 #include "backend/base/failure.h"
 #include "tests/standin/slapd_standin.h"
 
@@ -137,6 +139,29 @@ INSTANTIATE_TEST_SUITE_P(
                     ProtocolErrorCase{2, -4711, LDAP_OTHER},
                     ProtocolErrorCase{1, LDAP_SERVER_DOWN, LDAP_OTHER}, ProtocolErrorCase{3, 32, LDAP_OTHER},
                     ProtocolErrorCase{4, 32, LDAP_OTHER}));
+
+// What RFC 4511 and its extensions call a failure.
+TEST_F(FailureTest, TheCodesOfFailuresAreSentAndNoOthers) {
+    const auto isFailure = [](int code) {
+        const std::set<int> gaps = {9, 15, 72, 73, 74, 75, 77, 78, 79};
+        return (code >= 1 && code <= 21 && !gaps.contains(code)) || (code >= 32 && code <= 36) ||
+               (code >= 47 && code <= 54) || code == 60 || code == 61 ||
+               (code >= 64 && code <= 80 && !gaps.contains(code)) || (code >= 113 && code <= 123) ||
+               code == 4096;
+    };
+    for (int code = 0; code < 4200; ++code) {
+        standin::protocolError(VEX_ERR_LDAP, code, "");
+        EXPECT_EQ(report(8).code, isFailure(code) ? code : LDAP_OTHER) << code;
+    }
+}
+
+TEST_F(FailureTest, WithoutATurnForTheQuestionWhyItIsBusy) {
+    connection_pool_max = 1;
+    const AgentTurn turn;
+    const auto sent = report(8);
+    EXPECT_EQ(sent.code, LDAP_BUSY);
+    EXPECT_EQ(sent.text, "vex dirgate: too many requests wait for the agent");
+}
 
 TEST_F(FailureTest, AProtocolErrorThatCannotBeReadForABrokenSessionIsUnavailable) {
     standin::answer("vexGetLastProtocolError", 6);
