@@ -31,9 +31,8 @@ constexpr std::size_t kLmdbMagicAt = 16;
 
 // Tells in time, and in words that help, what cannot be served.
 void checkKind(const std::string& path) {
-    errno = 0;
     std::ifstream file(path, std::ios::binary);
-    if (!file) throw DatabaseError(path + ": " + std::strerror(errno != 0 ? errno : EIO));
+    if (!file) throw DatabaseError(path + ": " + std::strerror(errno));
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
         throw DatabaseError(path + ": is not a regular file");
@@ -97,6 +96,11 @@ void LdbClose::operator()(ldb_context* ldb) const {
     talloc_free(ldb);
 }
 
+std::string errorText(ldb_context* ldb, int code) {
+    const char* text = ldb_errstring(ldb);
+    return text != nullptr ? text : ldb_strerror(code);
+}
+
 LdbContext openLdb(const std::string& path, bool create) {
     LdbContext ldb(newLdb().release());
     ldb_set_debug(ldb.get(), quiet, nullptr);
@@ -107,13 +111,12 @@ LdbContext openLdb(const std::string& path, bool create) {
     std::unique_lock lock(openMutex());
     const int code = ldb_connect(ldb.get(), url.c_str(), flags, create ? loading : reading);
     lock.unlock();
-    if (code != LDB_SUCCESS) throw DatabaseError(path + ": cannot be opened: " + ldb_errstring(ldb.get()));
+    if (code != LDB_SUCCESS) throw DatabaseError(path + ": cannot be opened: " + errorText(ldb.get(), code));
     return ldb;
 }
 
 void Handle::fail(int code) const {
-    const char* text = ldb_errstring(m_ldb.get());
-    throw ReadError(code, text != nullptr ? text : ldb_strerror(code));
+    throw ReadError(code, errorText(m_ldb.get(), code));
 }
 
 void Handle::search(ldb_dn* base, ldb_scope scope, ParseTree* tree, const char* const* attributes,

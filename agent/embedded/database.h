@@ -34,6 +34,9 @@ struct LdbClose {
 };
 using LdbContext = std::unique_ptr<ldb_context, LdbClose>;
 
+// What LDB says about a failure of a context's, or else what its code means.
+std::string errorText(ldb_context* ldb, int code);
+
 // Opens a context on a file; create makes a new one, for writing. Throws
 // DatabaseError.
 LdbContext openLdb(const std::string& path, bool create);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <new>
 #include <optional>
 #include <thread>
@@ -88,6 +89,13 @@ TEST_F(DatabaseReads, FindNobodyByWhatNobodyCanBeCalled) {
                 ADD_FAILURE();
                 return true;
             });
+}
+
+TEST_F(DatabaseReads, NeedTheFileThatIsThere) {
+    const Database::Lease handle = m_database->lease();
+    ASSERT_TRUE(std::filesystem::remove(file()));
+    EXPECT_THROW(m_database->lease(), DatabaseError);
+    EXPECT_FALSE(std::filesystem::exists(file()));
 }
 
 TEST_F(DatabaseReads, FailOnAFileThatIsNoneAnyMore) {

@@ -314,9 +314,9 @@ Result EmbeddedDirectory::health() {
     try {
         Database::Lease handle = m_database.lease();
         if (handle->sequence()) return {};
-        const char* text = ldb_errstring(handle->ldb());
         return unavailable("the directory cannot be read")
-            .because(m_database.path() + ": cannot be read: " + (text != nullptr ? text : "unknown error"));
+            .because(m_database.path() +
+                     ": cannot be read: " + errorText(handle->ldb(), LDB_ERR_OPERATIONS_ERROR));
     } catch (const DatabaseError& error) {
         return unavailable("the directory cannot be read").because(error.what());
     }

@@ -16,12 +16,15 @@
 #include "agent/directory/filter_shape.h"
 #include "agent/directory/passwords.h"
 #include "agent/embedded/directory_testing.h"
+#include "agent/embedded/memberships.h"
+#include "agent/embedded/objects.h"
 
 namespace vexagent {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 // A cheap hash: the tests need many.
@@ -194,6 +197,9 @@ TEST_F(EmbeddedTest, Domains) {
     EXPECT_EQ(result.errText, "there is no such domain");
     EXPECT_EQ(result.detail,
               "no directory of the domain \"other.org\": the embedded directory holds \"example.com\" only");
+    Object object;
+    EXPECT_EQ(m_directory->fetch("other.org", "CN=Ben,OU=People,DC=example,DC=com", {}, object).code,
+              VEX_UNAVAILABLE);
 }
 
 TEST_F(EmbeddedTest, SecretsNeverLeave) {
@@ -289,6 +295,16 @@ TEST_F(EmbeddedTest, AFilterOnMemberUidFindsThePersonsGroups) {
     EXPECT_THAT(found("(memberUid=ann)", false), ElementsAre("stored"));
 }
 
+TEST(EmbeddedGroups, AreAllThatSomebodyIsDirectlyIn) {
+    std::string ldif = units() + person("Ann", "ann", 1001);
+    for (const char* name : {"a", "c"})
+        ldif += std::string("dn: CN=") + name + ",OU=People,DC=example,DC=com\nobjectClass: top\nmember: " +
+                "CN=Ann,OU=People,DC=example,DC=com\n\n";
+    for (const char* name : {"b", "d", "e"}) ldif += group(name, 2001, {"CN=Ann,OU=People"});
+    TestDirectory directory(ldif);
+    EXPECT_THAT(names(*directory, query("(memberUid=ann)", true)), UnorderedElementsAre("b", "d", "e"));
+}
+
 TEST_F(EmbeddedTest, ChangesShowAtOnce) {
     EXPECT_THAT(values(fetch("CN=outer,OU=Groups,DC=example,DC=com", true), "memberUid"),
                 ::testing::Contains("cleo"));
@@ -310,6 +326,25 @@ TEST_F(EmbeddedTest, ChangesShowAtOnce) {
     std::vector<std::string> supported;
     ASSERT_TRUE(m_directory->supportedAttributes(supported).ok());
     EXPECT_THAT(supported, ::testing::Contains("carLicense"));
+}
+
+TEST_F(EmbeddedTest, LooksUpAheadWhatIsThereUntilNoMoreIsTaken) {
+    std::vector<std::string> guids;
+    for (const char* name : {"Ben", "Cleo", "Ann Lee"})
+        guids.push_back(value(fetch(std::string("CN=") + name + ",OU=People,DC=example,DC=com"), "_GUID"));
+    guids.insert(guids.begin() + 1, "01020304-0506-0708-090a-0b0c0d0e0f10");
+    std::vector<std::string> taken;
+    const auto takeUpTo = [&](std::size_t most) {
+        taken.clear();
+        m_directory->lookupAhead(guids, {}, [&](Object&& object) {
+            taken.push_back(value(object, "cn"));
+            return taken.size() < most;
+        });
+    };
+    takeUpTo(4);
+    EXPECT_THAT(taken, ElementsAre("Ben", "Cleo", "Ann Lee"));
+    takeUpTo(2);
+    EXPECT_THAT(taken, ElementsAre("Ben", "Cleo"));
 }
 
 TEST_F(EmbeddedTest, LookupOfWhatIsNotThere) {
@@ -644,7 +679,40 @@ TEST(EmbeddedFailure, IsNeverNobody) {
         }
     std::vector<std::string> supported;
     expectFailure(directory->supportedAttributes(supported));
-    EXPECT_EQ(directory->health().code, VEX_UNAVAILABLE);
+    const Result health = directory->health();
+    EXPECT_EQ(health.code, VEX_UNAVAILABLE);
+    EXPECT_EQ(health.errText, "the directory cannot be read");
+    EXPECT_THAT(health.detail, StartsWith(directory.database() + ": cannot be read: "));
+}
+
+// ------------------------------------------------------------ what is remembered
+
+TEST(RememberedMembers, AreThoseOfAllGroupsUntilSomethingChanges) {
+    const TestDirectory directory(company());
+    Database database(directory.database());
+    Memberships memberships;
+    const auto names = [&](const char* group) {
+        const Pool pool = newPool();
+        const Database::Lease handle = database.lease();
+        ldb_dn* dn = ldb_dn_new(pool.get(), handle->ldb(),
+                                (std::string("CN=") + group + ",OU=Groups,DC=example,DC=com").c_str());
+        return memberships.of(*handle, handle->read(pool.get(), dn));
+    };
+    const auto outer = names("outer"), stored = names("stored");
+    EXPECT_THAT(*stored, UnorderedElementsAre("ann", "zed"));
+    EXPECT_EQ(names("outer"), outer) << "the very same list";
+    EXPECT_EQ(names("stored"), stored);
+    ASSERT_TRUE(
+        directory.change("dn: CN=stored,OU=Groups,DC=example,DC=com\nchangetype: modify\nadd: "
+                         "memberUid\nmemberUid: new\n-\n"));
+    EXPECT_THAT(*names("stored"), UnorderedElementsAre("ann", "new", "zed"));
+    EXPECT_NE(names("outer"), outer);
+    EXPECT_EQ(*names("outer"), *outer);
+}
+
+TEST(ObjectBytes, AreThoseOfItsTextsAndSomeMore) {
+    EXPECT_EQ(objectBytes({}), 64u);
+    EXPECT_EQ(objectBytes({{"ab", {"x", "yz"}}, {"c", {}}}), 64u + 24 + 2 + 12 + 1 + 12 + 2 + 24 + 1);
 }
 
 }  // namespace

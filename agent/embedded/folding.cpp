@@ -32,7 +32,8 @@ std::size_t sequenceLength(unsigned char first) {
 }
 
 // The character that a sequence of several bytes stands for; kNone for bytes that
-// are no UTF-8 (RFC 3629), such as an overlong form or a surrogate.
+// are no UTF-8 (RFC 3629), such as an overlong form. What is none for another reason, such
+// as a surrogate, has no other case and stays as it is.
 char32_t decode(std::string_view bytes) {
     static constexpr char32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
     char32_t character = static_cast<unsigned char>(bytes[0]) & (0xFFU >> (bytes.size() + 1));
@@ -40,8 +41,7 @@ char32_t decode(std::string_view bytes) {
         if ((c & 0xC0) != 0x80) return kNone;
         character = character << 6 | static_cast<char32_t>(c & 0x3F);
     }
-    const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
-    return character < kLeast[bytes.size()] || character > 0x10FFFF || surrogate ? kNone : character;
+    return character < kLeast[bytes.size()] ? kNone : character;
 }
 
 void encode(std::string& text, char32_t character) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/embedded/kinds.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "vorn/strings.h"
@@ -37,10 +38,8 @@ std::string shortCategory(const ldb_message* message) {
 
 bool isUnixKind(const ldb_message* message) {
     const ldb_message_element* classes = ldb_msg_find_element(message, "objectClass");
-    if (classes == nullptr) return false;
-    for (unsigned i = 0; i < classes->num_values; ++i)
-        if (isUnixClass(bytesOf(classes->values[i]))) return true;
-    return false;
+    return classes != nullptr && std::any_of(classes->values, classes->values + classes->num_values,
+                                             [](const ldb_val& name) { return isUnixClass(bytesOf(name)); });
 }
 
 bool isInvalidEntry(const ldb_message* message, std::string_view category, const UnixIds& ids) {

@@ -146,8 +146,7 @@ std::string whyNotAdded(ldb_context* ldb, int code, const ldb_message* message) 
     const std::string dn = ldb_dn_get_linearized(message->dn);
     if (code == LDB_ERR_ENTRY_ALREADY_EXISTS)
         return dn + ": there is an entry with this DN or objectGUID already";
-    const char* text = ldb_errstring(ldb);
-    return dn + ": " + (text != nullptr ? text : ldb_strerror(code));
+    return dn + ": " + errorText(ldb, code);
 }
 
 // How many values the text gives. LDB ends a record silently at a line that it
@@ -195,15 +194,19 @@ void addRecord(ldb_context* ldb, const Chunk& chunk, const std::function<void(ld
     if (code != LDB_SUCCESS) throw DatabaseError(whyNotAdded(ldb, code, record->msg));
 }
 
+void check(ldb_context* ldb, int code) {
+    if (code != LDB_SUCCESS) throw DatabaseError(errorText(ldb, code));
+}
+
 void inTransaction(ldb_context* ldb, const std::function<void()>& work) {
-    if (ldb_transaction_start(ldb) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+    check(ldb, ldb_transaction_start(ldb));
     try {
         work();
     } catch (...) {
         ldb_transaction_cancel(ldb);
         throw;
     }
-    if (ldb_transaction_commit(ldb) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+    check(ldb, ldb_transaction_commit(ldb));
 }
 
 void addSchema(ldb_context* ldb) {
@@ -211,15 +214,14 @@ void addSchema(ldb_context* ldb) {
     const char* rest = ldif.c_str();
     while (ldb_ldif* record = ldb_ldif_read_string(ldb, &rest)) {
         const Talloc<ldb_ldif> owner(record);
-        if (ldb_add(ldb, record->msg) != LDB_SUCCESS) throw DatabaseError(ldb_errstring(ldb));
+        check(ldb, ldb_add(ldb, record->msg));
     }
 }
 
 void addEntries(ldb_context* ldb, const std::string& ldifPath, const std::string& domainDn,
                 std::vector<std::string>& complaints) {
-    errno = 0;
     std::ifstream file(ldifPath);
-    if (!file) throw DatabaseError(ldifPath + ": " + std::strerror(errno != 0 ? errno : EIO));
+    if (!file) throw DatabaseError(ldifPath + ": " + std::strerror(errno));
     Chunks chunks(file);
     Chunk chunk;
     while (chunks.next(chunk)) {

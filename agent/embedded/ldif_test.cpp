@@ -91,13 +91,14 @@ TEST(LdifLoad, AMissingFileIsNamed) {
 TEST(LdifLoad, CompletesEntries) {
     TestDirectory directory(
         "dn: cn=Ann, ou=People, dc=example,dc=com\nobjectClass: top\nobjectClass: user\n"
-        "objectSid: S-1-5-21-1-2-3-7\nmanager: cn=Ben ,  dc=example,dc=com\n\n"
+        "objectSid: S-1-5-21-1-2-3-7\nmanager: cn=Ben ,  dc=example,dc=com\nl: Rome\n\n"
         "dn: CN=Ben,DC=example,DC=com\nobjectClass: nisNetgroup\n"
         "objectGUID: 01020304-0506-0708-090a-0b0c0d0e0f10\n");
     Object ann;
     ASSERT_TRUE(directory->fetch("", "cn=ann,ou=people,dc=example,dc=com", {}, ann).ok());
     EXPECT_EQ(value(ann, "_dn"), "cn=Ann,ou=People,dc=example,dc=com");
     EXPECT_EQ(value(ann, "cn"), "Ann");
+    EXPECT_EQ(value(ann, "l"), "Rome");
     EXPECT_EQ(value(ann, "objectCategory"), "CN=Person,CN=Schema,CN=Configuration,DC=example,DC=com");
     EXPECT_EQ(sidText(value(ann, "objectSid")), "S-1-5-21-1-2-3-7");
     EXPECT_EQ(value(ann, "manager"), "cn=Ben,dc=example,dc=com");
