@@ -140,4 +140,21 @@ SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const 
     return entry;
 }
 
+SharedEntry findMatched(Operation* op, berval dn, berval ndn) {
+    while (ndn.bv_len != 0 && be_issuffix(op->o_bd, &ndn) == 0) {
+        berval child = dn;
+        berval nchild = ndn;
+        dnParent(&child, &dn);
+        dnParent(&nchild, &ndn);
+        vexCode code = VEX_OK;
+        const SharedEntry entry = findEntry(op, dn, ndn, {}, &code);
+        if (code != VEX_OK) return nullptr;
+        if (entry == nullptr) continue;
+        const bool disclosed =
+            access_allowed(op, entry.get(), slap_schema.si_ad_entry, nullptr, ACL_DISCLOSE, nullptr) != 0;
+        return disclosed ? entry : nullptr;
+    }
+    return nullptr;
+}
+
 }  // namespace standard

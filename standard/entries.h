@@ -73,4 +73,8 @@ class EntrySearch {
 SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const Extras& extras,
                       vexCode* code);
 
+// The nearest entry above a name that does not exist, if the client may know of it
+// (matchedDN); null without one, and where that cannot be told.
+SharedEntry findMatched(Operation* op, berval dn, berval ndn);
+
 }  // namespace standard

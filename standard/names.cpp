@@ -20,8 +20,11 @@ void addEquality(const std::string& attribute, const std::string& value, std::st
     filter->append(")");
 }
 
-// Objects that are shown with this value as their "cn=", or really have it.
+// Objects that are shown with this value as their "cn=", or really have it. Directories have
+// ideas of their own which letters are the same outside of ASCII: then any may be.
 std::string namedSo(const std::string& value, const Kinds& kinds) {
+    if (!std::all_of(value.begin(), value.end(), [](char c) { return static_cast<signed char>(c) >= 0; }))
+        return "";
     std::vector<std::string> attributes = {"cn"};
     for (const Kind& kind : kinds) {
         if (!kind.naming.empty() &&
@@ -48,7 +51,8 @@ AgentQuestion placedQuestion(const std::string& filter, const std::string& base,
                               vorn::equalsIgnoreCase(rdn[0].first, "cn");
     const std::string parent = mayBeRenamed ? vorn::DN::parent(base) : "";
     if (parent.empty()) return {filter, base, scope};
-    return {"(&" + filter + namedSo(rdn[0].second, kinds) + ")", parent, LDAP_SCOPE_ONELEVEL};
+    const std::string named = namedSo(rdn[0].second, kinds);
+    return {named.empty() ? filter : "(&" + filter + named + ")", parent, LDAP_SCOPE_ONELEVEL};
 }
 
 }  // namespace standard

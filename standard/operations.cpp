@@ -55,9 +55,16 @@ int compare(Operation* op, SlapReply* rs) try {
     vexCode code = VEX_OK;
     const SharedEntry entry = findEntry(op, op->o_req_dn, op->o_req_ndn, {true, true}, &code);
     if (code != VEX_OK) return sendFailure(op, rs, code);
-    rs->sr_err = entry == nullptr ? LDAP_NO_SUCH_OBJECT : slap_compare_entry(op, entry.get(), op->orc_ava);
-    // slapd's own answer is one of these two, or an error's code.
+    SharedEntry matched;
+    if (entry != nullptr) {
+        rs->sr_err = slap_compare_entry(op, entry.get(), op->orc_ava);
+    } else {
+        rs->sr_err = LDAP_NO_SUCH_OBJECT;
+        matched = findMatched(op, op->o_req_dn, op->o_req_ndn);
+        rs->sr_matched = matched != nullptr ? matched->e_name.bv_val : nullptr;
+    }
     send_ldap_result(op, rs);
+    rs->sr_matched = nullptr;
     if (rs->sr_err == LDAP_COMPARE_TRUE || rs->sr_err == LDAP_COMPARE_FALSE) rs->sr_err = LDAP_SUCCESS;
     return rs->sr_err;
 } catch (const std::exception& error) {

@@ -156,18 +156,7 @@ void Search::checkBase() {
         return;
     }
     if (base != nullptr) return;
-    berval dn = m_op->o_req_dn;
-    berval ndn = m_op->o_req_ndn;
-    while (m_matched == nullptr && !be_issuffix(m_op->o_bd, &ndn) && ndn.bv_len != 0) {
-        const berval child = dn;
-        const berval nchild = ndn;
-        dnParent(const_cast<berval*>(&child), &dn);
-        dnParent(const_cast<berval*>(&nchild), &ndn);
-        m_matched = findEntry(m_op, dn, ndn, {}, &code);
-    }
-    if (m_matched != nullptr &&
-        access_allowed(m_op, m_matched.get(), slap_schema.si_ad_entry, nullptr, ACL_DISCLOSE, nullptr) == 0)
-        m_matched.reset();
+    m_matched = findMatched(m_op, m_op->o_req_dn, m_op->o_req_ndn);
     m_policy.noSuchBase(m_matched.get());
 }
 
