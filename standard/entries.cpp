@@ -70,7 +70,13 @@ std::optional<QuestionRefusal> EntrySearch::prepare() {
 }
 
 vexCode EntrySearch::open() {
-    return m_question.filter.empty() ? VEX_OK : m_objects.open(m_question);
+    if (m_question.filter.empty()) return VEX_OK;
+    vexCode code = m_objects.open(m_question);
+    if (code != VEX_OK || m_objects.hasBase() || isAscii(m_question.base)) return code;
+    const std::string real = realDn(m_question.base, kinds(), &code);
+    if (code != VEX_OK || real.empty() || real == m_question.base) return code;
+    m_question.base = real;
+    return m_objects.open(m_question);
 }
 
 bool EntrySearch::resume(SharedHandle handle) {

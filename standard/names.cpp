@@ -5,6 +5,9 @@
 #include <utility>
 #include <vector>
 
+#include "standard/question.h"
+#include "standard/shown_entry.h"
+#include "standard/slapd_entry.h"
 #include "vorn/dn.h"
 #include "vorn/escape.h"
 #include "vorn/strings.h"
@@ -23,8 +26,7 @@ void addEquality(const std::string& attribute, const std::string& value, std::st
 // Objects that are shown with this value as their "cn=", or really have it. Directories have
 // ideas of their own which letters are the same outside of ASCII: then any may be.
 std::string namedSo(const std::string& value, const Kinds& kinds) {
-    if (!std::all_of(value.begin(), value.end(), [](char c) { return static_cast<signed char>(c) >= 0; }))
-        return "";
+    if (!isAscii(value)) return "";
     std::vector<std::string> attributes = {"cn"};
     for (const Kind& kind : kinds) {
         if (!kind.naming.empty() &&
@@ -53,6 +55,35 @@ AgentQuestion placedQuestion(const std::string& filter, const std::string& base,
     if (parent.empty()) return {filter, base, scope};
     const std::string named = namedSo(rdn[0].second, kinds);
     return {named.empty() ? filter : "(&" + filter + named + ")", parent, LDAP_SCOPE_ONELEVEL};
+}
+
+bool isAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<signed char>(c) >= 0; });
+}
+
+// One level after the other, from the first one that the directory cannot mistake.
+std::string realDn(const std::string& shown, const Kinds& kinds, vexCode* code) {
+    *code = VEX_OK;
+    const std::string parent = vorn::DN::parent(shown);
+    if (parent.empty() || isAscii(shown)) return shown;
+    const std::string place = realDn(parent, kinds, code);
+    if (*code != VEX_OK || place.empty()) return "";
+    ObjectSearch search;
+    *code = search.open({*questionOf(nullptr, kinds, nullptr), place, LDAP_SCOPE_ONELEVEL});
+    if (*code != VEX_OK) return "";
+    const std::string wanted = normalDn(shown);
+    std::string found;
+    FoundObject next;
+    while ((*code = search.next(&next)) == VEX_OK) {
+        const AgentObject object(search.session(), next.object.get());
+        const Kind* kind = kindOf(kinds, object);
+        if (kind != nullptr && normalDn(shownDn(*kind, object)) == wanted)
+            found = object.first(AD_OBJECT_DN_TEXT);
+    }
+    if (*code != VEX_END_OF_RESULTS) return "";
+    search.finish();
+    *code = VEX_OK;
+    return found;
 }
 
 }  // namespace standard

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "standard/kinds.h"
 #include "standard/object_search.h"
@@ -18,5 +19,13 @@ bool someAreRenamed(const Kinds& kinds);
 // is outside of the scope.
 AgentQuestion placedQuestion(const std::string& filter, const std::string& base, int scope,
                              const Kinds& kinds);
+
+// The directory's own spelling of a shown DN, for one whose letters outside of ASCII it
+// does not recognize: composed and decomposed ones are the same to clients. Empty if there is
+// no such entry; *code: VEX_OK, or why it could not be told.
+std::string realDn(const std::string& shown, const Kinds& kinds, vexCode* code);
+
+// Whether the text has no letters outside of ASCII.
+bool isAscii(std::string_view text);
 
 }  // namespace standard

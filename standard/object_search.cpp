@@ -13,10 +13,12 @@ constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max() / 2;
 
 // As it stands: where case does not count slapd has folded it already. What begins it is no
 // filter: these keys are apart from others.
+std::string keyWithoutBase(const AgentQuestion& question) {
+    return "=" + question.filter + std::to_string(question.scope);
+}
+
 std::string keyOf(const AgentQuestion& question) {
-    std::string key = "=" + question.filter;
-    key.append(question.base).append(1, static_cast<char>('0' + question.scope));
-    return key;
+    return keyWithoutBase(question) + question.base;
 }
 
 }  // namespace
@@ -46,7 +48,7 @@ vexCode ObjectSearch::open(const AgentQuestion& question) {
 }
 
 bool ObjectSearch::resume(const AgentQuestion& question, SharedHandle handle) {
-    if (handle->key != keyOf(question)) return false;
+    if (!handle->key.starts_with(keyWithoutBase(question))) return false;
     m_source.resume(std::move(handle));
     m_objects = &m_source.objects(kAll);
     return true;

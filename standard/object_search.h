@@ -26,8 +26,10 @@ class ObjectSearch {
 
     // Opens the search; VEX_OK, or why it could not be.
     vexCode open(const AgentQuestion& question);
-    // Goes on with one that an earlier request has opened; false if that asked another
-    // question.
+    // Whether the base of the opened search exists.
+    bool hasBase() const { return m_objects != nullptr; }
+    // Goes on with one that an earlier request has opened; false if that asked with another
+    // filter or scope.
     bool resume(const AgentQuestion& question, SharedHandle handle);
 
     // The next object: VEX_OK, VEX_END_OF_RESULTS after the last one, or why there are no
