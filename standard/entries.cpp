@@ -71,8 +71,22 @@ std::optional<QuestionRefusal> EntrySearch::prepare() {
 
 vexCode EntrySearch::open() {
     if (m_question.filter.empty()) return VEX_OK;
-    vexCode code = m_objects.open(m_question);
-    if (code != VEX_OK || m_objects.hasBase() || isAscii(m_question.base)) return code;
+    const vexCode code = m_objects.open(m_question);
+    return code != VEX_OK || m_objects.hasBase() ? code : openElsewhere();
+}
+
+// The directory does not know the base. It may know it by another name.
+vexCode EntrySearch::openElsewhere() {
+    if (m_wanted.scope == LDAP_SCOPE_SUBTREE) {
+        const std::string shown(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
+        m_question = placedQuestion(m_question.filter, shown, LDAP_SCOPE_BASE, kinds());
+        if (m_question.base != shown) {
+            const vexCode code = m_objects.open(m_question);
+            if (code != VEX_OK || m_objects.hasBase()) return code;
+        }
+    }
+    if (isAscii(m_question.base)) return VEX_OK;
+    vexCode code = VEX_OK;
     const std::string real = realDn(m_question.base, kinds(), &code);
     if (code != VEX_OK || real.empty() || real == m_question.base) return code;
     m_question.base = real;

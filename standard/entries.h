@@ -59,6 +59,7 @@ class EntrySearch {
     const SharedHandle& handle() const { return m_objects.handle(); }
 
   private:
+    vexCode openElsewhere();
     SharedEntry entryOf(const FoundObject& found, vexCode* code);
     vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
     bool isWanted(Entry* entry) const;

@@ -44,19 +44,25 @@ bool mentions(const Filter* filter, AttributeDescription* description) {
     }
 }
 
-bool asksFor(const Operation* op, AttributeDescription* description, bool amongAll) {
-    if (op->ors_attrs == nullptr) return amongAll;
-    if (amongAll && an_find(op->ors_attrs, slap_bv_all_user_attrs) != 0) return true;
-    return ad_inlist(description, op->ors_attrs) != 0;
+// By its name, or that of a supertype.
+bool asksByName(const Operation* op, AttributeDescription* description) {
+    for (const AttributeName* one = op->ors_attrs; one != nullptr && one->an_name.bv_val != nullptr; ++one) {
+        if (one->an_desc != nullptr && is_ad_subtype(description, one->an_desc) != 0) return true;
+    }
+    return false;
+}
+
+bool asksForAll(const Operation* op, AttributeDescription* description) {
+    return op->ors_attrs == nullptr || ad_inlist(description, op->ors_attrs) != 0;
 }
 
 Extras extrasOf(const Operation* op) {
     AttributeDescription* const member = describe("member");
     AttributeDescription* const memberOf = describe("memberOf");
-    const auto wants = [&](AttributeDescription* one, bool amongAll) {
-        return one != nullptr && (asksFor(op, one, amongAll) || mentions(op->ors_filter, one));
-    };
-    return {wants(member, true), wants(memberOf, false)};
+    Extras extras;
+    extras.members = member != nullptr && (asksForAll(op, member) || mentions(op->ors_filter, member));
+    extras.memberOf = memberOf != nullptr && (asksByName(op, memberOf) || mentions(op->ors_filter, memberOf));
+    return extras;
 }
 
 // The steps of one search. Each tells whether it goes on.
