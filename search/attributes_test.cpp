@@ -75,6 +75,24 @@ TEST_F(AttributesTest, ALongListIsCutAlikeEachTime) {
     for (int time = 0; time < 2; ++time) EXPECT_EQ(translate(names, "", "").size(), 127U);
 }
 
+// In a process of its own, in which nobody has asked before.
+TEST_F(AttributesTest, TheFirstQuestionIsAnsweredByTheFirstList) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            useCache({"mail"});
+            ::_exit(attributesAreCacheable({}) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(AttributesTest, ANameThatWasGivenOnceIsNotGivenTwice) {
+    translate({"uid", "uid"}, "", "");
+    EXPECT_THAT(translate({"uid"}, "", ""), ElementsAre("uid"));
+    translate({"uid", "mail"}, "", "");
+    EXPECT_THAT(translate({"uid", "cn"}, "", ""), ElementsAre("uid", "cn"));
+}
+
 TEST_F(AttributesTest, WhatCanBeCachedIsAskedAnewWhenTheListIsAnother) {
     EXPECT_FALSE(attributesAreCacheable({"mail"})) << "before the first bind";
     useCache({"mail"});

@@ -42,6 +42,8 @@ TEST(FlatEntry, HoldsWhatTheOriginalHeld) {
     EXPECT_EQ(copy->e_id, 7U);
     EXPECT_STREQ(copy->e_name.bv_val, "cn=Ann");
     EXPECT_STREQ(copy->e_nname.bv_val, "cn=ann");
+    EXPECT_NE(copy->e_nname.bv_val, original.e_nname.bv_val) << "its own";
+    EXPECT_NE(copy->e_name.bv_val, original.e_name.bv_val);
     EXPECT_EQ(copy->e_ocflags, SLAP_OC__END);
     const Attribute* attribute = copy->e_attrs;
     EXPECT_EQ(attribute->a_desc, &cn);
@@ -58,12 +60,29 @@ TEST(FlatEntry, HoldsWhatTheOriginalHeld) {
     EXPECT_EQ(attribute->a_next, nullptr);
 }
 
+// In words, rounded up: the records first, then each text with its NUL.
+TEST(FlatEntry, TakesNoMoreThanItNeeds) {
+    AttributeDescription cn{};
+    for (std::size_t length = 0; length < 20; ++length) {
+        std::string text(length, 'x');
+        berval values[] = {{length, text.data()}, {0, nullptr}};
+        Attribute only{&cn, values, values, 1, 0, nullptr};
+        Entry original{};
+        original.e_name = bv("cn=Ann");
+        original.e_attrs = &only;
+        const std::size_t needed =
+            sizeof(Entry) + sizeof(Attribute) + 2 * sizeof(berval) + sizeof "cn=Ann" + length + 1;
+        EXPECT_EQ(flatSize(original), (needed + 7) / 8 * 8) << length;
+    }
+}
+
 TEST(FlatEntry, AnEntryWithoutAttributes) {
     Entry original{};
     original.e_name = bv("");
     const SharedEntry copy = flatCopy(original);
     EXPECT_STREQ(copy->e_name.bv_val, "");
     EXPECT_EQ(copy->e_nname.bv_val, nullptr);
+    EXPECT_EQ(copy->e_nname.bv_len, 0U);
     EXPECT_EQ(copy->e_attrs, nullptr);
 }
 

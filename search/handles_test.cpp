@@ -14,6 +14,8 @@
 #include "search/page_name.h"
 #include "tests/standin/vex_standin.h"
 
+#include "tests/standin/slapd_standin.h"
+
 namespace {
 
 using testing::Contains;
@@ -181,10 +183,37 @@ TEST_F(ManyPagesTest, KeptHandlesCountAndGoFirst) {
     EXPECT_TRUE(claims(101, 1)) << "the oldest page stays";
 }
 
+TEST_F(ManyPagesTest, WhatEndedOrWasClearedIsRoomForOthers) {
+    // Its first takes the place of a greedy one; the two beyond its own bound that of its own.
+    for (std::size_t i = 1; i <= kMaxOfConnection + 2; ++i) issueLight(2, "IP=other", i);
+    m_handles.delSearchHandle(2);
+    for (std::size_t i = 1; i <= kMaxOfConnection; ++i) issueLight(2, "IP=other", i);
+    EXPECT_TRUE(claims(101 + kMaxOfConnection, kMaxOfConnection + 1)) << "nobody had to go";
+    m_handles.clearAllSearchHandle();
+    for (std::size_t i = 1; i <= kMaxOfProcess; ++i) issueLight(i, "IP=other", i);
+    EXPECT_TRUE(claims(1, 1));
+}
+
 TEST_F(ManyPagesTest, WhatAClosedConnectionHeldIsRoomForOthers) {
     m_handles.delSearchHandle(101);
     issueLight(2, "IP=newcomer", 1);
     EXPECT_TRUE(claims(102, 2));
+}
+
+TEST(Peer, IsTheAddressWithoutThePortOrThePath) {
+    const struct {
+        std::string name, peer;
+    } cases[] = {{"IP=127.0.0.1:389", "IP=127.0.0.1"},
+                 {"IP=[::1]:40000", "IP=[::1]"},
+                 {"PATH=/run/a:b", "PATH=/run/a:b"},
+                 {"", ""}};
+    for (auto [name, peer] : cases) {
+        standin::FakeConnection connection;
+        connection.connection()->c_peer_name = {name.size(), name.data()};
+        standin::FakeOperation operation(connection);
+        EXPECT_EQ(peerOf(*operation.op()), peer);
+        connection.connection()->c_peer_name = {0, nullptr};
+    }
 }
 
 TEST(PageName, IsAnotherEachTime) {

@@ -230,8 +230,11 @@ TEST_F(SearchTest, TheFirstSearchGivesTheCacheItsSettings) {
     gCacheEnabled = true;
     gCacheMaxLists = 11, gCacheMaxObjects = 22, gCacheTTL = 33, gCacheNegTTL = 44, gLogInterval = 55;
     gCacheHashLoadFactor = 0.25F;
+    const std::uint64_t usual = std::exchange(gCacheMaxBytes, 987654321);
     const standin::CapturedLog log;
     m_client.search(Request{});
+    gCacheMaxBytes = usual;
+    EXPECT_THAT(SearchCacheManager::GetCacheManager()->getStateInfo(), HasSubstr(", max bytes: 987654321, "));
     gCacheMaxLists = 12;
     m_client.search(Request{});
     gCacheMaxLists = 100, gCacheMaxObjects = 3000, gCacheTTL = 3600, gCacheNegTTL = 300, gLogInterval = 0;

@@ -122,6 +122,14 @@ if importlib.util.find_spec("clang") is not None:  # what only developers instal
         assert switched.tests_of((tmp_path / "reached").read_text(encoding="utf-8")) == (
             {first(numbered, line): ([], ["*"]) for line in (6, 15, 16)}, [])
 
+    def test_what_a_function_tries_is_its_body(tmp_path):
+        from mutation import points
+        path = tmp_path / "source.cpp"
+        path.write_text("int tried(int x) try { return x + 3; } catch (...) { return 5; }\n", encoding="utf-8")
+        found = points.parse(path, "source.cpp", "c++ -std=c++20 -c source.cpp -o source.o")
+        assert {point.change: bool(point.body) for point in found} == {
+            "x + 3 -> 0": True, "3 -> 4": True, "3 -> 2": True, "5 -> 0": False, "5 -> 6": False, "5 -> 4": False}
+
     def test_a_change_that_does_not_compile_is_left_out(tmp_path):
         from mutation import points
         path, text = tmp_path / "source.cpp", SOURCE + "struct Whole { Whole(int); }; Whole whole() { return Whole(7); }\n"

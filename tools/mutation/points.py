@@ -209,6 +209,8 @@ class Finder:
     def body_of(self, cursor):
         """Of a function that runs: none for one of which the compiler may have to know the result."""
         for child in cursor.get_children():
+            if child.kind == CursorKind.CXX_TRY_STMT:
+                child = next(child.get_children())
             if child.kind == CursorKind.COMPOUND_STMT:
                 start, end = child.extent.start.offset, child.extent.end.offset
                 head = self.text(cursor.extent.start.offset, start)
