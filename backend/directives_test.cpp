@@ -35,6 +35,7 @@ using testing::HasSubstr;
 struct Settings {
     bool cacheEnabled = gCacheEnabled, fetchByDnUid = gFetchByDnUID, netgroups = gNetgroupUseRfc2307;
     bool preferCache = gPreferCacheAuth, pagedCritical = gPagedCritical, reportErrors = gSearchReportErrors;
+    bool standard = gLdapStandard;
     std::int64_t maxLists = gCacheMaxLists, maxObjects = gCacheMaxObjects, ttl = gCacheTTL;
     std::int64_t negTtl = gCacheNegTTL, credExpire = gCredExpire, credMax = gCredMax,
                  logInterval = gLogInterval;
@@ -45,6 +46,7 @@ struct Settings {
     void restore() const {
         gCacheEnabled = cacheEnabled, gFetchByDnUID = fetchByDnUid, gNetgroupUseRfc2307 = netgroups;
         gPreferCacheAuth = preferCache, gPagedCritical = pagedCritical, gSearchReportErrors = reportErrors;
+        gLdapStandard = standard;
         gCacheMaxLists = maxLists, gCacheMaxObjects = maxObjects, gCacheTTL = ttl;
         gCacheNegTTL = negTtl, gCredExpire = credExpire, gCredMax = credMax, gLogInterval = logInterval;
         gCacheMaxBytes = maxBytes;
@@ -101,6 +103,7 @@ TEST(SettingsTest, HaveTheirDefaultsBeforeAnyDirective) {
     EXPECT_FALSE(gNetgroupUseRfc2307);
     EXPECT_FALSE(gPagedCritical);
     EXPECT_FALSE(gSearchReportErrors);
+    EXPECT_FALSE(gLdapStandard);
     EXPECT_EQ(gTranslationMap, nullptr);
     EXPECT_EQ(gSupportedObjectAttrList.load(), nullptr);
 
@@ -138,7 +141,8 @@ INSTANTIATE_TEST_SUITE_P(
                     BooleanDirective{"dirgate.cache.enabled", &gCacheEnabled},
                     BooleanDirective{"dirgate.netgroup.use.rfc2307nisnetgroup", &gNetgroupUseRfc2307},
                     BooleanDirective{"dirgate.paged.critical", &gPagedCritical},
-                    BooleanDirective{"dirgate.search.report.errors", &gSearchReportErrors}));
+                    BooleanDirective{"dirgate.search.report.errors", &gSearchReportErrors},
+                    BooleanDirective{"dirgate.ldap.standard", &gLdapStandard}));
 
 struct IntegerDirective {
     const char* name;
@@ -410,6 +414,26 @@ TEST_F(DirectivesTest, PagedCriticalListsTheControl) {
     EXPECT_EQ(configure({"dirgate.paged.critical", "false"}), 0);
     EXPECT_EQ(m_info.bi_controls, nullptr);
     EXPECT_EQ(m_info.bi_ctrls[5], 0);
+}
+
+// ------------------------------------------------------------ ldap.standard
+
+TEST_F(DirectivesTest, TheStandardModeListsTheControlsThatItKeepsTo) {
+    slap_cids.sc_pagedResults = 5;
+    slap_cids.sc_assert = 6;
+    slap_cids.sc_manageDSAit = 7;
+    EXPECT_EQ(configure({"dirgate.ldap.standard", "true"}), 0);
+    ASSERT_NE(m_info.bi_controls, nullptr);
+    EXPECT_STREQ(m_info.bi_controls[0], "1.2.840.113556.1.4.319");
+    EXPECT_STREQ(m_info.bi_controls[1], "1.3.6.1.1.12");
+    EXPECT_STREQ(m_info.bi_controls[2], "2.16.840.1.113730.3.4.2");
+    EXPECT_EQ(m_info.bi_controls[3], nullptr);
+    for (const int control : {5, 6, 7}) EXPECT_EQ(m_info.bi_ctrls[control], 1) << control;
+    EXPECT_NE(m_info.bi_op_compare, nullptr);
+    EXPECT_EQ(configure({"dirgate.ldap.standard", "false"}), 0);
+    EXPECT_EQ(m_info.bi_controls, nullptr);
+    for (const int control : {5, 6, 7}) EXPECT_EQ(m_info.bi_ctrls[control], 0) << control;
+    EXPECT_EQ(m_info.bi_op_compare, nullptr);
 }
 
 // -------------------------------------------------------- database sections

@@ -22,6 +22,7 @@
 #include "cache/search_cache.h"
 #include "search/handles.h"
 #include "search/search.h"
+#include "standard/operations.h"
 #include "tests/standin/captured.h"
 #include "tests/standin/vex_standin.h"
 #include "vex/handles.h"
@@ -99,6 +100,24 @@ TEST_F(ModuleTest, InstallsItsHooksAndNoOthers) {
     // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): both were zeroed as a whole
     EXPECT_EQ(std::memcmp(registered(), &expected, sizeof expected), 0)
         << "the back-end is read-only: every other hook is null";
+}
+
+TEST_F(ModuleTest, TheStandardModesHooksComeAndGoWithIt) {
+    BackendInfo info = *registered();
+    installHooks(&info, true);
+    EXPECT_EQ(info.bi_op_search, standard::search);
+    EXPECT_EQ(info.bi_op_bind, vex_back_bind);
+    for (BI_op_func* write : {info.bi_op_add, info.bi_op_delete, info.bi_op_modify, info.bi_op_modrdn})
+        EXPECT_EQ(write, standard::refuseWrite);
+    EXPECT_EQ(info.bi_op_compare, standard::compare);
+    EXPECT_EQ(info.bi_db_open, standard::openDatabase);
+    EXPECT_EQ(info.bi_entry_get_rw, standard::getEntry);
+    EXPECT_EQ(info.bi_entry_release_rw, standard::releaseEntry);
+    EXPECT_EQ(info.bi_operational, standard::operational);
+    EXPECT_EQ(info.bi_has_subordinates, standard::hasSubordinates);
+    installHooks(&info, false);
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): a copy, padding and all
+    EXPECT_EQ(std::memcmp(&info, registered(), sizeof info), 0);
 }
 
 TEST_F(ModuleTest, WhateverHooksTheRecordHadAreGone) {
