@@ -37,12 +37,7 @@ class CheckTest : public ::testing::Test {
   protected:
     CheckTest() {
         std::signal(SIGPIPE, SIG_IGN);  // as the agent does
-        m_options.domain = "example.com";
         m_options.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
-        m_options.transport = Transport::Ldaps;
-        m_options.bindName = "CN=gateway,DC=example,DC=com";
-        m_options.bindPasswordFile = m_folder.write("password", "secret\n");
-        ::chmod(m_options.bindPasswordFile.c_str(), 0600);
         m_options.tlsCa = m_controller.authorityFile();
         m_options.clock = stoppedClock;
         m_controller.answer([this](Asked& asked, Talk& talk) { return answer(asked, talk); });
@@ -98,7 +93,7 @@ class CheckTest : public ::testing::Test {
     std::set<std::string> m_missing;
     ScriptedController m_controller{ScriptedController::Tls::FromTheStart};
     vorn::test::TemporaryFolder m_folder;
-    AdOptions m_options;
+    AdOptions m_options = serviceAccount(m_folder);
     std::string m_report;
 };
 

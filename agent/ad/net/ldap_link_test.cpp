@@ -1,119 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// A link and its results, against a controller that does what a test says.
-#include "agent/ad/net/ldap_connector.h"
+// A link, its searches and their pages.
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
-#include <csignal>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "agent/ad/net/results.h"
-#include "agent/ad/net/scripted_controller_testing.h"
+#include "agent/ad/net/ldap_link_testing.h"
 
-namespace vexagent {
+namespace vexagent::test {
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using namespace std::string_literals;
-
-constexpr milliseconds kPlenty{20'000};
-constexpr milliseconds kShort{150};
-
-std::string dnOf(int number) {
-    return "CN=" + std::to_string(number) + ",DC=example,DC=com";
-}
-
-// How something ended, by a failure's own words; a success has none.
-struct Ended {
-    int code = LDAP_SUCCESS;
-    std::string text{};
-    bool lost = false;
-    bool again = false;
-    bool barred = false;
-    bool ok() const { return code == LDAP_SUCCESS; }
-};
-template <class T>
-Ended ended(const Linked<T>& answer) {
-    if (answer) return {};
-    const LinkFailure& failure = answer.error();
-    return {failure.code, failure.text, failure.lost, failure.again, failure.barred};
-}
-
-Deadline within(milliseconds time) {
-    return {vorn::systemSteadyClock(), time};
-}
-
-Moment now() {
-    return vorn::systemSteadyClock().now();
-}
-
-class LinkTest : public ::testing::Test {
-  protected:
-    LinkTest() {
-        std::signal(SIGPIPE, SIG_IGN);  // as the agent does: libldap writes when it parts
-        m_options.domain = "example.com";
-        m_options.bindName = "CN=gateway,DC=example,DC=com";
-        m_options.bindPasswordFile = m_folder.write("password", "secret\n");
-        ::chmod(m_options.bindPasswordFile.c_str(), 0600);
-        m_options.timeout = kPlenty;
-    }
-
-    // One on which nobody has introduced himself, without TLS.
-    std::unique_ptr<Link> plain(const ScriptedController& controller) {
-        auto link = m_connector.openAnonymous(controller.peer(), within(kPlenty));
-        EXPECT_TRUE(link) << link.error().text;
-        return std::move(*link);
-    }
-
-    Ended open(const ScriptedController& controller, Transport transport, milliseconds time = kPlenty) {
-        m_options.transport = transport;
-        if (m_options.tlsCa.empty()) m_options.tlsCa = controller.authorityFile();
-        auto link = m_connector.open("example.com", controller.peer(), within(time));
-        const Ended end = ended(link);
-        if (link) m_link = std::move(*link);
-        return end;
-    }
-
-    Ended search(Link& link, const LdapSearch& search, const Deadline& deadline,
-                 const LinkReader::Visitor& visit) {
-        return ended(LinkReader(link, m_pages, deadline).search(search, visit));
-    }
-    Ended searchAll(Link& link, const std::vector<LdapSearch>& searches, const LinkReader::Visitor& visit) {
-        return ended(LinkReader(link, m_pages, within(kPlenty)).searchAll(searches, visit));
-    }
-
-    // The DNs that a search finds.
-    std::vector<std::string> found(Link& link, const LdapSearch& what, milliseconds time = kPlenty) {
-        std::vector<std::string> dns;
-        m_status = search(link, what, within(time), [&](Entry&& entry) { dns.push_back(entry.dn); });
-        return dns;
-    }
-
-    // What the controller says to a search from now on.
-    using Say = std::function<void(const Asked&, Talk&)>;
-    static void onSearch(ScriptedController& controller, Say say) {
-        controller.answer([say = std::move(say)](Asked& asked, Talk& talk) {
-            if (asked.kind != Asked::Kind::Search) return false;
-            say(asked, talk);
-            return true;
-        });
-    }
-
-    vorn::test::TemporaryFolder m_folder;
-    AdOptions m_options;
-    Watchdog m_watchdog{vorn::systemSteadyClock()};
-    PageRule m_pages{vorn::systemSteadyClock()};
-    LdapConnector m_connector{m_options, m_watchdog, vorn::systemSteadyClock(), nullptr};
-    std::unique_ptr<Link> m_link;
-    Ended m_status;
-    const LdapSearch m_everybody{"DC=example,DC=com"};
-};
 
 // ---------------------------------------------------------------------- searches
 
@@ -423,158 +323,6 @@ TEST_F(LinkTest, AmongSeveralAFailureIsTheEndOfAllAndOfTheConnection) {
     EXPECT_FALSE(link->looksUsable()) << "answers to the others may still be on their way";
 }
 
-// --------------------------------------------------------------------- passwords
-
-TEST_F(LinkTest, APasswordIsAcceptedWhenTheControllerSaysSo) {
-    ScriptedController controller;
-    EXPECT_TRUE(plain(controller)->checkPassword("CN=Ann,DC=x", "welcome", within(kPlenty)));
-    const Asked asked = controller.asked().at(0);
-    EXPECT_EQ(asked.name, "CN=Ann,DC=x");
-    EXPECT_EQ(asked.password, "welcome");
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 1u);
-}
-
-TEST_F(LinkTest, NoOtherAnswerAcceptsAPassword) {
-    const std::vector<std::pair<const char*, Say>> answers = {
-        {"wrong", [](const Asked& asked,
-                     Talk& talk) { talk.result(LDAP_RES_BIND, asked.id, LDAP_INVALID_CREDENTIALS); }},
-        {"a search's end",
-         [](const Asked& asked, Talk& talk) { talk.result(LDAP_RES_SEARCH_RESULT, asked.id, LDAP_SUCCESS); }},
-        {"an entry", [](const Asked& asked, Talk& talk) { talk.entry(asked.id, "", {}); }},
-        {"another's",
-         [](const Asked& asked, Talk& talk) { talk.result(LDAP_RES_BIND, asked.id + 1, LDAP_SUCCESS); }},
-        {"half a SASL bind",
-         [](const Asked& asked, Talk& talk) {
-             talk.result(LDAP_RES_BIND, asked.id, LDAP_SASL_BIND_IN_PROGRESS);
-         }},
-        {"a referral",
-         [](const Asked& asked, Talk& talk) { talk.result(LDAP_RES_BIND, asked.id, LDAP_REFERRAL); }},
-        {"garbage", [](const Asked&, Talk& talk) { talk.bytes("\x30\x03\x02\x01"); }},
-        {"nothing", [](const Asked&, Talk&) {}},
-    };
-    for (const auto& [what, say] : answers) {
-        ScriptedController controller;
-        controller.answer([say = say](Asked& asked, Talk& talk) {
-            say(asked, talk);
-            return true;
-        });
-        EXPECT_FALSE(plain(controller)->checkPassword("CN=Ann,DC=x", "welcome", within(kShort))) << what;
-    }
-}
-
-TEST_F(LinkTest, AnEmptyPasswordOrNameIsShownToNobody) {
-    ScriptedController controller;
-    const auto link = plain(controller);
-    EXPECT_FALSE(link->checkPassword("CN=Ann,DC=x", "", within(kPlenty)));
-    EXPECT_FALSE(link->checkPassword("", "welcome", within(kPlenty)));
-    EXPECT_FALSE(link->checkPassword("CN=Ann,DC=x", "welcome\0junk"s, within(kPlenty)));
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
-}
-
-// --------------------------------------------------------------- the agent itself
-
-TEST_F(LinkTest, TheServicePasswordIsShownUnderTlsOnly) {
-    ScriptedController byRequest;
-    EXPECT_EQ(open(byRequest, Transport::StartTls).text, "");
-    ScriptedController fromTheStart(ScriptedController::Tls::FromTheStart);
-    m_options.tlsCa.clear();
-    EXPECT_EQ(open(fromTheStart, Transport::Ldaps).text, "");
-    for (const ScriptedController* controller : {&byRequest, &fromTheStart}) {
-        ASSERT_EQ(controller->count(Asked::Kind::Bind), 1u);
-        for (const Asked& asked : controller->asked()) {
-            EXPECT_EQ(asked.tls, asked.kind != Asked::Kind::StartTls);
-            if (asked.kind != Asked::Kind::Bind) continue;
-            EXPECT_EQ(asked.name, "CN=gateway,DC=example,DC=com");
-            EXPECT_EQ(asked.password, "secret");
-        }
-    }
-}
-
-TEST_F(LinkTest, WhoeverRefusesTlsIsShownNothing) {
-    ScriptedController controller;
-    controller.answer([](Asked& asked, Talk& talk) {
-        if (asked.kind != Asked::Kind::StartTls) return false;
-        talk.result(LDAP_RES_EXTENDED, asked.id, LDAP_PROTOCOL_ERROR);
-        return true;
-    });
-    const Ended status = open(controller, Transport::StartTls);
-    EXPECT_TRUE(status.lost) << status.text;
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
-    EXPECT_EQ(m_link, nullptr);
-}
-
-TEST_F(LinkTest, AControllerOfAnotherAuthorityIsShownNothing) {
-    ScriptedController controller;
-    m_options.tlsCa = "/etc/ssl/certs/ca-certificates.crt";
-    const Ended status = open(controller, Transport::StartTls);
-    EXPECT_TRUE(status.lost) << status.text;
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
-}
-
-TEST_F(LinkTest, OneThatSpeaksOldTlsOnlyIsShownNothing) {
-    ScriptedController controller(ScriptedController::Tls::FromTheStart, "NORMAL:-VERS-ALL:+VERS-TLS1.1");
-    const Ended status = open(controller, Transport::Ldaps);
-    EXPECT_TRUE(status.lost) << status.text;
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
-}
-
-TEST_F(LinkTest, AnAuthorityThatCannotBeReadIsNamed) {
-    ScriptedController controller;
-    m_options.tlsCa = "/nowhere/ca.pem";
-    const Ended status = open(controller, Transport::StartTls);
-    EXPECT_FALSE(status.ok());
-    EXPECT_THAT(status.text, HasSubstr("/nowhere/ca.pem"));
-}
-
-TEST_F(LinkTest, AHandshakeThatNeverEndsIsEndedAtItsDeadline) {
-    ScriptedController controller(ScriptedController::Tls::Silent);
-    const Ended status = open(controller, Transport::Ldaps, kShort);
-    EXPECT_TRUE(status.lost) << status.text;
-    EXPECT_EQ(m_link, nullptr);
-}
-
-TEST_F(LinkTest, ARefusedServicePasswordIsNotShownAgainAtOnce) {
-    ScriptedController controller;
-    controller.answer([](Asked& asked, Talk& talk) {
-        if (asked.kind != Asked::Kind::Bind) return false;
-        talk.result(LDAP_RES_BIND, asked.id, LDAP_INVALID_CREDENTIALS, "80090308: data 52e");
-        return true;
-    });
-    const Ended first = open(controller, Transport::StartTls);
-    EXPECT_TRUE(first.lost);
-    EXPECT_TRUE(first.barred);
-    EXPECT_THAT(first.text, HasSubstr("data 52e"));
-    EXPECT_NE(first.code, LDAP_INVALID_CREDENTIALS) << "nobody's password but the agent's own was wrong";
-    const Ended second = open(controller, Transport::StartTls);
-    EXPECT_TRUE(second.barred);
-    EXPECT_THAT(second.text, HasSubstr("ad.bind.name"));
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 1u);
-    EXPECT_EQ(controller.count(Asked::Kind::StartTls), 1u) << "there is not even a connection";
-}
-
-TEST_F(LinkTest, AnotherPasswordInTheFileIsTriedAtOnce) {
-    ScriptedController controller;
-    controller.answer([](Asked& asked, Talk& talk) {
-        if (asked.kind != Asked::Kind::Bind || asked.password == "better") return false;
-        talk.result(LDAP_RES_BIND, asked.id, LDAP_INVALID_CREDENTIALS);
-        return true;
-    });
-    EXPECT_FALSE(open(controller, Transport::StartTls).ok());
-    m_folder.write("password", "better\n");
-    EXPECT_TRUE(open(controller, Transport::StartTls).ok());
-}
-
-TEST_F(LinkTest, APasswordFileThatIsNotThereOrOpenToOthersIsToldByItsName) {
-    ScriptedController controller;
-    ::chmod(m_options.bindPasswordFile.c_str(), 0644);
-    Ended status = open(controller, Transport::StartTls);
-    EXPECT_THAT(status.text, HasSubstr("ad.bind.password.file"));
-    m_options.bindPasswordFile += ".not";
-    status = open(controller, Transport::StartTls);
-    EXPECT_THAT(status.text, HasSubstr("ad.bind.password.file"));
-    EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
-}
-
 TEST_F(LinkTest, NobodyAtAPortIsToldWithItsNameAndPort) {
     const auto link = m_connector.openAnonymous({"127.0.0.1", 1}, within(kPlenty));
     ASSERT_FALSE(link);
@@ -583,4 +331,4 @@ TEST_F(LinkTest, NobodyAtAPortIsToldWithItsNameAndPort) {
 }
 
 }  // namespace
-}  // namespace vexagent
+}  // namespace vexagent::test

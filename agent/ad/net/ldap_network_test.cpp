@@ -24,12 +24,7 @@ class LdapNetworkTest : public ::testing::Test {
   protected:
     LdapNetworkTest() {
         std::signal(SIGPIPE, SIG_IGN);  // as the agent does
-        m_options.domain = "example.com";
         m_options.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
-        m_options.transport = Transport::Ldaps;
-        m_options.bindName = "CN=gateway,DC=example,DC=com";
-        m_options.bindPasswordFile = m_folder.write("password", "secret\n");
-        ::chmod(m_options.bindPasswordFile.c_str(), 0600);
         m_options.tlsCa = m_controller.authorityFile();
         m_controller.answer([](Asked& asked, Talk& talk) { return answer(asked, talk); });
     }
@@ -63,7 +58,7 @@ class LdapNetworkTest : public ::testing::Test {
 
     ScriptedController m_controller{ScriptedController::Tls::FromTheStart};
     vorn::test::TemporaryFolder m_folder;
-    AdOptions m_options;
+    AdOptions m_options = serviceAccount(m_folder);
     std::optional<LdapNetwork> m_network;
     const Place m_place{"example.com"};
 };

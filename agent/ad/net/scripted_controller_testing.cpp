@@ -7,6 +7,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -293,6 +294,16 @@ void Talk::page(int id, const std::string& cookie) {
     ber_printf(ber.get(), "{it{ess}t{{sO}}}", id, LDAP_RES_SEARCH_RESULT, LDAP_SUCCESS, "", "",
                LDAP_TAG_CONTROLS, LDAP_CONTROL_PAGEDRESULTS, &control);
     bytes(finished(ber));
+}
+
+AdOptions serviceAccount(const vorn::test::TemporaryFolder& folder) {
+    AdOptions options;
+    options.domain = "example.com";
+    options.transport = Transport::Ldaps;
+    options.bindName = "CN=gateway,DC=example,DC=com";
+    options.bindPasswordFile = folder.write("password", "secret\n");
+    ::chmod(options.bindPasswordFile.c_str(), 0600);
+    return options;
 }
 
 // ------------------------------------------------------------ ScriptedController

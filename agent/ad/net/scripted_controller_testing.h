@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "agent/ad/net/peer.h"
+#include "agent/ad/options.h"
 #include "agent/directory/directory.h"
 #include "vorn/descriptor.h"
 #include "vorn/temporary_folder_testing.h"
@@ -82,6 +83,9 @@ class Talk {
     gnutls_session_t m_tls = nullptr;
     int m_lastCode = 0;  // of the results said
 };
+
+// A host of example.com with a service account: its password, "secret", is in the folder.
+AdOptions serviceAccount(const vorn::test::TemporaryFolder& folder);
 
 class ScriptedController {
   public:
