@@ -59,6 +59,22 @@ def test_the_place_of_netgroups_is_the_zone_s_where_the_directive_says_so(world)
     assert switched == {"true": 80, "false": 6}
 
 
+def test_nothing_found_is_no_error_in_the_standard_mode(world):
+    """And a filter needs no class there to be in the map's terms."""
+    agent = world.agent().start()
+    home, nobody = "(homeDirectory=/home/ann)", "(uid=nobody-of-this-name)"
+    found = {}
+    for switch in ("true", "false"):
+        connection = world.slapd(agent, directives=[*Slapd.DIRECTIVES, f"dirgate.ldap.standard {switch}"]).start().connect()
+        for filter in (home, nobody):
+            try:
+                found[switch, filter] = len(connection.search_ext_s(SUFFIX, ldap.SCOPE_SUBTREE, filter))
+            except ldap.NO_SUCH_OBJECT:
+                found[switch, filter] = "no such object"
+    assert found == {("true", home): 1, ("true", nobody): 0,
+                     ("false", home): "no such object", ("false", nobody): "no such object"}
+
+
 @pytest.mark.embedded
 @pytest.mark.parametrize("switch, again", [("true", []), ("false", SEARCHED)])
 def test_a_repeated_search_asks_the_agent_where_nothing_is_cached(bound, standin, switch, again):  # noqa: F811
