@@ -84,6 +84,14 @@ if importlib.util.find_spec("clang") is not None:  # what only developers instal
         assert [(point.line, point.change) for point in found if point.change.startswith(("break", "continue"))] == [
             (5, "break -> dropped"), (10, "continue -> dropped"), (12, "break -> dropped")]
 
+    def test_the_condition_of_a_macro_is_not_changed(tmp_path):
+        from mutation import points
+        path = tmp_path / "source.cpp"
+        path.write_text("#define TELL(a) do { if (a) tell(); } while (0)\nvoid tell();\n"
+                        "void count(bool some) {\n    if (some) TELL(some);\n}\n", encoding="utf-8")
+        found = points.parse(path, "source.cpp", "c++ -std=c++20 -c source.cpp -o source.o")
+        assert [point.change for point in found if "negated" in point.change] == ["some -> negated"]
+
     def test_what_is_known_of_a_file_is_not_looked_for_again(tmp_path):
         from mutation import points
         path = tmp_path / "source.cpp"

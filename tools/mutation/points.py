@@ -101,7 +101,9 @@ class Finder:
                 self.add(at, at + len(sign), table[sign])
 
     def condition(self, cursor):
-        """The condition of a statement, unless it declares something."""
+        """The condition of a statement, unless it declares something or a macro has it."""
+        if not self.of(cursor).startswith(("if", "while")):
+            return
         inside = [child for child in cursor.get_children() if child.kind.is_expression()]
         if cursor.kind in (CursorKind.FOR_STMT, CursorKind.CXX_FOR_RANGE_STMT) or not inside:
             return
