@@ -22,10 +22,13 @@ constexpr std::size_t kAnswerBytes = 65'536;
 // The resolver's state, which belongs to one thread for one query.
 class Resolver {
   public:
-    Resolver() : m_ready(::res_ninit(&m_state) == 0) {
+    explicit Resolver(const sockaddr_in* nameServer) : m_ready(::res_ninit(&m_state) == 0) {
         // A query is over in time: two rounds of a second for each server.
         m_state.retrans = 1;
         m_state.retry = 2;
+        if (nameServer == nullptr) return;
+        m_state.nsaddr_list[0] = *nameServer;
+        m_state.nscount = 1;
     }
     ~Resolver() {
         if (m_ready) ::res_nclose(&m_state);
@@ -95,8 +98,9 @@ bool liesBelow(std::string_view host, std::string_view domain) {
     return vorn::equalsIgnoreCase(host.substr(rest), domain) && (rest == 0 || host[rest - 1] == '.');
 }
 
-vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name) {
-    Resolver resolver;
+vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name,
+                                                             const sockaddr_in* nameServer) {
+    Resolver resolver(nameServer);
     std::vector<unsigned char> answer(kAnswerBytes);
     const int size = resolver.query(name, answer);
     if (size < 0) return vorn::unexpected(name + ": " + ::hstrerror(resolver.error()));

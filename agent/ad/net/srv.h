@@ -2,6 +2,8 @@
 // Finding services by DNS: SRV records (RFC 2782).
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -31,8 +33,9 @@ std::vector<SrvRecord> orderRecords(std::vector<SrvRecord> records, const std::f
 // Whether a host's name is a domain's, or stands below it.
 bool liesBelow(std::string_view host, std::string_view domain);
 
-// Asks the host's name servers for the records of a name. The reason when there are none
-// or nobody answers; takes a few seconds at most.
-vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name);
+// Asks the host's name servers, or one at this address, for the records of a name. The
+// reason when there are none or nobody answers; takes a few seconds at most.
+vorn::Expected<std::vector<SrvRecord>, std::string> querySrv(const std::string& name,
+                                                             const sockaddr_in* nameServer = nullptr);
 
 }  // namespace vexagent

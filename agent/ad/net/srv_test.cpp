@@ -5,6 +5,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <functional>
+#include <thread>
+
+#include "vorn/descriptor.h"
 
 namespace vexagent {
 namespace {
@@ -178,6 +184,96 @@ TEST(SrvOrder, ThoseLeftAreDrawnAmongThemselves) {
     });
     EXPECT_THAT(targets(ordered), ElementsAre("b", "a", "c", "later"));
     EXPECT_TRUE(draws.empty());
+}
+
+// ------------------------------------------------------------------ a name server
+
+// One at a port of loopback that answers each question so, and ends with the test.
+class NameServer {
+  public:
+    using Answer = std::function<std::string(const std::string& question)>;
+
+    explicit NameServer(Answer answer)
+        : m_answer(std::move(answer)), m_socket(::socket(AF_INET, SOCK_DGRAM, 0)) {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof m_address;
+        EXPECT_EQ(::bind(m_socket.get(), reinterpret_cast<sockaddr*>(&m_address), size), 0);
+        EXPECT_EQ(::getsockname(m_socket.get(), reinterpret_cast<sockaddr*>(&m_address), &size), 0);
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~NameServer() {
+        // A message of no bytes is the last one.
+        ::sendto(m_socket.get(), "", 0, 0, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address);
+        m_thread.join();
+    }
+    NameServer(const NameServer&) = delete;
+    NameServer& operator=(const NameServer&) = delete;
+
+    const sockaddr_in* address() const { return &m_address; }
+
+  private:
+    void serve() {
+        for (;;) {
+            std::string text(512, '\0');
+            sockaddr_in client{};
+            socklen_t size = sizeof client;
+            const ssize_t got = ::recvfrom(m_socket.get(), text.data(), text.size(), 0,
+                                           reinterpret_cast<sockaddr*>(&client), &size);
+            if (got <= 0) return;
+            text.resize(static_cast<std::size_t>(got));
+            const std::string answer = m_answer(text);
+            ::sendto(m_socket.get(), answer.data(), answer.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&client), size);
+        }
+    }
+
+    const Answer m_answer;
+    const vorn::Descriptor m_socket;
+    sockaddr_in m_address{};
+    std::thread m_thread;
+};
+
+// The answer to a question: a code, how many records it says to hold, and their bytes.
+NameServer::Answer answering(char code, char count, const std::string& records) {
+    return [=](const std::string& question) {
+        const std::size_t end = question.find('\0', 12) + 5;  // behind its name, type and class
+        return question.substr(0, 2) + "\x81" + static_cast<char>(0x80 | code) + std::string("\0\1\0", 3) +
+               count + std::string(4, '\0') + question.substr(12, end - 12) + records;
+    };
+}
+
+// A record for the name that was asked for: priority 1, weight 2, port 389.
+std::string recordFor(const std::string& target) {
+    const std::string data = std::string("\0\1\0\2\x01\x85", 6) + target;
+    return std::string("\xc0\x0c\0\x21\0\1\0\0\0\x3c\0", 11) + static_cast<char>(data.size()) + data;
+}
+
+// The targets that a name server's answer gives, or the reason.
+std::vector<std::string> asked(const NameServer::Answer& answer) {
+    const NameServer server(answer);
+    const auto records = querySrv("_ldap._tcp.example.com", server.address());
+    return records ? targets(*records) : std::vector<std::string>{records.error()};
+}
+
+TEST(SrvQuery, GivesWhatANameServerKnows) {
+    const NameServer server(
+        answering(0, 2, recordFor(std::string("\3dc1\xc0\x17", 6)) + recordFor(std::string("\3dc2\0", 5))));
+    const auto records = querySrv("_ldap._tcp.example.com", server.address());
+    ASSERT_TRUE(records) << records.error();
+    EXPECT_THAT(targets(*records), ElementsAre("dc1.example.com", "dc2"));
+    EXPECT_EQ((*records)[0].priority, 1);
+    EXPECT_EQ((*records)[0].weight, 2);
+    EXPECT_EQ((*records)[0].port, 389);
+}
+
+TEST(SrvQuery, SaysWhyThereIsNothing) {
+    const std::string name = "_ldap._tcp.example.com: ";
+    EXPECT_THAT(asked(answering(3, 0, "")), ElementsAre(name + "Unknown host"));
+    EXPECT_THAT(asked(answering(0, 0, "")), ElementsAre(name + "No address associated with name"));
+    EXPECT_THAT(asked(answering(0, 1, recordFor(std::string(1, '\0')))),
+                ElementsAre(name + "no such service"));
+    EXPECT_THAT(asked(answering(0, 1, "x")), ElementsAre(name + "the name server's answer cannot be read"));
 }
 
 }  // namespace
