@@ -8,6 +8,8 @@ import uuid
 
 from ldap.dn import escape_dn_chars
 
+from crowd import crypt_hash
+
 DOMAIN = "DC=example,DC=com"
 ZONE = f"CN=Global,CN=Zones,{DOMAIN}"
 OTHER_ZONE = f"CN=Elsewhere,CN=Zones,{DOMAIN}"
@@ -20,10 +22,13 @@ CATEGORIES = {"user": "Person", "group": "Group", "computer": "Computer", "nisNe
 SUPERIORS = {"user": ["person", "organizationalPerson"], "computer": ["person", "organizationalPerson", "user"],
              "contact": ["person", "organizationalPerson"], "domainDNS": ["domain"]}
 
+# One of whom more is known: her password, as crypt(3) has it, is this one.
+ANN, PASSWORD = "Ann Lee", "welcome"
+
 # What people are called, and what they log in with. Those who would be one to a server
 # that prepares names are in different units: two entries cannot have one DN.
 ODD_NAMES = [
-    ("Ann Lee", "ann"), ("José Ångström", "jose"), ("Ｗａｎｄａ Ｗｉｄｅ", "wanda"), ("Οδυσσεύς", "odysseus"),
+    (ANN, "ann"), ("José Ångström", "jose"), ("Ｗａｎｄａ Ｗｉｄｅ", "wanda"), ("Οδυσσεύς", "odysseus"),
     ("Ann  Marie   Many", "annmarie"), (" Lead Blank", "lead"), ("Trail Blank ", "trail"), ("Par (en) thesis", "paren"),
     ("Star * Star", "star"), ("Back\\slash Bob", "bob"), ("Comma, Person", "comma"), ("Plus + Plus", "plus"),
     ('Quote "Q" Uote', "quote"), ("#hash first", "hash"), ("not #first", "hash2"), ("semi;colon", "semi"),
@@ -127,7 +132,7 @@ class Company:
         if number % 8 == 0 and self.people:
             extras.update(manager=self.people[0][0], memberOf=f"CN=not shown as it is,{DOMAIN}", co="Germany", info="not shown")
         if number % 9 == 0:
-            extras.update(userPassword="{CRYPT}$6$x", isCriticalSystemObject="TRUE", postalAddress="Street 1$City")
+            extras.update(userPassword="{CRYPT}" + crypt_hash(PASSWORD), isCriticalSystemObject="TRUE", postalAddress="Street 1$City")
         return extras
 
     def _edges(self):

@@ -6,6 +6,7 @@ import pytest
 import filters
 from ber import BOOLEAN, ENUMERATED, element, elements, number, octets, sequence
 from client import DONE, ENTRY, PAGED, Connection, Search, paging
+from company import PASSWORD
 
 SUFFIX = b"dc=example,dc=com"
 PEOPLE = ("=", "objectClass", b"inetOrgPerson")
@@ -195,6 +196,7 @@ def attributes_of(connection, *names, types_only=False):
 def test_the_attributes_that_are_asked_for(connection):
     user, operational = (dict(attributes_of(connection, name)) for name in ("*", "+"))
     assert dict(attributes_of(connection)) == user and not user.keys() & operational.keys()
+    assert not user.keys() & {b"memberUid"} and b"memberOf" in dict(attributes_of(connection, "memberof"))
     assert dict(attributes_of(connection, "*", "+")) == {**user, **operational}
     assert attributes_of(connection, "1.1") == [] and attributes_of(connection, "noSuchAttribute") == []
     assert attributes_of(connection, "CN", "cn", "commonName", "2.5.4.3", "1.1") == [(b"cn", [b"Ann Lee"])]
@@ -254,6 +256,7 @@ WRITES = {
 @pytest.mark.parametrize("operation", WRITES)
 def test_changes_are_refused_with_the_place_to_make_them(gateway, operation):
     connection = Connection(gateway.port)
+    assert bind(connection, b"cn=Ann Lee," + ENGINEERING, PASSWORD.encode()) == SUCCESS  # of nobody else does slapd take one
     connection.send(WRITES[operation])
     code, _, text = outcome(connection.read()[1])
     connection.close()
