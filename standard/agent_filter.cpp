@@ -15,6 +15,11 @@ bool mayDiffer(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r') || static_cast<unsigned char>(c) >= 0x80;
 }
 
+// The first byte, in UTF-8, of a mark that makes one character with the letter before it.
+bool beginsMark(char c) {
+    return c == '\xcc' || c == '\xcd';
+}
+
 std::string item(std::string_view name, std::string_view value) {
     std::string text = "(";
     text.append(name).append("=").append(value).append(")");
@@ -87,8 +92,9 @@ std::string AgentFilter::textWith(std::string_view condition) const {
 }
 
 void TextPattern::append(std::string_view value) {
-    for (const char c : value) {
-        if (mayDiffer(c))
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const char c = value[i];
+        if (mayDiffer(c) || (i + 1 < value.size() && beginsMark(value[i + 1])))
             appendAnything();
         else
             appendCharacter(m_case == Case::Folded ? vorn::lower(c) : c);

@@ -122,4 +122,12 @@ TEST(ATextPattern, TellsWhetherItHasLettersOfEitherCase) {
 }
 
 }  // namespace
+// "\xc4\xb0" (a capital i with its dot) folds to an "i" and a mark: the directory may have
+// either.
+TEST(TextPattern, LeavesALetterThatAMarkFollowsToTheCheck) {
+    TextPattern pattern(TextPattern::Case::Folded);
+    pattern.append("ri\xcc\x87za");
+    EXPECT_EQ(pattern.of("cn").text(), "(cn=r*za)");
+}
+
 }  // namespace standard

@@ -65,7 +65,8 @@ std::optional<QuestionRefusal> EntrySearch::prepare() {
     auto filter = questionOf(m_wanted.filter, kinds(), membershipResolver());
     if (!filter) return filter.error();
     const std::string base(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
-    if (!filter->empty()) m_question = placedQuestion(*filter, base, m_wanted.scope, kinds());
+    m_filter = *filter;
+    if (!m_filter.empty()) m_question = placedQuestion(m_filter, base, m_wanted.scope, kinds());
     return std::nullopt;
 }
 
@@ -75,21 +76,12 @@ vexCode EntrySearch::open() {
     return code != VEX_OK || m_objects.hasBase() ? code : openElsewhere();
 }
 
-// The directory does not know the base. It may know it by another name.
+// Where the directory has what is shown as the base by another name, if it has it.
 vexCode EntrySearch::openElsewhere() {
-    if (m_wanted.scope == LDAP_SCOPE_SUBTREE) {
-        const std::string shown(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
-        m_question = placedQuestion(m_question.filter, shown, LDAP_SCOPE_BASE, kinds());
-        if (m_question.base != shown) {
-            const vexCode code = m_objects.open(m_question);
-            if (code != VEX_OK || m_objects.hasBase()) return code;
-        }
-    }
-    if (isAscii(m_question.base)) return VEX_OK;
     vexCode code = VEX_OK;
-    const std::string real = realDn(m_question.base, kinds(), &code);
-    if (code != VEX_OK || real.empty() || real == m_question.base) return code;
-    m_question.base = real;
+    const std::string real = realDn({m_wanted.dn.bv_val, m_wanted.dn.bv_len}, kinds(), &code);
+    if (code != VEX_OK || real.empty()) return code;
+    m_question = {m_filter, real, m_wanted.scope};
     return m_objects.open(m_question);
 }
 
@@ -143,21 +135,33 @@ bool EntrySearch::isWanted(Entry* entry) const {
     return m_wanted.filter == nullptr || test_filter(m_op, entry, m_wanted.filter) == LDAP_COMPARE_TRUE;
 }
 
+namespace {
+
+// The one entry of a search that was opened, which is over then; *code becomes VEX_OK, or why
+// it could not be told.
+SharedEntry onlyEntry(EntrySearch* search, vexCode* code) {
+    SharedEntry entry = search->next(code);
+    while (entry != nullptr) {
+        vexCode end = VEX_OK;
+        if (search->next(&end) == nullptr) break;
+    }
+    if (*code == VEX_END_OF_RESULTS) *code = VEX_OK;
+    search->finish();
+    return entry;
+}
+
+}  // namespace
+
 SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const Extras& extras,
                       vexCode* code) {
     const Wanted wanted{dn, ndn, LDAP_SCOPE_BASE, nullptr, extras};
     EntrySearch search(op, wanted);
     if (search.prepare()) return nullptr;
-    *code = search.open();
-    if (*code != VEX_OK) return nullptr;
-    SharedEntry entry = search.next(code);
-    while (entry != nullptr) {
-        vexCode end = VEX_OK;
-        if (search.next(&end) == nullptr) break;
-    }
-    if (*code == VEX_END_OF_RESULTS) *code = VEX_OK;
-    search.finish();
-    return entry;
+    if ((*code = search.open()) != VEX_OK) return nullptr;
+    SharedEntry entry = onlyEntry(&search, code);
+    if (entry != nullptr || *code != VEX_OK) return entry;
+    if ((*code = search.openElsewhere()) != VEX_OK) return nullptr;
+    return onlyEntry(&search, code);
 }
 
 SharedEntry findMatched(Operation* op, berval dn, berval ndn) {

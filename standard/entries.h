@@ -43,6 +43,10 @@ class EntrySearch {
     // Writes the agent's question. Nothing, or why the filter is refused.
     std::optional<QuestionRefusal> prepare();
 
+    // In place of open(), and after it: asks where the directory has the base by another name,
+    // if it has it.
+    vexCode openElsewhere();
+
     // Asks it. VEX_OK, or the agent's code.
     vexCode open();
     // Goes on with what an earlier request has opened; false if that was another question.
@@ -59,13 +63,13 @@ class EntrySearch {
     const SharedHandle& handle() const { return m_objects.handle(); }
 
   private:
-    vexCode openElsewhere();
     SharedEntry entryOf(const FoundObject& found, vexCode* code);
     vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
     bool isWanted(Entry* entry) const;
 
     Operation* const m_op;
     const Wanted& m_wanted;
+    std::string m_filter;      // the agent's
     AgentQuestion m_question;  // an empty filter: nothing can match
     ObjectSearch m_objects;
 };

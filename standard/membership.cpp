@@ -59,23 +59,34 @@ vexCode forEach(Operation* op, const Kind& kind, const std::string& filter,
     return VEX_OK;
 }
 
-// The object that is shown so, if it is of this kind; *known: whether that could be told.
-std::optional<AgentObject> shownAs(const Kind& kind, std::string_view ndn, bool* known) {
-    const std::string dn(ndn);
-    const AgentQuestion question = placedQuestion(kind.condition, dn, LDAP_SCOPE_BASE, usedKinds());
+// The object that is shown so among those of a question, if it is of this kind.
+vexCode findShown(const Kind& kind, const AgentQuestion& question, const std::string& ndn,
+                  std::optional<AgentObject>* result) {
     ObjectSearch search;
-    *known = search.open(question) == VEX_OK;
-    if (!*known) return std::nullopt;
-    std::optional<AgentObject> result;
+    if (const vexCode code = search.open(question); code != VEX_OK) return code;
     FoundObject found;
     vexCode code = VEX_OK;
     while ((code = search.next(&found)) == VEX_OK) {
         AgentObject object(search.session(), found.object.get());
         if (kindOf(usedKinds(), object) != &kind) continue;
-        if (normalDn(shownDn(kind, object)) == dn) result = std::move(object);
+        if (normalDn(shownDn(kind, object)) == ndn) *result = std::move(object);
     }
-    *known = code == VEX_END_OF_RESULTS;
-    if (*known) search.finish();
+    if (code != VEX_END_OF_RESULTS) return code;
+    search.finish();
+    return VEX_OK;
+}
+
+// The object that is shown so, if it is of this kind; *known: whether that could be told.
+std::optional<AgentObject> shownAs(const Kind& kind, std::string_view ndn, bool* known) {
+    const std::string dn(ndn);
+    std::optional<AgentObject> result;
+    vexCode code =
+        findShown(kind, placedQuestion(kind.condition, dn, LDAP_SCOPE_BASE, usedKinds()), dn, &result);
+    std::string real;
+    if (code == VEX_OK && !result) real = realDn(dn, usedKinds(), &code);
+    if (code == VEX_OK && !real.empty())
+        code = findShown(kind, {kind.condition, real, LDAP_SCOPE_BASE}, dn, &result);
+    *known = code == VEX_OK;
     return result;
 }
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "standard/question.h"
+#include "standard/agent_filter.h"
 #include "standard/shown_entry.h"
 #include "standard/slapd_entry.h"
 #include "vorn/dn.h"
@@ -17,16 +17,16 @@
 namespace standard {
 namespace {
 
+constexpr int kMostLevelsUp = 64;
+
 void addEquality(const std::string& attribute, const std::string& value, std::string* filter) {
     filter->append("(").append(attribute).append("=");
     vorn::appendFilterValue(filter, value);
     filter->append(")");
 }
 
-// Objects that are shown with this value as their "cn=", or really have it. Directories have
-// ideas of their own which letters are the same outside of ASCII: then any may be.
+// Objects that are shown with this value as their "cn=", or really have it.
 std::string namedSo(const std::string& value, const Kinds& kinds) {
-    if (!isAscii(value)) return "";
     std::vector<std::string> attributes = {"cn"};
     for (const Kind& kind : kinds) {
         if (!kind.naming.empty() &&
@@ -36,6 +36,57 @@ std::string namedSo(const std::string& value, const Kinds& kinds) {
     std::string filter = "(|";
     for (const std::string& attribute : attributes) addEquality(attribute, value, &filter);
     return filter + ")";
+}
+
+bool hasOneSpelling(const std::string& dn) {
+    return std::all_of(dn.begin(), dn.end(), [](char c) { return c > ' ' && c < 0x7f && c != '\\'; });
+}
+
+// At least the objects whose shown name begins like the DN; empty where several values are
+// joined.
+std::string filterOfName(const std::string& dn, const Kinds& kinds) {
+    const auto rdn = vorn::DN::firstRdn(dn);
+    if (rdn.size() != 1) return "";
+    TextPattern value(TextPattern::Case::Folded);
+    value.append(rdn[0].second);
+    std::vector<AgentFilter> names = {value.of(rdn[0].first)};
+    for (const Kind& kind : kinds) {
+        if (!kind.naming.empty() && vorn::equalsIgnoreCase(rdn[0].first, "cn"))
+            names.push_back(value.of(kind.naming));
+    }
+    return AgentFilter::combine(AgentFilter::Operator::Or, names).text();
+}
+
+// The real DN of the object directly below a real one that is shown so; or empty.
+std::string childOf(const std::string& place, const std::string& shown, const Kinds& kinds, vexCode* code) {
+    const std::string filter = filterOfName(shown, kinds);
+    if (filter.empty()) return "";
+    ObjectSearch search;
+    *code = search.open({filter, place, LDAP_SCOPE_ONELEVEL});
+    if (*code != VEX_OK) return "";
+    const std::string wanted = normalDn(shown);
+    std::string real;
+    FoundObject next;
+    while ((*code = search.next(&next)) == VEX_OK) {
+        const AgentObject object(search.session(), next.object.get());
+        const Kind* kind = kindOf(kinds, object);
+        if (kind != nullptr && normalDn(shownDn(*kind, object)) == wanted)
+            real = object.first(AD_OBJECT_DN_TEXT);
+    }
+    if (*code != VEX_END_OF_RESULTS) return "";
+    search.finish();
+    *code = VEX_OK;
+    return real;
+}
+
+// The real DN of a container: one level after the other, from the first one that can only be
+// written in one way.
+std::string realPlace(const std::string& shown, const Kinds& kinds, int levels, vexCode* code) {
+    const std::string parent = vorn::DN::parent(shown);
+    if (hasOneSpelling(shown) || parent.empty()) return shown;
+    if (levels == 0) return "";
+    const std::string place = realPlace(parent, kinds, levels - 1, code);
+    return place.empty() ? "" : childOf(place, shown, kinds, code);
 }
 
 }  // namespace
@@ -53,37 +104,16 @@ AgentQuestion placedQuestion(const std::string& filter, const std::string& base,
                               vorn::equalsIgnoreCase(rdn[0].first, "cn");
     const std::string parent = mayBeRenamed ? vorn::DN::parent(base) : "";
     if (parent.empty()) return {filter, base, scope};
-    const std::string named = namedSo(rdn[0].second, kinds);
-    return {named.empty() ? filter : "(&" + filter + named + ")", parent, LDAP_SCOPE_ONELEVEL};
+    return {"(&" + filter + namedSo(rdn[0].second, kinds) + ")", parent, LDAP_SCOPE_ONELEVEL};
 }
 
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<signed char>(c) >= 0; });
-}
-
-// One level after the other, from the first one that the directory cannot mistake.
 std::string realDn(const std::string& shown, const Kinds& kinds, vexCode* code) {
     *code = VEX_OK;
+    const bool mayBeRenamed = someAreRenamed(kinds) && vorn::startsWithIgnoreCase(shown, "cn=");
+    if (hasOneSpelling(shown) && !mayBeRenamed) return "";
     const std::string parent = vorn::DN::parent(shown);
-    if (parent.empty() || isAscii(shown)) return shown;
-    const std::string place = realDn(parent, kinds, code);
-    if (*code != VEX_OK || place.empty()) return "";
-    ObjectSearch search;
-    *code = search.open({*questionOf(nullptr, kinds, nullptr), place, LDAP_SCOPE_ONELEVEL});
-    if (*code != VEX_OK) return "";
-    const std::string wanted = normalDn(shown);
-    std::string found;
-    FoundObject next;
-    while ((*code = search.next(&next)) == VEX_OK) {
-        const AgentObject object(search.session(), next.object.get());
-        const Kind* kind = kindOf(kinds, object);
-        if (kind != nullptr && normalDn(shownDn(*kind, object)) == wanted)
-            found = object.first(AD_OBJECT_DN_TEXT);
-    }
-    if (*code != VEX_END_OF_RESULTS) return "";
-    search.finish();
-    *code = VEX_OK;
-    return found;
+    const std::string place = hasOneSpelling(parent) ? parent : realPlace(parent, kinds, kMostLevelsUp, code);
+    return place.empty() ? "" : childOf(place, shown, kinds, code);
 }
 
 }  // namespace standard

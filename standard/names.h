@@ -3,7 +3,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "standard/kinds.h"
 #include "standard/object_search.h"
@@ -20,12 +19,11 @@ bool someAreRenamed(const Kinds& kinds);
 AgentQuestion placedQuestion(const std::string& filter, const std::string& base, int scope,
                              const Kinds& kinds);
 
-// The directory's own spelling of a shown DN, for one whose letters outside of ASCII it
-// does not recognize: composed and decomposed ones are the same to clients. Empty if there is
-// no such entry; *code: VEX_OK, or why it could not be told.
+// The real DN of what is shown by a name that the directory itself does not know: it is
+// renamed, or the name is written in another form. Letters composed and decomposed, and one
+// blank and several, are the same to clients. Empty if there is no such object; *code: VEX_OK,
+// or why it could not be told. Asks the agent once for each level that may be written
+// otherwise, so after the name itself was asked for.
 std::string realDn(const std::string& shown, const Kinds& kinds, vexCode* code);
-
-// Whether the text has no letters outside of ASCII.
-bool isAscii(std::string_view text);
 
 }  // namespace standard

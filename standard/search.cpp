@@ -82,6 +82,7 @@ class Search {
     bool resumeOrOpen();
     bool deliver();
     void checkBase();
+    void deliverBase(SharedEntry base);
     bool fail(Failure::In in, vexCode code) {
         return m_reply.fail({m_entries.session(), "vexLdapSearch ", code, in});
     }
@@ -156,14 +157,24 @@ bool Search::deliver() {
 void Search::checkBase() {
     if (m_found || m_resumed) return;
     vexCode code = VEX_OK;
-    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, {}, &code);
+    SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, m_wanted.extras, &code);
     if (code != VEX_OK) {
         fail(Failure::In::Opening, code);
         return;
     }
-    if (base != nullptr) return;
+    if (base != nullptr) {
+        deliverBase(std::move(base));
+        return;
+    }
     m_matched = findMatched(m_op, m_op->o_req_dn, m_op->o_req_ndn);
     m_policy.noSuchBase(m_matched.get());
+}
+
+// It may have been found by another name than the one that the search asked for.
+void Search::deliverBase(SharedEntry base) {
+    const bool wanted = m_wanted.scope == LDAP_SCOPE_BASE &&
+                        test_filter(m_op, base.get(), m_wanted.filter) == LDAP_COMPARE_TRUE;
+    if (wanted && m_reply.wantsMore()) m_reply.deliver(std::move(base));
 }
 
 }  // namespace
