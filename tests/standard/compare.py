@@ -43,10 +43,10 @@ def short(values):
 
 
 class Comparison:
-    """peer and other are Connections; what the peer says is right."""
+    """peer and other are Connections; what the peer says is right. entries: all that it has."""
 
-    def __init__(self, peer, other, dn_names):
-        self.peer, self.other, self.dn_names = peer, other, dn_names
+    def __init__(self, peer, other, dn_names, entries=()):
+        self.peer, self.other, self.dn_names, self.entries = peer, other, dn_names, dict(entries)
         self.asked, self.agreed = collections.Counter(), collections.Counter()
         self.known = collections.Counter()
         self.found = []  # [(question, the peer's answer, the other's, [Difference])] that nobody knows
@@ -61,9 +61,9 @@ class Comparison:
         if not differences:
             self.agreed[question.kind] += 1
             return []
-        kinds = [next((one for one in KNOWN if one.explains(question, difference)), None) for difference in differences]
-        if all(kinds):
-            self.known.update({kind.name for kind in kinds})
+        kind = next((one for one in KNOWN if one.explains(question, right, answer, self.entries)), None)
+        if kind is not None:
+            self.known[kind.name] += 1
             return []
         self.found.append((question, right, answer, differences))
         return differences
@@ -136,8 +136,9 @@ class Comparison:
 
 def ask_both(peer, other, dn_names, count, seed=SEED):
     """Asks two servers so many questions about what the first one holds."""
-    comparison = Comparison(Connection(peer.port), Connection(other.port), dn_names)
-    for question in itertools.islice(Questions(dump(peer), seed), count):
+    entries = dump(peer)
+    comparison = Comparison(Connection(peer.port), Connection(other.port), dn_names, entries)
+    for question in itertools.islice(Questions(entries, seed), count):
         comparison.ask(question)
         if len(comparison.found) == MOST_FOUND:
             break

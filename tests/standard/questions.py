@@ -3,6 +3,7 @@
 what they might ask, and what nobody should. Names and values come from the entries, so
 that there is something to find."""
 import random
+import re
 import string
 import unicodedata
 
@@ -132,8 +133,10 @@ class Questions:
             return dn.replace(",ou=", " ,  OU=").replace(",dc=", ", Dc = ")
         if kind < 0.8:
             return dn.replace("cn=", "commonName=", 1).replace("ou=", "2.5.4.11=")
-        if kind < 0.9:
+        if kind < 0.85:
             return unicodedata.normalize(draw.choice(("NFD", "NFKC")), dn)
+        if kind < 0.9:
+            return draw.choice((re.sub(" +", " ", dn), dn.replace(" ", "  ")))
         rdn, *rest = str2dn(dn)
         spelled = "+".join(f"{name}=" + "".join(f"\\{byte:02x}" for byte in value.encode()) for name, value, _ in rdn)
         return ",".join([spelled, dn2str(rest)] if rest else [spelled])
