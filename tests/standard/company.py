@@ -114,7 +114,8 @@ class Company:
         """Some of them, so that presence means something."""
         draw, extras = self.random, {}
         if number % 2:
-            extras.update(uid=login, givenName=login.capitalize(), department=draw.choice(["R&D", "Größe", "IT (Ops)", "a*b", "IT"]))
+            extras.update(uid=login, givenName=login.capitalize(), streetAddress=f"{number} Main Street",
+                          department=draw.choice(["R&D", "Größe", "IT (Ops)", "a*b", "IT"]))
         if number % 3 == 0:
             extras.update(shadowLastChange=20500 + number, shadowMin=0, shadowMax=draw.choice([90, 180, 99999]),
                           shadowWarning=14, shadowInactive=-1)

@@ -74,9 +74,8 @@ class Schema:
         self.known = ldap.schema.SubSchema(entry)
 
     def attribute(self, name):
-        """The type's first name and all its names, or nothing."""
-        kind = self.known.get_obj(ldap.schema.AttributeType, name)
-        return (kind.names[0], {one.lower() for one in kind.names}) if kind else None
+        """The first of the type's names."""
+        return self.known.get_obj(ldap.schema.AttributeType, name).names[0]
 
     def chain(self, name):
         """The classes down to the one of this name, the most general one first."""
@@ -89,10 +88,10 @@ class Schema:
         return [*above, one]
 
     def needs(self, name):
-        return {self.attribute(need)[0] for one in self.chain(name) for need in one.must} - {"objectClass"}
+        return {self.attribute(need) for one in self.chain(name) for need in one.must} - {"objectClass"}
 
     def allows(self, name):
-        return {self.attribute(one)[0] for part in self.chain(name) for one in (*part.must, *part.may)}
+        return {self.attribute(one) for part in self.chain(name) for one in (*part.must, *part.may)}
 
     def structural(self, name):
         return self.chain(name)[-1].kind == 0
@@ -125,7 +124,7 @@ class Map:
         for key, value in lines.items():
             name, _, attribute = key.partition(".")
             if attribute and name.lower() in kind_of:
-                sources = kind_of[name.lower()].sources.setdefault(schema.attribute(attribute)[0], [])
+                sources = kind_of[name.lower()].sources.setdefault(schema.attribute(attribute), [])
                 sources += [value] if value else []
 
 
@@ -245,9 +244,9 @@ class Judge:
             return computed[name]()
         if name.lower() in NEVER | {"objectclass"}:
             return []
-        sources = kind.sources.get(name) if name in kind.sources else self.schema.attribute(name)[1]
+        sources = kind.sources.get(name, [name])
         found = []
-        for source in sorted(sources):
+        for source in sources:
             found += [value for value in thing.attributes.get(source.lower(), ()) if value not in found]
         if name == "sn" and kind.category == "user" and not found:
             found = self.values(kind, thing, "cn")[:1]
@@ -283,7 +282,7 @@ class Judge:
 
     def _add_naming_value(self, dn, entry):
         name, value, _ = str2dn(dn)[0][0]
-        values = entry.setdefault(self.schema.attribute(name)[0], [])
+        values = entry.setdefault(self.schema.attribute(name), [])
         if value.lower() not in (one.decode().lower() for one in values):
             values.append(value.encode())
 

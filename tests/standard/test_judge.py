@@ -31,6 +31,7 @@ def test_a_person_has_one_entry_with_all_its_classes(by_dn):
                                   b"adObject"]
     assert (ann["uid"], ann["homeDirectory"], ann["sAMAccountName"]) == ([b"ann"], [b"/home/ann"], [b"ann"])
     assert "userPassword" not in ann and "info" not in ann
+    assert by_dn[f"CN=José Ångström,OU=R&D\\, Labs,{PEOPLE}"]["street"] == [b"1 Main Street"]
 
 
 def test_a_person_without_numbers_is_no_account(by_dn):
