@@ -110,6 +110,14 @@ TEST_F(Client, SettingsThatAreRewrittenCountWhenTheyAreReadAgain) {
     EXPECT_NE(openSession(), nullptr);
 }
 
+TEST(ATimeout, IsOneSecondToADayOrAsGoodAsNotSet) {
+    for (const int set : {-1, 0, 1, 2, 86'400, 86'401}) {
+        const ScriptedAgent agent(set);
+        const int counts = set >= 1 && set <= 86'400 ? set : VEX_DEADLINE_SECONDS;
+        EXPECT_EQ(vex::configuredEndpoint().timeout, std::chrono::seconds(counts)) << set;
+    }
+}
+
 // In a process of its own, which has read none yet.
 TEST(ClientDeath, NeedsNoSettings) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -3,13 +3,17 @@
 #include "vex/connection.h"
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <string>
+#include <thread>
 
 #include "vex/pool.h"
+#include "vex/scripted_agent_testing.h"
 
 namespace vextest {
 namespace {
@@ -49,6 +53,36 @@ TEST(Connection, WithLessThanAWholeCallsTimeWaitsForNoMoreThanThat) {
     const vorn::Deadline little(vorn::systemSteadyClock(), Milliseconds(30));
     EXPECT_TRUE(connection.receive(little).empty());
     EXPECT_TRUE(little.passed());
+}
+
+vorn::Deadline soon() {
+    return {vorn::systemSteadyClock(), Milliseconds(20'000)};
+}
+
+TEST(Connection, SendsWhateverFailedBefore) {
+    Pair pair;
+    Connection connection(kEndpoint, pair.ends[0]);
+    const std::array<std::uint8_t, 8> bytes{};
+    for (const int before : {0, EPIPE, EAGAIN, EINTR}) {
+        errno = before;
+        EXPECT_EQ(connection.send(bytes, soon()), vex::Sent::Whole) << before;
+    }
+}
+
+// The first byte of the length is there, and the rest of it comes when that has been read.
+TEST(Connection, WaitsForTheWholeLength) {
+    Pair pair;
+    Connection connection(kEndpoint, pair.ends[0]);
+    const std::string shorter = frame(std::string(8, 'x')), longer = frame(std::string(256, 'y'));
+    ASSERT_EQ(::send(pair.ends[1], shorter.data(), shorter.size(), 0), static_cast<ssize_t>(shorter.size()));
+    EXPECT_EQ(connection.receive(soon()).size(), 8U);
+    ASSERT_EQ(::send(pair.ends[1], longer.data(), 1, 0), 1);
+    std::thread rest([&] {
+        for (int unread = 1; unread != 0; std::this_thread::yield()) ::ioctl(pair.ends[0], FIONREAD, &unread);
+        ::send(pair.ends[1], longer.data() + 1, longer.size() - 1, 0);
+    });
+    EXPECT_EQ(connection.receive(soon()).size(), 256U);
+    rest.join();
 }
 
 TEST(Connection, SoManyAreKeptAndNoMore) {
