@@ -97,7 +97,7 @@ soak: build-$(PRESET)
 # A part of it is in `make test`.
 QUESTIONS ?= 100000
 differential: build-$(PRESET)
-	@ZX_BUILD=build/$(PRESET) ZX_QUESTIONS=$(QUESTIONS) $(PYTHON) -m pytest -q -rP tests/standard/test_differential.py tests/standard/test_differential_hosts.py
+	@ZX_BUILD=build/$(PRESET) ZX_QUESTIONS=$(QUESTIONS) $(PYTHON) -m pytest -q -rP tests/standard/test_differential.py tests/standard/test_differential_hosts.py tests/standard/test_differential_cached.py
 
 # A small quarantine keeps the address sanitizer in the processor's caches; file
 # descriptor 2 is what the code under test complains on, and is closed to it.

@@ -51,11 +51,16 @@ def peer(shared_world, judged):
 
 
 @pytest.fixture(scope="module")
-def gateway(shared_world, map_file):
+def agent(shared_world):
     file = shared_world.folder / "company.ldif"
     file.write_text(company.ldif(), encoding="utf-8")
-    agent = shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE, unix__id__min=1000).start()
-    directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES)
+    return shared_world.agent(embedded__ldif=file, zone__dn=company.ZONE, unix__id__min=1000).start()
+
+
+@pytest.fixture(scope="module")
+def gateway(request, shared_world, agent, map_file):
+    """With the directives that a file of tests adds: its MORE."""
+    directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES, *getattr(request.module, "MORE", ()))
     return Standard(shared_world.folder, shared_world.running_servers, env=agent.env, directives=directives).start()
 
 
