@@ -187,6 +187,24 @@ def test_what_cannot_be_said_of_an_entry_is_neither_true_nor_false(connection, t
     assert (len(found), code) == (count, SUCCESS)
 
 
+def nested(levels):
+    tree = ("=", "uid", b"ann")
+    for _ in range(levels):
+        tree = ("not", tree)
+    return tree
+
+
+@pytest.mark.parametrize("tree, codes", [
+    (nested(62), {SUCCESS}), (nested(200), {SUCCESS, UNWILLING}), (("or", [("=", "uid", b"ann")] * 3000), {SUCCESS}),
+    (("or", [("=", "uid", f"n{number}".encode()) for number in range(9000)]), {SUCCESS, UNWILLING}),
+    (("=", "description", b"(" * 100000), {SUCCESS}), (("sub", "cn", None, [b"*"] * 20000, None), {SUCCESS}),
+    (("=", "member", b"cn=\xc3\xa9," * 500 + SUFFIX), {SUCCESS})])
+def test_a_filter_that_is_a_burden_is_answered_or_refused(server, connection, tree, codes):
+    _, (code, *_), _ = searched(connection, Search(SUFFIX, 2, tree, ("1.1",)))
+    assert code in codes
+    assert server.running() and searched(connection, EVERYBODY)[0]
+
+
 def attributes_of(connection, *names, types_only=False):
     [body], *_ = searched(connection, Search(b"cn=Ann Lee," + ENGINEERING, 0, ("present", "objectClass"), names, types_only))
     return [(name, [value for _, value in elements(values)])
