@@ -112,14 +112,14 @@ def enumeration(key, title, contenders, clients):
 
 MEASURES = (
     lookup("lookup", "look-up of a person, what getent asks",
-           ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"), **POSIX, **BUSY),
-    lookup("lookup_all", "look-up of a person, all attributes", ("mdb", "pcache", "gateway"), **BUSY),
+           ("null", "mdb", "pcache", "gateway", "gateway_standard", "gateway_uncached", "proxy"), **POSIX, **BUSY),
+    lookup("lookup_all", "look-up of a person, all attributes", ("mdb", "pcache", "gateway", "gateway_standard"), **BUSY),
     lookup("latency", "look-up, one at a time", ("null", "mdb", "pcache", "gateway", "gateway_uncached", "proxy"),
            **POSIX, keys="some"),
-    enumeration("enum", "everybody, 1 client", ("mdb", "gateway"), 1),
+    enumeration("enum", "everybody, 1 client", ("mdb", "gateway", "gateway_standard"), 1),
     enumeration("enum_2", "everybody, 2 clients", ("mdb", "gateway"), 2),
     enumeration("enum_uncached", "everybody, not cached", ("gateway_uncached", "proxy"), 1),
-    Measure("paged", "everybody in pages of 500", "paged", ("mdb", "gateway"),
+    Measure("paged", "everybody in pages of 500", "paged", ("mdb", "gateway", "gateway_standard"),
             {"filter": EVERYBODY_FILTER, **POSIX, **AGAIN, "page-size": 500}, unit="entries"),
     Measure("bind", "bind again", "bind", ("mdb", "gateway"),
             {"keys": "some", **AGAIN, "connections": 32}, rounds=3),

@@ -35,7 +35,7 @@ SOME = 500  # people who bind again and again
 SMALL, LARGE = 1_000, 100_000
 DOMAIN = "domain"  # for --only
 CONTENDERS = (servers.Null, servers.Mdb, servers.MdbCrypt, servers.Upstream, servers.Proxy, servers.CachingProxy,
-              servers.Gateway, servers.UncachedGateway)
+              servers.Gateway, servers.StandardGateway, servers.UncachedGateway)
 
 
 class Lab:

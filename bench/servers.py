@@ -241,3 +241,13 @@ class Gateway(Contender):
 
 class UncachedGateway(Gateway):
     key, title, cached = "gateway_uncached", "zanthedx, no cache", False
+
+
+class StandardGateway(Gateway):
+    """The same in the standard mode, where one object is one entry."""
+
+    key, title = "gateway_standard", "zanthedx, cached, standard mode"
+
+    def parts(self):
+        parts = super().parts()
+        return {**parts, "directives": [*parts["directives"], "dirgate.ldap.standard true"]}

@@ -61,32 +61,60 @@ const Kinds& usedKinds() {
     return kinds();
 }
 
-std::optional<QuestionRefusal> EntrySearch::prepare() {
-    auto filter = questionOf(m_wanted.filter, kinds(), membershipResolver());
-    if (!filter) return filter.error();
-    const std::string base(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
-    m_filter = *filter;
-    if (!m_filter.empty()) m_question = placedQuestion(m_filter, base, m_wanted.scope, kinds());
-    return std::nullopt;
+// What the client asks, in slapd's text: a cached answer costs no question in the agent's
+// terms. Values are in slapd's normal form, so that equal filters are equal texts. What begins
+// it is no filter: these keys are apart from others.
+std::string EntrySearch::key() const {
+    std::string key = "=";
+    if (m_wanted.filter != nullptr) {
+        berval text{};
+        filter2bv_x(m_op, m_wanted.filter, &text);
+        key.append(text.bv_val, text.bv_len);
+        m_op->o_tmpfree(text.bv_val, m_op->o_tmpmemctx);
+    }
+    key.append(std::to_string(m_wanted.scope));
+    key.append(m_wanted.ndn.bv_val, m_wanted.ndn.bv_len);
+    // A longer one is not cached, and an open page keeps no more of it.
+    key.resize(std::min(key.size(), SearchCacheManager::kMaxKeyBytes + 1));
+    return key;
 }
 
 vexCode EntrySearch::open() {
-    if (m_question.filter.empty()) return VEX_OK;
-    const vexCode code = m_objects.open(m_question);
+    bool cached = false;
+    const vexCode code = m_objects.begin(key(), &cached);
+    return code != VEX_OK || cached ? code : ask();
+}
+
+vexCode EntrySearch::ask() {
+    if (!makeFilter()) return kFilterRefused;
+    if (m_filter->empty()) return VEX_OK;
+    const std::string base(m_wanted.dn.bv_val, m_wanted.dn.bv_len);
+    const vexCode code = m_objects.ask(placedQuestion(*m_filter, base, m_wanted.scope, kinds()));
     return code != VEX_OK || m_objects.hasBase() ? code : openElsewhere();
 }
 
-// Where the directory has what is shown as the base by another name, if it has it.
+bool EntrySearch::makeFilter() {
+    if (m_filter) return true;
+    auto filter = questionOf(m_wanted.filter, kinds(), membershipResolver());
+    if (filter) m_filter = std::move(*filter);
+    return m_filter.has_value();
+}
+
 vexCode EntrySearch::openElsewhere() {
+    if (!makeFilter()) return kFilterRefused;
     vexCode code = VEX_OK;
     const std::string real = realDn({m_wanted.dn.bv_val, m_wanted.dn.bv_len}, kinds(), &code);
     if (code != VEX_OK || real.empty()) return code;
-    m_question = {m_filter, real, m_wanted.scope};
-    return m_objects.open(m_question);
+    const AgentQuestion question{*m_filter, real, m_wanted.scope};
+    // Under the client's key stands by now that nothing was found, if the base exists.
+    if (m_objects.hasBase()) return m_objects.open(question);
+    bool cached = false;
+    code = m_objects.begin(key(), &cached);
+    return code != VEX_OK || cached ? code : m_objects.ask(question);
 }
 
 bool EntrySearch::resume(SharedHandle handle) {
-    return m_objects.resume(m_question, std::move(handle));
+    return m_objects.resume(key(), std::move(handle));
 }
 
 SharedEntry EntrySearch::next(vexCode* code) {
@@ -156,7 +184,6 @@ SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const 
                       vexCode* code) {
     const Wanted wanted{dn, ndn, LDAP_SCOPE_BASE, nullptr, extras};
     EntrySearch search(op, wanted);
-    if (search.prepare()) return nullptr;
     if ((*code = search.open()) != VEX_OK) return nullptr;
     SharedEntry entry = onlyEntry(&search, code);
     if (entry != nullptr || *code != VEX_OK) return entry;

@@ -20,6 +20,9 @@ namespace standard {
 void useKinds(Kinds kinds);
 const Kinds& usedKinds();
 
+// A filter that has too many parts. libvex has no such code.
+inline constexpr vexCode kFilterRefused = -2;
+
 // What of an entry costs questions of its own, and is made only where it is wanted.
 struct Extras {
     bool members = false;   // a group's member
@@ -40,16 +43,11 @@ class EntrySearch {
   public:
     EntrySearch(Operation* op, const Wanted& wanted) : m_op(op), m_wanted(wanted) {}
 
-    // Writes the agent's question. Nothing, or why the filter is refused.
-    std::optional<QuestionRefusal> prepare();
-
-    // In place of open(), and after it: asks where the directory has the base by another name,
-    // if it has it.
-    vexCode openElsewhere();
-
-    // Asks it. VEX_OK, or the agent's code.
+    // Asks the cache, or the agent. VEX_OK, kFilterRefused, or the agent's code.
     vexCode open();
-    // Goes on with what an earlier request has opened; false if that was another question.
+    // The same, for a base that the directory has by another name, if it has it.
+    vexCode openElsewhere();
+    // Goes on with what an earlier request has opened; false if that was another search.
     bool resume(SharedHandle handle);
 
     // The next entry that is in scope and for which the filter is true. Null with
@@ -63,14 +61,16 @@ class EntrySearch {
     const SharedHandle& handle() const { return m_objects.handle(); }
 
   private:
+    std::string key() const;
+    vexCode ask();
+    bool makeFilter();
     SharedEntry entryOf(const FoundObject& found, vexCode* code);
     vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
     bool isWanted(Entry* entry) const;
 
     Operation* const m_op;
     const Wanted& m_wanted;
-    std::string m_filter;      // the agent's
-    AgentQuestion m_question;  // an empty filter: nothing can match
+    std::optional<std::string> m_filter;  // the agent's, once it was needed; empty: nothing can match
     ObjectSearch m_objects;
 };
 

@@ -11,44 +11,46 @@ namespace {
 
 constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max() / 2;
 
-// As it stands: where case does not count slapd has folded it already. What begins it is no
-// filter: these keys are apart from others.
-std::string keyWithoutBase(const AgentQuestion& question) {
-    return "=" + question.filter + std::to_string(question.scope);
-}
-
+// What begins it is no filter: these keys are apart from others.
 std::string keyOf(const AgentQuestion& question) {
-    return keyWithoutBase(question) + question.base;
+    return ":" + question.filter + std::to_string(question.scope) + question.base;
 }
 
 }  // namespace
 
-vexCode ObjectSearch::open(const AgentQuestion& question) {
+vexCode ObjectSearch::begin(const std::string& key, bool* cached) {
     SearchSource::announceView();
     if (const vexCode code = m_source.open(); code != VEX_OK) return code;
-    SearchRequest request;
-    request.filter = question.filter;
-    request.base = question.base;
-    request.scope = question.scope;
-    request.key = keyOf(question);
-    request.cacheable =
-        m_source.cache()->isEnabled() && request.key.size() <= SearchCacheManager::kMaxKeyBytes;
-    JPrintf("vex search asks for %s below %s", filterForLog(request.filter).c_str(), request.base.c_str());
-    m_source.begin(request);
-    if (!m_source.replay(request)) {
-        const vexCode code = m_source.ask(request, -1, 0);
-        if (code == VEX_NO_SUCH_OBJECT) {
-            m_source.close();
-            return VEX_OK;
-        }
-        if (code != VEX_OK) return code;
-    }
-    m_objects = &m_source.objects(kAll);
+    m_request.key = key;
+    m_request.cacheable = m_source.cache()->isEnabled() && key.size() <= SearchCacheManager::kMaxKeyBytes;
+    m_source.begin(m_request);
+    *cached = m_source.replay(m_request);
+    if (*cached) m_objects = &m_source.objects(kAll);
     return VEX_OK;
 }
 
-bool ObjectSearch::resume(const AgentQuestion& question, SharedHandle handle) {
-    if (!handle->key.starts_with(keyWithoutBase(question))) return false;
+vexCode ObjectSearch::ask(const AgentQuestion& question) {
+    m_request.filter = question.filter;
+    m_request.base = question.base;
+    m_request.scope = question.scope;
+    JPrintf("vex search asks for %s below %s", filterForLog(question.filter).c_str(), question.base.c_str());
+    const vexCode code = m_source.ask(m_request, -1, 0);
+    if (code == VEX_NO_SUCH_OBJECT) {
+        m_source.close();
+        return VEX_OK;
+    }
+    if (code == VEX_OK) m_objects = &m_source.objects(kAll);
+    return code;
+}
+
+vexCode ObjectSearch::open(const AgentQuestion& question) {
+    bool cached = false;
+    const vexCode code = begin(keyOf(question), &cached);
+    return code != VEX_OK || cached ? code : ask(question);
+}
+
+bool ObjectSearch::resume(const std::string& key, SharedHandle handle) {
+    if (handle->key != key) return false;
     m_source.resume(std::move(handle));
     m_objects = &m_source.objects(kAll);
     return true;

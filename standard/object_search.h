@@ -24,13 +24,17 @@ class ObjectSearch {
   public:
     ObjectSearch() = default;
 
-    // Opens the search; VEX_OK, or why it could not be.
+    // Begins a search under a key of the cache. *cached: the cache has its objects, and the
+    // agent need not be asked. VEX_OK, or why it could not begin.
+    vexCode begin(const std::string& key, bool* cached);
+    // Asks the agent, after begin. What it finds is cached under the key.
+    vexCode ask(const AgentQuestion& question);
+    // Both; the question itself is the key.
     vexCode open(const AgentQuestion& question);
-    // Whether the base of the opened search exists.
+    // Whether the base of the search exists, once it was asked for.
     bool hasBase() const { return m_objects != nullptr; }
-    // Goes on with one that an earlier request has opened; false if that asked with another
-    // filter or scope.
-    bool resume(const AgentQuestion& question, SharedHandle handle);
+    // Goes on with one that an earlier request has begun; false if that had another key.
+    bool resume(const std::string& key, SharedHandle handle);
 
     // The next object: VEX_OK, VEX_END_OF_RESULTS after the last one, or why there are no
     // more to be had. An object that has gone meanwhile is passed over.
@@ -45,6 +49,7 @@ class ObjectSearch {
 
   private:
     SearchSource m_source;
+    SearchRequest m_request;
     ObjectSource* m_objects = nullptr;  // null: there are none
 };
 

@@ -105,7 +105,7 @@ int hasSubordinates(Operation* op, Entry* entry, int* has) try {
     if (isLeaf(entry)) return LDAP_SUCCESS;
     const Wanted wanted{entry->e_name, entry->e_nname, LDAP_SCOPE_ONELEVEL, nullptr, {}};
     EntrySearch search(op, wanted);
-    if (search.prepare() || search.open() != VEX_OK) return LDAP_OTHER;
+    if (search.open() != VEX_OK) return LDAP_OTHER;
     vexCode code = VEX_OK;
     if (search.next(&code) != nullptr) *has = LDAP_COMPARE_TRUE;
     return code == VEX_OK || code == VEX_END_OF_RESULTS ? LDAP_SUCCESS : LDAP_OTHER;

@@ -118,14 +118,14 @@ bool Search::assertionHolds() {
 bool Search::resumeOrOpen() {
     SharedHandle open;
     if (!m_reply.resume(&open)) return false;
-    if (m_entries.prepare())
-        return m_reply.reject({LDAP_UNWILLING_TO_PERFORM, "the search filter has too many parts"});
     m_resumed = open != nullptr;
     if (m_resumed) {
         return m_entries.resume(std::move(open)) ||
                m_reply.reject({LDAP_UNWILLING_TO_PERFORM, "paged results cookie is of another search"});
     }
     const vexCode code = m_entries.open();
+    if (code == kFilterRefused)
+        return m_reply.reject({LDAP_UNWILLING_TO_PERFORM, "the search filter has too many parts"});
     return code == VEX_OK || fail(Failure::In::Opening, code);
 }
 
