@@ -347,6 +347,17 @@ TEST_F(EmbeddedTest, LooksUpAheadWhatIsThereUntilNoMoreIsTaken) {
     EXPECT_THAT(taken, ElementsAre("Ben", "Cleo"));
 }
 
+TEST_F(EmbeddedTest, ASearchThatFailsLeavesNothingOfTheOneBefore) {
+    Query wanted = query("(objectClass=user)");
+    wanted.firstBatch = 1;
+    Batch batch;
+    std::unique_ptr<Cursor> rest;
+    ASSERT_TRUE(m_directory->search(wanted, batch, rest).ok());
+    ASSERT_NE(rest, nullptr);
+    EXPECT_FALSE(m_directory->search(query("(cn="), batch, rest).ok());
+    EXPECT_EQ(rest, nullptr);
+}
+
 TEST_F(EmbeddedTest, LookupOfWhatIsNotThere) {
     Object object;
     for (const char* guid : {"01020304-0506-0708-090a-0b0c0d0e0f10", "nonsense", ""}) {

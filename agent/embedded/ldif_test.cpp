@@ -69,12 +69,14 @@ TEST(LdifLoad, TextsThatAreNotUtf8AreNamed) {
         "in.ldif",
         "dn: CN=a,DC=x\nobjectClass: user\ndescription: J\xc3\xbcrgen\n\n"
         "dn: CN=b,DC=x\nobjectClass: user\ndescription: fine\ndescription:: " +
-            latin + "\ntitle: J\xfcrgen\nthumbnailPhoto:: " + latin + "\nx-own;binary:: " + latin + "\n");
+            latin + "\ntitle: J\xfcrgen\nthumbnailPhoto:: " + latin + "\nx-own;binary:: " + latin + "\n\n" +
+            "dn: CN=c,DC=x\ndescription:: " + latin + "\nobjectClass: user\n");
     std::vector<std::string> complaints;
     buildDatabase(folder.file("out.ldb"), file, kRoot, complaints);
     EXPECT_THAT(complaints,
                 ElementsAre(file + ":5: CN=b,DC=x: description: a value is not UTF-8, and is not shown",
-                            file + ":5: CN=b,DC=x: title: a value is not UTF-8, and is not shown"));
+                            file + ":5: CN=b,DC=x: title: a value is not UTF-8, and is not shown",
+                            file + ":13: CN=c,DC=x: description: a value is not UTF-8, and is not shown"));
 }
 
 TEST(LdifLoad, AMissingFileIsNamed) {

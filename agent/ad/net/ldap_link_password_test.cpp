@@ -89,6 +89,7 @@ TEST_F(LinkTest, WhoeverRefusesTlsIsShownNothing) {
     });
     const Ended status = open(controller, Transport::StartTls);
     EXPECT_TRUE(status.lost) << status.text;
+    EXPECT_THAT(status.text, HasSubstr("Protocol error"));
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
     EXPECT_EQ(m_link, nullptr);
 }

@@ -53,15 +53,18 @@ TEST_F(LinkTest, EntriesComeWithAllTheirValuesByteForByte) {
 }
 
 TEST_F(LinkTest, ReferencesArePassedOver) {
+    const ScriptedController other;
+    const std::string elsewhere = "ldap://127.0.0.1:" + std::to_string(other.peer().port) + "/";
     ScriptedController controller;
-    onSearch(controller, [](const Asked& asked, Talk& talk) {
-        talk.reference(asked.id, "ldap://elsewhere/DC=x");
+    onSearch(controller, [elsewhere](const Asked& asked, Talk& talk) {
+        talk.reference(asked.id, elsewhere + "DC=x");
         talk.entry(asked.id, dnOf(1), {});
-        talk.reference(asked.id, "ldap://elsewhere/DC=y");
+        talk.reference(asked.id, elsewhere + "DC=y");
         talk.done(asked.id);
     });
     EXPECT_THAT(found(*plain(controller), m_everybody), ElementsAre(dnOf(1)));
     EXPECT_TRUE(m_status.ok());
+    EXPECT_THAT(other.asked(), IsEmpty());
 }
 
 TEST_F(LinkTest, ABaseThatIsNotThereIsTheControllersOwnAnswer) {
