@@ -2,7 +2,7 @@
 // Which attributes are indexed.
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 
 #include "agent/directory/attributes.h"
 #include "agent/embedded/database.h"
@@ -12,22 +12,21 @@ namespace vexagent {
 namespace {
 
 // Values that name one object or few.
-constexpr std::array<std::string_view, 15> kSelective = {
+constexpr std::string_view kSelective[] = {
     "sAMAccountName", "uid",       "uidNumber", "cn",        "name",       "displayName", "userPrincipalName",
     "mail",           "objectSid", "member",    "memberUid", "objectGUID", "dn",          "distinguishedName",
     "ipHostNumber"};
 
 // Values that many objects share: their index helps only a search for few of
 // them.
-constexpr std::array<std::string_view, 4> kBroad = {"gidNumber", "primaryGroupID", "objectClass",
-                                                    "objectCategory"};
+constexpr std::string_view kBroad[] = {"gidNumber", "primaryGroupID", "objectClass", "objectCategory"};
 
 // LDB reaches objects by these without an index record.
-constexpr std::array<std::string_view, 3> kBuiltIn = {"objectGUID", "dn", "distinguishedName"};
+constexpr std::string_view kBuiltIn[] = {"objectGUID", "dn", "distinguishedName"};
 
 template <std::size_t size>
-bool holds(const std::array<std::string_view, size>& list, std::string_view name) {
-    return std::any_of(list.begin(), list.end(),
+bool holds(const std::string_view (&list)[size], std::string_view name) {
+    return std::any_of(std::begin(list), std::end(list),
                        [name](std::string_view other) { return vorn::equalsIgnoreCase(other, name); });
 }
 
