@@ -133,6 +133,16 @@ def test_every_part_of_an_answer_is_looked_at(change, what):
     assert what in {one.what for one in comparison.differences(question, Answer(**right), Answer(**{**right, **change}))}
 
 
+@pytest.mark.parametrize("missing, code, explained", [
+    ("cn=ｗide", 0, True), ("cn=plain", 0, False), ("cn=é", 0, False), ("cn=ｗide", 32, False), (None, 0, False)])
+def test_a_known_difference_explains_no_other(missing, code, explained):
+    """What is missing has a letter that becomes an ASCII one, and all else is alike."""
+    entries = {dn: {"cn": (dn[3:].encode(),)} for dn in ("cn=ｗide", "cn=plain", "cn=é")}
+    right = Answer(entries=list(entries.items()))
+    answer = Answer(code=code, entries=[entry for entry in entries.items() if entry[0] != missing])
+    assert KNOWN[0].explains(Search(b"dc=example", 2, ("present", "cn")), right, answer, entries) == explained
+
+
 def test_few_kinds_of_differences_are_known_each_with_its_reason():
     assert len(KNOWN) <= MOST
     assert all(one.name and len(one.reason.split()) > 4 for one in KNOWN)
