@@ -70,12 +70,20 @@ void warnOfOpenHashes(const std::string& ldif) {
 }
 
 EmbeddedOptions embeddedOptions(const Config& config) {
-    return {config.database, config.domain, config.loginAttributes, vorn::systemTime, config.leastId};
+    return {config.database,  config.domain,  config.loginAttributes,
+            vorn::systemTime, config.leastId, config.passwordChange};
+}
+
+// A domain's passwords are changed by Kerberos only.
+std::unique_ptr<Directory> openDomain(const Config& config) {
+    auto network = std::make_unique<LdapNetwork>(config.ad);
+    const bool changes = config.passwordChange && config.ad.transport == Transport::Gssapi;
+    PasswordChanger* const changer = changes ? network.get() : nullptr;
+    return std::make_unique<AdDirectory>(config.ad, std::move(network), changer);
 }
 
 std::unique_ptr<Directory> openDirectory(const Config& config) {
-    if (config.directory == DirectoryKind::Ad)
-        return std::make_unique<AdDirectory>(config.ad, std::make_unique<LdapNetwork>(config.ad));
+    if (config.directory == DirectoryKind::Ad) return openDomain(config);
     buildIfMissing(config);
     return std::make_unique<EmbeddedDirectory>(embeddedOptions(config));
 }

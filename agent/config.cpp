@@ -170,6 +170,7 @@ Config readConfig(const vorn::Properties& settings, const std::string& file) {
     config.server.maxClients =
         static_cast<std::size_t>(reader.number(vorn::SETTING_AGENT_CLIENTS, 1, 100'000));
     config.threads = reader.number(vorn::SETTING_AGENT_THREADS, 1, 64);
+    config.passwordChange = reader.flag(vorn::SETTING_AGENT_PASSWORD_CHANGE);
     if (config.directory == DirectoryKind::Ad) config.ad = adOptions(reader);
     config.database = reader.required(vorn::SETTING_EMBEDDED_DATABASE);
     config.ldif = reader.text(vorn::SETTING_EMBEDDED_LDIF);

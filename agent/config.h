@@ -28,6 +28,7 @@ struct Config {
     SocketOptions socket;
     ServerOptions server;
     int threads = 4;
+    bool passwordChange = false;
     DirectoryKind directory = DirectoryKind::Embedded;
     AdOptions ad;          // for DirectoryKind::Ad
     std::string database;  // for DirectoryKind::Embedded, as the next

@@ -96,10 +96,13 @@ TEST(Config, EverySettingOfADomainIsRead) {
 TEST(Config, EverySettingOfAnEmbeddedDirectoryIsRead) {
     const Config config = read(
         "domain.name = example.com\nembedded.database = /d\nembedded.ldif = /l\n"
-        "agent.socket = /s\nagent.socket.mode = 0777\n");
+        "agent.password.change = true\nagent.socket = /s\nagent.socket.mode = 0777\n");
     EXPECT_EQ(config.directory, DirectoryKind::Embedded);
     EXPECT_EQ(config.database, "/d");
     EXPECT_EQ(config.ldif, "/l");
+    EXPECT_TRUE(config.passwordChange);
+    EXPECT_FALSE(read("domain.name = example.com\n").passwordChange);
+    EXPECT_NE(failure("domain.name = example.com\nagent.password.change = yes\n"), "accepted");
     EXPECT_EQ(config.socket.path, "/s");
     EXPECT_EQ(config.socket.mode, 0777u);
     EXPECT_NE(failure("domain.name = example.com\nagent.socket.mode = 1000\n"), "accepted");

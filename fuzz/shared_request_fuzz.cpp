@@ -106,6 +106,8 @@ class SharingRequest {
                 return wire::CreateFetch(m_builder, first, second, names()).Union();
             case wire::Body::Lookup:
                 return wire::CreateLookup(m_builder, first, names()).Union();
+            case wire::Body::ChangePassword:
+                return wire::CreateChangePassword(m_builder, first, second, first).Union();
             case wire::Body::Authenticate:
                 return wire::CreateAuthenticate(m_builder, first, second).Union();
             default:

@@ -199,6 +199,23 @@ vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, cons
     });
 }
 
+vexCode vexAuthChangePassword(vexSession* session, const char* user, const char* oldPassword,
+                              const char* newPassword) {
+    return guardedWait([&]() -> vexCode {
+        if (!isUsable(session)) return VEX_BROKEN_HANDLE;
+        if (isEmpty(user)) return session->notAnswered(VEX_NO_SUCH_USER);
+        if (isEmpty(oldPassword)) return session->notAnswered(VEX_WRONG_PASSWORD);
+        if (isEmpty(newPassword)) return session->notAnswered(VEX_REFUSED);
+        Request request(Secrecy::Secret);
+        const auto userText = request.text(user);
+        const auto oldText = request.text(oldPassword);
+        const auto newText = request.text(newPassword);
+        request.finish(session->options(),
+                       wire::CreateChangePassword(request.builder(), userText, oldText, newText));
+        return askForCode(*session, request);
+    });
+}
+
 vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** names) {
     return guardedWait([&]() -> vexCode {
         if (!isUsable(session)) return VEX_BROKEN_HANDLE;

@@ -417,6 +417,35 @@ TEST_F(Client, ACheckWithoutUserOrPasswordAsksNobody) {
     EXPECT_EQ(agent.requests(), 0);
 }
 
+TEST_F(Client, AChangeOfAPasswordGivesTheAgentsVerdict) {
+    std::string seen;
+    int code = 0;
+    agent.onRequest([&](const Peer& peer, const wire::Request& request) {
+        const auto& change = *request.body_as_ChangePassword();
+        seen = change.user()->str() + "/" + change.old_password()->str() + "/" + change.new_password()->str();
+        peer.answer(request, {.code = code});
+    });
+    const UniqueSession session = openSession();
+    for (const int verdict : {0, 13, 14, 15, 16, 4}) {
+        code = verdict;
+        EXPECT_EQ(vexAuthChangePassword(session.get(), "ann@EXAMPLE.COM", "old", "ne w"), verdict);
+        EXPECT_EQ(seen, "ann@EXAMPLE.COM/old/ne w");
+    }
+}
+
+TEST_F(Client, AChangeWithoutUserOrPasswordsAsksNobody) {
+    const UniqueSession session = openSession();
+    const std::string huge(wire::kMaxRequestBytes, 'x');
+    for (const char* nothing : {static_cast<const char*>(nullptr), ""}) {
+        EXPECT_EQ(vexAuthChangePassword(session.get(), nothing, "o", "n"), VEX_NO_SUCH_USER);
+        EXPECT_EQ(vexAuthChangePassword(session.get(), "u", nothing, "n"), VEX_WRONG_PASSWORD);
+        EXPECT_EQ(vexAuthChangePassword(session.get(), "u", "o", nothing), VEX_REFUSED);
+    }
+    EXPECT_EQ(vexAuthChangePassword(session.get(), "u", "o", huge.c_str()), VEX_REFUSED);
+    EXPECT_EQ(vexAuthChangePassword(nullptr, "u", "o", "n"), VEX_BROKEN_HANDLE);
+    EXPECT_EQ(agent.requests(), 0);
+}
+
 // --------------------------------------------------------------- diagnosis
 
 TEST_F(Client, TheSupportedAttributesAreAStringSet) {

@@ -265,6 +265,19 @@ size_t vexGetObjectSize(const vexObject* object);
  */
 vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, const char* password, int flags);
 
+/*
+ * Gives the user a new password, with the old one as the leave to do so. user is as
+ * above. Asked once, never retried. After VEX_BROKEN_SESSION nobody knows which of the
+ * two holds.
+ *
+ * The answers about user and old password are those of a check. VEX_REFUSED with the LDAP
+ * error 19 (constraint violation) says that the directory does not take the new password,
+ * and so does an empty one, of which the directory is not asked. VEX_NOT_SUPPORTED: this
+ * agent changes no passwords.
+ */
+vexCode vexAuthChangePassword(vexSession* session, const char* user, const char* oldPassword,
+                              const char* newPassword);
+
 /* ------------------------------------------------------------- diagnosis */
 
 /* A list of names: count and array. Freed with vexFreeStringSet. */

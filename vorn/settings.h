@@ -31,6 +31,9 @@ inline constexpr Setting SETTING_AGENT_THREADS = {"agent.threads", "4",
                                                   "how many requests the agent works on at once"};
 inline constexpr Setting SETTING_AGENT_CLIENTS = {"agent.clients.max", "1024",
                                                   "how many connections the agent accepts at once"};
+inline constexpr Setting SETTING_AGENT_PASSWORD_CHANGE = {
+    "agent.password.change", "false",
+    "whether people may change their own passwords through the agent: true or false"};
 inline constexpr Setting SETTING_DIRECTORY = {
     "directory", "embedded",
     "which directory the agent serves: embedded, or ad for an Active Directory domain"};

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "agent/directory/passwords.h"
+
 namespace vexagent {
 namespace {
 
@@ -18,12 +20,13 @@ Result given(Expected<T, Result> answer, T& place) {
 
 }  // namespace
 
-AdDirectory::AdDirectory(const AdOptions& options, std::unique_ptr<Network> network)
+AdDirectory::AdDirectory(const AdOptions& options, std::unique_ptr<Network> network, PasswordChanger* changer)
     : m_options(options),
       m_network(std::move(network)),
       m_domains(*m_network, m_options),
       m_searches(*m_network, m_options, m_domains),
-      m_logins(*m_network, m_options, m_domains) {}
+      m_logins(*m_network, m_options, m_domains),
+      m_changer(changer) {}
 
 bool AdDirectory::isQuick(int scope, const std::string& filter) const {
     return Searches::isQuick(scope, filter);
@@ -55,6 +58,12 @@ void AdDirectory::lookupAhead(const std::vector<std::string>& guids, const View&
 Verdict AdDirectory::authenticate(const std::string& user, const std::string& password,
                                   LoginOptions options) {
     return m_logins.authenticate(user, password, options);
+}
+
+Result AdDirectory::changePassword(const std::string& user, const std::string& oldPassword,
+                                   const std::string& newPassword) {
+    if (m_changer == nullptr) return noPasswordChange("this agent changes no passwords");
+    return m_logins.changePassword(*m_changer, user, oldPassword, newPassword);
 }
 
 Result AdDirectory::supportedAttributes(std::vector<std::string>& names) {

@@ -6,6 +6,7 @@
 #include <charconv>
 
 #include "agent/directory/account_state.h"
+#include "agent/directory/passwords.h"
 
 namespace vexagent {
 namespace {
@@ -111,6 +112,23 @@ Result loginFailure(const KdcFailure& failure, const Entry& account, std::time_t
                 .because("no KDC of the domain can be reached to check the password: " + failure.text);
         default:
             return kerberosError(failure, "the password could not be checked");
+    }
+}
+
+Result changeFailure(const ChangeFailure& failure) {
+    const KdcFailure& why = failure.why;
+    switch (failure.of) {
+        // It was accepted a moment ago.
+        case ChangeFailure::Of::OldPassword:
+            return loginFailure(why, {}, 0);
+        case ChangeFailure::Of::NewPassword:
+            return badNewPassword("the domain does not take this new password").because(why.text);
+        case ChangeFailure::Of::Leave:
+            return Result::ldap(VEX_REFUSED, LDAP_INSUFFICIENT_ACCESS,
+                                "the account may not change its password")
+                .because(why.text);
+        default:
+            return kerberosError(why, "the domain has not said whether the password was changed");
     }
 }
 

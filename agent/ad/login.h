@@ -9,6 +9,7 @@
 
 #include "agent/ad/entry.h"
 #include "agent/ad/failure.h"
+#include "agent/ad/password_changer.h"
 
 namespace vexagent {
 
@@ -22,6 +23,9 @@ Result loginFailure(const KdcFailure& failure, const Entry& account, std::time_t
 // Why a controller has not accepted a bind. Controllers put the reason into the text, as
 // "data 52e".
 Result loginFailure(const LdapFailure& failure);
+
+// Why a domain has not changed a password.
+Result changeFailure(const ChangeFailure& failure);
 
 // A refusal where the entry says something of the account's state that cannot be read.
 std::optional<Result> unreadableState(const Entry& account);

@@ -6,6 +6,7 @@
 #include "agent/ad/login.h"
 #include "agent/directory/identifiers.h"
 #include "agent/directory/log.h"
+#include "agent/directory/passwords.h"
 #include "vorn/dn.h"
 #include "vorn/strings.h"
 
@@ -87,6 +88,7 @@ Verdict Logins::askAs(Login& login, NamedEntries found, const Deadline& deadline
     if (account == nullptr || account->first("sAMAccountName").empty())
         return askInVain(login, deadline, noSuchUser());
     login.account = guidText(account->first("objectGUID"));
+    login.name = account->first("sAMAccountName");
     const Verdict verdict = checkAccount(login, *account, deadline);
     if (!verdict.accepted()) return verdict;
     if (const std::optional<Result> refusal = unreadableState(*account)) return *refusal;
@@ -111,6 +113,23 @@ Verdict Logins::checkAccount(const Login& login, const Entry& account, const Dea
     const auto accepted = m_network.askKdc(*login.domain, std::string(account.first("sAMAccountName")),
                                            login.password, deadline);
     return accepted ? Verdict(*accepted) : loginFailure(accepted.error(), account, m_options.clock());
+}
+
+Result Logins::changePassword(PasswordChanger& changer, const std::string& user,
+                              const std::string& oldPassword, const std::string& newPassword) {
+    const Deadline end = within(m_options.timeout);
+    if (user.empty()) return noSuchUser();
+    if (oldPassword.empty() || oldPassword.find('\0') != std::string::npos) return wrongPassword();
+    if (newPassword.empty() || newPassword.find('\0') != std::string::npos)
+        return badNewPassword("the new password is empty or holds a NUL");
+    Login login{user, oldPassword, m_domains.joined()};
+    if (const Verdict verdict = askDomain(login); !verdict.accepted()) {
+        if (m_memory) learn(login, verdict);
+        return verdict.result();
+    }
+    const auto changed = changer.changePassword(*login.domain, {login.name, oldPassword, newPassword}, end);
+    if (m_memory) m_memory->forget(login.user, login.account);
+    return changed ? Result() : changeFailure(changed.error());
 }
 
 // ------------------------------------------------------------------ the memory

@@ -9,6 +9,7 @@
 #include "agent/ad/auth_cache.h"
 #include "agent/ad/domains.h"
 #include "agent/ad/names.h"
+#include "agent/ad/password_changer.h"
 #include "agent/directory/directory.h"
 
 namespace vexagent {
@@ -22,6 +23,11 @@ class Logins {
     // As Directory says it. One request is one attempt: a password is shown once.
     Verdict authenticate(const std::string& user, const std::string& password, LoginOptions options);
 
+    // As Directory says it. The old password is checked first, as a log-in's. What the agent
+    // remembers of the account is forgotten, even where nobody knows whether it was changed.
+    Result changePassword(PasswordChanger& changer, const std::string& user, const std::string& oldPassword,
+                          const std::string& newPassword);
+
     // Whether somebody could be let in although nobody can be asked.
     bool remembersAnybody() const { return m_memory && m_memory->hasAnswers(); }
 
@@ -32,6 +38,7 @@ class Logins {
         const std::string& password;
         std::optional<Place> domain{};  // that is asked
         std::string account{};          // the GUID's text
+        std::string name{};             // the account's sAMAccountName
     };
     Deadline within(milliseconds time) const { return {m_network.clock(), time}; }
     bool isOfJoined(const std::string& user) const;

@@ -100,6 +100,12 @@ class Directory {
     virtual Verdict authenticate(const std::string& user, const std::string& password,
                                  LoginOptions options) = 0;
 
+    // Gives the user a new password if the old one is right: the codes of authenticate; what
+    // badNewPassword says if the directory does not take the new one; VEX_NOT_SUPPORTED if
+    // nobody's password can be changed here.
+    virtual Result changePassword(const std::string& user, const std::string& oldPassword,
+                                  const std::string& newPassword) = 0;
+
     // The names of the attributes that objects can carry.
     virtual Result supportedAttributes(std::vector<std::string>& names) = 0;
 

@@ -24,7 +24,8 @@ class FakeDirectory : public Directory {
     std::mutex gate;  // that "wait" waits for
     std::atomic<int> waiting = 0;
     int logins = 0;
-    LoginOptions loginOptions;  // of the last login
+    LoginOptions loginOptions;    // of the last login
+    std::string changedPassword;  // whose, from what and to what, of the last change
 
     Query asked;         // of the last search
     std::string within;  // what domain, of the last fetch
@@ -86,6 +87,14 @@ class FakeDirectory : public Directory {
         loginOptions = options;
         if (const auto accepted = acceptedByHash(password, {"zxPsFjmiXgExk"})) return *accepted;
         return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
+    }
+
+    // No password is as good as "right".
+    Result changePassword(const std::string& user, const std::string& oldPassword,
+                          const std::string& newPassword) override {
+        changedPassword = user + " " + oldPassword + " " + newPassword;
+        if (oldPassword != "right") return Result::ldap(VEX_WRONG_PASSWORD, 49, "wrong password");
+        return newPassword == "bad" ? Result::ldap(VEX_REFUSED, 19, "too short") : Result();
     }
 
     void lookupAhead(const std::vector<std::string>& guids, const View& view, const Take& take) override {

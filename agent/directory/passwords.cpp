@@ -2,6 +2,7 @@
 #include "agent/directory/passwords.h"
 
 #include <crypt.h>
+#include <ldap.h>
 
 #include <cstring>
 #include <memory>
@@ -90,6 +91,14 @@ std::string newHash(const std::string& password) {
     const CryptData data(new crypt_data());
     const char* computed = crypt_r(password.c_str(), setting, data.get());
     return computed == nullptr || computed[0] == '*' ? std::string() : std::string(computed);
+}
+
+Result badNewPassword(std::string why) {
+    return Result::ldap(VEX_REFUSED, LDAP_CONSTRAINT_VIOLATION, std::move(why));
+}
+
+Result noPasswordChange(std::string why) {
+    return Result::ldap(VEX_NOT_SUPPORTED, LDAP_UNWILLING_TO_PERFORM, std::move(why));
 }
 
 std::string settingOf(std::string_view storedValue) {

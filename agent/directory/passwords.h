@@ -28,6 +28,10 @@ std::optional<Accepted> acceptedByHash(const std::string& password,
 // be made, as for a password with a NUL.
 std::string newHash(const std::string& password);
 
+// Why a new password is not taken, and why none is changed at all.
+Result badNewPassword(std::string why);
+Result noPasswordChange(std::string why);
+
 // What a stored value says about how it was made (scheme, strength, salt), without
 // the hash; empty for a value that fits nothing.
 std::string settingOf(std::string_view storedValue);

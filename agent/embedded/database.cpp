@@ -101,12 +101,14 @@ std::string errorText(ldb_context* ldb, int code) {
     return text != nullptr ? text : ldb_strerror(code);
 }
 
-LdbContext openLdb(const std::string& path, bool create) {
+LdbContext openLdb(const std::string& path, Access access) {
     LdbContext ldb(newLdb().release());
     ldb_set_debug(ldb.get(), quiet, nullptr);
     const char* reading[] = {kMapSize, nullptr};
     const char* loading[] = {kMapSize, "batch_mode:1", "transaction_index_cache_size:200000", nullptr};
-    const unsigned flags = create ? LDB_FLG_NOSYNC : LDB_FLG_RDONLY | LDB_FLG_DONT_CREATE_DB;
+    const bool create = access == Access::Create;
+    const unsigned existing = LDB_FLG_DONT_CREATE_DB | (access == Access::Read ? LDB_FLG_RDONLY : 0);
+    const unsigned flags = create ? LDB_FLG_NOSYNC : existing;
     const std::string url = "mdb://" + path;
     std::unique_lock lock(openMutex());
     const int code = ldb_connect(ldb.get(), url.c_str(), flags, create ? loading : reading);
@@ -178,7 +180,7 @@ std::optional<std::uint64_t> Handle::sequence() {
 
 Database::Database(std::string path) : m_path(std::move(path)) {
     checkKind(m_path);
-    auto first = std::make_unique<Handle>(openLdb(m_path, false));
+    auto first = std::make_unique<Handle>(openLdb(m_path, Access::Read));
     checkIndexes(first->ldb(), m_path);
     m_handles.lock()->count = 1;
     giveBack(std::move(first));
@@ -191,7 +193,7 @@ Database::Lease Database::lease() {
         handles->idle.pop_back();
         return {*this, std::move(handle)};
     }
-    auto handle = std::make_unique<Handle>(openLdb(m_path, false));
+    auto handle = std::make_unique<Handle>(openLdb(m_path, Access::Read));
     const auto handles = m_handles.lock();
     handles->idle.reserve(handles->count + 1);
     ++handles->count;

@@ -4,7 +4,8 @@
 // LMDB lets any number of threads and processes read while one writes, so a
 // change made with ldbmodify shows at once. Each thread that reads has a handle
 // of its own for the time (LDB's are not to be shared); handles are kept for the
-// next thread. The file is opened for reading only.
+// next thread. The file is opened for reading only, but for the time of a change that the
+// agent makes itself (agent/embedded/password_store.h).
 #pragma once
 
 #include <cstdint>
@@ -37,9 +38,14 @@ using LdbContext = std::unique_ptr<ldb_context, LdbClose>;
 // What LDB says about a failure of a context's, or else what its code means.
 std::string errorText(ldb_context* ldb, int code);
 
-// Opens a context on a file; create makes a new one, for writing. Throws
-// DatabaseError.
-LdbContext openLdb(const std::string& path, bool create);
+enum class Access {
+    Read,
+    Change,
+    Create  // makes a new file, and is quick about it: what is written is not safe until the end
+};
+
+// Opens a context on a file. Throws DatabaseError.
+LdbContext openLdb(const std::string& path, Access access);
 
 // A read that failed, which says nothing about what is there: an LDB error code (an LDAP
 // result code) and its text.

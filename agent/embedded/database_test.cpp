@@ -60,7 +60,7 @@ TEST_F(DatabaseReads, GoOnWhileAnotherThreadOpensTheDatabase) {
     const Database::Lease handle = m_database->lease();
     std::atomic<bool> done = false;
     std::thread opener([&] {
-        while (!done) EXPECT_NE(openLdb(file(), false), nullptr);
+        while (!done) EXPECT_NE(openLdb(file(), Access::Read), nullptr);
     });
     int failed = 0;
     for (int i = 0; i < 20000; ++i) failed += !handle->sequence();

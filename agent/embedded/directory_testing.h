@@ -68,11 +68,12 @@ inline std::time_t testClock() {
 // A database made from LDIF in a folder of its own, and the directory on it.
 class TestDirectory {
   public:
-    explicit TestDirectory(const std::string& ldif) {
+    explicit TestDirectory(const std::string& ldif, bool changesPasswords = false) {
         std::vector<std::string> complaints;
         buildDatabase(database(), m_folder.write("directory.ldif", ldif), kRoot, complaints);
-        m_directory = std::make_unique<EmbeddedDirectory>(
-            EmbeddedOptions{database(), kDomain, {"sAMAccountName", "uid", "displayName"}, testClock});
+        EmbeddedOptions options{database(), kDomain, {"sAMAccountName", "uid", "displayName"}, testClock};
+        options.changesPasswords = changesPasswords;
+        m_directory = std::make_unique<EmbeddedDirectory>(options);
     }
 
     EmbeddedDirectory* operator->() const { return m_directory.get(); }
@@ -82,7 +83,7 @@ class TestDirectory {
 
     // Applies an LDIF change, as another process would.
     bool change(const std::string& ldif) const {
-        const LdbContext ldb = openLdb(database(), true);
+        const LdbContext ldb = openLdb(database(), Access::Create);
         const char* text = ldif.c_str();
         const Talloc<ldb_ldif> record(ldb_ldif_read_string(ldb.get(), &text));
         if (!record || ldb_transaction_start(ldb.get()) != LDB_SUCCESS) return false;

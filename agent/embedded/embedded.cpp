@@ -13,6 +13,7 @@
 #include "agent/embedded/folding.h"
 #include "agent/embedded/kinds.h"
 #include "agent/embedded/objects.h"
+#include "agent/embedded/password_store.h"
 #include "agent/embedded/search.h"
 #include "agent/embedded/zone.h"
 #include "vorn/dn.h"
@@ -128,6 +129,7 @@ EmbeddedDirectory::EmbeddedDirectory(const EmbeddedOptions& options)
       m_domainDn(vorn::DN::dnFromDomain(options.domain)),
       m_clock(options.clock),
       m_ids(options.leastId),
+      m_changesPasswords(options.changesPasswords),
       m_database(options.database) {}
 
 Result EmbeddedDirectory::checkDomain(const std::string& domain) const {
@@ -252,35 +254,59 @@ std::string EmbeddedDirectory::idleSetting(Handle& handle) {
     std::string setting;
     const Pool pool = newPool();
     ldb_dn* root = ldb_dn_new(pool.get(), handle.ldb(), nullptr);
-    const char* const attributes[] = {"userPassword", nullptr};
+    const char* const attributes[] = {kPasswordAttribute, nullptr};
     handle.search(root, LDB_SCOPE_SUBTREE, matchAll(pool.get()), attributes, [&](ldb_message* message) {
-        setting = settingOf(firstValue(message, "userPassword"));
+        setting = settingOf(firstValue(message, kPasswordAttribute));
         return setting.empty();
     });
     *known = {sequence, setting};
     return setting;
 }
 
-Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::string& password,
-                                        LoginOptions) try {
+// Whether it is the password of the account, which is found in the pool.
+Verdict EmbeddedDirectory::check(const std::string& user, const std::string& password, void* pool,
+                                 const ldb_message*& account) {
     if (user.empty()) return noSuchUser();
     if (password.empty()) return wrongPassword();
-    const Pool pool = newPool();
     Named named;
     std::string idle;
     {
         // The handle is not held while the hash is computed.
         Database::Lease handle = m_database.lease();
-        named = findByLoginName(*handle, pool.get(), user, m_rules);
+        named = findByLoginName(*handle, pool, user, m_rules);
         idle = idleSetting(*handle);
     }
-    const ldb_message* object = named.only();
-    const std::optional<Accepted> accepted = acceptedByHash(password, valuesOf(object, "userPassword"), idle);
+    account = named.only();
+    const std::optional<Accepted> accepted =
+        acceptedByHash(password, valuesOf(account, kPasswordAttribute), idle);
     if (named.count() > 1) return ambiguous(named);
-    if (object == nullptr) return noSuchUser();
+    if (account == nullptr) return noSuchUser();
     if (!accepted) return wrongPassword();
-    if (std::optional<Result> refusal = refusalOf(object)) return *refusal;
+    if (std::optional<Result> refusal = refusalOf(account)) return *refusal;
     return *accepted;
+}
+
+Verdict EmbeddedDirectory::authenticate(const std::string& user, const std::string& password,
+                                        LoginOptions) try {
+    const Pool pool = newPool();
+    const ldb_message* account = nullptr;
+    return check(user, password, pool.get(), account);
+} catch (const ReadError& error) {
+    return readFailure(error);
+}
+
+Result EmbeddedDirectory::changePassword(const std::string& user, const std::string& oldPassword,
+                                         const std::string& newPassword) try {
+    if (!m_changesPasswords) return noPasswordChange("this directory changes no passwords");
+    const Pool pool = newPool();
+    const ldb_message* account = nullptr;
+    if (const Verdict verdict = check(user, oldPassword, pool.get(), account); !verdict.accepted())
+        return verdict.result();
+    if (newPassword.empty()) return badNewPassword("the new password is empty");
+    if (newPassword == oldPassword) return badNewPassword("the new password is the old one");
+    const std::string hash = newHash(newPassword);
+    if (hash.empty()) return badNewPassword("the new password cannot be stored");
+    return storePassword(m_database.path(), account, hash, m_clock());
 } catch (const ReadError& error) {
     return readFailure(error);
 }

@@ -22,7 +22,8 @@ struct EmbeddedOptions {
     std::string domain;                        // the joined domain's DNS name
     std::vector<std::string> loginAttributes;  // see NameRules
     vorn::Clock clock = vorn::systemTime;
-    std::uint32_t leastId = 1;  // that hosts are shown, see UnixIds
+    std::uint32_t leastId = 1;      // that hosts are shown, see UnixIds
+    bool changesPasswords = false;  // the file must be writable then
 };
 
 class EmbeddedDirectory : public Directory {
@@ -38,12 +39,16 @@ class EmbeddedDirectory : public Directory {
     // Always asks the file, whatever the options.
     Verdict authenticate(const std::string& user, const std::string& password,
                          LoginOptions options = {}) override;
+    Result changePassword(const std::string& user, const std::string& oldPassword,
+                          const std::string& newPassword) override;
     Result supportedAttributes(std::vector<std::string>& names) override;
     Result health() override;
 
   private:
     Result checkDomain(const std::string& domain) const;
     Result findBase(Handle& handle, void* pool, const Query& query, ldb_dn*& base);
+    Verdict check(const std::string& user, const std::string& password, void* pool,
+                  const ldb_message*& account);
     std::optional<Result> refusalOf(const ldb_message* user) const;
     std::string idleSetting(Handle& handle);
     Source source() { return {m_database, m_memberships, m_ids}; }
@@ -60,6 +65,7 @@ class EmbeddedDirectory : public Directory {
     const std::string m_domainDn;
     const vorn::Clock m_clock;
     const UnixIds m_ids;
+    const bool m_changesPasswords;
     Database m_database;
     Memberships m_memberships;
 

@@ -270,7 +270,7 @@ void buildDatabase(const std::string& path, const std::string& ldifPath, const s
                    std::vector<std::string>& complaints) {
     Unfinished file(path);
     {
-        const LdbContext ldb = openLdb(file.path(), true);
+        const LdbContext ldb = openLdb(file.path(), Access::Create);
         inTransaction(ldb.get(), [&] { addSchema(ldb.get()); });
         inTransaction(ldb.get(), [&] { addEntries(ldb.get(), ldifPath, domainDn, complaints); });
     }

@@ -176,7 +176,7 @@ TEST(OpenDatabase, SaysWhatCannotBeServed) {
                   tdb + "\", set embedded.ldif to the result and embedded.database to a new file");
     EXPECT_EQ(reason(folder.file("")), folder.file("") + ": is not a regular file");
     const std::string plain = folder.file("plain.ldb");
-    { const LdbContext ldb = openLdb(plain, true); }
+    { const LdbContext ldb = openLdb(plain, Access::Create); }
     EXPECT_EQ(reason(plain), plain + ": has no GUID index; write it out with \"ldbsearch -H mdb://" + plain +
                                  "\", set embedded.ldif to the result and embedded.database to a new file");
 }

@@ -162,6 +162,11 @@ const char* whyRefused(const wire::Request& request) {
             texts.add(request.body_as_Authenticate()->user());
             texts.add(request.body_as_Authenticate()->password());
             break;
+        case wire::Body::ChangePassword:
+            texts.add(request.body_as_ChangePassword()->user());
+            texts.add(request.body_as_ChangePassword()->old_password());
+            texts.add(request.body_as_ChangePassword()->new_password());
+            break;
         default:
             break;
     }

@@ -60,6 +60,8 @@ inline Bytes sharingFrame(wire::Body kind, const std::string& text, std::size_t 
         body = wire::CreateFetch(builder, one, one, names).Union();
     else if (kind == wire::Body::Lookup)
         body = wire::CreateLookup(builder, one, names).Union();
+    else if (kind == wire::Body::ChangePassword)
+        body = wire::CreateChangePassword(builder, one, one, one).Union();
     else
         body = wire::CreateAuthenticate(builder, one, one).Union();
     builder.Finish(wire::CreateRequest(builder, 1, list, kind, body), wire::kRequestIdentifier);
@@ -87,6 +89,15 @@ inline Bytes loginFrame(std::uint64_t id, const std::string& user, const std::st
         return wire::CreateAuthenticate(builder, name, builder.CreateString(password));
     };
     return requestFrame(id, wire::Body::Authenticate, make, options);
+}
+
+inline Bytes changeFrame(std::uint64_t id, const std::string& user, const std::string& oldPassword,
+                         const std::string& newPassword) {
+    return requestFrame(id, wire::Body::ChangePassword, [&](auto& builder) {
+        const auto name = builder.CreateString(user);
+        const auto before = builder.CreateString(oldPassword);
+        return wire::CreateChangePassword(builder, name, before, builder.CreateString(newPassword));
+    });
 }
 
 struct Reply {

@@ -17,8 +17,8 @@ namespace {
 namespace wire = vex::wire;
 using wire::Body;
 
-constexpr const char* kKindNames[] = {"none",   "search",       "next",       "close", "fetch",
-                                      "lookup", "authenticate", "attributes", "health"};
+constexpr const char* kKindNames[] = {"none",   "search",       "next",       "close",  "fetch",
+                                      "lookup", "authenticate", "attributes", "health", "password"};
 constexpr std::size_t kLongestInLog = 200;
 constexpr std::size_t kLongestDetail = 800;
 constexpr std::chrono::milliseconds kMostTimeAhead{100};  // for objects that nobody waits for yet
@@ -111,6 +111,8 @@ std::string subject(const wire::Request& request) {
     if (const auto* fetch = request.body_as_Fetch()) return "\"" + forLog(text(fetch->dn())) + "\"";
     if (const auto* lookup = request.body_as_Lookup()) return "\"" + forLog(text(lookup->guid())) + "\"";
     if (const auto* login = request.body_as_Authenticate()) return "\"" + forLog(text(login->user())) + "\"";
+    if (const auto* change = request.body_as_ChangePassword())
+        return "\"" + forLog(text(change->user())) + "\"";
     return {};
 }
 
@@ -138,6 +140,7 @@ Lane Service::lane(const wire::Request& request) const {
         case Body::SearchNext:
         case Body::Authenticate:
         case Body::SupportedAttributes:
+        case Body::ChangePassword:
             return Lane::Slow;
         default:
             return Lane::Quick;
@@ -206,6 +209,8 @@ Answer Service::dispatch(const Client& client, const wire::Request& request) {
             return listNames();
         case Body::Health:
             return health();
+        case Body::ChangePassword:
+            return changePassword(client, request);
         default:
             return refused("unknown request");
     }
@@ -305,6 +310,22 @@ Answer Service::authenticate(const Client& client, const wire::Request& request)
     return answer;
 }
 
+// Both outcomes are news for an administrator.
+Answer Service::changePassword(const Client& client, const wire::Request& request) {
+    const wire::ChangePassword& change = *request.body_as_ChangePassword();
+    const std::string user = text(change.user());
+    const vorn::Secret oldPassword(flatbuffers::GetStringView(change.old_password()));
+    const vorn::Secret newPassword(flatbuffers::GetStringView(change.new_password()));
+    Answer answer;
+    answer.result = m_directory.changePassword(user, oldPassword.text(), newPassword.text());
+    const std::string outcome =
+        answer.result.ok() ? "done" : "failed: " + forLog(answer.result.whole(), kLongestDetail);
+    AGENT_LOG(vorn::Logger::kWarning, "change of the password of \"%s\" for pid %d uid %u: %s (code %d)",
+              forLog(user).c_str(), static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
+              outcome.c_str(), answer.result.code);
+    return answer;
+}
+
 Answer Service::listNames() {
     Answer answer;
     answer.result = m_directory.supportedAttributes(answer.names);
@@ -336,12 +357,14 @@ void Service::logRequest(const Client& client, const wire::Request& request, con
     AGENT_LOG(vorn::Logger::kInfo, "%s %s from pid %d uid %u: code %d, %zu objects, %ld us",
               kKindNames[kind < kKinds ? kind : 0], subject(request).c_str(), static_cast<int>(client.pid),
               static_cast<unsigned>(client.uid), answer.result.code, answer.objects.size(), micros);
-    // What a client is not told; of log-ins it has been written already.
-    if (!answer.result.ok() && !answer.result.detail.empty() && request.body_type() != Body::Authenticate)
+    // What a client is not told; where it is about a password, it has been written already.
+    const bool written =
+        request.body_type() == Body::Authenticate || request.body_type() == Body::ChangePassword;
+    if (!answer.result.ok() && !answer.result.detail.empty() && !written)
         AGENT_LOG(vorn::Logger::kWarning, "%s failed for pid %d uid %u: %s",
                   kKindNames[kind < kKinds ? kind : 0], static_cast<int>(client.pid),
                   static_cast<unsigned>(client.uid), forLog(answer.result.detail, kLongestDetail).c_str());
-    if (answer.result.code == VEX_REFUSED)
+    if (answer.result.code == VEX_REFUSED && !written)
         AGENT_LOG(vorn::Logger::kWarning, "refused a request of pid %d uid %u: %s",
                   static_cast<int>(client.pid), static_cast<unsigned>(client.uid),
                   answer.result.errText.c_str());

@@ -69,13 +69,14 @@ class Service {
     Answer lookup(const vex::wire::Request& request);
     void lookUpAhead(const Guids& guids, const View& view, std::vector<Object>& objects);
     Answer authenticate(const Client& client, const vex::wire::Request& request);
+    Answer changePassword(const Client& client, const vex::wire::Request& request);
     Answer listNames();
     Answer health();
 
     void logRequest(const Client& client, const vex::wire::Request& request, const Answer& answer,
                     long micros) noexcept;
 
-    static constexpr std::size_t kKinds = 9;
+    static constexpr std::size_t kKinds = 10;
 
     Directory& m_directory;
     const vorn::SteadyClock& m_moments;

@@ -242,6 +242,8 @@ TEST_F(ServiceTest, TextsThatShareTheirBytesAreRefusedUncopied) {
     EXPECT_EQ(m_directory.fetches, 1);
     const std::string half(wire::kMaxRequestBytes / 2 + 1, 'x');
     EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Authenticate, half, 0, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::ChangePassword, half, 0, 0)).code, VEX_REFUSED);
+    EXPECT_EQ(m_directory.changedPassword, "");
     EXPECT_EQ(m_directory.logins, 0);
 }
 
@@ -390,13 +392,36 @@ TEST_F(ServiceTest, LookUpsAheadAreLimited) {
     EXPECT_EQ(m_directory.fetches, before);
 }
 
+TEST_F(ServiceTest, APasswordIsChangedByTheDirectory) {
+    EXPECT_EQ(ask(m_ann, changeFrame(1, "ann", "right", "new")).code, VEX_OK);
+    EXPECT_EQ(m_directory.changedPassword, "ann right new");
+    EXPECT_EQ(ask(m_ann, changeFrame(1, "ann", "wrong", "new")).code, VEX_WRONG_PASSWORD);
+    const Reply bad = ask(m_ann, changeFrame(1, "ann", "right", "bad"));
+    EXPECT_EQ(bad.code, VEX_REFUSED);
+    EXPECT_EQ(bad.errSystem, VEX_ERR_LDAP);
+    EXPECT_EQ(bad.errCode, 19);
+    EXPECT_EQ(bad.errText, "too short");
+    EXPECT_THAT(m_service.statistics(), ::testing::HasSubstr("password 3, failed 2;"));
+}
+
+TEST_F(ServiceTest, AChangeOfAPasswordIsInTheLogAndNoPasswordIs) {
+    using ::testing::HasSubstr;
+    using ::testing::Not;
+    const std::string done = logged(m_ann, changeFrame(1, "ann", "right", "n3w"));
+    EXPECT_THAT(done, HasSubstr("change of the password of \"ann\" for pid 10 uid 1: done (code 0)\n"));
+    EXPECT_THAT(done, Not(HasSubstr("n3w")));
+    EXPECT_THAT(done, Not(HasSubstr("right")));
+    EXPECT_THAT(logged(m_ann, changeFrame(1, "ann", "0ld", "n3w")),
+                HasSubstr("uid 1: failed: wrong password (code 14)\n"));
+}
+
 TEST_F(ServiceTest, StatisticsCountByKind) {
     ask(m_ann, searchFrame(1, "3"));
     ask(m_ann, searchFrame(1, ""));
     ask(m_ann, loginFrame(2, "ann", "wrong"));
     EXPECT_EQ(m_service.statistics(),
               "requests served: search 2, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
-              "health 0, "
+              "health 0, password 0, "
               "failed 1; open searches: 1; client processes: 2");
 }
 

@@ -6,6 +6,9 @@
 //     vex_load partial N        opens N searches of everybody, reads one entry of each; the same
 //     vex_load rounds N         N rounds of every request, well and ill formed
 //
+//     vex_load password USER    gives the user a new password: reads the old one and the new
+//                               one, a line each, and says the code and the error behind it
+//
 // Ends with status 0 and, after rounds, a line "rounds OPEN-DESCRIPTORS THREADS" that
 // tells what the process holds beyond what it held after the first rounds. Otherwise it
 // says what was wrong. The settings file is the one that ZANTHE_CONF names.
@@ -13,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -149,6 +153,26 @@ void badRequests(vexSession* session) {
     expect(VEX_OK, "vexLdapSearchClose", vexLdapSearchClose(handle));
 }
 
+std::string line() {
+    std::string text;
+    std::getline(std::cin, text);
+    return text;
+}
+
+void changePassword(const char* user) {
+    const std::string before = line();
+    const std::string after = line();
+    vexSession* session = open();
+    const vexCode code = vexAuthChangePassword(session, user, before.c_str(), after.c_str());
+    int system = 0;
+    int error = 0;
+    char* text = nullptr;
+    vexGetLastProtocolError(session, &system, &error, &text);
+    std::printf("%d %d %s\n", code, error, text == nullptr ? "" : text);
+    vexFreeString(text);
+    vexSessionClose(session);
+}
+
 std::pair<long, long> descriptorsAndThreads() {
     const auto count = [](const char* folder) {
         long files = 0;
@@ -188,8 +212,10 @@ int main(int count, char** words) {
         partial(number(2));
     } else if (what == "rounds" && count == 3) {
         rounds(number(2));
+    } else if (what == "password" && count == 3) {
+        changePassword(words[2]);
     } else {
-        std::fprintf(stderr, "usage: vex_load sessions S N | partial N | rounds N\n");
+        std::fprintf(stderr, "usage: vex_load sessions S N | partial N | rounds N | password USER\n");
         return 2;
     }
     return 0;

@@ -411,6 +411,33 @@ vexCode vexAuthValidatePlainTextUser(vexSession* session, const char* user, cons
     return VEX_WRONG_PASSWORD;
 }
 
+// The old password is checked as a log-in's; any new one is taken, and becomes the password.
+vexCode vexAuthChangePassword(vexSession* session, const char* user, const char* oldPassword,
+                              const char* newPassword) {
+    mayWait();
+    bool show;
+    {
+        std::lock_guard guard(state().mutex);
+        show = state().showPasswords;
+    }
+    const Inside inside;
+    const auto shown = [show](const char* password) {
+        return show ? quoted(password) : std::string("<hidden>");
+    };
+    Call call("vexAuthChangePassword", named(session), quoted(user), shown(oldPassword), shown(newPassword));
+    if (int code = call.answer(session)) return code;
+    auto known = call.tables().users.find(user ? user : "");
+    if (known == call.tables().users.end()) return VEX_NO_SUCH_USER;
+    const auto right = known->second.find(oldPassword ? oldPassword : "");
+    if (right == known->second.end()) return VEX_WRONG_PASSWORD;
+    const int code = right->second;
+    if (code == VEX_OK) {
+        known->second.erase(right);
+        known->second[newPassword ? newPassword : ""] = VEX_OK;
+    }
+    return code;
+}
+
 vexCode vexGetObjectSupportedAttributes(vexSession* session, vexStringSet** names) {
     mayWait();
     Call call("vexGetObjectSupportedAttributes", named(session));

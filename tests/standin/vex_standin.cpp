@@ -22,7 +22,8 @@ constexpr std::string_view kRequests[] = {"vexSessionOpen",
                                           "vexExpectLookups",
                                           "vexGetLastProtocolError",
                                           "vexGetObjectSupportedAttributes",
-                                          "vexAuthValidatePlainTextUser"};
+                                          "vexAuthValidatePlainTextUser",
+                                          "vexAuthChangePassword"};
 
 constexpr std::string_view kOthers[] = {
     "vexGetVexCodeStr",        "vexGetErrSystemStr",       "vexGetAttributeStr",  "vexGetAttributeBool",

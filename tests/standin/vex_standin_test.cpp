@@ -206,6 +206,11 @@ TEST_F(VexStandin, ChecksPasswordsAgainstTheTable) {
     standin::user("CN=bob", "old", VEX_ACCOUNT_REFUSED);
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=ann", "secret", 0), VEX_OK);
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=ann", "Secret", 0), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(vexAuthChangePassword(session, "CN=ann", "Secret", "new"), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(vexAuthChangePassword(session, "CN=ann", "secret", "new"), VEX_OK);
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=ann", "new", 0), VEX_OK);
+    EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=ann", "secret", 0), VEX_WRONG_PASSWORD);
+    EXPECT_EQ(vexAuthChangePassword(session, "CN=nobody", "secret", "new"), VEX_NO_SUCH_USER);
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, "CN=bob", "old", 0), VEX_ACCOUNT_REFUSED);
     EXPECT_EQ(vexAuthValidatePlainTextUser(session, nullptr, "x", 0), VEX_NO_SUCH_USER);
     EXPECT_EQ(vexAuthValidatePlainTextUser(nullptr, "CN=ann", "secret", 0), VEX_BROKEN_HANDLE);

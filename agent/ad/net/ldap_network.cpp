@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "agent/ad/net/password_change.h"
 #include "agent/ad/net/password_check.h"
 #include "agent/ad/net/searching.h"
 #include "vorn/own_file.h"
@@ -118,6 +119,12 @@ Expected<Accepted, KdcFailure> LdapNetwork::askKdc(const Place& place, const std
                                                    const std::string& password, const Deadline& deadline) {
     KdcConversation kdc([this](const std::string& realm) { return controllersOf(realm); }, deadline);
     return checkPassword(m_options, kdc, account, at(place).name(), password);
+}
+
+Expected<Done, ChangeFailure> LdapNetwork::changePassword(const Place& place, const PasswordChange& change,
+                                                          const Deadline& deadline) {
+    KdcConversation kdc([this](const std::string& realm) { return controllersOf(realm); }, deadline);
+    return changeByKerberos(m_options, kdc, change, at(place).name(), deadline);
 }
 
 Expected<Done, LdapFailure> LdapNetwork::probe(const Place& place, Look look, const Deadline& deadline) {

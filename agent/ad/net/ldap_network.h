@@ -13,10 +13,11 @@
 #include "agent/ad/net/housekeeper.h"
 #include "agent/ad/net/ldap_connector.h"
 #include "agent/ad/network.h"
+#include "agent/ad/password_changer.h"
 
 namespace vexagent {
 
-class LdapNetwork : public Network {
+class LdapNetwork : public Network, public PasswordChanger {
   public:
     // Asks nothing yet: a domain that is out of reach is found out by the requests.
     // Changes this process's environment (see Tickets), so no other thread runs yet.
@@ -34,6 +35,9 @@ class LdapNetwork : public Network {
                                          const std::string& password, const Deadline& deadline) override;
     Expected<Accepted, KdcFailure> askKdc(const Place& place, const std::string& account,
                                           const std::string& password, const Deadline& deadline) override;
+    // By Kerberos.
+    Expected<Done, ChangeFailure> changePassword(const Place& place, const PasswordChange& change,
+                                                 const Deadline& deadline) override;
     Expected<Done, LdapFailure> probe(const Place& place, Look look, const Deadline& deadline) override;
     void tend(std::function<void()> work) override;
     const vorn::SteadyClock& clock() const override { return m_context.clock; }
