@@ -27,7 +27,8 @@ class FakeChanger : public PasswordChanger {
         asked.push_back(place.name + " " + change.account + " " + change.oldPassword + " " +
                         change.newPassword);
         if (failure) return vorn::unexpected(*failure);
-        m_domain.setPassword("CN=" + change.account + "," + test::kPeople, change.account, change.newPassword);
+        m_domain.setPassword("CN=" + change.account + "," + test::kPeople, change.account,
+                             change.newPassword);
         return Done();
     }
 

@@ -38,8 +38,8 @@ class KpasswdReply : public ::testing::Test {
         parts.error = 60;
         char realm[] = "EXAMPLE.COM";
         krb5_principal server = nullptr;
-        EXPECT_EQ(krb5_build_principal(m_kerberos.get(), &server, sizeof realm - 1, realm, "kadmin", "changepw",
-                                       nullptr),
+        EXPECT_EQ(krb5_build_principal(m_kerberos.get(), &server, sizeof realm - 1, realm, "kadmin",
+                                       "changepw", nullptr),
                   0);
         parts.server = server;
         parts.e_data = {KV5M_DATA, static_cast<unsigned>(data.size()), const_cast<char*>(data.data())};
@@ -61,9 +61,10 @@ class KpasswdReply : public ::testing::Test {
 };
 
 TEST_F(KpasswdReply, ThatIsMalformedIsNone) {
-    for (const std::string& bytes : {std::string(), std::string("x"), std::string(6, '\0'), framed("", ""),
-                                     framed("proof", ""), framed("proof", "sealed"), framed("", "no error"),
-                                     framed("", "sealed") + "more", std::string("\x7E"), std::string(70'000, 'x')})
+    for (const std::string& bytes :
+         {std::string(), std::string("x"), std::string(6, '\0'), framed("", ""), framed("proof", ""),
+          framed("proof", "sealed"), framed("", "no error"), framed("", "sealed") + "more",
+          std::string("\x7E"), std::string(70'000, 'x')})
         EXPECT_EQ(read(bytes), -1) << bytes.size();
 }
 
