@@ -126,7 +126,7 @@ Krb<PasswordReply> PasswordTalk::read(std::string_view reply) {
     const std::size_t proof = numberIn(reply.substr(4, 2));
     const std::string_view rest = reply.substr(kHeaderBytes);
     if (proof == 0) return readError(rest);
-    if (proof >= rest.size()) return malformed();
+    if (m_context == nullptr || proof >= rest.size()) return malformed();
     krb5_error_code code = verify(rest.substr(0, proof));
     const krb5_data sealed = dataOf(rest.substr(proof));
     KrbData result(context);
