@@ -368,8 +368,8 @@ TEST_F(ServiceTest, ARequestIsOfOneOfTheKindsThatThereAre) {
     };
     EXPECT_FALSE(isKnown(0));
     EXPECT_TRUE(isKnown(1));
-    EXPECT_TRUE(isKnown(static_cast<int>(wire::Body::Health)));
-    EXPECT_FALSE(isKnown(static_cast<int>(wire::Body::Health) + 1));
+    EXPECT_TRUE(isKnown(static_cast<int>(wire::Body::ChangePassword)));
+    EXPECT_FALSE(isKnown(static_cast<int>(wire::Body::ChangePassword) + 1));
 }
 
 TEST_F(ServiceTest, AfterASlowLookUpNoneIsMadeAhead) {
