@@ -10,7 +10,6 @@
 
 UNCALLED(access_allowed_mask)
 UNCALLED(ad_inlist)
-UNCALLED(an_find)
 UNCALLED(attr_find)
 UNCALLED(attr_merge)
 UNCALLED(be_issuffix)
@@ -21,6 +20,7 @@ UNCALLED(dnParent)
 UNCALLED(dnPrettyNormal)
 UNCALLED(entry_alloc)
 UNCALLED(entry_dup)
+UNCALLED(filter2bv_x)
 UNCALLED(is_ad_subtype)
 UNCALLED(oc_bvfind)
 UNCALLED(ordered_value_normalize)
@@ -29,5 +29,3 @@ UNCALLED(ordered_value_validate)
 UNCALLED(slap_bv2ad)
 UNCALLED(slap_compare_entry)
 UNCALLED(slap_operational_hasSubordinate)
-
-__attribute__((weak)) void* slap_bv_all_user_attrs[2];
