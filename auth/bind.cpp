@@ -2,19 +2,18 @@
 #include "auth/bind.h"
 
 #include <cstdint>
-#include <cstring>
 #include <exception>
 
 #include "auth/binder.h"
 #include "auth/credentials.h"
 #include "auth/statistics.h"
+#include "auth/texts.h"
 #include "backend/base/agent_turns.h"
 #include "backend/base/failure.h"
 #include "backend/base/log.h"
 #include "backend/base/settings.h"
 #include "backend/base/supported_attributes.h"
 #include "vex/handles.h"
-#include "vorn/dn.h"
 
 #include "backend/base/slapd.h"
 
@@ -49,16 +48,6 @@ void preferCachedAuthentication(vexSession* session) {
     vexSetOption(session, VEX_OPTION_ALLOW_CACHED, &kOn, sizeof kOn);
 }
 
-// Texts are read up to a NUL. So a name with a NUL could be taken for another name, and a
-// password with a NUL for its first part.
-bool holdsNul(const berval& text) {
-    return text.bv_val != nullptr && std::memchr(text.bv_val, '\0', text.bv_len) != nullptr;
-}
-
-bool namesNobody(const berval& dn) {
-    return dn.bv_val != nullptr && vorn::DN::holdsNul({dn.bv_val, dn.bv_len});
-}
-
 // Asks the agent, which takes texts that end at their first NUL.
 vexCode validate(vexSession* session, const Operation* op) {
     if (namesNobody(op->o_req_dn)) return VEX_NO_SUCH_USER;
@@ -69,10 +58,10 @@ vexCode validate(vexSession* session, const Operation* op) {
 
 // Keeps what the agent has just validated. The agent accepts neither an absent name
 // nor an absent password; if it ever did, there would be nothing to remember it by.
-void remember(const Operation* op) {
+void remember(const Operation* op, std::uint64_t asOf) {
     const char* dn = op->o_req_dn.bv_val;
     const char* password = op->orb_cred.bv_val;
-    if (dn != nullptr && password != nullptr) back_vex_creds->addCreds(op->o_connid, dn, password);
+    if (dn != nullptr && password != nullptr) back_vex_creds->addCreds(op->o_connid, dn, password, asOf);
 }
 
 }  // namespace
@@ -100,13 +89,14 @@ int Binder::askAgent(Operation* op, SlapReply* rs) {
     if (const vexCode code = provideSupportedAttributes(opened); code != VEX_OK)
         return fail(opened, "vexGetObjectSupportedAttributes ", code, op, rs);
     preferCachedAuthentication(opened);
+    const std::uint64_t clearings = back_vex_creds->clearings();
     if (const vexCode code = validate(opened, op); code != VEX_OK) {
         fail(opened, "vexAuth ", code, op, rs);
         return LDAP_INVALID_CREDENTIALS;
     }
     session.reset();
     const std::int64_t end = m_clock();
-    remember(op);
+    remember(op, clearings);
     m_statistics.countAgentSuccess(start, end);
     return LDAP_SUCCESS;
 }

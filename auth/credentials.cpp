@@ -87,7 +87,13 @@ std::time_t CredManager::doCacheAuth(const char* dn, const char* password) {
     return credential.created;
 }
 
-void CredManager::addCreds(unsigned long connection, const std::string& dn, std::string_view password) {
+std::uint64_t CredManager::clearings() {
+    const vorn::ReaderLock guard(m_lock);
+    return m_clearings;
+}
+
+void CredManager::addCreds(unsigned long connection, const std::string& dn, std::string_view password,
+                           std::uint64_t asOf) {
     vorn::Secret salt;
     if (!makeSalt(&salt)) {
         JError("vex bind : Salt generation failed");
@@ -102,6 +108,7 @@ void CredManager::addCreds(unsigned long connection, const std::string& dn, std:
     Order place{nullptr};
 
     const vorn::WriterLock guard(m_lock);
+    if (m_clearings != asOf) return;
     Connection& user = pointed(connection, dn);
     count(user, install(&fresh, &place));
     while (m_binds.size() > static_cast<std::size_t>(gCredMax)) forget(m_binds.find(*m_order.front()));
@@ -178,6 +185,7 @@ void CredManager::delCreds(unsigned long connection) {
 
 void CredManager::clearCreds() {
     const vorn::WriterLock guard(m_lock);
+    ++m_clearings;
     m_binds.clear();
     m_order.clear();
     m_connections.clear();

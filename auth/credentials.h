@@ -34,8 +34,16 @@ class CredManager {
     // The creation time of the live credential that matches, or 0.
     std::time_t doCacheAuth(const char* dn, const char* password);
 
-    // Keeps a credential that the agent has just validated, used by a connection.
-    void addCreds(unsigned long connection, const std::string& dn, std::string_view password);
+    // How often everything was forgotten so far.
+    std::uint64_t clearings();
+
+    // Keeps a credential that the agent has just validated, used by a connection; but not
+    // if everything was forgotten since so many clearings: the password may be an old one.
+    void addCreds(unsigned long connection, const std::string& dn, std::string_view password,
+                  std::uint64_t asOf);
+    void addCreds(unsigned long connection, const std::string& dn, std::string_view password) {
+        addCreds(connection, dn, password, clearings());
+    }
 
     // Records that a connection bound with a DN that was answered from the cache.
     void addConnID(unsigned long connection, std::string_view dn);
@@ -43,7 +51,7 @@ class CredManager {
     // Forgets a closed connection, and the credential that it was the last to use.
     void delCreds(unsigned long connection);
 
-    // Forgets everything.
+    // Forgets everything. Cannot fail.
     void clearCreds();
 
   private:
@@ -81,9 +89,10 @@ class CredManager {
     void forget(Binds::iterator bind);
 
     const vorn::Clock m_clock;
-    Binds m_binds;              // by DN, as bytes; guarded by m_lock
-    Connections m_connections;  // guarded by m_lock
-    Order m_order;              // the DNs of m_binds, the least recently used first; guarded by m_lock
+    Binds m_binds;                  // by DN, as bytes; guarded by m_lock
+    Connections m_connections;      // guarded by m_lock
+    Order m_order;                  // the DNs of m_binds, the least recently used first; guarded by m_lock
+    std::uint64_t m_clearings = 0;  // guarded by m_lock
     vorn::ReaderWriterLock m_lock;
 };
 

@@ -7,6 +7,7 @@
 
 #include "auth/bind.h"
 #include "auth/credentials.h"
+#include "auth/password_change.h"
 #include "backend/backend.h"
 #include "backend/base/log.h"
 #include "cache/search_cache.h"
@@ -70,6 +71,7 @@ void installHooks(BackendInfo* bi, bool standard) {
     bi->bi_op_delete = bi->bi_op_add;
     bi->bi_op_modify = bi->bi_op_add;
     bi->bi_op_modrdn = bi->bi_op_add;
+    bi->bi_extended = standard ? vex_back_extended : nullptr;
     bi->bi_operational = standard ? standard::operational : nullptr;
     bi->bi_has_subordinates = standard ? standard::hasSubordinates : nullptr;
     bi->bi_entry_get_rw = standard ? standard::getEntry : nullptr;

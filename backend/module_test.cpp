@@ -18,6 +18,7 @@
 
 #include "auth/bind.h"
 #include "auth/credentials.h"
+#include "auth/password_change.h"
 #include "backend/backend.h"
 #include "cache/search_cache.h"
 #include "search/handles.h"
@@ -110,6 +111,7 @@ TEST_F(ModuleTest, TheStandardModesHooksComeAndGoWithIt) {
     for (BI_op_func* write : {info.bi_op_add, info.bi_op_delete, info.bi_op_modify, info.bi_op_modrdn})
         EXPECT_EQ(write, standard::refuseWrite);
     EXPECT_EQ(info.bi_op_compare, standard::compare);
+    EXPECT_EQ(info.bi_extended, vex_back_extended);
     EXPECT_EQ(info.bi_db_open, standard::openDatabase);
     EXPECT_EQ(info.bi_entry_get_rw, standard::getEntry);
     EXPECT_EQ(info.bi_entry_release_rw, standard::releaseEntry);

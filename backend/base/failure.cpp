@@ -139,12 +139,16 @@ class Diagnosis {
 
 }  // namespace
 
-void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
-                       Operation* op, SlapReply* rs) {
+int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text) {
     const Diagnosis diagnosis(session, context, code, size);
     JPrintf("%s", diagnosis.text());
     std::memcpy(text, diagnosis.text(), std::strlen(diagnosis.text()) + 1);
-    rs->sr_err = diagnosis.result();
+    return diagnosis.result();
+}
+
+void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
+                       Operation* op, SlapReply* rs) {
+    rs->sr_err = explainFailure(session, context, code, size, text);
     rs->sr_text = text;
     send_ldap_result(op, rs);
 }

@@ -21,3 +21,6 @@ inline constexpr char kTooManyWaitText[] = "vex dirgate: too many requests wait 
 // it, so it must live until the result is sent.
 void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
                        Operation* op, SlapReply* rs);
+
+// The same without sending: the LDAP result, and its text in the buffer.
+int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text);

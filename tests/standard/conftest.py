@@ -15,9 +15,10 @@ import pytest  # noqa: E402
 
 import company  # noqa: E402
 from compare import DN_SYNTAX  # noqa: E402
-from gateway import EXAMPLES, Slapd  # noqa: E402
+from gateway import EXAMPLES  # noqa: E402
 from judge import Judge, Schema, ldif  # noqa: E402
-from peer import SCHEMAS, Mdb  # noqa: E402
+from peer import Mdb  # noqa: E402
+from standard import Standard  # noqa: E402
 from world import pytest_runtest_makereport, shared_world  # noqa: E402,F401
 
 
@@ -25,13 +26,6 @@ from world import pytest_runtest_makereport, shared_world  # noqa: E402,F401
 def map_file(request):
     """The translation map of a file of tests: its MAP, or the one for applications."""
     return EXAMPLES / getattr(request.module, "MAP", "applications.map")
-
-
-class Standard(Slapd):
-    """The gateway in the standard mode, with the schemas that go with its map."""
-
-    SCHEMAS = [schema for schema in SCHEMAS if schema != EXAMPLES / "zanthedx.schema"]
-    DIRECTIVES = ("dirgate.ldap.standard true", "dirgate.netgroup.use.rfc2307nisnetgroup true")
 
 
 @pytest.fixture(scope="module")
@@ -60,7 +54,7 @@ def agent(shared_world):
 @pytest.fixture(scope="module")
 def gateway(request, shared_world, agent, map_file):
     """With the directives that a file of tests adds: its MORE."""
-    directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES, *getattr(request.module, "MORE", ()))
+    directives = (f'vextranslation "{map_file}"', *Standard.MODE, *getattr(request.module, "MORE", ()))
     return Standard(shared_world.folder, shared_world.running_servers, env=agent.env, directives=directives).start()
 
 

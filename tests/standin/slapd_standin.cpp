@@ -121,6 +121,15 @@ void FakeOperation::bind(const std::string& name, const std::string& password) {
     m_operation.orb_cred = keep(password);
 }
 
+void FakeOperation::extended(const std::string& who, const char* oid, const std::string& data) {
+    m_operation.o_tag = LDAP_REQ_EXTENDED;
+    m_operation.o_dn = keep(who);
+    m_operation.o_ndn = keep(who);
+    m_operation.ore_reqoid = keep(oid);
+    m_data = keep(data);
+    m_operation.ore_reqdata = &m_data;
+}
+
 void FakeOperation::dn(const std::string& name, const std::string& normalized) {
     m_operation.o_req_dn = keep(name);
     m_operation.o_req_ndn = keep(normalized);

@@ -117,6 +117,8 @@ class FakeOperation {
     void bind(const char* dn, const char* password);
     // The same with texts that may hold a NUL.
     void bind(const std::string& dn, const std::string& password);
+    // An extended operation of somebody, with its data.
+    void extended(const std::string& who, const char* oid, const std::string& data);
     // The request's DN, both forms.
     void dn(const char* dn, const char* normalized);
     void dn(const std::string& dn, const std::string& normalized);
@@ -134,6 +136,7 @@ class FakeOperation {
     BackendDB m_database{};
     std::deque<vorn::Secret> m_texts;
     std::vector<berval> m_suffixes;
+    berval m_data{};
 };
 
 }  // namespace standin

@@ -17,6 +17,7 @@ int connection_pool_max = 16;
 struct slap_control_ids slap_cids;
 char* slap_known_controls[SLAP_MAX_CIDS + 1];
 struct slap_internal_schema slap_schema;
+const berval slap_EXOP_MODIFY_PASSWD = BER_BVC(LDAP_EXOP_MODIFY_PASSWD);
 }
 
 namespace {
@@ -211,6 +212,29 @@ int slap_str2ad(const char* name, AttributeDescription** description, const char
         return LDAP_UNDEFINED_TYPE;
     }
     *description = &found->second->description;
+    return LDAP_SUCCESS;
+}
+
+// As slapd's, the texts lie in the request, and end without a NUL.
+int slap_passwd_parse(berval* request, berval* id, berval* oldPassword, berval* newPassword,
+                      const char** text) {
+    const standin::Inside inside;
+    if (request == nullptr) return LDAP_SUCCESS;
+    BerElementBuffer buffer{};
+    auto* ber = reinterpret_cast<BerElement*>(&buffer);
+    ber_init2(ber, request, 0);
+    ber_len_t length = 0;
+    ber_skip_tag(ber, &length);
+    berval* const parts[] = {id, oldPassword, newPassword};
+    while (length > 0) {
+        const ber_tag_t tag = ber_peek_tag(ber, &length);
+        if (tag == LBER_DEFAULT) break;
+        if (tag < LDAP_TAG_EXOP_MODIFY_PASSWD_ID || tag > LDAP_TAG_EXOP_MODIFY_PASSWD_NEW) {
+            *text = "data decoding error";
+            return LDAP_PROTOCOL_ERROR;
+        }
+        ber_get_stringbv(ber, parts[tag - LDAP_TAG_EXOP_MODIFY_PASSWD_ID], LBER_BV_NOTERM);
+    }
     return LDAP_SUCCESS;
 }
 
