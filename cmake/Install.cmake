@@ -43,7 +43,7 @@ install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zanthedx
 
 # What configurations name. Whoever changes the map changes a copy.
 install(FILES examples/zanthedx.schema examples/rfc2307bis.schema examples/sudo.schema
-              examples/rfc2307.map examples/applications.map DESTINATION ${shared})
+              examples/mail.schema examples/rfc2307.map examples/applications.map DESTINATION ${shared})
 
 # What people read. The folders are those of the source tree, so that links hold.
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -1,7 +1,7 @@
 #!/usr/bin/perl
 # SPDX-License-Identifier: Apache-2.0
-# Net::LDAP: logs in, looks a person up, counts everybody page by page, and tries what
-# the gateway does not do.
+# Net::LDAP: logs in, looks a person up, counts everybody page by page, compares, and
+# tries what the gateway does not do.
 #
 #     people.pl URI AUTHORITY DN PASSWORD
 use strict;

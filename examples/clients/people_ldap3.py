@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""ldap3: logs in, looks a person up, counts everybody page by page, and tries what the
-gateway does not do.
+"""ldap3: logs in, looks a person up, counts everybody page by page, compares, and tries
+what the gateway does not do.
 
     people_ldap3.py URI AUTHORITY DN PASSWORD
 
@@ -20,8 +20,8 @@ def pages(connection, filter, attributes, size):
     cookie = None
     while True:
         connection.search(BASE, filter, attributes=attributes, paged_size=size, paged_criticality=True, paged_cookie=cookie)
-        # The last page's result comes twice. When ldap3 sees both, it shows the second
-        # one, which has no controls, and lists them among the entries.
+        # Without the standard mode the last page's result comes twice. When ldap3 sees both,
+        # it shows the second one, which has no controls, and lists them among the entries.
         yield [answer for answer in connection.response if answer["type"] == "searchResEntry"]
         controls = connection.result.get("controls")
         cookie = controls[PAGED_RESULTS]["value"]["cookie"] if controls else None

@@ -19,15 +19,22 @@ import subprocess
 import sys
 import urllib.parse
 
+from directories import DIRECTORY
 from gateway import ROOT, SECONDS, SLAPD, Server, Slapd, accepts, wait_until
+from standard import Standard
 
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLES = ROOT / "examples/clients"
 UNPACKED = pathlib.Path(os.environ.get("ZX_CLIENTS") or ROOT / "build/clients").absolute()
 PACKAGES = UNPACKED / "root"
+# Which mode the gateway is in. Each has its directory, unless ZX_MODE says "standard" or "exact".
+STANDARD = (os.environ.get("ZX_MODE") or {"embedded": "standard", "ad": "exact"}[DIRECTORY.kind]) == "standard"
 USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/var/www"), ("nobody", 65534, "/nonexistent"))
 NAME, GATEWAY = "build01.example.com", "gateway.example.com"
+# What slapd says of a password change: in the standard mode the database has a function for it.
+NO_CHANGE = "unwilling to verify old password" if STANDARD else "operation not supported for current user"
 SPRING = "2026-03-01"  # the password dates of the example are good for another 167 days
+FAKETIME = "/usr/$LIB/faketime/libfaketimeMT.so.1"
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
 
 # The folders of all hosts that there have been.
@@ -103,13 +110,13 @@ class Host:
         return self.shell(f"python3 -c 'import socket; socket.create_connection((\"127.0.0.1\", {door}), 1)'").status == 0
 
     def start_nslcd(self, date=None):
-        """nslcd; on a date, when one is given: it looks at password ages. set_date()
-        changes it."""
+        """nslcd; on a date, when one is given: it looks at password ages, and so does
+        pam_unix in the programs that use it. set_date() changes it."""
         faketime = {}
         if date is not None:
             self.set_date(date)  # in a file, as nslcd clears its environment
-            faketime = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1",
-                        "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+            assert self.shell(f"echo '{FAKETIME}' > /etc/ld.so.preload").status == 0  # sudo takes none from its environment
+            faketime = {"FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         return self.start("nslcd", "nslcd --nofork", "/run/nslcd/socket", faketime)
 
     def set_date(self, date):
@@ -159,7 +166,7 @@ class Daemon(Server):
         wait_until(lambda: not self.host.answers(self.door), f"{self.name} is gone")
 
 
-class HostSlapd(Slapd):
+class HostSlapd(Standard if STANDARD else Slapd):
     """slapd on the host's loopback, at the usual ports. The tests themselves reach it by
     its Unix socket."""
 

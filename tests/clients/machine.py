@@ -7,7 +7,7 @@ import socket
 
 # Log-ins, name service, LDAP, sudo, web server: files, and folders with all that is in them.
 FILES = ("etc/nsswitch.conf", "etc/passwd", "etc/group", "etc/shadow", "etc/gshadow", "etc/hosts", "etc/hostname", "etc/krb5.conf",
-         "etc/nslcd.conf", "etc/sudoers", "etc/faketimerc", "etc/ld.so.cache", "etc/pam.d", "etc/security", "etc/sudoers.d", "etc/sssd",
+         "etc/nslcd.conf", "etc/sudoers", "etc/faketimerc", "etc/ld.so.cache", "etc/ld.so.preload", "etc/pam.d", "etc/security", "etc/sudoers.d", "etc/sssd",
          "etc/apache2", "etc/ldap", "etc/zanthe", "etc/init.d", "usr/share/pam-configs", "var/lib/sss")
 # What daemons leave behind.
 TRACES = ("run/nslcd", "run/sssd.pid", "run/apache2.pid", "run/sudo", "run/slapd/ldapi", "var/log/sssd", "var/www", "usr/sbin/nslcd",

@@ -4,7 +4,7 @@ import base64
 
 import pytest
 
-from client_host import EXAMPLES, HERE, Host
+from client_host import EXAMPLES, HERE, STANDARD, Host
 
 OK, LOG_IN = 200, 401
 # Prints the status of an answer: the path and the Authorization come as arguments.
@@ -21,7 +21,7 @@ def host(shared_world, tls):
     host = Host(shared_world, {"apache2/httpd.conf": HERE / "httpd.conf", "apache2/zanthedx.conf": EXAMPLES / "apache.conf",
                                "zanthe/authority.pem": tls / "authority.pem"})
     host.gateway(shared_world.agent().start(), tls)
-    for page in ("", "engineering", "compare"):
+    for page in ("", "engineering", "group", "attribute"):
         host.shell(f"mkdir -p /var/www/{page}; echo hello > /var/www/{page}/page")
     host.start("apache", "apache2 -f /etc/apache2/httpd.conf -D FOREGROUND", 80)
     return host
@@ -61,6 +61,9 @@ def test_the_members_of_a_group(host, name, answer):
     assert status(host, "/engineering/page", name, "welcome") == answer
 
 
-def test_ldap_group_lets_nobody_in(host):
-    assert status(host, "/compare/page", "ann", "welcome") == LOG_IN
-    assert status(host, "/page", "ann", "welcome") == OK
+@pytest.mark.parametrize("page", ["group", "attribute"])
+@pytest.mark.parametrize("name", ["ann", "ben", "mei"])
+def test_what_compares_lets_people_in_in_the_standard_mode_alone(host, page, name):
+    """ben is in the group by way of the group kernel."""
+    assert status(host, f"/{page}/page", name, "welcome") == (OK if STANDARD and name != "mei" else LOG_IN)
+    assert status(host, "/page", name, "welcome") == OK

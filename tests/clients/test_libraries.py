@@ -3,17 +3,18 @@
 over TLS. JNDI reads by pages."""
 import pytest
 
-from client_host import EXAMPLES, GATEWAY, Host
+from client_host import EXAMPLES, GATEWAY, STANDARD, Host
 from gateway import ROOT, SUFFIX
 
-DN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
+DN = f"cn={'Ann Lee' if STANDARD else 'ann'},ou=Engineering,ou=People,{SUFFIX}"
+NOBODY, COMPARED = (0, 6) if STANDARD else (32, 53)
 SAID = f"""\
 wrong password: 49
 logged in: dn:{DN}
 found: {DN} 20001 ann@example.com
-nobody: 32
+nobody: {NOBODY}
 pages: 10 10 10 8
-compare: 53
+compare: {COMPARED}
 modify: 53
 add: 53
 rename: 53

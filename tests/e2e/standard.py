@@ -9,7 +9,7 @@ class Standard(Slapd):
     """With the schemas that go with its maps."""
 
     SCHEMAS = [*(f"/etc/ldap/schema/{name}.schema" for name in ("core", "cosine", "inetorgperson")),
-               *(EXAMPLES / f"{name}.schema" for name in ("rfc2307bis", "sudo"))]
+               *(EXAMPLES / f"{name}.schema" for name in ("rfc2307bis", "sudo", "mail"))]
     MODE = ("dirgate.ldap.standard true", "dirgate.netgroup.use.rfc2307nisnetgroup true")
     DIRECTIVES = (f'vextranslation "{EXAMPLES}/applications.map"', *MODE)
 

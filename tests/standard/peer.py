@@ -6,9 +6,9 @@ import subprocess
 import ldap
 
 from gateway import EXAMPLES, SLAPD, SUFFIX, Server, accepts, free_port
+from standard import Standard
 
-SCHEMAS = [*(f"/etc/ldap/schema/{name}.schema" for name in ("core", "cosine", "inetorgperson")),
-           *(EXAMPLES / f"{name}.schema" for name in ("rfc2307bis", "sudo", "zanthedx"))]
+SCHEMAS = [*Standard.SCHEMAS, EXAMPLES / "zanthedx.schema"]
 
 
 class Mdb(Server):

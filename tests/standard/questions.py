@@ -21,7 +21,7 @@ WITH_OPTIONS = ("cn;lang-en", "uid;x-foo", "userCertificate;binary", "descriptio
 OPERATIONAL = ("entryDN", "entryUUID", "createTimestamp", "modifyTimestamp", "structuralObjectClass", "hasSubordinates",
                "subschemaSubentry", "numSubordinates")
 CLASSES = ("top", "person", "inetOrgPerson", "posixAccount", "shadowAccount", "posixGroup", "groupOfNames", "groupOfMembers",
-           "adObject", "organizationalUnit", "container", "domain", "device", "ipHost", "ieee802Device", "nisNetgroup",
+           "adObject", "mailGroup", "organizationalUnit", "container", "domain", "device", "ipHost", "ieee802Device", "nisNetgroup",
            "automountMap", "automount", "sudoRole", "ipService", "ipProtocol", "oncRpc", "ipNetwork", "user", "group", "computer",
            "nisMap", "noSuchClass", "alias", "POSIXACCOUNT", "1.3.6.1.1.1.2.0", "2.5.6.6", "*", "")
 RULES = ("caseIgnoreMatch", "caseExactMatch", "2.5.13.2", "integerMatch", "distinguishedNameMatch", "dnSubtreeMatch",
