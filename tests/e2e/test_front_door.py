@@ -76,9 +76,10 @@ def test_make_run_once(world):
     result = subprocess.run(["make", "run", f"PORT={port}", f"RUN_DIR={world.folder}/run", "ONESHOT=1"], cwd=ROOT,
                             env=environment(world), capture_output=True, text=True, timeout=300)
     assert result.returncode == 0, result.stdout + result.stderr
-    for line in ("    dn: cn=ann,ou=Engineering,ou=People,dc=example,dc=com", "    homeDirectory: /home/ann",
-                 "    memberUid: ben", "    nisNetgroupTriple: (console.example.com,-,example.com)",
-                 "All three look-ups were answered."):
+    for line in ("    dn: cn=Ann Lee,ou=Engineering,ou=People,dc=example,dc=com", "    homeDirectory: /home/ann",
+                 "    memberOf: cn=engineering,ou=Groups,dc=example,dc=com", "    memberUid: ben",
+                 "    member: cn=Ben Okafor,ou=Engineering,ou=People,dc=example,dc=com",
+                 "    nisNetgroupTriple: (console.example.com,-,example.com)", "All look-ups were answered."):
         assert line in result.stdout.splitlines()
     assert not accepts(socket.AF_INET, ("127.0.0.1", port))
     assert gateway_of(world) == []

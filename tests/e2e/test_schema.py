@@ -126,10 +126,10 @@ def test_slaptest_takes_it(shared_world, server):
 
 
 @pytest.mark.parametrize("hosts", ["/etc/ldap/schema/nis.schema", EXAMPLES / "rfc2307bis.schema"])
-def test_it_loads_with_either_schema_of_hosts_and_with_sudo_s(tmp_path, hosts):
+def test_it_loads_with_either_schema_of_hosts_and_with_those_of_sudo_and_mail(tmp_path, hosts):
     stock = [f"/etc/ldap/schema/{name}.schema" for name in ("core", "cosine", "inetorgperson")]
     config = tmp_path / "slapd.conf"
-    config.write_text("".join(f'include "{schema}"\n' for schema in [*stock, hosts, SCHEMA, EXAMPLES / "sudo.schema"]))
+    config.write_text("".join(f'include "{schema}"\n' for schema in [*stock, hosts, SCHEMA, EXAMPLES / "sudo.schema", EXAMPLES / "mail.schema"]))
     tested = subprocess.run([SLAPD, "-Ttest", "-u", "-Q", "-f", config], check=False, stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT)
     assert (tested.returncode, tested.stdout) == (0, b"")

@@ -12,7 +12,7 @@ from gateway import ROOT, SUFFIX, search, values
 from installation import DOCUMENTS, LIBRARIES, InstalledAgent, InstalledSlapd, Installation, files_below, make
 
 PEOPLE = "(&(objectClass=posixAccount)(uid=ann))"
-ANN = f"cn=ann,ou=Engineering,ou=People,{SUFFIX}"
+ANN = f"cn=Ann Lee,ou=Engineering,ou=People,{SUFFIX}"
 
 # Everything but the documents, with its mode, or where it leads.
 LAYOUT = {
@@ -33,6 +33,7 @@ LAYOUT = {
     "usr/share/man/man5/zanthe.conf.5": 0o644,
     "usr/share/man/man8/vexagent.8": 0o644,
     "usr/share/zanthedx/applications.map": 0o644,
+    "usr/share/zanthedx/mail.schema": 0o644,
     "usr/share/zanthedx/rfc2307.map": 0o644,
     "usr/share/zanthedx/rfc2307bis.schema": 0o644,
     "usr/share/zanthedx/sudo.schema": 0o644,
@@ -97,7 +98,9 @@ def test_the_installed_gateway_with_the_installed_examples(installed, world):
     slapd = InstalledSlapd(world, installed, agent).start()
     found = search(slapd.connect(), PEOPLE, ["homeDirectory"])
     assert [(dn, values(entry, "homeDirectory")) for dn, entry in found.items()] == [(ANN, ["/home/ann"])]
-    assert len(search(slapd.connect(ANN, "welcome"), "(objectClass=nisNetgroup)")) == 6
+    bound = slapd.connect(ANN, "welcome")
+    assert len(search(bound, "(objectClass=nisNetgroup)")) == 6
+    assert list(search(bound, "(mail=ann@example.com)", ["1.1"])) == [ANN], "in the standard mode"
     with pytest.raises(ldap.INVALID_CREDENTIALS):
         slapd.connect(ANN, "wrong")
     loaded = mapped(slapd.process)
