@@ -31,8 +31,8 @@ PACKAGES = UNPACKED / "root"
 STANDARD = (os.environ.get("ZX_MODE") or {"embedded": "standard", "ad": "exact"}[DIRECTORY.kind]) == "standard"
 USERS = (("root", 0, "/root"), ("nslcd", 110, "/run/nslcd"), ("www-data", 33, "/var/www"), ("nobody", 65534, "/nonexistent"))
 NAME, GATEWAY = "build01.example.com", "gateway.example.com"
-# What slapd says of a password change: in the standard mode the database has a function for it.
-NO_CHANGE = "unwilling to verify old password" if STANDARD else "operation not supported for current user"
+# What is said of a password change, which agent.password.change does not allow.
+NO_CHANGE = "this directory changes no passwords" if STANDARD else "operation not supported for current user"
 SPRING = "2026-03-01"  # the password dates of the example are good for another 167 days
 FAKETIME = "/usr/$LIB/faketime/libfaketimeMT.so.1"
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}

@@ -7,7 +7,7 @@ from client_host import EXAMPLES, GATEWAY, STANDARD, Host
 from gateway import ROOT, SUFFIX
 
 DN = f"cn={'Ann Lee' if STANDARD else 'ann'},ou=Engineering,ou=People,{SUFFIX}"
-NOBODY, COMPARED = (0, 6) if STANDARD else (32, 53)
+NOBODY, COMPARED, NO_CHANGE = (0, 6, 50) if STANDARD else (32, 53, 53)
 SAID = f"""\
 wrong password: 49
 logged in: dn:{DN}
@@ -19,7 +19,7 @@ modify: 53
 add: 53
 rename: 53
 delete: 53
-password change: 53
+password change: {NO_CHANGE}
 """
 
 
