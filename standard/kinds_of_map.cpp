@@ -237,6 +237,11 @@ void KindMaker::addAttributes() {
     addOwn("modifyTimestamp", Form::Time, "whenChanged");
     for (const char* name : {"structuralObjectClass", "entryDN", "subschemaSubentry", "hasSubordinates"})
         addOwn(name, Form::Computed, nullptr);
+    // Any entry may have one (RFC 4512, 3.4): no class need allow it.
+    for (const auto& [name, sources] : m_sources) {
+        const auto facts = m_schema.findAttribute(name);
+        if (facts && facts->operational) addAttribute(name);
+    }
 }
 
 void KindMaker::addAttribute(const std::string& name) {

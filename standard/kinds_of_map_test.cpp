@@ -89,6 +89,14 @@ TEST_F(KindsOfAMap, PasswordsAreNeverShownAndMembersAreComputed) {
     EXPECT_THAT(sourcesOf(kind("posixGroup = Group\n", "Group"), "member"), IsEmpty());
 }
 
+TEST_F(KindsOfAMap, AnOperationalAttributeWithALineIsShownWhateverTheClassesAllow) {
+    m_schema.addAttribute("authzTo", Match::Other, true);
+    EXPECT_THAT(sourcesOf(kind(kPeople), "authzTo"), ElementsAre("is not shown"));
+    const std::string line = "inetOrgPerson.authzTo = info\ninetOrgPerson.entryUUID = other\n";
+    EXPECT_THAT(sourcesOf(kind(kPeople + line), "authzTo"), ElementsAre("info"));
+    EXPECT_THAT(sourcesOf(kind(kPeople + line), "entryUUID"), ElementsAre("objectGUID")) << "its own";
+}
+
 TEST_F(KindsOfAMap, ATypesAttributesAreItselfAndItsSubtypes) {
     const Kind people = kind(kPeople);
     const auto* names = people.find("name");

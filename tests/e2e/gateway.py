@@ -255,7 +255,8 @@ class Slapd(Server):
         self.config_file.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
     def launch(self):
-        self.spawn([SLAPD, "-d", self.parts.get("debug", "0"), "-h", self.uri, "-f", self.config_file], self.env)
+        uris = " ".join((self.uri, *self.parts.get("uris", ())))
+        self.spawn([SLAPD, "-d", self.parts.get("debug", "0"), "-h", uris, "-f", self.config_file], self.env)
 
     def start(self):
         self.launch()

@@ -29,9 +29,10 @@ def standard_slapd(world, agent, **parts):
     return Standard(world.folder, world.running_servers, **{**parts, "env": {**agent.env, **parts.get("env", {})}})
 
 
-def tool(slapd, name, *words, who=None, password=None, uri=None, env=None):
-    """One of OpenLDAP's programs, with a simple bind of somebody: (status, what it said)."""
+def tool(slapd, name, *words, who=None, password=None, uri=None, env=None, before=()):
+    """One of OpenLDAP's programs, with a simple bind of somebody or behind another command:
+    (status, what it said)."""
     bind = ["-x", "-D", who, "-w", password] if who else []
-    done = subprocess.run([name, "-H", uri or slapd.uri, *bind, *words], check=False, stdin=subprocess.DEVNULL,
+    done = subprocess.run([*before, name, "-H", uri or slapd.uri, *bind, *words], check=False, stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env={**(env or {}), "LDAPNOINIT": "1"})
     return done.returncode, done.stdout
