@@ -10,6 +10,7 @@
 #include "standard/membership.h"
 #include "standard/names.h"
 #include "standard/slapd_entry.h"
+#include "standard/spellings.h"
 #include "vorn/settings.h"
 #include "vorn/strings.h"
 
@@ -48,6 +49,19 @@ void addValues(const Kind& kind, const char* name, std::vector<std::string> valu
     if (values.empty()) return;
     for (const ShownAttribute& one : kind.attributes) {
         if (one.name == name) shown->attributes.push_back({&one, std::move(values)});
+    }
+}
+
+void learnSpelling(const berval& dn, const berval& normal) {
+    spellings().learn({dn.bv_val, dn.bv_len}, {normal.bv_val, normal.bv_len});
+}
+
+// An entry's own name, and those in it: all that slapd may ask for next.
+void learnSpellings(const Entry& entry) {
+    learnSpelling(entry.e_name, entry.e_nname);
+    for (const Attribute* one = entry.e_attrs; one != nullptr; one = one->a_next) {
+        if (one->a_desc->ad_type->sat_syntax != slap_schema.si_syn_distinguishedName) continue;
+        for (unsigned i = 0; i < one->a_numvals; ++i) learnSpelling(one->a_vals[i], one->a_nvals[i]);
     }
 }
 
@@ -137,6 +151,7 @@ SharedEntry EntrySearch::entryOf(const FoundObject& found, vexCode* code) {
     *code = addExtras(*kind, object, &*shown);
     if (*code != VEX_OK) return nullptr;
     SharedEntry entry = slapdEntry(*shown);
+    if (entry != nullptr) learnSpellings(*entry);
     if (entry == nullptr || found.cachedAs == nullptr || m_wanted.extras.memberOf) return entry;
     const bool whole = m_wanted.extras.members || kind->sort != Sort::Group;
     SharedEntry copy = sharedCopy(*entry);

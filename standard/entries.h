@@ -7,6 +7,7 @@
 #include <string>
 
 #include "search/handles.h"
+#include "standard/extras.h"
 #include "standard/kinds.h"
 #include "standard/object_search.h"
 #include "standard/question.h"
@@ -22,12 +23,6 @@ const Kinds& usedKinds();
 
 // A filter that has too many parts. libvex has no such code.
 inline constexpr vexCode kFilterRefused = -2;
-
-// What of an entry costs questions of its own, and is made only where it is wanted.
-struct Extras {
-    bool members = false;   // a group's member
-    bool memberOf = false;  // a person's groups
-};
 
 // A search as a client means it. All of it outlives the search.
 struct Wanted {

@@ -9,8 +9,10 @@
 #include "backend/base/settings.h"
 #include "search/sending.h"
 #include "standard/entries.h"
+#include "standard/extras.h"
 #include "standard/kinds_of_map.h"
 #include "standard/schema.h"
+#include "standard/spellings.h"
 
 #include "backend/base/slapd.h"
 
@@ -38,13 +40,24 @@ bool isLeaf(const Entry* entry) {
     return true;
 }
 
+// slapd knows no other name of an entry here.
+SharedEntry findByNormalName(Operation* op, const berval& ndn, const Extras& extras, vexCode* code) {
+    if (const auto spelled = spellings().of({ndn.bv_val, ndn.bv_len})) {
+        const berval dn = {spelled->size(), const_cast<char*>(spelled->data())};
+        SharedEntry found = findEntry(op, dn, ndn, extras, code);
+        if (found != nullptr || *code != VEX_OK) return found;
+    }
+    return findEntry(op, ndn, ndn, extras, code);
+}
+
 }  // namespace
 
-int openDatabase(BackendDB* /*be*/, ConfigReply* /*reply*/) try {
+int openDatabase(BackendDB* be, ConfigReply* /*reply*/) try {
     static const vorn::Properties none;
     KindsOfMap made = kindsOf(gTranslationMap != nullptr ? *gTranslationMap : none, slapdSchema());
     for (const std::string& warning : made.warnings) complain(warning);
     useKinds(std::move(made.kinds));
+    learnRules(be);
     return 0;
 } catch (const std::exception& error) {
     complain(error.what());
@@ -82,7 +95,7 @@ int refuseWrite(Operation* op, SlapReply* rs) {
 int getEntry(Operation* op, berval* ndn, ObjectClass* objectClass, AttributeDescription* attribute,
              int /*forWriting*/, Entry** entry) try {
     vexCode code = VEX_OK;
-    const SharedEntry found = findEntry(op, *ndn, *ndn, {true, true}, &code);
+    const SharedEntry found = findByNormalName(op, *ndn, extrasFor(attribute), &code);
     if (code != VEX_OK) return LDAP_OTHER;
     if (found == nullptr) return LDAP_NO_SUCH_OBJECT;
     const bool fits = (objectClass == nullptr || is_entry_objectclass(found.get(), objectClass, 0) != 0) &&

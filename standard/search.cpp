@@ -6,6 +6,7 @@
 #include "backend/base/log.h"
 #include "search/reply.h"
 #include "standard/entries.h"
+#include "standard/extras.h"
 #include "standard/operations.h"
 #include "standard/reply.h"
 #include "standard/slapd_entry.h"
@@ -15,55 +16,6 @@
 
 namespace standard {
 namespace {
-
-AttributeDescription* describe(const char* name) {
-    AttributeDescription* description = nullptr;
-    const char* reason = nullptr;
-    return slap_str2ad(name, &description, &reason) == LDAP_SUCCESS ? description : nullptr;
-}
-
-bool mentions(const Filter* filter, AttributeDescription* description) {
-    if (filter == nullptr) return false;
-    switch (filter->f_choice & SLAPD_FILTER_MASK) {
-        case LDAP_FILTER_AND:
-        case LDAP_FILTER_OR:
-        case LDAP_FILTER_NOT:
-            for (const Filter* one = filter->f_list; one != nullptr; one = one->f_next)
-                if (mentions(one, description)) return true;
-            return false;
-        case LDAP_FILTER_PRESENT:
-            return is_ad_subtype(description, filter->f_desc) != 0;
-        case LDAP_FILTER_SUBSTRINGS:
-            return is_ad_subtype(description, filter->f_sub_desc) != 0;
-        case LDAP_FILTER_EXT:
-            return filter->f_mr_desc == nullptr || is_ad_subtype(description, filter->f_mr_desc) != 0;
-        case SLAPD_FILTER_COMPUTED:
-            return false;
-        default:
-            return is_ad_subtype(description, filter->f_av_desc) != 0;
-    }
-}
-
-// By its name, or that of a supertype.
-bool asksByName(const Operation* op, AttributeDescription* description) {
-    for (const AttributeName* one = op->ors_attrs; one != nullptr && one->an_name.bv_val != nullptr; ++one) {
-        if (one->an_desc != nullptr && is_ad_subtype(description, one->an_desc) != 0) return true;
-    }
-    return false;
-}
-
-bool asksForAll(const Operation* op, AttributeDescription* description) {
-    return op->ors_attrs == nullptr || ad_inlist(description, op->ors_attrs) != 0;
-}
-
-Extras extrasOf(const Operation* op) {
-    AttributeDescription* const member = describe("member");
-    AttributeDescription* const memberOf = describe("memberOf");
-    Extras extras;
-    extras.members = member != nullptr && (asksForAll(op, member) || mentions(op->ors_filter, member));
-    extras.memberOf = memberOf != nullptr && (asksByName(op, memberOf) || mentions(op->ors_filter, memberOf));
-    return extras;
-}
 
 // The steps of one search. Each tells whether it goes on.
 class Search {

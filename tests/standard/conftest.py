@@ -19,7 +19,7 @@ from gateway import EXAMPLES  # noqa: E402
 from judge import Judge, Schema, ldif  # noqa: E402
 from peer import Mdb  # noqa: E402
 from standard import Standard  # noqa: E402
-from world import pytest_runtest_makereport, shared_world  # noqa: E402,F401
+from world import pytest_runtest_makereport, shared_world, world  # noqa: E402,F401
 
 
 @pytest.fixture(scope="module")

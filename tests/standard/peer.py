@@ -13,20 +13,22 @@ SCHEMAS = [*Standard.SCHEMAS, EXAMPLES / "zanthedx.schema"]
 
 class Mdb(Server):
     """Holds the entries of an LDIF text, which slapadd has checked against the schema.
-    Without a text it has the schema, and nothing else."""
+    Without a text it has the schema, and nothing else. Further parts of the configuration
+    are those of the gateway's slapd: modules, access, overlays."""
 
-    def __init__(self, folder, servers, ldif=None, name="mdb"):
+    def __init__(self, folder, servers, ldif=None, name="mdb", **parts):
         super().__init__(name, folder, servers)
         self.port = free_port()
         self.uri = f"ldap://127.0.0.1:{self.port}"
         self.config_file = folder / f"{name}.conf"
         lines = [f'include "{schema}"' for schema in SCHEMAS]
-        lines += ['modulepath "/usr/lib/ldap"', "moduleload back_mdb", "sizelimit unlimited", "timelimit unlimited"]
+        lines += ['modulepath "/usr/lib/ldap"', *(f"moduleload {module}" for module in ("back_mdb", *parts.get("modules", ()))),
+                  "sizelimit unlimited", "timelimit unlimited"]
         if ldif is not None:
             (folder / f"{name}-data").mkdir()
             # What slapd itself would make of who added an entry, and when, is not the directory's.
             lines += ["database mdb", f'suffix "{SUFFIX}"', f'directory "{folder}/{name}-data"', "maxsize 104857600",
-                      "dbnosync", "lastmod off", "access to * by * read"]
+                      "dbnosync", "lastmod off", *parts.get("access", ("access to * by * read",)), *parts.get("overlays", ())]
         self.config_file.write_text("\n".join(lines) + "\n", encoding="utf-8")
         if ldif is not None:
             self.load(ldif)

@@ -17,6 +17,7 @@ int connection_pool_max = 16;
 struct slap_control_ids slap_cids;
 char* slap_known_controls[SLAP_MAX_CIDS + 1];
 struct slap_internal_schema slap_schema;
+BackendDB* frontendDB;
 const berval slap_EXOP_MODIFY_PASSWD = BER_BVC(LDAP_EXOP_MODIFY_PASSWD);
 }
 
