@@ -44,6 +44,11 @@ AgentFilter AgentFilter::equality(std::string_view name, std::string_view value)
     return of(item(name, escaped));
 }
 
+AgentFilter AgentFilter::byRule(std::string_view name, std::string_view rule, std::string_view value) {
+    const std::string described = std::string(name) + ":" + std::string(rule) + ":";
+    return equality(described, value);
+}
+
 AgentFilter AgentFilter::ofBytes(std::string_view name, std::string_view bytes) {
     std::string escaped;
     for (const char c : bytes) escaped.append(vorn::EscapedByte(c));

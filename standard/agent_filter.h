@@ -23,7 +23,9 @@ class AgentFilter {
     static AgentFilter presence(std::string_view name);
     // (NAME=VALUE), with every byte escaped that could mean something else.
     static AgentFilter equality(std::string_view name, std::string_view value);
-    // The same with every byte by its number, for values that are no text.
+    // (NAME:RULE:=VALUE), likewise.
+    static AgentFilter byRule(std::string_view name, std::string_view rule, std::string_view value);
+    // (NAME=VALUE) with every byte by its number, for values that are no text.
     static AgentFilter ofBytes(std::string_view name, std::string_view bytes);
     static AgentFilter combine(Operator sign, const std::vector<AgentFilter>& parts);
 

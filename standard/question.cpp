@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "standard/guid.h"
 #include "vorn/attribute_name.h"
 #include "vorn/escape.h"
+#include "vorn/numbers.h"
 #include "vorn/strings.h"
 
 #include "backend/base/slapd.h"
@@ -164,6 +166,17 @@ TextPattern patternOf(const Filter* substrings, TextPattern::Case inCase) {
     return pattern;
 }
 
+// The number of a rule that compares bits, all of them or any; empty for other rules.
+std::string_view bitRule(std::string_view rule) {
+    static constexpr std::array<std::array<const char*, 2>, 2> kRules = {
+        {{"1.2.840.113556.1.4.803", "integerBitAndMatch"}, {"1.2.840.113556.1.4.804", "integerBitOrMatch"}}};
+    for (const auto& [number, name] : kRules)
+        if (rule == number || is(rule, name)) return number;
+    return "";
+}
+
+constexpr std::uint64_t kHighestBit = std::uint64_t{1} << 31;
+
 // Whether names of objects begin with the attribute in Active Directory.
 bool namesObjects(std::string_view attribute) {
     static constexpr std::array kNames = {"cn", "ou", "dc", "o", "l", "c"};
@@ -188,6 +201,7 @@ class KindQuestion {
     AgentFilter inClass(const ShownClass& shown) const;
     AgentFilter holds(const ShownAttribute& attribute, const Filter* node) const;
     AgentFilter equals(const ShownAttribute& attribute, std::string_view value) const;
+    AgentFilter hasBits(const ShownAttribute& attribute, const Filter* node) const;
     AgentFilter equalsUuid(const ShownAttribute& attribute, std::string_view value) const;
     AgentFilter resolved(const ShownAttribute& attribute, std::string_view value) const;
     AgentFilter like(const ShownAttribute& attribute, const TextPattern& pattern) const;
@@ -277,6 +291,7 @@ AgentFilter KindQuestion::inClass(const ShownClass& shown) const {
 
 AgentFilter KindQuestion::holds(const ShownAttribute& attribute, const Filter* node) const {
     if (choiceOf(node) == LDAP_FILTER_EQUALITY) return equals(attribute, valueIn(node));
+    if (choiceOf(node) == LDAP_FILTER_EXT) return hasBits(attribute, node);
     if (choiceOf(node) == LDAP_FILTER_SUBSTRINGS && isText(attribute))
         return like(attribute, patternOf(node, caseOf(attribute)));
     return isPresent(attribute);
@@ -294,6 +309,19 @@ AgentFilter KindQuestion::equals(const ShownAttribute& attribute, std::string_vi
     if (!isNumber || value.empty()) return isPresent(attribute);
     return anySource(attribute,
                      [value](const std::string& source) { return AgentFilter::equality(source, value); });
+}
+
+// Of the rules that are named, the agent has the two about bits.
+AgentFilter KindQuestion::hasBits(const ShownAttribute& attribute, const Filter* node) const {
+    const std::string_view rule = bitRule(viewOf(node->f_mr_rule_text));
+    const bool isNumber = attribute.form == Form::Same && attribute.match == Match::Number;
+    // Of other numbers the directories do not all think alike.
+    const auto bits = vorn::parseNumber<std::uint64_t>(valueIn(node)).value_or(0);
+    if (rule.empty() || !isNumber || attribute.operational || bits == 0 || bits > kHighestBit)
+        return isPresent(attribute);
+    return anySource(attribute, [&](const std::string& source) {
+        return AgentFilter::byRule(source, rule, std::to_string(bits));
+    });
 }
 
 AgentFilter KindQuestion::equalsUuid(const ShownAttribute& attribute, std::string_view value) const {

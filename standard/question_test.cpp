@@ -75,6 +75,24 @@ TEST_F(Question, DropsTheBranchesOfAnOrThatAKindCannotMatch) {
               "(|(&(objectClass=user)(sAMAccountName=a))(&(objectClass=group)(gidNumber=5)))");
 }
 
+TEST_F(Question, BitsAreAskedForByTheAgentsOwnRules) {
+    const auto withRule = [this](const char* name, std::string rule, const std::string& value) {
+        Filter* filter = m_builder.extensible(name, value);
+        filter->f_mr_rule_text = {rule.size(), rule.data()};
+        const auto answer = questionOf(filter, {m_kinds.front()}, m_resolve);
+        return answer ? part(*answer) : "refused";
+    };
+    const std::string all = "1.2.840.113556.1.4.803", any = "1.2.840.113556.1.4.804";
+    EXPECT_EQ(withRule("uidNumber", all, "2"), "(uidNumber:1.2.840.113556.1.4.803:=2)");
+    EXPECT_EQ(withRule("uidNumber", any, "2147483648"), "(uidNumber:1.2.840.113556.1.4.804:=2147483648)");
+    EXPECT_EQ(withRule("uidNumber", "INTEGERBITORMATCH", "010"), "(uidNumber:1.2.840.113556.1.4.804:=10)");
+    // Of those only slapd can judge.
+    for (const char* value : {"0", "-1", "2147483649", "x", "", "1)(uid=*"})
+        EXPECT_EQ(withRule("uidNumber", all, value), "(uidNumber=*)") << value;
+    EXPECT_EQ(withRule("uidNumber", "2.5.13.14", "2"), "(uidNumber=*)");
+    EXPECT_EQ(withRule("uid", all, "2"), "(sAMAccountName=*)") << "that is no number";
+}
+
 TEST_F(Question, OfAnUndefinedAssertionIsNothingAndSoOfItsNegation) {
     expectOfPeople({{"(?x=1)", "nothing"},
                     {"(!(?x=1))", "nothing"},

@@ -198,3 +198,21 @@ def test_sorted_values(both):
     peer, gateway = both(modules=("valsort",), overlays=("overlay valsort", f"valsort-attr memberUid {SUFFIX} alpha-descend"))
     values = [connect(server, None).search_s(LARGE, ldap.SCOPE_BASE, attrlist=["memberUid"])[0][1]["memberUid"] for server in (peer, gateway)]
     assert values[1] == values[0] == sorted(values[0], reverse=True)
+
+
+# ---- the rules about bits, which slapd has and the directories too
+
+ALL, ANY = "1.2.840.113556.1.4.803", "1.2.840.113556.1.4.804"
+
+
+@pytest.mark.parametrize("filter, some", [
+    (f"(userAccountControl:{ALL}:=512)", True), (f"(userAccountControl:{ANY}:=513)", True), (f"(userAccountControl:{ALL}:=513)", False),
+    (f"(groupType:{ALL}:=2147483648)", True), ("(groupType:integerBitAndMatch:=2)", True), (f"(groupType:{ANY}:=-1)", True),
+    (f"(groupType:{ALL}:=0)", True), (f"(groupType:{ANY}:=0)", False), (f"(uidNumber:{ALL}:=1)", True),
+    (f"(uidNumber:{ALL}:=4294967296)", False), (f"(uidNumber:{ALL}:=99999999999999999999)", False), (f"(uid:{ANY}:=1)", False),
+    (f"(userAccountControl:{ALL}:=x)", False), (f"(!(userAccountControl:{ALL}:=512))", True), (f"(:{ALL}:=2)", True),
+    # What nobody is shown, nobody finds by its bits.
+    (f"(unicodePwd:{ALL}:=1)", False), (f"(userPassword:{ANY}:=1)", False), (f"(!(unicodePwd:{ALL}:=1))", False)])
+def test_bits(peer, gateway, filter, some):
+    right, seen = (sorted(map(str, shown(server, None, ["1.1"], filter)[0])) for server in (peer, gateway))
+    assert seen == right and (len(right) > 0) == some
