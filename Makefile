@@ -116,7 +116,7 @@ fuzz: build-fuzz
 	done
 
 MUTANTS_FLAGS ?=
-mutants: setup-dev build
+mutants: setup-dev build-apart
 	@nice -n 10 $(PYTHON) tools/mutants $(MUTANTS_FLAGS)
 
 # In a build of its own, whose programs count. It shows each line, too.

@@ -50,6 +50,7 @@ function(zx_test name)
   # Only what is tested is worth optimising; the matchers' templates take the
   # compiler twice as long with it.
   target_compile_options(${name} PRIVATE $<$<CONFIG:RelWithDebInfo>:-O0 -g1>)
+  set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)
   list(LENGTH arg_SOURCES sources)
   if(sources GREATER 2)
     target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)

@@ -79,11 +79,6 @@ std::vector<MapClass> classesOf(const vorn::Properties& map) {
     return classes;
 }
 
-bool holds(const Names& names, std::string_view name) {
-    return std::any_of(names.begin(), names.end(),
-                       [name](const std::string& one) { return vorn::equalsIgnoreCase(one, name); });
-}
-
 // Makes one kind.
 class KindMaker {
   public:
@@ -159,7 +154,7 @@ void KindMaker::readLines(const MapClass& one) {
             if (twin && twin->name == facts->name)
                 throw MapException(origin + ": " + one.name + " has another line for " + facts->name);
         }
-        if (!source.empty() && !holds(sources, source)) sources.push_back(source);
+        if (!source.empty() && !vorn::stringInList(sources, source, false)) sources.push_back(source);
         if (vorn::equalsIgnoreCase(facts->name, "cn") && vorn::equalsIgnoreCase(source, kUniqueName))
             m_kind.naming = kUniqueName;
     }
@@ -170,9 +165,9 @@ void KindMaker::chooseStructural(const std::vector<MapClass>& classes) {
     for (std::size_t i = 0; i < m_facts.size(); ++i) {
         const ClassFacts& one = m_facts[i];
         if (!one.structural) continue;
-        if (chosen == nullptr || holds(one.superiors, chosen->name)) {
+        if (chosen == nullptr || vorn::stringInList(one.superiors, chosen->name, false)) {
             chosen = &one;
-        } else if (!holds(chosen->superiors, one.name)) {
+        } else if (!vorn::stringInList(chosen->superiors, one.name, false)) {
             // RFC 2307's own schema makes a UNIX group structural: programs ask for both.
             if (m_kind.sort != Sort::Group)
                 throw MapException(classes[i].origin + ": " + m_kind.objectClass +

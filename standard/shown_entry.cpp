@@ -13,11 +13,6 @@ namespace {
 
 using Values = AgentObject::Values;
 
-bool holds(const std::vector<std::string>& names, std::string_view name) {
-    return std::any_of(names.begin(), names.end(),
-                       [name](const std::string& one) { return vorn::equalsIgnoreCase(one, name); });
-}
-
 // RFC 4122 has the number's fields in network order; a GUID's first three are the other
 // way round.
 std::string uuidText(const std::string& guid) {
@@ -158,14 +153,14 @@ bool Showing::takeClasses() {
     }
     m_entry.structural = whole ? m_kind.structural : m_kind.fallback.back().name;
     for (const ShownClass& one : m_kind.classes) {
-        const bool missing = m_incomplete && holds(m_kind.incompleteWithout, one.name);
+        const bool missing = m_incomplete && vorn::stringInList(m_kind.incompleteWithout, one.name, false);
         if (!one.holdsTheRest && !missing && fits(one)) take(one);
     }
     return true;
 }
 
 void Showing::take(const ShownClass& one) {
-    if (holds(m_entry.classes, one.name)) return;
+    if (vorn::stringInList(m_entry.classes, one.name, false)) return;
     m_entry.classes.push_back(one.name);
     m_allowed.insert(one.allows.begin(), one.allows.end());
 }
@@ -175,7 +170,8 @@ void Showing::addTheRest() {
         if (!one.holdsTheRest) continue;
         const bool wanted =
             std::any_of(m_entry.attributes.begin(), m_entry.attributes.end(), [&](const ShownValues& shown) {
-                return !m_allowed.contains(shown.attribute->name) && holds(one.allows, shown.attribute->name);
+                return !m_allowed.contains(shown.attribute->name) &&
+                       vorn::stringInList(one.allows, shown.attribute->name, false);
             });
         if (wanted) take(one);
     }
@@ -239,7 +235,7 @@ const std::string& AgentObject::first(const std::string& name) const {
 }
 
 bool AgentObject::hasClass(std::string_view name) const {
-    return holds(values(AD_OBJECT_CLASS), name);
+    return vorn::stringInList(values(AD_OBJECT_CLASS), name, false);
 }
 
 // An object of a class is one of its superiors, too: the last of its classes that is a

@@ -15,15 +15,15 @@ berval bervalOf(const std::string& text) {
 }
 
 // Values that slapd has made, with their normal forms.
-class Values {
+class MadeValues {
   public:
-    explicit Values(AttributeDescription* description) : m_description(description) {}
-    ~Values() {
+    explicit MadeValues(AttributeDescription* description) : m_description(description) {}
+    ~MadeValues() {
         for (berval& value : m_pretty) ch_free(value.bv_val);
         for (berval& value : m_normal) ch_free(value.bv_val);
     }
-    Values(const Values&) = delete;
-    Values& operator=(const Values&) = delete;
+    MadeValues(const MadeValues&) = delete;
+    MadeValues& operator=(const MadeValues&) = delete;
 
     void add(const std::string& text);
     void mergeInto(Entry* entry);
@@ -39,7 +39,7 @@ class Values {
     std::set<std::string, std::less<>> m_known;
 };
 
-bool Values::makePretty(const std::string& text, berval* pretty) const {
+bool MadeValues::makePretty(const std::string& text, berval* pretty) const {
     berval value = bervalOf(text);
     if (type()->sat_syntax->ssyn_pretty != nullptr)
         return ordered_value_pretty(m_description, &value, pretty, nullptr) == LDAP_SUCCESS;
@@ -49,14 +49,14 @@ bool Values::makePretty(const std::string& text, berval* pretty) const {
     return ber_dupbv(pretty, &value) != nullptr;
 }
 
-bool Values::makeNormal(berval* pretty, berval* normal) const {
+bool MadeValues::makeNormal(berval* pretty, berval* normal) const {
     const MatchingRule* rule = type()->sat_equality;
     if (rule == nullptr || rule->smr_normalize == nullptr) return ber_dupbv(normal, pretty) != nullptr;
     return ordered_value_normalize(SLAP_MR_VALUE_OF_ATTRIBUTE_SYNTAX, m_description,
                                    const_cast<MatchingRule*>(rule), pretty, normal, nullptr) == LDAP_SUCCESS;
 }
 
-void Values::add(const std::string& text) {
+void MadeValues::add(const std::string& text) {
     if (is_at_single_value(type()) && !m_pretty.empty()) return;
     berval pretty{};
     if (!makePretty(text, &pretty)) return;
@@ -71,7 +71,7 @@ void Values::add(const std::string& text) {
     ch_free(pretty.bv_val);
 }
 
-void Values::mergeInto(Entry* entry) {
+void MadeValues::mergeInto(Entry* entry) {
     if (m_pretty.empty()) return;
     m_pretty.push_back({});  // the arrays end with a null
     m_normal.push_back({});
@@ -94,7 +94,7 @@ AttributeDescription* describe(const std::string& name) {
 void addAttribute(Entry* entry, const std::string& name, const std::vector<std::string>& texts) {
     AttributeDescription* const description = describe(name);
     if (description == nullptr) return;
-    Values values(description);
+    MadeValues values(description);
     for (const std::string& text : texts) values.add(text);
     values.mergeInto(entry);
 }

@@ -16,28 +16,28 @@ std::atomic<unsigned> forks{0};
 
 // Lives as long as the process: a thread may still close its socket while
 // static objects are destroyed.
-struct Table {
+struct OpenSockets {
     std::mutex lock;
     std::vector<int> descriptors;  // guarded by lock
 };
 
-Table& table() {
-    static Table* const one = new Table;
+OpenSockets& open() {
+    static OpenSockets* const one = new OpenSockets;
     return *one;
 }
 
 void beforeFork() {
-    table().lock.lock();
+    open().lock.lock();
 }
 void afterForkInParent() {
-    table().lock.unlock();
+    open().lock.unlock();
 }
 
 void afterForkInChild() {
-    for (const int descriptor : table().descriptors) ::close(descriptor);
-    table().descriptors.clear();
+    for (const int descriptor : open().descriptors) ::close(descriptor);
+    open().descriptors.clear();
     forks.fetch_add(1, std::memory_order_relaxed);
-    table().lock.unlock();
+    open().lock.unlock();
 }
 
 void watchForks() {
@@ -48,7 +48,7 @@ void watchForks() {
 }  // namespace
 
 std::mutex& forkLock() {
-    return table().lock;
+    return open().lock;
 }
 
 unsigned generation() {
@@ -56,33 +56,33 @@ unsigned generation() {
 }
 
 std::size_t openSockets() {
-    std::lock_guard guard(table().lock);
-    return table().descriptors.size();
+    std::lock_guard guard(open().lock);
+    return open().descriptors.size();
 }
 
 Socket::Socket() {
     watchForks();
-    std::lock_guard guard(table().lock);
+    std::lock_guard guard(open().lock);
     enter(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
 Socket::Socket(int descriptor) {
     watchForks();
-    std::lock_guard guard(table().lock);
+    std::lock_guard guard(open().lock);
     enter(descriptor);
 }
 
 void Socket::enter(int descriptor) {
     m_generation = generation();
     m_descriptor = descriptor;
-    if (descriptor >= 0) table().descriptors.push_back(descriptor);
+    if (descriptor >= 0) open().descriptors.push_back(descriptor);
 }
 
 Socket::~Socket() {
     if (m_descriptor < 0) return;
-    std::lock_guard guard(table().lock);
+    std::lock_guard guard(open().lock);
     if (inherited()) return;  // closed already, and the number may be another file's by now
-    std::erase(table().descriptors, m_descriptor);
+    std::erase(open().descriptors, m_descriptor);
     ::close(m_descriptor);
 }
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/ad/member_names.h"
 
+#include "agent/ad/membership.h"
+
 namespace vexagent {
 namespace {
 
 constexpr std::chrono::seconds kRememberTime{60};
 constexpr std::chrono::seconds kRememberNobody{10};
-constexpr int kReadRarely = 20;
 
 }  // namespace
 

@@ -24,6 +24,9 @@ std::vector<LdapSearch> searchesFor(const std::string& root, const char* name,
                                     const std::vector<std::string>& values,
                                     const std::vector<std::string>& attributes);
 
+// What took a time to read counts for so many of that time.
+inline constexpr int kReadRarely = 20;
+
 // A walk that meets more groups is given up.
 LdapFailure tooManyGroups(std::size_t most);
 

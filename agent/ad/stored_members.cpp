@@ -10,7 +10,6 @@ namespace vexagent {
 namespace {
 
 constexpr milliseconds kLeastTime{100};
-constexpr int kReadRarely = 20;
 
 }  // namespace
 

@@ -19,7 +19,7 @@ namespace wire = vex::wire;
 using boost::system::error_code;
 
 // So much is written at a time.
-constexpr std::size_t kStep = 65536;
+constexpr std::size_t kWriteStep = 65536;
 
 Bytes greeting() {
     Bytes bytes(std::begin(wire::kMagic), std::end(wire::kMagic));
@@ -194,7 +194,7 @@ void Connection::onWorked() {
 
 void Connection::write() {
     setDeadline(m_shared.timeout);
-    const std::size_t size = std::min(m_output.size() - m_written, kStep);
+    const std::size_t size = std::min(m_output.size() - m_written, kWriteStep);
     asio::async_write(m_socket, asio::buffer(m_output.data() + m_written, size),
                       [self = shared_from_this()](const error_code& error, std::size_t bytes) {
                           if (self->m_state == State::Closed) return;

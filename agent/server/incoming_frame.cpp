@@ -12,7 +12,7 @@ namespace {
 namespace wire = vex::wire;
 
 // So much is made room for at a time, at least.
-constexpr std::size_t kStep = 65536;
+constexpr std::size_t kReadStep = 65536;
 
 }  // namespace
 
@@ -50,7 +50,7 @@ IncomingFrame::Progress IncomingFrame::readLength(int socket) {
 bool IncomingFrame::grow() {
     const std::size_t have = m_bytes.size();
     if (have == m_expected) return false;
-    m_bytes.resize(std::min(m_expected, have + std::max(have, kStep)));
+    m_bytes.resize(std::min(m_expected, have + std::max(have, kReadStep)));
     return true;
 }
 

@@ -20,11 +20,20 @@
 
 #include "agent/ad/net/peer.h"
 #include "vorn/clock.h"
+#include "vorn/deadline.h"
 
 namespace vexagent {
 
 using std::chrono::milliseconds;
 using vorn::Moment;
+
+// How long one controller gets to take a connection while there are others, and at most
+// which part of the time that is left.
+inline constexpr milliseconds kPatience{2000};
+inline constexpr int kPatienceShare = 2;
+inline vorn::Deadline withPatience(const vorn::Deadline& deadline) {
+    return deadline.atMost(deadline.share(kPatience, kPatienceShare));
+}
 
 struct Controller {
     Peer peer;

@@ -10,19 +10,10 @@
 namespace vexagent {
 namespace {
 
-// How long one controller gets to take a connection while there are others, and at most
-// which part of the time that is left.
-constexpr milliseconds kPatience{2000};
-constexpr int kPatienceShare = 2;
-
 constexpr milliseconds kShortTime{1000};  // for a controller that failed a short while ago
 constexpr int kProbeShare = 3;            // of the time that is left, to see whether one is there
 constexpr milliseconds kLeastProbe{100};  // in less nothing can be seen
 constexpr milliseconds kFreshAnswer{2000};
-
-Deadline partOf(const Deadline& deadline) {
-    return deadline.atMost(deadline.share(kPatience, kPatienceShare));
-}
 
 // How many of the forest's partitions are domains, and the short name of one.
 void readPartition(const Entry& partition, DomainInfo& info) {
@@ -63,7 +54,7 @@ Linked<Done> Domain::runOnAll(const Deadline& deadline, const Work& work) {
         const Peer& peer = choices[i].peer;
         const bool last = i + 1 == choices.size();
         const Deadline whole = choices[i].due ? deadline : deadline.atMost(kShortTime);
-        const Deadline open = last ? whole : partOf(whole);
+        const Deadline open = last ? whole : withPatience(whole);
         auto done = runOn({peer, open, whole, last, work});
         if (done || !done.error().lost) {
             noteAnswer(peer);
@@ -88,7 +79,7 @@ Linked<Done> Domain::runOn(const Attempt& attempt) {
     if (closed) m_pool.drop(attempt.peer);
     if (!closed && !done.error().again) return done;
     // The time for taking a connection may have gone with the first one.
-    return openAndWork(attempt, done.error().again ? partOf(attempt.whole) : attempt.open);
+    return openAndWork(attempt, done.error().again ? withPatience(attempt.whole) : attempt.open);
 }
 
 Linked<Done> Domain::openAndWork(const Attempt& attempt, const Deadline& open) {
@@ -118,7 +109,7 @@ Expected<Accepted, LdapFailure> Domain::tryPassword(const std::string& dn, const
     const std::vector<Controllers::Choice> choices = m_controllers.order(now());
     for (std::size_t i = 0; i < choices.size() && !deadline.passed(); ++i) {
         const Peer& peer = choices[i].peer;
-        const Deadline open = i + 1 == choices.size() ? deadline : partOf(deadline);
+        const Deadline open = i + 1 == choices.size() ? deadline : withPatience(deadline);
         const auto link = m_context.connector.openAnonymous(peer, open);
         if (!link) {
             failure = fault(peer, open, deadline, link.error());

@@ -10,9 +10,6 @@ namespace {
 
 constexpr std::uint16_t kKdcPort = 88;
 constexpr std::size_t kLargestReply = std::size_t{1} << 20;
-constexpr milliseconds kConnectTime{1000};
-constexpr milliseconds kPatience{2000};  // with one controller while there is another
-constexpr int kPatienceShare = 2;        // or this part of the time that is left
 
 // A message as it goes over TCP: behind its size.
 std::string framed(std::string_view message) {
@@ -77,8 +74,7 @@ Krb<std::string> KdcConversation::exchange(const std::string& realm, std::string
     KrbFailure failure{KRB5_KDC_UNREACH, "no controller of the realm " + realm + " is known"};
     for (std::size_t i = 0; i < peers.size() && !m_deadline.passed(); ++i) {
         const bool last = i + 1 == peers.size() || !repeatable;
-        const Deadline until =
-            last ? m_deadline : m_deadline.atMost(m_deadline.share(kPatience, kPatienceShare));
+        const Deadline until = last ? m_deadline : withPatience(m_deadline);
         auto reply = m_carry({peers[i].host, kKdcPort}, message, until);
         if (reply) {
             m_realm = realm;

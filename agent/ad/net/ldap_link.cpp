@@ -16,10 +16,9 @@
 namespace vexagent {
 namespace {
 
-constexpr milliseconds kConnectTime{1000};
-constexpr milliseconds kPatience{1500};  // without a sign before the controller is looked at
-constexpr int kPatienceShare = 4;        // or this part of the time that is left
-constexpr milliseconds kGrace{100};      // before a call that is late is ended by force
+constexpr milliseconds kSilence{1500};  // before the controller is looked at
+constexpr int kSilenceShare = 4;        // or this part of the time that is left
+constexpr milliseconds kGrace{100};     // before a call that is late is ended by force
 constexpr milliseconds kGoodbyeTime{200};
 constexpr std::time_t kTicketReserve = 60;
 
@@ -32,9 +31,6 @@ struct FreeBer {
     void operator()(BerElement* ber) const { ber_free(ber, 0); }
 };
 
-struct FreeMemory {
-    void operator()(void* memory) const { ldap_memfree(memory); }
-};
 using LdapText = std::unique_ptr<char, FreeMemory>;
 
 std::string text(const berval& value) {
@@ -270,7 +266,7 @@ Linked<int> LdapLink::start(const LdapSearch& search, const std::string& cookie,
 
 Linked<LdapMessage> LdapLink::waitFor(int id, const Deadline& deadline) {
     const Watchdog::Watch watch(m_context.watchdog, m_socket.get(), deadline.end() + kGrace);
-    const milliseconds patience = deadline.share(kPatience, kPatienceShare);
+    const milliseconds patience = deadline.share(kSilence, kSilenceShare);
     for (;;) {
         const milliseconds time = stillThere() ? std::min(deadline.left(), patience) : deadline.left();
         timeval wait = {time.count() / 1000, time.count() % 1000 * 1000};

@@ -13,8 +13,7 @@ namespace vexagent {
 namespace {
 
 constexpr std::uint16_t kPasswordPort = 464;
-constexpr std::size_t kLargestReply = std::size_t{1} << 16;
-constexpr milliseconds kConnectTime{1000};
+constexpr std::size_t kLargestPasswordReply = std::size_t{1} << 16;
 constexpr char kService[] = "kadmin/changepw";
 
 using Of = ChangeFailure::Of;
@@ -35,7 +34,7 @@ Expected<std::string, ChangeFailure> exchange(int socket, const std::string& mes
                             : std::nullopt;
     const std::size_t size = header ? numberIn(*header) : 0;
     std::optional<std::string> reply;
-    if (size > 0 && size <= kLargestReply) reply = readExactly(socket, size, deadline);
+    if (size > 0 && size <= kLargestPasswordReply) reply = readExactly(socket, size, deadline);
     if (!reply) return vorn::unexpected(lost("the password service has not answered"));
     return std::move(*reply);
 }

@@ -13,6 +13,9 @@
 
 namespace vexagent {
 
+// How long a controller gets to take a connection.
+inline constexpr milliseconds kConnectTime{1000};
+
 // A connected, blocking, close-on-exec socket, or the reason why there is none. The host's
 // addresses are tried one after the other.
 vorn::Expected<vorn::Descriptor, std::string> connectTo(const Peer& peer, const vorn::Deadline& deadline);

@@ -7,10 +7,6 @@
 namespace vexagent {
 namespace {
 
-struct FreeMemory {
-    void operator()(void* memory) const { ldap_memfree(memory); }
-};
-
 void useOnce(bool tls) {
     LDAP* ldap = nullptr;
     if (ldap_create(&ldap) != LDAP_SUCCESS) return;  // the link's own attempt tells why

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// TLS as libldap does it.
+// What is libldap's: its memory, and TLS as it does it.
 #pragma once
 
 #include <ldap.h>
@@ -10,6 +10,11 @@
 #include "agent/ad/net/tls_context.h"
 
 namespace vexagent {
+
+// For the owners of what libldap has handed over.
+struct FreeMemory {
+    void operator()(void* memory) const { ldap_memfree(memory); }
+};
 
 // What libldap, and so slapd, takes TLS from: "GnuTLS" or "OpenSSL".
 std::string tlsPackage();
