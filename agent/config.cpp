@@ -127,15 +127,15 @@ AuthCacheOptions authCacheOptions(const Reader& reader) {
 
 AdOptions adOptions(const Reader& reader) {
     AdOptions ad;
-    ad.servers = servers(reader);
-    ad.site = reader.text(vorn::SETTING_AD_SITE);
+    ad.controllers.servers = servers(reader);
+    ad.controllers.site = reader.text(vorn::SETTING_AD_SITE);
     ad.transport = transport(reader);
-    ad.keytab = reader.required(vorn::SETTING_AD_KEYTAB);
-    ad.principal = reader.text(vorn::SETTING_AD_PRINCIPAL);
+    ad.account.keytab = reader.required(vorn::SETTING_AD_KEYTAB);
+    ad.account.principal = reader.text(vorn::SETTING_AD_PRINCIPAL);
     ad.tlsCa = reader.text(vorn::SETTING_AD_TLS_CA);
     if (ad.transport != Transport::Gssapi) {
-        ad.bindName = reader.required(vorn::SETTING_AD_BIND_NAME);
-        ad.bindPasswordFile = reader.required(vorn::SETTING_AD_BIND_PASSWORD_FILE);
+        ad.account.bindName = reader.required(vorn::SETTING_AD_BIND_NAME);
+        ad.account.bindPasswordFile = reader.required(vorn::SETTING_AD_BIND_PASSWORD_FILE);
         // None by default: a public authority vouches for anybody's name.
         if (ad.tlsCa.empty())
             reader.fail(vorn::SETTING_AD_TLS_CA, std::string("is not set: ") + kHowToGetAuthority);

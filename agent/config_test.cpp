@@ -43,9 +43,9 @@ TEST(Config, DefaultsOfADomain) {
     const Config config = read("domain.name = example.com\ndirectory = ad\n");
     EXPECT_EQ(config.directory, DirectoryKind::Ad);
     EXPECT_EQ(config.ad.domain, "example.com");
-    EXPECT_TRUE(config.ad.servers.empty());
+    EXPECT_TRUE(config.ad.controllers.servers.empty());
     EXPECT_EQ(config.ad.transport, Transport::Gssapi);
-    EXPECT_EQ(config.ad.keytab, "/etc/krb5.keytab");
+    EXPECT_EQ(config.ad.account.keytab, "/etc/krb5.keytab");
     EXPECT_EQ(config.ad.tlsCa, "");
     EXPECT_EQ(config.ad.timeout, std::chrono::seconds(8));
     EXPECT_EQ(config.ad.connections, 8u);
@@ -67,11 +67,11 @@ TEST(Config, ADomainsSettingsAreRead) {
         "ad.transport = starttls\nad.bind.name = svc@example.com\nad.bind.password.file = /p\n"
         "ad.tls.ca = /ca\nunix.id.min = 1000\n"
         "ad.ids.from.sid = true\nad.auth.cache = true\nzone.dn = CN=z,DC=example,DC=com\n");
-    EXPECT_THAT(config.ad.servers, ::testing::ElementsAre("dc1", "[::1]:390"));
-    EXPECT_EQ(config.ad.site, "North");
+    EXPECT_THAT(config.ad.controllers.servers, ::testing::ElementsAre("dc1", "[::1]:390"));
+    EXPECT_EQ(config.ad.controllers.site, "North");
     EXPECT_EQ(config.ad.transport, Transport::StartTls);
-    EXPECT_EQ(config.ad.bindName, "svc@example.com");
-    EXPECT_EQ(config.ad.bindPasswordFile, "/p");
+    EXPECT_EQ(config.ad.account.bindName, "svc@example.com");
+    EXPECT_EQ(config.ad.account.bindPasswordFile, "/p");
     EXPECT_EQ(config.ad.tlsCa, "/ca");
     EXPECT_EQ(config.ad.ids.least, 1000u);
     EXPECT_EQ(config.leastId, 1000u);
@@ -84,8 +84,8 @@ TEST(Config, EverySettingOfADomainIsRead) {
     const Config config = read(
         "domain.name = example.com\ndirectory = ad\nad.keytab = /k\nad.principal = GATE$\n"
         "ad.ids.home = /users/%u\nad.auth.cache.file = /l\nlogin.attributes = mail  uid\n");
-    EXPECT_EQ(config.ad.keytab, "/k");
-    EXPECT_EQ(config.ad.principal, "GATE$");
+    EXPECT_EQ(config.ad.account.keytab, "/k");
+    EXPECT_EQ(config.ad.account.principal, "GATE$");
     EXPECT_EQ(config.ad.ids.home, "/users/%u");
     EXPECT_EQ(config.ad.authCache.file, "/l");
     EXPECT_THAT(config.ad.loginAttributes, ::testing::ElementsAre("mail", "uid"));

@@ -19,15 +19,10 @@
 
 namespace {
 
-// The reply points into it until the client has its result. A thread works on one
-// request at a time, so each has its own, and no client sees another's text.
-thread_local char failureText[kFailureTextBytes];
-constexpr int kFailureTextSize = kFailureTextBytes - 1;
-
 constexpr std::int32_t kOn = 1;
 
 int fail(vexSession* session, const char* context, vexCode code, Operation* op, SlapReply* rs) {
-    send_vex_err_info(session, context, code, kFailureTextSize, failureText, op, rs);
+    send_vex_err_info(session, context, code, kFailureTextBytes - 1, failureText(), op, rs);
     return LDAP_UNAVAILABLE;
 }
 

@@ -17,10 +17,6 @@
 
 namespace {
 
-// The reply points into it until the client has its result (as that of a bind).
-thread_local char failureText[kFailureTextBytes];
-constexpr int kFailureTextSize = kFailureTextBytes - 1;
-
 struct Outcome {
     int result;
     const char* text;  // may be null
@@ -88,9 +84,9 @@ Outcome refusalOf(vexSession* session) {
                            code == LDAP_UNWILLING_TO_PERFORM;
     if (system != VEX_ERR_LDAP || text == nullptr || !isRefusal) return kDone;
     std::string_view words(text.get());
-    words = words.substr(0, kFailureTextSize);
-    failureText[words.copy(failureText, words.size())] = '\0';
-    return {code, failureText};
+    words = words.substr(0, kFailureTextBytes - 1);
+    failureText()[words.copy(failureText(), words.size())] = '\0';
+    return {code, failureText()};
 }
 
 Outcome explain(vexSession* session, vexCode code) {
@@ -98,8 +94,8 @@ Outcome explain(vexSession* session, vexCode code) {
     if (code == VEX_REFUSED || code == VEX_NOT_SUPPORTED) outcome = refusalOf(session);
     if (outcome.result == LDAP_SUCCESS) {
         const int result =
-            explainFailure(session, "vexAuthChangePassword ", code, kFailureTextSize, failureText);
-        outcome = {result, failureText};
+            explainFailure(session, "vexAuthChangePassword ", code, kFailureTextBytes - 1, failureText());
+        outcome = {result, failureText()};
     }
     if (outcome.result == LDAP_UNWILLING_TO_PERFORM) outcome.result = LDAP_INSUFFICIENT_ACCESS;
     return outcome;

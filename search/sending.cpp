@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "search/sending.h"
 
-#include "backend/base/failure.h"
-
 #include "backend/base/slapd.h"
 
 int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes) {
@@ -12,9 +10,4 @@ int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attribu
     const int sent = send_search_entry(op, rs);
     rs->sr_entry = nullptr;
     return sent;
-}
-
-char* failureText() {
-    static thread_local char text[kFailureTextBytes];
-    return text;
 }

@@ -6,7 +6,3 @@
 
 // Sends an entry; what slapd answers.
 int sendEntry(Operation* op, SlapReply* rs, Entry* entry, AttributeName* attributes);
-
-// The thread's buffer for a failure's text, of kFailureTextBytes: the reply points into
-// one until it is sent. A thread works on one request at a time.
-char* failureText();

@@ -43,16 +43,26 @@ inline constexpr char kHowToGetAuthority[] =
     "it "
     "PEM), Samba keeps it as private/tls/ca.pem; a list of public authorities would let in whoever DNS names";
 
-struct AdOptions {
-    std::string domain;                        // the joined domain's DNS name
-    std::vector<std::string> loginAttributes;  // see NameRules
-    std::vector<std::string> servers;          // "host" or "host:port"; empty: by DNS
+// Which controllers there are.
+struct ControllerOptions {
+    std::vector<std::string> servers;  // "host" or "host:port"; empty: by DNS
     std::string site;
-    Transport transport = Transport::Gssapi;
+};
+
+// Who the agent is to them: the machine with its keytab, or a service account.
+struct AccountOptions {
     std::string keytab = "/etc/krb5.keytab";
     std::string principal;  // empty: the machine's, as the keytab has it
     std::string bindName;
     std::string bindPasswordFile;
+};
+
+struct AdOptions {
+    std::string domain;                        // the joined domain's DNS name
+    std::vector<std::string> loginAttributes;  // see NameRules
+    ControllerOptions controllers{};
+    Transport transport = Transport::Gssapi;
+    AccountOptions account{};
     std::string tlsCa;
     std::chrono::milliseconds timeout{8000};  // for one request, failover included
     std::size_t connections = 8;              // to one controller, idle ones included

@@ -139,6 +139,11 @@ class Diagnosis {
 
 }  // namespace
 
+char* failureText() {
+    static thread_local char text[kFailureTextBytes];
+    return text;
+}
+
 int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text) {
     const Diagnosis diagnosis(session, context, code, size);
     JPrintf("%s", diagnosis.text());

@@ -6,8 +6,10 @@
 
 #include "backend/base/slapd_fwd.h"
 
-// The texts of failures go to buffers of this size; the reply points into one.
+// The thread's buffer for a failure's text, of that many bytes: the reply points into it
+// until it is sent. A thread works on one request at a time, so no client sees another's.
 inline constexpr int kFailureTextBytes = 512;
+char* failureText();
 
 // What a client is told, with result 51, whose request had no turn at the agent.
 inline constexpr char kTooManyWaitText[] = "vex dirgate: too many requests wait for the agent";

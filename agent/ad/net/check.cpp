@@ -69,27 +69,28 @@ class Check {
     void keytab() {
         KdcConversation nobody([](const std::string&) { return nullptr; }, soon());
         const Kerberos kerberos(m_options.domain, nobody);
-        const auto keytab = KrbKeytab::open(kerberos, m_options.keytab);
+        const auto keytab = KrbKeytab::open(kerberos, m_options.account.keytab);
         if (!keytab)
             return wrong(keytab.error().text,
                          "join the domain (adcli join, or realm join), or set ad.keytab to the keytab "
                          "that was made then; the agent's user must be able to read it");
         const KrbPrincipal name = machineName(kerberos, *keytab, m_options);
         if (name.get() == nullptr)
-            return wrong("keytab " + m_options.keytab + " holds no name of the form HOST$@" +
+            return wrong("keytab " + m_options.account.keytab + " holds no name of the form HOST$@" +
                              realmOf(m_options.domain),
                          "compare domain.name with the output of klist -k, or set ad.principal");
         char* text = nullptr;
         krb5_unparse_name(kerberos.get(), name.get(), &text);
-        ok("keytab " + m_options.keytab + " holds " + (text != nullptr ? text : "the machine's name"));
+        ok("keytab " + m_options.account.keytab + " holds " +
+           (text != nullptr ? text : "the machine's name"));
         krb5_free_unparsed_name(kerberos.get(), text);
     }
 
     void account() {
-        const std::string& file = m_options.bindPasswordFile;
+        const std::string& file = m_options.account.bindPasswordFile;
         std::string reason = "no password is in " + file;
         if (hasPassword(file, reason))
-            ok("a password for " + m_options.bindName + " is in " + file);
+            ok("a password for " + m_options.account.bindName + " is in " + file);
         else
             wrong(reason,
                   "put the service account's password into its first line: install -o vexagent -m 400 "
@@ -126,7 +127,7 @@ class Check {
             return false;
         }
         ok(std::to_string(found.size()) + " controllers " +
-           (m_options.servers.empty() ? "found by DNS" : "listed in ad.servers"));
+           (m_options.controllers.servers.empty() ? "found by DNS" : "listed in ad.servers"));
         bool any = false;
         for (const Controllers::Choice& controller : found) any = checkController(controller.peer) || any;
         return any;

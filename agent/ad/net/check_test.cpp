@@ -37,7 +37,7 @@ class CheckTest : public ::testing::Test {
   protected:
     CheckTest() {
         std::signal(SIGPIPE, SIG_IGN);  // as the agent does
-        m_options.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
+        m_options.controllers.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
         m_options.tlsCa = m_controller.authorityFile();
         m_options.clock = stoppedClock;
         m_controller.answer([this](Asked& asked, Talk& talk) { return answer(asked, talk); });
@@ -117,10 +117,11 @@ TEST_F(CheckTest, WithoutAZoneNoneIsLookedFor) {
 }
 
 TEST_F(CheckTest, APasswordThatIsNotThereOrOpenToOthers) {
-    ::chmod(m_options.bindPasswordFile.c_str(), 0644);
-    expectWrong(m_options.bindPasswordFile, "put the service account's password into its first line");
-    m_options.bindPasswordFile = m_folder.file("none");
-    expectWrong("no password is in " + m_options.bindPasswordFile, "put the service account's password");
+    ::chmod(m_options.account.bindPasswordFile.c_str(), 0644);
+    expectWrong(m_options.account.bindPasswordFile, "put the service account's password into its first line");
+    m_options.account.bindPasswordFile = m_folder.file("none");
+    expectWrong("no password is in " + m_options.account.bindPasswordFile,
+                "put the service account's password");
 }
 
 TEST_F(CheckTest, AuthoritiesThatCannotBeRead) {
@@ -129,11 +130,11 @@ TEST_F(CheckTest, AuthoritiesThatCannotBeRead) {
 }
 
 TEST_F(CheckTest, AControllerThatDoesNotAnswer) {
-    m_options.servers.insert(m_options.servers.begin(), "127.0.0.1:1");
+    m_options.controllers.servers.insert(m_options.controllers.servers.begin(), "127.0.0.1:1");
     expectWrong("controller 127.0.0.1 port 1 does not answer: ", "see that it runs");
     EXPECT_THAT(m_report, HasSubstr("ok: 2 controllers listed")) << "and the others are looked at";
     EXPECT_THAT(m_report, HasSubstr("ok: the domain lets the agent in"));
-    m_options.servers = {"127.0.0.1:1"};
+    m_options.controllers.servers = {"127.0.0.1:1"};
     EXPECT_FALSE(check());
     EXPECT_THAT(m_report, Not(HasSubstr("lets the agent in")));
 }
@@ -186,19 +187,19 @@ TEST_F(CheckTest, IdsFromSidsBeginSomewhereOrNowhere) {
 
 TEST_F(CheckTest, AKeytabHoldsTheMachinesName) {
     m_options.transport = Transport::Gssapi;
-    m_options.servers = {"127.0.0.1:1"};
-    m_options.keytab = m_folder.file("web.keytab");
-    ScriptedKdc::writeKey("host/web@EXAMPLE.COM", m_options.keytab, "key");
-    expectWrong("keytab " + m_options.keytab + " holds no name of the form HOST$@EXAMPLE.COM",
+    m_options.controllers.servers = {"127.0.0.1:1"};
+    m_options.account.keytab = m_folder.file("web.keytab");
+    ScriptedKdc::writeKey("host/web@EXAMPLE.COM", m_options.account.keytab, "key");
+    expectWrong("keytab " + m_options.account.keytab + " holds no name of the form HOST$@EXAMPLE.COM",
                 "compare domain.name with the output of klist -k, or set ad.principal");
-    ScriptedKdc::writeKey("WEB$@EXAMPLE.COM", m_options.keytab, "key");
+    ScriptedKdc::writeKey("WEB$@EXAMPLE.COM", m_options.account.keytab, "key");
     EXPECT_FALSE(check());
-    EXPECT_THAT(m_report, StartsWith("ok: keytab " + m_options.keytab + " holds WEB$@EXAMPLE.COM\n"));
+    EXPECT_THAT(m_report, StartsWith("ok: keytab " + m_options.account.keytab + " holds WEB$@EXAMPLE.COM\n"));
     EXPECT_THAT(m_report, Not(HasSubstr("a password for")));
 }
 
 TEST_F(CheckTest, ADomainWithoutControllers) {
-    m_options.servers = {"not a host"};
+    m_options.controllers.servers = {"not a host"};
     m_options.domain = "";
     expectWrong("no controllers of  are found: ", "let /etc/resolv.conf name the domain's DNS servers");
     EXPECT_THAT(m_report, Not(HasSubstr("does not answer")));
@@ -216,8 +217,8 @@ TEST_F(CheckTest, OneThatSaysNothingOfTheTime) {
 
 TEST_F(CheckTest, AKeytabThatIsNotThere) {
     m_options.transport = Transport::Gssapi;
-    m_options.keytab = m_folder.file("none.keytab");
-    m_options.servers = {"127.0.0.1:1"};
+    m_options.account.keytab = m_folder.file("none.keytab");
+    m_options.controllers.servers = {"127.0.0.1:1"};
     EXPECT_FALSE(check());
     EXPECT_THAT(m_report, StartsWith("wrong: "));
     EXPECT_THAT(m_report, HasSubstr("none.keytab"));

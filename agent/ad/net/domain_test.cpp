@@ -25,7 +25,7 @@ constexpr char kAnn[] = "CN=Ann,DC=example,DC=com";
 class DomainTest : public ::testing::Test {
   protected:
     DomainTest() {
-        m_connector.options.servers = {"dc1", "dc2"};
+        m_connector.options.controllers.servers = {"dc1", "dc2"};
         m_connector.options.transport = Transport::Ldaps;
     }
 
@@ -204,7 +204,7 @@ TEST_F(DomainTest, OneThatHangsIsLookedAtAndLeftForAnother) {
 
 // It has let the agent in since the request began: the request has used up its own time.
 TEST_F(DomainTest, TheLastOneIsWaitedForToTheEnd) {
-    m_connector.options.servers = {"dc1"};
+    m_connector.options.controllers.servers = {"dc1"};
     first().hangs = true;
     const Deadline deadline = soon();
     const auto done = ask(deadline);
@@ -228,7 +228,7 @@ TEST_F(DomainTest, OneThatTakesItsTimeForAConnectionIsLeftAfterTwoSecondsOrHalfT
 TEST_F(DomainTest, OneThatAnsweredNobodySinceARequestBeganIsAtFaultForBeingLate) {
     EXPECT_TRUE(ask());
     advance(milliseconds(1));
-    m_connector.options.servers = {"dc1"};
+    m_connector.options.controllers.servers = {"dc1"};
     EXPECT_TRUE(domain().locator().locate());
     first().hangs = true;
     const Deadline deadline = soon();

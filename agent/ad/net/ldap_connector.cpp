@@ -73,7 +73,7 @@ Linked<Done> LdapConnector::introduceHost(LdapLink& link, const std::string& dom
 }
 
 bool LdapConnector::mayShowPassword(const Peer& peer) {
-    m_own.use(stampOf(m_context.options.bindPasswordFile));
+    m_own.use(stampOf(m_context.options.account.bindPasswordFile));
     return m_own.mayTry(peer, m_context.clock.now());
 }
 
@@ -98,15 +98,16 @@ Linked<Done> LdapConnector::showPassword(LdapLink& link, const Deadline& deadlin
     const AdOptions& options = m_context.options;
     std::optional<vorn::Secret> password;
     try {
-        password = vorn::readSecretLine(options.bindPasswordFile);
+        password = vorn::readSecretLine(options.account.bindPasswordFile);
         if (!password)
-            return vorn::unexpected(link.lost(
-                LDAP_LOCAL_ERROR, "no password in " + options.bindPasswordFile + " (ad.bind.password.file)"));
+            return vorn::unexpected(
+                link.lost(LDAP_LOCAL_ERROR,
+                          "no password in " + options.account.bindPasswordFile + " (ad.bind.password.file)"));
     } catch (const vorn::OwnFileError& error) {
         return vorn::unexpected(
             link.lost(LDAP_LOCAL_ERROR, std::string(error.what()) + " (ad.bind.password.file)"));
     }
-    return link.bind(options.bindName, password->text(), deadline);
+    return link.bind(options.account.bindName, password->text(), deadline);
 }
 
 // The service account is refused: nobody is asked for a while.
@@ -118,7 +119,7 @@ LinkFailure LdapConnector::barred() const {
 }
 
 std::string LdapConnector::serviceName() const {
-    return m_context.options.bindName + " (ad.bind.name)";
+    return m_context.options.account.bindName + " (ad.bind.name)";
 }
 
 void LdapConnector::tellRefusal(const std::string& reason) const {
@@ -127,7 +128,8 @@ void LdapConnector::tellRefusal(const std::string& reason) const {
         "the domain refuses %s: %s. Put its password into the first line of %s (ad.bind.password.file), "
         "and see that the account is neither locked nor disabled; what is there now is tried again "
         "after 5 seconds, and then ever more rarely, up to every 15 minutes",
-        serviceName().c_str(), vorn::printable(reason).c_str(), m_context.options.bindPasswordFile.c_str());
+        serviceName().c_str(), vorn::printable(reason).c_str(),
+        m_context.options.account.bindPasswordFile.c_str());
 }
 
 }  // namespace vexagent

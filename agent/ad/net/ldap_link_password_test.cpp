@@ -161,10 +161,10 @@ TEST_F(LinkTest, AnotherPasswordInTheFileIsTriedAtOnce) {
 
 TEST_F(LinkTest, APasswordFileThatIsNotThereOrOpenToOthersIsToldByItsName) {
     ScriptedController controller;
-    ::chmod(m_options.bindPasswordFile.c_str(), 0644);
+    ::chmod(m_options.account.bindPasswordFile.c_str(), 0644);
     Ended status = open(controller, Transport::StartTls);
     EXPECT_THAT(status.text, HasSubstr("ad.bind.password.file"));
-    m_options.bindPasswordFile += ".not";
+    m_options.account.bindPasswordFile += ".not";
     status = open(controller, Transport::StartTls);
     EXPECT_THAT(status.text, HasSubstr("ad.bind.password.file"));
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);

@@ -21,7 +21,7 @@ std::string keyOf(const Place& place) {
 
 // A password that others may read is refused at once, not at the first request.
 const AdOptions& checked(const AdOptions& options) {
-    if (options.transport != Transport::Gssapi) vorn::readSecretLine(options.bindPasswordFile);
+    if (options.transport != Transport::Gssapi) vorn::readSecretLine(options.account.bindPasswordFile);
     return options;
 }
 
@@ -46,7 +46,7 @@ LdapNetwork::LdapNetwork(const AdOptions& options, const vorn::SteadyClock& cloc
       m_context{m_options, m_connector, clock, m_pages, randomFraction} {
     Domain& joined = at({m_options.domain});
     // A list of servers needs nobody to look for them.
-    if (!m_options.servers.empty()) static_cast<void>(joined.locator().locate());
+    if (!m_options.controllers.servers.empty()) static_cast<void>(joined.locator().locate());
     m_house.emplace(kHouseTime, [this] { tendAll(); });
 }
 

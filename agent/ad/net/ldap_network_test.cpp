@@ -24,7 +24,7 @@ class LdapNetworkTest : public ::testing::Test {
   protected:
     LdapNetworkTest() {
         std::signal(SIGPIPE, SIG_IGN);  // as the agent does
-        m_options.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
+        m_options.controllers.servers = {"127.0.0.1:" + std::to_string(m_controller.peer().port)};
         m_options.tlsCa = m_controller.authorityFile();
         m_controller.answer([](Asked& asked, Talk& talk) { return answer(asked, talk); });
     }
@@ -106,7 +106,7 @@ TEST_F(LdapNetworkTest, ShowsAPasswordOnce) {
 }
 
 TEST_F(LdapNetworkTest, WhereNobodyAnswersIsToldAndKnownFromThenOn) {
-    m_options.servers = {"127.0.0.1:1"};
+    m_options.controllers.servers = {"127.0.0.1:1"};
     const auto none = readOne(network(), m_place, {"DC=example,DC=com"}, soon());
     ASSERT_FALSE(none);
     EXPECT_TRUE(none.error().lost);
@@ -131,7 +131,7 @@ TEST_F(LdapNetworkTest, HasWorkDoneFromTimeToTimeUntilItIsEnded) {
 }
 
 TEST_F(LdapNetworkTest, APasswordThatOthersMayReadIsRefusedAtOnce) {
-    ::chmod(m_options.bindPasswordFile.c_str(), 0644);
+    ::chmod(m_options.account.bindPasswordFile.c_str(), 0644);
     EXPECT_THROW(LdapNetwork{m_options}, vorn::OwnFileError);
 }
 

@@ -32,7 +32,7 @@ Locator::Found Locator::listed() const {
     const bool catalog = m_place.kind == Place::Kind::Catalog;
     if (!catalog && !vorn::equalsIgnoreCase(m_place.name, m_context.options.domain)) return {};
     Found controllers;
-    for (const std::string& server : m_context.options.servers) {
+    for (const std::string& server : m_context.options.controllers.servers) {
         std::optional<Peer> peer = parsePeer(server, port());
         if (!peer) continue;
         if (catalog) peer->port = port();
@@ -47,7 +47,7 @@ Expected<Locator::Found, std::string> Locator::find() {
     const bool catalog = m_place.kind == Place::Kind::Catalog;
     const std::string service = catalog ? "_gc._tcp" : "_ldap._tcp";
     const std::string suffix = catalog ? m_place.name : "dc._msdcs." + m_place.name;
-    const std::string& site = m_context.options.site;
+    const std::string& site = m_context.options.controllers.site;
     std::vector<std::pair<std::string, int>> names = {{service + "." + suffix, kOtherSite}};
     if (!site.empty()) names.insert(names.begin(), {service + "." + site + "._sites." + suffix, 0});
     std::string reason;

@@ -46,7 +46,7 @@ class LocatorTest : public ::testing::Test {
 };
 
 TEST_F(LocatorTest, AListNeedsNobodyToAsk) {
-    m_connector.options.servers = {"dc1", "dc2:1389", "not a host"};
+    m_connector.options.controllers.servers = {"dc1", "dc2:1389", "not a host"};
     EXPECT_EQ(reason(), "");
     EXPECT_THAT(found(), ElementsAre("dc1:389", "dc2:1389"));
     EXPECT_THAT(m_connector.takeEvents(), ElementsAre("learn dc1", "learn dc2"));
@@ -56,7 +56,7 @@ TEST_F(LocatorTest, AListNeedsNobodyToAsk) {
 }
 
 TEST_F(LocatorTest, ThoseOfTheSiteComeFirstAndEachOnce) {
-    m_connector.options.site = "Here";
+    m_connector.options.controllers.site = "Here";
     m_connector.services[kSiteService] = {{0, 0, 389, "NEAR.example.com"}};
     m_connector.services[kService] = {{0, 0, 389, "far.example.com"}, {0, 0, 389, "near.example.com"}};
     EXPECT_EQ(reason(), "");
@@ -64,7 +64,7 @@ TEST_F(LocatorTest, ThoseOfTheSiteComeFirstAndEachOnce) {
 }
 
 TEST_F(LocatorTest, TheLeastOfTheSiteComesBeforeTheBestOfTheOthers) {
-    m_connector.options.site = "Here";
+    m_connector.options.controllers.site = "Here";
     m_connector.services[kSiteService] = {{65535, 0, 389, "near.example.com"}};
     m_connector.services[kService] = {{0, 0, 389, "far.example.com"}};
     EXPECT_EQ(reason(), "");
@@ -82,7 +82,7 @@ TEST_F(LocatorTest, WhyThereAreNoneIsToldOnce) {
     EXPECT_THAT(told(), HasSubstr(why + ": no such service\n"));
     EXPECT_EQ(told(), "");
     m_connector.services[kService] = {};
-    m_connector.options.site = "Here";
+    m_connector.options.controllers.site = "Here";
     m_connector.services[kSiteService] = {{0, 0, 389, "dc1.example.com"}};
     const test::CapturedLog log;
     EXPECT_EQ(reason(), "");
@@ -123,7 +123,7 @@ TEST_F(LocatorTest, WhoWaitsIsWokenWhenSomeAreFound) {
 }
 
 TEST_F(LocatorTest, ASiteWithoutAnyLeavesTheOthers) {
-    m_connector.options.site = "Here";
+    m_connector.options.controllers.site = "Here";
     m_connector.services[kService] = {{1, 0, 389, "b.example.com"}, {0, 0, 390, "a.example.com"}};
     EXPECT_EQ(reason(), "");
     EXPECT_THAT(found(), ElementsAre("a.example.com:390", "b.example.com:389"));
@@ -204,7 +204,7 @@ TEST_F(CatalogLocatorTest, ACatalogHasAServiceAndAPortOfItsOwn) {
     m_connector.services["_gc._tcp.forest.com"] = {{0, 0, 3268, "dc1.forest.com"}};
     EXPECT_EQ(reason(), "");
     EXPECT_THAT(found(), ElementsAre("dc1.forest.com:3268"));
-    m_connector.options.servers = {"dc1:1389"};
+    m_connector.options.controllers.servers = {"dc1:1389"};
     EXPECT_EQ(reason(), "");
     EXPECT_THAT(found(), ElementsAre("dc1:3268"));
     m_connector.options.transport = Transport::Ldaps;
@@ -218,7 +218,7 @@ class OtherLocatorTest : public LocatorTest {
 };
 
 TEST_F(OtherLocatorTest, AListIsTheJoinedDomainsOnly) {
-    m_connector.options.servers = {"dc1"};
+    m_connector.options.controllers.servers = {"dc1"};
     m_connector.options.transport = Transport::StartTls;
     m_connector.services["_ldap._tcp.dc._msdcs.sub.example.com"] = {{0, 0, 389, "dc9.example.com"}};
     EXPECT_EQ(reason(), "");

@@ -42,7 +42,7 @@ Expected<Accepted, KdcFailure> checkPassword(const AdOptions& options, KdcConver
         return vorn::unexpected(refused(kerberos.failure(KRB5KDC_ERR_PREAUTH_FAILED)));
     const auto client = newPrincipal(kerberos, realmOf(domain), account);
     if (!client) return vorn::unexpected(refused(client.error()));
-    const auto keytab = KrbKeytab::open(kerberos, options.keytab);
+    const auto keytab = KrbKeytab::open(kerberos, options.account.keytab);
     const KrbPrincipal self = keytab ? ownName(kerberos, *keytab, options) : KrbPrincipal(kerberos.get());
     // What is wanted is a ticket for this host, to be checked with the keytab. A KDC of
     // the host's own realm gives it at once, without one for tickets before it.

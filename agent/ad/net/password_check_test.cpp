@@ -22,7 +22,7 @@ class PasswordCheckTest : public ::testing::Test {
   protected:
     PasswordCheckTest() {
         m_options.domain = "example.com";
-        m_options.keytab = m_folder.file("keytab");
+        m_options.account.keytab = m_folder.file("keytab");
         m_kdc.addPerson("ann@EXAMPLE.COM", "secret");
         m_kdc.addPerson("eve@FAR.EXAMPLE.COM", "secret");
     }
@@ -48,14 +48,14 @@ class PasswordCheckTest : public ::testing::Test {
 const std::string kWrong = std::to_string(KRB5KDC_ERR_PREAUTH_FAILED);
 
 TEST_F(PasswordCheckTest, ARightPasswordIsATicketForTheHostAtOnce) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     EXPECT_EQ(check("ann", "secret"), "yes");
     EXPECT_THAT(m_kdc.takeAsked(),
                 ElementsAre(asks("ann@EXAMPLE.COM", kHost), asks("ann@EXAMPLE.COM", kHost) + " proved"));
 }
 
 TEST_F(PasswordCheckTest, AWrongPasswordIsShownOnce) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     EXPECT_EQ(check("ann", "wrong"), kWrong);
     EXPECT_THAT(m_kdc.takeAsked(),
                 ElementsAre(asks("ann@EXAMPLE.COM", kHost), asks("ann@EXAMPLE.COM", kHost) + " proved"));
@@ -63,20 +63,20 @@ TEST_F(PasswordCheckTest, AWrongPasswordIsShownOnce) {
 }
 
 TEST_F(PasswordCheckTest, WhoIsNotKnownIsAskedAboutAsOften) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     EXPECT_EQ(check("nobody", "secret"), std::to_string(KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN));
     EXPECT_THAT(m_kdc.takeAsked(),
                 ElementsAre(asks("nobody@EXAMPLE.COM", kHost), asks("nobody@EXAMPLE.COM", kHost)));
 }
 
 TEST_F(PasswordCheckTest, APasswordsStartDoesNotPassForIt) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     EXPECT_EQ(check("ann", std::string("secret\0more", 11)), kWrong);
     EXPECT_THAT(m_kdc.takeAsked(), IsEmpty());
 }
 
 TEST_F(PasswordCheckTest, AnAnswerThatTheKeytabDoesNotProveIsNone) {
-    ScriptedKdc::writeKey(kHost, m_options.keytab, "another key");
+    ScriptedKdc::writeKey(kHost, m_options.account.keytab, "another key");
     m_kdc.addPerson(kHost, "key");
     const std::string unproved = check("ann", "secret");
     EXPECT_TRUE(unproved.ends_with(" unverified")) << unproved;
@@ -84,19 +84,19 @@ TEST_F(PasswordCheckTest, AnAnswerThatTheKeytabDoesNotProveIsNone) {
 
 TEST_F(PasswordCheckTest, WithoutAKeytabNothingIsProved) {
     EXPECT_EQ(check("ann", "secret"), std::to_string(KRB5_KT_NOTFOUND) + " unverified");
-    EXPECT_TRUE(m_text.starts_with("keytab " + m_options.keytab + ": ")) << m_text;
+    EXPECT_TRUE(m_text.starts_with("keytab " + m_options.account.keytab + ": ")) << m_text;
     EXPECT_THAT(m_kdc.takeAsked(), ElementsAre(asks("ann@EXAMPLE.COM", kTickets),
                                                asks("ann@EXAMPLE.COM", kTickets) + " proved"));
     EXPECT_EQ(check("ann", "wrong"), kWrong);  // that is the domain's own word
 }
 
 TEST_F(PasswordCheckTest, AKeytabWithoutANameOfTheHostProvesNothing) {
-    m_kdc.addKey("nfs/web.example.com@EXAMPLE.COM", m_options.keytab);
+    m_kdc.addKey("nfs/web.example.com@EXAMPLE.COM", m_options.account.keytab);
     EXPECT_EQ(check("ann", "secret"), std::to_string(KRB5_KT_NOTFOUND) + " unverified");
 }
 
 TEST_F(PasswordCheckTest, SomebodyOfAnotherDomainGetsATicketForTheHostByWayOfHisOwn) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     EXPECT_EQ(check("eve", "secret", "far.example.com"), "yes");
     const std::string eve = "eve@FAR.EXAMPLE.COM", tickets = "krbtgt/FAR.EXAMPLE.COM@FAR.EXAMPLE.COM",
                       between = "krbtgt/EXAMPLE.COM@FAR.EXAMPLE.COM";
@@ -106,7 +106,7 @@ TEST_F(PasswordCheckTest, SomebodyOfAnotherDomainGetsATicketForTheHostByWayOfHis
 }
 
 TEST_F(PasswordCheckTest, WhereNobodyAnswersThatIsTold) {
-    m_kdc.addKey(kHost, m_options.keytab);
+    m_kdc.addKey(kHost, m_options.account.keytab);
     m_kdc.answers = false;
     EXPECT_EQ(check("ann", "secret"), std::to_string(KRB5_KDC_UNREACH));
     EXPECT_EQ(m_text, "dc1.example.com: no answer");

@@ -39,9 +39,9 @@ std::string nameWithoutRealm(const Kerberos& kerberos, krb5_const_principal prin
 }
 
 KrbPrincipal machineName(const Kerberos& kerberos, const KrbKeytab& keytab, const AdOptions& options) {
-    if (!options.principal.empty()) {
+    if (!options.account.principal.empty()) {
         KrbPrincipal name(kerberos.get());
-        krb5_parse_name(kerberos.get(), options.principal.c_str(), name.place());
+        krb5_parse_name(kerberos.get(), options.account.principal.c_str(), name.place());
         return name;
     }
     const std::string realm = realmOf(options.domain);

@@ -16,9 +16,9 @@ class PrincipalsTest : public ::testing::Test {
     PrincipalsTest() { m_options.domain = "Example.com"; }
 
     KrbKeytab keytabOf(std::initializer_list<const char*> names) {
-        m_options.keytab = m_folder.file("keytab" + std::to_string(++m_keytabs));
-        for (const char* name : names) ScriptedKdc::writeKey(name, m_options.keytab, "key");
-        auto keytab = KrbKeytab::open(m_kerberos, m_options.keytab);
+        m_options.account.keytab = m_folder.file("keytab" + std::to_string(++m_keytabs));
+        for (const char* name : names) ScriptedKdc::writeKey(name, m_options.account.keytab, "key");
+        auto keytab = KrbKeytab::open(m_kerberos, m_options.account.keytab);
         EXPECT_TRUE(keytab);
         return std::move(*keytab);
     }
@@ -68,9 +68,9 @@ TEST_F(PrincipalsTest, TheMachineIsTheFirstNameOfTheRealmThatEndsWithADollar) {
 }
 
 TEST_F(PrincipalsTest, TheSettingNamesTheMachineWhateverTheKeytabHolds) {
-    m_options.principal = "nfs/web.example.com";
+    m_options.account.principal = "nfs/web.example.com";
     EXPECT_EQ(machine({"WEB$@EXAMPLE.COM"}), "nfs/web.example.com@EXAMPLE.COM");
-    m_options.principal = "a@b@c";
+    m_options.account.principal = "a@b@c";
     EXPECT_EQ(machine({"WEB$@EXAMPLE.COM"}), "nobody");
 }
 

@@ -300,9 +300,9 @@ AdOptions serviceAccount(const vorn::test::TemporaryFolder& folder) {
     AdOptions options;
     options.domain = "example.com";
     options.transport = Transport::Ldaps;
-    options.bindName = "CN=gateway,DC=example,DC=com";
-    options.bindPasswordFile = folder.write("password", "secret\n");
-    ::chmod(options.bindPasswordFile.c_str(), 0600);
+    options.account.bindName = "CN=gateway,DC=example,DC=com";
+    options.account.bindPasswordFile = folder.write("password", "secret\n");
+    ::chmod(options.account.bindPasswordFile.c_str(), 0600);
     return options;
 }
 

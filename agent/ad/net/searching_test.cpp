@@ -16,7 +16,7 @@ using ::testing::ElementsAre;
 class SearchingTest : public ::testing::Test {
   protected:
     SearchingTest() {
-        m_connector.options.servers = {"dc1", "dc2"};
+        m_connector.options.controllers.servers = {"dc1", "dc2"};
         m_connector.options.connections = 1;
         for (const char* host : {"dc1", "dc2"})
             m_connector.controllers[host].answer = [this](const LdapSearch& search) { return held(search); };

@@ -84,21 +84,21 @@ Tickets::Tickets(const AdOptions& options, KdcConversation::ControllersOf contro
 // -------------------------------------------------------------- the machine's
 
 Krb<Done> Tickets::renew(Kerberos& kerberos) {
-    const auto keytab = KrbKeytab::open(kerberos, m_options.keytab);
+    const auto keytab = KrbKeytab::open(kerberos, m_options.account.keytab);
     if (!keytab) return vorn::unexpected(keytab.error());
     const KrbPrincipal name = machineName(kerberos, *keytab, m_options);
     if (name.get() == nullptr)
-        return vorn::unexpected(KrbFailure{
-            KRB5_KT_NOTFOUND,
-            "keytab " + m_options.keytab + ": no name of the form HOST$@" + realmOf(m_options.domain)});
+        return vorn::unexpected(KrbFailure{KRB5_KT_NOTFOUND, "keytab " + m_options.account.keytab +
+                                                                 ": no name of the form HOST$@" +
+                                                                 realmOf(m_options.domain)});
     auto credentials = kerberos.firstCredentials(name.get(), [&](krb5_init_creds_context context) {
         return krb5_init_creds_set_keytab(kerberos.get(), context, keytab->get());
     });
     if (!credentials) {
         KrbFailure failure = credentials.error();
         if (failure.code == KRB5KDC_ERR_PREAUTH_FAILED || failure.code == KRB5KRB_AP_ERR_BAD_INTEGRITY)
-            failure.text =
-                "keytab " + m_options.keytab + ": the machine's key is another one by now: " + failure.text;
+            failure.text = "keytab " + m_options.account.keytab +
+                           ": the machine's key is another one by now: " + failure.text;
         return vorn::unexpected(failure);
     }
     if (auto held = Cache(kerberos).hold(credentials->get()); !held) return held;
@@ -109,7 +109,7 @@ Krb<Done> Tickets::renew(Kerberos& kerberos) {
 // The machine's ticket, asked for as long as its key may be shown.
 Krb<Done> Tickets::logIn(Kerberos& kerberos, KdcConversation& kdc, const Deadline& deadline) {
     const vorn::SteadyClock& clock = deadline.clock();
-    m_own.use(stampOf(m_options.keytab));
+    m_own.use(stampOf(m_options.account.keytab));
     kdc.askOnly([&](const Peer& peer) { return m_own.mayTry(peer, clock.now()); });
     auto renewed = renew(kerberos);
     kdc.askOnly(nullptr);
@@ -127,7 +127,7 @@ void Tickets::tellRefusal(const std::string& reason) const {
               "the domain refuses the key in %s: %s. Join the domain anew (adcli join, or realm join), or "
               "see that the machine's account is neither locked nor disabled; what is there now is tried "
               "again after 5 seconds, and then ever more rarely, up to every 15 minutes",
-              m_options.keytab.c_str(), reason.c_str());
+              m_options.account.keytab.c_str(), reason.c_str());
 }
 
 // ----------------------------------------------------------------- a service's

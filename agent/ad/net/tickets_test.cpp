@@ -81,10 +81,10 @@ class TicketsTest : public ::testing::Test {
     TicketsTest() {
         ahead = 0;
         m_options.domain = "example.com";
-        m_options.keytab = m_folder.file("keytab");
+        m_options.account.keytab = m_folder.file("keytab");
         m_options.clock = [] { return std::time(nullptr) + ahead; };
     }
-    void join() { m_kdc.addKey(kMachine, m_options.keytab); }
+    void join() { m_kdc.addKey(kMachine, m_options.account.keytab); }
     Tickets& tickets() {
         if (!m_tickets)
             m_tickets.emplace(
@@ -175,8 +175,9 @@ TEST_F(TicketsTest, GssapiFindsThemAndNothingElse) {
 
 TEST_F(TicketsTest, AKeyThatIsAnotherOneByNowIsToldAndShownRarely) {
     m_kdc.addPerson(kMachine, "new key");
-    ScriptedKdc::writeKey(kMachine, m_options.keytab, "old key");
-    const std::string told = "keytab " + m_options.keytab + ": the machine's key is another one by now: ";
+    ScriptedKdc::writeKey(kMachine, m_options.account.keytab, "old key");
+    const std::string told =
+        "keytab " + m_options.account.keytab + ": the machine's key is another one by now: ";
     {
         const test::CapturedLog log;
         const auto refused = prepare();
@@ -184,7 +185,8 @@ TEST_F(TicketsTest, AKeyThatIsAnotherOneByNowIsToldAndShownRarely) {
         EXPECT_EQ(refused.error().code, KRB5KDC_ERR_PREAUTH_FAILED);
         EXPECT_TRUE(refused.error().barred);
         EXPECT_TRUE(refused.error().text.starts_with(told)) << refused.error().text;
-        EXPECT_THAT(log.text(), HasSubstr("the domain refuses the key in " + m_options.keytab + ": " + told));
+        EXPECT_THAT(log.text(),
+                    HasSubstr("the domain refuses the key in " + m_options.account.keytab + ": " + told));
     }
     m_kdc.takeAsked();
     EXPECT_EQ(outcome(), "the domain refuses the machine's key; it is tried again later");
@@ -196,8 +198,8 @@ TEST_F(TicketsTest, AKeyThatIsAnotherOneByNowIsToldAndShownRarely) {
         EXPECT_EQ(log.text(), "");  // once
     }
     // Another key is tried at once.
-    std::remove(m_options.keytab.c_str());
-    ScriptedKdc::writeKey(kMachine, m_options.keytab, "new key");
+    std::remove(m_options.account.keytab.c_str());
+    ScriptedKdc::writeKey(kMachine, m_options.account.keytab, "new key");
     EXPECT_EQ(outcome(), "yes");
 }
 
@@ -236,12 +238,13 @@ TEST_F(TicketsTest, AKeyThatFitsNoMoreIsToldToBeAnother) {
 }
 
 TEST_F(TicketsTest, WithoutTheMachinesNameThereAreNone) {
-    EXPECT_TRUE(outcome().starts_with("keytab " + m_options.keytab + ": "));
-    m_kdc.addKey("web@EXAMPLE.COM", m_options.keytab);
+    EXPECT_TRUE(outcome().starts_with("keytab " + m_options.account.keytab + ": "));
+    m_kdc.addKey("web@EXAMPLE.COM", m_options.account.keytab);
     const auto none = prepare();
     ASSERT_FALSE(none);
     EXPECT_EQ(none.error().code, KRB5_KT_NOTFOUND);
-    EXPECT_EQ(none.error().text, "keytab " + m_options.keytab + ": no name of the form HOST$@EXAMPLE.COM");
+    EXPECT_EQ(none.error().text,
+              "keytab " + m_options.account.keytab + ": no name of the form HOST$@EXAMPLE.COM");
     EXPECT_THAT(m_kdc.takeAsked(), IsEmpty());
 }
 
