@@ -11,6 +11,7 @@
 #include "standard/names.h"
 #include "standard/slapd_entry.h"
 #include "standard/spellings.h"
+#include "vorn/clock.h"
 #include "vorn/settings.h"
 #include "vorn/strings.h"
 
@@ -27,14 +28,9 @@ Kinds& kinds() {
 // What is kept with a cached object.
 struct Kept {
     bool members;
+    bool references;
     SharedEntry entry;
 };
-
-SharedEntry keptEntry(const FoundObject& found, const Extras& extras) {
-    if (found.kept == nullptr || extras.memberOf) return nullptr;
-    const auto* kept = static_cast<const Kept*>(found.kept.get());
-    return kept->members || !extras.members ? kept->entry : nullptr;
-}
 
 // Other zones may have netgroups of the same names: only those of the host's own are shown.
 bool isOfAnotherZone(const Kind& kind, const AgentObject& object) {
@@ -67,8 +63,10 @@ void learnSpellings(const Entry& entry) {
 
 }  // namespace
 
+// Where people's uid is not the account's name, groups are to call them as hosts do.
 void useKinds(Kinds made) {
     kinds() = std::move(made);
+    useView(namesAccounts(kinds()) ? VEX_VIEW_APPLICATIONS : VEX_VIEW_HOSTS);
 }
 
 const Kinds& usedKinds() {
@@ -141,13 +139,22 @@ SharedEntry EntrySearch::next(vexCode* code) {
     return nullptr;
 }
 
+SharedEntry EntrySearch::keptEntry(const FoundObject& found) const {
+    if (found.kept == nullptr || m_wanted.extras.memberOf) return nullptr;
+    const auto* kept = static_cast<const Kept*>(found.kept.get());
+    const bool whole =
+        (kept->members || !m_wanted.extras.members) && (kept->references || !m_references.areWanted());
+    return whole ? kept->entry : nullptr;
+}
+
 SharedEntry EntrySearch::entryOf(const FoundObject& found, vexCode* code) {
-    if (SharedEntry kept = keptEntry(found, m_wanted.extras)) return kept;
+    if (SharedEntry kept = keptEntry(found)) return kept;
     const AgentObject object(m_objects.session(), found.object.get());
     const Kind* kind = kindOf(kinds(), object);
     if (kind == nullptr || isOfAnotherZone(*kind, object)) return nullptr;
     auto shown = show(*kind, object);
     if (!shown) return nullptr;
+    const bool references = m_references.areWanted() || !References::areIn(*shown);
     *code = addExtras(*kind, object, &*shown);
     if (*code != VEX_OK) return nullptr;
     SharedEntry entry = slapdEntry(*shown);
@@ -156,13 +163,20 @@ SharedEntry EntrySearch::entryOf(const FoundObject& found, vexCode* code) {
     const bool whole = m_wanted.extras.members || kind->sort != Sort::Group;
     SharedEntry copy = sharedCopy(*entry);
     m_objects.cache()->setAttachment(*found.cachedAs, found.serial,
-                                     std::make_shared<const Kept>(Kept{whole, copy}), flatSize(*entry));
+                                     std::make_shared<const Kept>(Kept{whole, references, copy}),
+                                     flatSize(*entry));
     return copy;
 }
 
 vexCode EntrySearch::addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown) {
     std::vector<std::string> dns;
     vexCode code = VEX_OK;
+    if (m_references.areWanted() && References::areIn(*shown)) code = m_references.show(shown);
+    if (code == VEX_OK && wantsShadow(kind, *shown)) {
+        if (!m_policy) code = readPolicy();
+        if (code == VEX_OK) addShadow(kind, shadowOf(object, *m_policy, vorn::systemTime()), shown);
+    }
+    if (code != VEX_OK) return code;
     if (kind.sort == Sort::Group && m_wanted.extras.members) {
         code = memberDns(m_op, object, &dns);
         addValues(kind, "member", std::move(dns), shown);
@@ -171,6 +185,20 @@ vexCode EntrySearch::addExtras(const Kind& kind, const AgentObject& object, Show
         addValues(kind, "memberOf", std::move(dns), shown);
     }
     return code;
+}
+
+// The object of the suffix is the domain's.
+vexCode EntrySearch::readPolicy() {
+    const berval& suffix = m_op->o_bd->be_suffix[0];
+    ObjectSearch search;
+    vexCode code = search.open({"(objectClass=*)", {suffix.bv_val, suffix.bv_len}, LDAP_SCOPE_BASE});
+    m_policy.emplace();
+    FoundObject found;
+    while (code == VEX_OK && (code = search.next(&found)) == VEX_OK)
+        m_policy = policyOf(AgentObject(search.session(), found.object.get()));
+    if (code != VEX_END_OF_RESULTS) return code;
+    search.finish();
+    return VEX_OK;
 }
 
 bool EntrySearch::isWanted(Entry* entry) const {

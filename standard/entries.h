@@ -11,6 +11,8 @@
 #include "standard/kinds.h"
 #include "standard/object_search.h"
 #include "standard/question.h"
+#include "standard/references.h"
+#include "standard/shadow.h"
 #include "standard/shown_entry.h"
 
 #include "backend/base/slapd_fwd.h"
@@ -36,7 +38,8 @@ struct Wanted {
 // For use by one thread.
 class EntrySearch {
   public:
-    EntrySearch(Operation* op, const Wanted& wanted) : m_op(op), m_wanted(wanted) {}
+    EntrySearch(Operation* op, const Wanted& wanted)
+        : m_op(op), m_wanted(wanted), m_references(op, wanted.filter) {}
 
     // Asks the cache, or the agent. VEX_OK, kFilterRefused, or the agent's code.
     vexCode open();
@@ -59,7 +62,9 @@ class EntrySearch {
     std::string key() const;
     vexCode ask();
     bool makeFilter();
+    SharedEntry keptEntry(const FoundObject& found) const;
     SharedEntry entryOf(const FoundObject& found, vexCode* code);
+    vexCode readPolicy();
     vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
     bool isWanted(Entry* entry) const;
 
@@ -67,6 +72,8 @@ class EntrySearch {
     const Wanted& m_wanted;
     std::optional<std::string> m_filter;  // the agent's, once it was needed; empty: nothing can match
     ObjectSearch m_objects;
+    References m_references;
+    std::optional<PasswordPolicy> m_policy;  // once it was needed
 };
 
 // The entry of this name. Null with VEX_OK if there is none, else with the agent's code.

@@ -16,4 +16,14 @@ bool Kind::mayHaveClass(std::string_view name) const {
            std::any_of(fallback.begin(), fallback.end(), isIt);
 }
 
+bool namesAccounts(const Kinds& kinds) {
+    for (const Kind& kind : kinds) {
+        const auto* uid = kind.sort == Sort::Person ? kind.find("uid") : nullptr;
+        if (uid == nullptr) continue;
+        const std::vector<std::string>& sources = kind.attributes[uid->front()].sources;
+        return vorn::stringInList(sources, "sAMAccountName", false);
+    }
+    return true;
+}
+
 }  // namespace standard

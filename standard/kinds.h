@@ -68,6 +68,9 @@ struct Kind {
     bool showsIncomplete = false;
     std::vector<std::string> incompleteWithout;
 
+    // Whether the ageing of passwords is worked out from the account (standard/shadow.h).
+    bool shadowOfAccount = false;
+
     // What an entry may have as objectClass, superiors included, in the order in which they
     // are shown: first the chain down to the structural class. An entry that lacks what the
     // structural one needs has the fallback's chain instead, if there is one.
@@ -85,5 +88,8 @@ struct Kind {
 };
 
 using Kinds = std::vector<Kind>;
+
+// Whether people's uid is sAMAccountName, which all of them have.
+bool namesAccounts(const Kinds& kinds);
 
 }  // namespace standard

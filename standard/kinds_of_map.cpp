@@ -12,6 +12,7 @@ namespace standard {
 namespace {
 
 constexpr char kShowIncomplete[] = "entries.without.numbers";
+constexpr char kShadowOfAccount[] = "shadow.of.account";
 constexpr char kUniqueName[] = "sAMAccountName";
 constexpr char kTheRest[] = "adObject";
 
@@ -125,8 +126,11 @@ Kind KindMaker::make(const std::string& category, const std::vector<MapClass>& c
     m_kind.sort = m_rules.sort;
     m_kind.objectClass = category;
     m_kind.condition = m_rules.condition.empty() ? "(objectClass=" + category + ")" : m_rules.condition;
-    m_kind.showsIncomplete =
-        m_kind.sort != Sort::Host && vorn::equalsIgnoreCase(m_map.get(kShowIncomplete, "false"), "true");
+    const auto isOn = [this](const char* key) {
+        return vorn::equalsIgnoreCase(m_map.get(key, "false"), "true");
+    };
+    m_kind.showsIncomplete = m_kind.sort != Sort::Host && isOn(kShowIncomplete);
+    m_kind.shadowOfAccount = m_kind.sort == Sort::Person && isOn(kShadowOfAccount);
     m_kind.incompleteWithout = m_rules.unixClasses;
     readClasses(classes);
     for (const MapClass& one : classes) readLines(one);
@@ -241,6 +245,7 @@ void KindMaker::addAttributes() {
 
 void KindMaker::addAttribute(const std::string& name) {
     static const NameSet kComputed = {"member", "memberOf", "objectClass"};
+    static const NameSet kShadow = {"shadowLastChange", "shadowMax", "shadowExpire"};
     static const NameSet kNever = {"userPassword"};
     if (kNever.contains(name) || m_added.contains(name)) return;
     const auto facts = m_schema.findAttribute(name);
@@ -248,7 +253,7 @@ void KindMaker::addAttribute(const std::string& name) {
     ShownAttribute shown{facts->name, facts->match, Form::Same, {facts->name}, facts->operational};
     if (const auto lines = m_sources.find(facts->name); lines != m_sources.end())
         shown.sources = lines->second;
-    if (kComputed.contains(facts->name)) {
+    if (kComputed.contains(facts->name) || (m_kind.shadowOfAccount && kShadow.contains(facts->name))) {
         shown.form = Form::Computed;
         shown.sources.clear();
     } else if (shown.sources.empty()) {

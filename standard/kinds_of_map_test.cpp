@@ -163,6 +163,20 @@ TEST_F(KindsOfAMap, WhoHasNoNumbersIsShownWhereTheMapSaysSo) {
     EXPECT_FALSE(kind(text, "Computer").showsIncomplete);
 }
 
+TEST_F(KindsOfAMap, TheAgeingOfPasswordsIsTheAccountsWhereTheMapSaysSo) {
+    const std::string text = std::string(kPeople) + "shadowAccount = User\n";
+    const auto formOf = [](const Kind& of, const char* name) {
+        return of.attributes[of.find(name)->front()].form;
+    };
+    EXPECT_FALSE(kind(text).shadowOfAccount);
+    EXPECT_EQ(formOf(kind(text), "shadowMax"), Form::Same);
+    const Kind made = kind(text + "shadow.of.account = true\n");
+    EXPECT_TRUE(made.shadowOfAccount);
+    EXPECT_EQ(formOf(made, "shadowMax"), Form::Computed);
+    EXPECT_EQ(formOf(made, "shadowMin"), Form::Same) << "which nobody can tell";
+    EXPECT_FALSE(kind(text + "shadow.of.account = true\nposixGroup = Group\n", "Group").shadowOfAccount);
+}
+
 TEST_F(KindsOfAMap, TheClassesComeInTheOrderOfTheFile) {
     EXPECT_THAT(classesOf(kind("posixGroup = User\nposixAccount = User\n")),
                 ElementsAre("top", "person", "inetOrgPerson", "posixGroup", "posixAccount", "adObject"));

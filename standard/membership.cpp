@@ -105,7 +105,7 @@ std::optional<std::string> peopleOfGroup(std::string_view ndn) {
     bool known = false;
     const auto group = shownAs(*groups, ndn, &known);
     if (!known) return std::nullopt;
-    const Names& names = group ? group->values("memberUid") : Names();
+    const Names names = group ? memberNames(*groups, *group) : Names();
     if (names.size() > kMostNamesInAFilter) return std::nullopt;
     return names.empty() ? "" : anyOf(kAccountName, names, 0, names.size());
 }
@@ -115,7 +115,8 @@ std::optional<std::string> peopleOfGroup(std::string_view ndn) {
 vexCode memberDns(Operation* op, const AgentObject& group, std::vector<std::string>* dns) {
     const Kind* people = kindOfSort(Sort::Person);
     if (people == nullptr) return VEX_OK;
-    const Names& names = group.values("memberUid");
+    const Kind* groups = kindOfSort(Sort::Group);
+    const Names names = groups == nullptr ? Names() : memberNames(*groups, group);
     std::map<std::string, std::string, vorn::StringCaseLessThan> found;
     for (std::size_t from = 0; from < names.size(); from += kNamesInAFilter) {
         const std::size_t to = std::min(names.size(), from + kNamesInAFilter);
@@ -135,7 +136,7 @@ vexCode groupDns(Operation* op, const AgentObject& person, std::vector<std::stri
     const std::string& name = person.first(kAccountName);
     if (groups == nullptr || name.empty()) return VEX_OK;
     return forEach(op, *groups, equality("memberUid", name), [&](const AgentObject& group) {
-        const Names& members = group.values("memberUid");
+        const Names members = memberNames(*groups, group);
         // The agent compares as directories do: the name itself decides.
         if (std::find(members.begin(), members.end(), name) != members.end())
             dns->push_back(shownDn(*groups, group));

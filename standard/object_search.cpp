@@ -16,11 +16,21 @@ std::string keyOf(const AgentQuestion& question) {
     return ":" + question.filter + std::to_string(question.scope) + question.base;
 }
 
+int& usedView() {
+    static int theOne = VEX_VIEW_APPLICATIONS;
+    return theOne;
+}
+
 }  // namespace
+
+void useView(int view) {
+    usedView() = view;
+}
 
 vexCode ObjectSearch::begin(const std::string& key, bool* cached) {
     SearchSource::announceView();
     if (const vexCode code = m_source.open(); code != VEX_OK) return code;
+    vexSetOption(m_source.session(), VEX_OPTION_ZONE_VIEW, &usedView(), sizeof usedView());
     m_request.key = key;
     m_request.cacheable = m_source.cache()->isEnabled() && key.size() <= SearchCacheManager::kMaxKeyBytes;
     m_source.begin(m_request);

@@ -19,6 +19,9 @@ struct AgentQuestion {
     int scope = 0;
 };
 
+// The view that all searches of this process ask for (VEX_VIEW_...): set once, before the first.
+void useView(int view);
+
 // For use by one thread. A base that does not exist has no objects.
 class ObjectSearch {
   public:

@@ -16,7 +16,8 @@ class SmallSchema final : public Schema {
         for (const char* name : {"cn", "sn", "ou", "uid", "mail", "title", "sAMAccountName", "gecos"})
             addAttribute(name, Match::Folded);
         for (const char* name : {"homeDirectory", "memberUid"}) addAttribute(name, Match::Exact);
-        for (const char* name : {"uidNumber", "gidNumber"}) addAttribute(name, Match::Number);
+        for (const char* name : {"uidNumber", "gidNumber", "shadowMin", "shadowMax"})
+            addAttribute(name, Match::Number);
         addAttribute("member", Match::Dn);
         for (const char* name : {"objectClass", "userPassword"}) addAttribute(name, Match::Other);
         for (const char* name :
@@ -38,6 +39,7 @@ class SmallSchema final : public Schema {
                   {"top"},
                   {"cn", "uid", "uidNumber", "gidNumber", "homeDirectory"},
                   {"gecos"}});
+        addClass({"shadowAccount", false, {"top"}, {"uid"}, {"shadowMin", "shadowMax"}});
         addClass({"posixGroup", false, {"top"}, {"gidNumber"}, {"memberUid"}});
         addClass({"groupOfNames", true, {"top"}, {"member", "cn"}, {}});
         addClass({"groupOfMembers", true, {"top"}, {"cn"}, {"member"}});

@@ -13,6 +13,9 @@ namespace {
 
 using Values = AgentObject::Values;
 
+// People without a uidNumber that are members of a group, by account name.
+constexpr char kUnnumberedMember[] = "_unnumberedMember";
+
 // RFC 4122 has the number's fields in network order; a GUID's first three are the other
 // way round.
 std::string uuidText(const std::string& guid) {
@@ -189,9 +192,9 @@ Values* Showing::find(std::string_view name) {
     return nullptr;
 }
 
-// A group shows the DNs of exactly those whose names it shows.
+// A group shows the DNs of those whose names it shows, and of people without numbers.
 bool Showing::has(std::string_view name) {
-    if (vorn::equalsIgnoreCase(name, "member")) return !m_object.values("memberUid").empty();
+    if (vorn::equalsIgnoreCase(name, "member")) return !memberNames(m_kind, m_object).empty();
     return find(name) != nullptr;
 }
 
@@ -263,6 +266,14 @@ std::string shownDn(const Kind& kind, const AgentObject& object) {
     const std::string parent = vorn::DN::parent(real);
     if (name.empty() || parent.empty()) return real;
     return "cn=" + vorn::DN::escapeValue(name) + "," + parent;
+}
+
+std::vector<std::string> memberNames(const Kind& kind, const AgentObject& group) {
+    std::vector<std::string> names = group.values("memberUid");
+    if (!kind.showsIncomplete) return names;
+    const Values& others = group.values(kUnnumberedMember);
+    names.insert(names.end(), others.begin(), others.end());
+    return names;
 }
 
 std::optional<ShownEntry> show(const Kind& kind, const AgentObject& object) {

@@ -52,6 +52,9 @@ bool isShown(const Kind& kind, const AgentObject& object);
 // The DN that clients see: text, as the agent spells its parts.
 std::string shownDn(const Kind& kind, const AgentObject& object);
 
+// What the people are called whom a group of this kind shows as members.
+std::vector<std::string> memberNames(const Kind& kind, const AgentObject& group);
+
 // What a client sees of an object of the kind; nothing for one that is not shown.
 std::optional<ShownEntry> show(const Kind& kind, const AgentObject& object);
 

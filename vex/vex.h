@@ -105,10 +105,20 @@ enum {
 
 /* Options: each takes a 4-byte signed integer and travels with the session's next requests. */
 enum {
-    VEX_OPTION_ZONE_VIEW = 4,         /* 1: objects with computed attributes, such as a group's memberUid */
+    VEX_OPTION_ZONE_VIEW = 4,         /* VEX_VIEW_...: objects with computed attributes; 0: without */
     VEX_OPTION_TYPED = 64,            /* 1: select objects of UNIX kinds only; 0: any object */
     VEX_OPTION_PREFER_CACHED = 0x100, /* 1: prefer the agent's cached authentication */
     VEX_OPTION_ALLOW_CACHED = 0x1000  /* 1: allow it while the domain cannot be reached */
+};
+
+/*
+ * Views. Either one computes a group's memberUid, and answers an assertion on it by the
+ * person's own groups.
+ */
+enum {
+    VEX_VIEW_HOSTS = 1,       /* people with a uidNumber, by uid or else sAMAccountName */
+    VEX_VIEW_APPLICATIONS = 2 /* all people, by sAMAccountName. Those without a uidNumber stand in
+                                 _unnumberedMember, and an assertion on memberUid finds their groups too */
 };
 
 /*

@@ -3,6 +3,7 @@
 
 #include "agent/ad/objects.h"
 #include "agent/directory/identifiers.h"
+#include "agent/directory/member_naming.h"
 #include "vorn/numbers.h"
 #include "vorn/strings.h"
 
@@ -26,13 +27,14 @@ Expected<std::vector<std::string>, LdapFailure> GroupWalk::run(const std::string
     return std::vector<std::string>(m_guids.begin(), m_guids.end());
 }
 
-// By the account's name, which has an index; only where nobody is found so, by uid.
+// By the account's name, which has an index; only where nobody is found so, and it may be meant,
+// by uid.
 Expected<Done, LdapFailure> GroupWalk::findPeople(const std::string& memberUid) {
     if (memberUid.empty()) return Done();
     for (const char* attribute : {"sAMAccountName", "uid"}) {
         const auto found = findPeopleBy(attribute, memberUid);
         if (!found) return vorn::unexpected(found.error());
-        if (*found) break;
+        if (*found || m_context.naming == Naming::Applications) break;
     }
     return Done();
 }
@@ -44,7 +46,7 @@ Expected<bool, LdapFailure> GroupWalk::findPeopleBy(const char* attribute, const
     if (!people) return vorn::unexpected(people.error());
     bool found = false;
     for (const Entry& person : *people) {
-        if (memberName(person, m_ids) != memberUid) continue;
+        if (withoutMark(memberName(person, m_context.ids, m_context.naming)) != memberUid) continue;
         addPerson(person);
         found = true;
     }

@@ -7,15 +7,14 @@
 #include <unordered_set>
 #include <vector>
 
-#include "agent/ad/ids.h"
 #include "agent/ad/membership.h"
 
 namespace vexagent {
 
-// One walk up from the people whom a memberUid means. Runs once.
+// One walk up from the people who are members by a name. Runs once.
 class GroupWalk {
   public:
-    GroupWalk(const WalkContext& context, const Ids& ids) : m_context(context), m_ids(ids) {}
+    explicit GroupWalk(const WalkContext& context) : m_context(context) {}
 
     // The GUID bytes of the groups that they are in, directly or through others, their
     // primary groups among them.
@@ -29,7 +28,6 @@ class GroupWalk {
     void addParents(const Entry& entry);
 
     const WalkContext m_context;
-    const Ids& m_ids;
     std::string m_root;
     std::vector<std::string> m_dns;   // of groups to be read
     std::vector<std::string> m_sids;  // likewise

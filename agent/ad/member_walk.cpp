@@ -27,13 +27,13 @@ std::vector<std::string> nameAttributesAnd(std::initializer_list<const char*> mo
 // may be everybody.
 class PrimariesSink final : public EntrySink {
   public:
-    PrimariesSink(const Ids& ids, const std::vector<std::string>& rids) : m_ids(ids) {
+    PrimariesSink(const WalkContext& context, const std::vector<std::string>& rids) : m_context(context) {
         for (const std::string& rid : rids) m_none[rid];
     }
 
     void restart() override { names = m_none; }
     void take(Entry&& person) override {
-        std::string name = memberName(person, m_ids);
+        std::string name = memberName(person, m_context.ids, m_context.naming);
         const auto group = names.find(std::string(person.first("primaryGroupID")));
         if (group != names.end() && !name.empty()) group->second.push_back(std::move(name));
     }
@@ -41,7 +41,7 @@ class PrimariesSink final : public EntrySink {
     std::unordered_map<std::string, std::vector<std::string>> names;
 
   private:
-    const Ids& m_ids;
+    const WalkContext& m_context;
     std::unordered_map<std::string, std::vector<std::string>> m_none;
 };
 
@@ -113,7 +113,7 @@ Expected<Done, LdapFailure> MemberWalk::readLevel() {
 Expected<Done, LdapFailure> MemberWalk::addEntries(const std::vector<Entry>& entries) {
     for (const Entry& entry : entries) {
         if (categoryOf(entry) != "Group") {
-            keep(vorn::lower(entry.dn), memberName(entry, m_ids));
+            keep(vorn::lower(entry.dn), memberName(entry, m_context.ids, m_context.naming));
         } else if (m_groups.size() >= m_context.mostGroups) {
             return vorn::unexpected(tooManyGroups(m_context.mostGroups));
         } else {
@@ -153,7 +153,7 @@ Expected<MemberWalk::NamesByRid, LdapFailure> MemberWalk::askForPrimaries(
     std::vector<LdapSearch> searches =
         searchesFor(m_info->root, "primaryGroupID", rids, nameAttributesAnd({"primaryGroupID"}));
     for (LdapSearch& search : searches) search.extent = Extent::Many;
-    PrimariesSink people(m_ids, rids);
+    PrimariesSink people(m_context, rids);
     const vorn::SteadyClock& clock = m_context.network.clock();
     const Moment start = clock.now();
     const auto end = m_context.network.search(m_context.domain, searches, people, m_context.deadline);

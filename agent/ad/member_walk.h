@@ -6,7 +6,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "agent/ad/ids.h"
 #include "agent/ad/member_names.h"
 #include "agent/ad/membership.h"
 
@@ -16,10 +15,10 @@ namespace vexagent {
 // remembered even where the walk does not come to its end: the next one goes on from there.
 class MemberWalk {
   public:
-    MemberWalk(const WalkContext& context, const Ids& ids, MemberNames& memory)
-        : m_context(context), m_ids(ids), m_memory(memory) {}
+    // The memory is that of the context's naming.
+    MemberWalk(const WalkContext& context, MemberNames& memory) : m_context(context), m_memory(memory) {}
 
-    // The memberUid values of each of the groups, in their order.
+    // The names of the members of each of the groups, in their order.
     Expected<std::vector<std::vector<std::string>>, LdapFailure> run(const std::vector<const Entry*>& roots);
 
   private:
@@ -43,7 +42,6 @@ class MemberWalk {
     std::vector<std::string> collect(const std::string& root) const;
 
     const WalkContext m_context;
-    const Ids& m_ids;
     MemberNames& m_memory;
     std::shared_ptr<const DomainInfo> m_info;
     std::string m_suffix;                                    // of the domain's DNs, in lower case

@@ -6,18 +6,21 @@
 
 namespace vexagent {
 
-Expected<AdMemberships::MemberUids, LdapFailure> AdMemberships::memberUids(
-    const Place& domain, const Ids& ids, const std::vector<const Entry*>& groups, const Deadline& deadline) {
-    return MemberWalk({m_network, domain, deadline, m_mostGroups}, ids, m_names).run(groups);
+WalkContext AdMemberships::walk(const Request& request) const {
+    return {m_network, request.domain, request.ids, request.naming, request.deadline, m_mostGroups};
 }
 
-Expected<std::vector<std::string>, LdapFailure> AdMemberships::groupsOf(const Place& domain, const Ids& ids,
-                                                                        const std::string& memberUid,
-                                                                        const Deadline& deadline) {
-    GroupWalk walk({m_network, domain, deadline, m_mostGroups}, ids);
-    auto guids = walk.run(memberUid);
+Expected<AdMemberships::MemberUids, LdapFailure> AdMemberships::memberUids(
+    const Request& request, const std::vector<const Entry*>& groups) {
+    MemberNames& names = request.naming == Naming::Hosts ? m_hostNames : m_accountNames;
+    return MemberWalk(walk(request), names).run(groups);
+}
+
+Expected<std::vector<std::string>, LdapFailure> AdMemberships::groupsOf(const Request& request,
+                                                                        const std::string& name) {
+    auto guids = GroupWalk(walk(request)).run(name);
     if (!guids) return guids;
-    const auto stored = m_stored.groupsOf(domain, memberUid, deadline);
+    const auto stored = m_stored.groupsOf(request.domain, name, request.deadline);
     if (!stored) return vorn::unexpected(stored.error());
     guids->insert(guids->end(), stored->begin(), stored->end());
     sortOnce(*guids);

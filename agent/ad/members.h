@@ -15,6 +15,7 @@
 
 #include "agent/ad/ids.h"
 #include "agent/ad/member_names.h"
+#include "agent/ad/membership.h"
 #include "agent/ad/network.h"
 #include "agent/ad/stored_members.h"
 
@@ -27,28 +28,40 @@ class AdMemberships {
   public:
     // mostGroups is for one walk. The network outlives it.
     AdMemberships(Network& network, std::size_t mostGroups)
-        : m_network(network), m_mostGroups(mostGroups), m_names(network.clock()), m_stored(network) {}
+        : m_network(network),
+          m_mostGroups(mostGroups),
+          m_hostNames(network.clock()),
+          m_accountNames(network.clock()),
+          m_stored(network) {}
 
-    // The memberUid values of each of the groups: those stored with it, its members',
+    // Whose members are meant, and how.
+    struct Request {
+        const Place& domain;
+        const Ids& ids;
+        Naming naming;
+        const Deadline& deadline;
+    };
+
+    // The names of the members of each of the groups: those stored with it, its members',
     // those of groups within it at any depth, and of the people whose primary group
     // it is or one within it. Sorted, each once.
     using MemberUids = std::vector<std::vector<std::string>>;
-    Expected<MemberUids, LdapFailure> memberUids(const Place& domain, const Ids& ids,
-                                                 const std::vector<const Entry*>& groups,
-                                                 const Deadline& deadline);
+    Expected<MemberUids, LdapFailure> memberUids(const Request& request,
+                                                 const std::vector<const Entry*>& groups);
 
-    // The GUID bytes of the groups that show this memberUid, by membership or because
-    // it is stored with them; sorted, each once. A person whose account name and login name
+    // The GUID bytes of the groups that a member of this name is in, by membership or because
+    // the name is stored with them; sorted, each once. A person whose account name and login name
     // are the same is found by an index. Only where nobody is found so, the directory is
     // searched through for the login name.
-    Expected<std::vector<std::string>, LdapFailure> groupsOf(const Place& domain, const Ids& ids,
-                                                             const std::string& memberUid,
-                                                             const Deadline& deadline);
+    Expected<std::vector<std::string>, LdapFailure> groupsOf(const Request& request, const std::string& name);
 
   private:
+    WalkContext walk(const Request& request) const;
+
     Network& m_network;
     const std::size_t m_mostGroups;
-    MemberNames m_names;
+    MemberNames m_hostNames;
+    MemberNames m_accountNames;
     StoredMembers m_stored;
 };
 

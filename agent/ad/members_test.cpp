@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "agent/ad/forest_testing.h"
+#include "agent/directory/member_naming.h"
 
 namespace vexagent {
 namespace {
@@ -50,7 +51,7 @@ class MembersTest : public ::testing::Test {
         std::vector<const Entry*> groups;
         for (const Entry& group : entries) groups.push_back(&group);
         m_forest.network.takeExchanges();
-        return m_memberships.memberUids(m_forest.place, *m_ids, groups, m_forest.soon());
+        return m_memberships.memberUids({m_forest.place, *m_ids, m_naming, m_forest.soon()}, groups);
     }
     std::vector<std::string> members(const std::string& group) {
         auto found = membersOf({group});
@@ -59,7 +60,7 @@ class MembersTest : public ::testing::Test {
     }
     // The DNs of the groups that show this name, sorted.
     std::vector<std::string> groups(const std::string& name) {
-        auto guids = m_memberships.groupsOf(m_forest.place, *m_ids, name, m_forest.soon());
+        auto guids = m_memberships.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, name);
         EXPECT_TRUE(guids.has_value());
         std::vector<std::string> dns;
         if (guids)
@@ -81,6 +82,7 @@ class MembersTest : public ::testing::Test {
     void pass(milliseconds time) { m_forest.network.time.advance(time); }
 
     test::ExampleForest m_forest;
+    Naming m_naming = Naming::Hosts;
     std::unique_ptr<Ids> m_ids = std::make_unique<Ids>(IdOptions(), "");
     std::string m_ann, m_ben, m_staff;
     AdMemberships m_memberships{m_forest.network, 100};
@@ -268,7 +270,7 @@ TEST_F(MembersTest, TooManyGroupsAreAFailureAndNoPartOfTheAnswer) {
     const std::string four = addGroup("four", {three});
     const auto ask = [&](const std::string& dn) {
         const Entry group = entry(dn);
-        return few.memberUids(m_forest.place, *m_ids, {&group}, m_forest.soon());
+        return few.memberUids({m_forest.place, *m_ids, m_naming, m_forest.soon()}, {&group});
     };
     ASSERT_TRUE(ask(three).has_value());
     EXPECT_THAT(ask(three)->front(), ElementsAre("ann"));
@@ -286,7 +288,8 @@ TEST_F(MembersTest, AFailureAnywhereIsOne) {
     for (const int before : {0, 0, 1}) {  // the domain, once; people, primary groups
         for (int i = 0; i < before; ++i) m_forest.domain.next(Mishap::failOver(Mishap::When::After));
         m_forest.domain.next(Mishap::fail(Mishap::When::Middle, Mishap::unreachable()));
-        EXPECT_FALSE(m_memberships.memberUids(m_forest.place, *m_ids, {&group}, m_forest.soon()).has_value());
+        EXPECT_FALSE(m_memberships.memberUids({m_forest.place, *m_ids, m_naming, m_forest.soon()}, {&group})
+                         .has_value());
         ASSERT_TRUE(m_forest.network.describe(m_forest.place, m_forest.soon()).has_value());
     }
     EXPECT_THAT(members(dn), ElementsAre("ann"));
@@ -299,7 +302,8 @@ TEST_F(MembersTest, APrimaryGroupThatBreaksOffIsReadAnew) {
     const Entry group = entry(everybody);
     m_forest.domain.next(Mishap::failOver(Mishap::When::Before));  // the domain
     m_forest.domain.next(Mishap::failOver(Mishap::When::Middle));
-    const auto found = m_memberships.memberUids(m_forest.place, *m_ids, {&group}, m_forest.soon());
+    const auto found =
+        m_memberships.memberUids({m_forest.place, *m_ids, m_naming, m_forest.soon()}, {&group});
     ASSERT_TRUE(found.has_value());
     EXPECT_THAT(found->front(), ElementsAre("dora", "eve"));
 }
@@ -319,7 +323,7 @@ TEST_F(MembersTest, GroupsAreReadLevelByLevelAndEachOnce) {
     const std::string one = addGroup("one", {m_ann}), two = addGroup("two", {one});
     m_forest.join(one, two);
     m_forest.network.takeExchanges();
-    const auto found = m_memberships.groupsOf(m_forest.place, *m_ids, "ann", m_forest.soon());
+    const auto found = m_memberships.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, "ann");
     ASSERT_TRUE(found.has_value());
     EXPECT_EQ(found->size(), 2u);
     // The person; the primary group and what is named; the level above; what is stored.
@@ -343,7 +347,8 @@ TEST_F(MembersTest, APrimaryGroupThatIsAlsoAMemberIsReadOnce) {
     m_forest.join(everybody, around);
     m_forest.addPerson("dora");
     m_forest.network.takeExchanges();
-    ASSERT_TRUE(m_memberships.groupsOf(m_forest.place, *m_ids, "dora", m_forest.soon()).has_value());
+    ASSERT_TRUE(
+        m_memberships.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, "dora").has_value());
     EXPECT_THAT(cost(), ElementsAre(1u, 1u, 1u, 1u));  // the person, either group, what is stored
 }
 
@@ -382,6 +387,21 @@ TEST_F(MembersTest, APersonIsFoundByTheAccountsNameAndOnlyOtherwiseByUid) {
     EXPECT_THAT(groups("ann"), IsEmpty());   // the account of that name shows it
 }
 
+TEST_F(MembersTest, ForApplicationsAreAllPeopleByTheirAccountsNames) {
+    m_naming = Naming::Applications;
+    const std::string cleo = addPerson("cleo", {{"uid", {"cl"}}});
+    const std::string guest = addPerson("guest", {{"uidNumber", {}}});
+    const std::string inner = addGroup("inner", {guest, cleo});
+    const std::string outer = addGroup("outer", {inner, m_ann});
+    EXPECT_THAT(members(outer), ElementsAre(kUnnumbered + std::string("guest"), "ann", "cleo"));
+    EXPECT_THAT(groups("guest"), ElementsAre(inner, outer));
+    EXPECT_THAT(groups("cleo"), ElementsAre(inner, outer));
+    EXPECT_THAT(groups("cl"), IsEmpty()) << "and nobody looks for a uid";
+    m_naming = Naming::Hosts;
+    EXPECT_THAT(members(outer), ElementsAre("ann", "cl"))
+        << "what is remembered of the others does not count";
+}
+
 TEST_F(MembersTest, AccountsThatShowAnotherNameDoNotCount) {
     const std::string one = addGroup("one", {m_ann});
     EXPECT_THAT(groups("ANN"), IsEmpty());
@@ -400,9 +420,9 @@ TEST_F(MembersTest, OnlyGroupsLeadOn) {
 TEST_F(MembersTest, TooManyGroupsAboveAreAFailure) {
     AdMemberships few(m_forest.network, 2);
     const std::string one = addGroup("one", {m_ann}), two = addGroup("two", {one});
-    ASSERT_TRUE(few.groupsOf(m_forest.place, *m_ids, "ann", m_forest.soon()).has_value());
+    ASSERT_TRUE(few.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, "ann").has_value());
     addGroup("three", {two});
-    const auto many = few.groupsOf(m_forest.place, *m_ids, "ann", m_forest.soon());
+    const auto many = few.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, "ann");
     ASSERT_FALSE(many.has_value());
     EXPECT_EQ(many.error().text, "membership goes through more than 2 groups (ad.groups.max)");
 }
@@ -412,7 +432,8 @@ TEST_F(MembersTest, AFailureOnTheWayUpIsOne) {
     for (const int before : {0, 0, 1, 2}) {  // the domain, once; the person, the level, what is stored
         for (int i = 0; i < before; ++i) m_forest.domain.next(Mishap::failOver(Mishap::When::After));
         m_forest.domain.next(Mishap::fail(Mishap::When::Middle, Mishap::unreachable()));
-        EXPECT_FALSE(m_memberships.groupsOf(m_forest.place, *m_ids, "ann", m_forest.soon()).has_value());
+        EXPECT_FALSE(
+            m_memberships.groupsOf({m_forest.place, *m_ids, m_naming, m_forest.soon()}, "ann").has_value());
         ASSERT_TRUE(m_forest.network.describe(m_forest.place, m_forest.soon()).has_value());
     }
     EXPECT_THAT(groups("ann"), ElementsAre(one));

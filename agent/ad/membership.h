@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/ad/ids.h"
 #include "agent/ad/network.h"
 
 namespace vexagent {
@@ -13,6 +14,8 @@ namespace vexagent {
 struct WalkContext {
     Network& network;
     const Place& domain;
+    const Ids& ids;
+    Naming naming;
     const Deadline& deadline;
     std::size_t mostGroups;
 };

@@ -5,6 +5,7 @@
 
 #include "agent/directory/categories.h"
 #include "agent/directory/identifiers.h"
+#include "agent/directory/member_naming.h"
 #include "vex/vex.h"
 #include "vorn/numbers.h"
 #include "vorn/secret_names.h"
@@ -120,11 +121,10 @@ bool showsMembers(const Entry& entry, const View& view) {
     return view.zone && isWanted(view, "memberUid") && categoryOf(entry) == "Group";
 }
 
-std::string memberName(const Entry& entry, const Ids& ids) {
+std::string memberName(const Entry& entry, const Ids& ids, Naming naming) {
     if (categoryOf(entry) != AD_USER_CATEGORY) return {};
-    if (entry.first("uidNumber").empty() && !ids.idOf(entry.first("objectSid"))) return {};
-    const std::string_view uid = entry.first("uid");
-    return std::string(uid.empty() ? entry.first("sAMAccountName") : uid);
+    const bool numbered = !entry.first("uidNumber").empty() || ids.idOf(entry.first("objectSid"));
+    return nameOfMember({entry.first("uid"), entry.first("sAMAccountName"), numbered}, naming);
 }
 
 Object makeObject(const Entry& entry, const View& view, const Ids& ids,
@@ -146,7 +146,7 @@ Object makeObject(const Entry& entry, const View& view, const Ids& ids,
         object.push_back(attribute);
     }
     addMade(object, view, made);
-    if (members != nullptr && !members->empty()) object.push_back({"memberUid", *members});
+    if (members != nullptr) addMembers(*members, object);
     return object;
 }
 

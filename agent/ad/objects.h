@@ -21,14 +21,14 @@ bool isUnixKind(const Entry& entry);
 // Whether the view shows a computed memberUid on this entry.
 bool showsMembers(const Entry& entry, const View& view);
 
-// The login name of a person that counts in memberUid: uid, or else
-// sAMAccountName; empty for one without a uidNumber and for anything else than a
-// person. A disabled person counts.
-std::string memberName(const Entry& entry, const Ids& ids);
+// The name by which a person is a member of groups; empty for one who does not count, and for
+// anything else than a person. A disabled person counts. For applications the name of
+// somebody without a uidNumber begins with kUnnumbered.
+std::string memberName(const Entry& entry, const Ids& ids, Naming naming);
 
 // The object: its own _dn, _GUID, _objectCategory and perhaps _nssEntryInvalid
 // first, then the attributes in the controller's order, secrets left out. members
-// is the computed memberUid, null where none is shown. An entry of the catalog is but
+// are the names of a group's members, null where none are shown. An entry of the catalog is but
 // a part of an object, which cannot tell whether the whole is of use: it gets no mark but for a
 // number that hosts are not shown.
 enum class Part { Whole, OfCatalog };

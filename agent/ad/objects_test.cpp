@@ -145,10 +145,10 @@ TEST(AdObject, MadeIdsFillOnlyGaps) {
     numbered.attributes.push_back({"uidNumber", {"7"}});
     EXPECT_EQ(shown(makeObject(numbered, view, idsOn(), nullptr)),
               own + "uidNumber=7, gidNumber=" + group + ", unixHomeDirectory=/home/ann, ");
-    EXPECT_EQ(memberName(bare, noIds()), "");
-    EXPECT_EQ(memberName(bare, idsOn()), "ann");
+    EXPECT_EQ(memberName(bare, noIds(), Naming::Hosts), "");
+    EXPECT_EQ(memberName(bare, idsOn(), Naming::Hosts), "ann");
     numbered.attributes.push_back({"uid", {"annie"}});
-    EXPECT_EQ(memberName(numbered, noIds()), "annie");
+    EXPECT_EQ(memberName(numbered, noIds(), Naming::Hosts), "annie");
 }
 
 TEST(AttributesAsked, ThoseForMembersOnlyInTheZonesView) {
@@ -189,14 +189,15 @@ TEST(AdObject, OfAUnixKindByAnyOfItsClasses) {
 
 TEST(AdObject, MemberIsWhoeverIsAPersonWithANumber) {
     const std::vector<Attribute> numbered = {{"uidNumber", {"7"}}, {"sAMAccountName", {"ann"}}};
-    EXPECT_EQ(memberName(person(numbered), noIds()), "ann");
-    EXPECT_EQ(memberName(person({{"sAMAccountName", {"ann"}}, {"uid", {"annie"}}}), noIds()), "");
+    EXPECT_EQ(memberName(person(numbered), noIds(), Naming::Hosts), "ann");
+    EXPECT_EQ(memberName(person({{"sAMAccountName", {"ann"}}, {"uid", {"annie"}}}), noIds(), Naming::Hosts),
+              "");
     Entry computer = person(numbered);
     computer.attributes.push_back({"objectCategory", {"CN=Computer,CN=x"}});
-    EXPECT_EQ(memberName(computer, noIds()), "");
+    EXPECT_EQ(memberName(computer, noIds(), Naming::Hosts), "");
     EXPECT_EQ(memberName(person({{"objectSid", {sidBytes("S-1-5-21-9-9-9-1104").value()}},
                                  {"sAMAccountName", {"ann"}}}),
-                         idsOn()),
+                         idsOn(), Naming::Hosts),
               "");
 }
 

@@ -101,7 +101,7 @@ Expected<Done, Result> Planner::addFilter(const Query& query, const Deadline& de
     if (!info) return vorn::unexpected(resultOf(info.error()));
     MemberGroups groups(
         [&](const std::string& name, std::vector<std::string>& guids) {
-            auto found = m_memberships.groupsOf(plan.members, *plan.ids, name, deadline);
+            auto found = m_memberships.groupsOf({plan.members, *plan.ids, plan.view.naming, deadline}, name);
             if (!found) return resultOf(found.error());
             guids = std::move(*found);
             return Result();

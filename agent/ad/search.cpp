@@ -79,7 +79,7 @@ Expected<std::vector<Object>, Result> makeObjects(AdMemberships& memberships, co
     const std::vector<const Entry*> groups = groupsAmong(entries, plan.view);
     AdMemberships::MemberUids names;
     if (!groups.empty()) {
-        auto found = memberships.memberUids(plan.members, *plan.ids, groups, deadline);
+        auto found = memberships.memberUids({plan.members, *plan.ids, plan.view.naming, deadline}, groups);
         if (!found) return vorn::unexpected(resultOf(found.error()));
         names = std::move(*found);
     }

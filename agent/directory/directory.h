@@ -33,10 +33,17 @@ struct Attribute {
 
 using Object = std::vector<Attribute>;
 
+// Who counts as a member of a group, and by which name.
+enum class Naming {
+    Hosts,        // people with a uidNumber: by uid, or else sAMAccountName
+    Applications  // all people: by sAMAccountName
+};
+
 // How objects are to be shown.
 struct View {
     bool zone = false;                    // with computed attributes, such as a group's memberUid
     std::vector<std::string> attributes;  // the names wanted; empty means all, "1.1" none
+    Naming naming = Naming::Hosts;        // of members, in what is computed
 };
 
 struct Query {

@@ -182,7 +182,7 @@ Result EmbeddedDirectory::search(const Query& query, Batch& first, std::unique_p
     context.rootDn = m_domainDn;
     MemberGroups groups(
         [&](const std::string& uid, std::vector<std::string>& guids) {
-            guids = groupsOf(*handle, uid);
+            guids = groupsOf(*handle, uid, query.view.naming);
             return Result();
         },
         kMostAssertions);

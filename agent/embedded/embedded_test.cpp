@@ -283,6 +283,25 @@ TEST_F(EmbeddedTest, MemberUidIsComputedInTheZonesView) {
     EXPECT_THAT(members("stored", false), ElementsAre("zed", "ann"));
 }
 
+TEST_F(EmbeddedTest, ForApplicationsMembersAreAllPeopleByTheirAccountsNames) {
+    View view{true, {}, Naming::Applications};
+    Object inner;
+    ASSERT_TRUE(m_directory->fetch("", "CN=inner,OU=Groups,DC=example,DC=com", view, inner).ok());
+    EXPECT_THAT(values(inner, "memberUid"), ElementsAre("ann", "ben", "cleo"));
+    EXPECT_THAT(values(inner, "_unnumberedMember"), ElementsAre("plain"));
+    EXPECT_THAT(values(fetch("CN=inner,OU=Groups,DC=example,DC=com", true), "memberUid"),
+                ElementsAre("ann", "benjamin", "cleo"));
+    const auto groupsOf = [this](const std::string& name) {
+        Query asked = query("(memberUid=" + name + ")", true);
+        asked.view.naming = Naming::Applications;
+        return names(*m_directory, asked);
+    };
+    EXPECT_THAT(groupsOf("plain"), UnorderedElementsAre("outer", "inner"));
+    EXPECT_THAT(groupsOf("ben"), UnorderedElementsAre("outer", "inner"));
+    EXPECT_THAT(groupsOf("benjamin"), IsEmpty());
+    EXPECT_THAT(groupsOf("zed"), ElementsAre("stored"));
+}
+
 TEST_F(EmbeddedTest, AFilterOnMemberUidFindsThePersonsGroups) {
     EXPECT_THAT(found("(memberUid=ann)", true),
                 UnorderedElementsAre("outer", "inner", "Domain Users", "stored"));
@@ -707,7 +726,7 @@ TEST(RememberedMembers, AreThoseOfAllGroupsUntilSomethingChanges) {
         const Database::Lease handle = database.lease();
         ldb_dn* dn = ldb_dn_new(pool.get(), handle->ldb(),
                                 (std::string("CN=") + group + ",OU=Groups,DC=example,DC=com").c_str());
-        return memberships.of(*handle, handle->read(pool.get(), dn));
+        return memberships.of(*handle, handle->read(pool.get(), dn), Naming::Hosts);
     };
     const auto outer = names("outer"), stored = names("stored");
     EXPECT_THAT(*stored, UnorderedElementsAre("ann", "zed"));

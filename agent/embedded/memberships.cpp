@@ -5,29 +5,30 @@
 
 namespace vexagent {
 
-Memberships::Names Memberships::of(Handle& handle, const ldb_message* group) {
+Memberships::Names Memberships::of(Handle& handle, const ldb_message* group, Naming naming) {
     // Read before the members are: a change in between makes the entry outdated
     // at once, never wrong for long.
     const std::optional<std::uint64_t> sequence = handle.sequence();
-    const std::string guid(firstValue(group, "objectGUID"));
-    if (Names known = find(sequence, guid)) return known;
-    auto names = std::make_shared<const std::vector<std::string>>(memberUids(handle, group));
-    keep(sequence, guid, names);
+    std::string key(naming == Naming::Hosts ? "h" : "a");
+    key += firstValue(group, "objectGUID");
+    if (Names known = find(sequence, key)) return known;
+    auto names = std::make_shared<const std::vector<std::string>>(memberUids(handle, group, naming));
+    keep(sequence, key, names);
     return names;
 }
 
-Memberships::Names Memberships::find(std::optional<std::uint64_t> sequence, const std::string& guid) {
+Memberships::Names Memberships::find(std::optional<std::uint64_t> sequence, const std::string& key) {
     const auto known = m_known.lock();
     if (!sequence || sequence != known->sequence) return nullptr;
-    const auto group = known->groups.find(guid);
+    const auto group = known->groups.find(key);
     return group == known->groups.end() ? nullptr : group->second;
 }
 
-void Memberships::keep(std::optional<std::uint64_t> sequence, const std::string& guid, const Names& names) {
+void Memberships::keep(std::optional<std::uint64_t> sequence, const std::string& key, const Names& names) {
     const auto known = m_known.lock();
     if (!sequence || (known->sequence && *known->sequence > *sequence)) return;
     if (known->sequence != sequence || known->count + names->size() > kMaxNames) *known = {sequence, {}, 0};
-    if (known->groups.emplace(guid, names).second) known->count += names->size();
+    if (known->groups.emplace(key, names).second) known->count += names->size();
 }
 
 }  // namespace vexagent

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "agent/directory/directory.h"
 #include "agent/embedded/database.h"
 #include "vorn/guarded.h"
 
@@ -21,18 +22,18 @@ class Memberships {
   public:
     using Names = std::shared_ptr<const std::vector<std::string>>;
 
-    // The group's memberUid values, as memberUids() gives them. Never null.
-    Names of(Handle& handle, const ldb_message* group);
+    // The names of the group's members, as memberUids() gives them. Never null.
+    Names of(Handle& handle, const ldb_message* group, Naming naming);
 
   private:
     static constexpr std::size_t kMaxNames = 1'000'000;
 
-    Names find(std::optional<std::uint64_t> sequence, const std::string& guid);
-    void keep(std::optional<std::uint64_t> sequence, const std::string& guid, const Names& names);
+    Names find(std::optional<std::uint64_t> sequence, const std::string& key);
+    void keep(std::optional<std::uint64_t> sequence, const std::string& key, const Names& names);
 
     struct Known {
         std::optional<std::uint64_t> sequence;
-        std::unordered_map<std::string, Names> groups;  // by GUID bytes
+        std::unordered_map<std::string, Names> groups;  // by naming and GUID bytes
         std::size_t count = 0;                          // names in groups
     };
     vorn::Guarded<Known> m_known;

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "agent/directory/identifiers.h"
+#include "agent/directory/member_naming.h"
 #include "agent/embedded/kinds.h"
 #include "vorn/secret_names.h"
 #include "vorn/strings.h"
@@ -46,8 +47,7 @@ Object makeObject(Handle& handle, const Source& source, const ldb_message* messa
         addStored(object, element);
     }
     if (computed && isWanted(view, "memberUid")) {
-        const Memberships::Names names = source.memberships.of(handle, message);
-        if (!names->empty()) object.push_back({"memberUid", *names});
+        addMembers(*source.memberships.of(handle, message, view.naming), object);
     }
     return object;
 }

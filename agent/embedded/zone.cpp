@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "agent/directory/identifiers.h"
+#include "agent/directory/member_naming.h"
 #include "agent/embedded/kinds.h"
 #include "vex/vex.h"
 #include "vorn/numbers.h"
@@ -25,7 +26,7 @@ bool isGroup(const ldb_message* message) {
 // Walks down from a group.
 class Members {
   public:
-    explicit Members(Handle& handle) : m_handle(handle) {}
+    Members(Handle& handle, Naming naming) : m_handle(handle), m_naming(naming) {}
 
     void addGroup(const ldb_message* group) {
         addStored(group);
@@ -67,7 +68,7 @@ class Members {
     }
 
     void addName(const ldb_message* person) {
-        std::string name = memberName(person);
+        std::string name = memberName(person, m_naming);
         if (!name.empty()) m_names.push_back(std::move(name));
     }
 
@@ -88,6 +89,7 @@ class Members {
     }
 
     Handle& m_handle;
+    const Naming m_naming;
     std::unordered_set<std::string> m_seen;  // DNs, lower-cased
     std::vector<std::string> m_pending;
     std::vector<std::string> m_names;
@@ -132,28 +134,29 @@ class Groups {
 
 }  // namespace
 
-std::string memberName(const ldb_message* message) {
-    if (shortCategory(message) != AD_USER_CATEGORY || firstValue(message, "uidNumber").empty()) return {};
-    const std::string_view uid = firstValue(message, "uid");
-    return std::string(uid.empty() ? firstValue(message, "sAMAccountName") : uid);
+std::string memberName(const ldb_message* message, Naming naming) {
+    if (shortCategory(message) != AD_USER_CATEGORY) return {};
+    return nameOfMember({firstValue(message, "uid"), firstValue(message, "sAMAccountName"),
+                         !firstValue(message, "uidNumber").empty()},
+                        naming);
 }
 
-std::vector<std::string> memberUids(Handle& handle, const ldb_message* group) {
-    Members members(handle);
+std::vector<std::string> memberUids(Handle& handle, const ldb_message* group, Naming naming) {
+    Members members(handle, naming);
     members.markSeen(spelledDn(group->dn));
     members.addGroup(group);
     members.walk();
     return members.names();
 }
 
-std::vector<std::string> groupsOf(Handle& handle, std::string_view memberUid) {
+std::vector<std::string> groupsOf(Handle& handle, std::string_view name, Naming naming) {
     Groups groups(handle);
     const auto addIfNamed = [&](ldb_message* person) {
-        if (memberName(person) == memberUid) groups.addPerson(person);
+        if (withoutMark(memberName(person, naming)) == name) groups.addPerson(person);
         return true;
     };
-    handle.find("uid", memberUid, kPersonAttributes, addIfNamed);
-    handle.find("sAMAccountName", memberUid, kPersonAttributes, addIfNamed);
+    if (naming == Naming::Hosts) handle.find("uid", name, kPersonAttributes, addIfNamed);
+    handle.find("sAMAccountName", name, kPersonAttributes, addIfNamed);
     return groups.walk();
 }
 

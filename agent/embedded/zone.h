@@ -10,21 +10,22 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/directory/directory.h"
 #include "agent/embedded/database.h"
 
 namespace vexagent {
 
-// The login name of a person that counts in memberUid: uid, or else
-// sAMAccountName; empty for one without a uidNumber and for anything else than a
-// person. A disabled person counts.
-std::string memberName(const ldb_message* message);
+// The name by which a person is a member of groups; empty for one who does not count, and for
+// anything else than a person. A disabled person counts. For applications the name of
+// somebody without a uidNumber begins with kUnnumbered.
+std::string memberName(const ldb_message* message, Naming naming);
 
 // The memberUid values that a group shows: those stored with it, its members',
 // those of groups within it at any depth, and of the people whose primary group
 // it is or one within it. Sorted, each once.
-std::vector<std::string> memberUids(Handle& handle, const ldb_message* group);
+std::vector<std::string> memberUids(Handle& handle, const ldb_message* group, Naming naming);
 
-// The GUID bytes of the groups that show this memberUid by membership.
-std::vector<std::string> groupsOf(Handle& handle, std::string_view memberUid);
+// The GUID bytes of the groups that a member of this name is in. kUnnumbered is no part of it.
+std::vector<std::string> groupsOf(Handle& handle, std::string_view name, Naming naming);
 
 }  // namespace vexagent

@@ -51,6 +51,8 @@ using Names = flatbuffers::Vector<flatbuffers::Offset<flatbuffers::String>>;
 View viewOf(const wire::Request& request, const Names* attributes) {
     View view;
     view.zone = option(request, VEX_OPTION_ZONE_VIEW) != 0;
+    view.naming =
+        option(request, VEX_OPTION_ZONE_VIEW) == VEX_VIEW_APPLICATIONS ? Naming::Applications : Naming::Hosts;
     if (attributes == nullptr) return view;
     for (const flatbuffers::String* name : *attributes) view.attributes.push_back(text(name));
     return view;

@@ -123,9 +123,9 @@ class Host:
         assert self.shell(f"echo '@{date} 12:00:00' > /etc/faketimerc").status == 0
         return self
 
-    def gateway(self, agent, tls=None):
-        """Starts slapd; with the folder of a certificate, for TLS too."""
-        return HostSlapd(self, tls, env=agent.env).start()
+    def gateway(self, agent, tls=None, more=()):
+        """Starts slapd; with the folder of a certificate, for TLS too; with more directives."""
+        return HostSlapd(self, tls, more, env=agent.env).start()
 
 
 class Holder(Server):
@@ -170,14 +170,14 @@ class HostSlapd(Standard if STANDARD else Slapd):
     """slapd on the host's loopback, at the usual ports. The tests themselves reach it by
     its Unix socket."""
 
-    def __init__(self, host, tls, **parts):
+    def __init__(self, host, tls, more, **parts):
         self.host, self.socket_file = host, host.run / "slapd/ldapi"
         self.urls = "ldap://127.0.0.1/"
         lines = ["sizelimit unlimited", "timelimit unlimited"]
         if tls is not None:
             self.urls += " ldaps://127.0.0.1/"
             lines += [f'TLSCertificateFile "{tls}/slapd.pem"', f'TLSCertificateKeyFile "{tls}/slapd-key.pem"']
-        super().__init__(host.folder, host.servers, globals=lines, directives=(*self.DIRECTIVES, "dirgate.cache.enabled true"), **parts)
+        super().__init__(host.folder, host.servers, globals=lines, directives=(*self.DIRECTIVES, "dirgate.cache.enabled true", *more), **parts)
         self.uri = f"ldapi://{urllib.parse.quote(str(self.socket_file), safe='')}"
 
     def sanitizer_env(self):

@@ -1,11 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """pam_ldap: log-ins on a host, as pamtester makes them for any program that uses PAM.
 nslcd binds to the gateway as the person."""
+import calendar
+import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from client_host import EXAMPLES, NO_CHANGE, SPRING, STANDARD, Host
+from gateway import ROOT
 
 FILES = {"nslcd.conf": EXAMPLES / "nslcd.conf", "nsswitch.conf": EXAMPLES / "nsswitch.conf", "pam.d/door": EXAMPLES / "pam-ldap"}
 WELCOME = "pamtester: successfully authenticated"
@@ -131,6 +134,40 @@ def test_a_password_change_without_the_message(world):
     said = host.shell("setpriv --reuid taro --clear-groups pamtester door taro chauthtok 2>&1", "welcome\nother\nother\n")
     assert said.out == ("(current) LDAP Password: New password: Retype new password: "
                         f"password change failed: {NO_CHANGE}\npamtester: Permission denied\n")
+
+
+# ---- what hosts are told of accounts, where the map has it worked out
+
+@pytest.fixture
+def telling_host(world):
+    changes = {"CN=Ann Lee,OU=Engineering": {"pwdLastSet": windows_time("2026-01-15")},
+               "CN=Ben Okafor,OU=Engineering": {"lockoutTime": windows_time("2026-02-28"), "userAccountControl": 512},
+               "CN=Mei Tanaka,OU=Operations": {"accountExpires": windows_time("2026-02-01")}}
+    agent = world.agent().start()
+    for name, facts in changes.items():
+        lines = "".join(f"replace: {name}\n{name}: {value}\n-\n" for name, value in facts.items())
+        agent.modify(f"dn: {name},OU=People,DC=example,DC=com\nchangetype: modify\n{lines}\n")
+    agent.modify(f"dn: DC=example,DC=com\nchangetype: modify\nadd: maxPwdAge\nmaxPwdAge: {-90 * 86400 * 10**7}\n")
+    text = (ROOT / "examples/applications.map").read_text(encoding="utf-8").replace("#shadow.of.account", "shadow.of.account")
+    (world.folder / "telling.map").write_text(text, encoding="utf-8")
+    host = Host(world, FILES)
+    host.gateway(agent, more=[f'vextranslation "{world.folder}/telling.map"'])
+    host.start_nslcd(SPRING)
+    return host
+
+
+def windows_time(day):
+    return (calendar.timegm(time.strptime(day, "%Y-%m-%d")) + 11644473600) * 10**7
+
+
+if STANDARD:  # the map is for it
+    def test_whoever_is_not_to_come_in_is_shut_out_of_every_host(telling_host):
+        """Without a password, as with a key."""
+        assert telling_host.shell("getent shadow ann ben mei iris dmitri").lines == [
+            "ann:*:20468:0:90:14:::0", "ben:*::0::14::1:0", "mei:*::0::14::20485:0", "iris:*::0::14::1:0", "dmitri:*::0::14:::0"]
+        assert log_in(telling_host, "ann", "", "acct_mgmt")[-1] == "pamtester: account management done."
+        for name in ("ben", "mei", "iris"):
+            assert log_in(telling_host, name, "", "acct_mgmt")[-1] == "pamtester: User account has expired", name
 
 
 # ---- the gateway away: last, as it does not come back

@@ -131,7 +131,8 @@ class Company:
             extras.update(proxyAddresses=[f"SMTP:{login}@example.com", f"smtp:{login}.x@example.com"], l="Genève",
                           pwdLastSet=133500000000000000 + number, employeeNumber=f"00{number}", badPwdCount=0)
         if number % 8 == 0 and self.people:
-            extras.update(manager=self.people[0][0], memberOf=f"CN=not shown as it is,{DOMAIN}", co="Germany", info="not shown")
+            extras.update(manager=self.people[0][0], seeAlso=[self.group_dn("Real Name"), f"CN=Nobody There,{DOMAIN}", self.people[-1][0]],
+                          secretary=self.people[number // 2][0], memberOf=f"CN=not shown as it is,{DOMAIN}", co="Germany", info="not shown")
         if number % 9 == 0:
             extras.update(userPassword="{CRYPT}" + crypt_hash(PASSWORD), isCriticalSystemObject="TRUE", postalAddress="Street 1$City")
         return extras
@@ -150,6 +151,7 @@ class Company:
         self.person("Elsewhere Primary", "far", unit, primaryGroupID=1620, objectSid=f"{OTHER_SID}-7")
         self.person("By Primary", "contractor", unit, primaryGroupID=1620, uid="contractor")
         self.person("By Primary Unnumbered", "contractor2", unit, primaryGroupID=1620, uidNumber=None)
+        self.person("Two Names", "two", unit, uid="deux")
 
     # ---- groups
 
@@ -185,7 +187,7 @@ class Company:
             self.group(name, rid, draw.sample(everyone, draw.randrange(1, 12)), whenCreated="20230101000000.0Z")
         # One whose DN is not its name.
         self.add(f"CN=Real Name,{self.group_unit}", "group", cn="Real Name", sAMAccountName="shown-name", gidNumber=11000,
-                 objectSid=f"{SID}-1760", member=everyone[10:13], whenChanged="20240101000000.0Z")
+                 objectSid=f"{SID}-1760", member=everyone[10:13], managedBy=everyone[2], owner=[everyone[3], self.group_dn("Real Name")], whenChanged="20240101000000.0Z")
         self.group("large", 1761, everyone)
 
     # ---- machines, and what is in zones

@@ -18,7 +18,8 @@ import ldap.schema
 from ldap.dn import dn2str, escape_dn_chars, str2dn
 
 WITHOUT_NUMBERS = "entries.without.numbers"
-CONTAINERS = {"organizationalunit": "organizationalUnit", "container": "container", "domaindns": "domain"}
+CONTAINERS = {"organizationalunit": "organizationalUnit", "container": "container", "builtindomain": "container",
+              "lostandfound": "container", "domaindns": "domain"}
 DEFAULTS = {"user": "inetOrgPerson", "group": "groupOfNames", "computer": "device"}
 UNIX_ONLY = {"user": ("posixaccount", "shadowaccount"), "group": ("posixgroup",)}
 NEVER = {"userpassword"}
@@ -56,6 +57,18 @@ def folded(dn):
 
 def parent(dn):
     return dn2str(str2dn(dn)[1:])
+
+
+def guid_of(value):
+    """Of a GUID as text, or as a controller sends it."""
+    return uuid.UUID(bytes_le=value) if len(value) == 16 else uuid.UUID(value.decode())
+
+
+def sid_text(value):
+    """Of a SID as text, or as a controller sends it."""
+    if value[:1] != b"\x01":
+        return value.decode()
+    return "-".join(["S-1", str(int.from_bytes(value[2:8], "big")), *(str(part) for (part,) in struct.iter_unpack("<I", value[8:]))])
 
 
 def sid_bytes(text):
@@ -96,6 +109,13 @@ class Schema:
     def structural(self, name):
         return self.chain(name)[-1].kind == 0
 
+    def names_others(self, name):
+        """Whether an attribute's values are DNs."""
+        one = self.known.get_obj(ldap.schema.AttributeType, name)
+        while one.equality is None and one.sup:
+            one = self.known.get_obj(ldap.schema.AttributeType, one.sup[0])
+        return one.equality == "distinguishedNameMatch"
+
 
 @dataclass
 class Kind:
@@ -135,9 +155,9 @@ class Thing:
         self.dn, self.attributes, self.key = dn, attributes, folded(dn)
         rdn = str2dn(dn)[0][0]
         attributes.setdefault(rdn[0].lower(), [rdn[1].encode()])
-        self.guid = uuid.UUID(self.text("objectguid"))
+        self.guid = guid_of(attributes["objectguid"][0])
         attributes["objectguid"] = [self.guid.bytes_le]
-        sid = self.text("objectsid")
+        sid = sid_text(attributes.get("objectsid", [b""])[0])
         if sid:
             attributes["objectsid"] = [sid_bytes(sid)]
         self.rid = int(sid.rpartition("-")[2]) if sid else None
@@ -166,7 +186,7 @@ class Thing:
 
     def member_name(self):
         """What a group calls it; nothing for what is no account."""
-        return self.text("samaccountname") if self.category == "person" and self.has("uidnumber") else ""
+        return self.text("samaccountname") if self.category == "person" else ""
 
 
 class Judge:
@@ -207,10 +227,15 @@ class Judge:
             return f"cn={escape_dn_chars(thing.text('samaccountname'))},{parent(thing.dn)}"
         return thing.dn
 
+    def shown_name(self, real):
+        """What a real DN is to clients."""
+        other = self.by_key.get(folded(real.decode()))
+        return self.dn(other).encode() if other and self.shown(other) else real
+
     # ---- groups and their members
 
     def _walk(self, group):
-        """(what stands in memberUid, the people)."""
+        """(what stands in memberUid, the people). Those without a number have no name there."""
         names, people, seen, pending = set(), set(), {group.key}, [group]
         while pending:
             one = pending.pop()
@@ -224,7 +249,8 @@ class Judge:
                     pending.append(thing)
                 elif thing.member_name():
                     people.add(thing.member_name())
-        return names | people, {self.by_name[name] for name in names | people if name in self.by_name}
+        numbered = {name for name in people if self.by_name[name].has("uidnumber")}
+        return names | numbered, {self.by_name[name] for name in names | people if name in self.by_name}
 
     def member(self, group):
         return [self.dn(person).encode() for person in self.members[group.key][1] if self.shown(person)]
@@ -248,6 +274,8 @@ class Judge:
         found = []
         for source in sources:
             found += [value for value in thing.attributes.get(source.lower(), ()) if value not in found]
+        if self.schema.names_others(name):
+            found = [self.shown_name(value) for value in found]
         if name == "sn" and kind.category == "user" and not found:
             found = self.values(kind, thing, "cn")[:1]
         return found

@@ -10,7 +10,7 @@ from ldap.dn import str2dn
 
 MOST = 10
 NO_SUCH_OBJECT = 32
-OTHERS = {"member", "memberOf", "memberUid", "manager"}
+OTHERS = {"member", "memberOf", "memberUid", "manager", "secretary", "seeAlso", "owner", "managedBy"}
 
 
 @dataclass(frozen=True)
