@@ -7,7 +7,7 @@ import re
 import string
 import unicodedata
 
-from ldap.dn import dn2str, str2dn
+from ldap.dn import dn2str, is_dn, str2dn
 
 from client import Compare, Search
 
@@ -170,7 +170,7 @@ class Questions:
             return draw.choice((value[:-1], value + b"\0", value[1:]))
         if text.lstrip("-").isdigit():
             return draw.choice((str(int(text) + draw.choice((-1, 1, 100))), f"0{text}", f" {text}", str(-int(text)), text + "0", "9" * 30)).encode()
-        if "=" in text and text.lower().endswith("dc=com"):
+        if "=" in text and text.lower().endswith("dc=com") and is_dn(text):
             return self.spelled(text).encode()
         at = draw.randrange(len(text) + 1)
         return draw.choice((text.upper(), text.lower(), text.swapcase(), text.replace(" ", "   "), f" {text}  ", text.replace(" ", ""),
