@@ -44,7 +44,7 @@ bool isOfAnotherZone(const Kind& kind, const AgentObject& object) {
 void addValues(const Kind& kind, const char* name, std::vector<std::string> values, ShownEntry* shown) {
     if (values.empty()) return;
     for (const ShownAttribute& one : kind.attributes) {
-        if (one.name == name) shown->attributes.push_back({&one, std::move(values)});
+        if (one.name == name) return shown->attributes.push_back({&one, std::move(values)});
     }
 }
 

@@ -149,7 +149,8 @@ void KindMaker::readLines(const MapClass& one) {
         const std::string origin = m_map.origin(one.name + "." + name);
         if (vorn::equalsIgnoreCase(name, "dn")) continue;
         const auto facts = m_schema.findAttribute(name);
-        if (!facts) throw MapException(origin + ": the schema has no attribute " + name);
+        if (!facts)
+            throw MapException(std::string(origin).append(": the schema has no attribute ").append(name));
         Names& sources = m_sources[facts->name];
         // Two names of one attribute are two lines for it.
         for (const auto& [other, ignored] : one.sources) {
@@ -286,8 +287,8 @@ void addContainers(const std::vector<MapClass>& known, std::vector<MapClass>* cl
         {"container", "lostAndFound"},
         {"domain", "domainDNS"}};
     for (const auto& [name, category] : kContainers) {
-        const bool given = std::any_of(known.begin(), known.end(), [&](const MapClass& one) {
-            return vorn::equalsIgnoreCase(one.category, category);
+        const bool given = std::any_of(known.begin(), known.end(), [&wanted = category](const MapClass& one) {
+            return vorn::equalsIgnoreCase(one.category, wanted);
         });
         if (!given) classes->push_back({name, category, "built in", {}});
     }

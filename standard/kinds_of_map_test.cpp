@@ -11,11 +11,9 @@ namespace standard {
 namespace {
 
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 constexpr char kPeople[] =
     "posixAccount = User\n"

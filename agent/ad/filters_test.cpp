@@ -190,7 +190,7 @@ TEST(AdFilter, OnlyEqualityAsksForSomebodysGroups) {
 TEST(AdFilter, HoldersOfAMadeIdAreThoseWithoutANumberOfTheirOwn) {
     const std::string id = std::to_string(*idsOn().first() + 1104);
     const std::string person = "(objectCategory=person)";
-    const auto folded = [](std::string text) { return vorn::lower(text); };
+    const auto folded = [](const std::string& text) { return vorn::lower(text); };
     const auto found = [&](const std::string& filter) { return folded(asked(filter, false, true)); };
     const std::string holder = "(&(objectsid=" + found("(objectSid=S-1-5-21-1-2-3-1104)").substr(11);
     EXPECT_EQ(found("(UIDNumber=" + id + ")"), "(|(uidnumber=" + id + ")" + holder + "(!(uidnumber=*))))");

@@ -83,7 +83,7 @@ class ExampleForest {
                                       {"gidNumber", {"513"}},
                                       {"unixHomeDirectory", {"/home/" + name}},
                                       {"primaryGroupID", {"513"}}};
-        const std::string dn = add("CN=" + name + "," + kPeople, std::move(all), std::move(more));
+        std::string dn = add("CN=" + name + "," + kPeople, std::move(all), std::move(more));
         domain.setPassword(dn, name, name);
         return dn;
     }
