@@ -2,16 +2,21 @@
 #include "standard/references.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 
 #include "standard/entries.h"
 #include "standard/names.h"
+#include "standard/slapd_entry.h"
+#include "vorn/escape.h"
 #include "vorn/strings.h"
 
 #include "backend/base/slapd.h"
 
 namespace standard {
 namespace {
+
+constexpr std::size_t kDnsInAFilter = 64;
 
 bool holdsDns(const AttributeDescription* attribute) {
     return attribute != nullptr &&
@@ -65,10 +70,29 @@ bool isReference(const ShownValues& values) {
            std::any_of(values.values.begin(), values.values.end(), mayBeRenamed);
 }
 
+// A whole filter for objects of the kinds that are renamed.
+std::string renamedKinds() {
+    std::string filter = "(|";
+    for (const Kind& kind : usedKinds())
+        if (!kind.naming.empty()) filter += kind.condition;
+    return filter + ")";
+}
+
+std::string named(const std::vector<std::string>& dns, std::size_t from, std::size_t to) {
+    std::string filter = "(&" + renamedKinds() + "(|";
+    for (std::size_t i = from; i < to; ++i) {
+        filter.append("(").append(AD_OBJECT_DN_TEXT).append("=");
+        vorn::appendFilterValue(&filter, dns[i]);
+        filter.append(")");
+    }
+    return filter + "))";
+}
+
 }  // namespace
 
 References::References(const Operation* op, const Filter* filter)
-    : m_wanted(filter == nullptr || op->o_tag != LDAP_REQ_SEARCH || clientAsksForDns(op) ||
+    : m_op(op),
+      m_wanted(filter == nullptr || op->o_tag != LDAP_REQ_SEARCH || clientAsksForDns(op) ||
                assertsDns(filter)) {}
 
 bool References::areIn(const ShownEntry& shown) {
@@ -77,33 +101,49 @@ bool References::areIn(const ShownEntry& shown) {
 }
 
 vexCode References::show(ShownEntry* shown) {
+    std::vector<std::string> unknown;
+    for (const ShownValues& one : shown->attributes) {
+        if (!isReference(one)) continue;
+        std::copy_if(one.values.begin(), one.values.end(), std::back_inserter(unknown),
+                     [this](const std::string& dn) { return mayBeRenamed(dn) && m_names.count(dn) == 0; });
+    }
+    if (const vexCode code = learn(unknown); code != VEX_OK) return code;
     for (ShownValues& one : shown->attributes) {
         if (!isReference(one)) continue;
-        for (std::string& value : one.values) {
-            if (!mayBeRenamed(value)) continue;
-            if (const vexCode code = find(value, &value); code != VEX_OK) return code;
+        for (std::string& value : one.values)
+            if (const auto name = m_names.find(value); name != m_names.end()) value = name->second;
+    }
+    return VEX_OK;
+}
+
+// What is not found is no object that has another name.
+vexCode References::learn(const std::vector<std::string>& dns) {
+    for (std::size_t from = 0; from < dns.size(); from += kDnsInAFilter) {
+        const std::size_t to = std::min(dns.size(), from + kDnsInAFilter);
+        std::map<std::string, std::string> shown;
+        if (const vexCode code = ask(named(dns, from, to), &shown); code != VEX_OK) return code;
+        for (std::size_t i = from; i < to; ++i) {
+            const auto found = shown.find(normalDn(dns[i]));
+            m_names[dns[i]] = found == shown.end() ? dns[i] : found->second;
         }
     }
     return VEX_OK;
 }
 
-vexCode References::find(const std::string& dn, std::string* name) {
-    if (const auto known = m_names.find(dn); known != m_names.end()) {
-        *name = known->second;
-        return VEX_OK;
-    }
-    std::string shown = dn;
+// The shown names of what a filter finds, by the normal forms of the real ones.
+vexCode References::ask(const std::string& filter, std::map<std::string, std::string>* shown) {
+    const berval& suffix = m_op->o_bd->be_suffix[0];
     ObjectSearch search;
-    vexCode code = search.open({"(objectClass=*)", dn, LDAP_SCOPE_BASE});
+    vexCode code = search.open({filter, {suffix.bv_val, suffix.bv_len}, LDAP_SCOPE_SUBTREE});
     FoundObject found;
     while (code == VEX_OK && (code = search.next(&found)) == VEX_OK) {
         const AgentObject object(search.session(), found.object.get());
         const Kind* kind = kindOf(usedKinds(), object);
-        if (kind != nullptr && isShown(*kind, object)) shown = shownDn(*kind, object);
+        if (kind != nullptr && isShown(*kind, object))
+            (*shown)[normalDn(object.first(AD_OBJECT_DN_TEXT))] = shownDn(*kind, object);
     }
     if (code != VEX_END_OF_RESULTS) return code;
     search.finish();
-    *name = m_names.emplace(dn, std::move(shown)).first->second;
     return VEX_OK;
 }
 

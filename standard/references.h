@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "standard/shown_entry.h"
 
@@ -12,7 +13,7 @@
 
 namespace standard {
 
-// Those of one search. Asks the agent, or the cache, once for each DN.
+// Those of one search. Asks the agent, or the cache, once for each DN, and for many at a time.
 class References {
   public:
     // By name or not, whether the search's client asks for an attribute whose values are DNs, or
@@ -28,10 +29,12 @@ class References {
     vexCode show(ShownEntry* shown);
 
   private:
-    vexCode find(const std::string& dn, std::string* name);
+    vexCode learn(const std::vector<std::string>& dns);
+    vexCode ask(const std::string& filter, std::map<std::string, std::string>* shown);
 
+    const Operation* const m_op;
     const bool m_wanted;
-    std::map<std::string, std::string> m_names;  // of what is known by now
+    std::map<std::string, std::string> m_names;  // shown ones by real ones, of what is known by now
 };
 
 }  // namespace standard

@@ -33,3 +33,14 @@ def test_mail_to_a_group_goes_to_its_members_and_to_those_of_the_groups_in_it(co
     [group] = search(connection, "(&(objectClass=mailGroup)(mail=list@example.com))", ["member"]).values()
     addresses = [values(entry, "mail") for dn in values(group, "member") for entry in search(connection, "(objectClass=*)", ["mail"], dn, 0).values()]
     assert len(addresses) >= 5 and ["ann@example.com"] in addresses
+
+
+@pytest.mark.parametrize("names, searches", [(["uid", "mail"], 1), (["manager"], 2), (["seeAlso", "secretary", "manager"], 2), (["*"], 2)])
+def test_what_others_are_called_is_asked_once_and_only_where_it_is_wanted(agent, connection, names, searches):
+    """Her own entry is one search, and all that it names are one more."""
+    before = agent.served()["search"]
+    [person] = search(connection, "(uid=star)", names).values()
+    assert agent.served()["search"] - before == searches
+    if "seeAlso" in names:
+        assert "cn=shown-name,ou=Groups,dc=example,dc=com" in values(person, "seeAlso")
+        assert "cn=Nobody There,dc=example,dc=com" in values(person, "seeAlso")
