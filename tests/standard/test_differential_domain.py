@@ -3,7 +3,7 @@
 and people and groups with odd names. What the entries are to be, the judge works out from
 what a controller itself shows of its objects.
 
-ZX_QUESTIONS says how many (300), ZX_SEED which ones."""
+ZX_QUESTIONS says how many (100), ZX_SEED which ones."""
 import os
 
 import ldap
@@ -19,7 +19,7 @@ from standard import Standard
 from test_dump import canonical, written
 from world import make_world
 
-QUESTIONS = int(os.environ.get("ZX_QUESTIONS") or 300)
+QUESTIONS = int(os.environ.get("ZX_QUESTIONS") or 100)
 UNIT = f"OU=Odd names,OU=People,{company.DOMAIN}"
 # What a domain does not take as a name: others would be equal to it, or it is too long.
 NOT_THERE = {"x" * 200}
