@@ -15,13 +15,15 @@
 namespace vexagent {
 
 // "N" finds N objects, one to a batch; "quick" nothing; "large" an object of 16
-// MiB; "fail", "throw", "wait" and "huge" do what they say. The password "right" is everybody's.
+// MiB; "fail", "throw", "wait", "huge" and "broken" (later on) do what they say. The password "right" is
+// everybody's.
 class FakeDirectory : public Directory {
   public:
     bool healthy = true;
     std::atomic<int> searches = 0;
     std::atomic<int> fetches = 0;
-    std::mutex gate;  // that "wait" waits for
+    std::mutex gate;                // that "wait" waits for
+    std::string thrown = "thrown";  // by "throw"
     std::atomic<int> waiting = 0;
     int logins = 0;
     LoginOptions loginOptions;    // of the last login
@@ -42,11 +44,16 @@ class FakeDirectory : public Directory {
         if (query.filter == "wait") {
             ++waiting;
             const std::lock_guard wait(gate);
-        } else if (query.filter == "record") {
+        } else if (query.filter == "record" || query.filter.starts_with("(")) {
             asked = query;
         }
         if (query.filter == "fail") return Result::ldap(VEX_BAD_FILTER, -7, "bad search filter");
-        if (query.filter == "throw") throw std::runtime_error("thrown");
+        if (query.filter == "throw") throw std::runtime_error(thrown);
+        if (query.filter == "broken") {
+            first.objects.push_back({{"_dn", {"object 1"}}});
+            rest = std::make_unique<Broken>();
+            return {};
+        }
         if (query.filter == "huge") {
             first.objects.push_back({{"data", {std::string(std::size_t{65} << 20, 'x')}}});
             rest = std::make_unique<Counter>(2);
@@ -114,6 +121,11 @@ class FakeDirectory : public Directory {
     }
 
   private:
+    struct Broken : Cursor {
+        Result next(Batch&) override { return Result::agent(VEX_UNAVAILABLE, "went away"); }
+        bool atEnd() const override { return false; }
+    };
+
     class Counter : public Cursor {
       public:
         explicit Counter(int count) : m_count(count) {}

@@ -189,7 +189,7 @@ void Connection::sendAtOnce() {
 void Connection::onWorked() {
     m_state = State::Answering;
     if (m_unanswered) return close();
-    attempt([this] { m_written < m_output.size() ? write() : onWritten(0); });
+    attempt([this] { goOn(); });
 }
 
 void Connection::write() {
@@ -199,15 +199,14 @@ void Connection::write() {
                       [self = shared_from_this()](const error_code& error, std::size_t bytes) {
                           if (self->m_state == State::Closed) return;
                           if (error) return self->giveUp();
-                          self->attempt([&] { self->onWritten(bytes); });
+                          self->m_written += bytes;
+                          self->attempt([&] { self->goOn(); });
                       });
 }
 
-void Connection::onWritten(std::size_t bytes) {
-    m_written += bytes;
+void Connection::goOn() {
     if (m_written < m_output.size()) return write();
     m_output = Bytes();
-    m_written = 0;
     waitForRequest();
 }
 

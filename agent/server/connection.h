@@ -79,7 +79,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void write();
     void giveUp();
     void close();
-    void onWritten(std::size_t bytes);
+    void goOn();
     void setDeadline(std::chrono::milliseconds time);
     void armTimer();
 
@@ -95,7 +95,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     IncomingFrame m_request;
     const vex::wire::Request* m_read = nullptr;  // what is in it, while it is being worked on
     Bytes m_output;
-    std::size_t m_written = 0;
+    std::size_t m_written = 0;   // of it
     std::uint64_t m_search = 0;  // that the last answer leaves open
     bool m_lastOne = false;      // close after the answer
     bool m_unanswered = false;   // there was no memory for the answer; the worker's, as the frames are

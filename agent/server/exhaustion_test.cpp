@@ -3,13 +3,9 @@
 // last. The agent lives, says so or ends the connection, keeps nothing half-made, and
 // answers the next one rightly.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
-#include <boost/asio/io_context.hpp>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,11 +15,10 @@
 
 #include "agent/directory/fake_directory_testing.h"
 #include "agent/embedded/directory_testing.h"
+#include "agent/server/descriptors_testing.h"
 #include "agent/server/frames_testing.h"
-#include "agent/server/server.h"
-#include "agent/server/socket_file.h"
+#include "agent/server/stepped_server_testing.h"
 #include "tests/standin/scarce_memory.h"
-#include "vorn/descriptor.h"
 
 namespace vexagent {
 namespace {
@@ -82,6 +77,7 @@ class Attempt {
         return response ? shown(*response) : "no answer";
     }
     std::size_t openSearches() const { return m_service.openSearches(); }
+    std::string statistics() const { return m_service.statistics(); }
 
   private:
     const Client m_client{10, 1};
@@ -142,6 +138,8 @@ TEST_P(AgentExhaustion, ARequestIsAnsweredOrFailsAndTheNextOneIsAnswered) {
         }
         ASSERT_TRUE(response);
         const std::string told = shown(*response);
+        const std::string failed = told.starts_with("0 ") ? "failed 0;" : "failed 1;";
+        EXPECT_THAT(attempt.statistics(), testing::HasSubstr(failed)) << number;
         if (told != whole) {
             EXPECT_TRUE(more);
             EXPECT_EQ(told, kOutOfMemory) << number;
@@ -228,80 +226,14 @@ class WorkerInNeed : public FakeDirectory {
     }
 };
 
-// The whole server. The test runs its I/O, step by step.
-class ServedExhaustion : public testing::Test {
-  protected:
-    ServedExhaustion() {
-        m_server.listen(m_file.release());
-        run();
-    }
-    ~ServedExhaustion() override {
-        m_server.stop([] {});
-        run();
-    }
-
-    // Until nothing is left to do.
-    void run() {
-        do m_pool.waitIdle(std::chrono::seconds(20));
-        while (m_io.poll() > 0);
-    }
-    std::string path() const { return m_folder.file("s"); }
-
-    TemporaryFolder m_folder;
-    WorkerInNeed m_directory;
-    Service m_service{m_directory, vorn::systemTime};
-    WorkerPool m_pool{1};
-    boost::asio::io_context m_io{1};
-    Server m_server{m_io, m_service, m_pool, ServerOptions{}};
-    SocketFile m_file{SocketOptions{path(), 0600}};
-};
-
-// A client that waits for nothing.
-class Visitor {
-  public:
-    explicit Visitor(const std::string& path)
-        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, path.size());
-        EXPECT_EQ(::connect(m_socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
-
-    void send(const Bytes& body) const {
-        Bytes frame(wire::kLengthBytes);
-        for (std::size_t i = 0; i < frame.size(); ++i)
-            frame[i] = static_cast<std::uint8_t>(body.size() >> 8 * i);
-        frame.insert(frame.end(), body.begin(), body.end());
-        ::send(m_socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
-    }
-    // What has come.
-    Bytes receive() const {
-        Bytes bytes(4096);
-        const ssize_t got = ::recv(m_socket.get(), bytes.data(), bytes.size(), 0);
-        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return bytes;
-    }
-    bool isGreeted() const { return receive().size() == wire::kGreetingBytes; }
-    bool isAnswered() const {
-        const Bytes answer = receive();
-        return !answer.empty() && readReply(answer).code == VEX_OK;
-    }
-    // Whether the agent has ended the connection.
-    bool isOver() const {
-        pollfd state{m_socket.get(), POLLIN | POLLRDHUP, 0};
-        return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP)) != 0;
-    }
-
-  private:
-    const vorn::Descriptor m_socket;
-};
+class ServedExhaustion : public SteppedServer<WorkerInNeed> {};
 
 // From the client's coming to its answer, however much of it there is memory for.
 TEST_F(ServedExhaustion, OneWhoCannotBeServedGoesAndTheNextOneIsServed) {
     std::size_t number = 1;
     for (bool more = true; more; ++number) {
         ASSERT_LT(number, 1000U);
-        const Visitor client(path());
+        const SteppedClient client(path());
         bool answered = false;
         {
             const ScarceMemory scarce(number, Scarcity::Lasting);
@@ -319,7 +251,7 @@ TEST_F(ServedExhaustion, OneWhoCannotBeServedGoesAndTheNextOneIsServed) {
         answered = greeted && client.isAnswered();
         EXPECT_TRUE(answered || client.isOver()) << number;
         EXPECT_TRUE(answered || more) << number;
-        const Visitor next(path());
+        const SteppedClient next(path());
         run();
         EXPECT_TRUE(next.isGreeted()) << "after " << number;
         next.send(healthFrame(1));
@@ -331,11 +263,23 @@ TEST_F(ServedExhaustion, OneWhoCannotBeServedGoesAndTheNextOneIsServed) {
     EXPECT_EQ(m_server.connections(), 0U);
 }
 
+TEST_F(ServedExhaustion, WhoComesWhileThereIsNeitherDescriptorNorMemoryIsServedOnceThereIs) {
+    const SteppedClient client(path());
+    {
+        const FewDescriptors none(0);
+        const ScarceMemory scarce(1, Scarcity::Lasting);
+        for (int i = 0; i < 100; ++i) m_io.poll_one();
+        EXPECT_TRUE(scarce.ranOut()) << "there is none to wait with";
+    }
+    run();
+    EXPECT_TRUE(client.isGreeted());
+}
+
 // The scarcity is the worker's; it ends with the next work.
 TEST_F(ServedExhaustion, AnAnswerThatAWorkerHasNoMemoryForEndsTheConnection) {
     std::optional<ScarceMemory> scarce;
     m_directory.onSearch = [&] { scarce.emplace(1, Scarcity::Lasting); };
-    const Visitor client(path());
+    const SteppedClient client(path());
     run();
     EXPECT_TRUE(client.isGreeted());
     client.send(searchFrame(1, "3"));
@@ -346,7 +290,7 @@ TEST_F(ServedExhaustion, AnAnswerThatAWorkerHasNoMemoryForEndsTheConnection) {
     m_pool.post(Lane::Slow, [&] { scarce.reset(); });
     run();
     m_directory.onSearch = [] {};
-    const Visitor next(path());
+    const SteppedClient next(path());
     run();
     EXPECT_TRUE(next.isGreeted());
     next.send(searchFrame(1, "3"));

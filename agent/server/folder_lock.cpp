@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -37,17 +36,12 @@ int lockWithin(int descriptor, std::chrono::milliseconds wait) {
 
 FolderLock::FolderLock(const std::string& path, std::chrono::milliseconds wait)
     : m_descriptor(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (m_descriptor < 0) throw LockError(path + ": " + std::strerror(errno));
-    const int reason = lockWithin(m_descriptor, wait);
+    if (descriptor() < 0) throw LockError(path + ": " + std::strerror(errno));
+    const int reason = lockWithin(descriptor(), wait);
     if (reason == 0) return;
-    ::close(m_descriptor);
     throw LockError(
         path + ": " +
         (reason == EWOULDBLOCK ? "another process keeps its folder locked" : std::strerror(reason)));
-}
-
-FolderLock::~FolderLock() {
-    ::close(m_descriptor);
 }
 
 }  // namespace vexagent

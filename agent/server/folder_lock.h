@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "vorn/descriptor.h"
+
 namespace vexagent {
 
 // A lock that cannot be had; what() is "PATH: reason".
@@ -21,15 +23,14 @@ class FolderLock {
   public:
     // Waits so long for another holder. Throws LockError.
     explicit FolderLock(const std::string& path, std::chrono::milliseconds wait = std::chrono::seconds(5));
-    ~FolderLock();
     FolderLock(const FolderLock&) = delete;
     FolderLock& operator=(const FolderLock&) = delete;
 
     // The folder's descriptor.
-    int descriptor() const { return m_descriptor; }
+    int descriptor() const { return m_descriptor.get(); }
 
   private:
-    int m_descriptor = -1;
+    const vorn::Descriptor m_descriptor;
 };
 
 }  // namespace vexagent

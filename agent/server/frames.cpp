@@ -118,6 +118,14 @@ class Texts {
         m_tooManyGuids = !addAll(lookup.more(), wire::kMaxLookupsAhead);
     }
 
+    void addLogin(const wire::Authenticate& login) {
+        for (const Text* text : {login.user(), login.password()}) add(text);
+    }
+
+    void addChange(const wire::ChangePassword& change) {
+        for (const Text* text : {change.user(), change.old_password(), change.new_password()}) add(text);
+    }
+
     bool tooManyNames() const { return m_tooManyNames; }
     bool tooManyGuids() const { return m_tooManyGuids; }
     std::size_t bytes() const { return m_bytes; }
@@ -148,28 +156,11 @@ const wire::Request* readRequest(std::span<const std::uint8_t> frame) {
 
 const char* whyRefused(const wire::Request& request) {
     Texts texts;
-    switch (request.body_type()) {
-        case wire::Body::SearchOpen:
-            texts.addSearch(*request.body_as_SearchOpen());
-            break;
-        case wire::Body::Fetch:
-            texts.addFetch(*request.body_as_Fetch());
-            break;
-        case wire::Body::Lookup:
-            texts.addLookup(*request.body_as_Lookup());
-            break;
-        case wire::Body::Authenticate:
-            texts.add(request.body_as_Authenticate()->user());
-            texts.add(request.body_as_Authenticate()->password());
-            break;
-        case wire::Body::ChangePassword:
-            texts.add(request.body_as_ChangePassword()->user());
-            texts.add(request.body_as_ChangePassword()->old_password());
-            texts.add(request.body_as_ChangePassword()->new_password());
-            break;
-        default:
-            break;
-    }
+    if (const auto* search = request.body_as_SearchOpen()) texts.addSearch(*search);
+    if (const auto* fetch = request.body_as_Fetch()) texts.addFetch(*fetch);
+    if (const auto* lookup = request.body_as_Lookup()) texts.addLookup(*lookup);
+    if (const auto* login = request.body_as_Authenticate()) texts.addLogin(*login);
+    if (const auto* change = request.body_as_ChangePassword()) texts.addChange(*change);
     if (texts.tooManyNames()) return "too many attributes asked for";
     if (texts.tooManyGuids()) return "too many objects looked up at once";
     if (texts.bytes() > wire::kMaxRequestBytes) return "the texts of the request are too long";

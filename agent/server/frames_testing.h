@@ -14,6 +14,15 @@ namespace vexagent {
 
 namespace wire = vex::wire;
 
+// A frame as it is sent: its length first.
+inline Bytes framed(const Bytes& body) {
+    Bytes frame;
+    for (std::size_t i = 0; i < wire::kLengthBytes; ++i)
+        frame.push_back(static_cast<std::uint8_t>(body.size() >> 8 * i));
+    frame.insert(frame.end(), body.begin(), body.end());
+    return frame;
+}
+
 // A request's bytes, without the length. Each of the options is set to 1.
 template <typename Make>
 Bytes requestFrame(std::uint64_t id, wire::Body kind, Make make, const std::vector<int>& options = {}) {
@@ -35,11 +44,13 @@ inline Bytes searchFrame(std::uint64_t id, const std::string& filter, int scope 
     });
 }
 
-inline Bytes lookupFrame(std::uint64_t id, const std::string& guid, const std::vector<std::string>& more) {
-    return requestFrame(id, wire::Body::Lookup, [&](auto& builder) {
+inline Bytes lookupFrame(std::uint64_t id, const std::string& guid, const std::vector<std::string>& more,
+                         const std::vector<int>& options = {}) {
+    const auto make = [&](auto& builder) {
         const auto text = builder.CreateString(guid);
         return wire::CreateLookup(builder, text, more.empty() ? 0 : builder.CreateVectorOfStrings(more));
-    });
+    };
+    return requestFrame(id, wire::Body::Lookup, make, options);
 }
 
 // A search, a fetch, a look-up or a log-in that has one text in all its places, and so

@@ -14,6 +14,12 @@ namespace wire = vex::wire;
 // So much is made room for at a time, at least.
 constexpr std::size_t kReadStep = 65536;
 
+// A call that does not wait, and so is not interrupted, has failed.
+IncomingFrame::Progress afterFailure(int error) {
+    if (error == EAGAIN) return IncomingFrame::Progress::Partly;
+    return error == ECONNRESET ? IncomingFrame::Progress::Broken : IncomingFrame::Progress::Ended;
+}
+
 }  // namespace
 
 void IncomingFrame::clear() {
@@ -25,14 +31,9 @@ void IncomingFrame::clear() {
 IncomingFrame::Progress IncomingFrame::receive(int socket, void* place, std::size_t size, std::size_t& have) {
     while (have < size) {
         const ssize_t got = ::recv(socket, static_cast<char*>(place) + have, size - have, MSG_DONTWAIT);
-        if (got > 0)
-            have += static_cast<std::size_t>(got);
-        else if (got < 0 && errno == EAGAIN)
-            return Progress::Partly;
-        else if (got < 0 && errno == ECONNRESET)
-            return Progress::Broken;
-        else if (got == 0 || errno != EINTR)
-            return Progress::Ended;
+        if (got == 0) return Progress::Ended;
+        if (got < 0) return afterFailure(errno);
+        have += static_cast<std::size_t>(got);
     }
     return Progress::Whole;
 }
@@ -41,7 +42,6 @@ IncomingFrame::Progress IncomingFrame::readLength(int socket) {
     if (m_haveLength == m_length.size()) return Progress::Whole;
     const Progress progress = receive(socket, m_length.data(), m_length.size(), m_haveLength);
     if (progress != Progress::Whole) return progress;
-    m_expected = 0;
     for (std::size_t i = wire::kLengthBytes; i-- > 0;) m_expected = m_expected << 8 | m_length[i];
     return m_expected > 0 && m_expected <= wire::kMaxRequestBytes ? Progress::Whole : Progress::BadLength;
 }

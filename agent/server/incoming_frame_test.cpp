@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "vorn/descriptor.h"
@@ -100,7 +101,7 @@ TEST_F(IncomingFrameTest, TheLongestIsReadAndOneByteMoreIsBadLength) {
 TEST_F(IncomingFrameTest, GrowsWithWhatIsThereAndNotWithWhatIsClaimed) {
     send(withLength("a little", vex::wire::kMaxRequestBytes));
     EXPECT_EQ(read(), Progress::Partly);
-    EXPECT_LE(m_frame.bytes().size(), 65536u);
+    EXPECT_EQ(m_frame.bytes().size(), 65536u);
 }
 
 TEST_F(IncomingFrameTest, OfManyStepsIsWhole) {
@@ -120,7 +121,10 @@ TEST_F(IncomingFrameTest, OfManyStepsIsWhole) {
 TEST_F(IncomingFrameTest, EndsWithItsClient) {
     send(frame("half of it").substr(0, 8));
     m_client = vorn::Descriptor(-1);
-    EXPECT_EQ(read(), Progress::Ended);
+    for (const int before : {EAGAIN, ECONNRESET}) {
+        errno = before;
+        EXPECT_EQ(read(), Progress::Ended) << "whatever failed before";
+    }
 }
 
 TEST_F(IncomingFrameTest, IsBrokenWhenItsClientLeftWithoutReadingAnAnswer) {

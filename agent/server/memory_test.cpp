@@ -48,9 +48,7 @@ LoginFrame loginFrame(const std::string& user, std::size_t size) {
     const std::string room(size, '?');
     const Bytes body = vexagent::loginFrame(1, user, room);
     LoginFrame frame;
-    for (std::size_t i = 0; i < wire::kLengthBytes; ++i)
-        frame.bytes.push_back(static_cast<std::uint8_t>(body.size() >> 8 * i));
-    frame.bytes.insert(frame.bytes.end(), body.begin(), body.end());
+    frame.bytes = framed(body);
     const auto found = std::search(frame.bytes.begin(), frame.bytes.end(), room.begin(), room.end());
     frame.at = static_cast<std::size_t>(found - frame.bytes.begin());
     return frame;

@@ -2,7 +2,6 @@
 #include "agent/server/notify.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "agent/server/descriptors_testing.h"
 #include "vorn/temporary_folder_testing.h"
 
 namespace vexagent {
@@ -89,24 +89,16 @@ TEST(Notify, ANameThatIsNoneOfAManagerIsNotWrittenTo) {
 TEST(Notify, KeepsNoDescriptor) {
     const TemporaryFolder folder;
     const Manager manager(folder.file("notify"));
-    const int before = ::dup(STDIN_FILENO);
-    ::close(before);
+    const int before = lowestFree();
     EXPECT_TRUE(notifyManager("READY=1"));
-    const int after = ::dup(STDIN_FILENO);
-    ::close(after);
-    EXPECT_EQ(before, after);
+    EXPECT_EQ(lowestFree(), before);
 }
 
 TEST(Notify, WithoutADescriptorLeftNobodyIsTold) {
     const TemporaryFolder folder;
     const Manager manager(folder.file("notify"));
-    rlimit usual{};
-    ::getrlimit(RLIMIT_NOFILE, &usual);
-    const rlimit none{0, usual.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    const bool told = notifyManager("READY=1");
-    ::setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_FALSE(told);
+    const FewDescriptors none(0);
+    EXPECT_FALSE(notifyManager("READY=1"));
     EXPECT_EQ(manager.heard(), "");
 }
 

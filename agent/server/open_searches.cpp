@@ -44,7 +44,6 @@ std::unique_ptr<Cursor> OpenSearches::take(const Client& client, std::uint64_t i
     const auto state = m_state.lock();
     const auto search = state->searches.find(id);
     if (search == state->searches.end() || search->second.client != client) return nullptr;
-    search->second.lastUsed = m_clock();
     return std::move(search->second.cursor);
 }
 

@@ -22,13 +22,12 @@ WorkerPool::~WorkerPool() {
 }
 
 void WorkerPool::post(Lane lane, Work work) {
-    bool wake = false;
-    {
-        const std::lock_guard lock(m_mutex);
-        (lane == Lane::Quick ? m_quick : m_slow).push_back(std::move(work));
-        wake = lane == Lane::Quick || slowMayRun();
-    }
-    // Slow work above its limit is taken up by the thread that ends some.
+    std::unique_lock lock(m_mutex);
+    (lane == Lane::Quick ? m_quick : m_slow).push_back(std::move(work));
+    const bool wake = lane == Lane::Quick || slowMayRun();
+    lock.unlock();
+    // Slow work above its limit is taken up by the thread that ends some; where that takes
+    // quick work instead, by the thread that was woken for this.
     if (wake) m_work.notify_one();
 }
 
@@ -47,11 +46,6 @@ bool WorkerPool::take(Lane& lane, Work& work) {
     queue.pop_front();
     ++m_busy;
     if (lane == Lane::Slow) ++m_busySlow;
-    // What was posted, or may run since slow work has ended, may have woken nobody
-    // but this thread.
-    const bool more = hasWork();
-    lock.unlock();
-    if (more) m_work.notify_one();
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -14,16 +15,27 @@ namespace {
 constexpr std::chrono::seconds kSoon{20};
 
 TEST(WorkerPool, SlowWorkLeavesAThreadForQuickWork) {
-    std::promise<void> gate;
-    const std::shared_future<void> open = gate.get_future().share();
-    WorkerPool pool(3);
-    for (int i = 0; i < 10; ++i) pool.post(Lane::Slow, [open] { open.wait(); });
-    std::promise<void> quick;
-    pool.post(Lane::Quick, [&quick] { quick.set_value(); });
-    EXPECT_EQ(quick.get_future().wait_for(kSoon), std::future_status::ready);
-    EXPECT_FALSE(pool.waitIdle(std::chrono::milliseconds(0)));
-    gate.set_value();
+    for (const int threads : {2, 3}) {
+        std::promise<void> gate;
+        const std::shared_future<void> open = gate.get_future().share();
+        WorkerPool pool(threads);
+        for (int i = 0; i < 10; ++i) pool.post(Lane::Slow, [open] { open.wait(); });
+        std::promise<void> quick;
+        pool.post(Lane::Quick, [&quick] { quick.set_value(); });
+        EXPECT_EQ(quick.get_future().wait_for(kSoon), std::future_status::ready);
+        EXPECT_FALSE(pool.waitIdle(std::chrono::milliseconds(0)));
+        gate.set_value();
+        EXPECT_TRUE(pool.waitIdle(kSoon));
+    }
+}
+
+TEST(WorkerPool, WhatWorkHoldsIsLetGoWithIt) {
+    WorkerPool pool(1);
+    auto held = std::make_shared<int>();
+    const std::weak_ptr<int> watched = held;
+    pool.post(Lane::Quick, [held = std::move(held)] {});
     EXPECT_TRUE(pool.waitIdle(kSoon));
+    EXPECT_TRUE(watched.expired());
 }
 
 TEST(WorkerPool, OneThreadDoesBoth) {

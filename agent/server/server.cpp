@@ -61,7 +61,7 @@ void Server::accept() {
 // is turned away.
 bool Server::acceptOne() try {
     vorn::Descriptor accepted(::accept4(m_acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (accepted.get() < 0) return errno == EAGAIN || errno == EINTR;
+    if (accepted.get() < 0) return errno == EAGAIN;  // another agent has taken the client
     Socket socket(m_shared.io);
     error_code error;
     socket.assign(boost::asio::local::stream_protocol(), accepted.get(), error);
@@ -145,7 +145,7 @@ void Server::stop(std::function<void()> stopped) {
     m_acceptTimer.cancel();
     m_sweepTimer.cancel();
     const std::vector<std::shared_ptr<Connection>> connections(m_connections.begin(), m_connections.end());
-    if (connections.empty() && m_stopped) m_stopped();
+    if (connections.empty()) m_stopped();
     for (const auto& connection : connections) connection->finish();
 }
 

@@ -53,8 +53,8 @@ View viewOf(const wire::Request& request, const Names* attributes) {
     view.zone = option(request, VEX_OPTION_ZONE_VIEW) != 0;
     view.naming =
         option(request, VEX_OPTION_ZONE_VIEW) == VEX_VIEW_APPLICATIONS ? Naming::Applications : Naming::Hosts;
-    if (attributes == nullptr) return view;
-    for (const flatbuffers::String* name : *attributes) view.attributes.push_back(text(name));
+    if (attributes != nullptr)
+        for (const flatbuffers::String* name : *attributes) view.attributes.push_back(text(name));
     return view;
 }
 
@@ -182,10 +182,10 @@ Bytes Service::frameOf(const Client& client, std::uint64_t id, Answer answer) {
     const std::uint64_t search = answer.search;
     try {
         Bytes frame = writeResponse(id, answer);
-        if (search != 0 && searchIn(frame) == 0) closeSearch(client, search);
+        if (searchIn(frame) != search) closeSearch(client, search);
         return frame;
     } catch (const std::bad_alloc&) {
-        if (search != 0) closeSearch(client, search);
+        closeSearch(client, search);
         if (answer.result.ok()) m_failed.fetch_add(1, std::memory_order_relaxed);
     }
     answer = outOfMemory();

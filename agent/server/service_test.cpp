@@ -122,6 +122,9 @@ TEST_F(ServiceTest, AFetchAndALookUpGiveOneObjectAsItIsWanted) {
     ask(m_ann, lookupFrame(2, "there", {}));
     EXPECT_TRUE(m_directory.viewed.attributes.empty());
     EXPECT_FALSE(m_directory.viewed.zone);
+    ask(m_ann, lookupFrame(3, "there", {}, {VEX_OPTION_ZONE_VIEW}));
+    EXPECT_TRUE(m_directory.viewed.attributes.empty());
+    EXPECT_TRUE(m_directory.viewed.zone);
 }
 
 TEST_F(ServiceTest, TheSupportedAttributesAreListed) {
@@ -145,6 +148,9 @@ TEST_F(ServiceTest, EachRequestHasALineInTheLog) {
                 HasSubstr("search \"2\" below \"\" from pid 10 uid 1: code 0, 1 objects, 0 us\n"));
     EXPECT_THAT(logged(m_ben, healthFrame(1)),
                 HasSubstr("health  from pid 11 uid 1: code 0, 0 objects, 0 us\n"));
+    EXPECT_THAT(logged(m_ann, loginFrame(1, "ann", "right")), HasSubstr("authenticate \"ann\" from pid 10"));
+    EXPECT_THAT(logged(m_ann, changeFrame(1, "ann", "right", "new")),
+                HasSubstr("password \"ann\" from pid 10"));
     const std::string most(200, 'x');
     EXPECT_THAT(logged(m_ann, sharingFrame(wire::Body::Fetch, most, 0, 0)),
                 HasSubstr("fetch \"" + most + "\" from"));
@@ -159,12 +165,36 @@ TEST_F(ServiceTest, WhyARequestFailedIsInTheLogOnce) {
                 HasSubstr("search failed for pid 10 uid 1: thrown\n"));
     EXPECT_THAT(logged(m_ann, searchFrame(1, "fail")), Not(HasSubstr("failed for")))
         << "the client is told all there is";
+    m_directory.thrown = std::string(800, 'x');
+    EXPECT_THAT(logged(m_ann, searchFrame(1, "throw")), HasSubstr(": " + m_directory.thrown + "\n"));
+    m_directory.thrown += "y";
+    EXPECT_THAT(logged(m_ann, searchFrame(1, "throw")), HasSubstr(": " + std::string(800, 'x') + "...\n"));
     EXPECT_THAT(logged(m_ann, loginFrame(1, "ann", "right")), Not(HasSubstr("failed")));
     const std::string refused = logged(m_ann, loginFrame(1, "ann", "wrong"));
     EXPECT_THAT(refused,
                 HasSubstr("authentication of \"ann\" failed for pid 10 uid 1: wrong password (code " +
                           std::to_string(VEX_WRONG_PASSWORD) + ")\n"));
     EXPECT_THAT(refused, Not(HasSubstr("authenticate failed")));
+}
+
+TEST_F(ServiceTest, ASearchThatFailsLaterOnIsOver) {
+    const Reply first = ask(m_ann, searchFrame(1, "broken"));
+    ASSERT_NE(first.search, 0u);
+    const Reply next = ask(m_ann, nextFrame(2, first.search));
+    EXPECT_EQ(next.code, VEX_UNAVAILABLE);
+    EXPECT_EQ(next.errText, "went away");
+    EXPECT_EQ(m_service.openSearches(), 0u);
+}
+
+TEST_F(ServiceTest, APersonSearchedForByTheUidOfADnIsSearchedForBelowItsParent) {
+    const auto make = [](auto& builder) {
+        const auto filter = builder.CreateString("(&(objectClass=user)(uid=ann))");
+        const auto base = builder.CreateString("uid=ann,ou=x");
+        return wire::CreateSearchOpen(builder, 0, filter, base, 0, 0);
+    };
+    ask(m_ann, requestFrame(1, wire::Body::SearchOpen, make));
+    EXPECT_EQ(m_directory.asked.base, "ou=x");
+    EXPECT_EQ(m_directory.asked.scope, 2);
 }
 
 TEST_F(ServiceTest, ASearchBelongsToItsProcess) {
@@ -242,7 +272,8 @@ TEST_F(ServiceTest, TextsThatShareTheirBytesAreRefusedUncopied) {
     EXPECT_EQ(m_directory.fetches, 1);
     const std::string half(wire::kMaxRequestBytes / 2 + 1, 'x');
     EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::Authenticate, half, 0, 0)).code, VEX_REFUSED);
-    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::ChangePassword, half, 0, 0)).code, VEX_REFUSED);
+    const std::string third(wire::kMaxRequestBytes / 3 + 1, 'x');
+    EXPECT_EQ(ask(m_ann, sharingFrame(wire::Body::ChangePassword, third, 0, 0)).code, VEX_REFUSED);
     EXPECT_EQ(m_directory.changedPassword, "");
     EXPECT_EQ(m_directory.logins, 0);
 }
@@ -253,6 +284,8 @@ TEST_F(ServiceTest, OptionsAreLimited) {
     };
     EXPECT_EQ(code(wire::kMaxOptions), VEX_NO_SUCH_OBJECT);
     EXPECT_EQ(code(wire::kMaxOptions + 1), VEX_REFUSED);
+    EXPECT_THAT(logged(m_ann, sharingFrame(wire::Body::Fetch, "x", 1, wire::kMaxOptions + 1)),
+                ::testing::HasSubstr("refused a request of pid 10 uid 1: too many options\n"));
 }
 
 TEST_F(ServiceTest, AFailureOfTheDirectoryReachesTheClient) {
@@ -343,8 +376,10 @@ TEST_F(ServiceTest, WhatALookUpBringsFitsIntoABatch) {
     const std::size_t names = std::string("_dntheredata").size();  // of each object
     m_directory.lookupBytes = wire::kBatchBytes / 4 - names;
     EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {4, "there"})).dns.size(), 4u) << "which fill it";
-    m_directory.lookupBytes = wire::kBatchBytes / 4;
+    m_directory.lookupBytes = wire::kBatchBytes / 4 - names + 1;
+    const int before = m_directory.fetches;
     EXPECT_EQ(ask(m_ann, lookupFrame(1, "there", {4, "there"})).dns.size(), 3u);
+    EXPECT_EQ(m_directory.fetches, before + 4) << "the one that does not fit is the last";
     m_directory.lookupBytes = wire::kBatchBytes + 1;
     EXPECT_EQ(ask(m_ann, lookupFrame(2, "there", {4, "there"})).dns.size(), 1u) << "the one asked for comes";
 }
@@ -413,6 +448,8 @@ TEST_F(ServiceTest, AChangeOfAPasswordIsInTheLogAndNoPasswordIs) {
     EXPECT_THAT(done, Not(HasSubstr("right")));
     EXPECT_THAT(logged(m_ann, changeFrame(1, "ann", "0ld", "n3w")),
                 HasSubstr("uid 1: failed: wrong password (code 14)\n"));
+    EXPECT_THAT(logged(m_ann, changeFrame(1, "ann", "right", "bad")), Not(HasSubstr("refused a request")))
+        << "which is said once";
 }
 
 TEST_F(ServiceTest, StatisticsCountByKind) {
@@ -423,6 +460,17 @@ TEST_F(ServiceTest, StatisticsCountByKind) {
               "requests served: search 2, next 0, close 0, fetch 0, lookup 0, authenticate 1, attributes 0, "
               "health 0, password 0, "
               "failed 1; open searches: 1; client processes: 2");
+}
+
+TEST_F(ServiceTest, ARequestOfAnUnknownKindCountsAsAFailureAlone) {
+    const int unknown = static_cast<int>(wire::Body::ChangePassword) + 1;
+    const Bytes frame = requestFrame(1, static_cast<wire::Body>(unknown),
+                                     [](auto& builder) { return wire::CreateHealth(builder); });
+    EXPECT_EQ(ask(m_ann, frame).code, VEX_REFUSED);
+    EXPECT_EQ(m_service.statistics(),
+              "requests served: search 0, next 0, close 0, fetch 0, lookup 0, authenticate 0, attributes 0, "
+              "health 0, password 0, "
+              "failed 1; open searches: 0; client processes: 2");
 }
 
 TEST_F(ServiceTest, LanesFollowTheCost) {

@@ -41,6 +41,14 @@ TEST(Shares, OneUserLeavesAnEighth) {
     EXPECT_FALSE(shares.hasPlaceFor(kOther));
 }
 
+TEST(Shares, PlacesThatCannotBeDividedAreKept) {
+    Shares shares(31);
+    add(shares, kGreedy, 24);
+    EXPECT_FALSE(shares.hasPlaceFor(kGreedy));
+    add(shares, kTwin, 4);
+    EXPECT_FALSE(shares.hasPlaceFor(kTwin));
+}
+
 TEST(Shares, ANewcomerTakesFromWhoHoldsMore) {
     Shares shares(16);
     add(shares, kGreedy, 10);

@@ -33,30 +33,27 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-int newSocket(const std::string& path) {
-    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0) failSystem(path);
-    return descriptor;
+vorn::Descriptor newSocket(const std::string& path) {
+    vorn::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.get() < 0) failSystem(path);
+    return socket;
 }
 
 // Whether somebody listens at the path. A full queue means that somebody does.
 bool isAnswered(const std::string& path) {
     const sockaddr_un address = addressOf(path);
-    const int descriptor = newSocket(path);
-    const int answer = ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int reason = answer == 0 ? 0 : errno;
-    ::close(descriptor);
-    if (reason == ECONNREFUSED || reason == ENOENT) return false;
-    if (reason != 0 && reason != EAGAIN) fail(path, std::strerror(reason));
+    const vorn::Descriptor socket = newSocket(path);
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return true;
+    if (errno == ECONNREFUSED || errno == ENOENT) return false;
+    if (errno != EAGAIN) failSystem(path);
     return true;
 }
 
+// What keeps the agent from looking keeps it from making a socket there, too.
 void checkPlace(const std::string& path) {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        if (errno == ENOENT) return;
-        failSystem(path);
-    }
+    if (::lstat(path.c_str(), &status) != 0) return;
     if (!S_ISSOCK(status.st_mode)) fail(path, "exists and is not a socket");
     if (isAnswered(path)) fail(path, "another agent answers on it");
 }
@@ -72,7 +69,8 @@ std::string throughDescriptor(const FolderLock& folder) {
 int optionOf(int descriptor, int option) {
     int value = -1;
     socklen_t size = sizeof value;
-    return ::getsockopt(descriptor, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+    ::getsockopt(descriptor, SOL_SOCKET, option, &value, &size);
+    return value;
 }
 
 bool listensToStreams(int descriptor) {
@@ -115,10 +113,8 @@ void giveOwnerAndMode(const SocketOptions& options) {
     struct stat status {};
     if (::lstat(path, &status) != 0) failSystem(options.path);
     if (!S_ISSOCK(status.st_mode)) fail(options.path, "is not a socket any more");
-    const bool isOwned = status.st_uid == ::geteuid() && status.st_gid == group;
-    const bool hasMode = (status.st_mode & 07777) == options.mode;
-    if (isOwned && hasMode) return;
-    if ((!isOwned && ::lchown(path, ::geteuid(), group) != 0) || ::chmod(path, options.mode) != 0)
+    // Who owns it may set what it has already.
+    if (::lchown(path, ::geteuid(), group) != 0 || ::chmod(path, options.mode) != 0)
         fail(options.path, std::string("cannot have the agent's owner, group and mode: ") +
                                std::strerror(errno) +
                                "; SocketUser of the socket's unit must be the agent's user");
@@ -134,7 +130,7 @@ SocketFile::SocketFile(const SocketOptions& options, vorn::Descriptor handedOver
     checkPath(m_path);
     checkHandedOver(m_path, handedOver.get());
     giveOwnerAndMode(options);
-    m_descriptor = handedOver.release();
+    m_descriptor = std::move(handedOver);
 }
 
 SocketFile::SocketFile(const SocketOptions& options) : m_path(options.path) {
@@ -147,7 +143,6 @@ SocketFile::SocketFile(const SocketOptions& options) : m_path(options.path) {
         create(options, folder);
         if (::renameat(folder.descriptor(), kUnready, AT_FDCWD, m_path.c_str()) != 0) failSystem(m_path);
     } catch (...) {
-        if (m_descriptor >= 0) ::close(m_descriptor);
         ::unlinkat(folder.descriptor(), kUnready, 0);
         throw;
     }
@@ -160,16 +155,14 @@ void SocketFile::create(const SocketOptions& options, const FolderLock& folder) 
     ::unlinkat(at, kUnready, 0);  // of an agent that was killed
     // The mode counts from the first moment: nobody but the owner may connect.
     const mode_t before = ::umask(0177);
-    const int bound = ::bind(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int reason = errno;
-    ::umask(before);
-    errno = reason;
+    const int bound = ::bind(m_descriptor.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::umask(before);  // never fails
     if (bound != 0) failSystem(m_path);
     if (options.group &&
         ::fchownat(at, kUnready, static_cast<uid_t>(-1), *options.group, AT_SYMLINK_NOFOLLOW) != 0)
         failSystem(m_path);
     if (::fchmodat(at, kUnready, options.mode, 0) != 0) failSystem(m_path);
-    if (::listen(m_descriptor, SOMAXCONN) != 0) failSystem(m_path);
+    if (::listen(m_descriptor.get(), SOMAXCONN) != 0) failSystem(m_path);
     struct stat status {};
     if (::fstatat(at, kUnready, &status, AT_SYMLINK_NOFOLLOW) != 0) failSystem(m_path);
     m_device = status.st_dev;
@@ -178,11 +171,10 @@ void SocketFile::create(const SocketOptions& options, const FolderLock& folder) 
 
 SocketFile::~SocketFile() {
     remove();
-    if (m_descriptor >= 0) ::close(m_descriptor);
 }
 
 int SocketFile::release() {
-    return std::exchange(m_descriptor, -1);
+    return m_descriptor.release();
 }
 
 void SocketFile::remove() {

@@ -61,7 +61,7 @@ class SocketFile {
     void create(const SocketOptions& options, const FolderLock& folder);
 
     const std::string m_path;
-    int m_descriptor = -1;
+    vorn::Descriptor m_descriptor{-1};
     dev_t m_device = 0;
     ino_t m_inode = 0;  // what is removed; 0 for nothing
 };

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent/server/descriptors_testing.h"
 #include "vorn/descriptor.h"
 #include "vorn/temporary_folder_testing.h"
 
@@ -69,13 +70,6 @@ int listening(const std::string& path, int type) {
     return socket;
 }
 
-// The number that the next descriptor would have.
-int lowestFree() {
-    const int lowest = ::dup(STDIN_FILENO);
-    ::close(lowest);
-    return lowest;
-}
-
 bool canConnect(const std::string& path) {
     sockaddr_un address = addressAt(path);
     const int client = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -108,6 +102,7 @@ TEST(SocketFile, HasItsGroup) {
     const SocketFile other({folder.file("t"), 0600, 12345});
     ASSERT_EQ(::lstat(folder.file("t").c_str(), &status), 0);
     EXPECT_EQ(status.st_gid, 12345u);
+    EXPECT_EQ(status.st_uid, ::geteuid());
 }
 
 TEST(SocketFile, OneOfSeveralAtTheSameInstantGetsThePath) {
@@ -150,8 +145,10 @@ TEST(SocketFile, AFolderThatStaysLockedIsSaid) {
 TEST(SocketFile, HasItsModeAndGoesWithItsOwner) {
     const TemporaryFolder folder;
     const std::string path = folder.file("s");
+    const mode_t usual = ::umask(022);
     {
         const SocketFile file({path, 0604});
+        EXPECT_EQ(::umask(usual), 022u) << "files' modes are as they were";
         struct stat status {};
         ASSERT_EQ(::lstat(path.c_str(), &status), 0);
         EXPECT_TRUE(S_ISSOCK(status.st_mode));
@@ -165,7 +162,9 @@ TEST(SocketFile, ALiveOneIsAnotherAgents) {
     const TemporaryFolder folder;
     const std::string path = folder.file("s");
     const SocketFile live({path, 0600});
+    const int before = lowestFree();
     EXPECT_EQ(failure({path, 0600}), ": another agent answers on it");
+    EXPECT_EQ(lowestFree(), before);
     EXPECT_TRUE(exists(path));
 }
 
@@ -203,6 +202,50 @@ TEST(SocketFile, OneThatCannotBeMadeKeepsNoDescriptor) {
     const int before = lowestFree();
     EXPECT_EQ(failure({folder.file("s"), 0600}), ": Address already in use");
     EXPECT_EQ(lowestFree(), before);
+}
+
+TEST(SocketFile, WithoutADescriptorForItItCannotBe) {
+    const TemporaryFolder folder;
+    const FewDescriptors one(1);
+    EXPECT_EQ(failure({folder.file("s"), 0600}), ": Too many open files") << "the folder's lock has it";
+}
+
+// As long as it lives, who is the superuser is nobody.
+class Unprivileged {
+  public:
+    Unprivileged() : m_user(::geteuid()) { EXPECT_EQ(::seteuid(m_user == 0 ? kNobody : m_user), 0); }
+    ~Unprivileged() { EXPECT_EQ(::seteuid(m_user), 0); }
+    Unprivileged(const Unprivileged&) = delete;
+    Unprivileged& operator=(const Unprivileged&) = delete;
+
+    static constexpr uid_t kNobody = 65534;
+
+  private:
+    const uid_t m_user;
+};
+
+// Only the superuser may give what it likes.
+TEST(SocketFile, AGroupThatTheAgentMayNotGiveIsSaid) {
+    const TemporaryFolder folder;
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(folder.file("").c_str(), Unprivileged::kNobody, Unprivileged::kNobody), 0);
+    }
+    const Unprivileged nobody;
+    EXPECT_EQ(failure({folder.file("s"), 0600, 12345}), ": Operation not permitted");
+    EXPECT_TRUE(contentOf(folder).empty());
+    EXPECT_EQ(failure({folder.file("s"), 0600, ::getegid()}), "made") << "its own it may";
+}
+
+TEST(SocketFile, OneThatTheAgentMayNotReplaceIsSaid) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root has what others may not replace";
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    { const vorn::Descriptor left(listening(path, SOCK_STREAM)); }
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(::chmod(folder.file("").c_str(), 01777), 0);
+    const Unprivileged nobody;
+    EXPECT_EQ(failure({path, 0600}), ": Operation not permitted");
+    EXPECT_EQ(contentOf(folder), std::vector<std::string>{"s"});
 }
 
 TEST(SocketFile, WhoeverReleasesItOwnsIt) {
@@ -318,6 +361,18 @@ TEST(HandedOverSocket, HasTheAgentsOwnerAndGroup) {
     EXPECT_EQ(status.st_uid, ::geteuid());
     EXPECT_EQ(status.st_gid, ::getegid());
     EXPECT_EQ(modeOf(path), 0660u);
+}
+
+TEST(HandedOverSocket, ThatTheAgentMayNotChangeIsRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root has what others may not change";
+    const TemporaryFolder folder;
+    const std::string path = folder.file("s");
+    vorn::Descriptor socket = listening(path);
+    ASSERT_EQ(::chmod(folder.file("").c_str(), 0755), 0);
+    const Unprivileged nobody;
+    EXPECT_EQ(refusal({path, 0600}, std::move(socket)),
+              ": cannot have the agent's owner, group and mode: Operation not permitted; SocketUser of the "
+              "socket's unit must be the agent's user");
 }
 
 TEST(HandedOverSocket, MayBeReachedByAnotherNameOfItsFolder) {
