@@ -233,28 +233,6 @@ TEST_F(EmbeddedTest, EveryObjectCarriesItsOwnAttributes) {
 }
 
 // By default only what would be root.
-TEST(EmbeddedIds, NumbersThatHostsAreNotShownMarkAnEntry) {
-    TestDirectory directory(units() + person("Root", "root", 0) + person("Low", "low", 999) +
-                            person("High", "high", 1000) + group("wheel", 0, {}) + group("many", 1000, {}));
-    const auto marked = [](EmbeddedDirectory& asked, const char* cn) {
-        Object object;
-        const std::string place =
-            std::string(cn) == "wheel" || std::string(cn) == "many" ? "Groups" : "People";
-        EXPECT_TRUE(asked.fetch("", std::string("CN=") + cn + ",OU=" + place + "," + kRoot, {}, object).ok());
-        return value(object, "_nssEntryInvalid") == "TRUE";
-    };
-    EXPECT_TRUE(marked(*directory, "Root"));
-    EXPECT_FALSE(marked(*directory, "Low"));
-    EXPECT_TRUE(marked(*directory, "wheel"));
-    EXPECT_FALSE(marked(*directory, "many"));
-    EmbeddedDirectory strict({directory.database(), kDomain, {"sAMAccountName"}, testClock, 1000});
-    EXPECT_TRUE(marked(strict, "Low"));
-    EXPECT_FALSE(marked(strict, "High"));
-    ASSERT_TRUE(directory.change(std::string("dn: CN=High,OU=People,") + kRoot +
-                                 "\nchangetype: modify\nadd: uidNumber\nuidNumber: 0\n"));
-    EXPECT_TRUE(marked(strict, "High"));
-}
-
 TEST_F(EmbeddedTest, EntriesThatUnixCannotUseAreMarked) {
     const std::pair<const char*, bool> cases[] = {
         {"CN=Ann Lee,OU=People", false}, {"CN=Plain,OU=People", true},  {"CN=pc1,OU=People", true},
@@ -312,16 +290,6 @@ TEST_F(EmbeddedTest, AFilterOnMemberUidFindsThePersonsGroups) {
     EXPECT_THAT(found("(memberUid=plain)", true), IsEmpty());
     EXPECT_THAT(found("(memberUid=zed)", true), ElementsAre("stored"));
     EXPECT_THAT(found("(memberUid=ann)", false), ElementsAre("stored"));
-}
-
-TEST(EmbeddedGroups, AreAllThatSomebodyIsDirectlyIn) {
-    std::string ldif = units() + person("Ann", "ann", 1001);
-    for (const char* name : {"a", "c"})
-        ldif += std::string("dn: CN=") + name + ",OU=People,DC=example,DC=com\nobjectClass: top\nmember: " +
-                "CN=Ann,OU=People,DC=example,DC=com\n\n";
-    for (const char* name : {"b", "d", "e"}) ldif += group(name, 2001, {"CN=Ann,OU=People"});
-    TestDirectory directory(ldif);
-    EXPECT_THAT(names(*directory, query("(memberUid=ann)", true)), UnorderedElementsAre("b", "d", "e"));
 }
 
 TEST_F(EmbeddedTest, ChangesShowAtOnce) {

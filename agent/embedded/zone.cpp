@@ -52,8 +52,6 @@ class Members {
         return std::move(m_names);
     }
 
-    void markSeen(std::string_view dn) { m_seen.insert(vorn::lower(dn)); }
-
   private:
     void visit(const std::string& text) {
         const Pool pool = newPool();
@@ -103,8 +101,7 @@ class Groups {
     void addPerson(const ldb_message* person) {
         m_pending.push_back(spelledDn(person->dn));
         const auto rid = vorn::parseNumber<std::uint32_t>(firstValue(person, "primaryGroupID"));
-        const std::string sid = sidWithRid(firstValue(person, "objectSid"), rid.value_or(0));
-        if (rid.value_or(0) != 0 && !sid.empty()) addHolders("objectSid", sid);
+        if (rid) addHolders("objectSid", sidWithRid(firstValue(person, "objectSid"), *rid));
     }
 
     std::vector<std::string> walk() {
@@ -143,7 +140,6 @@ std::string memberName(const ldb_message* message, Naming naming) {
 
 std::vector<std::string> memberUids(Handle& handle, const ldb_message* group, Naming naming) {
     Members members(handle, naming);
-    members.markSeen(spelledDn(group->dn));
     members.addGroup(group);
     members.walk();
     return members.names();
