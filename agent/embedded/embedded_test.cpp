@@ -573,6 +573,7 @@ TEST(LargeDirectory, BatchesGoOnWithWhatIsLeft) {
     while (!rest->atEnd()) {
         Batch batch;
         ASSERT_TRUE(rest->next(batch).ok());
+        EXPECT_EQ(batch.total, 700u) << "as the search found them";
         EXPECT_LE(batch.objects.size(), 256u);
         for (const Object& object : batch.objects)
             EXPECT_TRUE(seen.insert(value(object, "sAMAccountName")).second);

@@ -99,7 +99,7 @@ void completeCategory(ldb_message* message, const std::string& domainDn) {
 void completeRdn(ldb_message* message) {
     const char* name = ldb_dn_get_rdn_name(message->dn);
     const ldb_val* value = ldb_dn_get_rdn_val(message->dn);
-    if (name == nullptr || value == nullptr || ldb_msg_find_element(message, name) != nullptr) return;
+    if (ldb_msg_find_element(message, name) != nullptr) return;
     const std::string bytes(bytesOf(*value));
     setValue(message, vorn::lower(name).c_str(), bytes);
 }
