@@ -27,13 +27,13 @@ bool ExactReply::entry(Entry* entry, AttributeName* attributes) {
     std::snprintf(failureText(), kFailureTextBytes, "send_search_entry Failed, lrc = %d", sent);
     JPrintf("%s", failureText());
     rejected({LDAP_INSUFFICIENT_ACCESS, failureText()});
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
     return false;
 }
 
 void ExactReply::limit(int result) {
     rejected({result, nullptr});
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
 }
 
 bool ExactReply::failed(const Failure& failure) {
@@ -55,7 +55,7 @@ bool ExactReply::pageEnds(OpenPage* page) {
     if (!isLast && !continues) return false;
     if (!attachControl(page, continues)) return false;
     m_rs->sr_err = LDAP_SUCCESS;
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
     return continues;
 }
 
@@ -67,5 +67,5 @@ bool ExactReply::attachControl(OpenPage* page, bool continues) {
 void ExactReply::end() {
     const bool emptyLaterPage = m_paging.earlier() > 0 && m_rs->sr_nentries == 0;
     if (m_nothingFound && !emptyLaterPage) m_rs->sr_err = LDAP_NO_SUCH_OBJECT;
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
 }

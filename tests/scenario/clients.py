@@ -30,6 +30,11 @@ def group(assertion):
     return f"(&(objectClass=posixGroup)({assertion}))"
 
 
+def crowd_of_names(first):
+    names = "".join(f"(memberUid=q{number})" for number in range(first, first + CROWD))
+    return f"(&(objectClass=posixGroup)(|{names}))"
+
+
 class Client(soak_client.Client):
     KINDS = {"lookup": 300, "miss": 50, "groups": 70, "members": 40, "capitals": 5, "many_names": 2, "bind": 70,
              "wrong_password": 50, "own_entry": 20, "disabled": 10, "departed": 10, "nul_name": 5, "enumerate": 20,
@@ -77,9 +82,8 @@ class Client(soak_client.Client):
     def many_names(self):
         """A request on which anybody can spend all the time there is. It finds nothing."""
         first = self.random.randrange(10 ** 6)
-        names = "".join(f"(memberUid=q{number})" for number in range(first, first + CROWD))
         try:
-            found = self.open().search_ext_s(self.base, ldap.SCOPE_SUBTREE, f"(&(objectClass=posixGroup)(|{names}))", ["cn"])
+            found = self.open().search_ext_s(self.base, ldap.SCOPE_SUBTREE, crowd_of_names(first), ["cn"])
         except ldap.NO_SUCH_OBJECT:
             return
         raise WrongAnswer(f"groups of nobody: {found}")

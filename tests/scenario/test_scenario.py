@@ -11,13 +11,16 @@ import json
 import os
 import pathlib
 import random
+import signal
 import sys
 import time
 
 import ldap
+import psutil
 import pytest
 
 import troubles
+from clients import crowd_of_names
 from company import Company
 from directories import Embedded
 from domain import PlayedDomain
@@ -39,6 +42,8 @@ IDLE_LINKS = 2 * 2 * 8  # descriptors: the agent keeps 8 connections to each of 
 TICK = 0.1
 IDLE_CONNECTIONS = 32  # connections to the agent that libvex keeps
 LOG = "agent-log"  # both servers write to it, and open it when they have something to say
+THREADS = CONNECTIONS + 8  # slapd's: a request that waits for the domain holds one
+GLOBALS = ("sizelimit unlimited", "timelimit unlimited", f"threads {THREADS}")
 DIRECTIVES = (*Slapd.DIRECTIVES, "dirgate.cache.enabled true", "dirgate.cache.ttl 3", "dirgate.cache.negative.ttl 3",
               "dirgate.cache.max.objects 120", "dirgate.cache.max.lists 60", "dirgate.cache.credential.expires 1")
 HERE = pathlib.Path(__file__).parent
@@ -70,7 +75,7 @@ class Gateway:
         else:
             self.agent = world.agent(embedded__ldif=company.write(world.folder), **common)
         self.agent.start()
-        self.slapd = world.slapd(self.agent, directives=DIRECTIVES, env={"MALLOC_ARENA_MAX": "1"}).start()
+        self.slapd = world.slapd(self.agent, globals=GLOBALS, directives=DIRECTIVES, env={"MALLOC_ARENA_MAX": "1"}).start()
         self.weather = Weather(world.folder / "weather")
 
     def dn(self, uid):
@@ -145,8 +150,21 @@ def serve(gateway, seconds):
     return [program.report() for program in programs], memories
 
 
+def fill_threads(gateway):
+    """Each of slapd's threads works on as large a request as there will be, and keeps the
+    memory: with an agent that does not answer, no thread gets two of them."""
+    gateway.agent.signal(signal.SIGSTOP)
+    connections = [gateway.slapd.connect() for _ in range(THREADS)]
+    for connection in connections:
+        connection.search_ext(gateway.company.model()["base"], ldap.SCOPE_SUBTREE, crowd_of_names(0), ["cn"])
+    wait_until(lambda: psutil.Process(gateway.slapd.process.pid).num_threads() > THREADS, "all threads are there")
+    gateway.agent.signal(signal.SIGCONT)
+    gateway.close_connections()
+
+
 def warm_up(gateway):
     """Everything that is opened once is open. Returns the descriptors."""
+    fill_threads(gateway)
     wait_until(gateway.answers, "the gateway answers")
     if gateway.domain:
         gateway.let_depart()
