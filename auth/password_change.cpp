@@ -95,6 +95,7 @@ Outcome explain(vexSession* session, vexCode code) {
     if (outcome.result == LDAP_SUCCESS) {
         const int result =
             explainFailure(session, "vexAuthChangePassword ", code, kFailureTextBytes - 1, failureText());
+        JPrintf("%s", failureText());
         outcome = {result, failureText()};
     }
     if (outcome.result == LDAP_UNWILLING_TO_PERFORM) outcome.result = LDAP_INSUFFICIENT_ACCESS;

@@ -4,12 +4,12 @@
 #include <exception>
 #include <string>
 
-#include "backend/base/failure.h"
 #include "backend/base/log.h"
 #include "backend/base/settings.h"
 #include "search/sending.h"
 #include "standard/entries.h"
 #include "standard/extras.h"
+#include "standard/failure.h"
 #include "standard/kinds_of_map.h"
 #include "standard/schema.h"
 #include "standard/spellings.h"
@@ -23,11 +23,6 @@ namespace {
 void complain(const std::string& text) {
     JError("%s", text.c_str());
     ldap_log_printf(nullptr, LDAP_DEBUG_ANY, "%s\n", text.c_str());
-}
-
-int sendFailure(Operation* op, SlapReply* rs, vexCode code) {
-    send_vex_err_info(nullptr, "vexLdapSearch ", code, kFailureTextBytes - 1, failureText(), op, rs);
-    return rs->sr_err;
 }
 
 bool isLeaf(const Entry* entry) {
@@ -67,7 +62,10 @@ int openDatabase(BackendDB* be, ConfigReply* /*reply*/) try {
 int compare(Operation* op, SlapReply* rs) try {
     vexCode code = VEX_OK;
     const SharedEntry entry = findEntry(op, op->o_req_dn, op->o_req_ndn, {true, true}, &code);
-    if (code != VEX_OK) return sendFailure(op, rs, code);
+    if (code != VEX_OK) {
+        sendAgentFailure(op, rs, {nullptr, "vexLdapSearch ", code, Failure::In::Opening});
+        return rs->sr_err;
+    }
     SharedEntry matched;
     if (entry != nullptr) {
         rs->sr_err = slap_compare_entry(op, entry.get(), op->orc_ava);
@@ -76,14 +74,12 @@ int compare(Operation* op, SlapReply* rs) try {
         matched = findMatched(op, op->o_req_dn, op->o_req_ndn);
         rs->sr_matched = matched != nullptr ? matched->e_name.bv_val : nullptr;
     }
-    send_ldap_result(op, rs);
+    sendResult(op, rs);
     rs->sr_matched = nullptr;
     if (rs->sr_err == LDAP_COMPARE_TRUE || rs->sr_err == LDAP_COMPARE_FALSE) rs->sr_err = LDAP_SUCCESS;
     return rs->sr_err;
 } catch (const std::exception& error) {
-    JError("vex compare: %s", error.what());
-    send_ldap_error(op, rs, LDAP_OTHER, "internal error");
-    return LDAP_OTHER;
+    return sendInternalError(op, rs, error);
 }
 
 int refuseWrite(Operation* op, SlapReply* rs) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "standard/reply.h"
 
-#include "backend/base/failure.h"
 #include "search/sending.h"
+#include "standard/failure.h"
 
 #include "backend/base/slapd.h"
 
@@ -31,8 +31,7 @@ bool StandardReply::entry(Entry* entry, AttributeName* attributes) {
 }
 
 bool StandardReply::failed(const Failure& failure) {
-    send_vex_err_info(failure.session, failure.context, failure.code, kFailureTextBytes - 1, failureText(),
-                      m_op, m_rs);
+    sendAgentFailure(m_op, m_rs, failure);
     m_told = true;
     return false;
 }
@@ -44,7 +43,7 @@ bool StandardReply::pageEnds(OpenPage* page) {
         return false;
     }
     m_rs->sr_err = LDAP_SUCCESS;
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
     return true;
 }
 
@@ -58,7 +57,7 @@ void StandardReply::end() {
     m_rs->sr_err = m_result.result;
     m_rs->sr_text = m_result.text;
     m_rs->sr_matched = m_matched != nullptr ? m_matched->e_name.bv_val : nullptr;
-    send_ldap_result(m_op, m_rs);
+    sendResult(m_op, m_rs);
     m_rs->sr_matched = nullptr;
 }
 

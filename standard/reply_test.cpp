@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include "backend/base/agent_turns.h"
+#include "backend/base/failure.h"
 #include "search/entries.h"
 #include "search/fixture_testing.h"
 #include "search/reply.h"
@@ -100,6 +102,30 @@ TEST_F(StandardReplyTest, AFailureIsToldOnce) {
     EXPECT_TRUE(policy.isDecided());
     policy.end();
     EXPECT_EQ(sent(), "52");
+}
+
+TEST_F(StandardReplyTest, AFailureTellsItsKindAndWhatTheLogCallsTheRequest) {
+    m_operation.op()->o_opid = 7;
+    const std::string name = " (conn=" + std::to_string(m_operation.op()->o_connid) + " op=7)";
+    const struct {
+        vexCode code;
+        std::string text;
+    } cases[] = {
+        {kTooManyWait, "vex dirgate: too many requests wait for the agent"},
+        {VEX_BROKEN_SESSION, "call : Failed to communicate with vexagent due to broken session handle"},
+    };
+    for (const auto& one : cases) {
+        reply().failed({nullptr, "call ", one.code, Failure::In::Objects});
+        EXPECT_EQ(m_connection.sent().back().text, one.text + name);
+    }
+}
+
+TEST_F(StandardReplyTest, ALongTextOfAFailureLeavesRoomForTheRequest) {
+    reply().failed({nullptr, std::string(2000, 'x').c_str(), VEX_BROKEN_SESSION, Failure::In::Objects});
+    const std::string text = m_connection.sent().back().text;
+    EXPECT_LT(text.size(), static_cast<std::size_t>(kFailureTextBytes));
+    EXPECT_TRUE(text.starts_with("xxx"));
+    EXPECT_THAT(text, testing::MatchesRegex("x+ \\(conn=[0-9]+ op=[0-9]+\\)"));
 }
 
 TEST_F(StandardReplyTest, ABaseThatDoesNotExistIsToldWithTheEntryAboveIt) {

@@ -146,7 +146,6 @@ char* failureText() {
 
 int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text) {
     const Diagnosis diagnosis(session, context, code, size);
-    JPrintf("%s", diagnosis.text());
     std::memcpy(text, diagnosis.text(), std::strlen(diagnosis.text()) + 1);
     return diagnosis.result();
 }
@@ -154,6 +153,8 @@ int explainFailure(vexSession* session, const char* context, vexCode code, int s
 void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
                        Operation* op, SlapReply* rs) {
     rs->sr_err = explainFailure(session, context, code, size, text);
+    JPrintf("%s", text);
     rs->sr_text = text;
+    const Sending sending;
     send_ldap_result(op, rs);
 }

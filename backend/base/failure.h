@@ -15,14 +15,14 @@ char* failureText();
 inline constexpr char kTooManyWaitText[] = "vex dirgate: too many requests wait for the agent";
 
 // Finds out why a call to the agent failed (a broken session, an unhealthy
-// agent, wrong credentials, or the directory's own error), logs it and sends the
-// LDAP result, exactly one. kTooManyWait is a reason of its own.
+// agent, wrong credentials, or the directory's own error). kTooManyWait is a
+// reason of its own. Returns the LDAP result, and writes the text.
 //
 // context begins the text: the failing call's name and a blank. code is what it
-// answered. text and size name the caller's buffer; the reply's text points into
-// it, so it must live until the result is sent.
+// answered. text and size name the caller's buffer.
+int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text);
+
+// The same; logs it and sends the LDAP result, exactly one. The reply's text
+// points into the buffer, so it must live until the result is sent.
 void send_vex_err_info(vexSession* session, const char* context, vexCode code, int size, char* text,
                        Operation* op, SlapReply* rs);
-
-// The same without sending: the LDAP result, and its text in the buffer.
-int explainFailure(vexSession* session, const char* context, vexCode code, int size, char* text);
