@@ -113,6 +113,7 @@ bool EntrySearch::makeFilter() {
 }
 
 vexCode EntrySearch::openElsewhere() {
+    m_hasLookedElsewhere = true;
     if (!makeFilter()) return kFilterRefused;
     vexCode code = VEX_OK;
     const std::string real = realDn({m_wanted.dn.bv_val, m_wanted.dn.bv_len}, kinds(), &code);
@@ -229,7 +230,7 @@ SharedEntry findEntry(Operation* op, const berval& dn, const berval& ndn, const 
     EntrySearch search(op, wanted);
     if ((*code = search.open()) != VEX_OK) return nullptr;
     SharedEntry entry = onlyEntry(&search, code);
-    if (entry != nullptr || *code != VEX_OK) return entry;
+    if (entry != nullptr || *code != VEX_OK || search.hasLookedElsewhere()) return entry;
     if ((*code = search.openElsewhere()) != VEX_OK) return nullptr;
     return onlyEntry(&search, code);
 }

@@ -43,8 +43,10 @@ class EntrySearch {
 
     // Asks the cache, or the agent. VEX_OK, kFilterRefused, or the agent's code.
     vexCode open();
-    // The same, for a base that the directory has by another name, if it has it.
+    // The same, for a base that the directory has by another name, if it has it. Where
+    // the base was missing, open() has done so.
     vexCode openElsewhere();
+    bool hasLookedElsewhere() const { return m_hasLookedElsewhere; }
     // Goes on with what an earlier request has opened; false if that was another search.
     bool resume(SharedHandle handle);
 
@@ -74,6 +76,7 @@ class EntrySearch {
     ObjectSearch m_objects;
     References m_references;
     std::optional<PasswordPolicy> m_policy;  // once it was needed
+    bool m_hasLookedElsewhere = false;
 };
 
 // The entry of this name. Null with VEX_OK if there is none, else with the agent's code.

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cstdio>
 #include <exception>
 #include <utility>
 
-#include "backend/base/log.h"
 #include "search/reply.h"
+#include "standard/base_access.h"
 #include "standard/entries.h"
 #include "standard/extras.h"
+#include "standard/failure.h"
 #include "standard/operations.h"
 #include "standard/reply.h"
-#include "standard/slapd_entry.h"
-#include "vorn/dn.h"
 
 #include "backend/base/slapd.h"
 
@@ -30,10 +28,12 @@ class Search {
     void run();
 
   private:
+    bool baseIsOpen();
     bool assertionHolds();
     bool resumeOrOpen();
     bool deliver();
     void checkBase();
+    void tellMissingBase();
     void deliverBase(SharedEntry base);
     bool fail(Failure::In in, vexCode code) {
         return m_reply.fail({m_entries.session(), "vexLdapSearch ", code, in});
@@ -50,10 +50,29 @@ class Search {
 };
 
 void Search::run() {
-    const bool delivered = assertionHolds() && resumeOrOpen() && deliver();
+    const bool delivered = baseIsOpen() && assertionHolds() && resumeOrOpen() && deliver();
     if (delivered && m_reply.isPaged() && m_reply.endPage(m_entries.handle())) return;
     m_reply.end();
     m_entries.finish();
+}
+
+// Where the rules say no, it may be because there is no such entry.
+bool Search::baseIsOpen() {
+    Entry name{};
+    name.e_name = m_op->o_req_dn;
+    name.e_nname = m_op->o_req_ndn;
+    if (namesDecideAccess(*m_op) && accessToBase(m_op, &name) == BaseAccess::Granted) return true;
+    vexCode code = VEX_OK;
+    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, {true, true}, &code);
+    if (code != VEX_OK) return fail(Failure::In::Opening, code);
+    if (base == nullptr) {
+        tellMissingBase();
+        return false;
+    }
+    const BaseAccess access = accessToBase(m_op, base.get());
+    if (access == BaseAccess::Granted) return true;
+    return m_reply.reject(
+        {access == BaseAccess::Denied ? LDAP_INSUFFICIENT_ACCESS : LDAP_NO_SUCH_OBJECT, nullptr});
 }
 
 // RFC 4528: the base must be as the client believes.
@@ -118,6 +137,10 @@ void Search::checkBase() {
         deliverBase(std::move(base));
         return;
     }
+    tellMissingBase();
+}
+
+void Search::tellMissingBase() {
     m_matched = findMatched(m_op, m_op->o_req_dn, m_op->o_req_ndn);
     m_policy.noSuchBase(m_matched.get());
 }
@@ -135,9 +158,7 @@ int search(Operation* op, SlapReply* rs) try {
     Search(op, rs).run();
     return rs->sr_err;
 } catch (const std::exception& error) {
-    JError("vex search: %s", error.what());
-    send_ldap_error(op, rs, LDAP_OTHER, "internal error");
-    return LDAP_OTHER;
+    return sendInternalError(op, rs, error);
 }
 
 }  // namespace standard
