@@ -63,7 +63,7 @@ bool Search::baseIsOpen() {
     name.e_nname = m_op->o_req_ndn;
     if (namesDecideAccess(*m_op) && accessToBase(m_op, &name) == BaseAccess::Granted) return true;
     vexCode code = VEX_OK;
-    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, {true, true}, &code);
+    const SharedEntry base = findEntry(m_op, m_op->o_req_dn, m_op->o_req_ndn, m_wanted.extras, &code);
     if (code != VEX_OK) return fail(Failure::In::Opening, code);
     if (base == nullptr) {
         tellMissingBase();

@@ -3,12 +3,11 @@
 for other entries: as back-mdb has it."""
 import pytest
 
-import company
 from client import Compare, Connection, Search
 from compare import Comparison
-from conftest import Standard
 from judge import ldif
 from peer import Mdb
+from standard import Standard
 
 SUFFIX = b"dc=example,dc=com"
 PEOPLE = b"ou=People," + SUFFIX
