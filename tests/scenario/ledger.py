@@ -9,6 +9,7 @@ import time
 import psutil
 
 GROWTH = 4 << 20  # bytes; what a heap may wander
+KEPT = 10  # this part of the time is long enough for memory that is freed again
 LONG_ENOUGH = 120  # seconds for which a process has lived that is judged
 
 
@@ -24,7 +25,7 @@ class Memory:
 
     def growth(self):
         """The most that a life long enough has grown by, from the peak of its first third
-        to the peak of the rest."""
+        to what it has kept in the rest: what many large requests at once take comes and goes."""
         return max((self.growth_of(samples) for samples in self.lives.values()), default=0)
 
     @staticmethod
@@ -34,7 +35,10 @@ class Memory:
             return 0
         third = begun + (ended - begun) / 3
         peak = max(memory for when, memory in samples if when <= third)
-        return max(memory for when, memory in samples if when > third) - peak
+        rest = [memory for when, memory in samples if when > third]
+        stretch = max(1, len(rest) // KEPT)
+        kept = max(min(rest[first:first + stretch]) for first in range(0, len(rest) - stretch + 1, stretch))
+        return max(0, kept - peak)
 
     def __str__(self):
         return ", ".join(f"{samples[0][1] >> 10} to {max(memory for _, memory in samples) >> 10} KiB in {samples[-1][0] - samples[0][0]:.0f} s"

@@ -35,7 +35,7 @@ def pair(request, shared_world, judged, agent, map_file, dn_names):
     rules = RULES[request.param]
     name = request.param.replace(" ", "-")
     peer = Mdb(shared_world.folder, shared_world.running_servers, ldif(judged), name=name, access=rules).start()
-    directives = (f'vextranslation "{map_file}"', *Standard.DIRECTIVES)
+    directives = (f'vextranslation "{map_file}"', *Standard.MODE)
     gateway = Standard(shared_world.folder, shared_world.running_servers, env=agent.env, directives=directives, access=rules).start()
     comparison = Comparison(Connection(peer.port), Connection(gateway.port), dn_names)
     yield comparison

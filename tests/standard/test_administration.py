@@ -27,7 +27,7 @@ class Host(Standard):
     """A gateway of one test, which may be made wrong."""
 
     def __init__(self, world, map_file, **parts):
-        super().__init__(world.folder, world.running_servers, directives=(f'vextranslation "{map_file}"', *self.DIRECTIVES), **parts)
+        super().__init__(world.folder, world.running_servers, directives=(f'vextranslation "{map_file}"', *self.MODE), **parts)
 
     def test(self, *options):
         """slaptest's status and words."""
@@ -77,7 +77,7 @@ def test_with_the_other_schema_of_hosts_slapd_starts_and_warns(world):
 
 def test_a_failure_tells_its_kind_and_the_request_s_name_in_slapd_s_log(world, map_file):
     gateway = Standard(world.folder, world.running_servers, debug="stats",
-                       directives=(f'vextranslation "{map_file}"', *Standard.DIRECTIVES)).start()
+                       directives=(f'vextranslation "{map_file}"', *Standard.MODE)).start()
     for question in (lambda: gateway.connect().search_s(PEOPLE, ldap.SCOPE_SUBTREE, "(uid=ann)"),
                      lambda: gateway.connect().compare_s(ANN, "uid", b"ann")):
         with pytest.raises(ldap.UNAVAILABLE) as caught:
