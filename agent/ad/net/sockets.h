@@ -2,6 +2,7 @@
 // TCP connections that are there in time or not at all.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +15,7 @@
 namespace vexagent {
 
 // How long a controller gets to take a connection.
-inline constexpr milliseconds kConnectTime{1000};
+inline constexpr std::chrono::milliseconds kConnectTime{1000};
 
 // A connected, blocking, close-on-exec socket, or the reason why there is none. The host's
 // addresses are tried one after the other.
