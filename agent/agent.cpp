@@ -74,11 +74,9 @@ EmbeddedOptions embeddedOptions(const Config& config) {
             vorn::systemTime, config.leastId, config.passwordChange};
 }
 
-// A domain's passwords are changed by Kerberos only.
 std::unique_ptr<Directory> openDomain(const Config& config) {
     auto network = std::make_unique<LdapNetwork>(config.ad);
-    const bool changes = config.passwordChange && config.ad.transport == Transport::Gssapi;
-    PasswordChanger* const changer = changes ? network.get() : nullptr;
+    PasswordChanger* const changer = config.passwordChange ? network.get() : nullptr;
     return std::make_unique<AdDirectory>(config.ad, std::move(network), changer);
 }
 

@@ -44,6 +44,8 @@ Result kerberosError(const KdcFailure& failure, const std::string& text) {
     return {VEX_DIRECTORY_ERROR, VEX_ERR_KERBEROS, failure.code, text, text + ": " + failure.text};
 }
 
+constexpr char kNotSaid[] = "the domain has not said whether the password was changed";
+
 // What follows "data " in a controller's text.
 int reasonIn(const std::string& text) {
     int reason = 0;
@@ -116,19 +118,23 @@ Result loginFailure(const KdcFailure& failure, const Entry& account, std::time_t
 }
 
 Result changeFailure(const ChangeFailure& failure) {
-    const KdcFailure& why = failure.why;
+    const auto* kdc = std::get_if<KdcFailure>(&failure.why);
+    const auto* ldap = std::get_if<LdapFailure>(&failure.why);
+    const std::string& why = kdc != nullptr ? kdc->text : ldap->text;
     switch (failure.of) {
         // It was accepted a moment ago.
         case ChangeFailure::Of::OldPassword:
-            return loginFailure(why, {}, 0);
+            return kdc != nullptr ? loginFailure(*kdc, {}, 0) : loginFailure(*ldap);
         case ChangeFailure::Of::NewPassword:
-            return badNewPassword("the domain does not take this new password").because(why.text);
+            return badNewPassword("the domain does not take this new password").because(why);
         case ChangeFailure::Of::Leave:
             return Result::ldap(VEX_REFUSED, LDAP_INSUFFICIENT_ACCESS,
                                 "the account may not change its password")
-                .because(why.text);
+                .because(why);
         default:
-            return kerberosError(why, "the domain has not said whether the password was changed");
+            if (kdc != nullptr) return kerberosError(*kdc, kNotSaid);
+            return {VEX_DIRECTORY_ERROR, VEX_ERR_LDAP, ldap->code, kNotSaid,
+                    std::string(kNotSaid) + ": " + why};
     }
 }
 

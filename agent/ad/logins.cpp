@@ -89,6 +89,7 @@ Verdict Logins::askAs(Login& login, NamedEntries found, const Deadline& deadline
         return askInVain(login, deadline, noSuchUser());
     login.account = guidText(account->first("objectGUID"));
     login.name = account->first("sAMAccountName");
+    login.dn = account->dn;
     const Verdict verdict = checkAccount(login, *account, deadline);
     if (!verdict.accepted()) return verdict;
     if (const std::optional<Result> refusal = unreadableState(*account)) return *refusal;
@@ -127,7 +128,8 @@ Result Logins::changePassword(PasswordChanger& changer, const std::string& user,
         if (m_memory) learn(login, verdict);
         return verdict.result();
     }
-    const auto changed = changer.changePassword(*login.domain, {login.name, oldPassword, newPassword}, end);
+    const auto changed =
+        changer.changePassword(*login.domain, {login.name, login.dn, oldPassword, newPassword}, end);
     if (m_memory) m_memory->forget(login.user, login.account);
     return changed ? Result() : changeFailure(changed.error());
 }

@@ -39,6 +39,7 @@ class Logins {
         std::optional<Place> domain{};  // that is asked
         std::string account{};          // the GUID's text
         std::string name{};             // the account's sAMAccountName
+        std::string dn{};               // and its DN
     };
     Deadline within(milliseconds time) const { return {m_network.clock(), time}; }
     bool isOfJoined(const std::string& user) const;

@@ -85,14 +85,27 @@ TEST_F(ADomainsPasswordChange, WithoutANewOneAsksNobody) {
 }
 
 TEST_F(ADomainsPasswordChange, TellsWhyTheDomainDoesNotMakeIt) {
-    m_changer.failure = {Of::NewPassword, {KRB5_KPASSWD_SOFTERROR, "too short"}};
+    m_changer.failure = {Of::NewPassword, KdcFailure{KRB5_KPASSWD_SOFTERROR, "too short"}};
     EXPECT_EQ(change(m_ann, "ann", "n"), "16 19 the domain does not take this new password");
-    m_changer.failure = {Of::Leave, {KRB5_KPASSWD_ACCESSDENIED, "no"}};
+    m_changer.failure = {Of::Leave, KdcFailure{KRB5_KPASSWD_ACCESSDENIED, "no"}};
     EXPECT_EQ(change(m_ann, "ann", "n"), "16 50 the account may not change its password");
-    m_changer.failure = {Of::Service, {KRB5_KDC_UNREACH, "no answer"}};
+    m_changer.failure = {Of::Service, KdcFailure{KRB5_KDC_UNREACH, "no answer"}};
     EXPECT_EQ(m_logins->changePassword(m_changer, m_ann, "ann", "n").code, VEX_DIRECTORY_ERROR);
-    m_changer.failure = {Of::OldPassword, {KRB5KDC_ERR_PREAUTH_FAILED, "changed meanwhile"}};
+    m_changer.failure = {Of::OldPassword, KdcFailure{KRB5KDC_ERR_PREAUTH_FAILED, "changed meanwhile"}};
     EXPECT_EQ(change(m_ann, "ann", "n"), "14 49 wrong password");
+}
+
+TEST_F(ADomainsPasswordChange, TellsTheSameWhereTheDomainWasAskedByLdap) {
+    m_changer.failure = {Of::NewPassword, LdapFailure(LDAP_CONSTRAINT_VIOLATION, "0000052D: too short")};
+    EXPECT_EQ(change(m_ann, "ann", "n"), "16 19 the domain does not take this new password");
+    m_changer.failure = {Of::Leave, LdapFailure(LDAP_INSUFFICIENT_ACCESS, "no")};
+    EXPECT_EQ(change(m_ann, "ann", "n"), "16 50 the account may not change its password");
+    m_changer.failure = {Of::OldPassword, LdapFailure(LDAP_INVALID_CREDENTIALS, "data 52e")};
+    EXPECT_EQ(change(m_ann, "ann", "n"), "14 49 wrong password");
+    m_changer.failure = {Of::OldPassword, LdapFailure(LDAP_SERVER_DOWN, "gone", true)};
+    EXPECT_EQ(m_logins->changePassword(m_changer, m_ann, "ann", "n").code, VEX_UNAVAILABLE);
+    m_changer.failure = {Of::Service, LdapFailure(LDAP_TIMEOUT, "dc1: no answer", true)};
+    EXPECT_EQ(change(m_ann, "ann", "n"), "8 -5 the domain has not said whether the password was changed");
 }
 
 // Nobody may log in with the old one while the domain is out of reach, under any name; not
@@ -102,7 +115,7 @@ TEST_F(ADomainsPasswordChange, EndsWhatIsRememberedOfTheOldOne) {
         ASSERT_TRUE(m_logins->authenticate(m_ann, fails ? "n3w" : "ann", {}).accepted());
         ASSERT_TRUE(m_logins->authenticate("ann@example.com", fails ? "n3w" : "ann", {}).accepted());
         ASSERT_TRUE(m_logins->remembersAnybody());
-        if (fails) m_changer.failure = {Of::Service, {KRB5_KDC_UNREACH, "no answer"}};
+        if (fails) m_changer.failure = {Of::Service, KdcFailure{KRB5_KDC_UNREACH, "no answer"}};
         change(m_ann, fails ? "n3w" : "ann", "n3w");
         EXPECT_FALSE(m_logins->remembersAnybody()) << fails;
     }

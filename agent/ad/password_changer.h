@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <variant>
 
 #include "agent/ad/network.h"
 
@@ -11,6 +12,7 @@ namespace vexagent {
 
 struct PasswordChange {
     std::string account;  // its sAMAccountName
+    std::string dn;
     const std::string& oldPassword;
     const std::string& newPassword;
 };
@@ -23,7 +25,7 @@ struct ChangeFailure {
         Service       // did not answer as it should: nobody knows which password holds
     };
     Of of;
-    KdcFailure why;
+    std::variant<KdcFailure, LdapFailure> why;
 };
 
 class PasswordChanger {

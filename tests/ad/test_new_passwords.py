@@ -16,8 +16,14 @@ def served(world, transport, **more):
     return agent, world.slapd(agent).start()
 
 
-def test_a_new_password_counts_at_once(world, states_domain):
-    agent, slapd = served(world, "gssapi", agent__password__change="true")
+@pytest.fixture(params=["gssapi", "starttls", "ldaps"])
+def transport(request):
+    """By Kerberos, or over TLS by the person's own log-in."""
+    return request.param
+
+
+def test_a_new_password_counts_at_once(world, states_domain, transport):
+    agent, slapd = served(world, transport, agent__password__change="true")
     old, new = f"Aa1.{random_password(20)}", f"Aa1.{random_password(20)}"
     states_domain.set_password(REAL, old, None)
     assert change(agent, WHO, "wrong", new) == "14 49 wrong password"
@@ -29,8 +35,8 @@ def test_a_new_password_counts_at_once(world, states_domain):
     assert [len(copies(agent, secret)) for secret in (old, new)] == [0, 0]
 
 
-def test_the_domain_says_which_passwords_it_takes(world, states_domain):
-    agent, slapd = served(world, "gssapi", agent__password__change="true")
+def test_the_domain_says_which_passwords_it_takes(world, states_domain, transport):
+    agent, slapd = served(world, transport, agent__password__change="true")
     old = f"Aa1.{random_password(20)}"
     states_domain.set_password(REAL, old, None)
     states_domain.modify(f"dn: {SUFFIX}\nchangetype: modify\nreplace: minPwdLength\nminPwdLength: 14\n", None)
@@ -39,8 +45,23 @@ def test_the_domain_says_which_passwords_it_takes(world, states_domain):
     assert change(agent, WHO, old, "a password that is long enough") == "0 0"
 
 
-@pytest.mark.parametrize("transport, allowed", [("gssapi", "false"), ("ldaps", "true")])
-def test_otherwise_no_password_is_changed(world, transport, allowed):
-    agent, slapd = served(world, transport, agent__password__change=allowed)
+def test_letters_of_all_kinds_are_as_good_as_others(world, states_domain, transport):
+    agent, slapd = served(world, transport, agent__password__change="true")
+    old, new = f"Aa1.{random_password(20)}", f"Aa1.ÄÖ€😀{random_password(20)}"
+    states_domain.set_password(REAL, old, None)
+    assert change(agent, WHO, old, new) == "0 0"
+    slapd.connect(WHO, new).unbind_s()
+
+
+def test_who_may_not_log_in_changes_no_password(world, states_domain, transport):
+    """Whatever the state is: also the one who must change it, who asks a controller."""
+    agent, _ = served(world, transport, agent__password__change="true")
+    for name in ("s-disabled", "s-mustchange"):
+        answer = change(agent, f"cn={name},ou=States,{SUFFIX}", "welcome", f"Aa1.{random_password(20)}")
+        assert answer.split()[1] == "49", answer
+
+
+def test_otherwise_no_password_is_changed(world, transport):
+    agent, slapd = served(world, transport)
     assert change(agent, WHO, "welcome", "new") == "4 53 this agent changes no passwords"
     slapd.connect(WHO, "welcome").unbind_s()

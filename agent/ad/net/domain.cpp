@@ -103,6 +103,18 @@ Linked<Done> Domain::workOn(std::unique_ptr<Link> link, const Attempt& attempt) 
 
 Expected<Accepted, LdapFailure> Domain::tryPassword(const std::string& dn, const std::string& password,
                                                     const Deadline& deadline) {
+    std::optional<Accepted> accepted;
+    const auto asked = askOne(deadline, [&](Link& link) -> Expected<Done, LdapFailure> {
+        const auto checked = link.checkPassword(dn, password, deadline);
+        if (!checked) return vorn::unexpected(checked.error());
+        accepted = *checked;
+        return Done();
+    });
+    if (!asked) return vorn::unexpected(asked.error());
+    return *accepted;
+}
+
+Expected<Done, LdapFailure> Domain::askOne(const Deadline& deadline, const Question& ask) {
     if (auto some = m_locator.waitForSome(deadline); !some)
         return vorn::unexpected(LdapFailure(some.error()));
     LinkFailure failure{outOfTime()};
@@ -115,11 +127,11 @@ Expected<Accepted, LdapFailure> Domain::tryPassword(const std::string& dn, const
             failure = fault(peer, open, deadline, link.error());
             continue;
         }
-        auto accepted = (*link)->checkPassword(dn, password, deadline);
-        const bool late = !accepted && accepted.error().lost && deadline.passed();
+        auto answer = ask(**link);
+        const bool late = !answer && answer.error().lost && deadline.passed();
         if (late && m_controllers.hasAnsweredSince(peer, deadline.begin()))
             return vorn::unexpected(outOfTime());
-        return accepted;
+        return answer;
     }
     return vorn::unexpected(LdapFailure(failure));
 }

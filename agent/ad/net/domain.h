@@ -41,6 +41,11 @@ class Domain {
     Expected<Accepted, LdapFailure> tryPassword(const std::string& dn, const std::string& password,
                                                 const Deadline& deadline);
 
+    // Asks one controller, once, on a connection of its own, on which nobody has introduced
+    // himself.
+    using Question = std::function<Expected<Done, LdapFailure>(Link&)>;
+    Expected<Done, LdapFailure> askOne(const Deadline& deadline, const Question& ask);
+
     // What is to be done from time to time, apart from requests: trying controllers
     // that have failed, closing what nobody uses, looking for controllers anew.
     void tend();

@@ -200,10 +200,15 @@ Linked<Done> LdapLink::bind(const std::string& name, const std::string& password
     const int sent =
         ldap_sasl_bind(m_ldap.get(), name.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, &id);
     if (sent != LDAP_SUCCESS) return vorn::unexpected(failure(sent));
+    return waitForResult(id, LDAP_RES_BIND, deadline);
+}
+
+// Good only when the answer to this operation, and no other message, says so.
+Linked<Done> LdapLink::waitForResult(int id, int type, const Deadline& deadline) {
     const auto answer = waitFor(id, deadline);
     if (!answer) return vorn::unexpected(answer.error());
     const auto end =
-        ldap_msgtype(answer->get()) == LDAP_RES_BIND ? parseEnd(m_ldap.get(), answer->get()) : std::nullopt;
+        ldap_msgtype(answer->get()) == type ? parseEnd(m_ldap.get(), answer->get()) : std::nullopt;
     if (end && end->code == LDAP_SUCCESS) return Done();
     LinkFailure refusal = failure(end ? end->code : LDAP_DECODING_ERROR);
     if (end && end->more != nullptr && *end->more != '\0') refusal.text = textOf(end->code, end->more);
@@ -223,6 +228,25 @@ Expected<Accepted, LdapFailure> LdapLink::checkPassword(const std::string& dn, c
     const auto bound = bind(dn, password, deadline);
     if (!bound) return vorn::unexpected(LdapFailure(bound.error()));
     return BindProof::make();
+}
+
+Expected<Done, LdapFailure> LdapLink::changePassword(const std::string& dn, const vorn::Secret& from,
+                                                     const vorn::Secret& to, const Deadline& deadline) {
+    // The library only reads all of it, but its records know no const.
+    char attribute[] = "unicodePwd";
+    berval values[] = {{from.size(), const_cast<char*>(from.text().data())},
+                       {to.size(), const_cast<char*>(to.text().data())}};
+    berval* removed[] = {&values[0], nullptr};
+    berval* added[] = {&values[1], nullptr};
+    LDAPMod remove{LDAP_MOD_DELETE | LDAP_MOD_BVALUES, attribute, {}};
+    LDAPMod add{LDAP_MOD_ADD | LDAP_MOD_BVALUES, attribute, {}};
+    remove.mod_bvalues = removed;
+    add.mod_bvalues = added;
+    LDAPMod* changes[] = {&remove, &add, nullptr};
+    int id = 0;
+    const int sent = ldap_modify_ext(m_ldap.get(), dn.c_str(), changes, nullptr, nullptr, &id);
+    if (sent != LDAP_SUCCESS) return vorn::unexpected(LdapFailure(failure(sent)));
+    return outside(waitForResult(id, LDAP_RES_MODIFY, deadline));
 }
 
 LdapLink::~LdapLink() {

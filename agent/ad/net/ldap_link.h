@@ -38,6 +38,8 @@ class LdapLink : public Link {
     Linked<Event> next(int id, const Deadline& deadline) override;
     Expected<Accepted, LdapFailure> checkPassword(const std::string& dn, const std::string& password,
                                                   const Deadline& deadline) override;
+    Expected<Done, LdapFailure> changePassword(const std::string& dn, const vorn::Secret& from,
+                                               const vorn::Secret& to, const Deadline& deadline) override;
     bool looksUsable() const override;
 
     // ---- For whoever opens it.
@@ -62,6 +64,7 @@ class LdapLink : public Link {
     Linked<Done> startTls(const Deadline& deadline);
     Linked<Done> askForTls(const Deadline& deadline);
     Linked<LdapMessage> waitFor(int id, const Deadline& deadline);
+    Linked<Done> waitForResult(int id, int type, const Deadline& deadline);
     Linked<Event> readEntry(LDAPMessage* message);
     Linked<Event> readEnd(LDAPMessage* message);
     LinkFailure failure(int code);

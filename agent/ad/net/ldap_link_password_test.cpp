@@ -61,6 +61,39 @@ TEST_F(LinkTest, AnEmptyPasswordOrNameIsShownToNobody) {
     EXPECT_EQ(controller.count(Asked::Kind::Bind), 0u);
 }
 
+// ----------------------------------------------------------------- new passwords
+
+TEST_F(LinkTest, APasswordIsChangedWhenTheControllerSaysSo) {
+    ScriptedController controller;
+    controller.answer([](Asked& asked, Talk& talk) {
+        if (asked.kind == Asked::Kind::Other) talk.result(LDAP_RES_MODIFY, asked.id, LDAP_SUCCESS);
+        return asked.kind == Asked::Kind::Other;
+    });
+    const vorn::Secret from("a"), to("b");
+    EXPECT_TRUE(plain(controller)->changePassword("CN=Ann,DC=x", from, to, within(kPlenty)));
+    EXPECT_EQ(controller.count(Asked::Kind::Other), 1u);
+}
+
+TEST_F(LinkTest, NoOtherAnswerChangesAPassword) {
+    const std::vector<std::pair<const char*, Say>> answers = {
+        {"a rule", [](const Asked& asked,
+                      Talk& talk) { talk.result(LDAP_RES_MODIFY, asked.id, LDAP_CONSTRAINT_VIOLATION); }},
+        {"a bind's",
+         [](const Asked& asked, Talk& talk) { talk.result(LDAP_RES_BIND, asked.id, LDAP_SUCCESS); }},
+        {"garbage", [](const Asked&, Talk& talk) { talk.bytes("\x30\x03\x02\x01"); }},
+        {"nothing", [](const Asked&, Talk&) {}},
+    };
+    const vorn::Secret from("a"), to("b");
+    for (const auto& [what, say] : answers) {
+        ScriptedController controller;
+        controller.answer([say = say](Asked& asked, Talk& talk) {
+            say(asked, talk);
+            return true;
+        });
+        EXPECT_FALSE(plain(controller)->changePassword("CN=Ann,DC=x", from, to, within(kShort))) << what;
+    }
+}
+
 // --------------------------------------------------------------- the agent itself
 
 TEST_F(LinkTest, TheServicePasswordIsShownUnderTlsOnly) {

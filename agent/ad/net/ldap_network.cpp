@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "agent/ad/net/ldap_password_change.h"
 #include "agent/ad/net/password_change.h"
 #include "agent/ad/net/password_check.h"
 #include "agent/ad/net/searching.h"
@@ -123,6 +124,7 @@ Expected<Accepted, KdcFailure> LdapNetwork::askKdc(const Place& place, const std
 
 Expected<Done, ChangeFailure> LdapNetwork::changePassword(const Place& place, const PasswordChange& change,
                                                           const Deadline& deadline) {
+    if (m_options.transport != Transport::Gssapi) return changeByLdap(at(place), change, deadline);
     KdcConversation kdc([this](const std::string& realm) { return controllersOf(realm); }, deadline);
     return changeByKerberos(m_options, kdc, change, at(place).name(), deadline);
 }

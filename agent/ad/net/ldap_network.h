@@ -35,7 +35,7 @@ class LdapNetwork : public Network, public PasswordChanger {
                                          const std::string& password, const Deadline& deadline) override;
     Expected<Accepted, KdcFailure> askKdc(const Place& place, const std::string& account,
                                           const std::string& password, const Deadline& deadline) override;
-    // By Kerberos.
+    // In the way that passwords are checked: by Kerberos, or over TLS.
     Expected<Done, ChangeFailure> changePassword(const Place& place, const PasswordChange& change,
                                                  const Deadline& deadline) override;
     Expected<Done, LdapFailure> probe(const Place& place, Look look, const Deadline& deadline) override;

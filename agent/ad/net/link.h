@@ -14,6 +14,7 @@
 #include "agent/ad/net/peer.h"
 #include "agent/ad/net/srv.h"
 #include "agent/ad/network.h"
+#include "vorn/secret.h"
 
 namespace vexagent {
 
@@ -62,6 +63,11 @@ class Link {
     // Whether this is the password of the DN: asks once. Only on a connection with TLS.
     virtual Expected<Accepted, LdapFailure> checkPassword(const std::string& dn, const std::string& password,
                                                           const Deadline& deadline) = 0;
+
+    // Takes one password of the DN away and adds another, both as the attribute unicodePwd has
+    // them: asks once. Only on a connection with TLS, and once the first one was right there.
+    virtual Expected<Done, LdapFailure> changePassword(const std::string& dn, const vorn::Secret& from,
+                                                       const vorn::Secret& to, const Deadline& deadline) = 0;
 
     // Whether an idle connection may still be used, as far as can be told without asking.
     virtual bool looksUsable() const = 0;

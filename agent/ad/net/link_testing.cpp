@@ -58,6 +58,19 @@ class FakeLink : public Link {
         return vorn::unexpected(LdapFailure(LDAP_INVALID_CREDENTIALS, "data 52e"));
     }
 
+    Expected<Done, LdapFailure> changePassword(const std::string& dn, const vorn::Secret& from,
+                                               const vorn::Secret& to, const Deadline& deadline) override {
+        const std::lock_guard lock(m_connector.m_mutex);
+        m_connector.events.push_back("change " + peer().host + " " + dn + " " + readable(from) + " " +
+                                     readable(to));
+        if (controller().hangsAtChanges || !waitFor(deadline)) {
+            m_connector.clock.set(deadline.end());
+            return vorn::unexpected(LdapFailure(LDAP_TIMEOUT, "no answer in time", true));
+        }
+        if (controller().refusesChange) return vorn::unexpected(LdapFailure(*controller().refusesChange));
+        return Done();
+    }
+
     bool looksUsable() const override {
         const std::lock_guard lock(m_connector.m_mutex);
         return !isLost() && m_connector.controllers.at(peer().host).keepsIdle;
@@ -71,6 +84,13 @@ class FakeLink : public Link {
         std::optional<std::vector<Entry>> found{};
         std::size_t at = 0;
     };
+
+    // Of an attribute's bytes those that are letters.
+    static std::string readable(const vorn::Secret& value) {
+        std::string text = value.text();
+        std::erase(text, '\0');
+        return text;
+    }
 
     FakeController& controller() { return m_connector.controllers.at(peer().host); }
 

@@ -31,6 +31,8 @@ struct FakeController {
     std::size_t most = 1000;       // entries that are sent at once
     std::string password = "welcome";
     std::optional<LinkFailure> refusesBind{};
+    std::optional<LinkFailure> refusesChange{};
+    bool hangsAtChanges = false;
     // What it holds; by default whatever is asked finds nothing.
     std::function<Linked<std::vector<Entry>>(const LdapSearch&)> answer{};
     // Failures of the next searches, one each.

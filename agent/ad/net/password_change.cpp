@@ -19,11 +19,11 @@ constexpr char kService[] = "kadmin/changepw";
 using Of = ChangeFailure::Of;
 
 ChangeFailure failed(Of of, const KrbFailure& failure) {
-    return {of, {static_cast<int>(failure.code), failure.text}};
+    return {of, KdcFailure{static_cast<int>(failure.code), failure.text}};
 }
 
 ChangeFailure lost(const std::string& why) {
-    return {Of::Service, {KRB5_KDC_UNREACH, why}};
+    return {Of::Service, KdcFailure{KRB5_KDC_UNREACH, why}};
 }
 
 // Sends a message that must not be sent again, and reads the reply.
@@ -44,12 +44,13 @@ Expected<Done, ChangeFailure> outcomeOf(const PasswordReply& reply) {
         case KRB5_KPASSWD_SUCCESS:
             return Done();
         case KRB5_KPASSWD_SOFTERROR:
-            return vorn::unexpected(ChangeFailure{Of::NewPassword, {reply.code, reply.text}});
+            return vorn::unexpected(ChangeFailure{Of::NewPassword, KdcFailure{reply.code, reply.text}});
         case KRB5_KPASSWD_ACCESSDENIED:
-            return vorn::unexpected(ChangeFailure{Of::Leave, {reply.code, reply.text}});
+            return vorn::unexpected(ChangeFailure{Of::Leave, KdcFailure{reply.code, reply.text}});
         default:
             return vorn::unexpected(ChangeFailure{
-                Of::Service, {KRB5KRB_ERR_GENERIC, "code " + std::to_string(reply.code) + " " + reply.text}});
+                Of::Service,
+                KdcFailure{KRB5KRB_ERR_GENERIC, "code " + std::to_string(reply.code) + " " + reply.text}});
     }
 }
 
