@@ -47,7 +47,7 @@ class ChangeByLdap : public testing::Test {
   protected:
     ChangeByLdap() {
         m_connector.controllers["dc1"];
-        m_connector.options.servers = {"dc1"};
+        m_connector.options.controllers.servers = {"dc1"};
         m_connector.options.transport = Transport::Ldaps;
     }
     FakeController& controller() { return m_connector.controllers["dc1"]; }
