@@ -12,6 +12,7 @@ namespace {
 std::size_t bytesOf(const GuidList& guids) {
     std::size_t bytes =
         heapBytes(kSharedRecord + sizeof guids) + heapBytes(guids.capacity() * sizeof guids.front());
+    if (guids.hasVerdicts()) bytes += heapBytes(guids.size() * sizeof(GuidList::Verdict));
     for (const std::string& guid : guids) bytes += heapBytes(guid);
     return bytes;
 }

@@ -26,14 +26,13 @@
 #include <vector>
 
 #include "cache/counts.h"
+#include "cache/guid_list.h"
 #include "cache/table.h"
 #include "vex/handles.h"
 #include "vex/vex.h"
 #include "vorn/clock.h"
 #include "vorn/lock.h"
 #include "vorn/thread.h"
-
-using GuidList = std::vector<std::string>;
 
 // Something that others made from a cached object and keep with it. The cache
 // never looks inside; its deleter may be called by any thread, without a lock of

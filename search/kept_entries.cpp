@@ -30,8 +30,8 @@ void noteSpecialClasses(Entry& entry) {
 // What an entry kept with its inputs takes of the heap. Names that others share count as
 // if they were its own: it may be the last to have them.
 std::size_t bytesOf(const LdifRequest& inputs, const Entry& entry) {
-    std::size_t bytes = heapBytes(kSharedRecord + sizeof(KeptEntry)) +
-                        heapBytes(kSharedRecord + flatSize(entry)) + heapBytes(inputs.objectType) +
+    std::size_t bytes = heapBytes(kSharedRecord + sizeof(KeptEntry)) + sharedCopyBytes(entry) +
+                        heapBytes(inputs.objectType) +
                         heapBytes(kSharedRecord + sizeof(std::vector<std::string>)) +
                         heapBytes(inputs.requested.size() * sizeof(std::string));
     for (const std::string& name : inputs.requested) bytes += heapBytes(name);
@@ -43,6 +43,10 @@ std::size_t bytesOf(const LdifRequest& inputs, const Entry& entry) {
 SharedEntry sharedCopy(Entry& entry) {
     noteSpecialClasses(entry);
     return flatCopy(entry);
+}
+
+std::size_t sharedCopyBytes(const Entry& entry) {
+    return heapBytes(kSharedRecord + flatSize(entry));
 }
 
 SharedEntry KeptEntries::find(const FoundObject& found) const {

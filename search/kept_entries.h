@@ -7,6 +7,8 @@
 // dies with it, and is sent again. At most one is kept for each object, the newest.
 #pragma once
 
+#include <cstddef>
+
 #include "cache/search_cache.h"
 #include "search/handles.h"
 #include "search/objects.h"
@@ -15,6 +17,8 @@
 // A copy of an entry for others to read, in one block of memory: no thread writes into it
 // any more.
 SharedEntry sharedCopy(Entry& entry);
+// What it takes of the heap.
+std::size_t sharedCopyBytes(const Entry& entry);
 
 // Those that one request may use and make. Safe for use by one thread; what it
 // keeps is shared by all.

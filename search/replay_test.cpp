@@ -74,7 +74,7 @@ class ReplayTest : public searchtest::Fixture {
     }
     // Puts a list into the cache as a search would have.
     static void remember(const GuidList& guids, const std::string& key = kKey) {
-        cache().putList(key, std::make_shared<GuidList>(guids));
+        cache().putList(key, std::make_shared<GuidList>(guids.begin(), guids.end()));
     }
     static SearchCacheManager& cache() {
         SearchCacheManager* manager = SearchCacheManager::GetCacheManager();

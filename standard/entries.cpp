@@ -5,10 +5,12 @@
 #include <utility>
 
 #include "backend/base/settings.h"
-#include "search/flat_entry.h"
+#include "cache/heap.h"
 #include "search/kept_entries.h"
+#include "standard/filter_key.h"
 #include "standard/membership.h"
 #include "standard/names.h"
+#include "standard/onlookers.h"
 #include "standard/slapd_entry.h"
 #include "standard/spellings.h"
 #include "vorn/clock.h"
@@ -73,21 +75,18 @@ const Kinds& usedKinds() {
     return kinds();
 }
 
-// What the client asks, in slapd's text: a cached answer costs no question in the agent's
-// terms. Values are in slapd's normal form, so that equal filters are equal texts. What begins
-// it is no filter: these keys are apart from others.
+// What the client asks, in its own terms: a cached answer costs no question in the agent's.
+// What begins it is no filter: these keys are apart from others.
 std::string EntrySearch::key() const {
+    // A longer one is not cached, and an open page keeps no more of it.
+    constexpr std::size_t kMost = SearchCacheManager::kMaxKeyBytes;
+    constexpr std::size_t kUsual = 256;
     std::string key = "=";
-    if (m_wanted.filter != nullptr) {
-        berval text{};
-        filter2bv_x(m_op, m_wanted.filter, &text);
-        key.append(text.bv_val, text.bv_len);
-        m_op->o_tmpfree(text.bv_val, m_op->o_tmpmemctx);
-    }
+    key.reserve(kUsual);
+    if (m_wanted.filter != nullptr) appendFilterKey(m_wanted.filter, kMost, &key);
     key.append(std::to_string(m_wanted.scope));
     key.append(m_wanted.ndn.bv_val, m_wanted.ndn.bv_len);
-    // A longer one is not cached, and an open page keeps no more of it.
-    key.resize(std::min(key.size(), SearchCacheManager::kMaxKeyBytes + 1));
+    key.resize(std::min(key.size(), kMost + 1));
     return key;
 }
 
@@ -135,7 +134,7 @@ SharedEntry EntrySearch::next(vexCode* code) {
     while ((*code = m_objects.next(&found)) == VEX_OK) {
         SharedEntry entry = entryOf(found, code);
         if (*code != VEX_OK) break;
-        if (entry != nullptr && isWanted(entry.get())) return entry;
+        if (entry != nullptr && isWanted(found, entry.get())) return entry;
     }
     return nullptr;
 }
@@ -165,11 +164,13 @@ SharedEntry EntrySearch::entryOf(const FoundObject& found, vexCode* code) {
     SharedEntry copy = sharedCopy(*entry);
     m_objects.cache()->setAttachment(*found.cachedAs, found.serial,
                                      std::make_shared<const Kept>(Kept{whole, references, copy}),
-                                     flatSize(*entry));
+                                     heapBytes(kSharedRecord + sizeof(Kept)) + sharedCopyBytes(*entry));
     return copy;
 }
 
 vexCode EntrySearch::addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown) {
+    const berval& top = m_op->o_bd->be_suffix[0];
+    const std::string suffix(top.bv_val, top.bv_len);
     std::vector<std::string> dns;
     vexCode code = VEX_OK;
     if (m_references.areWanted() && References::areIn(*shown)) code = m_references.show(shown);
@@ -179,10 +180,10 @@ vexCode EntrySearch::addExtras(const Kind& kind, const AgentObject& object, Show
     }
     if (code != VEX_OK) return code;
     if (kind.sort == Sort::Group && m_wanted.extras.members) {
-        code = memberDns(m_op, object, &dns);
+        code = memberDns(suffix, object, &dns);
         addValues(kind, "member", std::move(dns), shown);
     } else if (kind.sort == Sort::Person && m_wanted.extras.memberOf) {
-        code = groupDns(m_op, object, &dns);
+        code = groupDns(suffix, object, &dns);
         addValues(kind, "memberOf", std::move(dns), shown);
     }
     return code;
@@ -202,7 +203,36 @@ vexCode EntrySearch::readPolicy() {
     return VEX_OK;
 }
 
-bool EntrySearch::isWanted(Entry* entry) const {
+// That of the list that is replayed, whose key is the search.
+GuidList::Verdict* EntrySearch::verdictOn(const FoundObject& found) const {
+    if (!m_wanted.lasting || found.cachedAs == nullptr) return nullptr;
+    const GuidList& list = *m_objects.handle()->cache.guidList;
+    return list.verdictAt(static_cast<std::size_t>(found.cachedAs - list.data()));
+}
+
+bool EntrySearch::maySearchAll(Entry* entry) {
+    if (!m_maySearchAll)
+        m_maySearchAll = m_wanted.filter == nullptr || allowSearch(m_op, entry, m_wanted.filter);
+    return *m_maySearchAll;
+}
+
+// A verdict is on the very object that the cache has now, which its serial names.
+bool EntrySearch::isWanted(const FoundObject& found, Entry* entry) {
+    GuidList::Verdict* const verdict = verdictOn(found);
+    if (verdict == nullptr || !maySearchAll(entry)) return isTrueFor(entry);
+    const std::uint64_t known = verdict->load(std::memory_order_relaxed);
+    if (known >> 1 == found.serial) return (known & 1) != 0;
+    const bool wanted = isTrueFor(entry);
+    verdict->store(found.serial << 1 | (wanted ? 1U : 0U), std::memory_order_relaxed);
+    return wanted;
+}
+
+void EntrySearch::finish() {
+    if (m_wanted.lasting) m_objects.makeVerdicts();
+    m_objects.finish();
+}
+
+bool EntrySearch::isTrueFor(Entry* entry) const {
     if (!dnIsSuffixScope(&entry->e_nname, const_cast<berval*>(&m_wanted.ndn), m_wanted.scope)) return false;
     return m_wanted.filter == nullptr || test_filter(m_op, entry, m_wanted.filter) == LDAP_COMPARE_TRUE;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "cache/guid_list.h"
 #include "search/handles.h"
 #include "standard/extras.h"
 #include "standard/kinds.h"
@@ -33,6 +34,10 @@ struct Wanted {
     int scope;          // LDAP's
     Filter* filter;     // null: true for all
     Extras extras;
+    // Whether the filter's truth for an entry hangs on nothing but the object that it is made
+    // of, for clients that may search all that it is about. Then it is found out once for an
+    // object in the cache.
+    bool lasting = false;
 };
 
 // For use by one thread.
@@ -55,7 +60,7 @@ class EntrySearch {
     SharedEntry next(vexCode* code);
 
     // Tells the cache what was found.
-    void finish() { m_objects.finish(); }
+    void finish();
 
     vexSession* session() const { return m_objects.session(); }
     const SharedHandle& handle() const { return m_objects.handle(); }
@@ -68,11 +73,15 @@ class EntrySearch {
     SharedEntry entryOf(const FoundObject& found, vexCode* code);
     vexCode readPolicy();
     vexCode addExtras(const Kind& kind, const AgentObject& object, ShownEntry* shown);
-    bool isWanted(Entry* entry) const;
+    GuidList::Verdict* verdictOn(const FoundObject& found) const;
+    bool isWanted(const FoundObject& found, Entry* entry);
+    bool maySearchAll(Entry* entry);
+    bool isTrueFor(Entry* entry) const;
 
     Operation* const m_op;
     const Wanted& m_wanted;
     std::optional<std::string> m_filter;  // the agent's, once it was needed; empty: nothing can match
+    std::optional<bool> m_maySearchAll;   // once it was needed
     ObjectSearch m_objects;
     References m_references;
     std::optional<PasswordPolicy> m_policy;  // once it was needed

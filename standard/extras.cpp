@@ -6,6 +6,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "standard/filter_node.h"
 #include "vorn/strings.h"
 
 #include "backend/base/slapd.h"
@@ -21,25 +22,14 @@ AttributeDescription* describe(const char* name) {
 
 // Whether a filter asserts anything of the attribute, or of a type that it is of.
 bool mentions(const Filter* filter, AttributeDescription* attribute) {
-    if (filter == nullptr) return false;
-    switch (filter->f_choice & SLAPD_FILTER_MASK) {
-        case LDAP_FILTER_AND:
-        case LDAP_FILTER_OR:
-        case LDAP_FILTER_NOT:
-            for (const Filter* one = filter->f_list; one != nullptr; one = one->f_next)
-                if (mentions(one, attribute)) return true;
-            return false;
-        case LDAP_FILTER_PRESENT:
-            return is_ad_subtype(attribute, filter->f_desc) != 0;
-        case LDAP_FILTER_SUBSTRINGS:
-            return is_ad_subtype(attribute, filter->f_sub_desc) != 0;
-        case LDAP_FILTER_EXT:
-            return filter->f_mr_desc == nullptr || is_ad_subtype(attribute, filter->f_mr_desc) != 0;
-        case SLAPD_FILTER_COMPUTED:
-            return false;
-        default:
-            return is_ad_subtype(attribute, filter->f_av_desc) != 0;
+    if (filter == nullptr || choiceOf(filter) == SLAPD_FILTER_COMPUTED) return false;
+    if (!isList(filter)) {
+        AttributeDescription* const asserted = assertedIn(filter);
+        return asserted == nullptr || is_ad_subtype(attribute, asserted) != 0;
     }
+    for (const Filter* one = filter->f_list; one != nullptr; one = one->f_next)
+        if (mentions(one, attribute)) return true;
+    return false;
 }
 
 // Whether a set's text has the name as a word, or at the end of one.
@@ -85,6 +75,16 @@ bool asksForAll(const Operation* op, AttributeDescription* attribute) {
     return op->ors_attrs == nullptr || ad_inlist(attribute, op->ors_attrs) != 0;
 }
 
+// The schema's; null: it has none.
+struct Types {
+    AttributeDescription* member = nullptr;
+    AttributeDescription* memberOf = nullptr;
+};
+Types& types() {
+    static Types theOnes;
+    return theOnes;
+}
+
 Extras& wantedByRules() {
     static Extras theOnes;
     return theOnes;
@@ -93,32 +93,37 @@ Extras& wantedByRules() {
 }  // namespace
 
 void learnRules(const BackendDB* be) {
-    const auto isRead = [be](const char* name) {
-        AttributeDescription* const attribute = describe(name);
+    types() = {describe("member"), describe("memberOf")};
+    const auto isRead = [be](AttributeDescription* attribute) {
         return anyReads(be->be_acl, attribute) || anyReads(frontendDB->be_acl, attribute);
     };
     Extras& extras = wantedByRules();
-    extras.members = extras.members || isRead("member");
-    extras.memberOf = extras.memberOf || isRead("memberOf");
+    extras.members = extras.members || isRead(types().member);
+    extras.memberOf = extras.memberOf || isRead(types().memberOf);
 }
 
 Extras extrasFor(AttributeDescription* attribute) {
-    const auto isOf = [attribute](const char* name) {
-        AttributeDescription* const one = describe(name);
+    const auto isOf = [attribute](AttributeDescription* one) {
         return attribute == nullptr || (one != nullptr && is_ad_subtype(one, attribute) != 0);
     };
-    return {isOf("member"), isOf("memberOf")};
+    return {isOf(types().member), isOf(types().memberOf)};
 }
 
 Extras extrasOf(const Operation* op) {
-    AttributeDescription* const member = describe("member");
-    AttributeDescription* const memberOf = describe("memberOf");
+    const auto [member, memberOf] = types();
     Extras extras = wantedByRules();
     if (member != nullptr && (asksForAll(op, member) || mentions(op->ors_filter, member)))
         extras.members = true;
     if (memberOf != nullptr && (asksByName(op, memberOf) || mentions(op->ors_filter, memberOf)))
         extras.memberOf = true;
     return extras;
+}
+
+bool isAboutOthers(const Filter* filter) {
+    const auto [member, memberOf] = types();
+    return (member != nullptr && mentions(filter, member)) ||
+           (memberOf != nullptr && mentions(filter, memberOf)) ||
+           mentions(filter, slap_schema.si_ad_hasSubordinates);
 }
 
 }  // namespace standard

@@ -12,7 +12,8 @@ struct Extras {
 };
 
 // What slapd's access rules, of the database and of all, read of the entries that they are
-// about: from now on every search wants it. Called before the first operation. What a
+// about: from now on every search wants it. Called once the schema is known, before the first
+// operation. What a
 // dynamic rule reads is not known.
 void learnRules(const BackendDB* be);
 
@@ -21,5 +22,8 @@ Extras extrasFor(AttributeDescription* attribute);
 
 // What a search wants: the client, its filter, or slapd's rules.
 Extras extrasOf(const Operation* op);
+
+// Whether a filter asserts anything of what is made of other objects, and changes with them.
+bool isAboutOthers(const Filter* filter);
 
 }  // namespace standard

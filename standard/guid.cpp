@@ -32,16 +32,35 @@ std::optional<std::string> bytesOfText(std::string_view text) {
     return bytes;
 }
 
+// From the one order of bytes to the other.
+void turnNumbers(std::string* bytes) {
+    std::reverse(bytes->begin(), bytes->begin() + 4);
+    std::reverse(bytes->begin() + 4, bytes->begin() + 6);
+    std::reverse(bytes->begin() + 6, bytes->begin() + 8);
+}
+
 }  // namespace
 
 std::optional<std::string> guidOfUuid(std::string_view uuid) {
     std::optional<std::string> bytes =
         uuid.size() == kBytes ? std::optional(std::string(uuid)) : bytesOfText(uuid);
     if (!bytes) return std::nullopt;
-    std::reverse(bytes->begin(), bytes->begin() + 4);
-    std::reverse(bytes->begin() + 4, bytes->begin() + 6);
-    std::reverse(bytes->begin() + 6, bytes->begin() + 8);
+    turnNumbers(&*bytes);
     return bytes;
+}
+
+std::string uuidOfGuid(std::string_view guid) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    if (guid.size() != kBytes) return "";
+    std::string bytes(guid);
+    turnNumbers(&bytes);
+    std::string text;
+    for (const char c : bytes) {
+        if (isHyphen(text.size())) text += '-';
+        const auto byte = static_cast<unsigned char>(c);
+        text += {kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    return text;
 }
 
 }  // namespace standard

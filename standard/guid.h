@@ -13,4 +13,7 @@ namespace standard {
 // text; nothing for anything else.
 std::optional<std::string> guidOfUuid(std::string_view uuid);
 
+// The text of the UUID that a GUID's 16 bytes are; empty for anything else.
+std::string uuidOfGuid(std::string_view guid);
+
 }  // namespace standard

@@ -26,5 +26,10 @@ TEST(TheGuidOfAUuid, IsNoneOfOtherText) {
         EXPECT_EQ(guidOfUuid(text), std::nullopt) << text;
 }
 
+TEST(TheUuidOfAGuid, IsItsText) {
+    EXPECT_EQ(uuidOfGuid(kGuid), "00112233-4455-6677-8899-aabbccddeeff");
+    EXPECT_EQ(uuidOfGuid("short"), "");
+}
+
 }  // namespace
 }  // namespace standard

@@ -6,10 +6,10 @@
 #include <map>
 #include <utility>
 
+#include "standard/agent_filter.h"
 #include "standard/entries.h"
 #include "standard/names.h"
 #include "standard/slapd_entry.h"
-#include "vorn/escape.h"
 #include "vorn/strings.h"
 
 #include "backend/base/slapd.h"
@@ -23,16 +23,15 @@ constexpr std::size_t kMostNamesInAFilter = 512;
 
 using Names = std::vector<std::string>;
 
-std::string equality(const std::string& attribute, std::string_view value) {
-    std::string filter = "(" + attribute + "=";
-    vorn::appendFilterValue(&filter, value);
-    return filter + ")";
+std::string equality(const char* attribute, std::string_view value) {
+    return AgentFilter::equality(attribute, value).text();
 }
 
-std::string anyOf(const std::string& attribute, const Names& values, std::size_t from, std::size_t to) {
-    std::string filter = "(|";
-    for (std::size_t i = from; i < to; ++i) filter += equality(attribute, values[i]);
-    return filter + ")";
+// Of one value at least.
+std::string anyOf(const char* attribute, const Names& values, std::size_t from, std::size_t to) {
+    std::vector<AgentFilter> any;
+    for (std::size_t i = from; i < to; ++i) any.push_back(AgentFilter::equality(attribute, values[i]));
+    return AgentFilter::combine(AgentFilter::Operator::Or, any).text();
 }
 
 const Kind* kindOfSort(Sort sort) {
@@ -42,12 +41,10 @@ const Kind* kindOfSort(Sort sort) {
 }
 
 // All objects of the kind that the filter finds, and that are shown.
-vexCode forEach(Operation* op, const Kind& kind, const std::string& filter,
+vexCode forEach(const std::string& suffix, const Kind& kind, const std::string& filter,
                 const std::function<void(const AgentObject&)>& take) {
-    const berval& suffix = op->o_bd->be_suffix[0];
     ObjectSearch search;
-    vexCode code = search.open(
-        {"(&" + kind.condition + filter + ")", {suffix.bv_val, suffix.bv_len}, LDAP_SCOPE_SUBTREE});
+    vexCode code = search.open({"(&" + kind.condition + filter + ")", suffix, LDAP_SCOPE_SUBTREE});
     if (code != VEX_OK) return code;
     FoundObject found;
     while ((code = search.next(&found)) == VEX_OK) {
@@ -112,7 +109,7 @@ std::optional<std::string> peopleOfGroup(std::string_view ndn) {
 
 }  // namespace
 
-vexCode memberDns(Operation* op, const AgentObject& group, std::vector<std::string>* dns) {
+vexCode memberDns(const std::string& suffix, const AgentObject& group, std::vector<std::string>* dns) {
     const Kind* people = kindOfSort(Sort::Person);
     if (people == nullptr) return VEX_OK;
     const Kind* groups = kindOfSort(Sort::Group);
@@ -121,7 +118,7 @@ vexCode memberDns(Operation* op, const AgentObject& group, std::vector<std::stri
     for (std::size_t from = 0; from < names.size(); from += kNamesInAFilter) {
         const std::size_t to = std::min(names.size(), from + kNamesInAFilter);
         const vexCode code = forEach(
-            op, *people, anyOf(kAccountName, names, from, to),
+            suffix, *people, anyOf(kAccountName, names, from, to),
             [&](const AgentObject& person) { found[person.first(kAccountName)] = shownDn(*people, person); });
         if (code != VEX_OK) return code;
     }
@@ -131,11 +128,11 @@ vexCode memberDns(Operation* op, const AgentObject& group, std::vector<std::stri
     return VEX_OK;
 }
 
-vexCode groupDns(Operation* op, const AgentObject& person, std::vector<std::string>* dns) {
+vexCode groupDns(const std::string& suffix, const AgentObject& person, std::vector<std::string>* dns) {
     const Kind* groups = kindOfSort(Sort::Group);
     const std::string& name = person.first(kAccountName);
     if (groups == nullptr || name.empty()) return VEX_OK;
-    return forEach(op, *groups, equality("memberUid", name), [&](const AgentObject& group) {
+    return forEach(suffix, *groups, equality("memberUid", name), [&](const AgentObject& group) {
         const Names members = memberNames(*groups, group);
         // The agent compares as directories do: the name itself decides.
         if (std::find(members.begin(), members.end(), name) != members.end())

@@ -9,7 +9,6 @@
 #include "standard/shown_entry.h"
 #include "standard/slapd_entry.h"
 #include "vorn/dn.h"
-#include "vorn/escape.h"
 #include "vorn/strings.h"
 
 #include "backend/base/slapd.h"
@@ -19,23 +18,12 @@ namespace {
 
 constexpr int kMostLevelsUp = 64;
 
-void addEquality(const std::string& attribute, const std::string& value, std::string* filter) {
-    filter->append("(").append(attribute).append("=");
-    vorn::appendFilterValue(filter, value);
-    filter->append(")");
-}
-
 // Objects that are shown with this value as their "cn=", or really have it.
 std::string namedSo(const std::string& value, const Kinds& kinds) {
-    std::vector<std::string> attributes = {"cn"};
-    for (const Kind& kind : kinds) {
-        if (!kind.naming.empty() &&
-            std::find(attributes.begin(), attributes.end(), kind.naming) == attributes.end())
-            attributes.push_back(kind.naming);
-    }
-    std::string filter = "(|";
-    for (const std::string& attribute : attributes) addEquality(attribute, value, &filter);
-    return filter + ")";
+    std::vector<AgentFilter> any = {AgentFilter::equality("cn", value)};
+    for (const Kind& kind : kinds)
+        if (!kind.naming.empty()) any.push_back(AgentFilter::equality(kind.naming, value));
+    return AgentFilter::combine(AgentFilter::Operator::Or, any).text();
 }
 
 bool hasOneSpelling(const std::string& dn) {

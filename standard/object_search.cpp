@@ -66,6 +66,13 @@ bool ObjectSearch::resume(const std::string& key, SharedHandle handle) {
     return true;
 }
 
+// (A list that is replayed has its room already.)
+void ObjectSearch::makeVerdicts() {
+    const SharedHandle& open = m_source.handle();
+    if (open != nullptr && open->search != nullptr && open->cache.guidList != nullptr)
+        open->cache.guidList->makeVerdicts();
+}
+
 vexCode ObjectSearch::next(FoundObject* found) {
     if (m_objects == nullptr) return VEX_END_OF_RESULTS;
     for (;;) {

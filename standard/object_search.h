@@ -47,6 +47,8 @@ class ObjectSearch {
     const SharedHandle& handle() const { return m_source.handle(); }
     SearchCacheManager* cache() const { return m_source.cache(); }
 
+    // Makes room for verdicts on the objects, before they are over.
+    void makeVerdicts();
     // The objects are over: the cache is told what was found.
     void finish() { m_source.tellCache(); }
 

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "standard/operations.h"
 
+#include <algorithm>
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "backend/base/log.h"
 #include "backend/base/settings.h"
@@ -26,13 +28,12 @@ void complain(const std::string& text) {
 }
 
 bool isLeaf(const Entry* entry) {
-    for (const Kind& kind : usedKinds()) {
-        if (kind.sort != Sort::Other) continue;
-        const berval name = {kind.structural.size(), const_cast<char*>(kind.structural.data())};
-        const Attribute* structural = attr_find(entry->e_attrs, slap_schema.si_ad_structuralObjectClass);
-        if (structural != nullptr && bvmatch(&structural->a_vals[0], &name)) return false;
-    }
-    return true;
+    const Attribute* structural = attr_find(entry->e_attrs, slap_schema.si_ad_structuralObjectClass);
+    if (structural == nullptr) return true;
+    const std::string_view name(structural->a_vals[0].bv_val, structural->a_vals[0].bv_len);
+    return std::none_of(usedKinds().begin(), usedKinds().end(), [name](const Kind& kind) {
+        return kind.sort == Sort::Other && kind.structural == name;
+    });
 }
 
 // slapd knows no other name of an entry here.

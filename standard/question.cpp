@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "standard/agent_filter.h"
+#include "standard/filter_node.h"
 #include "standard/guid.h"
 #include "vorn/attribute_name.h"
 #include "vorn/escape.h"
@@ -25,36 +26,8 @@ using Operator = AgentFilter::Operator;
 constexpr std::size_t kMostQuestionBytes = std::size_t{1} << 19;
 constexpr std::size_t kMostQuestionParts = 4096;
 
-// slapd sets a further bit in a node when its schema does not know the attribute.
-ber_tag_t choiceOf(const Filter* node) {
-    return node->f_choice & SLAPD_FILTER_MASK;
-}
-
-bool isList(const Filter* node) {
-    const ber_tag_t choice = choiceOf(node);
-    return choice == LDAP_FILTER_AND || choice == LDAP_FILTER_OR || choice == LDAP_FILTER_NOT;
-}
-
 std::string_view viewOf(const berval& text) {
     return text.bv_val == nullptr ? std::string_view() : std::string_view(text.bv_val, text.bv_len);
-}
-
-const AttributeDescription* assertedIn(const Filter* node) {
-    switch (choiceOf(node)) {
-        case LDAP_FILTER_PRESENT:
-            return node->f_desc;
-        case LDAP_FILTER_SUBSTRINGS:
-            return node->f_sub_desc;
-        case LDAP_FILTER_EXT:
-            return node->f_mr_desc;
-        case LDAP_FILTER_EQUALITY:
-        case LDAP_FILTER_APPROX:
-        case LDAP_FILTER_GE:
-        case LDAP_FILTER_LE:
-            return node->f_av_desc;
-        default:
-            return nullptr;
-    }
 }
 
 // The name alone is safe to read: slapd fills little else of the description of an

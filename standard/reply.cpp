@@ -9,7 +9,7 @@
 namespace standard {
 
 StandardReply::StandardReply(Operation* op, SlapReply* rs)
-    : m_op(op), m_rs(rs), m_paging(op, PagedResults::Cookies::Each) {}
+    : m_op(op), m_rs(rs), m_paging(op, PagedResults::Cookies::Each), m_asked(op) {}
 
 void StandardReply::rejected(const Rejection& why) {
     m_result = why;
@@ -17,7 +17,7 @@ void StandardReply::rejected(const Rejection& why) {
 
 // An entry that access control hides is none.
 bool StandardReply::entry(Entry* entry, AttributeName* attributes) {
-    switch (sendEntry(m_op, m_rs, entry, attributes)) {
+    switch (sendEntry(m_op, m_rs, m_asked.of(entry), attributes)) {
         case LDAP_SUCCESS:
         case LDAP_INSUFFICIENT_ACCESS:
             return true;

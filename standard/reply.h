@@ -4,6 +4,7 @@
 
 #include "search/paging.h"
 #include "search/reply_policy.h"
+#include "standard/asked_part.h"
 
 #include "backend/base/slapd_fwd.h"
 
@@ -35,6 +36,7 @@ class StandardReply final : public ReplyPolicy {
     Operation* const m_op;
     SlapReply* const m_rs;
     PagedResults m_paging;
+    AskedPart m_asked;
     Rejection m_result{0, nullptr};
     const Entry* m_matched = nullptr;
     bool m_told = false;  // the client has its result, or there is nobody to have it

@@ -7,6 +7,7 @@
 #include "standard/entries.h"
 #include "standard/extras.h"
 #include "standard/failure.h"
+#include "standard/onlookers.h"
 #include "standard/operations.h"
 #include "standard/reply.h"
 
@@ -15,6 +16,10 @@
 namespace standard {
 namespace {
 
+bool isLasting(const Operation* op) {
+    return treatEntriesAlike(op) && !isAboutOthers(op->ors_filter);
+}
+
 // The steps of one search. Each tells whether it goes on.
 class Search {
   public:
@@ -22,7 +27,7 @@ class Search {
         : m_op(op),
           m_policy(op, rs),
           m_reply(op, rs, &m_policy, PagedResults::Cookies::Each),
-          m_wanted{op->o_req_dn, op->o_req_ndn, op->ors_scope, op->ors_filter, extrasOf(op)},
+          m_wanted{op->o_req_dn, op->o_req_ndn, op->ors_scope, op->ors_filter, extrasOf(op), isLasting(op)},
           m_entries(op, m_wanted) {}
 
     void run();

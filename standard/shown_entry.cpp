@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "standard/guid.h"
 #include "vex/handles.h"
 #include "vorn/dn.h"
 
@@ -16,24 +17,6 @@ using Values = AgentObject::Values;
 // People without a uidNumber that are members of a group, by account name.
 constexpr char kUnnumberedMember[] = "_unnumberedMember";
 
-// RFC 4122 has the number's fields in network order; a GUID's first three are the other
-// way round.
-std::string uuidText(const std::string& guid) {
-    static constexpr int kOrder[] = {3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15};
-    static constexpr char kDigits[] = "0123456789abcdef";
-    if (guid.size() != 16) return "";
-    std::string text;
-    for (const int at : kOrder) {
-        if (at < 0) {
-            text += '-';
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(guid[static_cast<std::size_t>(at)]);
-        text += {kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-    return text;
-}
-
 // "20260102030405.0Z" without its fraction, which slapd's own times never have.
 std::string timeText(const std::string& time) {
     const std::size_t dot = time.find('.');
@@ -43,7 +26,7 @@ std::string timeText(const std::string& time) {
 std::string shownValue(Form form, const std::string& value) {
     switch (form) {
         case Form::Uuid:
-            return uuidText(value);
+            return uuidOfGuid(value);
         case Form::Time:
             return timeText(value);
         default:

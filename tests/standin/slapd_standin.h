@@ -35,6 +35,8 @@ AttributeDescription* knowAttributeWithFlags(const std::string& name, unsigned s
 
 // test_filter answers this; LDAP_COMPARE_TRUE after resetSlapd.
 void filterAnswers(int code);
+// test_filter does this from now on, until resetSlapd.
+void testFiltersWith(std::function<int(Entry*, const Filter*)> test);
 // str2entry refuses texts that hold this; besides, those without a "dn:" line.
 void rejectEntriesWith(const std::string& part);
 // How many texts str2entry was given since resetSlapd.
@@ -48,6 +50,12 @@ BackendInfo* registeredBackend();
 
 // An entry as text, one "name: value" a line, values as they are.
 std::string entryText(const Entry* entry);
+
+// With the library slapd_directory, which has what slapd does with entries and names: what a
+// filter is for an entry, three-valued, comparing text; and the attributes that no client may
+// search or disclose.
+int evaluate(Entry* entry, const Filter* filter);
+void hideFromSearch(std::vector<std::string> attributes);
 
 struct SentControl {
     std::string oid;

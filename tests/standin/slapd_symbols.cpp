@@ -43,6 +43,7 @@ struct Slapd {
     std::map<std::string, std::unique_ptr<Known>, IgnoringCase> undefined;
     std::string rejected;
     int filterCode = LDAP_COMPARE_TRUE;
+    std::function<int(Entry*, const Filter*)> filterTest;
     int parsedTexts = 0;
     int liveEntries = 0;
     BackendInfo* backend = nullptr;
@@ -62,6 +63,15 @@ std::unique_ptr<Known> describe(const std::string& name, unsigned syntaxFlags) {
     known->type.sat_cname = known->description.ad_cname;
     known->type.sat_syntax = &known->syntax;
     known->syntax.ssyn_flags = syntaxFlags;
+    known->syntax.ssyn_validate = [](Syntax*, berval*) -> int { return LDAP_SUCCESS; };
+    static MatchingRule textRule = [] {
+        MatchingRule rule{};
+        rule.smr_normalize = [](slap_mask_t, Syntax*, MatchingRule*, berval*, berval*, void*) -> int {
+            return LDAP_OTHER;  // slapd_directory has its own way
+        };
+        return rule;
+    }();
+    known->type.sat_equality = &textRule;
     return known;
 }
 
@@ -144,6 +154,7 @@ void resetSlapd() {
     s.undefined.clear();
     s.rejected.clear();
     s.filterCode = LDAP_COMPARE_TRUE;
+    s.filterTest = nullptr;
     s.parsedTexts = 0;
     s.liveEntries = 0;
     s.backend = nullptr;
@@ -164,6 +175,11 @@ AttributeDescription* knowAttributeWithFlags(const std::string& name, unsigned s
 void filterAnswers(int code) {
     std::lock_guard guard(slapd().mutex);
     slapd().filterCode = code;
+}
+
+void testFiltersWith(std::function<int(Entry*, const Filter*)> test) {
+    std::lock_guard guard(slapd().mutex);
+    slapd().filterTest = std::move(test);
 }
 
 void rejectEntriesWith(const std::string& part) {
@@ -304,6 +320,13 @@ Entry* str2entry(char* text) {
     return nullptr;  // NOLINT(clang-analyzer-unix.Malloc): the analyzer does not see that it is freed
 }
 
+Entry* entry_alloc() {
+    const standin::Inside inside;
+    std::lock_guard guard(slapd().mutex);
+    slapd().liveEntries++;
+    return static_cast<Entry*>(std::calloc(1, sizeof(Entry)));
+}
+
 // No entry here is of a special class. That it was asked is noted as slapd does.
 int is_entry_objectclass(Entry* entry, ObjectClass* /*objectClass*/, unsigned flags) {
     if (flags & SLAP_OCF_SET_FLAGS) entry->e_ocflags |= SLAP_OC__END;
@@ -324,9 +347,14 @@ void entry_free(Entry* entry) {
     slapd().liveEntries--;
 }
 
-int test_filter(Operation*, Entry*, Filter*) {
-    std::lock_guard guard(slapd().mutex);
-    return slapd().filterCode;
+int test_filter(Operation*, Entry* entry, Filter* filter) {
+    std::function<int(Entry*, const Filter*)> test;
+    {
+        std::lock_guard guard(slapd().mutex);
+        if (!slapd().filterTest) return slapd().filterCode;
+        test = slapd().filterTest;
+    }
+    return test(entry, filter);
 }
 
 }  // extern "C"
