@@ -96,6 +96,7 @@ int testAssertion(Entry* entry, const Filter* filter) {
     const AttributeDescription* asserted = choice == LDAP_FILTER_PRESENT      ? filter->f_desc
                                            : choice == LDAP_FILTER_SUBSTRINGS ? filter->f_sub_desc
                                                                               : filter->f_av_desc;
+    if (asserted == nullptr) return SLAPD_COMPARE_UNDEFINED;
     for (const Attribute* one = entry->e_attrs; one != nullptr; one = one->a_next) {
         if (!isNamed(one->a_desc, asserted)) continue;
         if (choice == LDAP_FILTER_PRESENT) return LDAP_COMPARE_TRUE;
